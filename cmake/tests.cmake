@@ -1,0 +1,29 @@
+# core_tests, one executable of all C++ tests, and the peers that Python tests talk to.
+
+enable_testing()
+find_package(GTest REQUIRED)
+include(GoogleTest)
+
+file(GLOB_RECURSE test_sources CONFIGURE_DEPENDS tests/*.cpp)
+list(FILTER test_sources EXCLUDE REGEX "/tests/(python|fuzz)/|/tests/support/json_peer\\.cpp$")
+if(NOT TARGET brackenfen_distribution)
+  list(FILTER test_sources EXCLUDE REGEX "/tests/tools/")
+endif()
+
+if(test_sources)
+  add_executable(core_tests ${test_sources})
+  target_link_libraries(core_tests PRIVATE brackenfen_sync_core OpenSSL::SSL OpenSSL::Crypto GTest::gmock_main)
+  if(TARGET brackenfen_distribution)
+    target_link_libraries(core_tests PRIVATE brackenfen_distribution)
+    add_dependencies(core_tests brackenfen-distribution)
+  endif()
+  target_compile_definitions(core_tests PRIVATE BRACKENFEN_SOURCE_DIR="${PROJECT_SOURCE_DIR}" BRACKENFEN_BINARY_DIR="${CMAKE_BINARY_DIR}")
+  brackenfen_warnings(core_tests)
+  gtest_discover_tests(core_tests DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120)
+endif()
+
+if(EXISTS ${PROJECT_SOURCE_DIR}/tests/support/json_peer.cpp)
+  add_executable(json_peer tests/support/json_peer.cpp)
+  target_link_libraries(json_peer PRIVATE brackenfen_sync_core)
+  brackenfen_warnings(json_peer)
+endif()
