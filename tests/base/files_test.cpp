@@ -1,0 +1,143 @@
+// Paths, descriptors and digests, against real directories.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <thread>
+
+#include "sync/base/descriptor.hpp"
+#include "sync/base/environment.hpp"
+#include "sync/base/error.hpp"
+#include "sync/base/paths.hpp"
+#include "sync/base/sha256.hpp"
+#include "tests/support/temporary_directory.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+class Files : public ::testing::Test {
+ protected:
+  [[nodiscard]] std::string at(std::string_view name) const { return root_ / name; }
+  void link(const std::string& target, const std::string& name) const { ASSERT_EQ(::symlink(target.c_str(), at(name).c_str()), 0); }
+
+  TemporaryDirectory root_;
+};
+
+TEST(Paths, joinAndCutAsTextsOnly) {
+  EXPECT_EQ(join_path("a", "b"), "a/b");
+  EXPECT_EQ(join_path("a/", "b"), "a/b");
+  EXPECT_EQ(join_path("", "b"), "b");
+  EXPECT_EQ(join_path("a", ""), "a/");
+  EXPECT_EQ(join_path("a", "/b"), "/b");
+  EXPECT_EQ(directory_of("/a//b"), "/a");
+  EXPECT_EQ(directory_of("//a"), "//");
+  EXPECT_EQ(directory_of("a"), "");
+  EXPECT_EQ(directory_of("a/"), "a");
+  EXPECT_EQ(absolute_path("/a/./b//../c/"), "/a/c");
+  EXPECT_EQ(absolute_path("/../.."), "/");
+  EXPECT_EQ(absolute_path("//a"), "//a");
+  EXPECT_EQ(absolute_path("x/.."), real_path(std::filesystem::current_path().string()));
+}
+
+TEST_F(Files, realPathFollowsLinksAsFarAsThePathExists) {
+  make_directories(at("dir/inner"));
+  link("dir/inner", "relative");
+  link(at("dir"), "absolute");
+  link("nowhere/x", "dangling");
+  link("loop-b", "loop-a");
+  link("loop-a", "loop-b");
+  const struct {
+    const char* given;
+    const char* resolved;
+  } rows[] = {
+      {"relative", "dir/inner"},
+      {"relative/..", "dir"},
+      {"relative/../missing/./x", "dir/missing/x"},
+      {"absolute/inner/missing", "dir/inner/missing"},
+      {"dangling", "nowhere/x"},
+      {"dangling/../y", "nowhere/y"},
+      {"missing/../dir", "dir"},
+      {"loop-a", "loop-a"},
+      {"loop-a/x", "loop-a/x"},
+  };
+  for (const auto& row : rows) EXPECT_EQ(real_path(at(row.given)), at(row.resolved)) << row.given;
+  EXPECT_EQ(real_path("/missing-at-the-root/../.."), "/");
+}
+
+TEST_F(Files, makeDirectoriesCreatesParentsAndAcceptsWhatIsThere) {
+  make_directories(at("a/b/c/"));
+  EXPECT_TRUE(is_directory(at("a/b/c")));
+  make_directories(at("a/b"));
+  root_.write("file", "");
+  EXPECT_TRUE(path_exists(at("file")));
+  EXPECT_FALSE(is_directory(at("file")));
+  EXPECT_THROW(make_directories(at("file")), Error);
+  EXPECT_THROW(make_directories(at("file/below")), Error);
+}
+
+TEST(Paths, expandUserNeedsAHome) {
+  const std::string home = Environment::real().get("HOME").value_or("");
+  ::setenv("HOME", "/home/someone/", 1);
+  EXPECT_EQ(expand_user("~"), "/home/someone");
+  EXPECT_EQ(expand_user("~/x"), "/home/someone/x");
+  EXPECT_EQ(expand_user("a/~"), "a/~");
+  EXPECT_EQ(expand_user("~no-such-user-here/x"), "~no-such-user-here/x");
+  ::setenv("HOME", home.c_str(), 1);
+  EXPECT_EQ(expand_user("~root/x"), "/root/x");
+}
+
+TEST_F(Files, descriptorsCarryWholeContents) {
+  std::string content(300'000, 'x');
+  content[70'000] = '\0';
+  {
+    Descriptor file = open_file(at("file"), O_CREAT | O_WRONLY);
+    EXPECT_NE(::fcntl(file.get(), F_GETFD) & FD_CLOEXEC, 0);
+    write_all(file, content, at("file"));
+    file.close();
+    EXPECT_FALSE(file);
+  }
+  EXPECT_EQ(read_file(at("file")), content);
+  EXPECT_FALSE(read_file("/proc/self/stat").empty());  // its size reads as 0
+}
+
+TEST_F(Files, aPipeIsReadToItsEnd) {
+  ASSERT_EQ(::mkfifo(at("pipe").c_str(), 0600), 0);
+  const std::string content(200'000, 'p');
+  std::thread writer([&] { write_all(open_file(at("pipe"), O_WRONLY), content, at("pipe")); });
+  EXPECT_EQ(read_file(at("pipe")), content);
+  writer.join();
+}
+
+TEST_F(Files, failuresNameThePath) {
+  try {
+    (void)read_file(at("missing"));
+    ADD_FAILURE();
+  } catch (const Error& error) {
+    EXPECT_TRUE(error.is(error_class::FileNotFoundError));
+    EXPECT_EQ(error.text(), "[Errno 2] No such file or directory: '" + at("missing") + "'");
+  }
+  EXPECT_THROW((void)read_file(root_.path()), Error);
+  EXPECT_THROW((void)read_file(root_.write("file", "content") + std::string(1, '\0') + "x"), ValueError);
+}
+
+TEST(Sha256, givesThePublishedDigestsAndGoesBackToAState) {
+  EXPECT_EQ(_sha256(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+  EXPECT_EQ(_sha256("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+  Sha256 digest;
+  digest.update("a");
+  Sha256 kept;
+  kept.assign(digest);
+  digest.update("x");
+  EXPECT_NE(digest.hex_digest(), _sha256("a"));
+  kept.update("bc");
+  EXPECT_EQ(kept.hex_digest(), _sha256("abc"));
+  kept.reset();
+  EXPECT_EQ(kept.hex_digest(), _sha256(""));
+}
+
+}  // namespace
+}  // namespace brackenfen::sync

@@ -1,0 +1,171 @@
+"""JSON documents of every shape, read and written by the library and by Python's own json module.
+
+BRACKENFEN_JSON_PEER names the executable built from tests/support/json_peer.cpp.
+"""
+
+import json
+import math
+import os
+import re
+import struct
+import subprocess
+import sys
+import unicodedata
+
+import pytest
+from hypothesis import HealthCheck, example, given, settings
+from hypothesis import strategies as st
+
+PEER = os.environ.get("BRACKENFEN_JSON_PEER")
+pytestmark = pytest.mark.skipif(not PEER, reason="BRACKENFEN_JSON_PEER names no executable")
+
+LONE_SURROGATE = re.compile(rb"\\u[dD][89a-fA-F]")
+
+
+class Peer:
+    def __init__(self, path):
+        self.process = subprocess.Popen([path], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+
+    def ask(self, document):
+        self.process.stdin.write(struct.pack("<I", len(document)) + document)
+        self.process.stdin.flush()
+        return [self._field().decode("utf-8", "surrogatepass") for _ in range(self.process.stdout.read(1)[0])]
+
+    def _field(self):
+        (size,) = struct.unpack("<I", self.process.stdout.read(4))
+        return self.process.stdout.read(size)
+
+
+@pytest.fixture(scope="module")
+def peer():
+    limit = sys.get_int_max_str_digits()
+    sys.set_int_max_str_digits(0)
+    started = Peer(PEER)
+    with started.process:  # closes the pipes, which ends the peer, and waits for it
+        yield started
+    assert started.process.returncode == 0
+    sys.set_int_max_str_digits(limit)
+
+
+def described(operation):
+    try:
+        return operation()
+    except (ValueError, TypeError, ArithmeticError) as error:
+        return f"{type(error).__name__}: {error}"
+
+
+def python_answer(document):
+    try:
+        value = json.loads(document.decode("utf-8"))
+    except ValueError as error:
+        return [type(error).__name__, str(error)]
+    return [
+        "ok",
+        json.dumps(value),
+        json.dumps(value, sort_keys=True),
+        json.dumps(value, sort_keys=True, separators=(",", ":")),
+        str(value),
+        repr(value),
+        described(lambda: str(int(value))),
+        described(lambda: repr(float(value))),
+    ]
+
+
+def check(peer, document):
+    expected, answer = python_answer(document), peer.ask(document)
+    if answer[0] == "JSONDecodeError" and answer[1].startswith("Lone surrogate in"):
+        assert LONE_SURROGATE.search(document)
+        return
+    if answer[0] == "ok" and any(unicodedata.category(c) == "Cn" for c in answer[4]):
+        # Python escapes a character that its Unicode version has not assigned; the library prints most of them.
+        assert answer[:4] == expected[:4]
+        return
+    assert answer == expected
+
+
+TEXTS = st.text(alphabet=st.characters(codec="utf-8"), max_size=12)
+INTEGERS = st.integers() | st.integers(min_value=-(10**40), max_value=10**40) | st.sampled_from([2**63, 2**63 - 1, -(2**63), -(2**63) - 1])
+SCALARS = st.none() | st.booleans() | INTEGERS | st.floats() | TEXTS
+VALUES = st.recursive(
+    SCALARS,
+    lambda inner: st.lists(inner, max_size=6) | st.dictionaries(TEXTS, inner, max_size=12),
+    max_leaves=25,
+)
+NUMBER_TEXTS = st.text(alphabet="0123456789_+-. eEinfatyNI\u0660\u0669\uff13\u00a0\x1c\x85\n", max_size=8)
+FRAGMENTS = st.lists(
+    st.sampled_from(
+        [b"{", b"}", b"[", b"]", b",", b":", b'"', b'"a"', b'"a":', b"1", b"-", b"0", b".5", b"e", b"E+9", b"NaN", b"Infinity", b"-Infinity",
+         b"Inf", b"null", b"true", b"fals", b"\\", b"\\u", b"\\u00e9", b"\\ud83d\\ude00", b"\\ud800", b"12", b" ", b"\n", b"\t", b"\0", b"\x1f",
+         b"\x7f", "é".encode(), "😀".encode(), b"\xff", b"\xc3", b"\xe2\x82", b"\xed\xa0\x80", b"\xf0\x9f", b"\xef\xbb\xbf"]
+    ),
+    max_size=10,
+).map(b"".join)
+
+COMMON = settings(max_examples=400, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
+
+
+@COMMON
+@given(VALUES, st.booleans())
+def test_values_are_read_and_written_as_python_does(peer, value, ascii_only):
+    check(peer, json.dumps(value, ensure_ascii=ascii_only).encode())
+
+
+@COMMON
+@given(st.lists(st.tuples(st.sampled_from("abcdefghijkl"), SCALARS), max_size=30))
+def test_the_last_of_duplicate_keys_wins_at_the_first_position(peer, pairs):
+    members = ", ".join(f"{json.dumps(key)}: {json.dumps(value)}" for key, value in pairs)
+    check(peer, ("{" + members + "}").encode())
+
+
+@COMMON
+@given(NUMBER_TEXTS)
+@example("1_000")
+@example(" \uff11\uff12 ")
+@example("\x1c12")
+@example("x" * 300)
+def test_texts_convert_to_numbers_as_python_converts_them(peer, text):
+    check(peer, json.dumps(text).encode())
+
+
+@COMMON
+@given(st.floats(allow_nan=False) | st.integers(-(10**20), 10**20).map(float) | st.integers(-330, 310).map(lambda e: float(f"1e{e}")))
+def test_floats_print_as_python_prints_them(peer, number):
+    check(peer, repr(number).replace("inf", "Infinity").encode())
+
+
+@pytest.mark.parametrize(
+    "document",
+    [b"1e999", b"-1e999", b"1e-999", b"0e999", b"0.0000001e9999999999999999999999", b"1e-99999999999999999999", b"-0", b"-0.0", b"1E400",
+     b"1" * 400, b"-" + b"9" * 5000, b"1" + b"0" * 400 + b"e-400", b"1" * 400 + b".5", b"5e-324", b"1.7976931348623159e308", b"9007199254740993.0"],
+    ids=lambda document: document[:24].decode(),
+)
+def test_numbers_at_the_edges(peer, document):
+    check(peer, document)
+
+
+@COMMON
+@given(FRAGMENTS | st.binary(max_size=12))
+def test_hostile_bytes_are_refused_with_pythons_words(peer, document):
+    check(peer, document)
+
+
+@COMMON
+@given(VALUES, st.data())
+def test_damaged_documents_are_refused_with_pythons_words(peer, value, data):
+    document = json.dumps(value, ensure_ascii=False, indent=data.draw(st.sampled_from([None, 1]))).encode()
+    at = data.draw(st.integers(0, len(document)))
+    kept = data.draw(st.integers(at, min(len(document), at + 3)))
+    check(peer, document[:at] + data.draw(st.sampled_from([b"", b",", b'"', b"}", b"]", b"\\", b"\n", b"x"])) + document[kept:])
+
+
+@pytest.mark.parametrize("opening, closing", [(b"[", b"]"), (b'{"a":', b"}")])
+def test_nesting_stops_at_the_limit(peer, opening, closing):
+    innermost = b"1"
+    assert peer.ask(opening * 1000 + innermost + closing * 1000)[0] == "ok"
+    refused = peer.ask(opening * 1001 + innermost + closing * 1001)
+    assert refused[0] == "JSONDecodeError"
+    assert refused[1].startswith("Nesting deeper than 1000 levels: line 1 column ")
+
+
+def test_nan_equals_nothing_but_prints(peer):
+    assert math.isnan(json.loads(peer.ask(b"NaN")[1]))
