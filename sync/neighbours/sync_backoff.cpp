@@ -1,0 +1,95 @@
+#include "sync/neighbours/sync_backoff.hpp"
+
+#include <sys/random.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <utility>
+
+namespace brackenfen::sync {
+namespace {
+
+constexpr double FIRST_DELAY_SECONDS = 0.5;
+constexpr double LONGEST_DELAY_SECONDS = 30.0;
+constexpr int DOUBLINGS_TO_THE_CAP = 6;
+constexpr double JITTER = 0.2;
+constexpr std::int64_t SLICE_NS = 50'000'000;
+/// A wait of any length that a host asks for stays within the clock's range.
+constexpr double LONGEST_SLEEP_SECONDS = 1e9;
+
+constexpr const ErrorClass* CANCELLED_PARENTS[] = {&error_class::Exception};
+
+/// From 0 to below 1. Asked of the system, so that forked processes do not draw alike.
+double random_fraction() {
+  std::uint64_t bits = 0;
+  if (::getrandom(&bits, sizeof bits, GRND_NONBLOCK) != static_cast<ssize_t>(sizeof bits)) return 0.5;
+  return static_cast<double>(bits >> 11U) * 0x1p-53;
+}
+
+/// A context in force, linked to the one it covers. Owned by whoever entered it.
+class ContextScope {
+ public:
+  explicit ContextScope(BackoffContext context) : context_(std::move(context)), covered_(std::exchange(innermost, this)) {}
+  ContextScope(const ContextScope&) = delete;
+  ContextScope& operator=(const ContextScope&) = delete;
+  ~ContextScope() {
+    // Scopes that end out of order unlink themselves alone.
+    ContextScope** link = &innermost;
+    while (*link != nullptr && *link != this) link = &(*link)->covered_;
+    if (*link == this) *link = covered_;
+  }
+
+  [[nodiscard]] static BackoffContext current() { return innermost != nullptr ? innermost->context_ : BackoffContext(); }
+
+ private:
+  static thread_local ContextScope* innermost;
+
+  BackoffContext context_;
+  ContextScope* covered_;
+};
+
+constinit thread_local ContextScope* ContextScope::innermost = nullptr;
+
+class BuiltinSyncBackoff final : public SyncBackoff {
+ public:
+  double delay_seconds(int attempt_index) override {
+    const double doubled = std::ldexp(FIRST_DELAY_SECONDS, std::clamp(attempt_index, 0, DOUBLINGS_TO_THE_CAP));
+    return std::min(doubled, LONGEST_DELAY_SECONDS) * (1.0 - JITTER + 2.0 * JITTER * random_fraction());
+  }
+
+  bool sleep(double wait_seconds, Clock& clock, const std::function<bool()>& stop_requested) override {
+    const double bounded = wait_seconds > 0.0 ? std::min(wait_seconds, LONGEST_SLEEP_SECONDS) : 0.0;
+    const std::int64_t end_ns = clock.monotonic_ns() + std::llround(bounded * 1e9);
+    for (;;) {
+      if (stop_requested && stop_requested()) return false;
+      const std::int64_t remaining_ns = end_ns - clock.monotonic_ns();
+      if (remaining_ns <= 0) return true;
+      clock.sleep(static_cast<double>(std::min(remaining_ns, SLICE_NS)) * 1e-9);
+    }
+  }
+
+  BackoffContext current_context() override { return ContextScope::current(); }
+  std::shared_ptr<void> enter_context(BackoffContext context) override { return std::make_shared<ContextScope>(std::move(context)); }
+
+  Document sync_backoff_event_fields(std::string_view surface, int attempt, double wait_seconds, std::string_view reason,
+                                     std::string_view file_path) override {
+    return {{"event_type", "sync_backoff_wait"}, {"surface", surface}, {"attempt", attempt},
+            {"wait_seconds", wait_seconds},      {"reason", reason},   {"file", file_path}};
+  }
+
+  Error cancelled_error() override { return Error(error_class::SyncBackoffCancelled, ""); }
+};
+
+}  // namespace
+
+namespace error_class {
+constinit const ErrorClass SyncBackoffCancelled("SyncBackoffCancelled", CANCELLED_PARENTS);
+}  // namespace error_class
+
+SyncBackoff& SyncBackoff::builtin() {
+  static SyncBackoff& backoff = *new BuiltinSyncBackoff;
+  return backoff;
+}
+
+}  // namespace brackenfen::sync
