@@ -1,0 +1,90 @@
+#include "sync/documents/local_files.hpp"
+
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <functional>
+#include <utility>
+
+#include "sync/base/paths.hpp"
+#include "sync/documents/manifest_paths.hpp"
+
+namespace brackenfen::sync {
+
+namespace {
+
+constexpr std::int64_t NANOSECONDS_PER_SECOND = 1'000'000'000;
+
+std::int64_t nanoseconds(const timespec& time) { return static_cast<std::int64_t>(time.tv_sec) * NANOSECONDS_PER_SECOND + time.tv_nsec; }
+
+FileStat file_stat(const struct stat& status) {
+  return {.size_bytes = status.st_size,
+          .mtime_ns = nanoseconds(status.st_mtim),
+          .ctime_ns = nanoseconds(status.st_ctim),
+          .inode = static_cast<std::int64_t>(status.st_ino),
+          .is_directory = S_ISDIR(status.st_mode)};
+}
+
+}  // namespace
+
+LocalFiles::LocalFiles(std::string_view data_dir)
+    : data_dir_(data_dir), base_(real_path(expand_user(data_dir))), root_(::open(base_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
+
+std::optional<FileStat> LocalFiles::stat(std::string_view file_path) {
+  FileStat found;
+  const Look result = is_plain_relative_path(file_path) ? look(file_path, found) : look(_safe_manifest_relative_path(file_path), found);
+  if (result == Look::Found) return found;
+  if (result == Look::Missing) return std::nullopt;
+  struct stat status {};
+  if (::stat(_manifest_local_path(data_dir_, file_path).c_str(), &status) != 0) return std::nullopt;
+  return file_stat(status);
+}
+
+std::string LocalFiles::local_path(std::string_view file_path) {
+  FileStat found;
+  const std::string relative_path = _safe_manifest_relative_path(file_path);
+  if (look(relative_path, found) == Look::NotDecided) return _manifest_local_path(data_dir_, file_path);
+  return join_path(base_, relative_path);
+}
+
+LocalFiles::Look LocalFiles::look(std::string_view relative_path, FileStat& found) {
+  if (!root_) return Look::NotDecided;
+  const std::size_t slash = relative_path.rfind('/');
+  const bool in_folder = slash != std::string_view::npos;
+  const int folder = in_folder ? open_folder(relative_path.substr(0, slash)) : root_.get();
+  if (folder < 0) return errno == ENOENT ? Look::Missing : Look::NotDecided;
+
+  name_.assign(in_folder ? relative_path.substr(slash + 1) : relative_path);
+  struct stat status {};
+  if (::fstatat(folder, name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT ? Look::Missing : Look::NotDecided;
+  if (S_ISLNK(status.st_mode)) return Look::NotDecided;
+  found = file_stat(status);
+  return Look::Found;
+}
+
+int LocalFiles::open_folder(std::string_view folder_path) {
+  Folder& folder = folders_[std::hash<std::string_view>()(folder_path) % MAX_OPEN_FOLDERS];
+  if (folder.descriptor && folder.path == folder_path) return folder.descriptor.get();
+  if (!kernel_proves_) {
+    errno = ENOSYS;
+    return -1;
+  }
+  folder.descriptor = Descriptor();
+  folder.path.assign(folder_path);
+  open_how how{};
+  how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
+  const long opened = ::syscall(SYS_openat2, root_.get(), folder.path.c_str(), &how, sizeof how);
+  if (opened < 0) {
+    if (errno == ENOSYS || errno == EPERM) kernel_proves_ = false;
+    return -1;
+  }
+  folder.descriptor = Descriptor(static_cast<int>(opened));
+  return folder.descriptor.get();
+}
+
+}  // namespace brackenfen::sync

@@ -1,0 +1,59 @@
+// Looking at many local files of one data directory within one operation.
+//
+// The answers are those of _manifest_local_path followed by a stat of its result, at the price of one system
+// call per file. A folder is opened once, in a way that proves it lies inside the directory with no link on
+// the way; its files are then looked at beneath that descriptor. Wherever a link shows up, the kernel cannot
+// prove it, or anything else is unusual, the path is resolved in full.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "sync/base/descriptor.hpp"
+#include "sync/transport/files.hpp"
+
+namespace brackenfen::sync {
+
+/// Lives within one operation: what it knows of a folder is as old as its first look at it. One thread.
+class LocalFiles {
+ public:
+  /// Throws nothing for a directory that does not exist: no file is found then.
+  explicit LocalFiles(std::string_view data_dir);
+
+  /// The file's stat, links followed; absent where it does not exist or cannot be looked at. Throws
+  /// ManifestError for a path that is refused or leads out of the directory.
+  [[nodiscard]] std::optional<FileStat> stat(std::string_view file_path);
+  /// _manifest_local_path of it.
+  [[nodiscard]] std::string local_path(std::string_view file_path);
+
+ private:
+  /// An open folder. Kept in a table by the hash of its path, where a newcomer takes the place of the one
+  /// before, so that the number of descriptors stays bounded.
+  struct Folder {
+    std::string path;
+    Descriptor descriptor;
+  };
+  static constexpr std::size_t MAX_OPEN_FOLDERS = 64;
+
+  enum class Look {
+    Found,
+    Missing,     ///< and no link on the way, as far as the path exists
+    NotDecided,  ///< resolve the path in full
+  };
+
+  Look look(std::string_view relative_path, FileStat& found);
+  /// The descriptor of the folder, or -1 with errno set.
+  int open_folder(std::string_view folder_path);
+
+  const std::string data_dir_;
+  const std::string base_;  // data_dir_ resolved
+  Descriptor root_;
+  bool kernel_proves_ = true;  // false from the first refusal of the system call on
+  std::string name_;           // reused: the file name with its terminator
+  std::array<Folder, MAX_OPEN_FOLDERS> folders_;
+};
+
+}  // namespace brackenfen::sync

@@ -1,0 +1,12 @@
+#include "sync/documents/manifest_file.hpp"
+
+#include "sync/base/json.hpp"
+#include "sync/base/paths.hpp"
+
+namespace brackenfen::sync {
+
+void _write_manifest_json(Files& files, Clock& clock, std::string_view data_dir, const Document& manifest_data) {
+  _atomic_write(files, clock, join_path(data_dir, "manifest.json"), write_json(manifest_data, JsonForm::InsertionOrder));
+}
+
+}  // namespace brackenfen::sync

@@ -1,0 +1,14 @@
+// manifest.json, the commit record of a data directory.
+#pragma once
+
+#include <string_view>
+
+#include "sync/base/value.hpp"
+#include "sync/transport/files.hpp"
+
+namespace brackenfen::sync {
+
+/// Writes the document atomically, keys in insertion order. Throws os_error; the earlier file stays then.
+void _write_manifest_json(Files& files, Clock& clock, std::string_view data_dir, const Document& manifest_data);
+
+}  // namespace brackenfen::sync

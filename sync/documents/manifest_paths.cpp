@@ -1,0 +1,119 @@
+#include "sync/documents/manifest_paths.hpp"
+
+#include <optional>
+#include <vector>
+
+#include "sync/base/convert.hpp"
+#include "sync/base/error.hpp"
+#include "sync/base/paths.hpp"
+#include "sync/base/text.hpp"
+#include "sync/base/url.hpp"
+#include "sync/neighbours/transport_security.hpp"
+
+namespace brackenfen::sync {
+
+namespace {
+
+constexpr std::string_view DATA_FILES_PATH = "/data/files";
+
+ManifestError refusal(std::string_view problem, const Value& file_path) {
+  return ManifestError("Manifest file path " + std::string(problem) + ": " + to_quoted(file_path));
+}
+
+/// Whether `path` is `directory` or lies in it; both absolute and folded.
+bool lies_within(std::string_view path, std::string_view directory) {
+  if (!path.starts_with(directory)) return false;
+  return path.size() == directory.size() || directory.ends_with('/') || path[directory.size()] == '/';
+}
+
+/// The text stripped where it holds anything, else empty.
+std::string_view stripped_text(const Value& value) {
+  const std::optional<std::string_view> text = value.if_text();
+  return text ? strip(*text) : std::string_view();
+}
+
+std::optional<UrlParts> split_url_or_absent(std::string_view url) {
+  try {
+    return split_url(url);
+  } catch (const Error& error) {
+    if (error.is(error_class::ValueError)) return std::nullopt;
+    throw;
+  }
+}
+
+}  // namespace
+
+bool is_plain_relative_path(std::string_view path) noexcept {
+  if (path.empty() || path.front() == ' ' || path.back() == ' ') return false;
+  std::size_t segment_begin = 0;
+  for (std::size_t i = 0; i <= path.size(); ++i) {
+    if (i < path.size() && path[i] != '/') {
+      if (path[i] < ' ' || path[i] > '~' || path[i] == '\\') return false;
+      continue;
+    }
+    const std::string_view segment = path.substr(segment_begin, i - segment_begin);
+    if (segment.empty() || segment == "." || segment == "..") return false;
+    segment_begin = i + 1;
+  }
+  return true;
+}
+
+std::string _safe_manifest_relative_path(const Value& file_path) {
+  const std::optional<std::string_view> text = file_path.if_text();
+  if (text && is_plain_relative_path(*text)) return std::string(*text);
+  if (!text || strip(*text).empty()) throw ManifestError("Manifest file path must be a non-empty relative path");
+  if (text->find('\0') != std::string_view::npos) throw refusal("contains NUL byte", file_path);
+
+  const std::string slashed = replace_char(*text, '\\', '/');
+  const std::string_view path = strip(slashed);
+  if (path.starts_with('/')) throw refusal("must be relative", file_path);
+  std::string normalised;
+  for (const std::string_view segment : split(path, "/")) {
+    if (segment.empty() || segment == ".") continue;
+    if (segment == "..") throw refusal("contains unsafe segments", file_path);
+    if (!normalised.empty()) normalised += '/';
+    normalised += segment;
+  }
+  if (normalised.empty()) throw refusal("contains unsafe segments", file_path);
+  return normalised;
+}
+
+std::string _manifest_local_path(std::string_view data_dir, const Value& file_path) {
+  const std::string relative_path = _safe_manifest_relative_path(file_path);
+  const std::string base = real_path(expand_user(data_dir));
+  std::string target = real_path(join_path(base, relative_path));
+  if (!lies_within(target, base)) throw refusal("escapes data directory", file_path);
+  return target;
+}
+
+std::string _manifest_file_url(const TransportSecurity& transport_security, std::string_view server_url, const Value& file_path,
+                               const Value& base_url) {
+  const std::string relative_path = _safe_manifest_relative_path(file_path);
+  const std::string_view explicit_base = stripped_text(base_url);
+  const std::string base =
+      explicit_base.empty() ? std::string(rstrip_char(server_url, '/')) + std::string(DATA_FILES_PATH) : std::string(explicit_base);
+
+  const std::optional<UrlParts> parts = split_url_or_absent(base);
+  if (!parts || parts->scheme.empty() || parts->network_location.empty()) {
+    throw ManifestError("Manifest base_url must be an absolute data-file URL");
+  }
+  try {
+    transport_security.validate_bearer_transport_url(base);
+  } catch (const Error& error) {
+    if (error.is(error_class::ValueError)) throw ManifestError(error.text());
+    throw;
+  }
+  return std::string(rstrip_char(base, '/')) + "/" + relative_path;
+}
+
+bool _manifest_base_url_uses_public_download(std::string_view server_url, const Value& base_url) {
+  const std::string_view explicit_base = stripped_text(base_url);
+  if (explicit_base.empty()) return false;
+  // An address that cannot be read never gets credentials.
+  const std::optional<UrlParts> base = split_url_or_absent(explicit_base);
+  const std::optional<UrlParts> server = split_url_or_absent(server_url);
+  if (!base || !server) return true;
+  return base->network_location != server->network_location || rstrip_char(base->path, '/') != DATA_FILES_PATH;
+}
+
+}  // namespace brackenfen::sync

@@ -1,0 +1,99 @@
+#include "sync/documents/signals_index.hpp"
+
+#include <algorithm>
+#include <utility>
+
+#include "sync/base/convert.hpp"
+#include "sync/documents/manifest_paths.hpp"
+#include "sync/documents/removal.hpp"
+
+namespace brackenfen::sync {
+
+namespace {
+
+struct PnlPath {
+  std::string_view root;
+  std::string_view ending;
+  std::string_view section;
+  std::string_view kind;  ///< whose loss is recoverable in that section
+};
+
+constexpr PnlPath PNL_PATHS[] = {
+    {"found_signals/", "/signal_is/pnl.arrow", "found_signals", FOUND_SIGNAL_PNL_KIND},
+    {"found_strategies/", "/strategy_is/pnl.arrow", "found_strategies", FOUND_STRATEGY_EPOCH_PNL_KIND},
+    {"useful_signals/", "/signal_os/pnl.arrow", "useful_signals", USEFUL_SIGNAL_OS_PNL_KIND},
+    {"useful_signals/", "/strategy_is/pnl.arrow", "useful_signals", USEFUL_SIGNAL_STRATEGY_IS_PNL_KIND},
+};
+
+void add_found_pnl_path(const Value& file_path, std::set<std::string>& paths) {
+  std::string normalised;
+  try {
+    normalised = _safe_manifest_relative_path(file_path.is_text() ? file_path : Value(to_text(file_path)));
+  } catch (const Error& error) {
+    if (error.is(error_class::ManifestError)) return;
+    throw;
+  }
+  if (_found_pnl_section_for_path(normalised)) paths.insert(std::move(normalised));
+}
+
+}  // namespace
+
+bool is_found_pnl_file_kind(std::string_view kind) {
+  return std::ranges::find(FOUND_PNL_FILE_KINDS, kind) != std::end(FOUND_PNL_FILE_KINDS);
+}
+
+std::optional<std::string_view> _found_pnl_section_for_path(std::string_view file_path) {
+  for (const PnlPath& pnl : PNL_PATHS) {
+    if (file_path.starts_with(pnl.root) && file_path.ends_with(pnl.ending)) return pnl.section;
+  }
+  return std::nullopt;
+}
+
+bool _is_manifest_found_pnl_file(std::string_view file_path, const Value& file_info) {
+  const std::optional<std::string_view> section = _found_pnl_section_for_path(file_path);
+  const Document* entry = file_info.if_document();
+  if (!section || entry == nullptr) return false;
+  const std::optional<std::string_view> kind = entry->get("kind").if_text();
+  return kind && std::ranges::any_of(PNL_PATHS, [&](const PnlPath& pnl) { return pnl.section == *section && pnl.kind == *kind; });
+}
+
+std::set<std::string> _normalize_found_pnl_paths(const std::vector<Value>& file_paths) {
+  std::set<std::string> paths;
+  for (const Value& file_path : file_paths) add_found_pnl_path(file_path, paths);
+  return paths;
+}
+
+Value _drop_found_pnl_paths_from_membership(const Value& section_data, const std::set<std::string>& missing_paths) {
+  const Document* section = section_data.if_document();
+  if (section == nullptr) return section_data;
+  return membership_without_files(*section, [&missing_paths](const Value& file) { return missing_paths.contains(to_text(file)); });
+}
+
+Document _drop_missing_found_pnl_paths(const Document& manifest_data, const std::set<std::string>& missing_paths) {
+  std::set<std::string> missing;
+  for (const std::string& path : missing_paths) add_found_pnl_path(path, missing);
+  if (missing.empty()) return manifest_data;
+
+  Document result = manifest_data;
+  if (const Document* files = manifest_data.get("files").if_document()) {
+    Document kept = without_members(*files, [&missing](const Text& path, const Value&) {
+      return _found_pnl_section_for_path(path) && missing.contains(path.str());  // the cheap question first
+    });
+    if (!kept.same_as(*files)) result = result.with("files", std::move(kept));
+  }
+  for (const std::string_view section_name : SIGNALS_INDEX_SECTIONS) {
+    const Value& section = manifest_data.get(section_name);
+    Value cleaned = _drop_found_pnl_paths_from_membership(section, missing);
+    if (!cleaned.same_as(section)) result = result.with(section_name, std::move(cleaned));
+  }
+  return result;
+}
+
+std::optional<std::string> _missing_found_pnl_download_path(const Error& error, const Document& files_to_download) {
+  if (!error.is(error_class::PermanentDownloadError) || error.fields().get("status") != Value(404)) return std::nullopt;
+  const std::optional<std::string_view> file_path = error.fields().get("file_path").if_text();
+  if (!file_path || !_is_manifest_found_pnl_file(*file_path, files_to_download.get(*file_path))) return std::nullopt;
+  return std::string(*file_path);
+}
+
+}  // namespace brackenfen::sync

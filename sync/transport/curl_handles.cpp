@@ -1,0 +1,115 @@
+#include "sync/transport/curl_handles.hpp"
+
+#include <openssl/crypto.h>
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <mutex>
+#include <vector>
+
+#include "sync/base/error.hpp"
+#include "sync/base/fork.hpp"
+#include "sync/base/mutex.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+/// Handles beyond this many are freed when their lease ends.
+constexpr std::size_t MAX_IDLE_HANDLES = 16;
+
+[[noreturn]] void out_of_memory() { throw Error(error_class::MemoryError, "the HTTP library could not be set up"); }
+
+void initialise_library() {
+  static const CURLcode outcome = [] {
+    // A thread that is lost at exit may still be in a transfer, so the TLS library must not be torn down.
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+    return curl_global_init(CURL_GLOBAL_DEFAULT);
+  }();
+  if (outcome != CURLE_OK) out_of_memory();
+}
+
+}  // namespace
+
+/// Leaked. A forked child forgets its parent's and builds its own: the parent's locks may be held there for
+/// ever, and the handles may be in the middle of a transfer.
+struct detail::CurlProcess {
+  CurlProcess();
+  CurlProcess(const CurlProcess&) = delete;
+  CurlProcess& operator=(const CurlProcess&) = delete;
+  ~CurlProcess() { curl_share_cleanup(share); }
+
+  /// nullptr where there is none.
+  CURLM* take_idle() {
+    const MutexLock lock(idle_mutex);
+    if (idle.empty()) return nullptr;
+    CURLM* const multi = idle.back();
+    idle.pop_back();
+    return multi;
+  }
+  /// False where there are enough.
+  bool keep_idle(CURLM* multi) {
+    const MutexLock lock(idle_mutex);
+    if (idle.size() >= MAX_IDLE_HANDLES) return false;
+    idle.push_back(multi);
+    return true;
+  }
+
+  std::array<std::mutex, CURL_LOCK_DATA_LAST + 1> share_locks;
+  CURLSH* share;
+  Mutex idle_mutex;
+  std::vector<CURLM*> idle GUARDED_BY(idle_mutex);
+};
+
+namespace {
+
+constinit std::atomic<detail::CurlProcess*> current_process{nullptr};
+
+void lock_share(CURL*, curl_lock_data data, curl_lock_access, void* process) {
+  static_cast<detail::CurlProcess*>(process)->share_locks.at(static_cast<std::size_t>(data)).lock();
+}
+
+void unlock_share(CURL*, curl_lock_data data, void* process) {
+  static_cast<detail::CurlProcess*>(process)->share_locks.at(static_cast<std::size_t>(data)).unlock();
+}
+
+detail::CurlProcess& process_in_force() {
+  if (detail::CurlProcess* const made = current_process.load(std::memory_order_acquire)) return *made;
+  initialise_library();
+  static const bool hooked = (at_fork_child([] { current_process.store(nullptr, std::memory_order_release); }), true);
+  static_cast<void>(hooked);
+  auto* const mine = new detail::CurlProcess;
+  detail::CurlProcess* first = nullptr;
+  if (current_process.compare_exchange_strong(first, mine, std::memory_order_acq_rel)) return *mine;
+  delete mine;
+  return *first;
+}
+
+}  // namespace
+
+detail::CurlProcess::CurlProcess() : share(curl_share_init()) {
+  if (share == nullptr) out_of_memory();
+  curl_share_setopt(share, CURLSHOPT_LOCKFUNC, lock_share);
+  curl_share_setopt(share, CURLSHOPT_UNLOCKFUNC, unlock_share);
+  curl_share_setopt(share, CURLSHOPT_USERDATA, this);
+  curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
+  curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+}
+
+CurlLease::CurlLease() : process_(process_in_force()), easy_(curl_easy_init()), multi_(process_.take_idle()) {
+  if (multi_ == nullptr) multi_ = curl_multi_init();
+  if (easy_ == nullptr || multi_ == nullptr) {
+    curl_easy_cleanup(easy_);
+    curl_multi_cleanup(multi_);
+    out_of_memory();
+  }
+  curl_easy_setopt(easy_, CURLOPT_SHARE, process_.share);
+}
+
+CurlLease::~CurlLease() {
+  if (&process_ != current_process.load(std::memory_order_acquire)) return;  // the parent's: left alone in its forked child
+  curl_easy_cleanup(easy_);
+  if (!process_.keep_idle(multi_)) curl_multi_cleanup(multi_);
+}
+
+}  // namespace brackenfen::sync

@@ -1,0 +1,274 @@
+#include "sync/transport/curl_transfer.hpp"
+
+#include <openssl/ssl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+
+#include "sync/base/environment.hpp"
+#include "sync/base/error.hpp"
+#include "sync/base/interrupt.hpp"
+#include "sync/base/text.hpp"
+#include "sync/transport/curl_errors.hpp"
+#include "sync/transport/header_rules.hpp"
+#include "sync/transport/redirects.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+
+constexpr long RECEIVE_BUFFER_BYTES = 512L * 1024;
+/// All headers of a response together, interim responses and trailers included.
+constexpr std::size_t MAX_HEADER_BYTES = 256 * 1024;
+/// How long a parsed certificate store answers for its file.
+constexpr long CERTIFICATE_STORE_SECONDS = 60;
+/// Beyond this a timeout is none; the clock's own range ends at 292 years.
+constexpr double LONGEST_TIMEOUT_SECONDS = 1e9;
+
+/// Outside the macro of the same name, whose type checks are C.
+template <typename T>
+void set_option(CURL* easy, CURLoption option, T value) {
+  const CURLcode outcome = (curl_easy_setopt)(easy, option, value);
+  // What this libcurl was built without (a proxy scheme, another TLS library's hook) keeps its default.
+  if (outcome == CURLE_OK || outcome == CURLE_UNKNOWN_OPTION || outcome == CURLE_NOT_BUILT_IN) return;
+  throw network_error(outcome, 0, {});
+}
+
+curl_socket_t open_socket(void*, curlsocktype, curl_sockaddr* address) {
+  return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+}
+
+/// A peer that closes without TLS's farewell ends the body like any other close; lengths and digests judge
+/// what arrived.
+CURLcode accept_abrupt_close(CURL*, void* context, void*) {
+  SSL_CTX_set_options(static_cast<SSL_CTX*>(context), SSL_OP_IGNORE_UNEXPECTED_EOF);
+  return CURLE_OK;
+}
+
+/// Where the certificate authorities of this machine lie: looked up at run time, since the place is the
+/// system's affair and not that of the machine this was built on.
+std::string certificate_file() {
+  if (auto given = Environment::real().get("SSL_CERT_FILE"); given && !given->empty()) return *given;
+  for (const char* known : {"/etc/ssl/certs/ca-certificates.crt", "/etc/pki/tls/certs/ca-bundle.crt", "/etc/ssl/ca-bundle.pem",
+                            "/etc/pki/ca-trust/extracted/pem/tls-ca-bundle.pem", "/etc/ssl/cert.pem"}) {
+    if (::access(known, R_OK) == 0) return known;
+  }
+  return {};
+}
+
+}  // namespace
+
+Deadline::Deadline(std::optional<double> seconds) {
+  if (!seconds || !(*seconds > 0.0) || *seconds > LONGEST_TIMEOUT_SECONDS) return;
+  end_ = SteadyClock::now() + std::chrono::duration_cast<SteadyClock::duration>(std::chrono::duration<double>(*seconds));
+}
+
+bool Deadline::passed() const { return end_ != NEVER && SteadyClock::now() > end_; }
+
+int Deadline::slice_milliseconds() const {
+  std::chrono::milliseconds slice = INTERRUPT_SLICE;
+  if (end_ != NEVER) slice = std::min(slice, std::chrono::ceil<std::chrono::milliseconds>(end_ - SteadyClock::now()));
+  return static_cast<int>(std::max<std::int64_t>(slice.count(), 1));
+}
+
+// --- setting up ---------------------------------------------------------------------------------------------
+
+CurlTransfer::CurlTransfer(const RequestRoute& route, double timeout_seconds) : timeout_seconds_(timeout_seconds) {
+  set_request(route);
+  if (route.is_encrypted()) set_certificates();
+  if (curl_multi_add_handle(handles_.multi(), handles_.easy()) != CURLM_OK) throw network_error(CURLE_OUT_OF_MEMORY, 0, {});
+}
+
+CurlTransfer::~CurlTransfer() { curl_multi_remove_handle(handles_.multi(), handles_.easy()); }
+
+void CurlTransfer::set_request(const RequestRoute& route) {
+  CURL* const easy = handles_.easy();
+  set_option(easy, CURLOPT_ERRORBUFFER, error_text_.data());
+  set_option(easy, CURLOPT_NOSIGNAL, 1L);
+  set_option(easy, CURLOPT_URL, route.url().c_str());
+  set_option(easy, CURLOPT_PATH_AS_IS, 1L);
+  set_option(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+  set_option(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  set_option(easy, CURLOPT_FOLLOWLOCATION, 0L);
+  set_option(easy, CURLOPT_FRESH_CONNECT, 1L);
+  set_option(easy, CURLOPT_FORBID_REUSE, 1L);
+  set_option(easy, CURLOPT_OPENSOCKETFUNCTION, &open_socket);
+  set_option(easy, CURLOPT_BUFFERSIZE, RECEIVE_BUFFER_BYTES);
+  // The deadlines are kept here; curl's own would end a longer connection attempt at 300 s.
+  set_option(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(INT32_MAX));
+  // A name look-up cannot be called off: its thread is left behind rather than waited for.
+  set_option(easy, CURLOPT_QUICK_EXIT, 1L);
+  // A proxy sees what is meant for it alone.
+  set_option(easy, CURLOPT_HEADEROPT, static_cast<long>(CURLHEADER_SEPARATE));
+  set_option(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+
+  curl_slist* list = nullptr;
+  const auto append = [&](const std::string& line) {
+    curl_slist* const longer = curl_slist_append(list, line.c_str());
+    if (longer == nullptr) throw network_error(CURLE_OUT_OF_MEMORY, 0, {});
+    if (list == nullptr) request_headers_.reset(longer);
+    list = longer;
+  };
+  for (const auto& [name, value] : route.headers()) {
+    append(value.empty() ? name + ";" : name + ": " + header_value_bytes(value).value());
+  }
+  // Named without a value, curl's own headers stay out.
+  if (!header_value(route.headers(), "Accept")) append("Accept:");
+  append("Proxy-Connection:");
+  set_option(easy, CURLOPT_HTTPHEADER, request_headers_.get());
+
+  set_option(easy, CURLOPT_HEADERFUNCTION, &CurlTransfer::on_header);
+  set_option(easy, CURLOPT_HEADERDATA, this);
+  set_option(easy, CURLOPT_WRITEFUNCTION, &CurlTransfer::on_body);
+  set_option(easy, CURLOPT_WRITEDATA, this);
+  set_option(easy, CURLOPT_PREREQFUNCTION, &CurlTransfer::on_connected);
+  set_option(easy, CURLOPT_PREREQDATA, this);
+}
+
+void CurlTransfer::set_certificates() {
+  CURL* const easy = handles_.easy();
+  set_option(easy, CURLOPT_SSL_VERIFYPEER, 1L);
+  set_option(easy, CURLOPT_SSL_VERIFYHOST, 2L);
+  set_option(easy, CURLOPT_SSL_CTX_FUNCTION, &accept_abrupt_close);
+  set_option(easy, CURLOPT_CA_CACHE_TIMEOUT, CERTIFICATE_STORE_SECONDS);
+  if (const std::string file = certificate_file(); !file.empty()) set_option(easy, CURLOPT_CAINFO, file.c_str());
+  // Without a directory the parsed store can be kept from one transfer to the next.
+  const std::optional<std::string> directory = Environment::real().get("SSL_CERT_DIR");
+  set_option(easy, CURLOPT_CAPATH, directory && !directory->empty() ? directory->c_str() : nullptr);
+}
+
+// --- running ------------------------------------------------------------------------------------------------
+
+void CurlTransfer::wait_for_headers() {
+  Deadline deadline(timeout_seconds_);
+  for (bool waiting_for_answer = false; !headers_done_;) {
+    step();
+    if (failure_) std::rethrow_exception(failure_);
+    if (headers_done_) return;
+    if (result_) throw transfer_error();
+    if (connected_ && !waiting_for_answer) {
+      waiting_for_answer = true;
+      deadline = Deadline(timeout_seconds_);
+    }
+    if (deadline.passed()) throw TimeoutError("timed out");
+    wait_for_network(deadline);
+  }
+}
+
+void CurlTransfer::read_body(BodySink& sink, std::optional<double> timeout_seconds, std::uint64_t limit) {
+  const Deadline deadline(timeout_seconds);
+  sink_ = &sink;
+  body_room_ = limit;
+  // Hands over what had arrived with the headers.
+  if (!result_ && body_room_ > 0) curl_easy_pause(handles_.easy(), CURLPAUSE_CONT);
+  while (body_room_ > 0) {
+    if (failure_) std::rethrow_exception(failure_);
+    if (result_) break;
+    if (deadline.passed()) throw TimeoutError("response body read exceeded sync HTTP timeout");
+    step();
+    if (!result_) wait_for_network(deadline);
+  }
+  sink_ = nullptr;
+  if (failure_) std::rethrow_exception(failure_);
+  // A peer that closed early has ended the body; the caller sees how far it came.
+  if (body_room_ > 0 && result_ != CURLE_OK && result_ != CURLE_PARTIAL_FILE) throw transfer_error();
+}
+
+void CurlTransfer::step() {
+  moved_ = false;
+  int running = 0;
+  if (curl_multi_perform(handles_.multi(), &running) != CURLM_OK) throw network_error(CURLE_OUT_OF_MEMORY, 0, {});
+  int queued = 0;
+  while (const CURLMsg* const message = curl_multi_info_read(handles_.multi(), &queued)) {
+    if (message->msg == CURLMSG_DONE) result_ = message->data.result;
+  }
+}
+
+void CurlTransfer::wait_for_network(const Deadline& deadline) {
+  const auto now = SteadyClock::now();
+  if (now - interrupt_checked_ >= INTERRUPT_SLICE / 2) {
+    interrupt_checked_ = now;
+    check_interrupt();
+  }
+  // After bytes there are often more at once, and asking curl is cheaper than asking the system first.
+  if (moved_) return;
+  int ready = 0;
+  curl_multi_poll(handles_.multi(), nullptr, 0, deadline.slice_milliseconds(), &ready);
+}
+
+Error CurlTransfer::transfer_error() const {
+  if (*result_ == CURLE_OK) return Error(error_class::URLError, "the response ended within its headers");
+  long system_error = 0;
+  curl_easy_getinfo(handles_.easy(), CURLINFO_OS_ERRNO, &system_error);
+  return network_error(*result_, static_cast<int>(system_error), error_text_.data());
+}
+
+// --- called by curl -----------------------------------------------------------------------------------------
+
+std::size_t CurlTransfer::on_header(char* bytes, std::size_t size, std::size_t count, void* self) {
+  auto& transfer = *static_cast<CurlTransfer*>(self);
+  try {
+    transfer.moved_ = true;
+    transfer.take_header_line({bytes, size * count});
+    return size * count;
+  } catch (...) {
+    transfer.failure_ = std::current_exception();  // rethrown outside of curl
+    return 0;
+  }
+}
+
+std::size_t CurlTransfer::on_body(char* bytes, std::size_t size, std::size_t count, void* self) {
+  auto& transfer = *static_cast<CurlTransfer*>(self);
+  try {
+    return transfer.take_body({bytes, size * count});
+  } catch (...) {
+    transfer.failure_ = std::current_exception();  // rethrown outside of curl
+    return 0;
+  }
+}
+
+int CurlTransfer::on_connected(void* self, char*, char*, int, int) {
+  static_cast<CurlTransfer*>(self)->connected_ = true;
+  return CURL_PREREQFUNC_OK;
+}
+
+void CurlTransfer::take_header_line(std::string_view line) {
+  header_bytes_ += line.size();
+  if (header_bytes_ > MAX_HEADER_BYTES) throw Error(error_class::URLError, "the response's headers are too long");
+  if (headers_done_) return;  // a trailer
+  while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.remove_suffix(1);
+  if (line.empty()) {
+    end_of_headers();
+  } else if (line.starts_with("HTTP/")) {
+    headers_.clear();
+  } else if ((line.front() == ' ' || line.front() == '\t') && !headers_.empty()) {
+    headers_.back().second += " " + text_from_latin1(strip(line));  // a folded line
+  } else if (const std::size_t colon = line.find(':'); colon != std::string_view::npos) {
+    headers_.emplace_back(text_from_latin1(line.substr(0, colon)), text_from_latin1(strip(line.substr(colon + 1))));
+  }
+}
+
+void CurlTransfer::end_of_headers() {
+  long code = 0;
+  curl_easy_getinfo(handles_.easy(), CURLINFO_RESPONSE_CODE, &code);
+  if (code < 100 || code > 599 || code == 101) throw Error(error_class::URLError, "the response has no valid status");
+  if (code < 200) return;  // an interim response; the real one follows
+  require_unambiguous_length(headers_);
+  status_ = static_cast<int>(code);
+  headers_done_ = true;
+}
+
+std::size_t CurlTransfer::take_body(std::string_view bytes) {
+  if (bytes.empty()) return 0;
+  if (sink_ == nullptr) return CURL_WRITEFUNC_PAUSE;
+  moved_ = true;
+  const auto taken = static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), body_room_));
+  if (taken > 0) sink_->accept(bytes.substr(0, taken));
+  body_room_ -= taken;
+  return taken;  // less than offered ends the transfer
+}
+
+}  // namespace brackenfen::sync

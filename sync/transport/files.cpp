@@ -1,0 +1,118 @@
+#include "sync/transport/files.hpp"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <limits>
+#include <memory>
+
+#include "sync/base/descriptor.hpp"
+#include "sync/base/error.hpp"
+#include "sync/base/interrupt.hpp"
+#include "sync/base/paths.hpp"
+#include "sync/base/sha256.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+/// Larger reads are no faster: they leave the processor's caches before they are hashed.
+constexpr std::size_t HASH_BLOCK_BYTES = 512 * 1024;
+
+std::int64_t nanoseconds(const timespec& time) { return static_cast<std::int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec; }
+
+class SystemFiles final : public Files {
+ public:
+  void rename(const std::string& from, const std::string& to) override {
+    if (::rename(from.c_str(), to.c_str()) != 0) throw os_error(errno, from, to);
+  }
+
+  void unlink(const std::string& path) override {
+    if (::unlink(path.c_str()) != 0) throw os_error(errno, path);
+  }
+
+  void write_new(const std::string& path, std::string_view data) override {
+    Descriptor file = open_file(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW);
+    write_all(file, data, path);
+    file.close();
+  }
+
+  std::optional<FileStat> stat(const std::string& path) override {
+    struct stat found {};
+    if (::stat(path.c_str(), &found) != 0) {
+      if (errno == ENOENT || errno == ENOTDIR) return std::nullopt;
+      throw os_error(errno, path);
+    }
+    return FileStat{.size_bytes = found.st_size,
+                    .mtime_ns = nanoseconds(found.st_mtim),
+                    .ctime_ns = nanoseconds(found.st_ctim),
+                    .inode = static_cast<std::int64_t>(found.st_ino),
+                    .is_directory = S_ISDIR(found.st_mode)};
+  }
+
+  std::int64_t free_bytes(const std::string& directory) override {
+    struct statvfs volume {};
+    int outcome = 0;
+    do {
+      outcome = ::statvfs(directory.c_str(), &volume);
+    } while (outcome != 0 && errno == EINTR);
+    if (outcome != 0) throw os_error(errno, directory);
+    std::int64_t bytes = 0;
+    const bool too_many = __builtin_mul_overflow(volume.f_bavail, volume.f_frsize, &bytes);
+    return too_many ? std::numeric_limits<std::int64_t>::max() : bytes;
+  }
+};
+
+/// One block and one digest for each thread that hashes, for as long as the thread lives.
+struct HashWorkspace {
+  std::unique_ptr<char[]> block = std::make_unique_for_overwrite<char[]>(HASH_BLOCK_BYTES);
+  Sha256 digest;
+};
+
+HashWorkspace& hash_workspace() {
+  thread_local HashWorkspace workspace;
+  return workspace;
+}
+
+}  // namespace
+
+Files& Files::real() {
+  static Files& files = *new SystemFiles;
+  return files;
+}
+
+void _atomic_write(Files& files, Clock& clock, const std::string& filepath, std::string_view data) {
+  const std::string temporary = filepath + "." + std::to_string(::getpid()) + "." + std::to_string(::pthread_self()) + "." +
+                                std::to_string(clock.monotonic_ns()) + ".tmp";
+  if (const std::string directory = directory_of(filepath); !directory.empty()) make_directories(directory);
+  try {
+    files.write_new(temporary, data);
+    files.rename(temporary, filepath);
+  } catch (const Error&) {
+    try {
+      files.unlink(temporary);
+    } catch (const Error&) {  // the first error is the one to tell
+    }
+    throw;
+  }
+}
+
+std::string _sha256_file(const std::string& filepath, std::int64_t chunk_bytes) {
+  const std::size_t block_bytes = chunk_bytes > 0 ? std::min(HASH_BLOCK_BYTES, static_cast<std::size_t>(chunk_bytes)) : HASH_BLOCK_BYTES;
+  const Descriptor file = open_file(filepath, O_RDONLY);
+  ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+  HashWorkspace& workspace = hash_workspace();
+  workspace.digest.reset();
+  while (const std::size_t count = read_some(file, workspace.block.get(), block_bytes, filepath)) {
+    workspace.digest.update(workspace.block.get(), count);
+    check_interrupt();
+  }
+  return workspace.digest.hex_digest();
+}
+
+}  // namespace brackenfen::sync

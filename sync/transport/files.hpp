@@ -1,0 +1,50 @@
+// Whole files: atomic writes, digests, and the file operations that tests make fail.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "sync/base/clock.hpp"
+
+namespace brackenfen::sync {
+
+inline constexpr std::int64_t SYNC_HASH_FILE_CHUNK_BYTES = 8388608;
+
+/// The size and identity of a file. Times in nanoseconds since the epoch.
+struct FileStat {
+  std::int64_t size_bytes = 0;
+  std::int64_t mtime_ns = 0;
+  std::int64_t ctime_ns = 0;
+  std::int64_t inode = 0;
+  bool is_directory = false;
+};
+
+/// File operations as a seam: only what must be able to fail or be counted. All throw os_error.
+class Files {
+ public:
+  virtual ~Files() = default;
+  virtual void rename(const std::string& from, const std::string& to) = 0;
+  virtual void unlink(const std::string& path) = 0;
+  /// Creates `path` anew and writes `data`; no flush to stable storage.
+  virtual void write_new(const std::string& path, std::string_view data) = 0;
+  /// Follows links. Absent where the file does not exist.
+  [[nodiscard]] virtual std::optional<FileStat> stat(const std::string& path) = 0;
+  /// Bytes that an unprivileged process may still write on the volume of `directory`.
+  [[nodiscard]] virtual std::int64_t free_bytes(const std::string& directory) = 0;
+
+  static Files& real();
+};
+
+/// Writes `data` to a name of its own beside `filepath` ("{filepath}.{pid}.{thread}.{monotonic ns}.tmp"),
+/// creating missing parents, and renames it over. A reader sees the old content or the new, never a part.
+/// Not flushed to stable storage: atomic against readers and a crash of the process, not a power failure.
+/// Throws os_error; the temporary file is gone then and the target untouched.
+void _atomic_write(Files& files, Clock& clock, const std::string& filepath, std::string_view data);
+
+/// Lower-case hexadecimal SHA-256 of a file, read in blocks: memory stays bounded by the smaller of
+/// `chunk_bytes` and the block size that hashes fastest. Throws os_error; Interrupted between two blocks.
+[[nodiscard]] std::string _sha256_file(const std::string& filepath, std::int64_t chunk_bytes = SYNC_HASH_FILE_CHUNK_BYTES);
+
+}  // namespace brackenfen::sync

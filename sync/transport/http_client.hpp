@@ -1,0 +1,64 @@
+// The HTTP client, as a seam: opening a request and reading its body under a deadline.
+#pragma once
+
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace brackenfen::sync {
+
+/// Header names and values in the order of the message, names as the sender spelled them.
+using Headers = std::vector<std::pair<std::string, std::string>>;
+
+/// A GET. Nothing else is ever sent.
+struct HttpRequest {
+  std::string url;
+  Headers headers;
+};
+
+/// Takes the bytes of one body as they arrive.
+class BodySink {
+ public:
+  virtual ~BodySink() = default;
+  /// An error thrown here ends the read and leaves it.
+  virtual void accept(std::string_view bytes) = 0;
+};
+
+/// A response whose headers have arrived. One thread; destroying it closes the connection.
+class HttpResponse {
+ public:
+  virtual ~HttpResponse() = default;
+  [[nodiscard]] virtual int status() const = 0;
+  [[nodiscard]] virtual const Headers& headers() const = 0;
+  /// Feeds the body to `sink` in pieces until it ends or `limit` bytes have been taken; what lies beyond is
+  /// not read. A connection that the peer ends early ends the body: the caller sees a short body, no error.
+  /// Throws TimeoutError "response body read exceeded sync HTTP timeout" once `timeout_seconds` (absent or
+  /// not positive: none) have passed since the call, and a network failure (see HttpClient) otherwise.
+  virtual void read_body(BodySink& sink, std::optional<double> timeout_seconds,
+                         std::uint64_t limit = std::numeric_limits<std::uint64_t>::max()) = 0;
+};
+
+/// Any thread, several at once. Each open() is a new connection; name look-ups and TLS sessions are shared.
+///
+/// Network failures are Errors whose class tells what happened: TimeoutError, ConnectionRefusedError,
+/// ConnectionResetError, BrokenPipeError, SSLError, SSLCertVerificationError, URLError (name look-up, proxy,
+/// malformed answers), OSError for the rest. All of them derive from OSError. No text holds a header value.
+class HttpClient {
+ public:
+  virtual ~HttpClient() = default;
+  /// Sends the request and waits for the headers. Redirects are followed at most 10 deep, each target asked
+  /// of `may_follow`, never from https to http, and Authorization stays with the origin it was meant for.
+  /// Throws ValueError, before anything is sent, for a URL or header with characters that HTTP forbids.
+  [[nodiscard]] virtual std::unique_ptr<HttpResponse> open(const HttpRequest& request, double timeout_seconds,
+                                                           const class TransportSecurity& may_follow) = 0;
+
+  /// libcurl. One instance per process, never destroyed.
+  static HttpClient& real();
+};
+
+}  // namespace brackenfen::sync

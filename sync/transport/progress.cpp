@@ -1,0 +1,198 @@
+#include "sync/transport/progress.hpp"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+#include <optional>
+#include <unordered_set>
+#include <utility>
+
+#include "sync/base/convert.hpp"
+#include "sync/base/error.hpp"
+#include "sync/base/integer_sum.hpp"
+#include "sync/base/interrupt.hpp"
+#include "sync/base/json.hpp"
+#include "sync/base/log.hpp"
+#include "sync/base/paths.hpp"
+#include "sync/documents/manifest_paths.hpp"
+#include "sync/neighbours/sync_progress.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+Value integer_or_zero(const Value& value) { return value.truthy() ? to_integer(value) : Value(0); }
+
+std::string staging_path(std::string_view data_dir, const Value& file_path) { return _manifest_local_path(data_dir, file_path) + ".tmp"; }
+
+/// An open directory and the way to it.
+class DirectoryReader {
+ public:
+  /// Throws os_error, also where `path` is a link.
+  explicit DirectoryReader(const std::string& path) : path_(path) {
+    const int number = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (number < 0) throw os_error(errno, path);
+    stream_.reset(::fdopendir(number));
+    if (!stream_) {
+      const int reason = errno;
+      ::close(number);
+      throw os_error(reason, path);
+    }
+  }
+
+  /// The next name but "." and ".."; nullptr at the end. Throws os_error.
+  [[nodiscard]] const dirent* next() {
+    for (;;) {
+      errno = 0;
+      const dirent* const entry = ::readdir(stream_.get());
+      if (entry == nullptr && errno != 0) throw os_error(errno, path_);
+      if (entry == nullptr) return nullptr;
+      const std::string_view name = entry->d_name;
+      if (name != "." && name != "..") return entry;
+    }
+  }
+
+ private:
+  struct Close {
+    void operator()(DIR* stream) const noexcept { ::closedir(stream); }
+  };
+  std::string path_;
+  std::unique_ptr<DIR, Close> stream_;
+};
+
+bool is_real_directory(const dirent& entry, const std::string& path) {
+  if (entry.d_type != DT_UNKNOWN) return entry.d_type == DT_DIR;
+  struct stat found {};
+  return ::lstat(path.c_str(), &found) == 0 && S_ISDIR(found.st_mode);
+}
+
+/// Unlinks what ends in ".tmp" in one directory, appends its subdirectories to `pending`.
+void clean_directory(Files& files, const std::string& directory, const std::unordered_set<std::string>& preserved,
+                     std::vector<std::string>& pending) {
+  DirectoryReader reader(directory);
+  while (const dirent* const entry = reader.next()) {
+    const std::string path = join_path(directory, entry->d_name);
+    if (is_real_directory(*entry, path)) pending.push_back(path);
+    if (!path.ends_with(".tmp") || preserved.contains(path)) continue;
+    try {
+      files.unlink(path);
+    } catch (const Error& error) {
+      log_debug("best-effort tmp cleanup failed for %s: %s", path, error.text());
+    }
+  }
+}
+
+std::unordered_set<std::string> staging_paths(std::string_view data_dir, const std::vector<Value>& relative_paths) {
+  std::unordered_set<std::string> paths;
+  for (const Value& relative_path : relative_paths) {
+    try {
+      paths.insert(staging_path(data_dir, to_text(relative_path)));
+    } catch (const Error& error) {
+      const bool unusable = error.is(error_class::ManifestError) || error.is(error_class::ValueError) || error.is(error_class::TypeError);
+      if (!unusable) throw;
+    }
+  }
+  return paths;
+}
+
+/// Builds the entries of the progress file. Keys and the empty text are made once and shared by all of them.
+class ShownEntry {
+ public:
+  Document of(const Document& entry, const std::optional<Value>& size_bytes) const {
+    std::vector<Member> members{{kind_, text_or_empty(entry.get("kind"))}, {platform_, text_or_empty(entry.get("platform"))}};
+    if (size_bytes) members.push_back({size_bytes_, *size_bytes});
+    return Document(std::move(members));
+  }
+
+ private:
+  Value text_or_empty(const Value& value) const {
+    if (value.is_text()) return value;
+    return value.is_null() ? empty_ : Value(to_text(value));
+  }
+
+  Text kind_{"kind"};
+  Text platform_{"platform"};
+  Text size_bytes_{"size_bytes"};
+  Value empty_{""};
+};
+
+}  // namespace
+
+std::string _sync_progress_path(std::string_view data_dir) { return join_path(data_dir, SYNC_PROGRESS_FILENAME); }
+
+void _write_sync_progress_json(Files& files, Clock& clock, const SyncProgress& sync_progress, std::string_view data_dir,
+                               const Value& era_number, const Value& version, const Document& files_to_download) {
+  Value total_bytes = 0;
+  std::vector<Value> unknown_size_files;
+  std::vector<Member> entries;
+  entries.reserve(files_to_download.size());
+  const ShownEntry shown;
+  for (const auto& [relative_path, file_info] : files_to_download) {
+    const Document* const entry = file_info.if_document();
+    if (entry == nullptr) continue;
+    const std::optional<Value> size_bytes = sync_progress.manifest_file_size(file_info);
+    if (size_bytes) {
+      total_bytes = add_integers(total_bytes, *size_bytes);
+    } else {
+      unknown_size_files.emplace_back(relative_path);
+    }
+    entries.push_back({relative_path, shown.of(*entry, size_bytes)});
+  }
+  const bool all_known = unknown_size_files.empty();
+  const Document payload{
+      {"phase", "syncing"},
+      {"era_number", integer_or_zero(era_number)},
+      {"version", integer_or_zero(version)},
+      {"updated_at", clock.wall_seconds()},
+      {"total_bytes", total_bytes},
+      {"total_bytes_known", all_known},
+      {"unknown_size_files", List(std::move(unknown_size_files))},
+      {"files", Document(std::move(entries))},
+  };
+  _atomic_write(files, clock, _sync_progress_path(data_dir), write_json(payload, JsonForm::SortedKeys));
+}
+
+void _remove_sync_progress_json(Files& files, std::string_view data_dir) {
+  const std::string path = _sync_progress_path(data_dir);
+  try {
+    files.unlink(path);
+  } catch (const Error& error) {
+    if (!error.is(error_class::FileNotFoundError)) log_debug("best-effort sync progress cleanup failed for %s: %s", path, error.text());
+  }
+}
+
+void _remove_manifest_tmp_file(Files& files, std::string_view data_dir, const Value& file_path) {
+  std::string path;
+  try {
+    path = staging_path(data_dir, file_path);
+  } catch (const Error& error) {
+    if (error.is(error_class::ManifestError)) return;  // an unsafe path never had a staging file
+    throw;
+  }
+  try {
+    files.unlink(path);
+  } catch (const Error& error) {
+    if (!error.is(error_class::FileNotFoundError)) log_warning("Failed to remove stale sync tmp file %s: %s", path, error.text());
+  }
+}
+
+void _cleanup_sync_tmp_files(Files& files, std::string_view data_dir, const std::vector<Value>& preserve_relative_paths) {
+  const std::unordered_set<std::string> preserved = staging_paths(data_dir, preserve_relative_paths);
+  // The walk starts where the links of `data_dir` lead, as staging paths do, and follows none below.
+  std::vector<std::string> pending{real_path(data_dir)};
+  while (!pending.empty()) {
+    const std::string directory = std::move(pending.back());
+    pending.pop_back();
+    check_interrupt();
+    try {
+      clean_directory(files, directory, preserved, pending);
+    } catch (const Error& error) {
+      log_debug("best-effort tmp scan failed for %s: %s", data_dir, error.text());
+    }
+  }
+}
+
+}  // namespace brackenfen::sync

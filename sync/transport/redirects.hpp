@@ -1,0 +1,41 @@
+// Where a request goes: the address asked for, and each redirect followed by hand so that every target
+// passes the transport rule and the token never reaches a stranger.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "sync/neighbours/transport_security.hpp"
+#include "sync/transport/http_client.hpp"
+
+namespace brackenfen::sync {
+
+inline constexpr int MAX_REDIRECTS = 10;
+
+[[nodiscard]] bool is_redirect_status(int status) noexcept;
+
+/// One request on its way. Not shared between threads.
+class RequestRoute {
+ public:
+  /// Throws ValueError for a URL or header that must not be sent.
+  explicit RequestRoute(const HttpRequest& request);
+
+  /// The address to ask next, without user information.
+  [[nodiscard]] const std::string& url() const noexcept { return url_; }
+  /// The headers to ask with. Authorization is gone once a redirect has left the first origin, for good.
+  [[nodiscard]] const Headers& headers() const noexcept { return headers_; }
+  [[nodiscard]] bool is_encrypted() const noexcept { return scheme_ == "https"; }
+
+  /// Goes on to `location`, absolute or relative to url(). Throws URLError, saying why, where the target is
+  /// refused; its text holds the target's scheme and host at most.
+  void follow(std::string_view location, const TransportSecurity& may_follow);
+
+ private:
+  std::string url_;
+  std::string scheme_;
+  std::string origin_;  // scheme, host and port
+  Headers headers_;
+  int redirects_ = 0;
+};
+
+}  // namespace brackenfen::sync

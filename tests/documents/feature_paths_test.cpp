@@ -1,0 +1,99 @@
+#include "sync/documents/feature_paths.hpp"
+
+#include "tests/documents/values.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+const EraConfig& era_config() { return EraConfig::builtin(); }
+
+TEST(FeaturePaths, strategyInAnyLetterCasePicksItsEpoch) {
+  const std::pair<Value, const char*> rows[] = {
+      {"SIGNAL", "signal_is"}, {"my_STRATEGY_2", "strategy_is"},  {"", "signal_is"}, {nullptr, "signal_is"},
+      {5, "signal_is"},        {List{"Strategy"}, "strategy_is"},
+  };
+  for (const auto& [expression_type, epoch] : rows) EXPECT_EQ(_feature_epoch_for_expression_type(era_config(), expression_type), epoch);
+}
+
+struct LookUp {
+  const char* name;
+  const char* files;
+  Value feature, expression_type, universe;
+  std::optional<std::string> path;
+};
+
+TEST(FeaturePaths, findAFeatureByName) {
+  const char* scoped_and_not =
+      R"({"features/us/signal_is/f.arrow": {}, "features/signal_is/f.arrow": {}, "features/us/strategy_is/f.arrow": {}})";
+  const char* deep = R"({"features/signal_is/deep/er/f.arrow": {}, "features/eu/x/signal_is/f.arrow": {}})";
+  const LookUp rows[] = {
+      {"ownUniverse", scoped_and_not, " f ", "SIGNAL", " us ", "features/us/signal_is/f.arrow"},
+      {"otherUniverseIsNoFallBack", scoped_and_not, "f", "SIGNAL", "eu", std::nullopt},
+      {"otherEpochIsNoOtherUniverse", R"({"features/us/strategy_is/f.arrow": {}, "features/signal_is/f.arrow": {}})", "f", "SIGNAL", "eu",
+       "features/signal_is/f.arrow"},
+      {"unscopedBeforeScoped", scoped_and_not, "f", "SIGNAL", nullptr, "features/signal_is/f.arrow"},
+      {"strategyEpoch", scoped_and_not, "f", "a strategy", nullptr, "features/us/strategy_is/f.arrow"},
+      {"firstOfTheManifestWins", deep, "f", "SIGNAL", "  ", "features/signal_is/deep/er/f.arrow"},
+      {"deepScopeCountsAsAnotherUniverse", deep, "f", "SIGNAL", "us", std::nullopt},
+      {"entryMustBeADocument", R"({"features/us/signal_is/f.arrow": 1, "features/signal_is/f.arrow": null})", "f", "SIGNAL", "eu",
+       std::nullopt},
+      {"wholeFileName", R"({"features/signal_is/xf.arrow": {}})", "f", "SIGNAL", nullptr, std::nullopt},
+      {"rootIsFeatures", R"({"old/us/signal_is/f.arrow": {}})", "f", "SIGNAL", nullptr, std::nullopt},
+      {"blankName", scoped_and_not, " ", "SIGNAL", nullptr, std::nullopt},
+      {"nameIsNoText", scoped_and_not, 5, "SIGNAL", nullptr, std::nullopt},
+      {"filesIsNoDocument", "[]", "f", "SIGNAL", nullptr, std::nullopt},
+  };
+  for (const LookUp& row : rows) {
+    SCOPED_TRACE(row.name);
+    EXPECT_EQ(_manifest_feature_relative_path(era_config(), parse_json(row.files), row.feature, row.expression_type, row.universe),
+              row.path);
+  }
+}
+
+TEST(FeaturePaths, familyIsTheFirstTwoOfFourFields) {
+  const std::pair<Value, std::optional<std::string>> rows[] = {
+      {"a__b__c__d", "a__b__"},  {" a__b__c__d__e.arrow ", "a__b__"}, {"a__b____", "a__b__"},      {"a___b__c__d", "a___b__"},
+      {"a__b__c", std::nullopt}, {"__b__c__d", std::nullopt},         {"a____c__d", std::nullopt}, {" ", std::nullopt},
+      {5, std::nullopt},
+  };
+  for (const auto& [name, prefix] : rows) EXPECT_EQ(_feature_artifact_family_prefix(name), prefix) << json_of(name);
+}
+
+TEST(FeaturePaths, companionsShareFamilyAndFolder) {
+  const Value files = document(
+      R"({"features/us/signal_is/a__b__z__1.arrow": {}, "features/us/signal_is/a__b__x__1.arrow": {}, "features/us/signal_is/a__b__y__1.txt": {},
+          "features/us//signal_is/a__b__c.arrow": {}, "features/us/signal_is/a__c__x__1.arrow": {}, "features/us/signal_is/sub/a__b__s.arrow": {},
+          "features/eu/signal_is/a__b__x__1.arrow": {}, "features/us/signal_is/a__b__v__1.arrow": 1, "../features/us/signal_is/a__b__u.arrow": {},
+          "features/signal_is/a__b__x__1.arrow": {}, "features/signal_is/a__b__z__1.arrow": {}})");
+  const std::vector<std::string> family = {"features/us/signal_is/a__b__c.arrow", "features/us/signal_is/a__b__z__1.arrow",
+                                           "features/us/signal_is/sub/a__b__s.arrow"};
+  EXPECT_EQ(_manifest_feature_companion_relative_paths(files, " features/us/./signal_is/a__b__x__1.arrow"), family);
+  for (const char* path : {"features/signal_is/a__b__x__1.arrow", "other/us/signal_is/a__b__x__1.arrow",
+                           "features/us/signal_is/a__b__x.arrow", "features/us/signal_is/a__b__x__1", "../x", ""}) {
+    EXPECT_TRUE(_manifest_feature_companion_relative_paths(files, path).empty()) << path;
+  }
+  EXPECT_TRUE(_manifest_feature_companion_relative_paths(List{}, "features/us/signal_is/a__b__x__1.arrow").empty());
+
+  std::vector<std::string> prefetch = {"features/us/signal_is/a__b__x__1.arrow"};
+  prefetch.insert(prefetch.end(), family.begin(), family.end());
+  EXPECT_EQ(_manifest_feature_prefetch_relative_paths(era_config(), files, "a__b__x__1", "SIGNAL", "us"), prefetch);
+  EXPECT_TRUE(_manifest_feature_prefetch_relative_paths(era_config(), files, "gone", "SIGNAL", "us").empty());
+}
+
+TEST(FeaturePaths, groupSignalsByTheirCurrentEpoch) {
+  const std::tuple<Value, const char*, std::optional<std::string>> rows[] = {
+      {"useful_signals/p/e/signal_os/x", "useful_signals/", "useful_signals/p/e"},
+      {"useful_signals/p/e/strategy_is/x", "useful_signals/", std::nullopt},
+      {"found_signals/p/e/signal_is/x/y", "found_signals/", "found_signals/p/e"},
+      {"found_strategies//e/strategy_is/", "found_strategies/", "found_strategies//e"},
+      {"found_signals/p/e/signal_is", "found_signals/", std::nullopt},
+      {"found_signals/p/e", "found_signals/", std::nullopt},
+      {"found_signals2/p/e/signal_is/x", "found_signals", std::nullopt},
+      {"features/p/e/signal_is/x", "features/", std::nullopt},
+      {5, "found_signals/", std::nullopt},
+  };
+  for (const auto& [path, prefix, key] : rows) EXPECT_EQ(_agent_signal_group_key(era_config(), path, prefix), key) << json_of(path);
+}
+
+}  // namespace
+}  // namespace brackenfen::sync

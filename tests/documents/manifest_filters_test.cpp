@@ -1,0 +1,155 @@
+#include "sync/documents/manifest_filters.hpp"
+
+#include "sync/documents/manifest.hpp"
+#include "tests/documents/values.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+NeighbourSet& builtin_set() {
+  static NeighbourSet& set = *Neighbours::builtin().bind();
+  return set;
+}
+
+struct SanitiseCase {
+  const char* name;
+  const char* manifest;
+  const char* cleaned;  ///< null where the same document must come back
+};
+
+const SanitiseCase SANITISE_CASES[] = {
+    {"nothingToRemove", R"({"version": 3, "files": {"features/a.arrow": {"kind": "feature"}}, "artifacts": [7]})", nullptr},
+    {"noFiles", R"({"version": 3})", nullptr},
+    {"filesIsAList", R"({"files": ["a.pxd"]})", nullptr},
+    {"declarationPathGoesWhateverItsEntry", R"({"files": {"a.pxd": 7, "b.pxd": {"kind": "feature"}, "c": null}})",
+     R"({"files": {"c": null}})"},
+    {"declarationKindIsExact",
+     R"({"files": {"a": {"kind": "vault_declaration"}, "b": {"kind": "Vault_declaration"}, "c": {"kind": "backtester_declaration"}}})",
+     R"({"files": {"b": {"kind": "Vault_declaration"}}})"},
+    {"declarationRowStaysInArtifacts", R"({"files": {"a.pxd": {}}, "artifacts": [{"path": "a.pxd"}]})",
+     R"({"files": {}, "artifacts": [{"path": "a.pxd"}]})"},
+    {"unsupportedModulesGoFromFilesAndArtifacts",
+     R"({"files": {"a": {"kind": "risk_module"}, "b": {"kind": "vault_module"}}, "artifacts": [{"kind": "risk_module"}, "risk_module", {}], "x": 1})",
+     R"({"files": {"b": {"kind": "vault_module"}}, "artifacts": ["risk_module", {}], "x": 1})"},
+    {"artifactsAloneAreCleaned", R"({"artifacts": [{"kind": "old_module"}]})", R"({"artifacts": []})"},
+    {"retiredPnlTakesItsReferencesAndEmptyEntities",
+     R"({"files": {"found_signals/p/e/signal_is/pnl_long.arrow": {}, "keep": {}},
+         "found_signals": {"emptied": {"files": ["found_signals/p/e/signal_is/pnl_long.arrow"]},
+                           "shared": {"score": 1, "files": [5, "found_signals/p/e/signal_is/pnl_long.arrow", "keep"]},
+                           "wasEmpty": {"files": []}, "noList": {"files": 1}, "noDocument": 2},
+         "found_strategies": [1],
+         "useful_signals": {"kept": {"files": ["found_signals/p/e/signal_is/pnl_long.arrow"]}}})",
+     R"({"files": {"keep": {}},
+         "found_signals": {"shared": {"score": 1, "files": [5, "keep"]}, "noList": {"files": 1}, "noDocument": 2},
+         "found_strategies": [1],
+         "useful_signals": {"kept": {"files": ["found_signals/p/e/signal_is/pnl_long.arrow"]}}})"},
+    {"unlistedPnlKeepsItsReferences",
+     R"({"files": {"keep": {}}, "found_signals": {"a": {"files": ["found_signals/p/e/signal_is/pnl_long.arrow"]}, "b": {"files": []}}})",
+     nullptr},
+};
+
+TEST(ManifestFilters, removeWhatIsRetiredAndShareTheRest) {
+  for (const SanitiseCase& row : SANITISE_CASES) {
+    SCOPED_TRACE(row.name);
+    const Document before = document(row.manifest);
+    const Document cleaned = _sanitize_manifest_data_for_sync(builtin_set(), before);
+    EXPECT_EQ(cleaned.same_as(before), row.cleaned == nullptr);
+    EXPECT_EQ(json_of(before), json_of(document(row.manifest)));
+    if (row.cleaned != nullptr) {
+      EXPECT_EQ(json_of(cleaned), json_of(document(row.cleaned)));
+    }
+    EXPECT_TRUE(_sanitize_manifest_data_for_sync(builtin_set(), cleaned).same_as(cleaned));
+  }
+}
+
+TEST(ManifestFilters, refuseWhatIsNoDocument) {
+  const std::pair<Value, const char*> rows[] = {{nullptr, "NoneType"}, {true, "bool"}, {7, "int"},
+                                                {1.5, "float"},        {"x", "str"},   {List{}, "list"}};
+  for (const auto& [value, type_name] : rows) {
+    EXPECT_EQ(error_text(error_class::AttributeError, [&value = value] { return _sanitize_manifest_data_for_sync(builtin_set(), value); }),
+              "'" + std::string(type_name) + "' object has no attribute 'get'");
+  }
+}
+
+TEST(ManifestFilters, retiredPnlNeedsItsRootNameAndDepth) {
+  const std::pair<const char*, bool> rows[] = {
+      {"found_signals/a/b/c/pnl_long.arrow", true},    {"found_strategies/a/b/c/pnl.long.arrow", true},
+      {"/found_signals/a/b/c/pnl.long.arrow/", true},  {"\\found_signals\\a\\b\\c\\pnl_long.arrow\\", true},
+      {"found_signals/a//c/pnl_long.arrow", true},     {"found_signals/a/b/pnl_long.arrow", false},
+      {"found_signals/a/b/c/d/pnl_long.arrow", false}, {"useful_signals/a/b/c/pnl_long.arrow", false},
+      {"found_signals/a/b/c/x_pnl_long.arrow", false}, {"pnl_long.arrow", false},
+      {"xfound_signals/a/b/c/pnl_long.arrow", false},  {"", false},
+  };
+  for (const auto& [path, retired] : rows) {
+    EXPECT_EQ(_is_retired_found_pnl_long_file(path), retired) << path;
+    EXPECT_EQ(_manifest_has_retired_found_pnl_long_files(Document{{path, Document()}}), retired) << path;
+  }
+  EXPECT_FALSE(_manifest_has_retired_found_pnl_long_files(List{"found_signals/a/b/c/pnl_long.arrow"}));
+  EXPECT_TRUE(_manifest_has_agent_bundle_declarations(document(R"({"a": {}, "b.pxd": null})")));
+  EXPECT_FALSE(_manifest_has_agent_bundle_declarations("b.pxd"));
+}
+
+TEST(ManifestFilters, retiredModuleIsKnownByThisPlatformOnly) {
+  const std::string here = "-" + current_platform();
+  const std::pair<std::string, std::optional<std::string>> rows[] = {
+      {"backtester" + here + ".pyd", "backtester"},
+      {"modules\\x/risk_model" + here + ".so", "risk_model"},
+      {"backtester.pyd", std::nullopt},
+      {"risk_model-plan9_mips.so", std::nullopt},
+      {"vault" + here + ".so", std::nullopt},
+      {"backtester" + here + ".so/readme", std::nullopt},
+  };
+  for (const auto& [path, name] : rows) {
+    EXPECT_EQ(_retired_unsupported_runtime_module_name_from_path(path), name) << path;
+    EXPECT_EQ(_is_retired_unsupported_runtime_module_path(path), name.has_value()) << path;
+  }
+}
+
+TEST(ManifestFilters, excludeModulesOfOtherPlatformsFromTheSync) {
+  const std::string here = R"({"kind": "vault_module", "platform": ")" + current_platform() + R"("})";
+  const std::pair<std::string, bool> rows[] = {
+      {here, false},
+      {R"({"kind": "vault_module", "platform": "plan9_mips"})", true},
+      {R"({"kind": "vault_module", "platform": 9})", true},
+      {R"({"kind": "vault_module", "platform": ""})", false},
+      {R"({"kind": "vault_module", "platform": null})", false},
+      {R"({"kind": "feature", "platform": "plan9_mips"})", false},
+      {R"([1])", false},
+  };
+  for (const auto& [entry, excluded] : rows) {
+    EXPECT_EQ(_rotation_file_is_platform_excluded(builtin_set(), parse_json(entry)), excluded) << entry;
+    EXPECT_EQ(_manifest_file_is_sync_excluded(builtin_set(), parse_json(entry)), excluded) << entry;
+  }
+  const Value unsupported = document(R"({"kind": "risk_module"})");
+  EXPECT_FALSE(_rotation_file_is_platform_excluded(builtin_set(), unsupported));
+  EXPECT_TRUE(_manifest_file_is_sync_excluded(builtin_set(), unsupported));
+}
+
+/// A host whose modules are marked in its own way.
+class HostModules final : public NeighbourSet, RuntimeModuleFreshness {
+ public:
+  const TransportSecurity& transport_security() override { return TransportSecurity::builtin(); }
+  const Auth& auth() override { return Auth::builtin(); }
+  const EraConfig& era_config() override { return EraConfig::builtin(); }
+  const SyncProgress& sync_progress() override { return SyncProgress::builtin(); }
+  const RuntimeModuleFreshness& runtime_module_freshness() override { return ++look_ups, *this; }
+  const ArtifactRotation& artifact_rotation() override { return ArtifactRotation::builtin(); }
+  const std::string& runtime_module_kind_suffix() const override { return suffix_; }
+  bool is_runtime_module_kind(std::string_view kind) const override { return kind == "good_plugin"; }
+
+  int look_ups = 0;
+
+ private:
+  const std::string suffix_ = "_plugin";
+};
+
+TEST(ManifestFilters, askTheHostOncePerWalk) {
+  HostModules host;
+  const Document kept = _drop_unsupported_runtime_module_files(
+      host, document(R"({"files": {"a": {"kind": "bad_plugin"}, "b": {"kind": "good_plugin"}, "c": {"kind": "x_module"}}})"));
+  EXPECT_EQ(json_of(kept), R"({"files": {"b": {"kind": "good_plugin"}, "c": {"kind": "x_module"}}})");
+  EXPECT_EQ(host.look_ups, 1);
+}
+
+}  // namespace
+}  // namespace brackenfen::sync

@@ -1,0 +1,210 @@
+#include "sync/documents/manifest_paths.hpp"
+
+#include <filesystem>
+
+#include "sync/base/paths.hpp"
+#include "sync/documents/local_files.hpp"
+#include "sync/neighbours/transport_security.hpp"
+#include "tests/documents/values.hpp"
+#include "tests/support/temporary_directory.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+using namespace std::string_literals;
+
+void link(const TemporaryDirectory& directory, const std::string& name, const std::string& target) {
+  std::filesystem::create_symlink(target, directory / name);
+}
+
+TEST(ManifestPaths, normaliseToOneForm) {
+  const std::pair<std::string, const char*> rows[] = {
+      {"a/b", "a/b"},         {" a/b\t", "a/b"},      {"\u00a0a\\b\u3000", "a/b"},
+      {"a/./b", "a/b"},       {"a//b", "a/b"},        {"a/b/", "a/b"},
+      {"./a", "a"},           {"C:/x", "C:/x"},       {"a b/ c", "a b/ c"},
+      {"..a/b..", "..a/b.."}, {"a/.../b", "a/.../b"}, {"é/ü", "é/ü"},
+      {"a/ /", "a/ "},        {"a\nb", "a\nb"},       {"./ a", " a"},
+  };
+  for (const auto& [path, normalised] : rows) {
+    EXPECT_EQ(_safe_manifest_relative_path(path), normalised) << path;
+    if (is_plain_relative_path(path)) {
+      EXPECT_EQ(path, normalised);
+    }
+  }
+}
+
+TEST(ManifestPaths, refuseByTheFirstRuleBroken) {
+  const std::pair<Value, std::string> rows[] = {
+      {7, "must be a non-empty relative path"},
+      {nullptr, "must be a non-empty relative path"},
+      {" \u2003\x1c", "must be a non-empty relative path"},
+      {"/a\0b"s, "contains NUL byte: '/a\\x00b'"},
+      {"/etc/x", "must be relative: '/etc/x'"},
+      {" \\a", "must be relative: ' \\\\a'"},
+      {"/../x", "must be relative: '/../x'"},
+      {"..\\x", "contains unsafe segments: '..\\\\x'"},
+      {"a/../b", "contains unsafe segments: 'a/../b'"},
+      {"a/..", "contains unsafe segments: 'a/..'"},
+      {".", "contains unsafe segments: '.'"},
+      {"./", "contains unsafe segments: './'"},
+  };
+  for (const auto& [path, problem] : rows) {
+    EXPECT_EQ(error_text(error_class::ManifestError, [&path = path] { return _safe_manifest_relative_path(path); }),
+              "Manifest file path " + problem);
+    if (path.is_text()) {
+      EXPECT_FALSE(is_plain_relative_path(*path.if_text()));
+    }
+  }
+}
+
+TEST(ManifestPaths, stayInsideTheDirectoryAlsoThroughLinks) {
+  const TemporaryDirectory scratch;
+  scratch.write("data/real/file", "");
+  scratch.write("data-beside/file", "");
+  link(scratch, "data/inside", "real");
+  link(scratch, "data/beside", scratch / "data-beside");
+  link(scratch, "data/self", ".");
+  link(scratch, "way-in", "data");
+
+  const std::string data = scratch / "data";
+  for (const std::string& data_dir : {data, data + "/", scratch / "way-in", scratch / "data/../data/./real/.."}) {
+    EXPECT_EQ(_manifest_local_path(data_dir, "inside/file"), data + "/real/file");
+    EXPECT_EQ(_manifest_local_path(data_dir, "new/file"), data + "/new/file");
+    EXPECT_EQ(_manifest_local_path(data_dir, "self"), data);
+    EXPECT_EQ(error_text(error_class::ManifestError, [&] { return _manifest_local_path(data_dir, " beside/x"); }),
+              "Manifest file path escapes data directory: ' beside/x'");
+  }
+  EXPECT_EQ(_manifest_local_path("/", "etc"), "/etc");
+}
+
+/// All that is told of a file, or the text of a refusal.
+template <typename LocalPath, typename Stat>
+std::string answer(LocalPath local_path, Stat stat) {
+  try {
+    const std::optional<FileStat> found = stat();
+    const std::string path = local_path();
+    if (!found) return path + " missing";
+    return path + json_of(List{found->size_bytes, found->mtime_ns, found->ctime_ns, found->inode, found->is_directory});
+  } catch (const Error& error) {
+    return error.text();
+  }
+}
+
+TEST(LocalFiles, answerAsTheFullResolutionDoes) {
+  const TemporaryDirectory scratch;
+  std::vector<std::string> paths = {"top",
+                                    "a/b/one",
+                                    "a/b/two",
+                                    "a/b",
+                                    "a//b/one",
+                                    "gone",
+                                    "gone/file",
+                                    "a/gone/file",
+                                    "top/file",
+                                    "inside/one",
+                                    "a/linked",
+                                    "out/file",
+                                    "a/out",
+                                    "dangling",
+                                    "loop/file",
+                                    "../x",
+                                    "/etc",
+                                    "a/b/../b/one",
+                                    "self/a/b/one",
+                                    "é/file",
+                                    "inside/gone",
+                                    std::string(300, 'x'),
+                                    std::string(300, 'x') + "/y",
+                                    "gone/out/file",
+                                    "a\\b\\two",
+                                    "",
+                                    "loop"};
+  for (const char* file : {"top", "a/b/one", "a/b/two", "é/file"}) scratch.write("data/" + std::string(file), file);
+  scratch.write("outside/file", "");
+  link(scratch, "data/inside", "a/b");
+  link(scratch, "data/a/linked", "b/two");
+  link(scratch, "data/out", "../outside");
+  link(scratch, "data/a/out", scratch / "outside/file");
+  link(scratch, "data/dangling", "nowhere/at/all");
+  link(scratch, "data/loop", "loop");
+  link(scratch, "data/self", scratch / "data");
+  link(scratch, "way-in", "data");
+  for (int folder = 0; folder < 200; ++folder) {  // more than stay open, so that places are taken over
+    paths.push_back("many/" + std::to_string(folder) + "/file");
+    scratch.write("data/" + paths.back(), "");
+  }
+
+  for (const std::string& data_dir : {scratch / "data", scratch / "way-in", scratch / "nothing-here"}) {
+    LocalFiles files(data_dir);
+    for (int round = 0; round < 2; ++round) {
+      for (const std::string& path : paths) {
+        const auto full_path = [&] { return _manifest_local_path(data_dir, path); };
+        const auto full_stat = [&] { return path_exists(full_path()) ? Files::real().stat(full_path()) : std::nullopt; };
+        EXPECT_EQ(answer([&] { return files.local_path(path); }, [&] { return files.stat(path); }), answer(full_path, full_stat)) << path;
+      }
+    }
+  }
+}
+
+TEST(LocalFiles, seeAFileThatComesAndGoes) {
+  const TemporaryDirectory scratch;
+  LocalFiles files(scratch.path());
+  EXPECT_FALSE(files.stat("new/file"));
+  scratch.write("new/file", "12345");
+  EXPECT_EQ(files.stat("new/file")->size_bytes, 5);
+  std::filesystem::remove(scratch / "new/file");
+  EXPECT_FALSE(files.stat("new/file"));
+  link(scratch, "new/file", "/etc/passwd");
+  EXPECT_EQ(error_text(error_class::ManifestError, [&] { return files.stat("new/file"); }),
+            "Manifest file path escapes data directory: 'new/file'");
+}
+
+TEST(ManifestUrl, joinsBaseAndPathAsTheyStand) {
+  const char* server = "https://host:8443/api//";
+  const std::tuple<Value, const char*, const char*> rows[] = {
+      {nullptr, "a b/ü", "https://host:8443/api/data/files/a b/ü"},
+      {"  ", " a//b ", "https://host:8443/api/data/files/a/b"},
+      {7, "a", "https://host:8443/api/data/files/a"},
+      {" https://cdn/x/ ", "a#b?c", "https://cdn/x/a#b?c"},
+  };
+  for (const auto& [base_url, path, url] : rows) EXPECT_EQ(_manifest_file_url(TransportSecurity::builtin(), server, path, base_url), url);
+}
+
+TEST(ManifestUrl, refusesThePathBeforeTheBase) {
+  const std::string not_absolute = "Manifest base_url must be an absolute data-file URL";
+  const std::tuple<const char*, const char*, Value, std::string> rows[] = {
+      {"https://host", "a/..", "/x", "Manifest file path contains unsafe segments: 'a/..'"},
+      {"https://host", "a", "/data/files", not_absolute},
+      {"https://host", "a", "https:///x", not_absolute},
+      {"https://host", "a", "https://[::1/x", not_absolute},
+      {"host", "a", nullptr, not_absolute},
+      {"https://host", "a", "http://example.com/x", "URL must use https, or http on this machine only: http://example.com"},
+  };
+  for (const auto& [server, path, base_url, text] : rows) {
+    EXPECT_EQ(error_text(error_class::ManifestError,
+                         [server = server, path = path, &base_url = base_url] {
+                           return _manifest_file_url(TransportSecurity::builtin(), server, path, base_url);
+                         }),
+              text);
+  }
+}
+
+TEST(ManifestUrl, isPublicUnlessItIsTheServersOwn) {
+  const std::tuple<const char*, Value, bool> rows[] = {
+      {"https://host", nullptr, false},
+      {"https://host", " ", false},
+      {"https://host", " https://host/data/files/ ", false},
+      {"https://host/api", "https://host/data/files", false},
+      {"https://host/api", "https://host/api/data/files", true},
+      {"https://host", "https://host:444/data/files", true},
+      {"https://host", "https://u@host/data/files", true},
+      {"https://host", "https://host/data/files/x", true},
+      {"https://host", "https://[::1/data/files", true},
+  };
+  for (const auto& [server, base_url, is_public] : rows) {
+    EXPECT_EQ(_manifest_base_url_uses_public_download(server, base_url), is_public) << json_of(base_url);
+  }
+}
+
+}  // namespace
+}  // namespace brackenfen::sync

@@ -1,0 +1,41 @@
+// Keeps what is logged while it is alive.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "sync/base/log.hpp"
+
+namespace brackenfen::sync {
+
+class RecordingLog final : public LogSink {
+ public:
+  struct Entry {
+    LogLevel level;
+    std::string message;
+    Document event;  ///< empty where the record reports none
+  };
+
+  RecordingLog() : previous_(set_log_sink(this)) {}
+  RecordingLog(const RecordingLog&) = delete;
+  RecordingLog& operator=(const RecordingLog&) = delete;
+  ~RecordingLog() override { set_log_sink(previous_); }
+
+  bool enabled(LogLevel) override { return true; }
+  void write(const LogRecord& record) override;
+
+  [[nodiscard]] std::vector<Entry> entries() const;
+  /// The messages of one level, in order.
+  [[nodiscard]] std::vector<std::string> messages(LogLevel level) const;
+  /// The events of one type, in order.
+  [[nodiscard]] std::vector<Document> events(std::string_view event_type) const;
+
+ private:
+  LogSink* previous_;
+  mutable std::mutex mutex_;
+  std::vector<Entry> entries_;
+};
+
+}  // namespace brackenfen::sync

@@ -1,0 +1,105 @@
+// A manager on a directory of its own, and the server that it syncs with: what most tests of the engine need.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "sync/base/error.hpp"
+#include "sync/base/json.hpp"
+#include "sync/base/sha256.hpp"
+#include "sync/engine/sync_manager.hpp"
+#include "tests/support/fake_clock.hpp"
+#include "tests/support/fake_environment.hpp"
+#include "tests/support/fault_files.hpp"
+#include "tests/support/recording_log.hpp"
+#include "tests/support/scripted_server.hpp"
+#include "tests/support/temporary_directory.hpp"
+
+namespace brackenfen::sync {
+
+struct PublishedFile {
+  std::string path;
+  std::string content;
+  std::string kind = "feature";
+
+  [[nodiscard]] Document entry() const { return {{"kind", kind}, {"size_bytes", content.size()}, {"sha256", _sha256(content)}}; }
+};
+
+/// Waits pass at once and are remembered; the network and the files are real.
+class SyncSetup {
+ public:
+  static constexpr int ERA = 7;
+  static constexpr const char* VERSION_PATH = "/data/manifest/version";
+  static constexpr const char* MANIFEST_PATH = "/data/manifest";
+
+  [[nodiscard]] Seams seams() { return {&HttpClient::real(), &clock, &files, &environment, &Neighbours::builtin()}; }
+  [[nodiscard]] SyncManager::Options options() {
+    return {.data_dir = directory.path(),
+            .server_url = server.url(),
+            .get_token = token_source,
+            .runtime_freshness_guard = guard,
+            .seams = seams()};
+  }
+  [[nodiscard]] std::shared_ptr<SyncManager> open() { return std::make_shared<SyncManager>(options()); }
+  [[nodiscard]] std::shared_ptr<NeighbourSet> neighbours() { return Neighbours::builtin().bind(); }
+
+  [[nodiscard]] static Document manifest(int version, const std::vector<PublishedFile>& files, int era = ERA) {
+    std::vector<Member> entries;
+    for (const PublishedFile& file : files) entries.push_back({file.path, file.entry()});
+    return {{"era_number", era}, {"version", version}, {"pnl_column_count", 3}, {"files", Document(std::move(entries))}};
+  }
+  /// The version endpoint, the manifest and the files, all consistent.
+  void publish(int version, const std::vector<PublishedFile>& published) {
+    publish_version(version);
+    publish_manifest(manifest(version, published));
+    for (const PublishedFile& file : published) server.serve_file("/data/files/" + file.path, file.content);
+  }
+  void publish_version(int version, int era = ERA) {
+    server.script(VERSION_PATH, {{.body = write_json(Document{{"version", version}, {"era_number", era}}, JsonForm::InsertionOrder)}});
+  }
+  void publish_manifest(const Document& document) {
+    server.script(MANIFEST_PATH, {{.body = write_json(document, JsonForm::InsertionOrder)}});
+  }
+
+  /// The `Range` headers with which a data file was asked for, in order; empty for a request without one.
+  [[nodiscard]] std::vector<std::string> ranges(const std::string& file_path) const {
+    std::vector<std::string> asked;
+    for (const LoggedRequest& request : server.requests("/data/files/" + file_path)) asked.push_back(request.header("Range").value_or(""));
+    return asked;
+  }
+  [[nodiscard]] std::size_t requests(const std::string& path) const { return server.requests(path).size(); }
+
+  TemporaryDirectory directory;
+  FakeClock clock;
+  FakeEnvironment environment;
+  FaultFiles files;
+  RecordingLog log;
+  ScriptedServer server;
+  std::shared_ptr<TokenSource> token_source = fixed_token("token");
+  std::shared_ptr<RuntimeFreshnessGuard> guard;
+};
+
+/// The error that `body` ends with, or none.
+template <typename Body>
+std::optional<Error> error_of(Body body) {
+  try {
+    static_cast<void>(body());
+  } catch (const Error& error) {
+    return error;
+  }
+  return std::nullopt;
+}
+
+/// "Class: text" of that error; empty for none.
+template <typename Body>
+std::string failure_of(Body body) {
+  const std::optional<Error> error = error_of(body);
+  return error ? std::string(error->error_class().name()) + ": " + error->text() : std::string();
+}
+
+}  // namespace brackenfen::sync

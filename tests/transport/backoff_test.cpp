@@ -1,0 +1,128 @@
+#include "sync/transport/backoff.hpp"
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <climits>
+#include <cmath>
+#include <set>
+#include <thread>
+
+#include "sync/base/error.hpp"
+#include "sync/base/json.hpp"
+#include "tests/support/fake_clock.hpp"
+#include "tests/support/fault_files.hpp"
+#include "tests/support/recording_log.hpp"
+#include "tests/support/temporary_directory.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+using testing::AllOf;
+using testing::Each;
+using testing::Ge;
+using testing::Le;
+using testing::SizeIs;
+
+class BackoffTest : public testing::Test {
+ protected:
+  BackoffTest() {
+    seams_.clock = &clock_;
+    seams_.files = &files_;
+  }
+  Document wait(int attempt_index, const std::string& reason) {
+    return _emit_sync_backoff_wait(seams_, "http_request", attempt_index, reason, "a.arrow", 0.5F);
+  }
+  Document progress() { return *parse_json(directory_.read("sync-progress.json")).if_document(); }
+
+  TemporaryDirectory directory_;
+  FakeClock clock_;
+  FaultFiles files_;
+  Seams seams_ = Seams::real();
+};
+
+TEST_F(BackoffTest, doublesTheDelayUpToItsCapWithJitter) {
+  const std::vector<std::pair<int, double>> rows{{INT_MIN, 0.5}, {-1, 0.5}, {0, 0.5},     {1, 1.0},       {5, 16.0},
+                                                 {6, 30.0},      {7, 30.0}, {2000, 30.0}, {INT_MAX, 30.0}};
+  for (const auto& [attempt_index, base] : rows) {
+    std::set<double> drawn;
+    for (int draw = 0; draw < 200; ++draw) drawn.insert(_backoff_delay_seconds(seams_, attempt_index));
+    EXPECT_THAT(drawn, Each(AllOf(Ge(0.8 * base), Le(1.2 * base)))) << attempt_index;
+    EXPECT_GT(*drawn.rbegin() - *drawn.begin(), 0.2 * base) << "the draws must differ";
+  }
+}
+
+TEST_F(BackoffTest, sleepsInSlicesUntilTheEndOrAStop) {
+  _sleep_for_sync_backoff(seams_, 0.12F);
+  EXPECT_THAT(clock_.waits(), AllOf(SizeIs(3), Each(Le(0.05))));
+  for (const float none : {0.0F, -1.0F, std::nanf("")}) _sleep_for_sync_backoff(seams_, none);
+  EXPECT_THAT(clock_.waits(), SizeIs(3));
+
+  int asked = 0;
+  const auto scope = SyncBackoff::builtin().enter_context(
+      {.data_dir = {}, .surface = {}, .stop_requested = [&] { return ++asked > 2; }, .host_fields = {}});
+  try {
+    _sleep_for_sync_backoff(seams_, HUGE_VALF);
+    ADD_FAILURE() << "not stopped";
+  } catch (const Error& error) {
+    EXPECT_TRUE(error.is(error_class::SyncBackoffCancelled));
+    EXPECT_FALSE(error.is(error_class::SyncError) || error.is(error_class::OSError));
+  }
+  EXPECT_THAT(clock_.waits(), SizeIs(5));
+}
+
+TEST_F(BackoffTest, takesABrokenStopCallbackForNone) {
+  const auto scope = SyncBackoff::builtin().enter_context(
+      {.data_dir = {}, .surface = {}, .stop_requested = []() -> bool { throw RuntimeError("broken"); }, .host_fields = {}});
+  _sleep_for_sync_backoff(seams_, 0.1F);
+  EXPECT_FALSE(_sync_backoff_stop_requested(seams_));
+}
+
+TEST_F(BackoffTest, nestsContextsPerThread) {
+  const auto surface = [&] { return _sync_backoff_surface(seams_, "default"); };
+  const auto enter = [](std::string name) {
+    return SyncBackoff::builtin().enter_context({.data_dir = {}, .surface = std::move(name), .stop_requested = {}, .host_fields = {}});
+  };
+  auto outer = enter("outer");
+  auto inner = enter("inner");
+  EXPECT_EQ(surface(), "inner");
+  std::thread([&] { EXPECT_EQ(surface(), "default"); }).join();
+  inner.reset();
+  EXPECT_EQ(surface(), "outer");
+  outer.reset();
+  EXPECT_EQ(surface(), "default");
+}
+
+TEST_F(BackoffTest, announcesAWaitAndKeepsWhatThePassWrote) {
+  const RecordingLog log;
+  EXPECT_EQ(wait(0, "http_503"), (Document{{"event_type", "sync_backoff_wait"},
+                                           {"surface", "http_request"},
+                                           {"attempt", 1},
+                                           {"wait_seconds", 0.5},
+                                           {"reason", "http_503"},
+                                           {"file", "a.arrow"}}));
+  EXPECT_THAT(log.events("sync_backoff_wait"), SizeIs(1));
+  EXPECT_FALSE(directory_.contains("sync-progress.json")) << "without a data directory nothing is written";
+
+  const auto scope = SyncBackoff::builtin().enter_context(
+      {.data_dir = directory_.path(), .surface = "background_worker", .stop_requested = {}, .host_fields = {}});
+  directory_.write("sync-progress.json", R"({"phase": "syncing", "version": 3, "files": {"a": {}}, "backoff": {"old": 1}, "other": 1})");
+  static_cast<void>(wait(4, "http_503"));
+  EXPECT_EQ(
+      progress(),
+      (Document{{"phase", "backoff"},
+                {"updated_at", clock_.wall_seconds()},
+                {"backoff", Document{{"surface", "background_worker"}, {"attempt", 5}, {"wait_seconds", 0.5}, {"reason", "transient"}}},
+                {"version", 3},
+                {"files", Document{{"a", Document()}}}}));
+  for (const char* broken : {"", "[]", "{\"phase\"", "\xff"}) {
+    directory_.write("sync-progress.json", broken);
+    static_cast<void>(wait(0, ""));
+    EXPECT_THAT(progress(), SizeIs(3)) << broken;
+  }
+  files_.fail(FaultFiles::Call::WriteNew, 1, ENOSPC, true);
+  EXPECT_THROW(static_cast<void>(wait(0, "http_503")), Error);
+}
+
+}  // namespace
+}  // namespace brackenfen::sync

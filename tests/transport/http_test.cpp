@@ -1,0 +1,244 @@
+// Ranges, error bodies and what one request ends with, against the scripted server.
+
+#include "sync/transport/http.hpp"
+
+#include <gmock/gmock.h>
+
+#include <chrono>
+#include <optional>
+
+#include "sync/base/error.hpp"
+#include "sync/base/interrupt.hpp"
+#include "sync/transport/retry.hpp"
+#include "sync/transport/unavailable.hpp"
+#include "tests/support/fake_environment.hpp"
+#include "tests/support/scripted_server.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+using testing::Pair;
+
+class HttpTest : public testing::Test {
+ protected:
+  HttpTest() { seams_.environment = &environment_; }
+
+  HttpResult get(const std::string& path, std::int64_t range_start = 0, std::int64_t range_end = -1, ResponseSink* sink = nullptr) {
+    return _http_get(seams_, *neighbours_, server_.url(path), "canary", range_start, range_end, sink);
+  }
+  /// The error that a GET of `path` ends with, as its class and fields.
+  std::optional<Error> failure_of_get(const std::string& path, ResponseSink* sink = nullptr) {
+    try {
+      static_cast<void>(get(path, 0, -1, sink));
+    } catch (const Error& error) {
+      return error;
+    }
+    return std::nullopt;
+  }
+
+  ScriptedServer server_;
+  FakeEnvironment environment_;
+  Seams seams_ = Seams::real();
+  std::shared_ptr<NeighbourSet> neighbours_ = seams_.neighbours->bind();
+};
+
+/// Counts what it is given; fails in the body where it is told to.
+class CountingSink final : public ResponseSink {
+ public:
+  explicit CountingSink(std::uint64_t limit = 1000, bool disk_full = false) : limit_(limit), disk_full_(disk_full) {}
+  std::uint64_t begin(int status) override {
+    statuses.push_back(status);
+    return limit_;
+  }
+  void accept(std::string_view bytes) override {
+    if (disk_full_) throw os_error(28);
+    content.append(bytes);
+  }
+  std::vector<int> statuses;
+  std::string content;
+
+ private:
+  std::uint64_t limit_;
+  bool disk_full_;
+};
+
+TEST_F(HttpTest, asksForTheRangeThatTheNumbersMean) {
+  struct Row {
+    std::int64_t start, end;
+    std::optional<std::string> header;
+    std::string body;
+  };
+  server_.serve_file("/file", "0123456789");
+  for (const Row& row : std::vector<Row>{{0, -1, std::nullopt, "0123456789"},
+                                         {0, 0, "bytes=0-0", "0"},
+                                         {0, 7, "bytes=0-7", "01234567"},
+                                         {4, 6, "bytes=4-6", "456"},
+                                         {8, -1, "bytes=8-", "89"},
+                                         {8, 5, "bytes=8-", "89"}}) {
+    EXPECT_EQ(get("/file", row.start, row.end).body, row.body);
+    EXPECT_EQ(server_.requests().back().header("Range"), row.header);
+    EXPECT_EQ(_http_get_public(seams_, *neighbours_, server_.url("/file"), row.start, row.end).body, row.body);
+    EXPECT_EQ(server_.requests().back().header("Range"), row.header);
+  }
+  EXPECT_EQ(get("/file", 10).status, 416);
+}
+
+TEST_F(HttpTest, sendsItsOwnHeadersAndNoOthers) {
+  server_.script("/file", {{.body = "x"}});
+  static_cast<void>(get("/file", 3));
+  static_cast<void>(_http_get_public(seams_, *neighbours_, server_.url("/file")));
+  const auto host = Pair("Host", server_.url().substr(7));
+  const auto agent = Pair("User-Agent", "brackenfen-sync/0.0.3");
+  EXPECT_THAT(server_.requests().at(0).headers,
+              ElementsAre(host, Pair("Authorization", "Bearer canary"), agent, Pair("Range", "bytes=3-")));
+  EXPECT_THAT(server_.requests().at(1).headers, ElementsAre(host, agent));
+}
+
+TEST_F(HttpTest, pollsTheVersionUnderItsOwnTimeoutUnlessARangeIsAsked) {
+  environment_.set("BRACKENFEN_SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS", "0.05");
+  for (const char* path : {"/data/manifest/version", "/data/manifest/version//", "/data/manifest/version/x"})
+    server_.script(path, {{.body = "v", .delay = 200ms}});
+  EXPECT_TRUE(failure_of_get("/data/manifest/version"));
+  EXPECT_TRUE(failure_of_get("/data/manifest/version//"));
+  EXPECT_EQ(get("/data/manifest/version", 0, 0).body, "v");
+  EXPECT_EQ(get("/data/manifest/version/x").body, "v");
+}
+
+TEST_F(HttpTest, handsBackDefiniteAnswersWithTheirBodies) {
+  for (const int status : {200, 204, 302, 304, 400, 401, 403, 404, 410, 501, 505}) {
+    const bool has_body = status != 204 && status != 304;
+    server_.script(
+        "/", {{.status = status, .headers = {{"X-Era-Id", "1"}, {"X-Era-Id", "2"}}, .body = has_body ? R"({"retryable": true})" : ""}});
+    const HttpResult result = get("/");
+    EXPECT_EQ(result.status, status);
+    EXPECT_EQ(result.body.empty(), !has_body) << status;
+    EXPECT_THAT(result.headers, testing::Contains(Pair("X-Era-Id", "2")));
+    EXPECT_THAT(result.headers, Not(testing::Contains(Pair("X-Era-Id", "1"))));
+  }
+}
+
+TEST_F(HttpTest, reportsTransientStatusesInTheServersWords) {
+  for (const int status : TRANSIENT_HTTP_STATUSES) {
+    server_.script(
+        "/era/current",
+        {{.status = status, .body = R"({"error_code": "", "error": "BUSY", "dependency": "db", "retryable": false, "reason": "r"})"}});
+    const std::optional<Error> failure = failure_of_get("/era/current");
+    ASSERT_TRUE(failure && failure->is(error_class::SyncUnavailableError)) << status;
+    EXPECT_EQ(failure->text(),
+              "BrackenFen data sync unavailable after 1 attempt(s). endpoint=/era/current url=" + server_.url("/era/current") +
+                  " statuses=[" + std::to_string(status) + "] server_error=BUSY dependency=db retryable=False reason=r");
+    EXPECT_TRUE(failure->fields().get("retryable").is_exactly(false));
+    EXPECT_TRUE(failure->fields().get("typed_details").is_exactly(true));
+  }
+}
+
+TEST_F(HttpTest, reportsNetworkFailuresByClassName) {
+  environment_.set("BRACKENFEN_SYNC_HTTP_TIMEOUT_SECONDS", "0.1");
+  server_.script("/reset", {{.reset = true, .raw = ""}});
+  server_.script("/mute", {{.delay = 1h}});
+  server_.script("/stall", {{.headers = {{"Content-Length", "9"}}, .body = "x", .stall = true}});
+  server_.script("/odd", {{.raw = "HTTP/1.1 999 Odd\r\n\r\n"}});
+  const std::vector<std::pair<std::string, std::string>> rows{
+      {"/reset", "ConnectionResetError"}, {"/mute", "TimeoutError"}, {"/stall", "TimeoutError"}, {"/odd", "URLError"}};
+  for (const auto& [path, name] : rows) {
+    const std::optional<Error> failure = failure_of_get(path);
+    ASSERT_TRUE(failure && failure->is(error_class::SyncUnavailableError)) << path;
+    EXPECT_THAT(failure->text(), AllOf(HasSubstr("failures=['" + name + "'] server_error=" + name +
+                                                 " dependency=network retryable=True recovery=retry_with_backoff reason=" + name),
+                                       Not(HasSubstr("canary"))));
+    EXPECT_EQ(failure->fields().get("failures"), Value(List{name}));
+    EXPECT_EQ(failure->fields().get("statuses"), Value(List()));
+  }
+}
+
+TEST_F(HttpTest, boundsErrorBodiesAndTakesTheirFailureForSilence) {
+  environment_.set("BRACKENFEN_SYNC_HTTP_TIMEOUT_SECONDS", "0.2");
+  server_.script("/endless", {{.status = 404, .body = std::string(100'000, 'e'), .endless = true}});
+  server_.script("/stall", {{.status = 404, .headers = {{"Content-Length", "9"}}, .body = "x", .stall = true}});
+  server_.script("/reset", {{.status = 503, .headers = {{"Content-Length", "9"}}, .body = "x", .reset = true}});
+  EXPECT_EQ(get("/endless").body.size(), MAX_ERROR_BODY_BYTES);
+  EXPECT_EQ(get("/stall").body, "");
+  EXPECT_EQ(failure_of_get("/reset")->fields().get("statuses"), Value(List{503}));
+}
+
+TEST_F(HttpTest, feedsTheSinkOnlyWithTheDataAskedFor) {
+  server_.serve_file("/file", "0123456789");
+  server_.script("/gone", {{.status = 404, .body = "no such file"}});
+  CountingSink whole;
+  CountingSink part(4);
+  CountingSink refused;
+  EXPECT_EQ(get("/file", 0, -1, &whole).body, "");
+  EXPECT_EQ(get("/file", 2, -1, &part).status, 206);
+  EXPECT_EQ(get("/gone", 0, -1, &refused).body, "no such file");
+  EXPECT_THAT(whole.statuses, ElementsAre(200));
+  EXPECT_THAT(part.statuses, ElementsAre(206));
+  EXPECT_TRUE(refused.statuses.empty());
+  EXPECT_EQ(whole.content + "," + part.content + "," + refused.content, "0123456789,2345,");
+}
+
+TEST_F(HttpTest, doesNotTakeAFullDiskForAnOutage) {
+  server_.script("/file", {{.body = "x"}});
+  CountingSink full(1000, true);
+  const std::optional<Error> failure = failure_of_get("/file", &full);
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->text(), "[Errno 28] No space left on device");
+  EXPECT_FALSE(failure->is(error_class::SyncError));
+}
+
+TEST_F(HttpTest, refusesUrlsAndTokensAtOnceAndWithoutShowingTheToken) {
+  const auto refusal = [&](const std::string& url, const std::string& token) -> std::string {
+    try {
+      static_cast<void>(_http_get(seams_, *neighbours_, url, token));
+    } catch (const Error& error) {
+      return std::string(error.error_class().name()) + ": " + error.text();
+    }
+    return "sent";
+  };
+  for (const std::string token : {"canary\n", "canary canary", "canary\tx", "canary\u20ac",
+                                  "can\x7f"
+                                  "ary",
+                                  "canary\xff"}) {
+    EXPECT_EQ(refusal(server_.url("/"), token), "ValueError: the token holds a character that HTTP forbids");
+  }
+  for (const std::string& url :
+       {server_.url("/a b"), server_.url("/\r\n"), server_.url("/\u00e9"), std::string("http://data.example.com/"), std::string()}) {
+    EXPECT_THAT(refusal(url, "canary"), AllOf(HasSubstr("ValueError: "), Not(HasSubstr("canary")))) << url;
+  }
+  EXPECT_TRUE(server_.requests().empty());
+}
+
+TEST(ErrorBodies, areDocumentsOrNothing) {
+  EXPECT_EQ(_parse_sync_error_body(R"({"error": "x"})"), (Document{{"error", "x"}}));
+  for (const char* body : {"", "\xff{}", "{", "[1]", "null", "\xef\xbb\xbf{}"}) EXPECT_EQ(_parse_sync_error_body(body), Document()) << body;
+}
+
+TEST(DownloadStatuses, becomeTheErrorThatTheyMean) {
+  struct Row {
+    Value status;
+    const ErrorClass& expected;
+    std::string text;
+    Value field;
+  };
+  const std::vector<Row> rows{{401, error_class::AuthError, "Authentication failed while downloading a: HTTP 401", {}},
+                              {"503", error_class::SyncError, "Download failed for a: HTTP 503", {}},
+                              {403, error_class::PermanentDownloadError, "Download failed for a: HTTP 403", 403},
+                              {"abc", error_class::PermanentDownloadError, "Download failed for a: HTTP abc", nullptr},
+                              {nullptr, error_class::PermanentDownloadError, "Download failed for a: HTTP None", nullptr}};
+  for (const Row& row : rows) {
+    try {
+      _raise_download_http_status(Auth::builtin(), "a", row.status);
+    } catch (const Error& error) {
+      EXPECT_EQ(&error.error_class(), &row.expected);
+      EXPECT_EQ(error.text(), row.text);
+      EXPECT_EQ(error.fields().get("status"), row.field);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace brackenfen::sync
