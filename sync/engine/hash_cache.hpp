@@ -1,0 +1,98 @@
+// The digests of local files, remembered against a fingerprint of their stat, so that an unchanged file is
+// trusted without being read.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include <tsl/robin_map.h>
+
+#include "sync/base/mutex.hpp"
+#include "sync/base/value.hpp"
+#include "sync/transport/files.hpp"
+
+namespace brackenfen::sync {
+
+inline constexpr const char* SYNC_HASH_CACHE_FILENAME = ".sync_hash_cache.json";
+inline constexpr int SYNC_HASH_CACHE_VERSION = 1;
+
+/// Size, both times and inode of a file.
+[[nodiscard]] FileStat _cache_stat_key(Files& files, const std::string& local_path);
+
+/// Starts empty; whoever owns it sets what _load_hash_cache() finds.
+///
+/// Any thread. No failure of the cache ever fails a sync: a bad file reads as empty, a failed write is
+/// logged and tried again with the next persist.
+class HashCache {
+ public:
+  HashCache(Files& files, Clock& clock, std::string path);
+
+  /// `expected_sha` where the cache knows that the file has it, else absent.
+  [[nodiscard]] std::optional<std::string> _cached_local_sha(std::string_view file_path, const std::string& local_path,
+                                                             std::string_view expected_sha) const;
+  /// The same for a caller that has the file's stat in hand.
+  [[nodiscard]] bool holds(std::string_view file_path, const FileStat& stat, std::string_view expected_sha) const;
+  void _remember_local_sha(std::string_view file_path, const std::string& local_path, std::string_view actual_sha);
+  /// Writes the file if the map holds something that it does not.
+  void _persist_hash_cache();
+
+  /// The entries by relative path, as they stand in the file.
+  [[nodiscard]] Document entries() const;
+  void set_entries(const Document& entries);
+  [[nodiscard]] bool dirty() const;
+  void set_dirty(bool dirty);
+  [[nodiscard]] const std::string& path() const noexcept { return path_; }
+
+  /// The entries of the file at `path`; empty where it is missing or unusable.
+  [[nodiscard]] static Document _load_hash_cache(const std::string& path);
+
+ private:
+  struct Fingerprint {
+    Text sha256;
+    std::int64_t size_bytes;
+    std::int64_t mtime_ns;
+    std::int64_t ctime_ns;
+    std::int64_t inode;
+
+    bool operator==(const Fingerprint&) const = default;
+  };
+  /// Whatever else a file or a host puts in the place of a fingerprint is kept, and written back, as it stands.
+  using Entry = std::variant<Fingerprint, Document>;
+
+  struct PathHash {
+    std::size_t operator()(std::string_view path) const noexcept { return std::hash<std::string_view>()(path); }
+  };
+  struct PathEqual {
+    using is_transparent = void;
+    bool operator()(std::string_view left, std::string_view right) const noexcept { return left == right; }
+  };
+  using Entries = tsl::robin_map<Text, Entry, PathHash, PathEqual>;
+
+  using EntryList = std::vector<std::pair<Text, Entry>>;
+
+  static Entry entry_from_document(const Document& document);
+  static Document document_from(const Entry& entry);
+  static std::string file_text(const EntryList& entries);
+  /// What is sorted in the place of the entries themselves, since it is cheap to move. Views the list.
+  struct Line {
+    std::string_view path;
+    const std::pair<Text, Entry>* item;
+  };
+  static std::vector<Line> sorted_by_path(const EntryList& entries);
+  [[nodiscard]] EntryList copy_entries() const EXCLUDES(mutex_);
+
+  Files& files_;
+  Clock& clock_;
+  const std::string path_;
+
+  mutable Mutex mutex_;
+  Entries entries_ GUARDED_BY(mutex_);
+  bool dirty_ GUARDED_BY(mutex_) = false;
+};
+
+}  // namespace brackenfen::sync

@@ -1,0 +1,204 @@
+#include "sync/lifecycle/directory_lock.hpp"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <new>
+#include <unordered_set>
+#include <utility>
+
+#include "sync/base/error.hpp"
+#include "sync/base/fork.hpp"
+#include "sync/base/interrupt.hpp"
+#include "sync/base/log.hpp"
+
+namespace brackenfen::sync {
+
+namespace {
+
+// Between two tries of a lock that another process holds. Short at first, since most units of work are.
+constexpr double FIRST_PAUSE_SECONDS = 0.001;
+constexpr double LONGEST_PAUSE_SECONDS = 0.020;
+constexpr double PAUSE_GROWTH = 1.5;
+
+/// 0, or the errno of a failure.
+int flock_once(const Descriptor& descriptor, int operation) noexcept {
+  while (::flock(descriptor.get(), operation) != 0) {
+    if (errno != EINTR) return errno;
+  }
+  return 0;
+}
+
+/// File systems that lock no directories, or none that is open for reading only, say so in these ways; EACCES
+/// comes from a directory that may be written but not read.
+bool means_not_available(int error_number) {
+  return error_number == EBADF || error_number == ENOLCK || error_number == EOPNOTSUPP || error_number == EACCES;
+}
+
+/// Every lock of this process, so that a forked child can let go of what it inherited. Leaked; changed under
+/// NoFork alone.
+std::unordered_set<DirectoryLock*>& live_locks() {
+  static auto& locks = *[] {
+    at_fork_child([] {
+      for (DirectoryLock* lock : live_locks()) lock->abandon_after_fork();
+    });
+    return new std::unordered_set<DirectoryLock*>;
+  }();
+  return locks;
+}
+
+}  // namespace
+
+/// Makes the lock free for other threads at the end of a scope, whatever happens in it.
+class DirectoryLock::OwnerDrop {
+ public:
+  explicit OwnerDrop(DirectoryLock& lock) : lock_(lock) {}
+  OwnerDrop(const OwnerDrop&) = delete;
+  OwnerDrop& operator=(const OwnerDrop&) = delete;
+  ~OwnerDrop() { lock_.drop_owner(); }
+
+ private:
+  DirectoryLock& lock_;
+};
+
+DirectoryLock::DirectoryLock(std::string data_dir, std::string flock_path, Clock& clock)
+    : data_dir_(std::move(data_dir)), flock_path_(std::move(flock_path)), clock_(clock) {
+  auto& locks = live_locks();
+  const NoFork whole;
+  locks.insert(this);
+}
+
+DirectoryLock::~DirectoryLock() {
+  const NoFork whole;
+  live_locks().erase(this);
+}
+
+void DirectoryLock::_acquire_flock() {
+  take_owner();
+  try {
+    lock_descriptors();
+  } catch (...) {
+    const OwnerDrop drop(*this);
+    if (flock_file_) flock_once(flock_file_, LOCK_UN);
+    close_flock_file();
+    unlock_directory();
+    throw;
+  }
+}
+
+void DirectoryLock::_release_flock() {
+  if (!is_owner()) throw RuntimeError("cannot release un-acquired lock");
+  const OwnerDrop drop(*this);
+  int unlock_error = 0;
+  if (flock_file_) {
+    unlock_error = flock_once(flock_file_, LOCK_UN);
+    close_flock_file();
+    if (::unlink(flock_path_.c_str()) != 0 && errno != ENOENT) {
+      log_debug("Failed to remove flock file: %s", os_error(errno, flock_path_).text());
+    }
+  }
+  unlock_directory();
+  if (unlock_error != 0) throw os_error(unlock_error);
+}
+
+void DirectoryLock::close_leftover() {
+  take_owner();
+  const OwnerDrop drop(*this);
+  close_flock_file();
+  unlock_directory();
+}
+
+void DirectoryLock::abandon_after_fork() noexcept {
+  // Threads that held the mutex or waited here do not exist in the child, so both are made anew where they
+  // lie; to destroy them would be to wait for those threads.
+  new (&mutex_) std::mutex;
+  new (&freed_) std::condition_variable;
+  flock_file_ = Descriptor();
+  directory_ = Descriptor();
+  owner_ = std::thread::id();
+  depth_ = 0;
+}
+
+void DirectoryLock::take_owner() {
+  const std::thread::id self = std::this_thread::get_id();
+  std::unique_lock<std::mutex> lock(mutex_);
+  while (depth_ > 0 && owner_ != self) {
+    freed_.wait_for(lock, INTERRUPT_SLICE);
+    if (depth_ == 0) break;
+    lock.unlock();
+    check_interrupt();
+    lock.lock();
+  }
+  owner_ = self;
+  ++depth_;
+}
+
+void DirectoryLock::drop_owner() noexcept {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (--depth_ > 0) return;
+    owner_ = std::thread::id();
+  }
+  freed_.notify_one();
+}
+
+bool DirectoryLock::is_owner() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return depth_ > 0 && owner_ == std::this_thread::get_id();
+}
+
+void DirectoryLock::lock_descriptors() {
+  if (!flock_file_) flock_file_ = open_file(flock_path_, O_APPEND | O_RDWR | O_CREAT, 0666);
+  if (const int error_number = wait_for_flock(flock_file_); error_number != 0) throw os_error(error_number);
+  if (!directory_) lock_directory();
+}
+
+void DirectoryLock::lock_directory() {
+  directory_ = Descriptor(::open(data_dir_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const int error_number = directory_ ? wait_for_flock(directory_) : errno;
+  if (error_number == 0) return;
+  directory_ = Descriptor();
+  if (!means_not_available(error_number)) throw os_error(error_number, data_dir_);
+  log_debug("Directory lock is not available: %s", os_error(error_number, data_dir_).text());
+}
+
+int DirectoryLock::wait_for_flock(const Descriptor& descriptor) {
+  for (double pause_seconds = FIRST_PAUSE_SECONDS;; pause_seconds = std::min(pause_seconds * PAUSE_GROWTH, LONGEST_PAUSE_SECONDS)) {
+    const int error_number = flock_once(descriptor, LOCK_EX | LOCK_NB);
+    if (error_number != EWOULDBLOCK) return error_number;
+    clock_.sleep(pause_seconds);
+  }
+}
+
+void DirectoryLock::unlock_directory() noexcept {
+  if (!directory_) return;
+  flock_once(directory_, LOCK_UN);
+  directory_ = Descriptor();
+}
+
+void DirectoryLock::close_flock_file() {
+  if (!flock_file_) return;
+  try {
+    flock_file_.close();
+  } catch (const Error& error) {
+    log_debug("Failed to close flock file descriptor: %s", error.text());
+  }
+}
+
+void DirectoryLock::Hold::release() {
+  if (!std::exchange(held_, false)) return;
+  lock_._release_flock();
+}
+
+DirectoryLock::Hold::~Hold() {
+  try {
+    release();
+  } catch (const Error& error) {
+    log_debug("Failed to release directory lock: %s", error.text());
+  }
+}
+
+}  // namespace brackenfen::sync

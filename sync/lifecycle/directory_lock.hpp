@@ -1,0 +1,85 @@
+// The mutual exclusion around one unit of work on a data directory: a re-entrant lock inside the process,
+// the advisory lock on `.sync_flock` between processes, and a second, silent one on the directory itself.
+//
+// `.sync_flock` is unlinked at each release, so a process that was blocked on the old file and the next
+// comer with a fresh one could both think they hold it. The lock on the directory's own descriptor, which
+// nobody can unlink, is what keeps two holders from running at once. Order: file, then directory; the
+// directory's is released last, so that the unlink happens under it.
+#pragma once
+
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "sync/base/clock.hpp"
+#include "sync/base/descriptor.hpp"
+
+namespace brackenfen::sync {
+
+/// Any thread. Units of work must not nest: the inner release ends the outer one's protection between
+/// processes.
+class DirectoryLock {
+ public:
+  DirectoryLock(std::string data_dir, std::string flock_path, Clock& clock);
+  DirectoryLock(const DirectoryLock&) = delete;
+  DirectoryLock& operator=(const DirectoryLock&) = delete;
+  ~DirectoryLock();
+
+  /// Blocks without a timeout; throws Interrupted, or os_error where the lock file cannot be opened or locked.
+  void _acquire_flock();
+  /// Throws RuntimeError "cannot release un-acquired lock" on a thread that does not hold it, and os_error
+  /// where unlocking fails; the lock is free then all the same.
+  void _release_flock();
+  /// Closes descriptors left behind by a unit of work that never released. Waits for the in-process lock.
+  void close_leftover();
+  /// In the child of a fork, before anything else there touches the lock: closes the inherited descriptors,
+  /// which leaves the parent's locks as they are, and makes the lock in the process free again. A Hold that
+  /// the child inherited on its stack finds nothing left to release.
+  void abandon_after_fork() noexcept;
+
+  /// One unit of work.
+  class Hold {
+   public:
+    explicit Hold(DirectoryLock& lock) : lock_(lock) { lock_._acquire_flock(); }
+    Hold(const Hold&) = delete;
+    Hold& operator=(const Hold&) = delete;
+    /// Releases now and lets an error of the release reach the caller.
+    void release();
+    /// An error of the release ends in the debug log: the one on its way out matters more.
+    ~Hold();
+
+   private:
+    DirectoryLock& lock_;
+    bool held_ = true;
+  };
+
+ private:
+  class OwnerDrop;
+
+  void take_owner();
+  void drop_owner() noexcept;
+  [[nodiscard]] bool is_owner();
+  void lock_descriptors();
+  void lock_directory();
+  /// flock(LOCK_EX), tried again and again so that an interrupt ends the wait. 0, or the errno of a failure.
+  [[nodiscard]] int wait_for_flock(const Descriptor& descriptor);
+  /// Ends the lock even where a forked child still shares the open file.
+  void unlock_directory() noexcept;
+  void close_flock_file();
+
+  const std::string data_dir_;
+  const std::string flock_path_;
+  Clock& clock_;
+
+  std::mutex mutex_;  // guards owner_ and depth_; a leaf
+  std::condition_variable freed_;
+  std::thread::id owner_;
+  int depth_ = 0;
+
+  // Touched only by the owner.
+  Descriptor flock_file_;
+  Descriptor directory_;
+};
+
+}  // namespace brackenfen::sync

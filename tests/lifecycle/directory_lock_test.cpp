@@ -1,0 +1,180 @@
+#include "sync/lifecycle/directory_lock.hpp"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <filesystem>
+
+#include "sync/base/interrupt.hpp"
+#include "tests/documents/values.hpp"
+#include "tests/support/temporary_directory.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+/// flock on a descriptor of its own, as another process would take it.
+class Rival {
+ public:
+  explicit Rival(const std::string& path) : descriptor_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
+  bool takes() { return ::flock(descriptor_.get(), LOCK_EX | LOCK_NB) == 0; }
+
+ private:
+  Descriptor descriptor_;
+};
+
+class DirectoryLockTest : public testing::Test {
+ protected:
+  const TemporaryDirectory directory;
+  const std::string file = directory / ".sync_flock";
+  DirectoryLock lock{directory.path(), file, Clock::real()};
+
+  bool free() { return !std::filesystem::exists(file) && Rival(directory.path()).takes(); }
+};
+
+TEST_F(DirectoryLockTest, holdsFileAndDirectoryUntilReleased) {
+  {
+    DirectoryLock::Hold hold(lock);
+    EXPECT_FALSE(Rival(file).takes());
+    EXPECT_FALSE(Rival(directory.path()).takes());
+    hold.release();
+    EXPECT_TRUE(free());
+  }
+  EXPECT_TRUE(free());
+}
+
+TEST_F(DirectoryLockTest, endsWithTheInnerReleaseButStaysOwned) {
+  lock._acquire_flock();
+  lock._acquire_flock();
+  lock._release_flock();
+  EXPECT_TRUE(free());
+  std::thread([this] { error_text(error_class::RuntimeError, [this] { return lock._release_flock(), 0; }); }).join();
+  lock._release_flock();
+  EXPECT_EQ(error_text(error_class::RuntimeError, [this] { return lock._release_flock(), 0; }), "cannot release un-acquired lock");
+}
+
+TEST_F(DirectoryLockTest, isFreeAgainAfterAFailure) {
+  DirectoryLock elsewhere(directory / "gone", directory / "gone/.sync_flock", Clock::real());
+  for (int round = 0; round < 2; ++round) error_text(error_class::FileNotFoundError, [&] { return elsewhere._acquire_flock(), 0; });
+  std::filesystem::create_directory(directory / "gone");
+  std::thread([&elsewhere] { const DirectoryLock::Hold hold(elsewhere); }).join();
+
+  // A lock file that cannot be removed fails nothing.
+  lock._acquire_flock();
+  std::filesystem::remove(file);
+  std::filesystem::create_directory(file);
+  EXPECT_NO_THROW(lock._release_flock());
+  std::filesystem::remove(file);
+  const DirectoryLock::Hold hold(lock);
+}
+
+TEST_F(DirectoryLockTest, leavesNothingBehindWhenAWaitIsInterrupted) {
+  directory.write(".sync_flock", "");
+  for (const std::string& taken : {file, directory.path()}) {
+    auto rival = std::make_optional<Rival>(taken);
+    ASSERT_TRUE(rival->takes());
+    auto token = std::make_shared<InterruptToken>();
+    std::thread waiter([&] {
+      const InterruptScope scope(token);
+      EXPECT_THROW(lock._acquire_flock(), Interrupted);
+    });
+    token->trip();
+    waiter.join();
+    rival.reset();
+    EXPECT_TRUE(Rival(file).takes());
+    EXPECT_TRUE(Rival(directory.path()).takes());
+  }
+
+  lock._acquire_flock();
+  auto token = std::make_shared<InterruptToken>();
+  token->trip();
+  std::thread([&] {  // waits for a thread of its own process
+    const InterruptScope scope(token);
+    EXPECT_THROW(lock._acquire_flock(), Interrupted);
+  })
+      .join();
+  lock._release_flock();
+  EXPECT_TRUE(free());
+}
+
+TEST_F(DirectoryLockTest, closesWhatALostUnitOfWorkLeft) {
+  lock._acquire_flock();
+  lock.close_leftover();
+  EXPECT_TRUE(Rival(file).takes());
+  EXPECT_TRUE(Rival(directory.path()).takes());
+  lock._release_flock();
+}
+
+TEST_F(DirectoryLockTest, leavesTheParentsLockToTheParent) {
+  lock._acquire_flock();
+  const pid_t child = ::fork();
+  ASSERT_NE(child, -1);
+  if (child == 0) {
+    bool right = !Rival(file).takes() && !Rival(directory.path()).takes();
+    try {
+      lock._release_flock();
+      right = false;
+    } catch (const Error& error) {
+      right = right && error.is(error_class::RuntimeError);
+    }
+    ::_exit(right && std::filesystem::exists(file) ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  EXPECT_FALSE(Rival(file).takes());
+  lock._release_flock();
+  EXPECT_TRUE(free());
+}
+
+/// Counts across processes.
+struct Shared {
+  std::atomic<int> inside{0};
+  std::atomic<int> overlaps{0};
+  std::atomic<int> rounds{0};
+};
+
+void work(DirectoryLock& lock, Shared& shared, int rounds) {
+  for (int round = 0; round < rounds; ++round) {
+    const DirectoryLock::Hold hold(lock);
+    if (shared.inside.fetch_add(1) != 0) ++shared.overlaps;
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+    shared.inside.fetch_sub(1);
+    ++shared.rounds;
+  }
+}
+
+TEST_F(DirectoryLockTest, neverHasTwoHoldersAcrossProcessesAndThreads) {
+  constexpr int PROCESSES = 3;
+  constexpr int ROUNDS = 20;
+  void* memory = ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(memory, MAP_FAILED);
+  Shared& shared = *new (memory) Shared;
+  std::vector<pid_t> children;
+  for (int process = 0; process < PROCESSES; ++process) {
+    children.push_back(::fork());
+    ASSERT_NE(children.back(), -1);
+    if (children.back() == 0) {
+      DirectoryLock own(directory.path(), file, Clock::real());
+      work(own, shared, ROUNDS);
+      ::_exit(0);
+    }
+  }
+  std::thread second([&] { work(lock, shared, ROUNDS); });
+  work(lock, shared, ROUNDS);
+  second.join();
+  for (const pid_t child : children) {
+    int status = -1;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  }
+  EXPECT_EQ(shared.overlaps, 0);
+  EXPECT_EQ(shared.rounds, (PROCESSES + 2) * ROUNDS);
+  EXPECT_TRUE(free());
+  ::munmap(memory, sizeof(Shared));
+}
+
+}  // namespace
+}  // namespace brackenfen::sync
