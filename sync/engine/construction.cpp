@@ -1,0 +1,96 @@
+// What a manager is built from: its arguments, and what the directory still holds of an earlier life.
+#include "sync/base/convert.hpp"
+#include "sync/base/descriptor.hpp"
+#include "sync/base/error.hpp"
+#include "sync/base/fork.hpp"
+#include "sync/base/json.hpp"
+#include "sync/base/log.hpp"
+#include "sync/base/paths.hpp"
+#include "sync/base/text.hpp"
+#include "sync/documents/manifest_file.hpp"
+#include "sync/documents/manifest_filters.hpp"
+#include "sync/engine/sync_manager.hpp"
+
+namespace brackenfen::sync {
+
+SyncManager::SyncManager(Options options)
+    : _data_dir(options.data_dir),
+      _server_url(options.server_url),
+      _poll_interval(options.poll_interval_s),
+      _consumer_count_path(join_path(options.data_dir, ".consumer_count")),
+      _flock_path(join_path(options.data_dir, ".sync_flock")),
+      seams_(options.seams),
+      fork_generation_(fork_generation()),
+      _hash_cache(*options.seams.files, *options.seams.clock, join_path(options.data_dir, SYNC_HASH_CACHE_FILENAME)),
+      _directory_lock(options.data_dir, join_path(options.data_dir, ".sync_flock"), *options.seams.clock) {
+  const auto not_callable = options.get_token ? options.get_token->type_where_not_callable() : std::optional<std::string>("nothing");
+  if (not_callable) throw TypeError("get_token must be callable, got " + *not_callable);
+  if (options.server_url.empty()) throw ValueError("server_url must not be empty");
+  const auto neighbours = seams_.neighbours->bind();
+  neighbours->transport_security().validate_bearer_transport_url(options.server_url);
+  if (!is_directory(options.data_dir)) {
+    throw Error(error_class::FileNotFoundError, "data_dir does not exist: " + options.data_dir);
+  }
+
+  _get_token.set(std::move(options.get_token));
+  runtime_freshness_guard.set(std::move(options.runtime_freshness_guard));
+  _hash_cache.set_entries(HashCache::_load_hash_cache(_hash_cache.path()));
+  restore_consumer_count();
+  restore_manifest(*neighbours);
+  restore_vocabulary(*neighbours);
+}
+
+SyncManager::~SyncManager() = default;
+
+void SyncManager::restore_consumer_count() {
+  const std::string path = _consumer_count_path.get();
+  if (!path_exists(path)) return;
+  try {
+    _consumer_count.store(to_int64(Value(strip(read_file(path)))));
+  } catch (const Error& error) {
+    log_warning("Failed to read consumer count: %s", error.text());
+  }
+}
+
+void SyncManager::restore_manifest(NeighbourSet& neighbours) {
+  const std::string data_dir = _data_dir.get();
+  const std::string path = join_path(data_dir, "manifest.json");
+  if (!path_exists(path)) return;
+  try {
+    const Value loaded = parse_json(read_file(path));
+    const Document cleaned = _sanitize_manifest_data_for_sync(neighbours, loaded);
+    if (!Value(cleaned).same_as(loaded) && !(Value(cleaned) == loaded)) {
+      _write_manifest_json(*seams_.files, *seams_.clock, data_dir, cleaned);
+    }
+    auto manifest = std::make_shared<Manifest>(neighbours, Value(cleaned));
+    _manifest.set(manifest);
+    _load_manifest_signals_index(neighbours, *manifest);
+  } catch (const Error& error) {
+    log_warning("Failed to load manifest from disk: %s", error.text());
+  }
+}
+
+void SyncManager::restore_vocabulary(NeighbourSet& neighbours) {
+  const std::shared_ptr<Manifest> manifest = _manifest.get();
+  if (!manifest) return;
+  try {
+    if (auto vocabularies = _validate_manifest_vocabulary_files(neighbours, *manifest)) {
+      _vocabulary.set(std::make_shared<const Document>(*std::move(vocabularies)));
+    }
+  } catch (const Error& error) {
+    log_warning("Failed to load vocabulary from disk: %s", error.text());
+  }
+}
+
+Value SyncManager::status() const {
+  const std::shared_ptr<const Value> message = _status_message.get();
+  return message ? *message : Value();
+}
+
+void SyncManager::require_own_process() const {
+  if (fork_generation_ == fork_generation()) return;
+  // The directory is not named: the lock of that field may be held by a thread that this process does not have.
+  throw StateError("this SyncManager was created before fork(): build one in this process with SyncManager.get_or_create");
+}
+
+}  // namespace brackenfen::sync

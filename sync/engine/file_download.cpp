@@ -1,0 +1,320 @@
+// One file, from its URL to its place: streamed, resumed, checked, moved.
+#include <algorithm>
+#include <limits>
+
+#include "sync/base/convert.hpp"
+#include "sync/base/error.hpp"
+#include "sync/base/paths.hpp"
+#include "sync/documents/manifest_paths.hpp"
+#include "sync/documents/signals_index.hpp"
+#include "sync/engine/pass.hpp"
+#include "sync/engine/staging_file.hpp"
+#include "sync/engine/sync_manager.hpp"
+#include "sync/transport/backoff.hpp"
+#include "sync/transport/events.hpp"
+#include "sync/transport/settings.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+/// The value at `key` as text; empty where it is absent, null or otherwise false.
+std::string text_or_empty(const Document& document, std::string_view key) {
+  const Value& value = document.get(key);
+  return value.truthy() ? to_text(value) : std::string();
+}
+
+std::int64_t stated_size(const Document& file_info, const std::string& file_path) {
+  const Value* stated = file_info.find("size_bytes");
+  return stated ? to_int64(manifest_integer(*stated, "size_bytes of " + file_path)) : 0;
+}
+
+/// One call of _download_file. One thread.
+class FileDownload {
+ public:
+  FileDownload(SyncManager& manager, NeighbourSet& neighbours, const std::string& file_path, const Document& file_info, SyncResult& result,
+               const SyncManager::DownloadOptions& options);
+
+  void run();
+
+ private:
+  /// False where an attempt must be followed by another.
+  [[nodiscard]] bool attempt();
+  void open_staging();
+  void transfer();
+  void transfer_chunks(std::int64_t chunk_bytes);
+  void resume_to_end();
+  void fetch_whole();
+  [[nodiscard]] HttpResult request(std::int64_t range_start, std::int64_t range_end);
+  [[nodiscard]] std::uint64_t whole_limit() const;
+  /// False where the bytes that came are too few and are to be resumed.
+  [[nodiscard]] bool is_long_enough();
+  [[nodiscard]] bool may_retry(const Error& error) const;
+  [[nodiscard]] bool checksum_fits(const std::string& actual_sha);
+  void land(const std::string& actual_sha);
+
+  void announce_wait(std::string_view reason);
+  void close_and_sleep();
+  [[nodiscard]] bool superseded() { return manager_._download_manifest_superseded(neighbours_, file_info_); }
+  void log_event(std::string_view event_type, std::string_view reason, const Document& fields) const;
+  /// What every report about this file's generation says, with the range where one was asked for.
+  [[nodiscard]] Document generation_fields(std::optional<std::int64_t> range_start = {}, std::optional<std::int64_t> range_end = {}) const;
+  [[noreturn]] void reset_after_416(const Document& fields);
+  [[noreturn]] void leave_superseded(std::string_view reason, const Document& fields);
+
+  SyncManager& manager_;
+  NeighbourSet& neighbours_;
+  const Seams& seams_;
+  const std::string& file_path_;
+  const Document& file_info_;
+  SyncResult& result_;
+  const SyncManager::DownloadOptions& options_;
+
+  const std::string live_data_dir_;
+  const std::string expected_sha_;
+  const std::int64_t expected_size_;
+  const std::string kind_;
+  const std::string url_;
+  const bool is_public_;
+  const std::string local_path_;
+  const std::int64_t max_unchanged_checksum_repairs_;
+
+  int attempt_ = 0;  ///< counts retries of every kind
+  float wait_seconds_ = 0;
+  StagingFile staging_;
+};
+
+/// The base URL of the plan entry, else of the file entry, else of the committed manifest.
+Value base_url_for(const Document& file_info, const SyncManager& manager) {
+  for (const char* key : {"_manifest_base_url", "base_url"}) {
+    if (const Value& base_url = file_info.get(key); base_url.truthy()) return base_url;
+  }
+  const std::shared_ptr<Manifest> manifest = manager._manifest.get();
+  return manifest ? manifest->base_url() : Value();
+}
+
+FileDownload::FileDownload(SyncManager& manager, NeighbourSet& neighbours, const std::string& file_path, const Document& file_info,
+                           SyncResult& result, const SyncManager::DownloadOptions& options)
+    : manager_(manager),
+      neighbours_(neighbours),
+      seams_(manager.seams()),
+      file_path_(file_path),
+      file_info_(file_info),
+      result_(result),
+      options_(options),
+      live_data_dir_(manager._data_dir.get()),
+      expected_sha_(text_or_empty(file_info, "sha256")),
+      expected_size_(stated_size(file_info, file_path)),
+      kind_(text_or_empty(file_info, "kind")),
+      url_(_manifest_file_url(neighbours.transport_security(), manager._server_url.get(), Value(file_path),
+                              base_url_for(file_info, manager))),
+      is_public_(_manifest_base_url_uses_public_download(manager._server_url.get(), base_url_for(file_info, manager))),
+      local_path_(
+          _manifest_local_path(options.target_data_dir.value_or("").empty() ? live_data_dir_ : *options.target_data_dir, Value(file_path))),
+      max_unchanged_checksum_repairs_(_sync_max_unchanged_checksum_repairs(*seams_.environment)),
+      staging_(local_path_ + ".tmp") {
+  if (const std::string parent = directory_of(local_path_); !parent.empty()) make_directories(parent);
+}
+
+void FileDownload::run() {
+  while (!attempt()) ++attempt_;
+}
+
+bool FileDownload::attempt() {
+  wait_seconds_ = static_cast<float>(_backoff_delay_seconds(seams_, attempt_));
+  open_staging();
+  std::string_view wait_reason;
+  try {
+    transfer();
+    if (!is_long_enough()) wait_reason = "partial_transfer";
+  } catch (const Error& error) {
+    if (!may_retry(error)) throw;
+    wait_reason = error.error_class().name();
+  }
+  if (!wait_reason.empty()) {
+    announce_wait(wait_reason);
+    close_and_sleep();
+    return false;
+  }
+  const std::string actual_sha = staging_.hex_digest();
+  if (!checksum_fits(actual_sha)) return false;
+  land(actual_sha);
+  return true;
+}
+
+void FileDownload::open_staging() {
+  staging_.open();
+  if (staging_.size_bytes() > 0)
+    _log_sync_event("range_resume", file_path_, 1, "partial_tmp", Document{{"bytes_existing", staging_.size_bytes()}});
+}
+
+void FileDownload::transfer() {
+  const std::int64_t chunk_bytes = _sync_http_chunk_bytes(*seams_.environment);
+  if (expected_size_ > chunk_bytes) {
+    transfer_chunks(chunk_bytes);
+  } else if (staging_.size_bytes() > 0) {
+    resume_to_end();
+  } else {
+    fetch_whole();
+  }
+}
+
+void FileDownload::transfer_chunks(std::int64_t chunk_bytes) {
+  while (staging_.size_bytes() < expected_size_) {
+    const std::int64_t start = staging_.size_bytes();
+    const std::int64_t size = std::min(expected_size_ - start, chunk_bytes);
+    const std::int64_t end = start + size - 1;
+    staging_.expect(static_cast<std::uint64_t>(size) + BODY_SLACK_BYTES, start == 0 ? std::optional(whole_limit()) : std::nullopt);
+    const HttpResult response = request(start, end);
+
+    if (response.status == 206) {
+      if (staging_.received_bytes() > 0) continue;
+      if (superseded()) leave_superseded("empty_range", generation_fields(start, end));
+      throw SyncError("Download failed for " + file_path_ + ": empty range " + std::to_string(start) + "-" + std::to_string(end));
+    }
+    if (response.status == 200 && start == 0) {  // the server ignored the range and sent the whole file
+      staging_.keep_whole();
+      return;
+    }
+    if (response.status == 416 && start > 0) reset_after_416(generation_fields(start, end));
+    if (superseded()) {
+      leave_superseded("http_" + std::to_string(response.status), generation_fields(start, end).with("status", response.status));
+    }
+    _raise_download_http_status(neighbours_.auth(), file_path_, response.status);
+  }
+}
+
+void FileDownload::resume_to_end() {
+  const std::int64_t start = staging_.size_bytes();
+  staging_.expect(whole_limit(), whole_limit());
+  const HttpResult response = request(start, -1);
+  if (response.status == 206) return;
+  if (response.status == 200) {
+    staging_.keep_whole();
+    return;
+  }
+  if (response.status == 416) reset_after_416(generation_fields(start));
+  _raise_download_http_status(neighbours_.auth(), file_path_, response.status);
+}
+
+void FileDownload::fetch_whole() {
+  staging_.expect(std::nullopt, whole_limit());
+  const HttpResult response = request(0, -1);
+  if (response.status != 200) _raise_download_http_status(neighbours_.auth(), file_path_, response.status);
+}
+
+std::uint64_t FileDownload::whole_limit() const {
+  if (expected_size_ <= 0) return std::numeric_limits<std::uint64_t>::max();
+  return static_cast<std::uint64_t>(expected_size_) + BODY_SLACK_BYTES;
+}
+
+HttpResult FileDownload::request(std::int64_t range_start, std::int64_t range_end) {
+  try {
+    return is_public_ ? manager_._http_get_public(neighbours_, url_, range_start, range_end, &staging_)
+                      : manager_._http_get(neighbours_, url_, range_start, range_end, &staging_);
+  } catch (const Error&) {
+    staging_.roll_back();
+    throw;
+  }
+}
+
+bool FileDownload::is_long_enough() {
+  const std::int64_t total_written = staging_.size_bytes();
+  if (expected_size_ <= 0 || total_written >= expected_size_) return true;
+  if (superseded()) leave_superseded("partial_transfer", generation_fields());
+  if (options_.retry_partial_transfer) return false;
+  throw IntegrityError("Incomplete download for " + file_path_ + ": got " + std::to_string(total_written) + " bytes, expected " +
+                       std::to_string(expected_size_));
+}
+
+bool FileDownload::may_retry(const Error& error) const {
+  if (error.is(error_class::SyncUnavailableError)) return !error.fields().get("retryable").is_exactly(false);
+  if (error.is(error_class::ManifestSupersededError) || error.is(error_class::PermanentDownloadError)) return false;
+  if (error.is(error_class::IntegrityError)) return options_.retry_partial_transfer && options_.retry_checksum_mismatch;
+  return error.is(error_class::ConnectionError) || error.is(error_class::SyncError);
+}
+
+bool FileDownload::checksum_fits(const std::string& actual_sha) {
+  if (expected_sha_.empty() || expected_sha_ == actual_sha) return true;
+  const Document digests{{"expected_sha", expected_sha_}, {"actual_sha", actual_sha}};
+  const std::string expected_and_got = "expected " + expected_sha_ + ", got " + actual_sha;
+  if (superseded()) {
+    leave_superseded("sha256_mismatch", generation_fields().with("expected_sha", expected_sha_).with("actual_sha", actual_sha));
+  }
+  if (!options_.retry_checksum_mismatch) throw IntegrityError("Checksum failure for " + file_path_ + ": " + expected_and_got);
+  if (attempt_ >= max_unchanged_checksum_repairs_) {
+    log_event("checksum_repair_exhausted",
+              "server data inconsistent: checksum mismatch after unchanged manifest repair bound; contact BrackenFen",
+              digests.with("manifest_version", file_info_.get("_manifest_version"))
+                  .with("manifest_era_id", file_info_.get("_manifest_era_id"))
+                  .with("retryable", false)
+                  .with("recovery", "operator_fix_required")
+                  .with("next_action", "Action: contact_brackenfen"));
+    staging_.clear();
+    throw IntegrityError("Checksum failure for " + file_path_ +
+                         ": server data inconsistent after unchanged manifest repair bound; contact BrackenFen. " + expected_and_got);
+  }
+  log_event("checksum_repair", "sha256_mismatch", digests);
+  announce_wait("sha256_mismatch");
+  staging_.clear();
+  close_and_sleep();
+  return false;
+}
+
+void FileDownload::land(const std::string& actual_sha) {
+  const std::int64_t total_written = staging_.size_bytes();
+  staging_.close();
+  seams_.files->rename(staging_.path(), local_path_);
+  const bool target_is_live = !options_.target_data_dir || *options_.target_data_dir == live_data_dir_;
+  if (target_is_live) {
+    if (const auto guard = manager_.runtime_freshness_guard.get()) guard->record_sync_update(file_path_, kind_, actual_sha);
+    if (kind_ != "vault_module") manager_.hash_cache()._remember_local_sha(file_path_, local_path_, actual_sha);
+  }
+  result_.bytes_downloaded += total_written;
+  if (kind_ == "feature") ++result_.features_downloaded;
+  if (is_found_pnl_file_kind(kind_)) result_.found_pnl_paths_downloaded.push_back(local_path_);
+}
+
+void FileDownload::announce_wait(std::string_view reason) {
+  if (options_.retry_status_callback) options_.retry_status_callback(static_cast<double>(wait_seconds_));
+  _emit_sync_backoff_wait(seams_, options_.backoff_surface, attempt_, reason, file_path_, wait_seconds_);
+}
+
+void FileDownload::close_and_sleep() {
+  staging_.close();
+  _sleep_for_sync_backoff(seams_, wait_seconds_);
+}
+
+void FileDownload::log_event(std::string_view event_type, std::string_view reason, const Document& fields) const {
+  _log_sync_event(event_type, file_path_, attempt_ + 1, reason, fields);
+}
+
+Document FileDownload::generation_fields(std::optional<std::int64_t> range_start, std::optional<std::int64_t> range_end) const {
+  return Document{{"expected_size", expected_size_},
+                  {"actual_size", staging_.size_bytes()},
+                  {"range_start", range_start ? Value(*range_start) : Value()},
+                  {"range_end", range_end ? Value(*range_end) : Value()},
+                  {"manifest_version", file_info_.get("_manifest_version")},
+                  {"manifest_era_id", file_info_.get("_manifest_era_id")}};
+}
+
+void FileDownload::reset_after_416(const Document& fields) {
+  log_event("range_resume_reset", "http_416", fields);
+  staging_.clear();
+  throw SyncError("Download resume reset for " + file_path_ + ": HTTP 416");
+}
+
+void FileDownload::leave_superseded(std::string_view reason, const Document& fields) {
+  log_event("manifest_superseded", reason, fields);
+  staging_.clear();  // its bytes belong to a dead generation
+  staging_.close();
+  throw ManifestSupersededError("Manifest advanced while downloading " + file_path_ + "; refreshing before retry");
+}
+
+}  // namespace
+
+void SyncManager::_download_file(NeighbourSet& neighbours, const std::string& file_path, const Document& file_info, SyncResult& result,
+                                 const DownloadOptions& options) {
+  FileDownload(*this, neighbours, file_path, file_info, result, options).run();
+}
+
+}  // namespace brackenfen::sync

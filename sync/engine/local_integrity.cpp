@@ -1,0 +1,94 @@
+// Does a local file match its manifest entry, and is the whole directory complete?
+#include "sync/base/convert.hpp"
+#include "sync/base/error.hpp"
+#include "sync/documents/local_files.hpp"
+#include "sync/documents/manifest_filters.hpp"
+#include "sync/documents/vocabulary.hpp"
+#include "sync/engine/sync_manager.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+/// Whether the entry's size lets the file pass: it is the same, or the entry states none that counts.
+bool size_fits(const Document& file_info, std::int64_t size_bytes) {
+  const Value& stated = file_info.get("size_bytes");
+  if (stated.is_null()) return true;
+  const Value expected = to_integer_or_absent(stated).value_or(Value(-1));
+  return compare_integers(expected, 0) < 0 || expected == Value(size_bytes);
+}
+
+}  // namespace
+
+bool SyncManager::_local_file_matches_manifest(const std::string& file_path, const std::string& local_path, const Document& file_info,
+                                               bool cache_allowed) {
+  std::optional<FileStat> stat;
+  try {
+    stat = seams_.files->stat(local_path);
+  } catch (const Error& error) {
+    if (!error.is(error_class::OSError)) throw;
+    return false;
+  }
+  return stat && file_matches(
+                     file_path, *stat, [&] { return local_path; }, file_info, cache_allowed);
+}
+
+bool SyncManager::file_matches(std::string_view file_path, const FileStat& stat, const std::function<std::string()>& local_path,
+                               const Document& file_info, bool cache_allowed) {
+  if (!size_fits(file_info, stat.size_bytes)) return false;
+  const Value& stated = file_info.get("sha256");
+  if (!stated.truthy()) return true;
+  const auto expected_sha = stated.if_text();
+  if (!expected_sha) return false;
+  if (cache_allowed && _hash_cache.holds(file_path, stat, *expected_sha)) return true;
+  const std::string path = local_path();
+  const std::string actual_sha = _sha256_file(path);
+  if (cache_allowed) _hash_cache._remember_local_sha(file_path, path, actual_sha);
+  return actual_sha == *expected_sha;
+}
+
+bool SyncManager::_local_manifest_files_complete(NeighbourSet& neighbours, Manifest& manifest, const RotationState* active_rotation_state) {
+  const Value files = manifest.files();
+  const Document* entries = files.if_document();
+  LocalFiles local_files(_data_dir.get());
+  const auto passes = [&](const std::string& file_path, const Document& file_info) {
+    const std::optional<FileStat> stat = local_files.stat(file_path);
+    const bool cache_allowed = !(file_info.get("kind").if_text() == "vault_module");
+    return stat && file_matches(
+                       file_path, *stat, [&] { return local_files.local_path(file_path); }, file_info, cache_allowed);
+  };
+
+  if (active_rotation_state) {
+    for (const std::string& file_path : active_rotation_state->active_relative_paths()) {
+      const Value* entry = entries ? entries->find(file_path) : nullptr;
+      const Document* file_info = entry ? entry->if_document() : nullptr;
+      if (!file_info) return false;
+      if (!_manifest_file_is_sync_excluded(neighbours, *entry) && !passes(file_path, *file_info)) return false;
+    }
+    return true;
+  }
+
+  try {
+    _validate_shuffle_seed_file(neighbours, manifest);
+    (void)_validate_manifest_vocabulary_files(neighbours, manifest);
+  } catch (const Error& error) {
+    if (!error.is(error_class::SyncError)) throw;
+    return false;
+  }
+  if (entries) {
+    for (const Member& member : *entries) {
+      const Document* file_info = member.value.if_document();
+      if (_vocabulary_named_universe_from_path(neighbours, Value(member.key)) || _manifest_file_is_sync_excluded(neighbours, member.value))
+        continue;
+      if (!file_info || !passes(member.key.str(), *file_info)) return false;
+    }
+  }
+  try {
+    _load_manifest_signals_index(neighbours, manifest);
+  } catch (const Error& error) {
+    if (!error.is(error_class::SyncError)) throw;
+    return false;
+  }
+  return true;
+}
+
+}  // namespace brackenfen::sync

@@ -1,0 +1,300 @@
+// A set of independent files, fetched at once by a few workers.
+#include <algorithm>
+#include <condition_variable>
+#include <deque>
+#include <exception>
+#include <mutex>
+#include <new>
+#include <unordered_map>
+
+#include "sync/base/error.hpp"
+#include "sync/base/interrupt.hpp"
+#include "sync/base/text.hpp"
+#include "sync/base/worker_thread.hpp"
+#include "sync/documents/manifest_paths.hpp"
+#include "sync/engine/sync_manager.hpp"
+#include "sync/transport/backoff.hpp"
+#include "sync/transport/settings.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+constexpr const char* WORKER_NAME_PREFIX = "bf-sync";
+constexpr std::size_t PREVIEWED_PATHS = 3;
+
+struct Item {
+  std::string file_path;
+  Document file_info;
+};
+
+/// Items that share a local file or a staging file: fetched one after the other by one worker.
+using Task = std::vector<std::size_t>;
+
+struct Outcome {
+  std::size_t item = 0;
+  SyncResult result;
+  std::exception_ptr failure;  ///< null for success
+  bool superseded = false;
+};
+
+/// What the caller and its workers share. Workers that a timeout leaves behind keep it, and the manager,
+/// alive until they are done.
+class Batch : public std::enable_shared_from_this<Batch> {
+ public:
+  Batch(std::shared_ptr<SyncManager> manager, std::shared_ptr<NeighbourSet> neighbours, std::vector<Item> items, std::vector<Task> tasks);
+
+  void start(std::int64_t worker_count);
+  /// The next outcome in order of completion. Absent once all items are done or, with a deadline, at it.
+  /// Throws Interrupted; `interrupt_workers` and `wait_for_workers` are then the caller's to call.
+  [[nodiscard]] std::optional<Outcome> next_outcome(std::optional<double> deadline_seconds);
+  /// Tasks that have not begun never will.
+  void drop_queue();
+  /// Ends every back-off sleep of the batch.
+  void cancel() { cancelled_.store(true); }
+  void interrupt_workers() { interrupt_->trip(); }
+  void wait_for_workers();
+  [[nodiscard]] std::vector<std::string> pending_paths() const;
+
+ private:
+  void work();
+  void run_task(const Task& task);
+  [[nodiscard]] Outcome run_item(std::size_t index);
+  [[nodiscard]] bool worker_stop_requested() const;
+
+  const std::shared_ptr<SyncManager> manager_;
+  const std::shared_ptr<NeighbourSet> neighbours_;
+  const std::vector<Item> items_;
+  const std::vector<Task> tasks_;
+  const BackoffContext parent_context_;
+  const std::shared_ptr<InterruptToken> interrupt_ = std::make_shared<InterruptToken>();
+  std::atomic<bool> cancelled_{false};
+
+  mutable std::mutex mutex_;  // a leaf; guards what follows
+  std::condition_variable changed_;
+  std::deque<Outcome> outcomes_;
+  std::vector<bool> done_;
+  std::size_t next_task_ = 0;
+  bool queue_dropped_ = false;
+  std::size_t consumed_ = 0;
+  std::int64_t running_workers_ = 0;
+};
+
+Batch::Batch(std::shared_ptr<SyncManager> manager, std::shared_ptr<NeighbourSet> neighbours, std::vector<Item> items,
+             std::vector<Task> tasks)
+    : manager_(std::move(manager)),
+      neighbours_(std::move(neighbours)),
+      items_(std::move(items)),
+      tasks_(std::move(tasks)),
+      parent_context_(_current_sync_backoff_context(manager_->seams())),
+      done_(items_.size()) {}
+
+void Batch::start(std::int64_t worker_count) {
+  for (std::int64_t number = 0; number < worker_count; ++number) {
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      ++running_workers_;
+    }
+    try {
+      start_worker_thread(WORKER_NAME_PREFIX + ("_" + std::to_string(number)), [self = shared_from_this()] { self->work(); });
+    } catch (const Error&) {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      if (--running_workers_ == 0) throw;  // fewer workers do as well, none does not
+      return;
+    }
+  }
+}
+
+void Batch::work() {
+  const InterruptScope scope(interrupt_);
+  while (true) {
+    const Task* task = nullptr;
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      if (next_task_ < tasks_.size()) task = &tasks_[next_task_++];
+    }
+    if (!task) break;
+    run_task(*task);
+  }
+  const std::lock_guard<std::mutex> lock(mutex_);
+  --running_workers_;
+  changed_.notify_all();
+}
+
+void Batch::run_task(const Task& task) {
+  for (const std::size_t index : task) {
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      if (queue_dropped_ && index != task.front()) return;
+    }
+    Outcome outcome = run_item(index);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    done_[index] = true;
+    outcomes_.push_back(std::move(outcome));
+    changed_.notify_all();
+  }
+}
+
+Outcome Batch::run_item(std::size_t index) {
+  Outcome outcome;
+  outcome.item = index;
+  const Item& item = items_[index];
+  try {
+    BackoffContext context = parent_context_;
+    context.stop_requested = [self = shared_from_this()] { return self->worker_stop_requested(); };  // a host may keep it
+    const std::shared_ptr<void> entered = _sync_backoff_module(manager_->seams())->enter_context(std::move(context));
+    manager_->_download_file(*neighbours_, item.file_path, item.file_info, outcome.result);
+  } catch (const Error& error) {
+    outcome.failure = std::current_exception();
+    outcome.superseded = error.is(error_class::ManifestSupersededError);
+  } catch (const Interrupted&) {
+    outcome.failure = std::current_exception();
+  } catch (const std::bad_alloc&) {
+    outcome.failure = std::make_exception_ptr(Error(error_class::MemoryError, "out of memory while downloading " + item.file_path));
+  }
+  return outcome;
+}
+
+bool Batch::worker_stop_requested() const {
+  if (cancelled_.load()) return true;
+  if (!parent_context_.stop_requested) return false;
+  try {
+    return parent_context_.stop_requested();
+  } catch (const Error&) {
+    return false;
+  }
+}
+
+std::optional<Outcome> Batch::next_outcome(std::optional<double> deadline_seconds) {
+  Clock& clock = *manager_->seams().clock;
+  while (true) {
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      if (outcomes_.empty() && consumed_ < items_.size()) changed_.wait_for(lock, INTERRUPT_SLICE);
+      if (!outcomes_.empty()) {
+        Outcome outcome = std::move(outcomes_.front());
+        outcomes_.pop_front();
+        ++consumed_;
+        return outcome;
+      }
+      if (consumed_ == items_.size() || (running_workers_ == 0 && outcomes_.empty())) return std::nullopt;
+    }
+    if (deadline_seconds && clock.monotonic_seconds() >= *deadline_seconds) return std::nullopt;
+    check_interrupt();
+  }
+}
+
+void Batch::drop_queue() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  next_task_ = tasks_.size();
+  queue_dropped_ = true;
+}
+
+void Batch::wait_for_workers() {
+  while (true) {
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      if (changed_.wait_for(lock, INTERRUPT_SLICE, [&] { return running_workers_ == 0; })) return;
+    }
+    if (!interrupt_->tripped()) check_interrupt();
+  }
+}
+
+std::vector<std::string> Batch::pending_paths() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<std::string> paths;
+  for (std::size_t index = 0; index < items_.size(); ++index) {
+    if (!done_[index]) paths.push_back(items_[index].file_path);
+  }
+  return paths;
+}
+
+/// What two items must not touch at the same time: the local path, without the endings that staging adds.
+std::string exclusion_key(const std::string& data_dir, const std::string& file_path) {
+  std::string key;
+  try {
+    key = _manifest_local_path(data_dir, Value(file_path));
+  } catch (const Error&) {
+    key = file_path;  // refused again, with the error that counts, when it is its turn
+  }
+  while (key.ends_with(".tmp")) key.resize(key.size() - 4);
+  return key;
+}
+
+std::vector<Task> tasks_for(const std::string& data_dir, const std::vector<Item>& items) {
+  std::vector<Task> tasks;
+  std::unordered_map<std::string, std::size_t> task_by_key;
+  for (std::size_t index = 0; index < items.size(); ++index) {
+    const auto [entry, is_new] = task_by_key.try_emplace(exclusion_key(data_dir, items[index].file_path), tasks.size());
+    if (is_new) tasks.emplace_back();
+    tasks[entry->second].push_back(index);
+  }
+  return tasks;
+}
+
+[[noreturn]] void throw_timed_out(const std::vector<std::string>& pending_paths, std::optional<double> timeout_seconds) {
+  const std::size_t shown = std::min(pending_paths.size(), PREVIEWED_PATHS);
+  std::string preview = join({pending_paths.begin(), pending_paths.begin() + static_cast<std::ptrdiff_t>(shown)}, ", ");
+  if (pending_paths.size() > shown) preview += ", ...";
+  throw SyncError("Timed out after " + _sync_parallel_timeout_description(timeout_seconds) + " in parallel download with " +
+                  std::to_string(pending_paths.size()) + " file(s) pending: " + preview);
+}
+
+/// Adds a worker's record to the caller's. Only the calling thread writes to `total`.
+void add_result(SyncResult& total, const SyncResult& part) {
+  total.bytes_downloaded += part.bytes_downloaded;
+  total.features_downloaded += part.features_downloaded;
+  total.found_pnl_paths_downloaded.insert(total.found_pnl_paths_downloaded.end(), part.found_pnl_paths_downloaded.begin(),
+                                          part.found_pnl_paths_downloaded.end());
+}
+
+}  // namespace
+
+void SyncManager::_download_files_parallel(const std::shared_ptr<NeighbourSet>& neighbours, const Document& files_to_download,
+                                           SyncResult& result) {
+  if (files_to_download.empty()) return;
+  std::vector<Item> items;
+  for (const Member& member : files_to_download) items.push_back({member.key.str(), *member.value.if_document()});
+  const auto item_count = static_cast<std::int64_t>(items.size());
+  const std::int64_t worker_count = std::min(item_count, _sync_max_concurrency(*seams_.environment));
+  if (worker_count <= 1) {
+    for (const Item& item : items) _download_file(*neighbours, item.file_path, item.file_info, result);
+    return;
+  }
+
+  const std::optional<double> timeout_seconds = _sync_parallel_timeout_seconds(*seams_.environment, item_count, worker_count);
+  std::optional<double> deadline_seconds;
+  if (timeout_seconds) deadline_seconds = seams_.clock->monotonic_seconds() + *timeout_seconds;
+  std::vector<Task> tasks = tasks_for(_data_dir.get(), items);
+  const auto batch = std::make_shared<Batch>(shared_from_this(), neighbours, std::move(items), std::move(tasks));
+
+  std::exception_ptr first_error;
+  std::int64_t consumed = 0;
+  try {
+    batch->start(worker_count);
+    while (const std::optional<Outcome> outcome = batch->next_outcome(deadline_seconds)) {
+      ++consumed;
+      if (!outcome->failure) {
+        add_result(result, outcome->result);
+      } else if (outcome->superseded) {
+        first_error = outcome->failure;
+        batch->cancel();
+        batch->drop_queue();
+        consumed = item_count;
+        break;
+      } else if (!first_error) {
+        first_error = outcome->failure;
+      }
+    }
+    batch->drop_queue();
+    if (consumed < item_count) throw_timed_out(batch->pending_paths(), timeout_seconds);  // running workers go on by themselves
+    batch->wait_for_workers();
+  } catch (const Interrupted&) {
+    batch->drop_queue();
+    batch->interrupt_workers();
+    batch->wait_for_workers();
+    throw;
+  }
+  if (first_error) std::rethrow_exception(first_error);
+}
+
+}  // namespace brackenfen::sync

@@ -1,0 +1,335 @@
+#include "sync/engine/pass.hpp"
+
+#include <set>
+
+#include "sync/base/convert.hpp"
+#include "sync/base/error.hpp"
+#include "sync/base/integer_sum.hpp"
+#include "sync/base/interrupt.hpp"
+#include "sync/base/json.hpp"
+#include "sync/base/log.hpp"
+#include "sync/documents/feature_paths.hpp"
+#include "sync/documents/manifest_file.hpp"
+#include "sync/documents/manifest_filters.hpp"
+#include "sync/documents/manifest_paths.hpp"
+#include "sync/documents/signals_index.hpp"
+#include "sync/documents/vocabulary.hpp"
+#include "sync/transport/progress.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+/// The host is asked for an interrupt once per so many files of a walk.
+constexpr std::size_t FILES_PER_INTERRUPT_CHECK = 1024;
+
+/// Distinct signal groups under `prefix` among the keys of `files`.
+std::int64_t count_groups(const EraConfig& era_config, const Value& files, std::string_view prefix) {
+  const Document* entries = files.if_document();
+  if (!entries) return 0;
+  std::set<std::string> groups;
+  for (const Member& member : *entries) {
+    if (auto group = _agent_signal_group_key(era_config, Value(member.key), prefix)) groups.insert(*std::move(group));
+  }
+  return static_cast<std::int64_t>(groups.size());
+}
+
+}  // namespace
+
+std::int64_t count_features(const Value& files) {
+  const Document* entries = files.if_document();
+  if (!entries) return 0;
+  std::int64_t count = 0;
+  for (const Member& member : *entries) {
+    const Document* entry = member.value.if_document();
+    if (entry && entry->get("kind").if_text() == "feature") ++count;
+  }
+  return count;
+}
+
+Value manifest_integer(const Value& value, std::string_view key) {
+  try {
+    return to_integer(value);
+  } catch (const Error& error) {
+    throw Error(error.error_class(), "manifest " + std::string(key) + ": " + error.text());
+  }
+}
+
+SyncManager::Pass::Pass(SyncManager& manager)
+    : manager_(manager),
+      neighbours_(manager.seams_.neighbours->bind()),
+      data_dir_(manager._data_dir.get()),
+      local_(manager._manifest.get()),
+      stage_began_ns_(manager.seams_.clock->monotonic_ns()) {}
+
+std::optional<SyncResult> SyncManager::Pass::run() {
+  _remove_sync_progress_json(*manager_.seams_.files, data_dir_);
+  if (auto result = end_on_version_hint(read_version_hint())) return result;
+  note_stage("version hint");
+  fetch_manifest();
+  refuse_another_era();
+  note_stage("manifest");
+  plan_rotation();
+  note_stage("rotation plan");
+  if (same_version_) {
+    if (auto result = end_on_same_version()) return result;
+  }
+  begin_result();
+  collect_downloads();
+  note_stage("walk");
+  std::vector<Value> staged;
+  for (const Member& member : files_to_download_) staged.emplace_back(member.key);
+  _cleanup_sync_tmp_files(*manager_.seams_.files, data_dir_, staged);
+  check_disk();
+  if (!files_to_download_.empty()) {
+    _write_sync_progress_json(*manager_.seams_.files, *manager_.seams_.clock, neighbours_->sync_progress(), data_dir_,
+                              server_->era_number(), server_->version(), files_to_download_);
+  }
+  note_stage("staging");
+  if (!download()) return std::nullopt;
+  note_stage("downloads");
+  land_documents();
+  note_stage("documents");
+  commit();
+  note_stage("commit");
+  finish();
+  note_stage("counts");
+  return std::move(result_);
+}
+
+SyncManager::Pass::VersionHint SyncManager::Pass::read_version_hint() {
+  HttpResult response;
+  try {
+    response = manager_._http_get(*neighbours_, manager_._server_url.get() + "/data/manifest/version");
+  } catch (const Error& error) {
+    if (error.is(neighbours_->auth().auth_error_class()) || error.is(error_class::SyncUnavailableError)) throw;
+    log_warning("Manifest version check failed: %s", error.text());
+    return {};
+  }
+  if (response.status == 401) throw neighbours_->auth().auth_error("Authentication failed: HTTP 401");
+  if (response.status != 200) return {};
+  try {
+    const Value body = parse_json(response.body);
+    const Document* answer = body.if_document();
+    if (!answer) throw TypeError("the answer is not a JSON object");
+    VersionHint hint;
+    hint.version = to_integer(answer->get("version"));
+    if (const Value& era = answer->get("era_number"); !era.is_null()) hint.era = to_integer(era);
+    return hint;
+  } catch (const Error& error) {
+    log_debug("Manifest version response was not parseable: %s", error.text());
+    return {};
+  }
+}
+
+void SyncManager::Pass::fetch_manifest() {
+  const HttpResult response = manager_._http_get(*neighbours_, manager_._server_url.get() + "/data/manifest");
+  const std::string status = std::to_string(response.status);
+  if (response.status == 401) throw neighbours_->auth().auth_error("Authentication failed: HTTP " + status);
+  if (response.status != 200) throw SyncError("Failed to fetch manifest: HTTP " + status);
+  Value parsed;
+  try {
+    parsed = parse_json(response.body);
+  } catch (const Error& error) {
+    if (!error.is(error_class::JSONDecodeError)) throw;
+    throw ManifestError("Invalid manifest JSON: " + error.text());
+  }
+  const Document sanitised = _sanitize_manifest_data_for_sync(*neighbours_, parsed);
+
+  const Value* version = sanitised.find("version");
+  manager_._missing_found_pnl.begin_version(version ? to_integer_or_absent(*version).value_or(Value()) : Value(0));
+  server_data_ = _drop_missing_found_pnl_paths(sanitised, manager_._missing_found_pnl.paths());
+  server_ = std::make_shared<Manifest>(*neighbours_, Value(server_data_));
+}
+
+void SyncManager::Pass::refuse_another_era() const {
+  if (!local_ || local_->era_number() == server_->era_number()) return;
+  throw EraError("Era mismatch: local era_number=" + to_text(local_->era_number()) +
+                 ", server era_number=" + to_text(server_->era_number()));
+}
+
+SyncManager::PlannedRotation SyncManager::Pass::plan_for(Manifest& manifest, bool force_new_candidate) {
+  PlannedRotation rotation = manager_._plan_feature_rotation_for_manifest(*neighbours_, manifest, free_bytes_, force_new_candidate);
+  manager_._precheck_rotation_disk_budget(rotation.plan.selection, free_bytes_, !rotation.explicit_rotation_budget);
+  return rotation;
+}
+
+void SyncManager::Pass::plan_rotation() {
+  free_bytes_ = manager_.seams_.files->free_bytes(data_dir_);
+  // A server that went back in version within the era counts as the same version. A local version that is no
+  // number is no version to compare with: the full path replaces it.
+  const std::optional<Value> local_version = local_ ? to_integer_or_absent(local_->version()) : std::nullopt;
+  same_version_ = local_version && local_->era_number() == server_->era_number() &&
+                  compare_integers(*local_version, manifest_integer(server_->version(), "version")) >= 0;
+  const bool force_new_rotation = !same_version_ || manager_._feature_rotation_should_rotate(*neighbours_, *server_);
+  rotation_ = plan_for(*server_, force_new_rotation);
+}
+
+SyncResult SyncManager::Pass::result_for_era(const Manifest& manifest, const RotationSelection& selection) const {
+  SyncResult result;
+  result.era_number = manifest_integer(manifest.era_number(), "era_number");
+  result.active_relative_paths = selection.active_relative_paths;
+  result.mandatory_relative_paths = selection.mandatory_relative_paths;
+  result.skipped_relative_paths = selection.skipped_relative_paths;
+  if (selection.seed) result.rotation_seed = *selection.seed;
+  if (selection.feature_budget_bytes) result.feature_budget_bytes = *selection.feature_budget_bytes;
+  return result;
+}
+
+void SyncManager::Pass::begin_result() {
+  result_ = result_for_era(*server_, rotation_.plan.selection);
+  result_.pnl_column_count = server_->pnl_column_count();
+}
+
+bool SyncManager::Pass::is_landed_elsewhere(const std::string& file_path, const Document& file_info) {
+  return file_path == SIGNALS_INDEX_RELATIVE_PATH || _vocabulary_named_universe_from_path(*neighbours_, Value(file_path)).has_value() ||
+         _manifest_file_is_sync_excluded(*neighbours_, Value(file_info));
+}
+
+void SyncManager::Pass::collect_downloads() {
+  const Value files = server_->files();
+  const Document* entries = files.if_document();
+  LocalFiles local_files(data_dir_);
+  std::vector<Member> wanted;
+  std::size_t seen = 0;
+  for (const Text& path : rotation_.plan.selection.active_relative_paths) {
+    if (++seen % FILES_PER_INTERRUPT_CHECK == 0) check_interrupt();
+    const std::string file_path = path.str();
+    const Value* entry = entries ? entries->find(file_path) : nullptr;
+    const Document* file_info = entry ? entry->if_document() : nullptr;
+    if (!file_info) throw SyncError("Active rotation path is missing from manifest: " + file_path);
+    if (is_landed_elsewhere(file_path, *file_info)) continue;
+    if (must_download(file_path, *file_info, local_files)) wanted.push_back({path, Value(stamped(*file_info))});
+  }
+  files_to_download_ = Document(std::move(wanted));
+}
+
+bool SyncManager::Pass::must_download(const std::string& file_path, const Document& file_info, LocalFiles& local_files) {
+  const std::optional<FileStat> stat = local_files.stat(file_path);
+  if (!stat) return true;
+  const auto local_path = [&] { return local_files.local_path(file_path); };
+  const bool vault_module = file_info.get("kind").if_text() == "vault_module";
+
+  // Within an era, a file that still is what the local manifest promised is kept, whatever the new entry says.
+  if (local_ && !vault_module && local_->era_number() == server_->era_number()) {
+    const Value local_entry = local_->file(file_path);
+    if (!local_entry.is_null()) {
+      const Document* local_info = local_entry.if_document();
+      if (local_info && manager_.file_matches(file_path, *stat, local_path, *local_info, true)) return false;
+      log_warning("Manifest-tracked local file failed integrity check; re-downloading: %s", file_path);
+    }
+  }
+
+  const auto expected_sha = file_info.get("sha256").if_text();
+  if (!vault_module && expected_sha && manager_._hash_cache.holds(file_path, *stat, *expected_sha)) return false;
+  const std::string path = local_path();
+  const std::string actual_sha = _sha256_file(path);
+  if (!vault_module) manager_._hash_cache._remember_local_sha(file_path, path, actual_sha);
+  return expected_sha != actual_sha;
+}
+
+Document SyncManager::Pass::stamped(const Document& file_info) const {
+  std::vector<Member> members(file_info.begin(), file_info.end());
+  if (server_->base_url().truthy()) members.push_back({"_manifest_base_url", server_->base_url()});
+  members.push_back({"_manifest_version", manifest_integer(server_->version(), "version")});
+  members.push_back({"_manifest_era_id", manifest_integer(server_->era_number(), "era_number")});
+  return Document(std::move(members));
+}
+
+void SyncManager::Pass::check_disk() const {
+  Value total_needed = 0;
+  for (const Member& member : files_to_download_) {
+    const Document& entry = *member.value.if_document();
+    if (const Value* size = entry.find("size_bytes"))
+      total_needed = add_integers(total_needed, manifest_integer(*size, "size_bytes of " + member.key.str()));
+  }
+  if (compare_integers(total_needed, 0) > 0 && compare_integers(total_needed, free_bytes_) > 0) {
+    throw DiskSpaceError("Insufficient disk space: need " + to_text(total_needed) + " bytes, have " + std::to_string(free_bytes_) +
+                         " bytes available");
+  }
+}
+
+bool SyncManager::Pass::download() {
+  try {
+    manager_._download_files_parallel(neighbours_, files_to_download_, result_);
+    return true;
+  } catch (const Error& error) {
+    const std::optional<std::string> missing = _missing_found_pnl_download_path(error, files_to_download_);
+    if (!missing) throw;
+    // A path that came back although it is excluded (one in an unusual spelling) would come back for ever.
+    if (!manager_._missing_found_pnl.add(*missing, manifest_integer(server_->version(), "version"))) throw;
+    _remove_manifest_tmp_file(*manager_.seams_.files, data_dir_, Value(*missing));
+    _remove_sync_progress_json(*manager_.seams_.files, data_dir_);
+    log_warning("Manifest signal PnL artifact is missing from storage; excluding stale membership entry and retrying sync: %s", *missing);
+    return false;
+  }
+}
+
+void SyncManager::Pass::land_documents() {
+  manager_._download_signals_index(*neighbours_, *server_, result_);
+  server_data_ = _drop_missing_found_pnl_paths(server_->data(), manager_._missing_found_pnl.paths());
+  auto [scrubbed_data, update] = manager_._scrub_missing_found_pnl_paths_from_signals_index(server_data_);
+  server_data_ = std::move(scrubbed_data);
+  if (update) {
+    if (const auto guard = manager_.runtime_freshness_guard.get())
+      guard->record_sync_update(update->relative_path, update->kind, update->sha256);
+    manager_._hash_cache._remember_local_sha(update->relative_path, update->local_path, update->sha256);
+  }
+  if (!server_data_.same_as(server_->data())) server_ = std::make_shared<Manifest>(*neighbours_, Value(server_data_));
+  manager_._load_manifest_signals_index(*neighbours_, *server_);
+
+  const EraConfig& era_config = neighbours_->era_config();
+  result_.useful_signals_downloaded = count_groups(era_config, Value(files_to_download_), "useful_signals/");
+  bool vocabulary_in_download_set = false;
+  for (const Member& member : files_to_download_) {
+    vocabulary_in_download_set = vocabulary_in_download_set || _vocabulary_named_universe_from_path(*neighbours_, Value(member.key));
+  }
+  vocabulary_landed_ = manager_._download_vocabulary(*neighbours_, *server_);
+  result_.vocabulary_downloaded = vocabulary_in_download_set || vocabulary_landed_;
+  result_.shuffle_seed_downloaded = manager_._download_shuffle_seed(*neighbours_, *server_);
+}
+
+void SyncManager::Pass::commit() {
+  _write_manifest_json(*manager_.seams_.files, *manager_.seams_.clock, data_dir_, server_->data());
+  manager_._hash_cache._persist_hash_cache();
+  _remove_sync_progress_json(*manager_.seams_.files, data_dir_);
+  manager_._manifest.set(server_);
+}
+
+void SyncManager::Pass::finish() {
+  if (vocabulary_landed_ || !manager_._vocabulary.get())
+    use_vocabularies(manager_._validate_manifest_vocabulary_files(*neighbours_, *server_));
+  add_vocabulary_metadata(result_);
+  manager_._complete_rotation_promotion(rotation_.plan, *server_);
+
+  const Value files = server_->files();
+  const EraConfig& era_config = neighbours_->era_config();
+  result_.n_features = count_features(files);
+  result_.n_useful_signals = count_groups(era_config, files, "useful_signals/");
+  result_.n_found_strategies = count_groups(era_config, files, "found_strategies/");
+}
+
+void SyncManager::Pass::use_vocabularies(std::optional<Document> vocabularies) {
+  if (vocabularies) manager_._vocabulary.set(std::make_shared<const Document>(*std::move(vocabularies)));
+}
+
+void SyncManager::Pass::add_vocabulary_metadata(SyncResult& result) const {
+  const std::shared_ptr<const Document> vocabularies = manager_._vocabulary.get();
+  if (!vocabularies) return;
+  for (const Member& member : *vocabularies) {
+    const Document* vocabulary = member.value.if_document();
+    const Document* metadata = vocabulary ? vocabulary->get("metadata").if_document() : nullptr;
+    if (!metadata) continue;
+    if (const Value* value = metadata->find("t_signal_is")) result.t_signal_is = *value;
+    if (const Value* value = metadata->find("t_strategy_is")) result.t_strategy_is = *value;
+    if (const Value* value = metadata->find("n_instruments")) result.n_instruments = *value;
+    return;  // the first vocabulary that has metadata speaks for the era
+  }
+}
+
+void SyncManager::Pass::note_stage(const char* stage) {
+  const std::int64_t now_ns = manager_.seams_.clock->monotonic_ns();
+  log_debug("Sync pass: %s took %.3f ms", stage, static_cast<double>(now_ns - stage_began_ns_) * 1e-6);
+  stage_began_ns_ = now_ns;
+}
+
+}  // namespace brackenfen::sync

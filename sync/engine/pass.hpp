@@ -1,0 +1,91 @@
+// One sync pass, as named steps over what the steps before found out.
+//
+// A pass brings the directory up to the server's current manifest: fetch, compare, download what differs,
+// commit. manifest.json is the commit record: it is written last among the files, and only after everything
+// it names has landed. A failure before that leaves the old manifest.json, the old manifest in memory, the
+// partial staging files and sync-progress.json; the next pass resumes.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "sync/documents/local_files.hpp"
+#include "sync/engine/sync_manager.hpp"
+
+namespace brackenfen::sync {
+
+/// Runs once, on one thread, which owns the pass.
+class SyncManager::Pass {
+ public:
+  explicit Pass(SyncManager& manager);
+
+  /// The pass's result, or nothing where an artifact turned out to be missing from storage: it is excluded
+  /// now, and a fresh pass must run.
+  [[nodiscard]] std::optional<SyncResult> run();
+
+ private:
+  /// What the version endpoint said; absent where it said nothing usable.
+  struct VersionHint {
+    std::optional<Value> version;
+    std::optional<Value> era;
+  };
+
+  // The plain path: pass.cpp.
+  [[nodiscard]] VersionHint read_version_hint();
+  void fetch_manifest();
+  void refuse_another_era() const;
+  void plan_rotation();
+  void begin_result();
+  void collect_downloads();
+  [[nodiscard]] bool must_download(const std::string& file_path, const Document& file_info, LocalFiles& local_files);
+  [[nodiscard]] Document stamped(const Document& file_info) const;
+  void check_disk() const;
+  /// False where a lost artifact was excluded.
+  [[nodiscard]] bool download();
+  void land_documents();
+  void commit();
+  void finish();
+
+  // The shortcuts: pass_shortcuts.cpp.
+  [[nodiscard]] std::optional<SyncResult> end_on_version_hint(const VersionHint& hint);
+  [[nodiscard]] std::optional<SyncResult> end_on_same_version();
+  /// Throws SyncError where the directory does not hold what the local manifest promises.
+  [[nodiscard]] std::optional<Document> check_local_directory(const RotationSelection& selection);
+  /// Walks the active paths of `manifest`. Throws SyncError at the first file that is not as it must be.
+  void require_active_files(const RotationSelection& selection, const Value& files);
+
+  // Used by both.
+  [[nodiscard]] PlannedRotation plan_for(Manifest& manifest, bool force_new_candidate);
+  /// Vocabularies and the signals index have stages of their own (which fetch nothing yet, so that neither is
+  /// missed when a shortcut looks for damage); excluded files never land.
+  [[nodiscard]] bool is_landed_elsewhere(const std::string& file_path, const Document& file_info);
+  [[nodiscard]] SyncResult result_for_era(const Manifest& manifest, const RotationSelection& selection) const;
+  void use_vocabularies(std::optional<Document> vocabularies);
+  void add_vocabulary_metadata(SyncResult& result) const;
+  /// Logs at debug level how long the step since the last call took.
+  void note_stage(const char* stage);
+
+  SyncManager& manager_;
+  const std::shared_ptr<NeighbourSet> neighbours_;
+  const std::string data_dir_;
+  const std::shared_ptr<Manifest> local_;  ///< the manifest committed before this pass; null for none
+
+  Document server_data_;
+  std::shared_ptr<Manifest> server_;
+  std::int64_t free_bytes_ = 0;  ///< taken once, before the download set is known
+  bool same_version_ = false;
+  PlannedRotation rotation_;
+  SyncResult result_;
+  Document files_to_download_;
+  bool vocabulary_landed_ = false;
+  std::int64_t stage_began_ns_ = 0;
+};
+
+/// The number of entries of `files` whose kind is "feature".
+[[nodiscard]] std::int64_t count_features(const Value& files);
+
+/// int(value), with the name of the manifest key in the text of what it throws.
+[[nodiscard]] Value manifest_integer(const Value& value, std::string_view key);
+
+}  // namespace brackenfen::sync

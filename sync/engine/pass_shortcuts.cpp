@@ -1,0 +1,130 @@
+// The two ways in which a pass ends early, because the directory already holds what the server publishes.
+#include "sync/base/convert.hpp"
+#include "sync/base/error.hpp"
+#include "sync/base/interrupt.hpp"
+#include "sync/base/log.hpp"
+#include "sync/documents/manifest_file.hpp"
+#include "sync/documents/manifest_filters.hpp"
+#include "sync/engine/pass.hpp"
+#include "sync/transport/progress.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+constexpr std::size_t FILES_PER_INTERRUPT_CHECK = 1024;
+
+}  // namespace
+
+std::optional<SyncResult> SyncManager::Pass::end_on_version_hint(const VersionHint& hint) {
+  if (!local_ || !hint.version || !hint.era) return std::nullopt;
+  // A manifest that still lists what this library has retired takes the full path, so that it is rewritten.
+  if (_manifest_has_agent_bundle_declarations(local_->files()) || _manifest_has_retired_found_pnl_long_files(local_->files()))
+    return std::nullopt;
+  std::optional<Value> version = to_integer_or_absent(local_->version());
+  std::optional<Value> era = to_integer_or_absent(local_->era_number());
+  if (!version || !era) version = era = Value(-1);  // one that is no number takes the other with it
+  const Value& local_version = *version;
+  const Value& local_era = *era;
+  if (!(local_version == *hint.version)) return std::nullopt;
+  if (!(local_era == *hint.era)) {
+    throw EraError("Era mismatch: local era_number=" + to_text(local_era) + ", server era_number=" + to_text(*hint.era));
+  }
+
+  free_bytes_ = manager_.seams_.files->free_bytes(data_dir_);
+  rotation_ = plan_for(*local_, manager_._feature_rotation_should_rotate(*neighbours_, *local_));
+  const RotationSelection& selection = rotation_.plan.selection;
+  std::optional<Document> local_vocabularies;
+  try {
+    local_vocabularies = check_local_directory(selection);
+  } catch (const Error& error) {
+    if (!error.is(error_class::SyncError)) throw;
+    log_warning("Manifest version matched but local metadata needs repair: %s", error.text());
+    return std::nullopt;
+  }
+
+  use_vocabularies(std::move(local_vocabularies));
+  SyncResult result = result_for_era(*local_, selection);
+  manager_._complete_rotation_promotion(rotation_.plan, *local_);
+  result.pnl_column_count = local_->pnl_column_count();
+  result.n_features = count_features(local_->files());
+  add_vocabulary_metadata(result);
+  _cleanup_sync_tmp_files(*manager_.seams_.files, data_dir_);
+  note_stage("check against the version hint");
+  return result;
+}
+
+std::optional<Document> SyncManager::Pass::check_local_directory(const RotationSelection& selection) {
+  std::optional<Document> vocabularies = manager_._validate_manifest_vocabulary_files(*neighbours_, *local_);
+  manager_._validate_shuffle_seed_file(*neighbours_, *local_);
+  require_active_files(selection, local_->files());
+  manager_._load_manifest_signals_index(*neighbours_, *local_);
+  return vocabularies;
+}
+
+void SyncManager::Pass::require_active_files(const RotationSelection& selection, const Value& files) {
+  const Document* entries = files.if_document();
+  LocalFiles local_files(data_dir_);
+  std::size_t seen = 0;
+  for (const Text& path : selection.active_relative_paths) {
+    if (++seen % FILES_PER_INTERRUPT_CHECK == 0) check_interrupt();
+    const std::string file_path = path.str();
+    const Value* entry = entries ? entries->find(file_path) : nullptr;
+    const Document* file_info = entry ? entry->if_document() : nullptr;
+    if (!file_info) throw SyncError("Active rotation path is missing from manifest: " + file_path);
+    if (is_landed_elsewhere(file_path, *file_info)) continue;
+    const std::optional<FileStat> stat = local_files.stat(file_path);
+    const bool cache_allowed = !(file_info->get("kind").if_text() == "vault_module");
+    const auto local_path = [&] { return local_files.local_path(file_path); };
+    if (!stat || !manager_.file_matches(file_path, *stat, local_path, *file_info, cache_allowed)) {
+      throw SyncError("Manifest version matched but local data files need repair");
+    }
+  }
+}
+
+std::optional<SyncResult> SyncManager::Pass::end_on_same_version() {
+  const auto fails = [](auto&& check) {
+    try {
+      check();
+      return false;
+    } catch (const Error& error) {
+      if (!error.is(error_class::SyncError)) throw;
+      return true;
+    }
+  };
+  const RotationSelection& selection = rotation_.plan.selection;
+  std::optional<Document> local_vocabularies;
+  const bool vocabulary_needs_repair =
+      fails([&] { local_vocabularies = manager_._validate_manifest_vocabulary_files(*neighbours_, *server_); });
+  const bool seed_needs_repair = fails([&] { manager_._validate_shuffle_seed_file(*neighbours_, *server_); });
+  if (fails([&] { require_active_files(selection, server_->files()); })) {
+    log_warning("Manifest version matched but local data files need repair");
+    return std::nullopt;
+  }
+
+  SyncResult result = result_for_era(*server_, selection);
+  if (!vocabulary_needs_repair && !seed_needs_repair) {
+    use_vocabularies(std::move(local_vocabularies));
+  } else {
+    if (vocabulary_needs_repair) {
+      manager_._download_vocabulary(*neighbours_, *server_);
+      result.vocabulary_downloaded = true;
+    }
+    if (seed_needs_repair) {
+      manager_._download_shuffle_seed(*neighbours_, *server_);
+      result.shuffle_seed_downloaded = true;
+    }
+    manager_._download_signals_index(*neighbours_, *server_, result);
+    if (vocabulary_needs_repair || !manager_._vocabulary.get())
+      use_vocabularies(manager_._validate_manifest_vocabulary_files(*neighbours_, *server_));
+    add_vocabulary_metadata(result);
+  }
+  manager_._load_manifest_signals_index(*neighbours_, *server_);
+  manager_._manifest.set(server_);
+  _write_manifest_json(*manager_.seams_.files, *manager_.seams_.clock, data_dir_, server_->data());
+  manager_._complete_rotation_promotion(rotation_.plan, *server_);
+  _cleanup_sync_tmp_files(*manager_.seams_.files, data_dir_);
+  note_stage("check against the same version");
+  return result;
+}
+
+}  // namespace brackenfen::sync

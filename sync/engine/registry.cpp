@@ -1,0 +1,78 @@
+// One manager per canonical directory and process.
+#include <new>
+
+#include "sync/base/convert.hpp"
+#include "sync/base/error.hpp"
+#include "sync/base/fork.hpp"
+#include "sync/base/paths.hpp"
+#include "sync/engine/sync_manager.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+/// `class_lock` is held across the construction of a manager. Entries own nothing: one whose manager is gone
+/// counts as absent.
+struct Registry {
+  WorkMutex class_lock;
+  std::map<std::string, std::weak_ptr<SyncManager>> instances GUARDED_BY(class_lock);
+};
+
+alignas(Registry) unsigned char registry_storage[sizeof(Registry)];
+
+/// Leaked, and made anew in a forked child: the parent's managers are not the child's, and the parent's lock
+/// may be held by a thread that the child does not have.
+Registry& registry() {
+  static Registry* const instance = [] {
+    auto* made = new (registry_storage) Registry;
+    at_fork_child([] { new (registry_storage) Registry; });
+    return made;
+  }();
+  return *instance;
+}
+
+}  // namespace
+
+std::shared_ptr<SyncManager> SyncManager::get_or_create(Options options) {
+  const std::string canonical = real_path(options.data_dir);
+  std::shared_ptr<TokenSource> replaced_token;  // these go after the lock: they may own objects of the host
+  std::shared_ptr<RuntimeFreshnessGuard> replaced_guard;
+  Registry& process = registry();
+  WorkLock lock(process.class_lock);
+  if (const auto entry = process.instances.find(canonical); entry != process.instances.end()) {
+    if (std::shared_ptr<SyncManager> existing = entry->second.lock()) {
+      const std::string existing_url = existing->_server_url.get();
+      if (existing_url != options.server_url) {
+        throw ValueError("SyncManager for '" + canonical + "' already exists with server_url='" + existing_url +
+                         "', cannot reuse with server_url='" + options.server_url + "'");
+      }
+      replaced_token = existing->_get_token.exchange(std::move(options.get_token));
+      if (options.runtime_freshness_guard) {
+        replaced_guard = existing->runtime_freshness_guard.exchange(std::move(options.runtime_freshness_guard));
+      }
+      return existing;
+    }
+  }
+  auto made = std::make_shared<SyncManager>(std::move(options));
+  std::erase_if(process.instances, [](const auto& entry) { return entry.second.expired(); });
+  process.instances[canonical] = made;
+  return made;
+}
+
+void SyncManager::_evict(const std::string& data_dir) {
+  const std::string canonical = real_path(data_dir);
+  Registry& process = registry();
+  WorkLock lock(process.class_lock);
+  process.instances.erase(canonical);
+}
+
+std::map<std::string, std::shared_ptr<SyncManager>> SyncManager::_instances() {
+  Registry& process = registry();
+  WorkLock lock(process.class_lock);
+  std::map<std::string, std::shared_ptr<SyncManager>> live;
+  for (const auto& [canonical, entry] : process.instances) {
+    if (std::shared_ptr<SyncManager> manager = entry.lock()) live.emplace(canonical, std::move(manager));
+  }
+  return live;
+}
+
+}  // namespace brackenfen::sync

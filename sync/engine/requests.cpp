@@ -1,0 +1,23 @@
+// Requests with the manager's own credentials.
+#include "sync/base/error.hpp"
+#include "sync/engine/sync_manager.hpp"
+
+namespace brackenfen::sync {
+
+std::string SyncManager::bearer_token() const {
+  const std::shared_ptr<TokenSource> source = _get_token.get();
+  if (!source) throw TypeError("get_token must be callable, got nothing");  // a later get_or_create may put nothing there
+  return source->token();
+}
+
+HttpResult SyncManager::_http_get(NeighbourSet& neighbours, const std::string& url, std::int64_t range_start, std::int64_t range_end,
+                                  ResponseSink* sink) {
+  return sync::_http_get(seams_, neighbours, url, bearer_token(), range_start, range_end, sink);
+}
+
+HttpResult SyncManager::_http_get_public(NeighbourSet& neighbours, const std::string& url, std::int64_t range_start, std::int64_t range_end,
+                                         ResponseSink* sink) {
+  return sync::_http_get_public(seams_, neighbours, url, range_start, range_end, sink);
+}
+
+}  // namespace brackenfen::sync

@@ -1,0 +1,66 @@
+// The staging file of a download: "{local path}.tmp", always a prefix of the file being fetched, with the
+// running digest of exactly those bytes.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "sync/base/descriptor.hpp"
+#include "sync/base/sha256.hpp"
+#include "sync/transport/http.hpp"
+
+namespace brackenfen::sync {
+
+/// Takes the bodies of responses straight from the network: memory stays bounded whatever the size of the
+/// file. One thread.
+class StagingFile : public ResponseSink {
+ public:
+  explicit StagingFile(std::string path) : path_(std::move(path)) {}
+
+  /// Opens the file, creating it empty, and digests what it holds. Links are not followed. Throws os_error.
+  void open();
+  /// Closes the file where it is open. Throws os_error.
+  void close() { file_.close(); }
+  /// Empties file and digest.
+  void clear();
+
+  [[nodiscard]] const std::string& path() const noexcept { return path_; }
+  [[nodiscard]] std::int64_t size_bytes() const noexcept { return size_bytes_; }
+  /// Ends the digest; the file must not be written any more.
+  [[nodiscard]] std::string hex_digest() { return digest_.hex_digest(); }
+
+  /// What the next response may bring: a 206 goes behind the bytes already here, a 200 takes their place.
+  /// Each has its bound in bytes; absent means that such a body is passed over.
+  void expect(std::optional<std::uint64_t> partial_limit, std::optional<std::uint64_t> whole_limit);
+  /// Bytes of that response that were kept.
+  [[nodiscard]] std::uint64_t received_bytes() const noexcept { return received_bytes_; }
+  /// After a 200: cuts off what an older, longer content left behind it.
+  void keep_whole();
+  /// Goes back to where expect() was called, after a response that failed midway.
+  void roll_back();
+
+  [[nodiscard]] std::uint64_t begin(int status) override;
+  void accept(std::string_view bytes) override;
+
+ private:
+  void digest_prefix(std::int64_t size_bytes);
+  void seek(std::int64_t offset);
+  void truncate(std::int64_t size_bytes);
+
+  const std::string path_;
+  Descriptor file_;
+  Sha256 digest_;
+  std::int64_t size_bytes_ = 0;
+
+  // The response being read.
+  std::optional<std::uint64_t> partial_limit_;
+  std::optional<std::uint64_t> whole_limit_;
+  std::int64_t start_bytes_ = 0;
+  Sha256 start_digest_;
+  std::uint64_t received_bytes_ = 0;
+  bool overwrites_ = false;  ///< a 200 is going over bytes that were here before
+};
+
+}  // namespace brackenfen::sync

@@ -1,0 +1,229 @@
+// SyncManager: the one object through which a process reaches one data directory.
+//
+// This header is the map; each section names the file that holds it.
+//
+// Threads. Public operations run on any thread of the host. A pass fans out to download workers, which share
+// the manager but write nothing of it except the hash cache.
+//
+// Locks, in the order in which they may be taken:
+//   the registry's lock          held across a construction                        registry.cpp
+//   _sync_lock                   one pass at a time in a process                   sync_driver.cpp
+//   DirectoryLock                one unit of work at a time between processes      lifecycle/directory_lock.hpp
+//   leaf locks                   inside the components and snapshots below; nothing is taken, logged or
+//                                called under one
+//
+// Each operation looks the neighbouring modules up once: what it calls takes the NeighbourSet along.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "sync/base/mutex.hpp"
+#include "sync/base/snapshot.hpp"
+#include "sync/base/value.hpp"
+#include "sync/documents/manifest.hpp"
+#include "sync/engine/hash_cache.hpp"
+#include "sync/engine/missing_found_pnl.hpp"
+#include "sync/engine/results.hpp"
+#include "sync/engine/token_source.hpp"
+#include "sync/lifecycle/directory_lock.hpp"
+#include "sync/rotation/planning.hpp"
+#include "sync/transport/http.hpp"
+#include "sync/transport/seams.hpp"
+
+namespace brackenfen::sync {
+
+inline constexpr double SYNC_MANIFEST_POLL_INTERVAL_SECONDS = 5.0;
+inline constexpr int SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT = 3;
+
+/// Called with the wait in seconds before each back-off of a download.
+using RetryStatusCallback = std::function<void(double wait_seconds)>;
+
+class SyncManager : public std::enable_shared_from_this<SyncManager> {
+ public:
+  struct Options {
+    std::string data_dir;
+    std::string server_url;
+    std::shared_ptr<TokenSource> get_token;  ///< null counts as something that cannot be called
+    double poll_interval_s = SYNC_MANIFEST_POLL_INTERVAL_SECONDS;
+    std::shared_ptr<RuntimeFreshnessGuard> runtime_freshness_guard;
+    Seams seams = Seams::real();
+  };
+
+  // ---- registry and construction: registry.cpp, construction.cpp -------------------------------------
+
+  /// The process's one instance for the canonical form of `data_dir`. An existing one takes over the new
+  /// token source, and the new guard where there is one. Throws ValueError where it has another server URL,
+  /// and what the constructor throws.
+  [[nodiscard]] static std::shared_ptr<SyncManager> get_or_create(Options options);
+  /// Removes the directory's registry entry, if any.
+  static void _evict(const std::string& data_dir);
+  /// The live instances by canonical directory.
+  [[nodiscard]] static std::map<std::string, std::shared_ptr<SyncManager>> _instances();
+
+  /// Restores hash cache, consumer count and manifest from the directory. No network request.
+  /// Throws TypeError for a token source that cannot be called, ValueError for an empty or unacceptable
+  /// server URL, FileNotFoundError for a missing directory.
+  explicit SyncManager(Options options);
+  SyncManager(const SyncManager&) = delete;
+  SyncManager& operator=(const SyncManager&) = delete;
+  ~SyncManager();
+
+  [[nodiscard]] std::shared_ptr<Manifest> get_manifest() const { return _manifest.get(); }
+  /// Human-readable status, or null.
+  [[nodiscard]] Value status() const;
+
+  // ---- requests: requests.cpp ------------------------------------------------------------------------
+
+  /// GET with a fresh token; see brackenfen::sync::_http_get.
+  [[nodiscard]] HttpResult _http_get(NeighbourSet& neighbours, const std::string& url, std::int64_t range_start = 0,
+                                     std::int64_t range_end = -1, ResponseSink* sink = nullptr);
+  /// GET without credentials, for public artifacts.
+  [[nodiscard]] HttpResult _http_get_public(NeighbourSet& neighbours, const std::string& url, std::int64_t range_start = 0,
+                                            std::int64_t range_end = -1, ResponseSink* sink = nullptr);
+
+  // ---- the pass: sync_driver.cpp, pass.hpp -----------------------------------------------------------
+
+  /// A full sync: manifest, compare, download, verify, commit.
+  [[nodiscard]] SyncResult sync();
+  /// Runs passes until one is not superseded, at most SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT. The caller
+  /// holds the directory lock.
+  [[nodiscard]] SyncResult _sync_with_manifest_refresh();
+  /// One pass. The caller holds _sync_lock or otherwise owns the pass.
+  [[nodiscard]] SyncResult _sync_impl();
+
+  // ---- downloads: file_download.cpp, parallel_download.cpp, supersede.cpp ----------------------------
+
+  struct DownloadOptions {
+    RetryStatusCallback retry_status_callback;
+    std::optional<std::string> target_data_dir;  ///< absent: the live directory
+    std::string backoff_surface = "file_download";
+    bool retry_partial_transfer = true;
+    bool retry_checksum_mismatch = true;
+  };
+  /// Brings one manifest file to its local path: streamed into "{local path}.tmp" under a running digest,
+  /// resumed by Range, moved into place. `result` must be private to the caller.
+  void _download_file(NeighbourSet& neighbours, const std::string& file_path, const Document& file_info, SyncResult& result,
+                      const DownloadOptions& options);
+  void _download_file(NeighbourSet& neighbours, const std::string& file_path, const Document& file_info, SyncResult& result) {
+    _download_file(neighbours, file_path, file_info, result, DownloadOptions{});
+  }
+  /// Fetches independent files at once. The first error is thrown when the others have finished;
+  /// ManifestSupersededError ends the batch at once.
+  void _download_files_parallel(const std::shared_ptr<NeighbourSet>& neighbours, const Document& files_to_download, SyncResult& result);
+
+  /// One bounded request without retries, or absent where it failed.
+  [[nodiscard]] std::optional<HttpResult> _manifest_version_probe_once(NeighbourSet& neighbours, const std::string& url);
+  /// Whether the server has moved past the generation that `file_info` was stamped with.
+  [[nodiscard]] bool _download_manifest_superseded(NeighbourSet& neighbours, const Document& file_info);
+
+  // ---- local integrity: local_integrity.cpp ----------------------------------------------------------
+
+  [[nodiscard]] bool _local_file_matches_manifest(const std::string& file_path, const std::string& local_path, const Document& file_info,
+                                                  bool cache_allowed = true);
+  /// Whether every file that must be here is here and matches.
+  [[nodiscard]] bool _local_manifest_files_complete(NeighbourSet& neighbours, Manifest& manifest,
+                                                    const RotationState* active_rotation_state = nullptr);
+  [[nodiscard]] HashCache& hash_cache() noexcept { return _hash_cache; }
+
+  // ---- between processes: lifecycle/directory_lock.cpp -----------------------------------------------
+
+  void _acquire_flock() { _directory_lock._acquire_flock(); }
+  void _release_flock() { _directory_lock._release_flock(); }
+
+  // ---- stages that a pass runs through: stages.cpp ---------------------------------------------------
+  // The signals index, the vocabularies and the shuffle seed are neither fetched nor validated yet, and no
+  // rotation is planned or promoted: each stage has its place in the pass and says "nothing done".
+
+  /// True if the index was fetched.
+  bool _download_signals_index(NeighbourSet& neighbours, Manifest& server_manifest, SyncResult& result);
+  /// True if an index was applied to `manifest`.
+  bool _load_manifest_signals_index(NeighbourSet& neighbours, Manifest& manifest);
+  struct ScrubUpdate {
+    std::string relative_path;
+    std::string local_path;
+    std::string kind;
+    std::string sha256;
+  };
+  /// The manifest document to keep, and the index as rewritten, where it was.
+  [[nodiscard]] std::pair<Document, std::optional<ScrubUpdate>> _scrub_missing_found_pnl_paths_from_signals_index(
+      const Document& manifest_data);
+  /// True if any vocabulary was fetched.
+  bool _download_vocabulary(NeighbourSet& neighbours, Manifest& server_manifest);
+  /// The vocabularies by universe; absent while nothing looks at them.
+  [[nodiscard]] std::optional<Document> _validate_manifest_vocabulary_files(NeighbourSet& neighbours, Manifest& manifest);
+  /// True if the seed was fetched.
+  bool _download_shuffle_seed(NeighbourSet& neighbours, Manifest& server_manifest);
+  /// False while nothing looks at the seed; throws SyncError or EraError where it is unusable.
+  bool _validate_shuffle_seed_file(NeighbourSet& neighbours, Manifest& manifest);
+
+  [[nodiscard]] bool _feature_rotation_should_rotate(NeighbourSet& neighbours, Manifest& manifest);
+  struct PlannedRotation {
+    RotationPlan plan;
+    bool explicit_rotation_budget = false;
+  };
+  [[nodiscard]] PlannedRotation _plan_feature_rotation_for_manifest(NeighbourSet& neighbours, Manifest& manifest,
+                                                                    std::int64_t free_disk_bytes, bool force_new_candidate = true);
+  /// Throws where the selection does not fit the disk.
+  void _precheck_rotation_disk_budget(const RotationSelection& selection, std::int64_t free_disk_bytes, bool enforce_default_cap = true);
+  void _complete_rotation_promotion(const RotationPlan& plan, Manifest& manifest);
+
+  // ---- fields, for the boundary and for tests --------------------------------------------------------
+
+  // A host may assign any of them; each has its own leaf lock.
+
+  Guarded<std::string> _data_dir;
+  Guarded<std::string> _server_url;
+  Guarded<double> _poll_interval;
+  Guarded<std::string> _consumer_count_path;
+  Guarded<std::string> _flock_path;
+  Snapshot<TokenSource> _get_token;
+  Snapshot<RuntimeFreshnessGuard> runtime_freshness_guard;
+  Snapshot<Manifest> _manifest;                          ///< null before the first commit
+  Snapshot<const RotationState> _active_rotation_state;  ///< null where none is persisted
+  Snapshot<const Document> _vocabulary;                  ///< null until vocabularies were validated
+  Snapshot<const Value> _status_message;
+  MissingFoundPnl _missing_found_pnl;
+
+  std::atomic<std::int64_t> _consumer_count{0};
+  std::atomic<bool> _running{false};
+  std::atomic<bool> _consumer_lifecycle_started{false};
+  std::atomic<bool> _in_transition{false};
+  Guarded<std::vector<std::string>> _repair_queue;
+  Guarded<Value> _prefetched_feature_era_id;
+  Guarded<std::set<std::string>> _prefetched_feature_relative_paths;
+
+  [[nodiscard]] const Seams& seams() const noexcept { return seams_; }
+
+ private:
+  class Pass;  // one pass as named steps: pass.hpp
+
+  void restore_consumer_count();
+  void restore_manifest(NeighbourSet& neighbours);
+  void restore_vocabulary(NeighbourSet& neighbours);
+  /// Throws StateError in a child process that inherited this object by fork().
+  void require_own_process() const;
+
+  /// A fresh token. Throws TypeError where there is no source, and what the source throws.
+  [[nodiscard]] std::string bearer_token() const;
+
+  [[nodiscard]] bool file_matches(std::string_view file_path, const FileStat& stat, const std::function<std::string()>& local_path,
+                                  const Document& file_info, bool cache_allowed);
+
+  const Seams seams_;
+  const std::uint64_t fork_generation_;
+
+  HashCache _hash_cache;
+  DirectoryLock _directory_lock;
+  WorkMutex _sync_lock;  ///< one pass at a time; taken before the directory lock
+};
+
+}  // namespace brackenfen::sync

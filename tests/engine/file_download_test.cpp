@@ -1,0 +1,432 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <csignal>
+#include <filesystem>
+
+#include "sync/transport/http.hpp"
+#include "tests/support/sync_setup.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testing::StartsWith;
+
+using Ranges = std::vector<std::string>;
+
+constexpr const char* PATH = "features/f.arrow";
+constexpr const char* STAGING = "features/f.arrow.tmp";
+constexpr const char* DATA_PATH = "/data/files/features/f.arrow";
+
+/// A thousand bytes, none like its neighbours.
+std::string thousand_bytes() {
+  std::string bytes;
+  for (int number = 0; bytes.size() < 1000; ++number) bytes += std::to_string(number) + ",";
+  return bytes.substr(0, 1000);
+}
+const std::string& content() {
+  static const std::string& bytes = *new std::string(thousand_bytes());
+  return bytes;
+}
+
+/// One fresh directory, server and manager for each row of a table.
+class Download : public SyncSetup {
+ public:
+  explicit Download(std::int64_t chunk_bytes = 400) : manager(open()) {
+    environment.set("BRACKENFEN_SYNC_HTTP_CHUNK_BYTES", std::to_string(chunk_bytes));
+    publish_version(1);
+  }
+
+  std::string run() {
+    return failure_of([&] { manager->_download_file(*neighbours(), PATH, info, result, options); });
+  }
+  /// The content of the staging file, or "none".
+  [[nodiscard]] std::string staging() const { return directory.contains(STAGING) ? directory.read(STAGING) : "none"; }
+  [[nodiscard]] bool landed() const {
+    return directory.contains(PATH) && directory.read(PATH) == content() && !directory.contains(STAGING);
+  }
+  /// Why this download waited, in order.
+  [[nodiscard]] std::vector<std::string> wait_reasons() const {
+    std::vector<std::string> reasons;
+    for (const Document& event : log.events("sync_backoff_wait")) reasons.emplace_back(*event.get("reason").if_text());
+    return reasons;
+  }
+
+  std::shared_ptr<SyncManager> manager;
+  SyncManager::DownloadOptions options;
+  SyncResult result;
+  Document info{{"kind", "feature"},
+                {"size_bytes", 1000},
+                {"sha256", _sha256(content())},
+                {"_manifest_version", 1},
+                {"_manifest_era_id", SyncSetup::ERA}};
+};
+
+TEST(FileDownloadTest, resumesFromWhateverTheStagingFileHolds) {
+  const std::string half = content().substr(0, 500);
+  const std::string longer = content() + std::string(100, '!');
+  const std::string wrong(1000, '?');
+  const Ranges from_zero = {"bytes=0-399", "bytes=400-799", "bytes=800-999"};
+  struct Row {
+    const char* name;
+    std::int64_t chunk_bytes;
+    std::optional<std::string> staging;
+    Ranges ranges;
+    std::vector<std::string> waits;
+  };
+  const Row rows[] = {
+      {"chunks, nothing here", 400, std::nullopt, from_zero, {}},
+      {"chunks, empty", 400, "", from_zero, {}},
+      {"chunks, half", 400, half, {"bytes=500-899", "bytes=900-999"}, {}},
+      {"chunks, whole", 400, content(), {}, {}},
+      {"chunks, longer", 400, longer, from_zero, {"sha256_mismatch"}},
+      {"chunks, whole but wrong", 400, wrong, from_zero, {"sha256_mismatch"}},
+      {"single, nothing here", 1000, std::nullopt, {""}, {}},
+      {"single, empty", 1000, "", {""}, {}},
+      {"single, half", 1000, half, {"bytes=500-"}, {}},
+      {"single, whole", 1000, content(), {"bytes=1000-", ""}, {"SyncError"}},
+      {"single, longer", 1000, longer, {"bytes=1100-", ""}, {"SyncError"}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    Download download(row.chunk_bytes);
+    download.server.serve_file(DATA_PATH, content());
+    if (row.staging) download.directory.write(STAGING, *row.staging);
+    EXPECT_EQ(download.run(), "");
+    EXPECT_TRUE(download.landed());
+    EXPECT_EQ(download.ranges(PATH), row.ranges);
+    EXPECT_EQ(download.wait_reasons(), row.waits);
+    EXPECT_EQ(download.result.bytes_downloaded, 1000);
+    EXPECT_EQ(download.result.features_downloaded, 1);
+    const bool had_bytes = row.staging && !row.staging->empty();
+    EXPECT_THAT(download.log.events("range_resume"), SizeIs(had_bytes ? 1 : 0));
+    EXPECT_THAT(download.log.events("range_resume_reset"), SizeIs(row.waits == std::vector<std::string>{"SyncError"} ? 1 : 0));
+  }
+}
+
+TEST(FileDownloadTest, takesEveryAnswerToARange) {
+  const std::string half = content().substr(0, 500);
+  const Reply rest{.status = 206, .body = content().substr(500)};
+  const Reply whole{.body = content()};
+  const auto part = [](std::size_t start, std::size_t size) { return Reply{.status = 206, .body = content().substr(start, size)}; };
+  Reply cut = rest;
+  cut.cut_after = 250;
+  Reply reset = cut;
+  reset.reset = true;
+  Reply whole_reset{.body = content(), .cut_after = 700, .reset = true};
+  Reply other_reset{.body = std::string(1000, '?'), .cut_after = 300, .reset = true};
+  Reply excess{.status = 206, .body = content().substr(500) + std::string(BODY_SLACK_BYTES * 4, '!')};
+  struct Row {
+    const char* name;
+    std::int64_t chunk_bytes;
+    std::string staging;
+    std::vector<Reply> replies;
+    Ranges ranges;
+    std::vector<std::string> waits;
+  };
+  const Row rows[] = {
+      {"single: a 200 replaces what is here", 1000, "something longer than the file" + content(), {whole}, {"bytes=1030-"}, {}},
+      {"single: a short body is resumed", 1000, half, {cut, part(750, 250)}, {"bytes=500-", "bytes=750-"}, {"partial_transfer"}},
+      {"single: an empty body is resumed", 1000, half, {part(0, 0), rest}, {"bytes=500-", "bytes=500-"}, {"partial_transfer"}},
+      {"single: a broken body leaves nothing", 1000, half, {reset, rest}, {"bytes=500-", "bytes=500-"}, {"SyncUnavailableError"}},
+      {"single: a broken 200 leaves nothing", 1000, half, {whole_reset, rest}, {"bytes=500-", "bytes=500-"}, {"SyncUnavailableError"}},
+      {"single: a broken 200 of other bytes is noticed",
+       1000,
+       half,
+       {other_reset, rest, whole},
+       {"bytes=500-", "bytes=500-", ""},
+       {"SyncUnavailableError", "sha256_mismatch"}},
+      {"single: a broken 200 from the start", 1000, "", {whole_reset, whole}, {"", ""}, {"SyncUnavailableError"}},
+      {"single: an outage", 1000, half, {{.status = 503}, rest}, {"bytes=500-", "bytes=500-"}, {"SyncUnavailableError"}},
+      {"single: what goes beyond the size is noticed", 1000, half, {excess, whole}, {"bytes=500-", ""}, {"sha256_mismatch"}},
+      {"chunks: a 200 brings the whole file", 400, "", {whole}, {"bytes=0-399"}, {}},
+      {"chunks: shorter ones go on", 400, half, {part(500, 100), part(600, 400)}, {"bytes=500-899", "bytes=600-999"}, {}},
+      {"chunks: larger ones count", 400, "", {part(0, 900), part(900, 100)}, {"bytes=0-399", "bytes=900-999"}, {}},
+      {"chunks: a 416 starts again", 400, half, {{.status = 416}, whole}, {"bytes=500-899", "bytes=0-399"}, {"SyncError"}},
+      {"chunks: an empty one is asked for again",
+       400,
+       half,
+       {part(0, 0), part(500, 500)},
+       {"bytes=500-899", "bytes=500-899"},
+       {"SyncError"}},
+      {"chunks: a broken one leaves nothing",
+       400,
+       half,
+       {reset, part(500, 500)},
+       {"bytes=500-899", "bytes=500-899"},
+       {"SyncUnavailableError"}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    Download download(row.chunk_bytes);
+    download.server.script(DATA_PATH, row.replies);
+    download.directory.write(STAGING, row.staging);
+    EXPECT_EQ(download.run(), "");
+    EXPECT_TRUE(download.landed());
+    EXPECT_EQ(download.ranges(PATH), row.ranges);
+    EXPECT_EQ(download.wait_reasons(), row.waits);
+    EXPECT_EQ(download.result.bytes_downloaded, 1000);
+  }
+}
+
+TEST(FileDownloadTest, endsWithoutARetryWhereOneCannotHelp) {
+  const std::string half = content().substr(0, 500);
+  struct Row {
+    const char* name;
+    std::int64_t chunk_bytes;
+    Reply reply;
+    const char* failure;
+  };
+  const Row rows[] = {
+      {"gone", 1000, {.status = 404}, "PermanentDownloadError: Download failed for features/f.arrow: HTTP 404"},
+      {"refused", 400, {.status = 403}, "PermanentDownloadError: Download failed for features/f.arrow: HTTP 403"},
+      {"a 200 in the middle", 400, {.body = content()}, "PermanentDownloadError: Download failed for features/f.arrow: HTTP 200"},
+      {"token refused", 1000, {.status = 401}, "AuthError: Authentication failed while downloading features/f.arrow: HTTP 401"},
+      {"the server says it is final",
+       1000,
+       {.status = 503, .body = R"({"retryable": false})"},
+       "SyncUnavailableError: BrackenFen data sync unavailable"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    Download download(row.chunk_bytes);
+    download.server.script(DATA_PATH, {row.reply});
+    download.directory.write(STAGING, half);
+    EXPECT_THAT(download.run(), StartsWith(row.failure));
+    EXPECT_EQ(download.staging(), half);
+    EXPECT_THAT(download.ranges(PATH), SizeIs(1));
+    EXPECT_THAT(download.wait_reasons(), IsEmpty());
+    EXPECT_EQ(download.result, SyncResult());
+  }
+}
+
+TEST(FileDownloadTest, theRepairBoundCountsEveryRetryBefore) {
+  const std::string wrong(1000, '?');
+  struct Row {
+    const char* bound;
+    int outages_before;
+    std::size_t transfers;
+    std::size_t repairs;
+  };
+  const Row rows[] = {{"", 0, 4, 3}, {"0", 0, 1, 0}, {"1", 0, 2, 1}, {"", 2, 4, 1}, {"", 3, 4, 0}, {"", 5, 6, 0}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(std::string(row.bound) + " after " + std::to_string(row.outages_before));
+    Download download(1000);
+    download.environment.set("BRACKENFEN_SYNC_MAX_UNCHANGED_CHECKSUM_REPAIRS", row.bound);
+    std::vector<Reply> replies(static_cast<std::size_t>(row.outages_before), Reply{.status = 503});
+    replies.push_back({.body = wrong});
+    download.server.script(DATA_PATH, replies);
+    EXPECT_EQ(download.run(),
+              "IntegrityError: Checksum failure for features/f.arrow: server data inconsistent after unchanged manifest repair bound; "
+              "contact BrackenFen. expected " +
+                  _sha256(content()) + ", got " + _sha256(wrong));
+    EXPECT_THAT(download.ranges(PATH), SizeIs(row.transfers));
+    EXPECT_THAT(download.log.events("checksum_repair"), SizeIs(row.repairs));
+    EXPECT_EQ(download.staging(), "");
+    ASSERT_THAT(download.log.events("checksum_repair_exhausted"), SizeIs(1));
+    const Document exhausted = download.log.events("checksum_repair_exhausted").front();
+    EXPECT_EQ(exhausted.get("count"), Value(row.transfers));
+    EXPECT_TRUE(exhausted.get("retryable").is_exactly(false));
+    EXPECT_EQ(exhausted.get("next_action"), Value("Action: contact_brackenfen"));
+    EXPECT_EQ(exhausted.get("manifest_version"), Value(1));
+  }
+}
+
+TEST(FileDownloadTest, aCallerMayForbidRetriesOfBadContent) {
+  struct Row {
+    Reply reply;
+    bool retry_partial_transfer, retry_checksum_mismatch;
+    std::string failure;
+    std::string staging;
+  };
+  const std::string half = content().substr(0, 500);
+  const std::string wrong(1000, '?');
+  const Row rows[] = {
+      {{.body = half}, false, true, "IntegrityError: Incomplete download for features/f.arrow: got 500 bytes, expected 1000", half},
+      {{.body = wrong},
+       true,
+       false,
+       "IntegrityError: Checksum failure for features/f.arrow: expected " + _sha256(content()) + ", got " + _sha256(wrong),
+       wrong},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.failure);
+    Download download(1000);
+    download.options.retry_partial_transfer = row.retry_partial_transfer;
+    download.options.retry_checksum_mismatch = row.retry_checksum_mismatch;
+    download.server.script(DATA_PATH, {row.reply});
+    EXPECT_EQ(download.run(), row.failure);
+    EXPECT_EQ(download.staging(), row.staging);
+    EXPECT_THAT(download.wait_reasons(), IsEmpty());
+  }
+}
+
+TEST(FileDownloadTest, aNewerManifestEndsTheDownloadInsteadOfARetry) {
+  const std::string half = content().substr(0, 500);
+  struct Row {
+    const char* reason;
+    std::int64_t chunk_bytes;
+    Reply reply;
+    const char* field;
+  };
+  const Row rows[] = {
+      {"sha256_mismatch", 1000, {.body = std::string(1000, '?')}, "actual_sha"},
+      {"partial_transfer", 1000, {.status = 206, .body = "x"}, "actual_size"},
+      {"empty_range", 400, {.status = 206}, "range_end"},
+      {"http_404", 400, {.status = 404}, "status"},
+      {"http_200", 400, {.body = content()}, "range_start"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.reason);
+    Download download(row.chunk_bytes);
+    download.publish_version(2);
+    download.server.script(DATA_PATH, {row.reply});
+    download.directory.write(STAGING, half);
+    EXPECT_EQ(download.run(), "ManifestSupersededError: Manifest advanced while downloading features/f.arrow; refreshing before retry");
+    EXPECT_EQ(download.staging(), "") << "bytes of a dead generation";
+    ASSERT_THAT(download.log.events("manifest_superseded"), SizeIs(1));
+    const Document event = download.log.events("manifest_superseded").front();
+    EXPECT_EQ(event.get("reason"), Value(row.reason));
+    EXPECT_EQ(event.get("count"), Value(1));
+    EXPECT_EQ(event.get("expected_size"), Value(1000));
+    EXPECT_TRUE(event.contains(row.field));
+  }
+}
+
+TEST(FileDownloadTest, whatTheEntryDoesNotStateIsNotChecked) {
+  struct Row {
+    const char* name;
+    Document info;
+    std::string body;
+  };
+  const std::string excess = content() + "and more";
+  const Row rows[] = {
+      {"neither size nor digest", {}, content()},
+      {"no size", {{"sha256", _sha256(content())}}, content()},
+      {"size 0", {{"size_bytes", 0}, {"sha256", Value()}}, content()},
+      {"an empty file", {{"size_bytes", 0}, {"sha256", _sha256("")}}, ""},
+      {"longer than the size", {{"size_bytes", 1000}}, excess},
+      {"a size as text", {{"size_bytes", " 1_000 "}}, content()},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    Download download(1000);
+    download.info = row.info;
+    download.server.script(DATA_PATH, {{.body = row.body}});
+    EXPECT_EQ(download.run(), "");
+    EXPECT_EQ(download.directory.read(PATH), row.body);
+    EXPECT_EQ(download.result.features_downloaded, 0);
+  }
+}
+
+TEST(FileDownloadTest, anEndlessBodyEndsBehindTheStatedSize) {
+  Download download(1000);
+  download.options.retry_checksum_mismatch = false;
+  download.server.script(DATA_PATH, {{.body = std::string(4096, 'x'), .endless = true}});
+  EXPECT_THAT(download.run(), StartsWith("IntegrityError: Checksum failure"));
+  EXPECT_EQ(download.staging().size(), 1000 + BODY_SLACK_BYTES);
+}
+
+TEST(FileDownloadTest, aLinkInThePlaceOfTheStagingFileIsNotFollowed) {
+  Download download;
+  const TemporaryDirectory elsewhere;
+  const std::string target = elsewhere.write("victim", "untouched");
+  std::filesystem::create_directories(download.directory / "features");
+  std::filesystem::create_symlink(target, download.directory / STAGING);
+  EXPECT_THAT(download.run(), StartsWith("OSError: [Errno 40]"));
+  EXPECT_EQ(elsewhere.read("victim"), "untouched");
+}
+
+TEST(FileDownloadTest, aFullDiskIsNoOutageOfTheServer) {
+  Download download;
+  download.server.serve_file(DATA_PATH, content());
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+  auto* const handler = std::signal(SIGXFSZ, SIG_IGN);
+  const rlimit tight{.rlim_cur = 600, .rlim_max = before.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &tight), 0);
+  const std::string failure = download.run();
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+  std::signal(SIGXFSZ, handler);
+  EXPECT_THAT(failure, StartsWith("OSError: [Errno 27]"));
+  EXPECT_EQ(download.staging(), content().substr(0, 400)) << "still a prefix, to resume from";
+  EXPECT_THAT(download.wait_reasons(), IsEmpty());
+}
+
+TEST(FileDownloadTest, waitsAreAnnouncedAndCanBeStopped) {
+  Download download(1000);
+  download.server.script(DATA_PATH, {{.status = 503}});
+  std::vector<double> announced;
+  download.options.retry_status_callback = [&](double seconds) { announced.push_back(seconds); };
+  download.options.backoff_surface = "somewhere";
+  BackoffContext context;
+  context.stop_requested = [&] { return announced.size() == 3; };
+  const auto entered = SyncBackoff::builtin().enter_context(context);
+  EXPECT_THAT(download.run(), StartsWith("SyncBackoffCancelled"));
+  EXPECT_THAT(download.ranges(PATH), SizeIs(3));
+  EXPECT_EQ(download.staging(), "");
+  ASSERT_THAT(announced, SizeIs(3));
+  const Document second = download.log.events("sync_backoff_wait").at(1);
+  EXPECT_EQ(second.get("surface"), Value("somewhere"));
+  EXPECT_EQ(second.get("attempt"), Value(2));
+  EXPECT_EQ(second.get("wait_seconds"), Value(announced[1]));
+  EXPECT_EQ(second.get("file"), Value(PATH));
+}
+
+TEST(FileDownloadTest, anErrorOfTheCallbackIsNotRetried) {
+  Download download(1000);
+  download.server.script(DATA_PATH, {{.body = "short"}});
+  download.options.retry_status_callback = [](double) { throw SyncError("the host's own"); };
+  EXPECT_EQ(download.run(), "SyncError: the host's own");
+  EXPECT_THAT(download.ranges(PATH), SizeIs(1));
+}
+
+TEST(FileDownloadTest, credentialsGoToTheServersOwnFilesOnly) {
+  struct Row {
+    const char* base_key;
+    const char* base_path;
+    bool with_token;
+  };
+  const Row rows[] = {
+      {"", "", true}, {"base_url", "/data/files", true}, {"base_url", "/mirror", false}, {"_manifest_base_url", "/mirror/", false}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(std::string(row.base_key) + row.base_path);
+    Download download;
+    if (*row.base_key != '\0') download.info = download.info.with(row.base_key, download.server.url(row.base_path));
+    const std::string asked = row.with_token ? DATA_PATH : std::string("/mirror/") + PATH;
+    download.server.serve_file(asked, content());
+    EXPECT_EQ(download.run(), "");
+    ASSERT_THAT(download.server.requests(asked), SizeIs(3));
+    EXPECT_EQ(download.server.requests(asked).front().header("Authorization").has_value(), row.with_token);
+  }
+}
+
+TEST(FileDownloadTest, stagingIntoAnotherDirectoryLeavesGuardAndCacheAlone) {
+  struct Counter : RuntimeFreshnessGuard {
+    void record_sync_update(std::string_view, std::string_view, std::string_view) override { ++calls; }
+    int calls = 0;
+  };
+  const auto counter = std::make_shared<Counter>();
+  Download download;
+  download.manager->runtime_freshness_guard.set(counter);
+  download.server.serve_file(DATA_PATH, content());
+  const TemporaryDirectory elsewhere;
+  download.options.target_data_dir = elsewhere.path();
+  EXPECT_EQ(download.run(), "");
+  EXPECT_EQ(elsewhere.read(PATH), content());
+  EXPECT_EQ(counter->calls, 0);
+  EXPECT_FALSE(download.manager->hash_cache().dirty());
+
+  download.options.target_data_dir = download.directory.path();
+  EXPECT_EQ(download.run(), "");
+  EXPECT_EQ(counter->calls, 1);
+  EXPECT_TRUE(download.manager->hash_cache().dirty());
+}
+
+}  // namespace
+}  // namespace brackenfen::sync

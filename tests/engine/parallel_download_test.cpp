@@ -1,0 +1,207 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "sync/base/interrupt.hpp"
+#include "sync/base/worker_thread.hpp"
+#include "tests/support/sync_setup.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+/// Ends waits, as a host does, on the threads that `concerns` picks, once `raised`.
+class HostInterrupt : public InterruptSource {
+ public:
+  explicit HostInterrupt(bool only_this_thread) : only_this_thread_(only_this_thread) { set_interrupt_source(this); }
+  ~HostInterrupt() override { set_interrupt_source(nullptr); }
+  void check() override {
+    if (raised && (!only_this_thread_ || std::this_thread::get_id() == owner_)) throw Interrupted{std::make_shared<int>(1)};
+  }
+  std::atomic<bool> raised{false};
+
+ private:
+  const bool only_this_thread_;
+  const std::thread::id owner_ = std::this_thread::get_id();
+};
+
+/// Remembers on which threads it was asked.
+struct Witness : TokenSource {
+  std::string token() override {
+    const std::lock_guard lock(mutex);
+    threads.insert(std::this_thread::get_id());
+    return "token";
+  }
+  std::mutex mutex;
+  std::set<std::thread::id> threads;
+};
+
+class ParallelDownloadTest : public testing::Test, protected SyncSetup {
+ protected:
+  ParallelDownloadTest() { publish_version(1); }
+
+  static PublishedFile file(const std::string& path) { return {path, "content of " + path}; }
+  /// Plans `paths` and answers them with `reply`, or with their content.
+  void plan(const std::vector<std::string>& paths, const std::optional<Reply>& reply = std::nullopt) {
+    for (const std::string& path : paths) {
+      const PublishedFile published = file(path);
+      planned = planned.with(path, published.entry().with("_manifest_version", 1).with("_manifest_era_id", ERA));
+      if (reply) {
+        server.script("/data/files/" + path, {*reply});
+      } else {
+        server.serve_file("/data/files/" + path, published.content);
+      }
+    }
+  }
+  std::string run() {
+    return failure_of([&] { manager->_download_files_parallel(neighbours(), planned, result); });
+  }
+
+  const std::shared_ptr<SyncManager> manager = open();
+  Document planned;
+  SyncResult result;
+};
+
+TEST_F(ParallelDownloadTest, oneFailureLetsTheOthersFinish) {
+  plan({"a", "b"});
+  plan({"lost"}, Reply{.status = 404});
+  plan({"c", "d", "e"});
+  environment.set("BRACKENFEN_SYNC_MAX_CONCURRENCY", "3");
+  EXPECT_EQ(run(), "PermanentDownloadError: Download failed for lost: HTTP 404");
+  EXPECT_EQ(result.features_downloaded, 5);
+  EXPECT_EQ(result.bytes_downloaded, static_cast<std::int64_t>(5 * file("a").content.size()));
+  for (const char* path : {"a", "b", "c", "d", "e"}) EXPECT_EQ(directory.read(path), file(path).content);
+}
+
+TEST_F(ParallelDownloadTest, oneWorkerMeansThisThreadInOrderUpToTheFirstError) {
+  const auto witness = std::make_shared<Witness>();
+  manager->_get_token.set(witness);
+  struct Row {
+    const char* concurrency;
+    std::vector<std::string> before, after;
+    std::vector<std::string> landed;
+  };
+  const Row rows[] = {{"1", {"a", "b"}, {"c"}, {"a", "b"}}, {"8", {}, {}, {}}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.concurrency);
+    environment.set("BRACKENFEN_SYNC_MAX_CONCURRENCY", row.concurrency);
+    planned = Document();
+    plan(row.before);
+    plan({"lost"}, Reply{.status = 404});
+    plan(row.after);
+    EXPECT_THAT(run(), StartsWith("PermanentDownloadError"));
+    EXPECT_THAT(witness->threads, ElementsAre(std::this_thread::get_id()));
+    for (const std::string& path : row.after) EXPECT_FALSE(directory.contains(path));
+    for (const std::string& path : row.landed) EXPECT_TRUE(directory.contains(path));
+  }
+  planned = Document();
+  EXPECT_EQ(run(), "") << "nothing to do is done";
+}
+
+TEST_F(ParallelDownloadTest, aNewerManifestEndsTheWholeBatch) {
+  publish_version(2);
+  environment.set("BRACKENFEN_SYNC_MAX_CONCURRENCY", "3");
+  plan({"lost"}, Reply{.status = 404});
+  plan({"down"}, Reply{.status = 503});  // waits and asks for ever
+  plan({"stale"}, Reply{.body = "a newer content", .delay = milliseconds(100)});
+  plan({"down_2", "queued_1", "queued_2"}, Reply{.status = 503});
+  EXPECT_EQ(run(), "ManifestSupersededError: Manifest advanced while downloading stale; refreshing before retry")
+      << "it takes the place of the error before it, and wakes who waits";
+  EXPECT_EQ(requests("/data/files/queued_2"), 0U) << "what had not begun never does";
+  EXPECT_TRUE(wait_for_worker_threads(milliseconds(2000)));
+}
+
+TEST_F(ParallelDownloadTest, theDeadlineNamesWhatIsPending) {
+  struct Row {
+    std::vector<std::string> stalled;
+    const char* failure;
+  };
+  const Row rows[] = {
+      {{"p1", "p2", "p3", "p4", "p5"}, "SyncError: Timed out after 10.0s in parallel download with 5 file(s) pending: p1, p2, p3, ..."},
+      {{"p1", "p2", "p3"}, "SyncError: Timed out after 10.0s in parallel download with 3 file(s) pending: p1, p2, p3"},
+      {{"p1", "p2"}, "SyncError: Timed out after 10.0s in parallel download with 2 file(s) pending: p1, p2"},
+  };
+  environment.set("BRACKENFEN_SYNC_PARALLEL_TIMEOUT_SECONDS", "10");
+  environment.set("BRACKENFEN_SYNC_MAX_CONCURRENCY", "4");
+  HostInterrupt exit_of_the_process(false);
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.failure);
+    planned = Document();
+    plan(row.stalled, Reply{.delay = milliseconds(60'000)});
+    const std::size_t asked_before = requests("/data/files/p2");
+    std::thread time([&] {
+      while (requests("/data/files/p2") == asked_before) std::this_thread::yield();
+      clock.advance(11);
+    });
+    EXPECT_EQ(run(), row.failure);
+    time.join();
+    exit_of_the_process.raised = true;  // nothing else ends the workers left behind
+    EXPECT_TRUE(wait_for_worker_threads(milliseconds(2000)));
+    exit_of_the_process.raised = false;
+  }
+}
+
+TEST_F(ParallelDownloadTest, theCallersStopEndsSleepingWorkers) {
+  plan({"a", "b", "c"}, Reply{.status = 503});
+  std::atomic<int> asked{0};
+  BackoffContext context;
+  context.surface = "the caller's";
+  context.stop_requested = [&]() -> bool {
+    if (++asked < 5) throw SyncError("a broken callback never stops anything");
+    return true;
+  };
+  const auto entered = SyncBackoff::builtin().enter_context(context);
+  EXPECT_THAT(run(), StartsWith("SyncBackoffCancelled"));
+  EXPECT_EQ(log.events("sync_backoff_wait").front().get("surface"), Value("the caller's"));
+}
+
+TEST_F(ParallelDownloadTest, anInterruptEndsEveryRequestSoon) {
+  environment.set("BRACKENFEN_SYNC_MAX_CONCURRENCY", "2");
+  plan({"a", "b", "c"}, Reply{.delay = milliseconds(60'000)});
+  HostInterrupt interrupt(true);
+  std::chrono::steady_clock::time_point raised_at;
+  std::thread user([&] {
+    while (requests("/data/files/b") == 0) std::this_thread::yield();
+    raised_at = std::chrono::steady_clock::now();
+    interrupt.raised = true;
+  });
+  bool interrupted = false;
+  try {
+    static_cast<void>(run());
+  } catch (const Interrupted& what) {
+    interrupted = what.origin != nullptr;
+  }
+  const auto latency = std::chrono::steady_clock::now() - raised_at;
+  user.join();
+  EXPECT_TRUE(interrupted) << "with what the host wants raised";
+  EXPECT_LT(latency, milliseconds(500));  // 200 ms on an idle machine
+  EXPECT_EQ(requests("/data/files/c"), 0U);
+  EXPECT_TRUE(wait_for_worker_threads(milliseconds(1000)));
+}
+
+TEST_F(ParallelDownloadTest, keysOfOneFileNeverShareItsStagingFile) {
+  environment.set("BRACKENFEN_SYNC_HTTP_CHUNK_BYTES", "50");
+  const std::string content(1000, 'x');
+  for (const char* key : {"f/one", "f//one", "./f/one", "f\\one", "f/one/.", "g/two"}) {
+    const PublishedFile published{key, content};
+    planned = planned.with(key, published.entry().with("_manifest_version", 1));
+  }
+  server.serve_file("/data/files/f/one", content);
+  server.serve_file("/data/files/g/two", content);
+  EXPECT_EQ(run(), "");
+  EXPECT_THAT(directory.files(), ElementsAre("f/one", "g/two"));
+  EXPECT_THAT(log.events("sync_backoff_wait"), IsEmpty()) << "two at once would have spoilt each other's bytes";
+  EXPECT_THAT(log.events("range_resume"), IsEmpty());
+}
+
+}  // namespace
+}  // namespace brackenfen::sync

@@ -1,0 +1,91 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/sync_setup.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+using testing::Contains;
+using testing::StartsWith;
+
+class SupersedeTest : public testing::Test, protected SyncSetup {
+ protected:
+  bool superseded(const Document& file_info) { return manager->_download_manifest_superseded(*neighbours(), file_info); }
+
+  const std::shared_ptr<SyncManager> manager = open();
+  const Document stamp{{"_manifest_version", 5}, {"_manifest_era_id", ERA}};
+};
+
+TEST_F(SupersedeTest, aLaterVersionOrEraSupersedes) {
+  struct Row {
+    Document stamp;
+    const char* answer;
+    bool superseded;
+  };
+  const Value era = ERA;
+  const Row rows[] = {
+      {stamp, R"({"version": 6, "era_number": 7})", true},
+      {stamp, R"({"version": 5, "era_number": 7})", false},
+      {stamp, R"({"version": 4, "era_number": 7})", false},
+      {stamp, R"({"version": 1, "era_number": 8})", true},
+      {stamp, R"({"version": 9, "era_number": 6})", false},
+      {stamp, R"({"version": 6})", true},
+      {stamp, R"({"version": 6, "era_number": "x"})", true},
+      {stamp, R"({"version": 6, "era_number": null})", true},
+      {stamp, R"({"version": "6"})", true},
+      {stamp, R"({"version": 99999999999999999999, "era_number": 7})", true},
+      {stamp, R"({"version": null})", false},
+      {stamp, R"({"era_number": 8})", false},
+      {stamp, "[6]", false},
+      {stamp, "<html>", false},
+      {{{"_manifest_version", 5}}, R"({"version": 6, "era_number": 6})", true},
+      {{{"_manifest_version", "5"}, {"_manifest_era_id", "x"}}, R"({"version": 6, "era_number": 6})", true},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.answer);
+    server.script(VERSION_PATH, {{.body = row.answer}});
+    EXPECT_EQ(superseded(row.stamp), row.superseded);
+  }
+  EXPECT_THAT(log.messages(LogLevel::Debug), Contains(StartsWith("Manifest version probe was not parseable during checksum repair: ")));
+}
+
+TEST_F(SupersedeTest, aFileWithoutAStampAsksNobody) {
+  for (const Value& version : {Value(), Value("x"), Value(List())}) EXPECT_FALSE(superseded(stamp.with("_manifest_version", version)));
+  EXPECT_FALSE(superseded({}));
+  EXPECT_EQ(requests(VERSION_PATH), 0U);
+}
+
+TEST_F(SupersedeTest, aProbeThatFailsAsksOnceAndAnswersNo) {
+  const std::vector<Reply> replies = {{.status = 503}, {.status = 404}, {.status = 500}, {.cut_after = 0, .reset = true}};
+  for (const Reply& reply : replies) {
+    SCOPED_TRACE(reply.status);
+    const std::size_t before = requests(VERSION_PATH);
+    server.script(VERSION_PATH, {reply});
+    EXPECT_FALSE(superseded(stamp));
+    EXPECT_EQ(requests(VERSION_PATH), before + 1);
+  }
+  manager->_server_url.set("http://127.0.0.1:1");
+  EXPECT_FALSE(superseded(stamp));
+  EXPECT_THAT(log.messages(LogLevel::Debug), Contains(StartsWith("Manifest version one-shot probe failed during checksum repair: ")));
+  manager->_server_url.set("ftp://example.com");
+  EXPECT_FALSE(superseded(stamp));
+  EXPECT_THAT(log.messages(LogLevel::Debug), Contains(StartsWith("Manifest version probe failed during checksum repair: ")));
+  EXPECT_TRUE(clock.waits().empty()) << "a probe never waits";
+}
+
+TEST_F(SupersedeTest, aRefusedTokenIsNoAnswer) {
+  server.script(VERSION_PATH, {{.status = 401}});
+  EXPECT_EQ(failure_of([&] { return superseded(stamp); }), "AuthError: Authentication failed while probing manifest version: HTTP 401");
+
+  struct Refusing : TokenSource {
+    std::string token() override { throw Auth::builtin().auth_error("no token"); }
+  };
+  manager->_get_token.set(std::make_shared<Refusing>());
+  EXPECT_EQ(failure_of([&] { return superseded(stamp); }), "AuthError: no token");
+  manager->_get_token.set(nullptr);
+  EXPECT_FALSE(superseded(stamp));
+}
+
+}  // namespace
+}  // namespace brackenfen::sync
