@@ -1,0 +1,168 @@
+"""`publish`: from a folder of artifacts to a tree, again and again, under the eyes of readers."""
+
+import json
+import os
+import shutil
+import threading
+
+import pytest
+
+from tree_files import assert_complete, manifest_of, write_files
+
+
+def vocabulary(universe, era=4):
+    return {"era_number": era, "named_universe": universe, "features": {}, "metadata": {"named_universe": universe}}
+
+
+ARTIFACTS = {
+    "features/u/signal_is/a__b__c__d.arrow": b"feature",
+    "features/signal_is/plain.arrow": b"unscoped",
+    "found_signals/p/e/signal_is/pnl.arrow": b"found",
+    "found_strategies/p/e/strategy_is/pnl.arrow": b"",
+    "useful_signals/p/e/signal_os/pnl.arrow": b"os",
+    "useful_signals/p/e/strategy_is/pnl.arrow": b"is",
+    "named_universes/u/vocabulary.json": vocabulary("u"),
+    "functions.json": {"era_number": 4},
+    "signals_index.json": {"era_number": 4, "found_signals": {"e": {"files": ["found_signals/p/e/signal_is/pnl.arrow"]}}},
+    "modules/vault-linux_aarch64.so": b"ELF",
+}
+
+
+@pytest.fixture
+def source(tmp_path):
+    return write_files(tmp_path / "artifacts", ARTIFACTS)
+
+
+def test_manifest_describes_every_artifact(tool, source, tmp_path):
+    write_files(source, {"shuffle_seed.enc": b"s" * 60, ".sync_hash_cache.json": {}, "manifest.json": {}, "x.arrow.tmp": b""})
+    tool("publish", source, tmp_path / "tree", "--era", 4, "--version", 9, "--base-url", "https://cdn.example.com/4")
+    manifest = assert_complete(tmp_path / "tree")
+    assert (manifest["era_number"], manifest["version"], manifest["base_url"]) == (4, 9, "https://cdn.example.com/4")
+    assert (manifest["signals_index"], manifest["functions"]) == ("signals_index.json", "functions.json")
+    assert {path: entry["kind"] for path, entry in manifest["files"].items()} == {
+        "features/signal_is/plain.arrow": "feature",
+        "features/u/signal_is/a__b__c__d.arrow": "feature",
+        "found_signals/p/e/signal_is/pnl.arrow": "found_signal_is_pnl",
+        "found_strategies/p/e/strategy_is/pnl.arrow": "found_strategy_is_epoch_pnl",
+        "functions.json": "functions",
+        "modules/vault-linux_aarch64.so": "vault_module",
+        "named_universes/u/vocabulary.json": "vocabulary",
+        "signals_index.json": "signals_index",
+        "useful_signals/p/e/signal_os/pnl.arrow": "useful_signal_os_pnl",
+        "useful_signals/p/e/strategy_is/pnl.arrow": "useful_signal_strategy_is_pnl",
+    }
+    assert manifest["files"]["modules/vault-linux_aarch64.so"]["platform"] == "linux_aarch64"
+    assert (tmp_path / "tree/data/shuffle").read_bytes() == b"s" * 60
+
+
+@pytest.mark.parametrize("switches", [[], ["--link"]], ids=["copies", "links"])
+def test_next_version_places_what_changed_and_drops_what_left(tool, source, tmp_path, switches):
+    tree = tmp_path / "tree"
+    tool("publish", source, tree, "--era", 4, "--version", 1, *switches)
+    kept = tree / "data/files/functions.json"
+    before = kept.stat().st_ino
+    (tree / ".publishing").mkdir()  # as a publication that died leaves it
+    (tree / ".publishing" / "0").write_bytes(b"half")
+    changed = source / "features/u/signal_is/a__b__c__d.arrow"
+    changed.unlink()
+    changed.write_bytes(b"FEATURE")  # of the same size
+    (source / "features/signal_is/plain.arrow").unlink()
+    write_files(source, {"found_signals/p/f/signal_is/pnl.arrow": b"new"})
+
+    said = tool("publish", source, tree, "--era", 4, "--version", 2, *switches)
+
+    assert "(2 placed, 8 kept, 1 dropped, 0 left out)" in said
+    assert_complete(tree)
+    assert (tree / "data/files/features/u/signal_is/a__b__c__d.arrow").read_bytes() == b"FEATURE"
+    assert kept.stat().st_ino == before
+    assert not (tree / "data/files/features/signal_is").exists()
+
+
+def test_readers_never_meet_a_manifest_without_its_files(tool, source, tmp_path):
+    tree = tmp_path / "tree"
+    tool("publish", source, tree, "--era", 4, "--version", 1)
+    faults, done, looks = [], threading.Event(), 0
+
+    def read():
+        nonlocal looks
+        while not done.is_set():
+            manifest = manifest_of(tree)
+            missing = [path for path in manifest["files"] if not (tree / "data/files" / path).exists()]
+            if missing and manifest_of(tree)["version"] == manifest["version"]:
+                faults.append((manifest["version"], missing))
+            version = json.loads((tree / "data/manifest-version.json").read_bytes())["version"]
+            if manifest_of(tree)["version"] < version:
+                faults.append(f"version {version} announced before its manifest")
+            looks += 1
+
+    reader = threading.Thread(target=read)
+    reader.start()
+    try:
+        for version in range(2, 22):
+            (source / f"features/u/signal_is/v{version - 1}.arrow").unlink(missing_ok=True)
+            write_files(source, {f"features/u/signal_is/v{version}.arrow": b"x" * version})
+            tool("publish", source, tree, "--era", 4, "--version", version)
+    finally:
+        done.set()
+        reader.join()
+    assert not faults
+    assert looks > 20
+    assert_complete(tree)
+
+
+def outside_link(source):
+    (source.parent / "secret").write_bytes(b"s")
+    (source / "features/leak.arrow").symlink_to(source.parent / "secret")
+
+
+REFUSALS = {
+    "link out of the folder": (outside_link, "leads out of"),
+    "link to nowhere": (lambda source: (source / "x").symlink_to(source / "nothing"), "leads nowhere"),
+    "link to a folder": (lambda source: (source / "x").symlink_to(source / "features"), "no file"),
+    "pipe": (lambda source: os.mkfifo(source / "pipe"), "neither a file nor a folder"),
+    "blank in a name": (lambda source: write_files(source, {"a b": b""}), "'a b' cannot be published: it holds a blank"),
+    "percent in a name": (lambda source: write_files(source, {"a%41": b""}), "it holds '%'"),
+    "name outside ASCII": (lambda source: write_files(source, {"ä": b""}), "outside ASCII"),
+    "seed of 59 bytes": (lambda source: write_files(source, {"shuffle_seed.enc": b"s" * 59}), "59 bytes"),
+    "catalogue of another era": (lambda source: write_files(source, {"functions.json": {"era_number": 3}}), "era_number 3"),
+    "era as text": (lambda source: write_files(source, {"functions.json": {"era_number": "4"}}), "era_number '4'"),
+    "broken document": (lambda source: write_files(source, {"functions.json": b"{"}), "not valid JSON"),
+    "vocabulary of another universe": (
+        lambda source: write_files(source, {"named_universes/u/vocabulary.json": vocabulary("v")}),
+        "names the universe 'v', its path 'u'",
+    ),
+    "index of a missing file": (
+        lambda source: write_files(source, {"signals_index.json": {"era_number": 4, "useful_signals": {"e": {"files": ["gone"]}}}}),
+        "names 'gone', which is not there",
+    ),
+    "file where the tree has a folder": (
+        lambda source: (shutil.rmtree(source / "modules"), write_files(source, {"modules": b""})),
+        "is a folder in the tree",
+    ),
+}
+
+
+@pytest.mark.parametrize(("spoil", "words"), REFUSALS.values(), ids=REFUSALS.keys())
+def test_bad_source_is_refused_and_the_tree_stays(tool, source, tmp_path, spoil, words):
+    tree = tmp_path / "tree"
+    tool("publish", source, tree, "--era", 4, "--version", 1)
+    spoil(source)
+    assert words in tool("publish", source, tree, "--era", 4, "--version", 2, code=1)
+    assert manifest_of(tree)["version"] == 1
+    assert all((tree / "data/files" / path).is_file() for path in manifest_of(tree)["files"])
+
+
+@pytest.mark.parametrize(
+    ("era", "version", "words"),
+    [(4, 7, "holds version 7 of era 4 already"), (4, 6, "publish a version above it"), (3, 8, "era 3 is over")],
+)
+def test_versions_and_eras_only_advance(tool, source, tmp_path, era, version, words):
+    tool("publish", source, tmp_path / "tree", "--era", 4, "--version", 7)
+    assert words in tool("publish", source, tmp_path / "tree", "--era", era, "--version", version, "--no-check", code=1)
+    tool("publish", source, tmp_path / "tree", "--era", 5, "--version", 1, "--no-check")
+    assert_complete(tmp_path / "tree")
+    assert [path.name for path in (tmp_path / "tree/data/seeds").iterdir()] == ["era-5.enc"]
+
+
+def test_tree_inside_the_source_is_refused(tool, source):
+    assert "lies inside the folder to publish" in tool("publish", source, source / "tree", "--era", 4, "--version", 1, code=1)

@@ -1,0 +1,91 @@
+#include "tools/distribution/kinds.hpp"
+
+#include <fmt/core.h>
+
+#include <algorithm>
+#include <array>
+
+#include "sync/base/text.hpp"
+#include "sync/documents/signals_index.hpp"
+
+namespace brackenfen::sync::distribution {
+
+namespace {
+
+constexpr std::string_view VOCABULARY_PREFIX = "named_universes/";
+constexpr std::string_view VOCABULARY_SUFFIX = "/vocabulary.json";
+
+constexpr std::array<std::string_view, 5> MODULE_PLATFORMS = {"linux_x86_64", "linux_aarch64", "macos_x86_64", "macos_arm64",
+                                                              "windows_amd64"};
+constexpr std::array<std::string_view, 2> MODULE_SUFFIXES = {".so", ".pyd"};
+
+constexpr std::array<std::string_view, 5> CLIENT_FILES = {"manifest.json", "sync-progress.json", "feature-rotation-state.json",
+                                                          "feature-rotation-settings.json", "shuffle_seed.enc.meta.json"};
+
+struct PnlRule {
+  std::string_view prefix, suffix, kind;
+};
+constexpr std::array<PnlRule, 4> PNL_RULES = {{
+    {"found_signals/", "/signal_is/pnl.arrow", FOUND_SIGNAL_PNL_KIND},
+    {"found_strategies/", "/strategy_is/pnl.arrow", FOUND_STRATEGY_EPOCH_PNL_KIND},
+    {"useful_signals/", "/signal_os/pnl.arrow", USEFUL_SIGNAL_OS_PNL_KIND},
+    {"useful_signals/", "/strategy_is/pnl.arrow", USEFUL_SIGNAL_STRATEGY_IS_PNL_KIND},
+}};
+
+std::optional<std::string> module_platform(std::string_view path) {
+  for (const std::string_view suffix : MODULE_SUFFIXES) {
+    if (!path.ends_with(suffix)) continue;
+    const std::string_view stem = path.substr(0, path.size() - suffix.size());
+    for (const std::string_view platform : MODULE_PLATFORMS) {
+      if (stem.size() > platform.size() && stem.ends_with(platform) && stem[stem.size() - platform.size() - 1] == '-') {
+        return std::string(platform);
+      }
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<std::string> vocabulary_universe(std::string_view path) {
+  if (!path.starts_with(VOCABULARY_PREFIX) || !path.ends_with(VOCABULARY_SUFFIX)) return std::nullopt;
+  if (path.size() <= VOCABULARY_PREFIX.size() + VOCABULARY_SUFFIX.size()) return std::nullopt;
+  path.remove_prefix(VOCABULARY_PREFIX.size());
+  path.remove_suffix(VOCABULARY_SUFFIX.size());
+  if (path.find('/') != std::string_view::npos) return std::nullopt;
+  return std::string(path);
+}
+
+ArtifactKind classify_artifact(std::string_view path) {
+  if (path == SIGNALS_INDEX_RELATIVE_PATH) return {"signals_index", {}};
+  if (path == FUNCTIONS_NAME) return {"functions", {}};
+  if (vocabulary_universe(path)) return {"vocabulary", {}};
+  for (const PnlRule& rule : PNL_RULES) {
+    if (path.starts_with(rule.prefix) && path.ends_with(rule.suffix)) return {std::string(rule.kind), {}};
+  }
+  if (path.starts_with("features/")) return {"feature", {}};
+  if (std::optional<std::string> platform = module_platform(path)) return {"vault_module", std::move(platform)};
+  return {"data", {}};
+}
+
+std::optional<std::string> path_objection(std::string_view path) {
+  for (const std::string_view segment : split(path, "/")) {
+    if (segment.empty() || segment == "." || segment == "..") return fmt::format("its segment '{}' is no name", segment);
+  }
+  for (const char character : path) {
+    const auto byte = static_cast<unsigned char>(character);
+    if (byte == ' ') return "it holds a blank";
+    if (byte < 0x20 || byte == 0x7f) return fmt::format("it holds the control character 0x{:02x}", byte);
+    if (byte > 0x7f) return "it holds a character outside ASCII";
+    if (std::string_view("\\%?#").find(character) != std::string_view::npos) return fmt::format("it holds '{}'", character);
+  }
+  return std::nullopt;
+}
+
+bool is_private_to_clients(std::string_view path) {
+  if (std::find(CLIENT_FILES.begin(), CLIENT_FILES.end(), path) != CLIENT_FILES.end()) return true;
+  if (path.ends_with(".tmp")) return true;
+  return path.starts_with('.') || path.find("/.") != std::string_view::npos;
+}
+
+}  // namespace brackenfen::sync::distribution

@@ -1,0 +1,187 @@
+// brackenfen-distribution: makes, fills and serves distribution trees. This file reads the command line.
+//
+// Exit codes: 0 done, 1 it could not be done (standard error says why), 2 the command line is wrong.
+
+#include <fmt/core.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "sync/base/error.hpp"
+#include "sync/base/url.hpp"
+#include "tools/distribution/publish.hpp"
+#include "tools/distribution/sample.hpp"
+#include "tools/distribution/serve.hpp"
+
+namespace brackenfen::sync::distribution {
+
+namespace {
+
+constexpr std::int64_t MOST = 1'000'000'000'000'000;  // keeps sums of a few such numbers within 64 bits
+
+constexpr const char* PUBLISH_FOOTER =
+    R"(The kind of a file follows from its path:
+  features/...                                         feature
+  found_signals/{pool}/{entity}/signal_is/pnl.arrow    found_signal_is_pnl
+  found_strategies/{...}/strategy_is/pnl.arrow         found_strategy_is_epoch_pnl
+  useful_signals/{...}/signal_os/pnl.arrow             useful_signal_os_pnl
+  useful_signals/{...}/strategy_is/pnl.arrow           useful_signal_strategy_is_pnl
+  named_universes/{universe}/vocabulary.json           vocabulary
+  functions.json, signals_index.json                   functions, signals_index
+  {name}-{platform}.so or .pyd                         vault_module
+  anything else                                        data
+shuffle_seed.enc (60 bytes) becomes /data/shuffle; without one, a seed is made from the era.
+Hidden files, *.tmp and a client's own files (manifest.json, ...) are left out.
+
+OUT gets data/manifest.json, data/manifest-version.json, data/files/..., data/shuffle and era/current.json.
+Publishing again with a higher version, or a later era, writes what changed, keeps what did not (going by the
+digests of OUT's manifest), switches the documents, and drops departed files last. OUT may be served meanwhile.
+
+Examples:
+  brackenfen-distribution publish artifacts/ /srv/brackenfen --era 12 --version 3
+  brackenfen-distribution publish artifacts/ tree/ --era 12 --version 4 --base-url https://cdn.example.com/era-12)";
+
+constexpr const char* SERVE_FOOTER =
+    R"(A fault is PATTERN:SETTING[,SETTING...]. The pattern is matched against the request path like a file name in a
+shell, and "*" crosses "/". The first fault that applies decides a request; those of the file come last.
+What happens:
+  status=CODE       an error answer with a JSON body; its words: error-code=, error=, dependency=, recovery=,
+                    reason=TEXT, retryable=true|false (which imply status=503)
+  delay=SECONDS     wait before answering
+  drop-after=BYTES  close the connection after so many bytes of the body
+  reset             reset instead of close; alone: before any answer
+  drip=BYTES        send the body at so many bytes per second
+  wrong-bytes       right size, wrong content
+  no-range          ignore Range and send the whole file
+  refuse            close the port; only with the pattern "*"
+When:
+  times=N, skip=N   only for the first N requests it would apply to; not for the first N
+  outage=START+DURATION
+                    only in this window, in seconds since the start; alone it answers 503
+The fault file holds one fault a line (# starts a comment) and is read again when it changes, at the latest with
+the next request. Replace it by renaming another over it.
+
+The log gets a line for each answer: STATUS PATH RANGE FAULT, with "-" for what there is not and 0 for no answer.
+
+Examples:
+  brackenfen-distribution serve tree/ --port 8080
+  brackenfen-distribution serve tree/ --fault '/data/files/*:drop-after=100000,times=1'
+  brackenfen-distribution serve tree/ --fault '*:outage=5+10' --fault '*:refuse,outage=15+10')";
+
+constexpr const char* SAMPLE_FOOTER =
+    R"(One era: OUT becomes a distribution tree, ready to be served. Several: OUT/era-{n} are trees, one for each era;
+from one to the next about one artifact in twenty is replaced. The version counts up from 1 with the era.
+With --source, folders of artifacts for `publish` are left in these places instead.
+The same options give the same bytes on every machine. Sizes are spread evenly over their logarithm.
+
+Examples:
+  brackenfen-distribution sample tree/ --files 300 --bytes 200MB --seed 7
+  brackenfen-distribution sample eras/ --files 40 --bytes 2MB --eras 3 --universes liquid_500,broad_2000)";
+
+void require_base_url(const std::string& base_url) {
+  if (base_url.empty()) return;
+  require_printable_url(base_url);
+  const UrlParts parts = split_url(base_url);
+  if (parts.scheme.empty() || parts.network_location.empty()) throw ValueError("--base-url must be an absolute URL");
+}
+
+void add_publish(CLI::App& app, PublishOptions& options) {
+  CLI::App& command = *app.add_subcommand("publish", "Turn a folder of artifacts into a distribution tree");
+  command.footer(PUBLISH_FOOTER);
+  command.add_option("SRC", options.source, "The folder of artifacts")->required();
+  command.add_option("OUT", options.out, "The distribution tree, new or to be brought up to date")->required();
+  command.add_option("--era", options.era, "The era of the data set")->required()->check(CLI::Range(std::int64_t{0}, MOST));
+  command.add_option("--version", options.version, "The version of the manifest")->required()->check(CLI::Range(std::int64_t{0}, MOST));
+  command.add_option("--base-url", options.base_url, "Where clients fetch data files, if not from the server's /data/files");
+  command.add_option("--pnl-columns", options.pnl_column_count, "The manifest's pnl_column_count")
+      ->check(CLI::Range(std::int64_t{0}, MOST));
+  command.add_flag("--link", options.link, "Hard links instead of copies; SRC must then never be written in place");
+  command.add_flag("!--no-check", options.check_documents, "Publish documents even where they are wrong for the era");
+  command.callback([&options] {
+    require_base_url(options.base_url);
+    const PublishReport report = publish(options);
+    fmt::print("published era {} version {}: {} files, {} bytes ({} placed, {} kept, {} dropped, {} left out)\n", options.era,
+               options.version, report.files, report.bytes, report.placed, report.kept, report.dropped, report.left_out);
+  });
+}
+
+struct ServeArguments {
+  ServeOptions options;
+  std::vector<std::string> faults;
+};
+
+void add_serve(CLI::App& app, ServeArguments& arguments) {
+  CLI::App& command = *app.add_subcommand("serve", "Serve a distribution tree over HTTP, well or badly");
+  ServeOptions& options = arguments.options;
+  command.footer(SERVE_FOOTER);
+  command.add_option("OUT", options.tree, "The distribution tree")->required();
+  command.add_option("--host", options.host, "The address to serve at")->capture_default_str();
+  command.add_option("--port", options.port, "The port; 0 for any free one")->capture_default_str();
+  command.add_option("--token", options.token, "Require this bearer token");
+  command.add_option("--fault", arguments.faults, "Misbehave, see below; repeatable")->allow_extra_args(false);
+  command.add_option("--fault-file", options.fault_file, "Faults that can be changed while serving");
+  command.add_option("--log", options.log_file, "Append a line for each answer to this file");
+  command.callback([&arguments] {
+    for (const std::string& fault : arguments.faults) {
+      try {
+        arguments.options.faults.push_back(parse_fault(fault));
+      } catch (const Error& error) {
+        throw CLI::ValidationError("--fault", error.text());
+      }
+    }
+    serve(arguments.options);
+  });
+}
+
+void add_sample(CLI::App& app, SampleOptions& options) {
+  CLI::App& command = *app.add_subcommand("sample", "Make up a data set");
+  command.footer(SAMPLE_FOOTER);
+  command.add_option("OUT", options.out, "A new or empty folder")->required();
+  command.add_option("--files", options.files, "Files in each era, documents included")
+      ->check(CLI::Range(std::int64_t{1}, std::int64_t{10'000'000}))
+      ->capture_default_str();
+  command.add_option("--bytes", options.bytes, "Their size together, about; 200MB and 1GiB are understood")
+      ->transform(CLI::AsSizeValue(true))
+      ->capture_default_str();
+  command.add_option("--seed", options.seed, "What everything made up follows from")->capture_default_str();
+  command.add_option("--era", options.first_era, "The first era")->check(CLI::Range(std::int64_t{0}, MOST))->capture_default_str();
+  command.add_option("--eras", options.eras, "How many eras")
+      ->check(CLI::Range(std::int64_t{1}, std::int64_t{1000}))
+      ->capture_default_str();
+  command.add_option("--universes", options.universes, "Named universes, separated by commas")->delimiter(',')->capture_default_str();
+  command.add_flag("--source", options.source_only, "Leave folders of artifacts instead of distribution trees");
+  command.callback([&options] {
+    const SampleReport report = make_sample(options);
+    fmt::print("sample of {} files, {} bytes{}\n", report.files, report.bytes, report.folders.size() > 1 ? " in each era" : "");
+    for (const std::string& folder : report.folders) fmt::print("  {}\n", folder);
+  });
+}
+
+int run(int argument_count, char** arguments) {
+  CLI::App app("Makes, fills and serves distribution trees: what a data server publishes to its clients.", "brackenfen-distribution");
+  app.require_subcommand(1);
+  PublishOptions publish_options;
+  ServeArguments serve_arguments;
+  SampleOptions sample_options;
+  add_publish(app, publish_options);
+  add_serve(app, serve_arguments);
+  add_sample(app, sample_options);
+  try {
+    app.parse(argument_count, arguments);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : 2;
+  } catch (const Error& error) {
+    fmt::print(stderr, "brackenfen-distribution: {}\n", error.text());
+    return 1;
+  }
+  return 0;
+}
+
+}  // namespace
+
+}  // namespace brackenfen::sync::distribution
+
+int main(int argument_count, char** arguments) { return brackenfen::sync::distribution::run(argument_count, arguments); }

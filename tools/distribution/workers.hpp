@@ -1,0 +1,40 @@
+// Many independent pieces of work on all cores.
+#pragma once
+
+#include <algorithm>
+#include <atomic>
+#include <cstddef>
+#include <functional>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include "sync/base/error.hpp"
+#include "sync/base/mutex.hpp"
+
+namespace brackenfen::sync::distribution {
+
+/// Calls `work(index)` once for each index below `count`, on as many threads as the machine has cores, and
+/// returns when all are done. The first Error ends the rest early and is thrown here.
+inline void for_each_index(std::size_t count, const std::function<void(std::size_t)>& work) {
+  std::atomic<std::size_t> next{0};
+  Mutex mutex;
+  std::optional<Error> first_error;
+  const auto run = [&] {
+    try {
+      for (std::size_t index = next.fetch_add(1); index < count; index = next.fetch_add(1)) work(index);
+    } catch (const Error& error) {
+      next.store(count);
+      const MutexLock lock(mutex);
+      if (!first_error) first_error = error;
+    }
+  };
+  const std::size_t threads = std::min<std::size_t>(count, std::max(1U, std::thread::hardware_concurrency()));
+  std::vector<std::jthread> helpers;
+  for (std::size_t i = 1; i < threads; ++i) helpers.emplace_back(run);
+  run();
+  helpers.clear();
+  if (first_error) throw Error(*first_error);
+}
+
+}  // namespace brackenfen::sync::distribution
