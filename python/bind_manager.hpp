@@ -1,0 +1,36 @@
+// What the files that bind SyncManager share.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "python/binding.hpp"
+#include "sync/engine/sync_manager.hpp"
+
+namespace brackenfen::sync::python {
+
+/// What Python sees as a SyncManager. The core's object may outlive it, and be handed out again.
+struct ManagerObject {
+  std::shared_ptr<SyncManager> core;
+  std::uint64_t generation;  ///< of the process that made it
+
+  explicit ManagerObject(std::shared_ptr<SyncManager> given);
+  ManagerObject(const ManagerObject&) = delete;
+  ManagerObject& operator=(const ManagerObject&) = delete;
+  ~ManagerObject();
+
+  /// Runs `work` on the core's object without the interpreter lock.
+  template <typename Work>
+  auto run(Work&& work) const {
+    return detached([&] { return work(*core); });
+  }
+};
+
+/// The same Python object for the same live manager.
+[[nodiscard]] nb::object manager_to_python(const std::shared_ptr<SyncManager>& core);
+
+void bind_manager_downloads(nb::class_<ManagerObject>& bound);
+void bind_manager_integrity(nb::class_<ManagerObject>& bound);
+void bind_manager_fields(nb::class_<ManagerObject>& bound);
+
+}  // namespace brackenfen::sync::python

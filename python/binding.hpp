@@ -1,0 +1,69 @@
+// The parts of the module, one table-like function each, and what they share.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "python/errors.hpp"
+#include "python/gate.hpp"
+#include "python/neighbours_host.hpp"
+#include "python/values.hpp"
+#include "sync/documents/manifest.hpp"
+#include "sync/engine/results.hpp"
+
+namespace brackenfen::sync::python {
+
+void bind_results(nb::module_& module);
+void bind_manifest(nb::module_& module);
+void bind_paths(nb::module_& module);
+void bind_settings(nb::module_& module);
+void bind_http(nb::module_& module);
+void bind_events(nb::module_& module);
+void bind_files(nb::module_& module);
+void bind_progress(nb::module_& module);
+void bind_found_pnl(nb::module_& module);
+void bind_manager(nb::module_& module);
+
+/// An argument that accepts any object, None included; the body converts it and names it in a TypeError.
+[[nodiscard]] constexpr auto any(const char* name) { return nb::arg(name).none(); }
+
+/// Runs `work`, which touches no Python object, without the interpreter lock.
+template <typename Work>
+auto detached(Work&& work) {
+  const Released released;
+  return std::forward<Work>(work)();
+}
+
+/// Applies a filter of the core to a document of Python: what the filter passes through, the document itself
+/// included, comes back as the very object it was. Throws AttributeError for an object that is no mapping.
+template <typename Filter>
+nb::object filtered(nb::handle object, const char* name, Filter&& filter) {
+  Origins origins;
+  const Value given = value_argument(object, name, &origins);
+  if (!given.is_document()) throw AttributeError(std::string(name) + " is no mapping");
+  const Document& document = *given.if_document();
+  const Document result = detached([&] { return filter(document); });
+  return result.same_as(document) ? nb::borrow(object) : to_python(result, &origins);
+}
+
+// ---- results ---------------------------------------------------------------------------------------------
+
+[[nodiscard]] nb::object sync_result_to_python(const SyncResult& result);
+/// A copy of what a Python SyncResult holds now; the core never writes into the object itself.
+[[nodiscard]] SyncResult sync_result_argument(nb::handle object);
+void update_sync_result(nb::handle object, const SyncResult& result);
+
+// ---- manifests -------------------------------------------------------------------------------------------
+
+/// The record of a bound `Manifest`, or one built from the attributes of any other object; what it lacks
+/// counts as absent. Attached threads only.
+[[nodiscard]] std::shared_ptr<Manifest> manifest_argument(nb::handle object, const char* name);
+/// The same Python object for the same live record; None for nullptr.
+[[nodiscard]] nb::object manifest_to_python(const std::shared_ptr<Manifest>& record);
+/// The attribute `files` of any object; an empty document where it has none, null where it is no mapping.
+[[nodiscard]] Value files_of(nb::handle manifest);
+/// The attribute `name` of any object, or null.
+[[nodiscard]] Value attribute_of(nb::handle manifest, const char* name);
+
+}  // namespace brackenfen::sync::python

@@ -1,0 +1,52 @@
+// Objects of the host that the core calls: token sources, guards, callbacks, rotation states.
+//
+// Each adapter keeps the object it was made of, so that reading a field gives the very same one back.
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include "python/gate.hpp"
+#include "sync/engine/sync_manager.hpp"
+
+namespace brackenfen::sync::python {
+
+/// What an adapter was made of.
+class HostObject {
+ public:
+  explicit HostObject(nb::handle object) : object_(object) {}
+  [[nodiscard]] nb::handle object() const noexcept { return object_.get(); }
+
+ private:
+  PyRef object_;
+};
+
+/// The host's object behind something the core holds; nullptr where there is none or it is the core's own.
+template <typename T>
+[[nodiscard]] const HostObject* host_object(const std::shared_ptr<T>& held) {
+  return dynamic_cast<const HostObject*>(held.get());
+}
+template <typename T>
+[[nodiscard]] nb::object host_object_or_none(const std::shared_ptr<T>& held) {
+  const HostObject* host = host_object(held);
+  return host == nullptr ? nb::object(nb::none()) : nb::borrow(host->object());
+}
+
+/// Any object, also one that cannot be called: the core says so at the right moment.
+[[nodiscard]] std::shared_ptr<TokenSource> token_source(nb::handle callable);
+/// A Python callable that always returns `token`.
+[[nodiscard]] nb::object fixed_token_callable(std::string token);
+/// nullptr for None, as are the two below.
+[[nodiscard]] std::shared_ptr<RuntimeFreshnessGuard> freshness_guard(nb::handle object);
+[[nodiscard]] std::shared_ptr<const RotationState> rotation_state(nb::handle object);
+[[nodiscard]] RetryStatusCallback retry_status_callback(nb::handle callable);
+
+/// A stop callback of the host. Kept as a type of its own so that the callable can be handed back.
+struct StopCallback {
+  SharedRef callable;
+  bool operator()() const;
+};
+/// The host's own callable behind `stop_requested`, or a new one that calls it.
+[[nodiscard]] nb::object stop_callable(const std::function<bool()>& stop_requested);
+
+}  // namespace brackenfen::sync::python

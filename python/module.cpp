@@ -1,0 +1,75 @@
+// The module `brackenfen.sync`, which also imports as top-level `sync`: both names give the same objects.
+#include <nanobind/nanobind.h>
+
+#include "python/binding.hpp"
+#include "python/host.hpp"
+#include "python/neighbours_backoff.hpp"
+
+namespace brackenfen::sync::python {
+namespace {
+
+constexpr const char* VERSION = "0.0.3";
+
+PyObject* first_module_dict = nullptr;  // of the first import; owned for ever
+
+/// Names that belong to the neighbours are looked up when they are asked for, so that importing this module
+/// imports no neighbour.
+nb::object module_getattr(nb::handle name) {
+  const std::string wanted = text_form(name);
+  if (wanted == "AuthError") return auth_error_class();
+  if (wanted == "SyncBackoffCancelled") return backoff_cancelled_class();
+  throw AttributeError("module 'brackenfen.sync' has no attribute '" + wanted + "'");
+}
+
+void bind_all(nb::module_& module) {
+  module.attr("__version__") = VERSION;
+  module.attr("__doc__") =
+      "Keeps a local data directory in step with a server's distribution of it.\n\n"
+      "SyncManager.get_or_create opens a directory; SyncManager.sync brings it up to date.";
+  bind_errors(module);
+  bind_results(module);
+  bind_manifest(module);
+  bind_paths(module);
+  bind_settings(module);
+  bind_http(module);
+  bind_backoff(module);
+  bind_events(module);
+  bind_files(module);
+  bind_progress(module);
+  bind_found_pnl(module);
+  bind_manager(module);
+  module.def("__getattr__", module_getattr, nb::arg("name"));
+}
+
+void initialise(nb::module_& module) {
+  if (first_module_dict == nullptr) {
+    nb::set_leak_warnings(false);  // daemon threads of a host may still refer to managers at exit
+    install_host();
+    // Classes and functions say where they belong, under whichever name this import runs.
+    const nb::object imported_name = module.attr("__name__");
+    module.attr("__name__") = "brackenfen.sync";
+    bind_all(module);
+    module.attr("__name__") = imported_name;
+    first_module_dict = nb::object(module.attr("__dict__")).release().ptr();
+    return;
+  }
+  for (const auto& [name, value] : nb::borrow<nb::dict>(first_module_dict)) {
+    const std::string text = text_form(name);
+    const bool own = text.starts_with("__") && text != "__getattr__" && text != "__version__" && text != "__doc__";
+    if (!own) nb::setattr(module, name, value);
+  }
+}
+
+}  // namespace
+}  // namespace brackenfen::sync::python
+
+NB_MODULE(sync_in_main_interpreter, module) { brackenfen::sync::python::initialise(module); }
+
+/// The one export. Refuses other interpreters before the binding library can mistake theirs for the first one's.
+PyMODINIT_FUNC PyInit_sync() {
+  if (PyInterpreterState_GetID(PyInterpreterState_Get()) != 0) {
+    PyErr_SetString(PyExc_ImportError, "brackenfen.sync does not run in subinterpreters");
+    return nullptr;
+  }
+  return PyInit_sync_in_main_interpreter();
+}

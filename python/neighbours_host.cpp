@@ -1,0 +1,188 @@
+#include "python/neighbours_host.hpp"
+
+#include <atomic>
+#include <memory>
+
+#include "python/errors.hpp"
+#include "python/neighbours_backoff.hpp"
+#include "python/neighbours_lookup.hpp"
+#include "python/values.hpp"
+
+namespace brackenfen::sync::python {
+namespace {
+
+// Each adapter is made attached, keeps the module for one operation, and serves any thread of it.
+
+class HostTransportSecurity : public TransportSecurity {
+ public:
+  explicit HostTransportSecurity(nb::handle module) : module_(module) {}
+  void validate_bearer_transport_url(std::string_view url) const override {
+    call_python([&] { module_.get().attr("validate_bearer_transport_url")(to_python(url)); });
+  }
+
+ private:
+  PyRef module_;
+};
+
+class HostAuth : public Auth {
+ public:
+  explicit HostAuth(nb::handle module) : class_(nb::object(module.attr("AuthError"))), described_(describe_class(class_.get())) {}
+  const ErrorClass& auth_error_class() const override { return described_; }
+  Error auth_error(std::string text) const override {
+    return call_python([&] { return to_error(nb::object(class_.get()(to_python(text)))); });
+  }
+
+ private:
+  PyRef class_;
+  const ErrorClass& described_;
+};
+
+class HostEraConfig : public EraConfig {
+ public:
+  explicit HostEraConfig(nb::handle module) {
+    const nb::object names = module.attr("EpochName");
+    const auto value = [&](const char* member) { return text_form(names.attr(member).attr("value")); };
+    names_ = {value("SIGNAL_IS"), value("STRATEGY_IS"), value("SIGNAL_OS")};
+  }
+  const EpochNames& epoch_names() const override { return names_; }
+
+ private:
+  EpochNames names_;
+};
+
+class HostSyncProgress : public SyncProgress {
+ public:
+  explicit HostSyncProgress(nb::handle module) : module_(module) {}
+  std::optional<Value> manifest_file_size(const Value& file_info) const override {
+    return call_python([&]() -> std::optional<Value> {
+      const nb::object pair = module_.get().attr("manifest_file_size")(to_python(file_info));
+      if (!truth(pair[0])) return std::nullopt;
+      return value_argument(pair[1], "size_bytes");
+    });
+  }
+
+ private:
+  PyRef module_;
+};
+
+class HostFreshness : public RuntimeModuleFreshness {
+ public:
+  explicit HostFreshness(nb::handle module) : module_(module), suffix_(text_form(module.attr("RUNTIME_MODULE_KIND_SUFFIX"))) {}
+  const std::string& runtime_module_kind_suffix() const override { return suffix_; }
+  bool is_runtime_module_kind(std::string_view kind) const override {
+    return call_python([&] { return truth(module_.get().attr("is_runtime_module_kind")(to_python(kind))); });
+  }
+
+ private:
+  PyRef module_;
+  std::string suffix_;
+};
+
+class HostArtifactRotation : public ArtifactRotation {
+ public:
+  explicit HostArtifactRotation(nb::handle module) : module_(module) {}
+  std::string manifest_file_kind(const Value& file_info) const override {
+    return call_python([&] { return text_form(module_.get().attr("manifest_file_kind")(to_python(file_info))); });
+  }
+  std::optional<std::string> vocabulary_named_universe_from_path(std::string_view relative_path) const override {
+    return call_python([&]() -> std::optional<std::string> {
+      const nb::object universe = module_.get().attr("vocabulary_named_universe_from_path")(to_python(relative_path));
+      if (universe.is_none()) return std::nullopt;
+      return text_form(universe);
+    });
+  }
+
+ private:
+  PyRef module_;
+};
+
+NeighbourModule& transport_security_module() {
+  static NeighbourModule& module = *new NeighbourModule("_transport_security");
+  return module;
+}
+NeighbourModule& auth_module() {
+  static NeighbourModule& module = *new NeighbourModule("auth");
+  return module;
+}
+NeighbourModule& era_config_module() {
+  static NeighbourModule& module = *new NeighbourModule("era_config");
+  return module;
+}
+NeighbourModule& sync_progress_module() {
+  static NeighbourModule& module = *new NeighbourModule("_sync_progress");
+  return module;
+}
+NeighbourModule& freshness_module() {
+  static NeighbourModule& module = *new NeighbourModule("runtime_module_freshness");
+  return module;
+}
+NeighbourModule& rotation_module() {
+  static NeighbourModule& module = *new NeighbourModule("_artifact_rotation");
+  return module;
+}
+
+/// One neighbour of one operation, looked up when it is first asked for.
+template <typename Interface, typename Adapter>
+class Bound {
+ public:
+  const Interface& get(NeighbourModule& module) {
+    if (const Interface* bound = bound_.load(std::memory_order_acquire)) return *bound;
+    return call_python([&]() -> const Interface& {
+      const nb::object found = module.find();
+      // The import may have let another thread in.
+      if (const Interface* bound = bound_.load(std::memory_order_acquire)) return *bound;
+      if (found.is_valid()) adapter_ = std::make_unique<const Adapter>(found);
+      const Interface& chosen = adapter_ ? *adapter_ : Interface::builtin();
+      bound_.store(&chosen, std::memory_order_release);
+      return chosen;
+    });
+  }
+
+ private:
+  std::atomic<const Interface*> bound_{nullptr};
+  std::unique_ptr<const Adapter> adapter_;
+};
+
+class HostNeighbourSet : public NeighbourSet {
+ public:
+  const TransportSecurity& transport_security() override { return transport_security_.get(transport_security_module()); }
+  const Auth& auth() override { return auth_.get(auth_module()); }
+  const EraConfig& era_config() override { return era_config_.get(era_config_module()); }
+  const SyncProgress& sync_progress() override { return sync_progress_.get(sync_progress_module()); }
+  const RuntimeModuleFreshness& runtime_module_freshness() override { return freshness_.get(freshness_module()); }
+  const ArtifactRotation& artifact_rotation() override { return rotation_.get(rotation_module()); }
+
+ private:
+  Bound<TransportSecurity, HostTransportSecurity> transport_security_;
+  Bound<Auth, HostAuth> auth_;
+  Bound<EraConfig, HostEraConfig> era_config_;
+  Bound<SyncProgress, HostSyncProgress> sync_progress_;
+  Bound<RuntimeModuleFreshness, HostFreshness> freshness_;
+  Bound<ArtifactRotation, HostArtifactRotation> rotation_;
+};
+
+class HostNeighbours : public Neighbours {
+ public:
+  std::shared_ptr<NeighbourSet> bind() override { return std::make_shared<HostNeighbourSet>(); }
+  std::shared_ptr<SyncBackoff> sync_backoff() override { return backoff_in_force(); }
+};
+
+}  // namespace
+
+Neighbours& host_neighbours() {
+  static Neighbours& neighbours = *new HostNeighbours;
+  return neighbours;
+}
+
+Seams host_seams() {
+  Seams seams = Seams::real();
+  seams.neighbours = &host_neighbours();
+  return seams;
+}
+
+nb::object auth_error_class() {
+  const nb::object module = auth_module().find();
+  return module.is_valid() ? nb::object(module.attr("AuthError")) : nb::borrow(python_class(error_class::AuthError));
+}
+
+}  // namespace brackenfen::sync::python

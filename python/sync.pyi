@@ -1,0 +1,256 @@
+"""Keeps a local data directory in step with a server's distribution of it.
+
+`SyncManager.get_or_create` opens a directory; `SyncManager.sync` brings it up to date. Names with a leading
+underscore exist at run time and are not listed here.
+"""
+
+import os
+from collections.abc import Callable, Mapping
+from contextlib import AbstractContextManager
+from dataclasses import dataclass, field
+from typing import Any, Protocol, final
+
+__version__: str
+"""The version in the user agent."""
+
+CURRENT_PLATFORM: str
+"""The running platform, such as "linux_x86_64"."""
+
+type Path = str | os.PathLike[str]
+type Document = dict[str, Any]
+"""A JSON object: str keys in insertion order; values are dict, list, str, int of any size, float, bool and None."""
+
+class TokenSource(Protocol):
+    """Where bearer tokens come from: any callable without arguments."""
+
+    def __call__(self) -> str:
+        """Return a fresh token. Called once for each request, on the thread that makes it."""
+
+class RuntimeFreshnessGuard(Protocol):
+    """Told of every file that lands in the live directory."""
+
+    def record_sync_update(self, *, relative_path: str, kind: str, sha256: str) -> object:
+        """Called on the thread that landed the file. What it raises ends the operation."""
+
+# ---- errors -------------------------------------------------------------------------------------------------
+
+class SyncError(Exception):
+    """Base class of sync failures."""
+
+class PermanentDownloadError(SyncError):
+    """A file's download failed for good; retrying cannot help."""
+
+    file_path: str | None
+    """Manifest-relative path."""
+    status: int | None
+    """HTTP status, or None where the given one is no number."""
+    def __init__(self, message: str, file_path: str | None = None, status: object = None) -> None: ...
+
+class SyncUnavailableError(SyncError, ConnectionError):
+    """A sync dependency remained unavailable, although its failure can be retried."""
+
+    url: str
+    endpoint: str
+    """The URL's path: neither host nor query."""
+    attempts: int
+    statuses: list[int]
+    """HTTP statuses seen, newest last, at most 20."""
+    failures: list[str]
+    """Class names of network failures seen, newest last, at most 20."""
+    server_error_code: str | None
+    dependency: str | None
+    retryable: bool | None
+    """False where the server said that retrying cannot help; None where it said nothing."""
+    recovery: str | None
+    reason: str | None
+    typed_details: bool
+    """Whether the failure is described by more than a reason."""
+    def __init__(
+        self,
+        url: str | None = None,
+        attempts: int = 0,
+        statuses: list[int] | None = None,
+        failures: list[str] | None = None,
+        server_error_code: str | None = None,
+        dependency: str | None = None,
+        retryable: bool | None = None,
+        recovery: str | None = None,
+        reason: str | None = None,
+        typed_details: bool | None = None,
+    ) -> None: ...
+
+class ManifestSupersededError(SyncError):
+    """A newer manifest generation supersedes active downloads."""
+
+class DiskSpaceError(SyncError):
+    """Insufficient disk space for a sync."""
+
+class IntegrityError(SyncError):
+    """File checksum verification failed after retries."""
+
+class EraError(SyncError):
+    """Era-related failure."""
+
+class ManifestError(SyncError):
+    """Manifest parsing or validation failed."""
+
+class StateError(Exception):
+    """Operation invalid for the current state. Deliberately no SyncError."""
+
+class FeatureRotationStateError(StateError):
+    """Persisted feature-rotation state is invalid."""
+
+class AuthError(Exception):
+    """Authentication failed. The class of the module `brackenfen.auth` where the host has one."""
+
+class SyncBackoffCancelled(Exception):
+    """A wait was ended by its stop callback. The class of `brackenfen.sync_backoff` where the host has one."""
+
+# ---- results ------------------------------------------------------------------------------------------------
+
+@dataclass
+class SyncResult:
+    """What a sync came to. Every field has a default."""
+
+    features_downloaded: int = 0
+    """Files of kind "feature" that landed."""
+    useful_signals_downloaded: int = 0
+    """Useful-signal groups touched by the download set."""
+    bytes_downloaded: int = 0
+    """Bytes of the files that landed, whole files, resumed bytes included."""
+    era_number: int = 0
+    t_signal_is: int = 0
+    t_strategy_is: int = 0
+    n_instruments: int = 0
+    n_features: int = 0
+    """Files of kind "feature" in the manifest."""
+    n_useful_signals: int = 0
+    n_found_strategies: int = 0
+    pnl_column_count: int = 0
+    vocabulary_downloaded: bool = False
+    shuffle_seed_downloaded: bool = False
+    active_relative_paths: tuple[str, ...] = ()
+    skipped_relative_paths: tuple[str, ...] = ()
+    mandatory_relative_paths: tuple[str, ...] = ()
+    found_pnl_paths_downloaded: tuple[str, ...] = ()
+    """Local paths."""
+    rotation_seed: int | None = None
+    feature_budget_bytes: int | None = None
+
+@dataclass
+class VerifyResult:
+    """What an audit of the local files found, by relative path."""
+
+    valid: bool = True
+    corrupted_files: list[str] = field(default_factory=list)
+    missing_files: list[str] = field(default_factory=list)
+
+# ---- manifest -----------------------------------------------------------------------------------------------
+
+@final
+class Manifest:
+    """What one data directory must hold for one era at one generation.
+
+    The document is sanitised on the way in. No field is converted or checked, so a malformed value stays as it
+    came. Documents come as plain dicts, made anew at each access: keep one in a variable to read it often.
+    """
+
+    def __init__(self, data: Mapping[str, Any]) -> None:
+        """Raises AttributeError where `data` is no mapping."""
+
+    @staticmethod
+    def from_dict(data: Mapping[str, Any]) -> Manifest:
+        """The same as Manifest(data)."""
+
+    def to_dict(self) -> Document:
+        """The whole sanitised document."""
+
+    @property
+    def files(self) -> Document:
+        """Relative path to file entry."""
+
+    @property
+    def era_number(self) -> int: ...
+    @property
+    def version(self) -> int:
+        """The generation."""
+
+    @property
+    def base_url(self) -> str | None:
+        """Where the data files lie; None for the server's own /data/files."""
+
+    @property
+    def pnl_column_count(self) -> int: ...
+    @property
+    def signals_index(self) -> str | None: ...
+    @property
+    def functions(self) -> str | None: ...
+
+    found_signals: Document
+    """Entity id to membership entry. Empty until a signals index is applied, as are the two below."""
+    found_strategies: Document
+    useful_signals: Document
+
+# ---- manager ------------------------------------------------------------------------------------------------
+
+class SyncManager:
+    """The one object through which a process reaches one data directory. Any thread may call it."""
+
+    runtime_freshness_guard: RuntimeFreshnessGuard | None
+
+    def __init__(
+        self,
+        data_dir: Path,
+        server_url: str,
+        get_token: TokenSource | Callable[[], str] | None = None,
+        poll_interval_s: float = 5.0,
+        runtime_freshness_guard: RuntimeFreshnessGuard | None = None,
+        token: str | None = None,
+    ) -> None:
+        """Open a directory without entering it in the process's registry; see get_or_create.
+
+        token: a fixed bearer token in place of get_token.
+        """
+
+    @staticmethod
+    def get_or_create(
+        data_dir: Path,
+        server_url: str,
+        get_token: TokenSource | Callable[[], str],
+        poll_interval_s: float = 5.0,
+        runtime_freshness_guard: RuntimeFreshnessGuard | None = None,
+    ) -> SyncManager:
+        """The process's one manager for a directory; built on first use from the files there, without a request.
+
+        poll_interval_s is in seconds. An existing manager takes over the new get_token, and the new guard where
+        there is one. The registry keeps no manager alive.
+
+        Raises TypeError for a token source that cannot be called, ValueError for an empty or unacceptable
+        server_url or one that differs from the existing manager's, FileNotFoundError for a missing directory.
+        """
+
+    def sync(self) -> SyncResult:
+        """Bring the directory up to the server's current manifest: compare, download, verify, commit.
+
+        Blocks through a server outage for as long as it lasts; Ctrl-C and a `stop_requested` of the back-off
+        context end the wait. Raises AuthError, SyncError and its subclasses, OSError of the local files, and
+        whatever the token source or the guard raises.
+        """
+
+    def get_manifest(self) -> Manifest | None:
+        """The manifest of the last commit, or None before the first."""
+
+    def status(self) -> str | None:
+        """Human-readable status, or None."""
+
+# ---- back-off -----------------------------------------------------------------------------------------------
+
+def backoff_context(**fields: object) -> AbstractContextManager[object]:
+    """Make `fields` the running thread's back-off context for a `with` block.
+
+    data_dir: the directory whose sync-progress.json shows a wait. surface: the name of the waiting operation.
+    stop_requested: a callable; true ends the wait with SyncBackoffCancelled. Other fields are carried along.
+    """
+
+def current_context() -> dict[str, Any]:
+    """A copy of the running thread's back-off context."""

@@ -1,0 +1,169 @@
+"""The classes of errors, and errors on their way through the core."""
+
+import copy
+import json
+import pickle
+from typing import Any
+
+import brackenfen.sync as sync
+import pytest
+
+TREE: dict[str, tuple[type, ...]] = {
+    "SyncError": (Exception,),
+    "PermanentDownloadError": (sync.SyncError,),
+    "SyncUnavailableError": (sync.SyncError, ConnectionError),
+    "ManifestSupersededError": (sync.SyncError,),
+    "DiskSpaceError": (sync.SyncError,),
+    "IntegrityError": (sync.SyncError,),
+    "EraError": (sync.SyncError,),
+    "ManifestError": (sync.SyncError,),
+    "StateError": (Exception,),
+    "FeatureRotationStateError": (sync.StateError,),
+    "AuthError": (Exception,),
+    "SyncBackoffCancelled": (Exception,),
+}
+
+
+@pytest.mark.parametrize(("name", "bases"), TREE.items())
+def test_tree(name: str, bases: tuple[type, ...]) -> None:
+    made = getattr(sync, name)
+    assert (made.__bases__, made.__module__, made.__qualname__) == (bases, "brackenfen.sync", name)
+
+
+UNAVAILABLE: list[tuple[dict[str, Any], str, dict[str, Any]]] = [
+    ({}, "BrackenFen data sync unavailable after 0 attempt(s). endpoint=<unknown> url=", {"url": "", "statuses": [], "typed_details": False}),
+    (
+        {"url": "https://h/a?b", "attempts": "3", "statuses": (503, 502), "failures": ["TimeoutError"], "retryable": False},
+        "BrackenFen data sync unavailable after 3 attempt(s). endpoint=/a url=https://h/a?b statuses=[503, 502] failures=['TimeoutError'] retryable=False",
+        {"endpoint": "/a", "attempts": 3, "statuses": [503, 502], "retryable": False, "typed_details": True},
+    ),
+    (
+        {"server_error_code": "X", "reason": "r", "typed_details": 1},
+        "BrackenFen data sync unavailable after 0 attempt(s). endpoint=<unknown> url= server_error=X reason=r",
+        {"server_error_code": "X", "dependency": None, "retryable": None, "typed_details": True},
+    ),
+    ({"server_error_code": "X"}, "BrackenFen data sync unavailable after 0 attempt(s). endpoint=<unknown> url= server_error=X", {"typed_details": False}),
+]
+
+
+@pytest.mark.parametrize(("arguments", "text", "fields"), UNAVAILABLE)
+def test_unavailable(arguments: dict[str, Any], text: str, fields: dict[str, Any]) -> None:
+    error = sync.SyncUnavailableError(**arguments)
+    assert str(error) == text == error._build_message()
+    assert {name: getattr(error, name) for name in fields} == fields
+
+
+@pytest.mark.parametrize(("status", "kept"), [("503", 503), (404.9, 404), ("abc", None), (None, None), ([], None)])
+def test_permanent_keeps_a_status_that_converts(status: Any, kept: int | None) -> None:
+    error = sync.PermanentDownloadError("gone", "a/b", status)
+    assert (str(error), error.file_path, error.status) == ("gone", "a/b", kept)
+
+
+class Child(sync.SyncUnavailableError):
+    pass
+
+
+@pytest.mark.parametrize(
+    "error",
+    [
+        sync.EraError("text"),
+        sync.PermanentDownloadError("text", file_path="a", status=410),
+        sync.SyncUnavailableError(url="http://h/", statuses=[503], recovery="later"),
+        Child(url="http://h/", attempts=2),
+        sync.AuthError("no"),
+    ],
+)
+def test_pickle_and_copy(error: Exception) -> None:
+    for other in (pickle.loads(pickle.dumps(error)), copy.copy(error)):
+        assert type(other) is type(error) and str(other) == str(error) and other.__dict__ == error.__dict__
+
+
+def raising(error: BaseException) -> Any:
+    def call(*_: object, **__: object) -> None:
+        raise error
+
+    return call
+
+
+class HostTimeout(TimeoutError):
+    pass
+
+
+class BadText(Exception):
+    def __str__(self) -> str:
+        raise RuntimeError("no text")
+
+
+@pytest.mark.parametrize(
+    "error",
+    [
+        ValueError("v"), HostTimeout("t"), ConnectionResetError(104, "reset"), sync.EraError("e"), sync.StateError("s"), BadText(),
+        sync.SyncUnavailableError(url="u", retryable=False), KeyboardInterrupt(), SystemExit(3), GeneratorExit(), BaseException("b"),
+    ],
+    ids=lambda error: type(error).__name__,
+)  # fmt: skip
+def test_an_exception_of_the_host_comes_out_as_the_same_object(manager: sync.SyncManager, error: BaseException) -> None:
+    manager._get_token = raising(error)
+    with pytest.raises(type(error)) as caught:
+        manager._http_get("http://127.0.0.1:1/x")
+    assert caught.value is error
+
+
+def test_the_core_sees_the_family_of_a_host_exception(manager: sync.SyncManager, neighbour: Any, records: pytest.LogCaptureFixture) -> None:
+    """A refusal by the host's rule is a ManifestError only where it is a ValueError."""
+
+    class Refused(UnicodeError):
+        pass
+
+    neighbour("_transport_security", validate_bearer_transport_url=raising(Refused("not that one")))
+    with pytest.raises(sync.ManifestError, match="^not that one$"):
+        sync._manifest_file_url("http://h", "a")
+    broken = LookupError("broken rule")
+    neighbour("_transport_security", validate_bearer_transport_url=raising(broken))
+    with pytest.raises(LookupError) as caught:
+        sync._manifest_file_url("http://h", "a")
+    assert caught.value is broken
+
+    lost = sync.PermanentDownloadError("x", file_path="found_signals/p/e/signal_is/pnl.arrow", status=404)
+    plan = {lost.file_path: {"kind": "found_signal_is_pnl"}}
+    assert sync._missing_found_pnl_download_path(lost, plan) == lost.file_path
+    assert sync._missing_found_pnl_download_path(ValueError(404), plan) is None
+
+
+@pytest.mark.parametrize(
+    ("call", "kind", "text"),
+    [
+        (lambda: sync._raise_download_http_status("a", 401), "AuthError", "Authentication failed while downloading a: HTTP 401"),
+        (lambda: sync._raise_download_http_status("a", 503), "SyncError", "Download failed for a: HTTP 503"),
+        (lambda: sync._raise_download_http_status("a", "abc"), "PermanentDownloadError", "Download failed for a: HTTP abc"),
+        (lambda: sync._safe_manifest_relative_path("a\0b"), "ManifestError", "Manifest file path contains NUL byte: 'a\\x00b'"),
+        (lambda: sync._sha256_file("/nonexistent/file"), "FileNotFoundError", "[Errno 2] No such file or directory: '/nonexistent/file'"),
+        (lambda: sync._validate_named_universe(".."), "SyncError", "named_universe must be a single safe path segment: '..'"),
+        (lambda: sync._http_get("http://127.0.0.1/a b", "t"), "ValueError", None),
+        (lambda: sync._sha256_file("a\0b"), "ValueError", None),
+        (lambda: sync._sanitize_manifest_data_for_sync([]), "AttributeError", None),
+    ],
+)
+def test_errors_of_the_core(call: Any, kind: str, text: str | None) -> None:
+    with pytest.raises(Exception) as caught:
+        call()
+    assert type(caught.value).__name__ == kind and text in (None, str(caught.value))
+
+
+def test_an_error_of_the_system_carries_its_number(tmp_path: Any) -> None:
+    with pytest.raises(IsADirectoryError) as caught:
+        sync._sha256_file(tmp_path)
+    assert caught.value.errno == 21 and caught.value.filename == str(tmp_path)
+
+
+def test_a_json_error_is_the_hosts_own(manager: sync.SyncManager, server: Any) -> None:
+    server.answers["/data/manifest"] = (200, b"{nope")
+    with pytest.raises(sync.ManifestError) as caught:
+        manager.sync()
+    with pytest.raises(json.JSONDecodeError) as expected:
+        json.loads("{nope")
+    assert str(caught.value) == f"Invalid manifest JSON: {expected.value}"
+    server.answers["/data/manifest"] = (200, b'{"a": "\xff"}')
+    with pytest.raises(UnicodeDecodeError) as undecodable:
+        manager.sync()
+    assert undecodable.value.start == 7 and undecodable.value.object == b'{"a": "\xff"}'

@@ -1,0 +1,231 @@
+"""Signals, exit, fork and memory: each in an interpreter of its own, which must end quietly."""
+
+import gc
+import pathlib
+import signal
+import sys
+import time
+import weakref
+from typing import Any
+
+import brackenfen.sync as sync
+import pytest
+
+REPEATS = 5
+
+# Programs start with this: a manager of the directory and server given, and ways to block in the library.
+PROLOGUE = """
+import os, signal, sys, threading, time
+import brackenfen.sync as sync
+directory, url = sys.argv[1:3]
+manager = sync.SyncManager.get_or_create(directory, url, lambda: "t")
+def download(): manager._download_file("stalled", {"size_bytes": 1000}, sync.SyncResult())
+def batch(): manager._download_files_parallel({str(n): {"size_bytes": 1000} for n in range(4)}, sync.SyncResult())
+def fetch(): manager.sync()
+def outage():
+    with sync.backoff_context(surface="s"): sync._sleep_for_sync_backoff(60)
+def lock(): sync.SyncManager(directory, url, str)._acquire_flock()
+def say(text): print(text, flush=True)
+"""
+
+
+@pytest.fixture
+def stalled(server: Any) -> Any:
+    """A server that never sends a body."""
+    for name in ("stalled", "0", "1", "2", "3"):
+        server.answers["/data/files/" + name] = server.stall
+    server.answers["/data/manifest"] = server.stall
+    return server
+
+
+BLOCKED = ["download", "batch", "fetch", "outage", "lock"]
+
+
+@pytest.mark.parametrize("where", BLOCKED)
+def test_ctrl_c_ends_a_blocked_call(program: Any, stalled: Any, tmp_path: pathlib.Path, where: str) -> None:
+    source = PROLOGUE + f"""
+import fcntl
+holder = open(directory + "/.sync_flock", "ab")
+if "{where}" == "lock": fcntl.flock(holder, fcntl.LOCK_EX)
+say("ready")
+try: {where}()
+except KeyboardInterrupt: say("%.3f" % time.time())
+if "{where}" == "fetch": assert not os.path.exists(directory + "/.sync_flock")
+fcntl.flock(holder, fcntl.LOCK_UN)
+manager._acquire_flock(); manager._release_flock()
+"""
+    running = program(source, str(tmp_path), stalled.url)
+    running.wait_for("ready")
+    time.sleep(0.4)
+    running.process.send_signal(signal.SIGINT)
+    sent = time.time()
+    code, out, err, _ = running.finish()
+    assert (code, err) == (0, "")
+    assert float(out) - sent < 0.2
+
+
+def test_a_signal_handlers_own_exception_comes_out(program: Any, stalled: Any, tmp_path: pathlib.Path) -> None:
+    source = PROLOGUE + """
+class Late(Exception): pass
+late = Late()
+def handler(*_): raise late
+signal.signal(signal.SIGALRM, handler)
+signal.setitimer(signal.ITIMER_REAL, 0.2)
+try: download()
+except Late as error: assert error is late and error.__traceback__ is not None
+else: raise SystemExit("not raised")
+"""
+    code, _, err, _ = program(source, str(tmp_path), stalled.url).finish()
+    assert (code, err) == (0, "")
+
+
+@pytest.mark.parametrize("daemon", [True, False], ids=["daemon", "joined"])
+@pytest.mark.parametrize("where", BLOCKED)
+def test_exit_with_blocked_threads(program: Any, stalled: Any, tmp_path: pathlib.Path, where: str, daemon: bool) -> None:
+    source = PROLOGUE + f"""
+import atexit
+if "{where}" == "lock": manager._acquire_flock()
+def seen():
+    try: {where}()
+    except SystemExit: raise
+    except BaseException as error: print("saw", repr(error), file=sys.stderr)
+for _ in range(3): threading.Thread(target=seen, daemon={daemon}).start()
+def busy():
+    while True: manager.status(); sync._sha256(b"x" * 100000); sync.Manifest({{"files": {{"a": {{}}}}}})
+for _ in range(2): threading.Thread(target=busy, daemon=True).start()
+time.sleep(0.3)
+def late():
+    assert manager.status() is None and sync._sha256(b"") and manager.get_manifest() is None
+atexit.register(late)
+say("leaving")
+sys.exit(7)
+"""
+    for _ in range(REPEATS):
+        running = program(source, str(tmp_path), stalled.url)
+        running.wait_for("leaving")
+        code, _, err, seconds = running.finish()
+        assert (code, err) == (7, "") and seconds < 2
+
+
+def test_exit_while_a_callback_of_a_worker_is_running(program: Any, stalled: Any, tmp_path: pathlib.Path) -> None:
+    source = PROLOGUE + """
+manager._get_token = lambda: time.sleep(0.05) or "t"
+threading.Thread(target=lambda: [batch() for _ in range(100)], daemon=True).start()
+time.sleep(0.1)
+say("leaving")
+"""
+    for _ in range(REPEATS):
+        running = program(source, str(tmp_path), stalled.url)
+        running.wait_for("leaving")
+        code, _, err, seconds = running.finish()
+        assert (code, err) == (0, "") and seconds < 2
+
+
+def test_a_forked_child_builds_its_own_manager(program: Any, stalled: Any, tmp_path: pathlib.Path) -> None:
+    source = PROLOGUE + """
+import fcntl, warnings
+warnings.simplefilter("ignore", DeprecationWarning)  # of fork in a threaded process
+manager._acquire_flock()
+threading.Thread(target=outage, daemon=True).start()
+time.sleep(0.1)
+def free():
+    with open(directory + "/.sync_flock", "ab") as other:
+        try: fcntl.flock(other, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except BlockingIOError: return False
+        return True
+child = os.fork()
+if child == 0:
+    try:
+        try: manager.sync()
+        except sync.StateError as error: assert "fork" in str(error)
+        else: raise AssertionError("the parent's manager worked")
+        own = sync.SyncManager.get_or_create(directory, url, str)
+        assert own is not manager and not free()
+        sync._sleep_for_sync_backoff(0.01)
+        del manager
+        import gc; gc.collect()
+        assert not free()
+        signal.setitimer(signal.ITIMER_REAL, 0.2)
+        signal.signal(signal.SIGALRM, signal.default_int_handler)
+        try: outage()
+        except KeyboardInterrupt: os._exit(0)
+    except BaseException as error: print(repr(error), file=sys.stderr, flush=True)
+    os._exit(1)
+assert os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) == 0
+assert not free()
+manager._release_flock()
+assert free()
+"""
+    for _ in range(REPEATS):
+        code, _, err, seconds = program(source, str(tmp_path), stalled.url).finish()
+        assert (code, err) == (0, "") and seconds < 5
+
+
+class Holder:
+    """Refers back to the manager that refers to it."""
+
+    manager: sync.SyncManager
+
+    def __call__(self) -> str:
+        return "t"
+
+    def record_sync_update(self, **_: str) -> None: ...
+
+
+@pytest.mark.parametrize("field", ["_get_token", "runtime_freshness_guard", "_active_rotation_state"])
+def test_a_dropped_manager_is_freed_with_its_callbacks(tmp_path: pathlib.Path, field: str) -> None:
+    holder = Holder()
+    holder.manager = sync.SyncManager.get_or_create(tmp_path, "http://127.0.0.1:1", str)
+    setattr(holder.manager, field, holder)
+    gone = weakref.ref(holder.manager), weakref.ref(holder)
+    gc.collect()
+    assert getattr(holder.manager, field) is holder  # what is still in use stays
+    del holder
+    gc.collect()
+    assert [reference() for reference in gone] == [None, None]
+    assert str(tmp_path) not in sync.SyncManager._instances
+
+
+def test_manager_and_manifest_go_with_their_last_reference(tmp_path: pathlib.Path) -> None:
+    manager = sync.SyncManager(tmp_path, "http://127.0.0.1:1", token="t")
+    manager._manifest = record = sync.Manifest({"files": {"a": {}}})
+    kept, gone = weakref.ref(record), weakref.ref(manager)
+    del record
+    assert kept() is None and manager._manifest.files == {"a": {}}
+    del manager
+    assert gone() is None
+
+
+def resident_kb() -> int:
+    status = pathlib.Path("/proc/self/status").read_text()
+    return int(status.split("VmRSS:")[1].split()[0])
+
+
+@pytest.mark.skipif(not sys.platform.startswith("linux"), reason="reads /proc")
+def test_nothing_leaks(tmp_path: pathlib.Path, manager: sync.SyncManager, server: Any) -> None:
+    data = {"files": {f"f{number}": {"kind": "feature", "x.pxd": 10**30} for number in range(50)}, "z.pxd": {}}
+    error = sync.SyncUnavailableError(url="u" * 1000)
+
+    def round_() -> None:
+        sync._sanitize_manifest_data_for_sync(data)
+        sync.Manifest(data).to_dict()
+        manager._manifest = sync.Manifest(data)
+        sync.SyncManager(tmp_path, "http://127.0.0.1:1", lambda: "t")
+        manager._get_token = lambda: (_ for _ in ()).throw(error)
+        for call in (lambda: manager._http_get("http://127.0.0.1:1"), lambda: sync._safe_manifest_relative_path("/")):
+            try:
+                call()
+            except sync.SyncError as raised:
+                raised.__traceback__ = None
+        with sync.backoff_context(surface="s", data=data):
+            sync.current_context()
+
+    for _ in range(200):
+        round_()
+    gc.collect()
+    objects, memory = len(gc.get_objects()), resident_kb()
+    for _ in range(1000):
+        round_()
+    gc.collect()
+    assert len(gc.get_objects()) - objects < 50
+    assert resident_kb() - memory < 4000

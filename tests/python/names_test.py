@@ -1,0 +1,152 @@
+"""What is reachable, under which names, with which arguments."""
+
+import ast
+import inspect
+import pathlib
+import subprocess
+import sys
+from typing import Any
+
+import brackenfen.sync as sync
+import pytest
+
+CONSTANTS: dict[str, Any] = {
+    "__version__": "0.0.3",
+    "_SYNC_USER_AGENT": "brackenfen-sync/0.0.3",
+    "_TRANSIENT_HTTP_STATUSES": (408, 425, 429, 500, 502, 503, 504),
+    "_SYNC_HTTP_TIMEOUT_SECONDS": 30.0,
+    "_SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS": 5.0,
+    "_SYNC_HTTP_CHUNK_BYTES": 8388608,
+    "_SYNC_HTTP_RESPONSE_READ_BYTES": 65536,
+    "_SYNC_MAX_CONCURRENCY": 8,
+    "_SYNC_MAX_UNCHANGED_CHECKSUM_REPAIRS": 3,
+    "_SYNC_PARALLEL_TIMEOUT_SECONDS": 300.0,
+    "_SYNC_MANIFEST_POLL_INTERVAL_SECONDS": 5.0,
+    "_SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT": 3,
+    "_SYNC_HASH_CACHE_FILENAME": ".sync_hash_cache.json",
+    "_SYNC_HASH_CACHE_VERSION": 1,
+    "_SYNC_HASH_FILE_CHUNK_BYTES": 8388608,
+    "_SYNC_PROGRESS_FILENAME": "sync-progress.json",
+    "_SIGNALS_INDEX_RELATIVE_PATH": "signals_index.json",
+    "_SIGNALS_INDEX_SECTIONS": ("found_signals", "found_strategies", "useful_signals"),
+    "_FOUND_PNL_FILE_KINDS": ("found_signal_is_pnl", "found_strategy_is_epoch_pnl"),
+    "_RETIRED_UNSUPPORTED_RUNTIME_MODULE_NAMES": {"backtester", "risk_model"},
+    "_RUNTIME_MODULE_EXTENSION_SUFFIXES": (".so", ".pyd"),
+    "CURRENT_PLATFORM": sync._detect_platform(),
+}
+
+
+@pytest.mark.parametrize(("name", "value"), CONSTANTS.items())
+def test_constants(name: str, value: Any) -> None:
+    found = getattr(sync, name)
+    assert found == value and isinstance(found, (type(value), frozenset))
+
+
+# Each call gives every argument by name; a name that is wrong is a TypeError.
+CALLS: list[tuple[str, dict[str, Any], Any]] = [
+    ("_is_agent_bundle_declaration_file", {"file_path": "a.pxd", "file_info": None}, True),
+    ("_is_unsupported_runtime_module_file", {"_file_path": "", "file_info": {"kind": "risk_module"}}, True),
+    ("_retired_unsupported_runtime_module_name_from_path", {"file_path": f"x/backtester-{sync.CURRENT_PLATFORM}.pyd"}, "backtester"),
+    ("_is_retired_unsupported_runtime_module_path", {"file_path": "backtester.pyd"}, False),
+    ("_is_retired_found_pnl_long_file", {"file_path": "/found_signals/a/b/c/pnl.long.arrow/"}, True),
+    ("_rotation_file_is_platform_excluded", {"file_info": {"kind": "vault_module", "platform": "mars_z80"}}, True),
+    ("_manifest_file_is_sync_excluded", {"file_info": {"kind": "feature"}}, False),
+    ("_safe_manifest_relative_path", {"file_path": " a\\b/./c "}, "a/b/c"),
+    ("_feature_epoch_for_expression_type", {"expression_type": "My_STRATEGY"}, "strategy_is"),
+    ("_feature_artifact_family_prefix", {"feature_name": "a__b__c__d"}, "a__b__"),
+    ("_manifest_file_url", {"server_url": "http://localhost/", "file_path": "a", "base_url": None}, "http://localhost/data/files/a"),
+    ("_manifest_base_url_uses_public_download", {"server_url": "http://localhost", "base_url": "http://localhost:1/data/files"}, True),
+    ("_agent_signal_group_key", {"file_path": "useful_signals/p/e/signal_os/f", "prefix": "useful_signals/"}, "useful_signals/p/e"),
+    ("_validate_named_universe", {"named_universe": 5}, "5"),
+    ("_vocabulary_named_universe_from_path", {"file_path": "named_universes/u/vocabulary.json"}, "u"),
+    ("_found_pnl_section_for_path", {"file_path": "useful_signals/x/signal_os/pnl.arrow"}, "useful_signals"),
+    ("_is_manifest_found_pnl_file", {"file_path": "found_signals/x/signal_is/pnl.arrow", "file_info": {"kind": "found_signal_is_pnl"}}, True),
+    ("_drop_found_pnl_paths_from_membership", {"section_data": {"e": {"files": ["a"]}}, "missing_paths": {"a"}}, {}),
+    ("_sync_parallel_timeout_seconds", {"file_count": 3, "max_workers": 2}, None),
+    ("_sync_parallel_timeout_description", {"timeout_seconds": 300}, "300.0s"),
+    ("_is_manifest_version_url", {"url": "http://h/data/manifest/version//"}, True),
+    ("_parse_sync_error_body", {"body": b'{"a": 1}'}, {"a": 1}),
+    ("_should_retry_http_status", {"status": "503"}, True),
+    ("_should_retry_http_status", {"status": object()}, False),
+    ("_sha256", {"data": b""}, "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"),
+    ("_sync_backoff_surface", {"default_surface": "d"}, "d"),
+    ("_sync_backoff_stop_requested", {}, False),
+    ("_current_sync_backoff_context", {}, {}),
+    ("_sync_endpoint_from_url", {"url": "https://h/p?q"}, "/p"),
+    ("_sync_event_file_from_url", {"url": "http://h/data/files/a/b.arrow"}, "a/b.arrow"),
+]
+
+
+@pytest.mark.parametrize(("name", "arguments", "result"), CALLS, ids=[name for name, _, _ in CALLS])
+def test_arguments_by_name_and_by_position(name: str, arguments: dict[str, Any], result: Any) -> None:
+    function = getattr(sync, name)
+    for got in (function(**arguments), function(*arguments.values())):
+        assert got == result and type(got) is type(result)
+
+
+@pytest.mark.parametrize("name", ["_manifest_feature_relative_path", "_manifest_feature_prefetch_relative_paths"])
+def test_named_arguments_are_keyword_only(name: str) -> None:
+    function = getattr(sync, name)
+    manifest = sync.Manifest({"files": {"features/u/strategy_is/a__b__c__d.arrow": {}, "features/u/strategy_is/a__b__x__y.arrow": {}}})
+    got = function(manifest, feature_name="a__b__c__d", expression_type=type("Member", (), {"value": "STRATEGY"}), named_universe="u")
+    assert got in ("features/u/strategy_is/a__b__c__d.arrow", ("features/u/strategy_is/a__b__c__d.arrow", "features/u/strategy_is/a__b__x__y.arrow"))
+    with pytest.raises(TypeError):
+        function(manifest, "a__b__c__d")
+
+
+def test_settings_are_read_at_each_call(monkeypatch: pytest.MonkeyPatch, records: pytest.LogCaptureFixture) -> None:
+    monkeypatch.setenv("BRACKENFEN_SYNC_HTTP_TIMEOUT", "12")
+    monkeypatch.setenv("BRACKENFEN_SYNC_MAX_CONCURRENCY", "-3")
+    assert (sync._sync_http_timeout_seconds(), sync._sync_max_concurrency(), sync._sync_http_chunk_bytes()) == (12.0, 1, 8388608)
+    assert records.records == []
+    monkeypatch.setenv("BRACKENFEN_SYNC_HTTP_CHUNK_BYTES", "1.5")
+    assert sync._sync_http_chunk_bytes() == 8388608
+    [record] = records.records
+    assert (record.msg, record.args) == ("Invalid BRACKENFEN_SYNC_HTTP_CHUNK_BYTES=%r; using %d", ("1.5", 8388608))
+
+
+def test_the_stub_tells_the_truth() -> None:
+    """Every public name of the stub exists, and every public name that exists is in the stub."""
+    stub = pathlib.Path(sync.__file__).with_name("sync.pyi")
+    tree = ast.parse(stub.read_text())
+    protocols = {"TokenSource", "RuntimeFreshnessGuard"}
+    listed = {node.name: node for node in tree.body if isinstance(node, (ast.ClassDef, ast.FunctionDef))}
+    assigned = {node.target.id for node in tree.body if isinstance(node, ast.AnnAssign) and isinstance(node.target, ast.Name)}
+    missing = [name for name in (listed.keys() | assigned) - protocols if not hasattr(sync, name)]
+    public = {name for name in vars(sync) if not name.startswith("_")}
+    assert missing == [] and public - listed.keys() - assigned == set()
+    for name in ("SyncManager", "Manifest"):
+        node = listed[name]
+        assert isinstance(node, ast.ClassDef)
+        members = {item.name for item in node.body if isinstance(item, ast.FunctionDef)}
+        members |= {item.target.id for item in node.body if isinstance(item, ast.AnnAssign) and isinstance(item.target, ast.Name)}
+        bound = {name for name in vars(getattr(sync, name)) if not name.startswith("_")}
+        assert bound == members - {"__init__"}
+    assert all(inspect.getdoc(getattr(sync, name)) for name in public if callable(getattr(sync, name)))
+
+
+def test_both_import_names_give_the_same_objects() -> None:
+    source = """
+import os, sys
+import brackenfen.sync as first
+sys.path.insert(0, os.path.dirname(first.__file__))
+import sync as second
+assert second.__name__ == "sync" and second.__version__ == "0.0.3"
+for name in vars(first):
+    assert name.startswith("__") or getattr(second, name) is getattr(first, name), name
+assert second.AuthError is first.AuthError and second.SyncManager.__module__ == "brackenfen.sync"
+assert not [name for name in sys.modules if name.startswith("brackenfen.") and name != "brackenfen.sync"]
+"""
+    done = subprocess.run([sys.executable, "-c", source], capture_output=True, text=True, timeout=60)
+    assert (done.returncode, done.stderr) == (0, "")
+
+
+def test_subinterpreters_are_refused() -> None:
+    interpreters = pytest.importorskip("_xxsubinterpreters", reason="this interpreter has another module for them")
+    made = interpreters.create(isolated=False)
+    try:
+        with pytest.raises(interpreters.RunFailedError, match="subinterpreters"):
+            interpreters.run_string(made, "import sys; sys.path[:] = %r; import brackenfen.sync" % sys.path)
+    finally:
+        interpreters.destroy(made)
+    assert sync.Manifest({"a": 1}).to_dict() == {"a": 1}  # and this one goes on as before

@@ -1,0 +1,196 @@
+"""The host's modules in the place of the built-in ones, back-off contexts, and the log."""
+
+import enum
+import logging
+import sys
+import threading
+import types
+from collections.abc import Callable, Iterator
+from contextlib import contextmanager
+from typing import Any
+
+import brackenfen.sync as sync
+import pytest
+
+Install = Callable[..., types.ModuleType]
+
+
+def test_era_config_and_rules_of_the_host(neighbour: Install) -> None:
+    names = enum.Enum("EpochName", {"SIGNAL_IS": "sig", "STRATEGY_IS": "strat", "SIGNAL_OS": "out"})
+    assert sync._feature_epoch_for_expression_type("SIGNAL") == "signal_is"
+    neighbour("era_config", EpochName=names)
+    assert sync._feature_epoch_for_expression_type("STRATEGY") == "strat"
+    assert sync._agent_signal_group_key("useful_signals/a/b/out/f", "useful_signals/") == "useful_signals/a/b"
+
+    seen: list[Any] = []
+    neighbour("_artifact_rotation", manifest_file_kind=lambda info: seen.append(info) or "odd_module",
+              vocabulary_named_universe_from_path=lambda path: path.partition("/")[0] or None)  # fmt: skip
+    neighbour("runtime_module_freshness", RUNTIME_MODULE_KIND_SUFFIX="_module", is_runtime_module_kind=lambda kind: kind != "odd_module")
+    assert sync._drop_unsupported_runtime_module_files({"files": {"a": {"kind": "feature"}}}) == {"files": {}}
+    assert seen == [{"kind": "feature"}]
+    assert sync._vocabulary_named_universe_from_path("u/x") == "u"
+
+
+def test_sizes_of_the_host(neighbour: Install, tmp_path: Any) -> None:
+    neighbour("_sync_progress", manifest_file_size=lambda info: (info["n"] is not None, info["n"] or 0))
+    sync._write_sync_progress_json(tmp_path, object(), {"a": {"n": 10**20}, "b": {"n": None}, "c": 1})
+    text = (tmp_path / "sync-progress.json").read_text()
+    assert '"total_bytes": 100000000000000000000, "total_bytes_known": false, "unknown_size_files": ["b"]' in text
+
+
+def test_errors_of_the_hosts_auth(neighbour: Install, manager: sync.SyncManager, server: Any) -> None:
+    class AuthError(Exception):
+        pass
+
+    builtin = sync.AuthError
+    neighbour("auth", AuthError=AuthError)
+    assert sync.AuthError is AuthError is not builtin
+    server.answers["/data/manifest/version"] = (401, b"")
+    with pytest.raises(AuthError, match="^Authentication failed: HTTP 401$"):
+        manager.sync()
+    assert server.paths() == ["/data/manifest/version"]  # it is no failure of the hint that the pass gets over
+
+
+def test_which_failures_of_an_import_count_as_absent(monkeypatch: pytest.MonkeyPatch, neighbour: Install) -> None:
+    class Finder:
+        def __init__(self, error: Exception) -> None:
+            self.error, self.asked = error, 0
+
+        def find_spec(self, name: str, *_: object) -> None:
+            if name == "brackenfen.era_config":
+                self.asked += 1
+                raise self.error
+
+    def ask(error: Exception) -> Finder:
+        finder = Finder(error)
+        monkeypatch.setattr(sys, "meta_path", [finder, *sys.meta_path])
+        return finder
+
+    neighbour("era_config", EpochName=enum.Enum("EpochName", {"SIGNAL_IS": "a", "STRATEGY_IS": "b", "SIGNAL_OS": "c"}))
+    assert sync._feature_epoch_for_expression_type("x") == "a"  # forgets an earlier absence
+    monkeypatch.setitem(sys.modules, "brackenfen.era_config", None)
+    assert sync._feature_epoch_for_expression_type("x") == "signal_is"
+    neighbour("era_config", EpochName=enum.Enum("EpochName", {"SIGNAL_IS": "a", "STRATEGY_IS": "b", "SIGNAL_OS": "c"}))
+    assert sync._feature_epoch_for_expression_type("x") == "a"
+    monkeypatch.delitem(sys.modules, "brackenfen.era_config")
+    for error in (ImportError("broken"), ModuleNotFoundError("No module named 'numpy'", name="numpy"), RuntimeError("at import")):
+        ask(error)
+        with pytest.raises(type(error)) as caught:
+            sync._feature_epoch_for_expression_type("x")
+        assert caught.value is error
+    absent = ask(ModuleNotFoundError("gone", name="brackenfen.era_config"))
+    assert {sync._feature_epoch_for_expression_type("x") for _ in range(3)} == {"signal_is"}
+    assert absent.asked == 1
+
+
+def test_a_neighbour_is_looked_up_once_per_operation(neighbour: Install) -> None:
+    looked: list[str] = []
+    module = neighbour("runtime_module_freshness")
+    module.__class__ = type("Module", (types.ModuleType,), {"__getattr__": lambda _, name: looked.append(name) or {"RUNTIME_MODULE_KIND_SUFFIX": "_module"}[name]})  # type: ignore[assignment]
+    sync._sanitize_manifest_data_for_sync({"files": {str(number): {"kind": "feature"} for number in range(1000)}})
+    assert looked == ["RUNTIME_MODULE_KIND_SUFFIX"]
+
+
+def backoff_module(**changes: Any) -> dict[str, Any]:
+    """A provider that records, never sleeps, and keeps its context in a list."""
+    current: list[dict[str, Any]] = [{}]
+
+    @contextmanager
+    def backoff_context(**fields: Any) -> Iterator[None]:
+        current.append(fields)
+        yield
+        current.pop()
+
+    class Policy:
+        slept: list[tuple[float, bool]] = []
+
+        def delay_seconds(self, attempt_index: int) -> float:
+            return attempt_index + 0.5
+
+        def sleep(self, wait_seconds: float, *, sleep: Any, stop_requested: Any) -> bool:
+            sleep(0.0)
+            self.slept.append((wait_seconds, stop_requested()))
+            return not stop_requested()
+
+    class Cancelled(Exception):
+        pass
+
+    fields = dict(
+        SyncBackoffPolicy=Policy, SyncBackoffCancelled=Cancelled, backoff_context=backoff_context, current_context=lambda: current[-1],
+        sync_backoff_event_fields=lambda **given: {"event_type": "sync_backoff_wait", **given, "host": True},
+    )  # fmt: skip
+    return fields | changes
+
+
+def test_backoff_of_the_host_at_every_use(neighbour: Install, monkeypatch: pytest.MonkeyPatch, tmp_path: Any) -> None:
+    builtin = sync._sync_backoff_module()
+    assert builtin.SyncBackoffPolicy().delay_seconds(3) == pytest.approx(4, rel=0.21)
+    module = neighbour("sync_backoff", **backoff_module())
+    assert sync._sync_backoff_module() is module and sync.SyncBackoffCancelled is module.SyncBackoffCancelled
+    assert sync._backoff_delay_seconds(2) == 2.5
+    stop = threading.Event()
+    with sync.backoff_context(data_dir=tmp_path, surface="mine", stop_requested=stop.is_set, more=1):
+        context = sync.current_context()
+        assert context == {"data_dir": tmp_path, "surface": "mine", "stop_requested": stop.is_set, "more": 1}
+        assert sync._current_sync_backoff_context() == context and sync._sync_backoff_surface("d") == "mine"
+        event = sync._emit_sync_backoff_wait("d", 0, "http_503", None, 1.5)
+        assert event == {"event_type": "sync_backoff_wait", "surface": "mine", "attempt": 1, "wait_seconds": 1.5, "reason": "http_503", "file_path": "", "host": True}
+        assert '"surface": "mine"' in (tmp_path / "sync-progress.json").read_text()
+        sync._sleep_for_sync_backoff(1.5)
+        stop.set()
+        with pytest.raises(module.SyncBackoffCancelled):
+            sync._sleep_for_sync_backoff(2.5)
+    assert module.SyncBackoffPolicy.slept == [(1.5, False), (2.5, True)]
+    monkeypatch.delitem(sys.modules, "brackenfen.sync_backoff")
+    assert sync._sync_backoff_module() is builtin  # the one bound first
+
+
+def test_builtin_backoff_context() -> None:
+    calls: list[int] = []
+    other: list[dict[str, Any]] = []
+    broken = lambda: 1 / 0  # noqa: E731
+    with sync.backoff_context(surface="a", stop_requested=broken, host=[1]):
+        thread = threading.Thread(target=lambda: other.append(sync.current_context()))
+        thread.start()
+        thread.join()
+        assert not sync._sync_backoff_stop_requested()  # one that fails stops nothing
+        sync._sleep_for_sync_backoff(0.01)
+        with sync.backoff_context(stop_requested=lambda: bool(calls.append(1)) or len(calls) > 2):
+            with pytest.raises(sync.SyncBackoffCancelled):
+                sync._sleep_for_sync_backoff(60)
+            assert "surface" not in sync.current_context()
+        assert sync.current_context()["stop_requested"] is broken and sync.current_context()["host"] == [1]
+    assert other == [{}] == [sync.current_context()] and len(calls) == 3
+    with pytest.raises(KeyError), sync.backoff_context(surface="b"):
+        raise KeyError
+    assert sync._current_sync_backoff_context() == {}
+
+
+def test_events_in_the_log(records: pytest.LogCaptureFixture) -> None:
+    sync._log_sync_event("range_resume", "f", "2", None, bytes_existing=5, nothing=None, note="\udcff")
+    sync._emit_brackenfen_sync_event({"event_type": "x", "next_action": "Action: contact_brackenfen"})
+    first, second = records.records
+    assert (first.name, first.levelno, first.msg) == ("brackenfen.sync", logging.INFO, "brackenfen_sync_event %s")
+    event = {"event_type": "range_resume", "file": "f", "count": 2, "reason": "", "bytes_existing": 5, "note": "\udcff"}
+    assert first.brackenfen_sync_event == event  # type: ignore[attr-defined]
+    assert first.args == ('{"bytes_existing": 5, "count": 2, "event_type": "range_resume", "file": "f", "note": "\\udcff", "reason": ""}',)
+    assert second.levelno == logging.WARNING
+
+
+def test_a_level_that_is_off_is_not_formatted_and_a_failing_handler_is_heard(records: pytest.LogCaptureFixture) -> None:
+    records.set_level(logging.ERROR, logger="brackenfen.sync")
+    sync._log_sync_event("checksum_repair_exhausted", "f", 1, "")
+    assert records.records == []
+
+    class Failing(logging.Handler):
+        def handle(self, record: logging.LogRecord) -> bool:
+            raise OSError("disk full")
+
+    logger, handler = logging.getLogger("brackenfen.sync"), Failing()
+    records.set_level(logging.DEBUG, logger="brackenfen.sync")
+    logger.addHandler(handler)
+    try:
+        with pytest.raises(OSError, match="disk full"):
+            sync._log_sync_event("checksum_repair_exhausted", "f", 1, "")
+    finally:
+        logger.removeHandler(handler)
