@@ -1,0 +1,111 @@
+// A pass over 100,000 files that all match, warm: the server has a new version of the same files.
+// Limits: the walk at most 2 times a bare loop of one statx per file, the whole pass at most 6 times.
+#include <sys/stat.h>
+
+#include <map>
+#include <mutex>
+
+#include "bench/dataset.hpp"
+#include "sync/base/log.hpp"
+#include "sync/engine/sync_manager.hpp"
+
+using namespace brackenfen::sync;
+
+namespace {
+
+constexpr int FILES = 100000;
+
+/// Answers from memory: the network is no part of what is measured here.
+class MemoryResponse : public HttpResponse {
+ public:
+  explicit MemoryResponse(std::string_view body) : body_(body) {}
+  int status() const override { return 200; }
+  const Headers& headers() const override { return headers_; }
+  void read_body(BodySink& sink, std::optional<double>, std::uint64_t limit) override { sink.accept(body_.substr(0, limit)); }
+
+ private:
+  std::string_view body_;
+  Headers headers_;
+};
+
+class MemoryServer : public HttpClient {
+ public:
+  void publish(int version) {
+    manifest_ = write_json(Value(bench::make_manifest(FILES, version)), JsonForm::InsertionOrder);
+    version_ = R"({"version": )" + std::to_string(version) + R"(, "era_number": 12})";
+  }
+  std::unique_ptr<HttpResponse> open(const HttpRequest& request, double, const TransportSecurity&) override {
+    return std::make_unique<MemoryResponse>(request.url.ends_with("/version") ? version_ : manifest_);
+  }
+
+ private:
+  std::string manifest_, version_;
+};
+
+/// Collects how long each step of the pass took.
+class StageTimes : public LogSink {
+ public:
+  bool enabled(LogLevel) override { return true; }
+  void write(const LogRecord& record) override {
+    if (std::string_view(record.format).starts_with("Sync pass:")) {
+      auto& best = milliseconds[std::string(*record.arguments[0].if_text())];
+      const double took = *record.arguments[1].if_real();
+      best = best == 0 ? took : std::min(best, took);
+    } else if (record.level >= LogLevel::Warning) {
+      std::fprintf(stderr, "%s\n", format_message(record).c_str());
+    }
+  }
+  std::map<std::string, double> milliseconds;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::string directory = join_path(argc > 1 ? argv[1] : ".", "pass");
+  make_directories(directory);
+  bench::make_files(directory, FILES);
+
+  MemoryServer server;
+  Seams seams = Seams::real();
+  seams.http = &server;
+  const auto manager = std::make_shared<SyncManager>(SyncManager::Options{.data_dir = directory,
+                                                                          .server_url = "http://127.0.0.1",
+                                                                          .get_token = fixed_token("t"),
+                                                                          .runtime_freshness_guard = nullptr,
+                                                                          .seams = seams});
+  int version = 1;
+  const auto run = [&] {
+    server.publish(++version);
+    const auto began = std::chrono::steady_clock::now();
+    if (manager->sync().bytes_downloaded != 0) std::fprintf(stderr, "the pass downloaded something\n");
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - began).count();
+  };
+  run();  // fills the hash cache
+
+  std::vector<std::string> paths;
+  for (int index = 0; index < FILES; ++index) paths.push_back(join_path(real_path(directory), bench::feature_path(index)));
+  const auto bare_loop = [&] {
+    struct statx found;
+    for (const std::string& path : paths) {
+      if (statx(AT_FDCWD, path.c_str(), 0, STATX_BASIC_STATS, &found) != 0) std::abort();
+    }
+  };
+  StageTimes times;
+  set_log_sink(&times);
+  double bare_ms = 1e9;
+  double pass_ms = 1e9;
+  for (int round = 0; round < 7; ++round) {
+    bare_ms = std::min(bare_ms, bench::best_seconds(1, bare_loop) * 1e3);
+    pass_ms = std::min(pass_ms, run());
+  }
+  std::printf(
+      R"({"files": %d, "bare_statx_ms": %.1f, "walk_ratio": %.2f, "pass_ms": %.1f, "pass_ratio": %.2f, "peak_resident_mib": %.1f, "stages_ms": {)",
+      FILES, bare_ms, times.milliseconds["walk"] / bare_ms, pass_ms, pass_ms / bare_ms, bench::peak_resident_mib());
+  const char* separator = "";
+  for (const auto& [stage, milliseconds] : times.milliseconds) {
+    std::printf(R"(%s"%s": %.1f)", separator, stage.c_str(), milliseconds);
+    separator = ", ";
+  }
+  std::printf("}}\n");
+  set_log_sink(nullptr);
+}

@@ -1,0 +1,72 @@
+// What the benchmarks measure against: a directory of many small files, and the manifest that names them.
+#pragma once
+
+#include <sys/resource.h>
+
+#include <chrono>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "sync/base/descriptor.hpp"
+#include "sync/base/json.hpp"
+#include "sync/base/paths.hpp"
+#include "sync/base/sha256.hpp"
+#include "sync/base/value.hpp"
+
+#include <fcntl.h>
+
+namespace brackenfen::sync::bench {
+
+/// Seconds that `work` takes; the best of `rounds`.
+template <typename Work>
+double best_seconds(int rounds, Work&& work) {
+  double best = 1e9;
+  for (int round = 0; round < rounds; ++round) {
+    const auto began = std::chrono::steady_clock::now();
+    work();
+    best = std::min(best, std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count());
+  }
+  return best;
+}
+
+/// The largest resident set of this process so far, in MiB.
+inline double peak_resident_mib() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return static_cast<double>(usage.ru_maxrss) / 1024.0;
+}
+
+/// The path of file `index`: 100 files a folder, as feature sets have them.
+inline std::string feature_path(int index) {
+  char path[128];
+  std::snprintf(path, sizeof path, "features/universe_%03d/signal_is/momentum__fast__w%05d__v1.arrow", index / 100, index);
+  return path;
+}
+
+/// A manifest of `count` features, each of whose files holds its own path.
+inline Document make_manifest(int count, int version) {
+  std::vector<Member> files;
+  files.reserve(static_cast<std::size_t>(count));
+  for (int index = 0; index < count; ++index) {
+    const std::string path = feature_path(index);
+    files.push_back(
+        {path, Value(Document{{"kind", "feature"}, {"size_bytes", path.size()}, {"sha256", _sha256(path)}, {"mandatory", false}})});
+  }
+  return Document{{"era_number", 12}, {"version", version}, {"files", Value(Document(std::move(files)))}};
+}
+
+/// Lays the files down in `directory`, unless an earlier run did.
+inline void make_files(const std::string& directory, int count) {
+  const std::string marker = join_path(directory, ".complete-" + std::to_string(count));
+  if (path_exists(marker)) return;
+  for (int index = 0; index < count; ++index) {
+    const std::string path = feature_path(index);
+    const std::string local = join_path(directory, path);
+    if (index % 100 == 0) make_directories(directory_of(local));
+    write_all(open_file(local, O_WRONLY | O_CREAT | O_TRUNC), path, local);
+  }
+  write_all(open_file(marker, O_WRONLY | O_CREAT), "", marker);
+}
+
+}  // namespace brackenfen::sync::bench

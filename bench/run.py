@@ -1,0 +1,134 @@
+"""Runs the benchmarks and prints each figure beside its limit and beside what it is measured against.
+
+    ./dev bench [NAME ...] [--rounds N]
+
+Names: pass, manifest, hash, download, serve. Data and servers live in build/bench; nothing leaves this machine.
+"""
+
+from __future__ import annotations
+
+import argparse
+import json
+import statistics
+import subprocess
+import sys
+from pathlib import Path
+from typing import Any
+
+from downloads import measure_downloads, measure_servers
+
+ROOT = Path(__file__).resolve().parent.parent
+BINARIES = ROOT / "build" / "release" / "bin"
+WORK = ROOT / "build" / "bench"
+
+
+def run_binary(name: str, *arguments: str) -> dict[str, Any]:
+    """The figures that a benchmark program prints as one JSON object."""
+    done = subprocess.run([str(BINARIES / name), *arguments], check=True, capture_output=True, text=True)
+    figures: dict[str, Any] = json.loads(done.stdout)
+    return figures
+
+
+def report(name: str, figure: str, limit: str, met: bool) -> bool:
+    print(f"{name:<28} {figure:<58} limit: {limit:<34} {'met' if met else 'NOT MET'}", flush=True)
+    return met
+
+
+def bench_pass() -> bool:
+    seen = run_binary("bench_pass", str(WORK))
+    met = report(
+        "pass, 100,000 files: walk",
+        f"{seen['stages_ms']['walk']:.0f} ms = {seen['walk_ratio']:.2f} x statx loop ({seen['bare_statx_ms']:.0f} ms)",
+        "2.00 x the loop",
+        seen["walk_ratio"] <= 2,
+    )
+    met &= report(
+        "pass, 100,000 files: whole",
+        f"{seen['pass_ms']:.0f} ms = {seen['pass_ratio']:.2f} x statx loop",
+        "6.00 x the loop",
+        seen["pass_ratio"] <= 6,
+    )
+    print("    by stage: " + ", ".join(f"{stage} {ms:.0f} ms" for stage, ms in seen["stages_ms"].items()))
+    return met
+
+
+def bench_manifest() -> bool:
+    seen = run_binary("bench_manifest")
+    print(
+        f"    {seen['manifest_bytes'] / 1e6:.1f} MB of JSON: parse {seen['parse_ms']:.0f} ms, write {seen['write_ms']:.0f} ms"
+    )
+    met = report("manifest, 100,000 entries", f"{seen['load_ms']:.0f} ms", "100 ms", seen["load_ms"] <= 100)
+    return met & report(
+        "manifest, resident memory",
+        f"{seen['peak_resident_mib']:.0f} MiB for the whole process, its text included",
+        "150 MB",
+        seen["peak_resident_mib"] <= 150e6 / 2**20,
+    )
+
+
+def bench_hash() -> bool:
+    seen = run_binary("bench_hash", str(WORK))
+    return report(
+        "hashing one file",
+        f"{seen['ours_mib_per_s']} MiB/s = {seen['ratio']:.3f} x bare loop ({seen['bare_mib_per_s']} MiB/s)",
+        "0.950 x the loop",
+        seen["ratio"] >= 0.95,
+    )
+
+
+def bench_download(rounds: int) -> bool:
+    seen = measure_downloads(ROOT, WORK, rounds)
+    met = True
+    ours = seen["brackenfen-sync"]
+    mib = seen["bytes"] / 2**20
+    for peer in ("python threads", "aria2c"):
+        mine, theirs = statistics.median(ours["seconds"]), statistics.median(seen[peer]["seconds"])
+        met &= report(
+            f"download, 120 files: {peer}",
+            f"{mib / mine:.0f} MiB/s against {mib / theirs:.0f} MiB/s (medians of {rounds})",
+            "ahead",
+            mine < theirs,
+        )
+    limit_mib = (8 * 8 * 2**20 + 40e6) / 2**20
+    return met & report(
+        "download, resident memory",
+        f"{ours['peak_resident_mib']:.0f} MiB for the whole process",
+        f"{limit_mib:.0f} MiB (8 chunks + 40 MB)",
+        ours["peak_resident_mib"] <= limit_mib,
+    )
+
+
+def bench_serve(rounds: int) -> bool:
+    seen = measure_servers(ROOT, WORK, rounds)
+    ours, nginx = statistics.median(seen["embedded"]), statistics.median(seen["nginx"])
+    mib = seen["bytes"] / 2**20
+    return report(
+        "embedded server",
+        f"{mib / ours:.0f} MiB/s = {nginx / ours:.2f} x nginx ({mib / nginx:.0f} MiB/s)",
+        "0.80 x nginx",
+        nginx / ours >= 0.8,
+    )
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("names", nargs="*", metavar="NAME")
+    parser.add_argument("--rounds", type=int, default=7, help="interleaved rounds of the network benchmarks")
+    options = parser.parse_args()
+    benches = {
+        "pass": bench_pass,
+        "manifest": bench_manifest,
+        "hash": bench_hash,
+        "download": lambda: bench_download(options.rounds),
+        "serve": lambda: bench_serve(options.rounds),
+    }
+    unknown = set(options.names) - set(benches)
+    if unknown:
+        parser.error(f"no such benchmark: {', '.join(sorted(unknown))}")
+    WORK.mkdir(parents=True, exist_ok=True)
+    outcomes = [benches[name]() for name in options.names or benches]
+    return 0 if all(outcomes) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,177 @@
+"""A small host of brackenfen-sync: brings one directory up to date and shows what is happening.
+
+    host.py DIRECTORY SERVER_URL
+
+The bearer token is read from BRACKENFEN_TOKEN. Ctrl-C stops cleanly; the next run goes on where this one stopped.
+"""
+
+from __future__ import annotations
+
+import argparse
+import json
+import logging
+import os
+import sys
+import threading
+import time
+from collections import Counter
+from pathlib import Path
+from typing import Any
+
+from brackenfen import sync
+
+
+def megabytes(count: float) -> str:
+    return f"{count / 1e6:,.1f} MB"
+
+
+class Progress(threading.Thread):
+    """Shows how far a pass has come, from sync-progress.json and the sizes on disk: the library itself prints nothing."""
+
+    def __init__(self, directory: Path) -> None:
+        super().__init__(name="progress", daemon=True)
+        self._directory = directory
+        self._finished = threading.Event()
+        self._live = sys.stdout.isatty()
+        self._interval = 0.1 if self._live else 0.5
+        self._began = time.monotonic()
+        self._last_bytes = 0
+        self._last_time = self._began
+        self._files: dict[str, Any] = {}
+        self._landed: set[str] = set()
+        self._landed_bytes = 0
+
+    def run(self) -> None:
+        while not self._finished.wait(self._interval):
+            line = self._line()
+            if line:
+                self._print(line)
+
+    def stop(self) -> None:
+        self._finished.set()
+        self.join()
+        if self._live:
+            sys.stdout.write("\r\x1b[K")
+            sys.stdout.flush()
+
+    def note(self, text: str) -> None:
+        """A line of its own, above the progress line."""
+        print(f"\r\x1b[K{text}" if self._live else text, flush=True)
+
+    def _print(self, line: str) -> None:
+        print(f"\r\x1b[K{line[: os.get_terminal_size().columns - 1]}" if self._live else line, end="" if self._live else "\n", flush=True)
+
+    def _line(self) -> str:
+        try:
+            progress = json.loads((self._directory / "sync-progress.json").read_bytes())
+        except (OSError, ValueError):
+            return ""
+        self._files = progress.get("files", self._files)
+        done, in_flight = self._sizes()
+        now = time.monotonic()
+        rate = max(0, in_flight - self._last_bytes) / max(now - self._last_time, 1e-9)
+        self._last_bytes, self._last_time = in_flight, now
+        total = progress.get("total_bytes", 0)
+        line = f"{done:>4}/{len(self._files)} files  {megabytes(in_flight)} of {megabytes(total)}  {megabytes(rate)}/s"
+        backoff = progress.get("backoff")
+        if progress.get("phase") == "backoff" and backoff:
+            line += f"  (one file waits: attempt {backoff['attempt']}, {backoff['wait_seconds']:.1f} s, {backoff['reason']})"
+        return line
+
+    def _sizes(self) -> tuple[int, int]:
+        """Files that have landed, and the bytes on disk, those of staging files included."""
+        staged = 0
+        for path, entry in self._files.items():
+            if path in self._landed:
+                continue
+            local = self._directory / path
+            try:
+                staged += os.stat(f"{local}.tmp").st_size
+                continue
+            except OSError:
+                pass
+            try:
+                if os.stat(local).st_size == entry.get("size_bytes"):
+                    self._landed.add(path)
+                    self._landed_bytes += entry["size_bytes"]
+            except OSError:
+                pass
+        return len(self._landed), self._landed_bytes + staged
+
+
+class Events(logging.Handler):
+    """Turns the library's structured events into a line for people, and passes its warnings on."""
+
+    def __init__(self, progress: Progress) -> None:
+        super().__init__(logging.INFO)
+        self._progress = progress
+
+    def emit(self, record: logging.LogRecord) -> None:
+        event = getattr(record, "brackenfen_sync_event", None)
+        if event is None:
+            if record.levelno >= logging.WARNING:
+                self._progress.note(f"{record.levelname.lower()}: {record.getMessage()}")
+        elif event["event_type"] == "range_resume":
+            self._progress.note(f"resuming {event['file']}: {event['bytes_existing']:,} bytes are already here")
+        elif event["event_type"] == "sync_backoff_wait":
+            self._progress.note(f"waiting {event['wait_seconds']:.1f} s, then attempt {event['attempt'] + 1}: {event['reason']}")
+
+
+def print_summary(directory: Path, result: sync.SyncResult, seconds: float) -> None:
+    manifest = json.loads((directory / "manifest.json").read_bytes())
+    files: Counter[str] = Counter()
+    sizes: Counter[str] = Counter()
+    absent = 0
+    for path, entry in manifest["files"].items():
+        if not (directory / path).exists():
+            absent += 1
+            continue
+        folder = path.split("/")[0] + "/" if "/" in path else path
+        files[folder] += 1
+        sizes[folder] += entry["size_bytes"]
+    print(f"era {result.era_number}, version {manifest['version']}, in {directory}:")
+    for folder in sorted(files):
+        print(f"  {folder:<24} {files[folder]:>5} files  {megabytes(sizes[folder]):>12}")
+    if absent:
+        print(f"  {absent} listed documents are not fetched yet by this version (vocabularies, signals index)")
+    if result.bytes_downloaded:
+        rate = megabytes(result.bytes_downloaded / seconds)
+        print(f"{megabytes(result.bytes_downloaded)} landed in {seconds:.1f} s ({rate}/s), each file checked against its SHA-256 as it landed.")
+    else:
+        print(f"Already up to date; checked in {seconds * 1e3:.0f} ms.")
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("directory", type=Path)
+    parser.add_argument("server_url")
+    options = parser.parse_args()
+    options.directory.mkdir(parents=True, exist_ok=True)
+
+    progress = Progress(options.directory)
+    logger = logging.getLogger("brackenfen.sync")
+    logger.setLevel(logging.INFO)
+    logger.propagate = False
+    logger.addHandler(Events(progress))
+
+    token = os.environ.get("BRACKENFEN_TOKEN", "")
+    try:
+        manager = sync.SyncManager.get_or_create(str(options.directory), options.server_url, lambda: token)
+        progress.start()
+        began = time.monotonic()
+        try:
+            result = manager.sync()
+        finally:
+            progress.stop()
+    except KeyboardInterrupt:
+        print("stopped; what has landed stays, and the next run resumes the rest", file=sys.stderr)
+        return 130
+    except (sync.SyncError, sync.AuthError, OSError, ValueError) as error:
+        print(f"{type(error).__name__}: {error}", file=sys.stderr)
+        return 1
+    print_summary(options.directory, result, time.monotonic() - began)
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
