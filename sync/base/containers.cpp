@@ -177,8 +177,10 @@ std::size_t Document::size() const noexcept { return node_ == nullptr ? 0 : node
 const Member* Document::begin() const noexcept { return node_ == nullptr ? nullptr : node_->members(); }
 const Member* Document::end() const noexcept { return begin() + size(); }
 
+const Member* Document::find_member(std::string_view key) const noexcept { return node_ == nullptr ? nullptr : node_->locate(key); }
+
 const Value* Document::find(std::string_view key) const noexcept {
-  const Member* const member = node_ == nullptr ? nullptr : node_->locate(key);
+  const Member* const member = find_member(key);
   return member == nullptr ? nullptr : &member->value;
 }
 

@@ -195,6 +195,7 @@ class Document {
 
   /// The value at `key`, or nullptr. Lives as long as this document is shared by anyone.
   [[nodiscard]] const Value* find(std::string_view key) const noexcept;
+  [[nodiscard]] const Member* find_member(std::string_view key) const noexcept;
   [[nodiscard]] bool contains(std::string_view key) const noexcept { return find(key) != nullptr; }
   /// The value at `key`, or null where the key is absent.
   [[nodiscard]] const Value& get(std::string_view key) const noexcept;

@@ -8,6 +8,7 @@
 #include "sync/base/interrupt.hpp"
 #include "sync/base/json.hpp"
 #include "sync/base/log.hpp"
+#include "sync/base/member_cursor.hpp"
 #include "sync/documents/feature_paths.hpp"
 #include "sync/documents/manifest_file.hpp"
 #include "sync/documents/manifest_filters.hpp"
@@ -18,9 +19,6 @@
 
 namespace brackenfen::sync {
 namespace {
-
-/// The host is asked for an interrupt once per so many files of a walk.
-constexpr std::size_t FILES_PER_INTERRUPT_CHECK = 1024;
 
 /// Distinct signal groups under `prefix` among the keys of `files`.
 std::int64_t count_groups(const EraConfig& era_config, const Value& files, std::string_view prefix) {
@@ -180,43 +178,45 @@ void SyncManager::Pass::begin_result() {
   result_.pnl_column_count = server_->pnl_column_count();
 }
 
-bool SyncManager::Pass::is_landed_elsewhere(const std::string& file_path, const Document& file_info) {
-  return file_path == SIGNALS_INDEX_RELATIVE_PATH || _vocabulary_named_universe_from_path(*neighbours_, Value(file_path)).has_value() ||
-         _manifest_file_is_sync_excluded(*neighbours_, Value(file_info));
+bool SyncManager::Pass::is_landed_elsewhere(const Text& file_path, const Value& file_info) {
+  return file_path.view() == SIGNALS_INDEX_RELATIVE_PATH ||
+         _vocabulary_named_universe_from_path(*neighbours_, Value(file_path)).has_value() ||
+         _manifest_file_is_sync_excluded(*neighbours_, file_info);
 }
 
 void SyncManager::Pass::collect_downloads() {
   const Value files = server_->files();
-  const Document* entries = files.if_document();
+  const bool same_era = local_ && local_->era_number() == server_->era_number();
+  const Value local_manifest_files = same_era ? local_->files() : Value();
+  MemberCursor entries(files.if_document());
+  MemberCursor local_entries(local_manifest_files.if_document());
   LocalFiles local_files(data_dir_);
   std::vector<Member> wanted;
   std::size_t seen = 0;
-  for (const Text& path : rotation_.plan.selection.active_relative_paths) {
+  for (const Text& file_path : rotation_.plan.selection.active_relative_paths) {
     if (++seen % FILES_PER_INTERRUPT_CHECK == 0) check_interrupt();
-    const std::string file_path = path.str();
-    const Value* entry = entries ? entries->find(file_path) : nullptr;
+    const Value* entry = entries.find(file_path);
     const Document* file_info = entry ? entry->if_document() : nullptr;
-    if (!file_info) throw SyncError("Active rotation path is missing from manifest: " + file_path);
-    if (is_landed_elsewhere(file_path, *file_info)) continue;
-    if (must_download(file_path, *file_info, local_files)) wanted.push_back({path, Value(stamped(*file_info))});
+    if (!file_info) throw SyncError("Active rotation path is missing from manifest: " + file_path.str());
+    if (is_landed_elsewhere(file_path, *entry)) continue;
+    if (must_download(file_path, *file_info, local_entries.find(file_path), local_files)) {
+      wanted.push_back({file_path, Value(stamped(*file_info))});
+    }
   }
   files_to_download_ = Document(std::move(wanted));
 }
 
-bool SyncManager::Pass::must_download(const std::string& file_path, const Document& file_info, LocalFiles& local_files) {
+bool SyncManager::Pass::must_download(const Text& file_path, const Document& file_info, const Value* local_entry, LocalFiles& local_files) {
   const std::optional<FileStat> stat = local_files.stat(file_path);
   if (!stat) return true;
   const auto local_path = [&] { return local_files.local_path(file_path); };
   const bool vault_module = file_info.get("kind").if_text() == "vault_module";
 
   // Within an era, a file that still is what the local manifest promised is kept, whatever the new entry says.
-  if (local_ && !vault_module && local_->era_number() == server_->era_number()) {
-    const Value local_entry = local_->file(file_path);
-    if (!local_entry.is_null()) {
-      const Document* local_info = local_entry.if_document();
-      if (local_info && manager_.file_matches(file_path, *stat, local_path, *local_info, true)) return false;
-      log_warning("Manifest-tracked local file failed integrity check; re-downloading: %s", file_path);
-    }
+  if (local_entry && !vault_module) {
+    const Document* local_info = local_entry->if_document();
+    if (local_info && manager_.file_matches(file_path, *stat, local_path, *local_info, true)) return false;
+    log_warning("Manifest-tracked local file failed integrity check; re-downloading: %s", file_path);
   }
 
   const auto expected_sha = file_info.get("sha256").if_text();

@@ -15,6 +15,9 @@
 
 namespace brackenfen::sync {
 
+/// The host is asked for an interrupt once per so many files of a walk.
+inline constexpr std::size_t FILES_PER_INTERRUPT_CHECK = 1024;
+
 /// Runs once, on one thread, which owns the pass.
 class SyncManager::Pass {
  public:
@@ -38,7 +41,7 @@ class SyncManager::Pass {
   void plan_rotation();
   void begin_result();
   void collect_downloads();
-  [[nodiscard]] bool must_download(const std::string& file_path, const Document& file_info, LocalFiles& local_files);
+  [[nodiscard]] bool must_download(const Text& file_path, const Document& file_info, const Value* local_entry, LocalFiles& local_files);
   [[nodiscard]] Document stamped(const Document& file_info) const;
   void check_disk() const;
   /// False where a lost artifact was excluded.
@@ -59,7 +62,7 @@ class SyncManager::Pass {
   [[nodiscard]] PlannedRotation plan_for(Manifest& manifest, bool force_new_candidate);
   /// Vocabularies and the signals index have stages of their own (which fetch nothing yet, so that neither is
   /// missed when a shortcut looks for damage); excluded files never land.
-  [[nodiscard]] bool is_landed_elsewhere(const std::string& file_path, const Document& file_info);
+  [[nodiscard]] bool is_landed_elsewhere(const Text& file_path, const Value& file_info);
   [[nodiscard]] SyncResult result_for_era(const Manifest& manifest, const RotationSelection& selection) const;
   void use_vocabularies(std::optional<Document> vocabularies);
   void add_vocabulary_metadata(SyncResult& result) const;

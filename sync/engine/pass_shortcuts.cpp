@@ -3,17 +3,14 @@
 #include "sync/base/error.hpp"
 #include "sync/base/interrupt.hpp"
 #include "sync/base/log.hpp"
+#include "sync/base/member_cursor.hpp"
 #include "sync/documents/manifest_file.hpp"
 #include "sync/documents/manifest_filters.hpp"
 #include "sync/engine/pass.hpp"
 #include "sync/transport/progress.hpp"
 
 namespace brackenfen::sync {
-namespace {
-
-constexpr std::size_t FILES_PER_INTERRUPT_CHECK = 1024;
-
-}  // namespace
+namespace {}  // namespace
 
 std::optional<SyncResult> SyncManager::Pass::end_on_version_hint(const VersionHint& hint) {
   if (!local_ || !hint.version || !hint.era) return std::nullopt;
@@ -23,12 +20,8 @@ std::optional<SyncResult> SyncManager::Pass::end_on_version_hint(const VersionHi
   std::optional<Value> version = to_integer_or_absent(local_->version());
   std::optional<Value> era = to_integer_or_absent(local_->era_number());
   if (!version || !era) version = era = Value(-1);  // one that is no number takes the other with it
-  const Value& local_version = *version;
-  const Value& local_era = *era;
-  if (!(local_version == *hint.version)) return std::nullopt;
-  if (!(local_era == *hint.era)) {
-    throw EraError("Era mismatch: local era_number=" + to_text(local_era) + ", server era_number=" + to_text(*hint.era));
-  }
+  if (*version != *hint.version) return std::nullopt;
+  if (*era != *hint.era) throw EraError("Era mismatch: local era_number=" + to_text(*era) + ", server era_number=" + to_text(*hint.era));
 
   free_bytes_ = manager_.seams_.files->free_bytes(data_dir_);
   rotation_ = plan_for(*local_, manager_._feature_rotation_should_rotate(*neighbours_, *local_));
@@ -62,16 +55,15 @@ std::optional<Document> SyncManager::Pass::check_local_directory(const RotationS
 }
 
 void SyncManager::Pass::require_active_files(const RotationSelection& selection, const Value& files) {
-  const Document* entries = files.if_document();
+  MemberCursor entries(files.if_document());
   LocalFiles local_files(data_dir_);
   std::size_t seen = 0;
-  for (const Text& path : selection.active_relative_paths) {
+  for (const Text& file_path : selection.active_relative_paths) {
     if (++seen % FILES_PER_INTERRUPT_CHECK == 0) check_interrupt();
-    const std::string file_path = path.str();
-    const Value* entry = entries ? entries->find(file_path) : nullptr;
+    const Value* entry = entries.find(file_path);
     const Document* file_info = entry ? entry->if_document() : nullptr;
-    if (!file_info) throw SyncError("Active rotation path is missing from manifest: " + file_path);
-    if (is_landed_elsewhere(file_path, *file_info)) continue;
+    if (!file_info) throw SyncError("Active rotation path is missing from manifest: " + file_path.str());
+    if (is_landed_elsewhere(file_path, *entry)) continue;
     const std::optional<FileStat> stat = local_files.stat(file_path);
     const bool cache_allowed = !(file_info->get("kind").if_text() == "vault_module");
     const auto local_path = [&] { return local_files.local_path(file_path); };
