@@ -16,15 +16,6 @@ namespace {
 
 bool is_ipv6(const std::string& host) { return host.find(':') != std::string::npos; }
 
-/// Only full dotted or colon forms count: resolvers read "127.1" and "0177.0.0.1" in ways of their own.
-bool is_this_machine(const std::string& host) {
-  if (host == "localhost") return true;
-  in_addr ipv4{};
-  if (inet_pton(AF_INET, host.c_str(), &ipv4) == 1) return (ntohl(ipv4.s_addr) >> 24) == 127;
-  in6_addr ipv6{};
-  return inet_pton(AF_INET6, host.c_str(), &ipv6) == 1 && std::memcmp(&ipv6, &in6addr_loopback, sizeof ipv6) == 0;
-}
-
 /// A host that every reader of URLs understands alike. Escapes and odd punctuation are where they differ.
 bool is_plain_host(const std::string& host) {
   if (is_ipv6(host)) {
@@ -71,13 +62,22 @@ class BuiltinTransportSecurity final : public TransportSecurity {
     }
     if (!is_plain_host(host)) throw ValueError("URL must name its host by letters, digits, '-', '_' and '.', or by an address");
     if (!has_usable_port(parts)) throw ValueError("URL must have a port from 1 to 65535, or none: " + origin_without_secrets(parts));
-    if (parts.scheme == "http" && !is_this_machine(host)) {
+    if (parts.scheme == "http" && !names_this_machine(host)) {
       throw ValueError("URL must use https, or http on this machine only: " + origin_without_secrets(parts));
     }
   }
 };
 
 }  // namespace
+
+// Only full dotted or colon forms count: resolvers read "127.1" and "0177.0.0.1" in ways of their own.
+bool names_this_machine(const std::string& host) {
+  if (host == "localhost") return true;
+  in_addr ipv4{};
+  if (inet_pton(AF_INET, host.c_str(), &ipv4) == 1) return (ntohl(ipv4.s_addr) >> 24) == 127;
+  in6_addr ipv6{};
+  return inet_pton(AF_INET6, host.c_str(), &ipv6) == 1 && std::memcmp(&ipv6, &in6addr_loopback, sizeof ipv6) == 0;
+}
 
 const TransportSecurity& TransportSecurity::builtin() {
   static const TransportSecurity& security = *new BuiltinTransportSecurity;

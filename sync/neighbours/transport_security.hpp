@@ -1,9 +1,13 @@
 // Which addresses may be asked at all.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 namespace brackenfen::sync {
+
+/// "localhost", or an address that is this machine's own. `host` is in lower case and without brackets.
+[[nodiscard]] bool names_this_machine(const std::string& host);
 
 class TransportSecurity {
  public:

@@ -19,7 +19,7 @@ class CurlHttpClient final : public HttpClient {
       transfer->wait_for_headers();
       if (!is_redirect_status(transfer->status())) return transfer;
       const std::optional<std::string_view> location = header_value(transfer->headers(), "Location");
-      if (!location) return transfer;
+      if (!location || location->empty()) return transfer;
       route.follow(*location, may_follow);
     }
   }

@@ -11,16 +11,21 @@
 #include "sync/base/error.hpp"
 #include "sync/base/interrupt.hpp"
 #include "sync/base/text.hpp"
+#include "sync/base/url.hpp"
+#include "sync/neighbours/transport_security.hpp"
 #include "sync/transport/curl_errors.hpp"
 #include "sync/transport/header_rules.hpp"
 #include "sync/transport/redirects.hpp"
+#include "sync/transport/settings.hpp"
 
 namespace brackenfen::sync {
 namespace {
 
 using SteadyClock = std::chrono::steady_clock;
 
-constexpr long RECEIVE_BUFFER_BYTES = 512L * 1024;
+/// What curl accepts as the size of its receive buffer.
+constexpr std::int64_t SMALLEST_READ_BYTES = 1024;
+constexpr std::int64_t LARGEST_READ_BYTES = CURL_MAX_READ_SIZE;
 /// All headers of a response together, interim responses and trailers included.
 constexpr std::size_t MAX_HEADER_BYTES = 256 * 1024;
 /// How long a parsed certificate store answers for its file.
@@ -57,6 +62,22 @@ std::string certificate_file() {
     if (::access(known, R_OK) == 0) return known;
   }
   return {};
+}
+
+/// Whether the proxy that curl takes for plain http, if any, stands on another machine; true also where that
+/// cannot be told.
+bool plain_proxy_is_elsewhere() {
+  for (const char* name : {"http_proxy", "all_proxy", "ALL_PROXY"}) {
+    const std::string proxy = Environment::real().get(name).value_or("");
+    if (proxy.empty()) continue;
+    try {
+      return !names_this_machine(split_url(proxy.find("://") == std::string::npos ? "//" + proxy : proxy).host());
+    } catch (const Error& error) {
+      if (error.is(error_class::ValueError)) return true;
+      throw;
+    }
+  }
+  return false;
 }
 
 }  // namespace
@@ -96,11 +117,16 @@ void CurlTransfer::set_request(const RequestRoute& route) {
   set_option(easy, CURLOPT_FRESH_CONNECT, 1L);
   set_option(easy, CURLOPT_FORBID_REUSE, 1L);
   set_option(easy, CURLOPT_OPENSOCKETFUNCTION, &open_socket);
-  set_option(easy, CURLOPT_BUFFERSIZE, RECEIVE_BUFFER_BYTES);
+  const std::int64_t read_bytes = _sync_http_response_read_bytes(Environment::real());
+  set_option(easy, CURLOPT_BUFFERSIZE, static_cast<long>(std::clamp(read_bytes, SMALLEST_READ_BYTES, LARGEST_READ_BYTES)));
   // The deadlines are kept here; curl's own would end a longer connection attempt at 300 s.
   set_option(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(INT32_MAX));
   // A name look-up cannot be called off: its thread is left behind rather than waited for.
   set_option(easy, CURLOPT_QUICK_EXIT, 1L);
+  // The token may go in clear to this machine, so not by way of another one.
+  if (!route.is_encrypted() && names_this_machine(split_url(route.url()).host()) && plain_proxy_is_elsewhere()) {
+    set_option(easy, CURLOPT_PROXY, "");
+  }
   // A proxy sees what is meant for it alone.
   set_option(easy, CURLOPT_HEADEROPT, static_cast<long>(CURLHEADER_SEPARATE));
   set_option(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
@@ -201,6 +227,8 @@ void CurlTransfer::wait_for_network(const Deadline& deadline) {
 
 Error CurlTransfer::transfer_error() const {
   if (*result_ == CURLE_OK) return Error(error_class::URLError, "the response ended within its headers");
+  // This is how curl says that a line of the peer's is longer than it will hold.
+  if (*result_ == CURLE_OUT_OF_MEMORY) return Error(error_class::URLError, "the response holds a line that is too long");
   long system_error = 0;
   curl_easy_getinfo(handles_.easy(), CURLINFO_OS_ERRNO, &system_error);
   return network_error(*result_, static_cast<int>(system_error), error_text_.data());
@@ -242,8 +270,8 @@ void CurlTransfer::take_header_line(std::string_view line) {
   while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.remove_suffix(1);
   if (line.empty()) {
     end_of_headers();
-  } else if (line.starts_with("HTTP/")) {
-    headers_.clear();
+  } else if (headers_.empty() && line.starts_with("HTTP/")) {
+    return;  // the status line
   } else if ((line.front() == ' ' || line.front() == '\t') && !headers_.empty()) {
     headers_.back().second += " " + text_from_latin1(strip(line));  // a folded line
   } else if (const std::size_t colon = line.find(':'); colon != std::string_view::npos) {
@@ -255,7 +283,10 @@ void CurlTransfer::end_of_headers() {
   long code = 0;
   curl_easy_getinfo(handles_.easy(), CURLINFO_RESPONSE_CODE, &code);
   if (code < 100 || code > 599 || code == 101) throw Error(error_class::URLError, "the response has no valid status");
-  if (code < 200) return;  // an interim response; the real one follows
+  if (code < 200) {  // an interim response; the real one follows
+    headers_.clear();
+    return;
+  }
   require_unambiguous_length(headers_);
   status_ = static_cast<int>(code);
   headers_done_ = true;

@@ -103,6 +103,15 @@ void require_unambiguous_length(const Headers& headers) {
       stated = bytes;
     }
   }
+  for (const auto& [name, value] : headers) {
+    if (!same_name(name, "Transfer-Encoding")) continue;
+    for (const std::string_view part : split(value, ",")) {
+      // None was asked for, and a packed body may grow a thousandfold as it is unpacked.
+      if (!same_name(strip(part), "chunked") && !same_name(strip(part), "identity")) {
+        throw Error(error_class::URLError, "the response has a transfer encoding that was not asked for");
+      }
+    }
+  }
   if (stated && header_value(headers, "Transfer-Encoding")) {
     throw Error(error_class::URLError, "the response states a length and an encoding that has its own");
   }

@@ -24,7 +24,7 @@ void require_sendable_headers(const Headers& headers);
 /// The value of the first header of that name, in any case of letters; absent where there is none.
 [[nodiscard]] std::optional<std::string_view> header_value(const Headers& headers, std::string_view name);
 /// Throws URLError where a response's length cannot be told for sure: lengths that differ, that are no
-/// number, or that come beside a chunked body.
+/// number, or that come beside a chunked body; and for a body that is encoded in any way but chunks.
 void require_unambiguous_length(const Headers& headers);
 
 }  // namespace brackenfen::sync

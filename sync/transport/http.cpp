@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 #include <memory>
+#include <unordered_map>
 
 #include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
@@ -82,12 +83,13 @@ std::unique_ptr<HttpResponse> _open_request(const Seams& seams, NeighbourSet& ne
 
 Headers _response_headers(const HttpResponse& response) {
   Headers headers;
+  std::unordered_map<std::string_view, std::size_t> positions;  // a hostile server may send tens of thousands
   for (const auto& header : response.headers()) {
-    const auto same = std::find_if(headers.begin(), headers.end(), [&](const auto& earlier) { return earlier.first == header.first; });
-    if (same != headers.end()) {
-      same->second = header.second;
-    } else {
+    const auto [known, is_new] = positions.try_emplace(header.first, headers.size());
+    if (is_new) {
       headers.push_back(header);
+    } else {
+      headers[known->second].second = header.second;
     }
   }
   return headers;

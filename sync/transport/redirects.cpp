@@ -91,8 +91,10 @@ RequestRoute::RequestRoute(const HttpRequest& request) : headers_(request.header
 void RequestRoute::follow(std::string_view location, const TransportSecurity& may_follow) {
   if (++redirects_ > MAX_REDIRECTS) refuse("more than " + std::to_string(MAX_REDIRECTS) + " redirects");
   ParsedUrl target;
+  // A fragment alone means the same address again; curl's parser would cut the path's last segment off.
   const bool resolved =
-      target.set(url_, CURLU_PATH_AS_IS) && target.set(latin1_from_text(location).value_or(std::string(location)), CURLU_URLENCODE);
+      target.set(url_, CURLU_PATH_AS_IS) &&
+      (location.starts_with('#') || target.set(latin1_from_text(location).value_or(std::string(location)), CURLU_URLENCODE));
   if (!resolved) refuse("redirect refused: its target is not valid: " + target.why());
   require_acceptable_target(target, is_encrypted(), may_follow);
 

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <functional>
 #include <thread>
+#include <tuple>
 
 #include "sync/base/error.hpp"
 #include "sync/base/interrupt.hpp"
@@ -158,6 +159,44 @@ TEST(HttpClient, readsABodyUpToItsLimit) {
   EXPECT_EQ(body_of(*open(server.url("/longer"))), "abc");
 }
 
+TEST(HttpClient, readsInPiecesOfTheSizeThatTheSettingGives) {
+  class Largest final : public BodySink {
+   public:
+    void accept(std::string_view bytes) override { size = std::max(size, bytes.size()); }
+    std::size_t size = 0;
+  };
+  ScriptedServer server;
+  server.script("/", {{.body = std::string(100'000, 'x')}});
+  const auto largest_piece = [&](const char* read_bytes) {
+    const Variable setting("BRACKENFEN_SYNC_HTTP_RESPONSE_READ_BYTES", read_bytes);
+    Largest pieces;
+    open(server.url("/"))->read_body(pieces, PATIENCE_SECONDS);
+    return pieces.size;
+  };
+  EXPECT_LE(largest_piece("2000"), 2000U);
+  EXPECT_LE(largest_piece("1"), 1024U);
+  EXPECT_GT(largest_piece("99999999999999999999"), 2000U);
+}
+
+TEST(HttpClient, sendsATokenInClearThroughNoProxyOfAnotherMachine) {
+  ScriptedServer server;
+  ScriptedServer proxy;
+  server.script("/", {{.body = "direct"}});
+  proxy.script(server.url("/"), {{.body = "by proxy"}});
+  const std::string port = proxy.url().substr(proxy.url().rfind(':'));
+  const std::tuple<const char*, std::string, const char*> rows[] = {
+      {"http_proxy", proxy.url(), "by proxy"},
+      {"all_proxy", "user:secret@localhost" + port, "by proxy"},
+      {"http_proxy", "http://proxy.invalid" + port, "direct"},
+      {"http_proxy", "user:[secret@proxy.invalid", "direct"},
+      {"ALL_PROXY", "socks5h://proxy.invalid", "direct"},
+  };
+  for (const auto& [name, value, expected] : rows) {
+    const Variable setting(name, value);
+    EXPECT_EQ(body_of(*open(server.url("/"), {{"Authorization", "Bearer canary"}})), expected) << name << '=' << value;
+  }
+}
+
 TEST(HttpClient, tellsAConnectionClosedEarlyFromOneThatBroke) {
   ScriptedServer plain;
   TrustedServer encrypted;
@@ -197,7 +236,10 @@ TEST(HttpClient, namesNetworkFailuresByClass) {
       {raw("/both", ok + "Content-Length: 2\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n"), "URLError: "},
       {raw("/bad-chunk", ok + "Transfer-Encoding: chunked\r\n\r\nzz\r\nab"), "URLError: "},
       {raw("/cut-headers", ok + "Name: va"), "URLError: "},
-      {raw("/bomb", ok + std::string(400'000, 'a')), "Error: "},
+      {raw("/long-line", ok + std::string(400'000, 'a')), "URLError: "},
+      {raw("/long-trailer", ok + "Transfer-Encoding: chunked\r\n\r\n0\r\n" + std::string(400'000, 'a')), "URLError: "},
+      {raw("/packed", ok + "Transfer-Encoding: gzip\r\n\r\nab"), "URLError: "},
+      {raw("/hidden-packing", ok + "Transfer-Encoding: gzip\r\nHTTP/1.1: x\r\n\r\nab"), "URLError: "},
       {raw(
            "/many", ok +
                         [] {
@@ -316,6 +358,7 @@ TEST(HttpClient, followsRedirectsAndKeepsTheTokenAtItsOrigin) {
   home.script("/spaces", {to("/a b")});
   home.script("/abroad", {to(stranger.url("/back"), 307)});
   home.script("/no-location", {{.status = 302, .body = "here"}});
+  home.script("/empty-location", {to("")});
   home.script("/not-modified", {{.status = 304, .headers = {{"Location", "/target"}}}});
   stranger.script("/back", {to(home.url("/target?q=1"), 303)});
   home.script("/target?q=1", {{.body = "target"}});
@@ -325,6 +368,7 @@ TEST(HttpClient, followsRedirectsAndKeepsTheTokenAtItsOrigin) {
   EXPECT_EQ(body_of(*open(home.url("/absolute"), headers)), "target");
   EXPECT_EQ(body_of(*open(home.url("/spaces"), headers)), "spaces");
   EXPECT_EQ(open(home.url("/no-location"), headers)->status(), 302);
+  EXPECT_EQ(open(home.url("/empty-location"), headers)->status(), 302);
   EXPECT_EQ(open(home.url("/not-modified"), headers)->status(), 304);
   for (const LoggedRequest& request : home.requests("/target?q=1")) EXPECT_EQ(request.header("Authorization"), "Bearer canary");
 
@@ -344,12 +388,13 @@ TEST(HttpClient, refusesRedirectTargets) {
       {"file:///etc/passwd", "URLError: redirect refused: "},
       {"http://127.0.0.1:99999/", "URLError: redirect refused: its target is not valid"},
       {"/loop", "URLError: more than 10 redirects"},
+      {"#fragment", "URLError: more than 10 redirects"},
   };
   for (const auto& [location, expected] : rows) {
     server.script("/loop", {{.status = 302, .headers = {{"Location", location}}}});
     EXPECT_THAT(failure_of_get(server.url("/loop")), AllOf(HasSubstr(expected), Not(HasSubstr("hidden"))));
   }
-  EXPECT_EQ(server.requests("/loop").size(), rows.size() + 10);
+  EXPECT_EQ(server.requests("/loop").size(), rows.size() + 20);
 
   encrypted.server.script("/", {{.status = 302, .headers = {{"Location", server.url("/plain")}}}});
   EXPECT_EQ(failure_of_get(encrypted.server.url("/")), "URLError: redirect to http://127.0.0.1 refused: it would leave https");
