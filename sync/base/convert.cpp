@@ -78,27 +78,6 @@ Value truncated(double real) {
   return Value::integer_from_decimal(std::string_view(digits.data(), static_cast<std::size_t>(end - digits.data())));
 }
 
-std::string_view type_name(const Value& value) noexcept {
-  switch (value.kind()) {
-    case Value::Kind::Null:
-      return "NoneType";
-    case Value::Kind::Boolean:
-      return "bool";
-    case Value::Kind::Integer:
-    case Value::Kind::BigInteger:
-      return "int";
-    case Value::Kind::Real:
-      return "float";
-    case Value::Kind::Text:
-      return "str";
-    case Value::Kind::List:
-      return "list";
-    case Value::Kind::Document:
-      return "dict";
-  }
-  return "";
-}
-
 /// The first 200 characters of the quoted text, as many as the host's own message shows.
 std::string shortened_quote(std::string_view text) {
   const std::string quoted = to_quoted(text);
@@ -152,6 +131,27 @@ std::optional<double> decimal_real(std::string_view text) {
 }
 
 }  // namespace
+
+std::string_view type_name(const Value& value) noexcept {
+  switch (value.kind()) {
+    case Value::Kind::Null:
+      return "NoneType";
+    case Value::Kind::Boolean:
+      return "bool";
+    case Value::Kind::Integer:
+    case Value::Kind::BigInteger:
+      return "int";
+    case Value::Kind::Real:
+      return "float";
+    case Value::Kind::Text:
+      return "str";
+    case Value::Kind::List:
+      return "list";
+    case Value::Kind::Document:
+      return "dict";
+  }
+  return "";
+}
 
 Value to_integer(const Value& value) {
   if (std::optional<Value> integer = integer_of(value)) return *std::move(integer);

@@ -39,6 +39,9 @@ template <std::convertible_to<std::string_view> T>
   return to_quoted(std::string_view(text));
 }
 
+/// The name of the type that the value has in the host language: "NoneType", "int", "dict", ...
+[[nodiscard]] std::string_view type_name(const Value& value) noexcept;
+
 /// The shortest decimal that reads back as `number`, as Python prints floats (also "nan", "inf").
 [[nodiscard]] std::string real_text(double number);
 

@@ -13,9 +13,9 @@ namespace brackenfen::sync {
 
 namespace {
 
-Value field_or(const Document& data, std::string_view key, Value fallback) {
+Value field_or(const Document& data, std::string_view key, const Value& fallback) {
   const Value* field = data.find(key);
-  return field == nullptr ? std::move(fallback) : *field;
+  return field == nullptr ? fallback : *field;
 }
 
 }  // namespace

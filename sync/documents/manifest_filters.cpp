@@ -23,27 +23,6 @@ constexpr std::string_view RETIRED_FOUND_PNL_NAMES[] = {"pnl_long.arrow", "pnl.l
 /// Manifests written elsewhere may separate with either slash.
 constexpr bool is_slash(char character) { return character == '/' || character == '\\'; }
 
-std::string_view python_type_name(const Value& value) {
-  switch (value.kind()) {
-    case Value::Kind::Null:
-      return "NoneType";
-    case Value::Kind::Boolean:
-      return "bool";
-    case Value::Kind::Integer:
-    case Value::Kind::BigInteger:
-      return "int";
-    case Value::Kind::Real:
-      return "float";
-    case Value::Kind::Text:
-      return "str";
-    case Value::Kind::List:
-      return "list";
-    case Value::Kind::Document:
-      return "dict";
-  }
-  return "object";
-}
-
 const Document* files_of(const Document& manifest_data) { return manifest_data.get("files").if_document(); }
 
 /// The neighbours that know runtime modules, looked up once per walk.
@@ -84,7 +63,9 @@ class RuntimeModules {
 
 Document _sanitize_manifest_data_for_sync(NeighbourSet& neighbours, const Value& manifest_data) {
   const Document* document = manifest_data.if_document();
-  if (document == nullptr) throw AttributeError("'" + std::string(python_type_name(manifest_data)) + "' object has no attribute 'get'");
+  if (document == nullptr) {
+    throw AttributeError("the manifest is not a JSON object: '" + std::string(type_name(manifest_data)) + "' object has no attribute 'get'");
+  }
   return _drop_retired_found_pnl_long_files(
       _drop_unsupported_runtime_module_files(neighbours, _drop_agent_bundle_declaration_files(*document)));
 }

@@ -67,7 +67,7 @@ TEST(ManifestFilters, refuseWhatIsNoDocument) {
                                                 {1.5, "float"},        {"x", "str"},   {List{}, "list"}};
   for (const auto& [value, type_name] : rows) {
     EXPECT_EQ(error_text(error_class::AttributeError, [&value = value] { return _sanitize_manifest_data_for_sync(builtin_set(), value); }),
-              "'" + std::string(type_name) + "' object has no attribute 'get'");
+              "the manifest is not a JSON object: '" + std::string(type_name) + "' object has no attribute 'get'");
   }
 }
 

@@ -127,7 +127,7 @@ TEST_F(PassTest, aManifestThatIsNoneLeavesFilesAndMemoryAsTheyWere) {
       {"no UTF-8",
        {.body = "{\"a\": \"\xff\"}"},
        "UnicodeDecodeError: 'utf-8' codec can't decode byte 0xff in position 7: invalid start byte"},
-      {"a list", {.body = "[]"}, "AttributeError: 'list' object has no attribute 'get'"},
+      {"a list", {.body = "[]"}, "AttributeError: the manifest is not a JSON object: 'list' object has no attribute 'get'"},
       {"another era", body(manifest(2, {BETA}, ERA + 1)), "EraError: Era mismatch: local era_number=7, server era_number=8"},
       {"an era of another type", body(manifest(2, {}).with("era_number", "seven")),
        "EraError: Era mismatch: local era_number=7, server era_number=seven"},
