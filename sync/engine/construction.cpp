@@ -22,7 +22,7 @@ SyncManager::SyncManager(Options options)
       seams_(options.seams),
       fork_generation_(fork_generation()),
       _hash_cache(*options.seams.files, *options.seams.clock, join_path(options.data_dir, SYNC_HASH_CACHE_FILENAME)),
-      _directory_lock(options.data_dir, join_path(options.data_dir, ".sync_flock"), *options.seams.clock) {
+      _directory_lock(_data_dir, _flock_path, *options.seams.clock) {
   const auto not_callable = options.get_token ? options.get_token->type_where_not_callable() : std::optional<std::string>("nothing");
   if (not_callable) throw TypeError("get_token must be callable, got " + *not_callable);
   if (options.server_url.empty()) throw ValueError("server_url must not be empty");

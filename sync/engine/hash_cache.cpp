@@ -105,7 +105,7 @@ void HashCache::_persist_hash_cache() {
     dirty_ = false;  // before the entries are taken: one that comes later is then for the next time
   }
   try {
-    _atomic_write(files_, clock_, path_, file_text(copy_entries()));
+    _atomic_write(files_, clock_, path(), file_text(copy_entries()));
   } catch (const Error& error) {
     log_warning("Failed to persist sync hash cache: %s", error.text());
     set_dirty(true);

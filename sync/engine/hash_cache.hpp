@@ -13,6 +13,7 @@
 #include <tsl/robin_map.h>
 
 #include "sync/base/mutex.hpp"
+#include "sync/base/snapshot.hpp"
 #include "sync/base/value.hpp"
 #include "sync/transport/files.hpp"
 
@@ -46,7 +47,8 @@ class HashCache {
   void set_entries(const Document& entries);
   [[nodiscard]] bool dirty() const;
   void set_dirty(bool dirty);
-  [[nodiscard]] const std::string& path() const noexcept { return path_; }
+  [[nodiscard]] std::string path() const { return path_.get(); }
+  void set_path(std::string path) { path_.set(std::move(path)); }
 
   /// The entries of the file at `path`; empty where it is missing or unusable.
   [[nodiscard]] static Document _load_hash_cache(const std::string& path);
@@ -88,7 +90,7 @@ class HashCache {
 
   Files& files_;
   Clock& clock_;
-  const std::string path_;
+  Guarded<std::string> path_;
 
   mutable Mutex mutex_;
   Entries entries_ GUARDED_BY(mutex_);

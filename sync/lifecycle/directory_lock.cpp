@@ -64,8 +64,8 @@ class DirectoryLock::OwnerDrop {
   DirectoryLock& lock_;
 };
 
-DirectoryLock::DirectoryLock(std::string data_dir, std::string flock_path, Clock& clock)
-    : data_dir_(std::move(data_dir)), flock_path_(std::move(flock_path)), clock_(clock) {
+DirectoryLock::DirectoryLock(const Guarded<std::string>& data_dir, const Guarded<std::string>& flock_path, Clock& clock)
+    : data_dir_(data_dir), flock_path_(flock_path), clock_(clock) {
   auto& locks = live_locks();
   const NoFork whole;
   locks.insert(this);
@@ -93,14 +93,17 @@ void DirectoryLock::_release_flock() {
   if (!is_owner()) throw RuntimeError("cannot release un-acquired lock");
   const OwnerDrop drop(*this);
   int unlock_error = 0;
+  int unlink_error = 0;
+  std::string flock_path;
   if (flock_file_) {
     unlock_error = flock_once(flock_file_, LOCK_UN);
     close_flock_file();
-    if (::unlink(flock_path_.c_str()) != 0 && errno != ENOENT) {
-      log_debug("Failed to remove flock file: %s", os_error(errno, flock_path_).text());
-    }
+    flock_path = flock_path_.get();
+    if (::unlink(flock_path.c_str()) != 0 && errno != ENOENT) unlink_error = errno;
   }
   unlock_directory();
+  // Logging runs code of the host, which may end this call: everything is free by now.
+  if (unlink_error != 0) log_debug("Failed to remove flock file: %s", os_error(unlink_error, flock_path).text());
   if (unlock_error != 0) throw os_error(unlock_error);
 }
 
@@ -151,18 +154,19 @@ bool DirectoryLock::is_owner() {
 }
 
 void DirectoryLock::lock_descriptors() {
-  if (!flock_file_) flock_file_ = open_file(flock_path_, O_APPEND | O_RDWR | O_CREAT, 0666);
+  if (!flock_file_) flock_file_ = open_file(flock_path_.get(), O_APPEND | O_RDWR | O_CREAT, 0666);
   if (const int error_number = wait_for_flock(flock_file_); error_number != 0) throw os_error(error_number);
   if (!directory_) lock_directory();
 }
 
 void DirectoryLock::lock_directory() {
-  directory_ = Descriptor(::open(data_dir_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const std::string data_dir = data_dir_.get();
+  directory_ = Descriptor(::open(data_dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   const int error_number = directory_ ? wait_for_flock(directory_) : errno;
   if (error_number == 0) return;
   directory_ = Descriptor();
-  if (!means_not_available(error_number)) throw os_error(error_number, data_dir_);
-  log_debug("Directory lock is not available: %s", os_error(error_number, data_dir_).text());
+  if (!means_not_available(error_number)) throw os_error(error_number, data_dir);
+  log_debug("Directory lock is not available: %s", os_error(error_number, data_dir).text());
 }
 
 int DirectoryLock::wait_for_flock(const Descriptor& descriptor) {
@@ -195,9 +199,13 @@ void DirectoryLock::Hold::release() {
 
 DirectoryLock::Hold::~Hold() {
   try {
-    release();
-  } catch (const Error& error) {
-    log_debug("Failed to release directory lock: %s", error.text());
+    try {
+      release();
+    } catch (const Error& error) {
+      log_debug("Failed to release directory lock: %s", error.text());
+    }
+  } catch (const Error&) {  // logging runs code of the host, and nothing may leave a destructor
+  } catch (const Interrupted&) {
   }
 }
 

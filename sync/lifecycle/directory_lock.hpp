@@ -14,6 +14,7 @@
 
 #include "sync/base/clock.hpp"
 #include "sync/base/descriptor.hpp"
+#include "sync/base/snapshot.hpp"
 
 namespace brackenfen::sync {
 
@@ -21,7 +22,8 @@ namespace brackenfen::sync {
 /// processes.
 class DirectoryLock {
  public:
-  DirectoryLock(std::string data_dir, std::string flock_path, Clock& clock);
+  /// Both paths must outlive the lock; they are read at each use, since a host may assign them.
+  DirectoryLock(const Guarded<std::string>& data_dir, const Guarded<std::string>& flock_path, Clock& clock);
   DirectoryLock(const DirectoryLock&) = delete;
   DirectoryLock& operator=(const DirectoryLock&) = delete;
   ~DirectoryLock();
@@ -68,8 +70,8 @@ class DirectoryLock {
   void unlock_directory() noexcept;
   void close_flock_file();
 
-  const std::string data_dir_;
-  const std::string flock_path_;
+  const Guarded<std::string>& data_dir_;
+  const Guarded<std::string>& flock_path_;
   Clock& clock_;
 
   std::mutex mutex_;  // guards owner_ and depth_; a leaf

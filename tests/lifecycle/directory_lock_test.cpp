@@ -29,7 +29,9 @@ class DirectoryLockTest : public testing::Test {
  protected:
   const TemporaryDirectory directory;
   const std::string file = directory / ".sync_flock";
-  DirectoryLock lock{directory.path(), file, Clock::real()};
+  const Guarded<std::string> data_dir{directory.path()};
+  Guarded<std::string> flock_path{file};
+  DirectoryLock lock{data_dir, flock_path, Clock::real()};
 
   bool free() { return !std::filesystem::exists(file) && Rival(directory.path()).takes(); }
 };
@@ -45,6 +47,16 @@ TEST_F(DirectoryLockTest, holdsFileAndDirectoryUntilReleased) {
   EXPECT_TRUE(free());
 }
 
+TEST_F(DirectoryLockTest, locksTheFileThatIsNamedAtTheTime) {
+  const std::string other = directory / "other";
+  flock_path.set(other);
+  DirectoryLock::Hold hold(lock);
+  EXPECT_FALSE(Rival(other).takes());
+  EXPECT_FALSE(std::filesystem::exists(file));
+  hold.release();
+  EXPECT_FALSE(std::filesystem::exists(other));
+}
+
 TEST_F(DirectoryLockTest, endsWithTheInnerReleaseButStaysOwned) {
   lock._acquire_flock();
   lock._acquire_flock();
@@ -56,7 +68,9 @@ TEST_F(DirectoryLockTest, endsWithTheInnerReleaseButStaysOwned) {
 }
 
 TEST_F(DirectoryLockTest, isFreeAgainAfterAFailure) {
-  DirectoryLock elsewhere(directory / "gone", directory / "gone/.sync_flock", Clock::real());
+  const Guarded<std::string> gone(directory / "gone");
+  const Guarded<std::string> gone_file(directory / "gone/.sync_flock");
+  DirectoryLock elsewhere(gone, gone_file, Clock::real());
   for (int round = 0; round < 2; ++round) error_text(error_class::FileNotFoundError, [&] { return elsewhere._acquire_flock(), 0; });
   std::filesystem::create_directory(directory / "gone");
   std::thread([&elsewhere] { const DirectoryLock::Hold hold(elsewhere); }).join();
@@ -157,7 +171,7 @@ TEST_F(DirectoryLockTest, neverHasTwoHoldersAcrossProcessesAndThreads) {
     children.push_back(::fork());
     ASSERT_NE(children.back(), -1);
     if (children.back() == 0) {
-      DirectoryLock own(directory.path(), file, Clock::real());
+      DirectoryLock own(data_dir, flock_path, Clock::real());
       work(own, shared, ROUNDS);
       ::_exit(0);
     }
