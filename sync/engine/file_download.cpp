@@ -111,7 +111,7 @@ FileDownload::FileDownload(SyncManager& manager, NeighbourSet& neighbours, const
       local_path_(
           _manifest_local_path(options.target_data_dir.value_or("").empty() ? live_data_dir_ : *options.target_data_dir, Value(file_path))),
       max_unchanged_checksum_repairs_(_sync_max_unchanged_checksum_repairs(*seams_.environment)),
-      staging_(local_path_ + ".tmp") {
+      staging_(local_path_ + ".tmp", *seams_.clock) {
   if (const std::string parent = directory_of(local_path_); !parent.empty()) make_directories(parent);
 }
 
@@ -209,8 +209,10 @@ std::uint64_t FileDownload::whole_limit() const {
 
 HttpResult FileDownload::request(std::int64_t range_start, std::int64_t range_end) {
   try {
-    return is_public_ ? manager_._http_get_public(neighbours_, url_, range_start, range_end, &staging_)
-                      : manager_._http_get(neighbours_, url_, range_start, range_end, &staging_);
+    HttpResult response = is_public_ ? manager_._http_get_public(neighbours_, url_, range_start, range_end, &staging_)
+                                     : manager_._http_get(neighbours_, url_, range_start, range_end, &staging_);
+    staging_.flush();
+    return response;
   } catch (const Error&) {
     staging_.roll_back();
     throw;

@@ -7,6 +7,7 @@
 #include <string>
 #include <utility>
 
+#include "sync/base/clock.hpp"
 #include "sync/base/descriptor.hpp"
 #include "sync/base/sha256.hpp"
 #include "sync/transport/http.hpp"
@@ -17,9 +18,10 @@ namespace brackenfen::sync {
 /// file. One thread.
 class StagingFile : public ResponseSink {
  public:
-  explicit StagingFile(std::string path) : path_(std::move(path)) {}
+  StagingFile(std::string path, Clock& clock) : path_(std::move(path)), clock_(clock) {}
 
-  /// Opens the file, creating it empty, and digests what it holds. Links are not followed. Throws os_error.
+  /// Opens the file, creating it empty, and digests what it holds. A link in its place is removed, never
+  /// followed. Throws os_error.
   void open();
   /// Closes the file where it is open. Throws os_error.
   void close() { file_.close(); }
@@ -36,6 +38,8 @@ class StagingFile : public ResponseSink {
   void expect(std::optional<std::uint64_t> partial_limit, std::optional<std::uint64_t> whole_limit);
   /// Bytes of that response that were kept.
   [[nodiscard]] std::uint64_t received_bytes() const noexcept { return received_bytes_; }
+  /// After a response: writes what is still held back. Nothing else may be asked of the file before.
+  void flush();
   /// After a 200: cuts off what an older, longer content left behind it.
   void keep_whole();
   /// Goes back to where expect() was called, after a response that failed midway.
@@ -50,11 +54,14 @@ class StagingFile : public ResponseSink {
   void truncate(std::int64_t size_bytes);
 
   const std::string path_;
+  Clock& clock_;
   Descriptor file_;
   Sha256 digest_;
   std::int64_t size_bytes_ = 0;
 
   // The response being read.
+  std::string block_;  ///< accepted, but neither written nor digested yet
+  std::int64_t held_back_since_ns_ = 0;
   std::optional<std::uint64_t> partial_limit_;
   std::optional<std::uint64_t> whole_limit_;
   std::int64_t start_bytes_ = 0;
