@@ -58,7 +58,7 @@ void bind_events(nb::module_& module) {
       any("event"));
   module.def(
       "_log_sync_event",
-      [](nb::handle event_type, nb::handle file_path, nb::handle count, nb::handle reason, nb::kwargs fields) {
+      [](nb::handle event_type, nb::handle file_path, nb::handle count, nb::handle reason, const nb::kwargs& fields) {
         const auto text = [](nb::handle value) { return value.is_none() ? std::string() : text_form(value); };
         _log_sync_event(text(event_type), text(file_path), loose_value(count), text(reason), document_argument(fields, "fields"));
       },

@@ -43,7 +43,7 @@ void bind_http(nb::module_& module) {
       "_parse_sync_error_body",
       [](nb::handle body) {
         const BytesArgument bytes(body, "body");
-        return to_python(_parse_sync_error_body(bytes.view()));
+        return to_python(detached([&] { return _parse_sync_error_body(bytes.view()); }));
       },
       any("body"));
   module.def(

@@ -126,7 +126,8 @@ void bind_pass(nb::class_<ManagerObject>& bound) {
           "sync", [](const ManagerObject& self) { return sync_result_to_python(self.run([](SyncManager& core) { return core.sync(); })); },
           nb::sig("def sync(self) -> SyncResult"),
           "Bring the directory up to the server's current manifest: compare, download, verify, commit.\n\n"
-          "Waits out a server outage. Raises AuthError, SyncError and its subclasses, or OSError of the local files.")
+          "The requests for the manifest are made once; a file that fails for a passing reason is tried again for as\n"
+          "long as that lasts. Raises AuthError, SyncError and its subclasses, or OSError of the local files.")
       .def("_sync_with_manifest_refresh",
            [](const ManagerObject& self) {
              return sync_result_to_python(self.run([](SyncManager& core) { return core._sync_with_manifest_refresh(); }));
@@ -150,7 +151,11 @@ ManagerObject::ManagerObject(std::shared_ptr<SyncManager> given) : core(std::mov
 ManagerObject::~ManagerObject() {
   const nb::error_scope raised_meanwhile;  // the object may go while an exception is on its way
   instances().forget(core.get());
-  detached([&] { core.reset(); });
+  try {
+    detached([&] { core.reset(); });
+  } catch (nb::python_error& error) {  // a signal came meanwhile: as with any other finaliser
+    error.discard_as_unraisable("SyncManager");
+  }
 }
 
 nb::object manager_to_python(const std::shared_ptr<SyncManager>& core) {

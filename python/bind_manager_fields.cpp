@@ -86,7 +86,9 @@ void add_documents(Bound& bound) {
   add(
       bound, "_hash_cache_dirty", [](SyncManager& core) { return to_python(core.hash_cache().dirty()); },
       [](SyncManager& core, nb::handle value, const char*) { core.hash_cache().set_dirty(truth(value)); });
-  bound.def_prop_ro("_hash_cache_path", [](const ManagerObject& self) { return path_to_python(self.core->hash_cache().path()); });
+  add(
+      bound, "_hash_cache_path", [](SyncManager& core) { return path_to_python(core.hash_cache().path()); },
+      [](SyncManager& core, nb::handle value, const char* name) { core.hash_cache().set_path(path_argument(value, name)); });
 }
 
 void add_collections(Bound& bound) {

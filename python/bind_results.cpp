@@ -104,12 +104,14 @@ void bind_results(nb::module_& module) {
           .release()
           .ptr();
 
-  const nb::object list_factory =
-      nb::module_::import_("dataclasses").attr("field")(nb::arg("default_factory") = nb::handle(reinterpret_cast<PyObject*>(&PyList_Type)));
+  // One for each field: a dataclass writes the name into it.
+  const auto fresh_list = [make_field = nb::module_::import_("dataclasses").attr("field")] {
+    return nb::object(make_field(nb::arg("default_factory") = nb::handle(reinterpret_cast<PyObject*>(&PyList_Type))));
+  };
   nb::list verify_fields;
   verify_fields.append(nb::make_tuple("valid", "bool", true));
-  verify_fields.append(nb::make_tuple("corrupted_files", "list[str]", list_factory));
-  verify_fields.append(nb::make_tuple("missing_files", "list[str]", list_factory));
+  verify_fields.append(nb::make_tuple("corrupted_files", "list[str]", fresh_list()));
+  verify_fields.append(nb::make_tuple("missing_files", "list[str]", fresh_list()));
   static_cast<void>(make_dataclass(module, "VerifyResult", verify_fields, "What an audit of the local files found, by relative path."));
 }
 

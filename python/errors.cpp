@@ -139,6 +139,7 @@ void init_permanent(nb::handle self, nb::object message, nb::object file_path, n
   python_class(error_class::SyncError).attr("__init__")(self, message);
   nb::object number = nb::steal(PyNumber_Long(status.ptr()));
   if (!number.is_valid()) {
+    if (PyErr_ExceptionMatches(PyExc_Exception) == 0) throw nb::python_error();
     PyErr_Clear();
     number = nb::none();
   }
@@ -263,16 +264,20 @@ nb::handle python_class(const ErrorClass& error_class) { return nearest_class(er
 const ErrorClass& describe_class(nb::handle exception_class) {
   for (const Entry& entry : classes().entries)
     if (entry.python_class == exception_class.ptr()) return *entry.error_class;
-  const std::string module = text_form(exception_class.attr("__module__"));
-  const std::string name = text_form(exception_class.attr("__name__"));
+  // Asked of the type itself where possible: a metaclass may answer with anything, or raise.
+  auto* const type = reinterpret_cast<PyTypeObject*>(exception_class.ptr());
+  const nb::object module_name = nb::steal(PyObject_GetAttrString(exception_class.ptr(), "__module__"));
+  if (!module_name.is_valid()) PyErr_Clear();
+  const std::string module = module_name.is_valid() && PyUnicode_Check(module_name.ptr()) ? text_form(module_name) : std::string();
+  const std::string name = text_form(checked(PyType_GetName(type)));
   for (const NamedClass& named : NAMED_CLASSES)
     if (module == named.module && name == named.name) return *named.error_class;
 
   std::vector<const ErrorClass*> parents;
-  for (nb::handle base : nb::borrow<nb::tuple>(exception_class.attr("__bases__"))) {
+  for (nb::handle base : nb::borrow<nb::tuple>(static_cast<PyObject*>(PyType_GetSlot(type, Py_tp_bases)))) {
     if (PyObject_IsSubclass(base.ptr(), PyExc_Exception) == 1) parents.push_back(&describe_class(base));
   }
-  const std::string key = module + "." + text_form(exception_class.attr("__qualname__"));
+  const std::string key = module + "." + text_form(checked(PyType_GetQualName(type)));
   const ErrorClass*& described = classes().described[{key, parents}];
   if (described == nullptr) {
     struct Described {
@@ -289,12 +294,15 @@ Error to_error(nb::handle exception) {
   if (PyErr_GivenExceptionMatches(exception.ptr(), PyExc_Exception) == 0) throw Interrupted{share(exception)};
   const ErrorClass& described = describe_class(exception.type());
   Document fields;
-  if (described.derives_from(error_class::SyncUnavailableError)) {
-    fields = read_fields(exception, UNAVAILABLE_FIELDS);
-  } else if (described.derives_from(error_class::PermanentDownloadError)) {
-    fields = read_fields(exception, PERMANENT_FIELDS);
-  } else if (described.derives_from(error_class::OSError)) {
-    fields = read_fields(exception, OS_FIELDS);
+  try {
+    if (described.derives_from(error_class::SyncUnavailableError)) {
+      fields = read_fields(exception, UNAVAILABLE_FIELDS);
+    } else if (described.derives_from(error_class::PermanentDownloadError)) {
+      fields = read_fields(exception, PERMANENT_FIELDS);
+    } else if (described.derives_from(error_class::OSError)) {
+      fields = read_fields(exception, OS_FIELDS);
+    }
+  } catch (const nb::python_error&) {  // a field that cannot be read does not take the error's place
   }
   return Error(described, safe_text(exception), std::move(fields), std::make_shared<const PythonOrigin>(exception));
 }

@@ -32,7 +32,8 @@ void install();
 /// True on the thread that runs the end of the interpreter, which must never be parked.
 [[nodiscard]] bool on_exit_thread() noexcept;
 
-/// Called on every Released that gives the lock up, just before: for what is cheaper to learn with it.
+/// Called on every Released that gives the lock up, just before: for what is cheaper to learn with it. What
+/// it throws, the constructor throws.
 void set_before_release(void (*hook)()) noexcept;
 
 // The three steps. The interpreter lock is held on entry and given up while they wait.

@@ -49,14 +49,12 @@ class LoggingSink : public LogSink {
   explicit LoggingSink(nb::object logger) : logger_(std::move(logger)) {}
 
   bool enabled(LogLevel level) override {
-    if (attached()) {
-      refresh();
-    } else if (now_ns() - refreshed_ns_.load(std::memory_order_relaxed) > LONGEST_BELIEF_NS) {
+    if (attached() || now_ns() - refreshed_ns_.load(std::memory_order_relaxed) > LONGEST_BELIEF_NS) {
       try {
-        const Attached guard;
-        refresh();
-      } catch (const Interrupted&) {
-        return false;
+        call_python([this] { refresh(); });
+      } catch (const Interrupted& interrupted) {
+        if (interrupted.origin) throw;
+        return false;  // the interpreter is going
       }
     }
     return static_cast<int>(level) >= threshold_.load(std::memory_order_relaxed);
@@ -78,8 +76,9 @@ class LoggingSink : public LogSink {
     });
   }
 
-  /// Attached threads only.
-  void refresh() noexcept {
+  /// Attached threads only. Python code runs here, and with it the handler of a signal that has just come:
+  /// throws what that raises.
+  void refresh() {
     int threshold = OFF;
     try {
       const nb::object is_enabled_for = logger_.get().attr("isEnabledFor");
@@ -89,6 +88,7 @@ class LoggingSink : public LogSink {
         break;
       }
     } catch (nb::python_error& error) {
+      if (!error.matches(PyExc_Exception)) throw;
       error.discard_as_unraisable("logging");
     }
     threshold_.store(threshold, std::memory_order_relaxed);

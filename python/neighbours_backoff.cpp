@@ -140,15 +140,31 @@ PyObject* builtin_namespace = nullptr;  // owned for ever
 /// Stateless: made anew for every delay and every sleep.
 struct Policy {};
 
+/// While the running thread asks the host's module on behalf of a caller. A module that in turn hands on to the
+/// functions below means the built-in provider, and must not be asked again.
+class Forwarding {
+ public:
+  Forwarding() { active_ = true; }
+  Forwarding(const Forwarding&) = delete;
+  Forwarding& operator=(const Forwarding&) = delete;
+  ~Forwarding() { active_ = false; }
+  [[nodiscard]] static nb::object target() { return active_ ? nb::object() : host_module(); }
+
+ private:
+  static inline thread_local bool active_ = false;
+};
+
 nb::object backoff_context(nb::kwargs fields) {
-  const nb::object module = host_module();
-  if (module.is_valid()) return module.attr("backoff_context")(**fields);
+  if (const nb::object module = Forwarding::target(); module.is_valid()) {
+    const Forwarding forwarding;
+    return module.attr("backoff_context")(**fields);
+  }
   return nb::cast(new ContextManager(fields), nb::rv_policy::take_ownership);
 }
 
 nb::dict current_context() {
-  const nb::object module = host_module();
-  if (module.is_valid()) {
+  if (const nb::object module = Forwarding::target(); module.is_valid()) {
+    const Forwarding forwarding;
     nb::dict copy;
     copy.update(nb::object(module.attr("current_context")()));
     return copy;

@@ -26,13 +26,18 @@ class HostTransportSecurity : public TransportSecurity {
 
 class HostAuth : public Auth {
  public:
-  explicit HostAuth(nb::handle module) : class_(nb::object(module.attr("AuthError"))), described_(describe_class(class_.get())) {}
+  explicit HostAuth(nb::handle module) : class_(error_class_of(module)), described_(describe_class(class_.get())) {}
   const ErrorClass& auth_error_class() const override { return described_; }
   Error auth_error(std::string text) const override {
     return call_python([&] { return to_error(nb::object(class_.get()(to_python(text)))); });
   }
 
  private:
+  static nb::object error_class_of(nb::handle module) {
+    nb::object found = module.attr("AuthError");
+    if (PyExceptionClass_Check(found.ptr()) == 0) throw TypeError("brackenfen.auth.AuthError must be an exception class");
+    return found;
+  }
   PyRef class_;
   const ErrorClass& described_;
 };

@@ -5,8 +5,10 @@
 namespace brackenfen::sync::python {
 
 nb::object NeighbourModule::loaded() const {
-  PyObject* const found = PyDict_GetItemString(PyImport_GetModuleDict(), full_name_.c_str());
-  return found == nullptr || found == Py_None ? nb::object() : nb::borrow(found);
+  // Waits for a thread that is still importing it.
+  nb::object found = nb::steal(PyImport_GetModule(to_python(full_name_).ptr()));
+  if (!found.is_valid() && PyErr_Occurred() != nullptr) throw nb::python_error();
+  return !found.is_valid() || found.is_none() ? nb::object() : found;
 }
 
 nb::object NeighbourModule::find() {

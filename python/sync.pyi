@@ -8,7 +8,7 @@ import os
 from collections.abc import Callable, Mapping
 from contextlib import AbstractContextManager
 from dataclasses import dataclass, field
-from typing import Any, Protocol, final
+from typing import Any, Protocol, final, type_check_only
 
 __version__: str
 """The version in the user agent."""
@@ -16,16 +16,18 @@ __version__: str
 CURRENT_PLATFORM: str
 """The running platform, such as "linux_x86_64"."""
 
-type Path = str | os.PathLike[str]
-type Document = dict[str, Any]
+type _Path = str | os.PathLike[str]
+type _Document = dict[str, Any]
 """A JSON object: str keys in insertion order; values are dict, list, str, int of any size, float, bool and None."""
 
+@type_check_only
 class TokenSource(Protocol):
     """Where bearer tokens come from: any callable without arguments."""
 
     def __call__(self) -> str:
         """Return a fresh token. Called once for each request, on the thread that makes it."""
 
+@type_check_only
 class RuntimeFreshnessGuard(Protocol):
     """Told of every file that lands in the live directory."""
 
@@ -162,11 +164,11 @@ class Manifest:
     def from_dict(data: Mapping[str, Any]) -> Manifest:
         """The same as Manifest(data)."""
 
-    def to_dict(self) -> Document:
+    def to_dict(self) -> _Document:
         """The whole sanitised document."""
 
     @property
-    def files(self) -> Document:
+    def files(self) -> _Document:
         """Relative path to file entry."""
 
     @property
@@ -186,10 +188,10 @@ class Manifest:
     @property
     def functions(self) -> str | None: ...
 
-    found_signals: Document
+    found_signals: _Document
     """Entity id to membership entry. Empty until a signals index is applied, as are the two below."""
-    found_strategies: Document
-    useful_signals: Document
+    found_strategies: _Document
+    useful_signals: _Document
 
 # ---- manager ------------------------------------------------------------------------------------------------
 
@@ -200,7 +202,7 @@ class SyncManager:
 
     def __init__(
         self,
-        data_dir: Path,
+        data_dir: _Path,
         server_url: str,
         get_token: TokenSource | Callable[[], str] | None = None,
         poll_interval_s: float = 5.0,
@@ -214,7 +216,7 @@ class SyncManager:
 
     @staticmethod
     def get_or_create(
-        data_dir: Path,
+        data_dir: _Path,
         server_url: str,
         get_token: TokenSource | Callable[[], str],
         poll_interval_s: float = 5.0,
@@ -232,9 +234,10 @@ class SyncManager:
     def sync(self) -> SyncResult:
         """Bring the directory up to the server's current manifest: compare, download, verify, commit.
 
-        Blocks through a server outage for as long as it lasts; Ctrl-C and a `stop_requested` of the back-off
-        context end the wait. Raises AuthError, SyncError and its subclasses, OSError of the local files, and
-        whatever the token source or the guard raises.
+        The requests for the manifest are made once: SyncUnavailableError where the server does not answer them.
+        A file that fails for a passing reason is tried again for as long as that lasts; Ctrl-C and a
+        `stop_requested` of the back-off context end the wait. Raises AuthError, SyncError and its subclasses,
+        OSError of the local files, and whatever the token source or the guard raises.
         """
 
     def get_manifest(self) -> Manifest | None:

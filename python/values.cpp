@@ -18,6 +18,14 @@ std::string class_name(nb::handle object) { return text_form(object.type().attr(
   throw TypeError(std::string(name) + " must be " + expected + ", not " + class_name(object));
 }
 
+/// The same after a conversion that failed in Python. What else an object's own conversion raised goes on.
+[[noreturn]] void refuse_or_raise(const char* name, const std::string& expected, nb::handle object) {
+  const nb::python_error raised;
+  for (PyObject* unconvertible : {PyExc_TypeError, PyExc_OverflowError, PyExc_BufferError})
+    if (raised.matches(unconvertible)) refuse(name, expected, object);
+  throw nb::python_error(raised);
+}
+
 /// Enters one level of recursion, as Python counts them.
 class Level {
  public:
@@ -276,10 +284,7 @@ std::string text_argument(nb::handle object, const char* name) {
 
 std::string path_argument(nb::handle object, const char* name) {
   nb::object path = nb::steal(PyOS_FSPath(object.ptr()));
-  if (!path.is_valid()) {
-    PyErr_Clear();
-    refuse(name, "a str or os.PathLike", object);
-  }
+  if (!path.is_valid()) refuse_or_raise(name, "a str or os.PathLike", object);
   if (PyUnicode_Check(path.ptr())) path = checked(PyUnicode_EncodeFSDefault(path.ptr()));
   std::string bytes(PyBytes_AsString(path.ptr()), static_cast<std::size_t>(PyBytes_Size(path.ptr())));
   if (bytes.find('\0') != std::string::npos) throw ValueError(std::string(name) + " holds a null byte");
@@ -288,10 +293,7 @@ std::string path_argument(nb::handle object, const char* name) {
 
 std::int64_t integer_argument(nb::handle object, const char* name) {
   const nb::object index = nb::steal(PyNumber_Index(object.ptr()));
-  if (!index.is_valid()) {
-    PyErr_Clear();
-    refuse(name, "an int", object);
-  }
+  if (!index.is_valid()) refuse_or_raise(name, "an int", object);
   int overflow = 0;
   const long long number = PyLong_AsLongLongAndOverflow(index.ptr(), &overflow);
   if (overflow != 0) throw OverflowError(std::string(name) + " does not fit 64 bits");
@@ -300,10 +302,7 @@ std::int64_t integer_argument(nb::handle object, const char* name) {
 
 double real_argument(nb::handle object, const char* name) {
   const double number = PyFloat_AsDouble(object.ptr());
-  if (number == -1.0 && PyErr_Occurred() != nullptr) {
-    PyErr_Clear();
-    refuse(name, "a float", object);
-  }
+  if (number == -1.0 && PyErr_Occurred() != nullptr) refuse_or_raise(name, "a float", object);
   return number;
 }
 
@@ -322,10 +321,7 @@ template <typename Take>
 void each(nb::handle iterable, const char* name, Take take) {
   if (iterable.is_none()) return;
   const nb::object iterator = nb::steal(PyObject_GetIter(iterable.ptr()));
-  if (!iterator.is_valid()) {
-    PyErr_Clear();
-    refuse(name, "an iterable", iterable);
-  }
+  if (!iterator.is_valid()) refuse_or_raise(name, "an iterable", iterable);
   while (PyObject* element = PyIter_Next(iterator.ptr())) take(nb::steal(element));
   if (PyErr_Occurred() != nullptr) throw nb::python_error();
 }
@@ -350,17 +346,18 @@ std::set<std::string> text_set_argument(nb::handle iterable, const char* name) {
 }
 
 BytesArgument::BytesArgument(nb::handle object, const char* name) {
-  if (PyObject_GetBuffer(object.ptr(), &buffer_, PyBUF_SIMPLE) != 0) {
-    PyErr_Clear();
-    refuse(name, "bytes-like", object);
-  }
+  if (PyObject_GetBuffer(object.ptr(), &buffer_, PyBUF_SIMPLE) != 0) refuse_or_raise(name, "bytes-like", object);
 }
 
 nb::object to_python(const Value& value, const Origins* origins) { return Writer(origins).write(value); }
 nb::object to_python(const Document& document, const Origins* origins) { return Writer(origins).write(document); }
 
 nb::object to_python(std::string_view text) {
-  return checked(PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "surrogatepass"));
+  const auto size = static_cast<Py_ssize_t>(text.size());
+  nb::object decoded = nb::steal(PyUnicode_DecodeUTF8(text.data(), size, "surrogatepass"));
+  if (decoded.is_valid() || PyErr_ExceptionMatches(PyExc_UnicodeDecodeError) == 0) return checked(decoded.release().ptr());
+  PyErr_Clear();
+  return checked(PyUnicode_DecodeUTF8(text.data(), size, "surrogateescape"));
 }
 
 nb::object path_to_python(std::string_view path) {

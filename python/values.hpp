@@ -71,6 +71,8 @@ class BytesArgument {
 
 [[nodiscard]] nb::object to_python(const Value& value, const Origins* origins = nullptr);
 [[nodiscard]] nb::object to_python(const Document& document, const Origins* origins = nullptr);
+/// Lone surrogates are kept. Bytes that are no UTF-8, as in a message that names a path, come as os.fsdecode
+/// gives them.
 [[nodiscard]] nb::object to_python(std::string_view text);
 [[nodiscard]] inline nb::object to_python(const std::string& text) { return to_python(std::string_view(text)); }
 [[nodiscard]] inline nb::object to_python(const Text& text) { return to_python(text.view()); }

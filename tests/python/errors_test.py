@@ -94,11 +94,29 @@ class BadText(Exception):
         raise RuntimeError("no text")
 
 
+class Meta(type):
+    def __getattribute__(cls, name: str) -> Any:
+        if name in ("__module__", "__bases__"):
+            raise RuntimeError(name)
+        return super().__getattribute__(name)
+
+
+class Evasive(Exception, metaclass=Meta):
+    pass
+
+
+def with_unreadable_field() -> sync.SyncUnavailableError:
+    error = sync.SyncUnavailableError(url="u")
+    error.dependency = BadText()
+    return error
+
+
 @pytest.mark.parametrize(
     "error",
     [
         ValueError("v"), HostTimeout("t"), ConnectionResetError(104, "reset"), sync.EraError("e"), sync.StateError("s"), BadText(),
         sync.SyncUnavailableError(url="u", retryable=False), KeyboardInterrupt(), SystemExit(3), GeneratorExit(), BaseException("b"),
+        Evasive("e"), with_unreadable_field(),
     ],
     ids=lambda error: type(error).__name__,
 )  # fmt: skip

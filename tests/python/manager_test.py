@@ -23,6 +23,7 @@ def open_manager(directory: Any, url: Any = "http://127.0.0.1:1", get_token: Any
         ({"url": "", "directory": "/missing"}, ValueError, "server_url must not be empty"),
         ({"url": "http://example.com", "directory": "/missing"}, ValueError, None),
         ({"directory": "/missing/dir"}, FileNotFoundError, "data_dir does not exist: /missing/dir"),
+        ({"directory": "/missing/\udcff"}, FileNotFoundError, "data_dir does not exist: /missing/\udcff"),
         ({"poll_interval_s": "x"}, TypeError, None),
     ],
 )
@@ -62,7 +63,7 @@ def test_fields_read_and_assign(manager: sync.SyncManager, tmp_path: pathlib.Pat
     changed = {
         "_data_dir": "/x", "_server_url": "http://localhost", "_poll_interval": 0.5, "runtime_freshness_guard": guard, "_manifest": sync.Manifest({}),
         "_running": True, "_consumer_lifecycle_started": True, "_hash_cache_dirty": True, "_missing_found_pnl_paths": {"a", "b"},
-        "_hash_cache": {"f": {"sha256": "s", "size_bytes": 1, "mtime_ns": 2, "ctime_ns": 3, "inode": 4}},
+        "_hash_cache_path": "/h", "_hash_cache": {"f": {"sha256": "s", "size_bytes": 1, "mtime_ns": 2, "ctime_ns": 3, "inode": 4}},
         "_missing_found_pnl_manifest_version": 3, "_consumer_count_path": "/y", "_consumer_count": 2, "_in_transition": True,
         "_repair_queue": ["a", "a"], "_status_message": "s", "_active_rotation_state": state, "_prefetched_feature_era_id": 7,
         "_prefetched_feature_relative_paths": {"p"}, "_vocabulary": {"u": {"a": [1]}}, "_flock_path": "/z", "_get_token": token,
@@ -75,6 +76,16 @@ def test_fields_read_and_assign(manager: sync.SyncManager, tmp_path: pathlib.Pat
     assert manager.status() == "s" and manager.get_manifest() is changed["_manifest"]
     with pytest.raises(TypeError, match="^_poll_interval "):
         manager._poll_interval = "x"
+
+
+def test_assigned_paths_are_the_ones_used(manager: sync.SyncManager, tmp_path: pathlib.Path) -> None:
+    manager._flock_path, manager._hash_cache_path = tmp_path / "lock", str(tmp_path / "cache.json")
+    manager._acquire_flock()
+    assert (tmp_path / "lock").exists()
+    manager._release_flock()
+    manager._hash_cache_dirty = True
+    manager._persist_hash_cache()
+    assert [path.name for path in sorted(tmp_path.rglob("*"))] == ["cache.json", "data"]
 
 
 def test_restoring_from_disk(tmp_path: pathlib.Path, records: pytest.LogCaptureFixture) -> None:

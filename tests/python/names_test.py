@@ -112,6 +112,8 @@ def test_the_stub_tells_the_truth() -> None:
     protocols = {"TokenSource", "RuntimeFreshnessGuard"}
     listed = {node.name: node for node in tree.body if isinstance(node, (ast.ClassDef, ast.FunctionDef))}
     assigned = {node.target.id for node in tree.body if isinstance(node, ast.AnnAssign) and isinstance(node.target, ast.Name)}
+    aliases = {node.name.id for node in tree.body if isinstance(node, ast.TypeAlias)}
+    assert all(name.startswith("_") for name in aliases)  # a public one would be a name that cannot be imported
     missing = [name for name in (listed.keys() | assigned) - protocols if not hasattr(sync, name)]
     public = {name for name in vars(sync) if not name.startswith("_")}
     assert missing == [] and public - listed.keys() - assigned == set()

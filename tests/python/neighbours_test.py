@@ -49,6 +49,12 @@ def test_errors_of_the_hosts_auth(neighbour: Install, manager: sync.SyncManager,
     with pytest.raises(AuthError, match="^Authentication failed: HTTP 401$"):
         manager.sync()
     assert server.paths() == ["/data/manifest/version"]  # it is no failure of the hint that the pass gets over
+    neighbour("auth", AuthError=ValueError)
+    with pytest.raises(ValueError, match="^Authentication failed: HTTP 401$"):
+        manager.sync()
+    neighbour("auth", AuthError=lambda text: ValueError(text))
+    with pytest.raises(TypeError, match="AuthError must be an exception class"):
+        manager.sync()
 
 
 def test_which_failures_of_an_import_count_as_absent(monkeypatch: pytest.MonkeyPatch, neighbour: Install) -> None:
@@ -145,6 +151,15 @@ def test_backoff_of_the_host_at_every_use(neighbour: Install, monkeypatch: pytes
     assert sync._sync_backoff_module() is builtin  # the one bound first
 
 
+def test_backoff_of_a_host_that_hands_on_to_the_built_in_one(neighbour: Install) -> None:
+    builtin = sync._sync_backoff_module()
+    for context in (builtin.backoff_context, sync.backoff_context, lambda **fields: sync.backoff_context(**fields)):
+        neighbour("sync_backoff", **{**vars(builtin), "backoff_context": context, "current_context": sync.current_context})
+        with sync.backoff_context(surface="mine"):
+            assert sync.current_context() == {"surface": "mine"} == sync._current_sync_backoff_context()
+        assert sync.current_context() == {}
+
+
 def test_builtin_backoff_context() -> None:
     calls: list[int] = []
     other: list[dict[str, Any]] = []
@@ -175,6 +190,16 @@ def test_events_in_the_log(records: pytest.LogCaptureFixture) -> None:
     assert first.brackenfen_sync_event == event  # type: ignore[attr-defined]
     assert first.args == ('{"bytes_existing": 5, "count": 2, "event_type": "range_resume", "file": "f", "note": "\\udcff", "reason": ""}',)
     assert second.levelno == logging.WARNING
+
+
+def test_an_interrupt_that_comes_while_the_level_is_asked_for(monkeypatch: pytest.MonkeyPatch, manager: sync.SyncManager) -> None:
+    def interrupted(_: int) -> bool:
+        raise KeyboardInterrupt
+
+    monkeypatch.setattr(logging.getLogger("brackenfen.sync"), "isEnabledFor", interrupted)
+    for call in (manager.sync, lambda: sync._log_sync_event("http_retry", "f", 1, "")):
+        with pytest.raises(KeyboardInterrupt):
+            call()
 
 
 def test_a_level_that_is_off_is_not_formatted_and_a_failing_handler_is_heard(records: pytest.LogCaptureFixture) -> None:

@@ -154,3 +154,30 @@ def test_paths_bytes_and_iterables(tmp_path: pathlib.Path) -> None:
 def test_an_argument_of_the_wrong_type_is_named(call: Any, name: str) -> None:
     with pytest.raises(TypeError, match=f"^{name} "):
         call()
+
+
+@pytest.mark.parametrize("raised", [KeyboardInterrupt, ZeroDivisionError])
+def test_what_a_conversion_of_the_host_raises_goes_on(raised: type[BaseException]) -> None:
+    def fail(_: object) -> Any:
+        raise raised
+
+    hostile: Any = type("Hostile", (), dict.fromkeys(("__fspath__", "__index__", "__float__", "__iter__", "__int__"), fail))()
+    for call in (
+        lambda: sync._sync_progress_path(hostile),
+        lambda: sync._sha256_file("a", hostile),
+        lambda: sync._sync_parallel_timeout_description(hostile),
+        lambda: sync._drop_missing_found_pnl_paths({}, hostile),
+    ):
+        with pytest.raises(raised):
+            call()
+    if not issubclass(raised, Exception):
+        with pytest.raises(raised):
+            sync.PermanentDownloadError("m", status=hostile)
+
+
+def test_result_records() -> None:
+    made = sync.VerifyResult(valid=False, corrupted_files=["a"], missing_files=["b"])
+    assert repr(made) == "VerifyResult(valid=False, corrupted_files=['a'], missing_files=['b'])"
+    assert made != sync.VerifyResult() == sync.VerifyResult(True, [], [])
+    assert sync.VerifyResult().corrupted_files is not sync.VerifyResult().corrupted_files
+    assert sync.SyncResult(bytes_downloaded=3) == sync.SyncResult(0, 0, 3) != sync.SyncResult()
