@@ -14,11 +14,19 @@ import os
 import sys
 import threading
 import time
-from collections import Counter
+from collections import Counter, deque
 from pathlib import Path
 from typing import Any
 
 from brackenfen import sync
+
+
+RATE_WINDOW_SECONDS = 1.0
+REASONS = {
+    "partial_transfer": "the connection broke off",
+    "sha256_mismatch": "the bytes are not the ones promised",
+    "SyncUnavailableError": "the server is not available",
+}
 
 
 def megabytes(count: float) -> str:
@@ -34,9 +42,7 @@ class Progress(threading.Thread):
         self._finished = threading.Event()
         self._live = sys.stdout.isatty()
         self._interval = 0.1 if self._live else 0.5
-        self._began = time.monotonic()
-        self._last_bytes = 0
-        self._last_time = self._began
+        self._samples: deque[tuple[float, int]] = deque()  # time and bytes on disk, of the last second
         self._files: dict[str, Any] = {}
         self._landed: set[str] = set()
         self._landed_bytes = 0
@@ -68,15 +74,22 @@ class Progress(threading.Thread):
             return ""
         self._files = progress.get("files", self._files)
         done, in_flight = self._sizes()
-        now = time.monotonic()
-        rate = max(0, in_flight - self._last_bytes) / max(now - self._last_time, 1e-9)
-        self._last_bytes, self._last_time = in_flight, now
         total = progress.get("total_bytes", 0)
-        line = f"{done:>4}/{len(self._files)} files  {megabytes(in_flight)} of {megabytes(total)}  {megabytes(rate)}/s"
+        line = f"{done:>4}/{len(self._files)} files  {megabytes(in_flight)} of {megabytes(total)}  {megabytes(self._rate(in_flight))}/s"
+        # The file tells of the latest wait also when that is over.
         backoff = progress.get("backoff")
-        if progress.get("phase") == "backoff" and backoff:
-            line += f"  (one file waits: attempt {backoff['attempt']}, {backoff['wait_seconds']:.1f} s, {backoff['reason']})"
+        if backoff and time.time() < progress["updated_at"] + backoff["wait_seconds"]:
+            line += f"  (waiting {backoff['wait_seconds']:.1f} s before attempt {backoff['attempt'] + 1})"
         return line
+
+    def _rate(self, in_flight: int) -> float:
+        """Bytes per second since the oldest sample; what an earlier run left is there from the first."""
+        now = time.monotonic()
+        while self._samples and self._samples[0][0] < now - RATE_WINDOW_SECONDS:
+            self._samples.popleft()
+        self._samples.append((now, in_flight))
+        then, before = self._samples[0]
+        return max(0, in_flight - before) / (now - then) if now > then else 0.0
 
     def _sizes(self) -> tuple[int, int]:
         """Files that have landed, and the bytes on disk, those of staging files included."""
@@ -105,16 +118,22 @@ class Events(logging.Handler):
     def __init__(self, progress: Progress) -> None:
         super().__init__(logging.INFO)
         self._progress = progress
+        self._quiet_until = 0.0
+        self._resumed: set[tuple[str, int]] = set()
 
     def emit(self, record: logging.LogRecord) -> None:
         event = getattr(record, "brackenfen_sync_event", None)
         if event is None:
             if record.levelno >= logging.WARNING:
                 self._progress.note(f"{record.levelname.lower()}: {record.getMessage()}")
-        elif event["event_type"] == "range_resume":
+        elif event["event_type"] == "range_resume" and (event["file"], event["bytes_existing"]) not in self._resumed:
+            self._resumed.add((event["file"], event["bytes_existing"]))  # each attempt of an outage says it again
             self._progress.note(f"resuming {event['file']}: {event['bytes_existing']:,} bytes are already here")
-        elif event["event_type"] == "sync_backoff_wait":
-            self._progress.note(f"waiting {event['wait_seconds']:.1f} s, then attempt {event['attempt'] + 1}: {event['reason']}")
+        elif event["event_type"] == "sync_backoff_wait" and time.monotonic() >= self._quiet_until:
+            # Every file in flight meets an outage: one line for a round of waits says it all.
+            self._quiet_until = time.monotonic() + event["wait_seconds"]
+            reason = REASONS.get(event["reason"], event["reason"])
+            self._progress.note(f"{event['file']}: {reason}; attempt {event['attempt'] + 1} follows in {event['wait_seconds']:.1f} s")
 
 
 def print_summary(directory: Path, result: sync.SyncResult, seconds: float) -> None:
@@ -146,7 +165,6 @@ def main() -> int:
     parser.add_argument("directory", type=Path)
     parser.add_argument("server_url")
     options = parser.parse_args()
-    options.directory.mkdir(parents=True, exist_ok=True)
 
     progress = Progress(options.directory)
     logger = logging.getLogger("brackenfen.sync")
@@ -156,17 +174,19 @@ def main() -> int:
 
     token = os.environ.get("BRACKENFEN_TOKEN", "")
     try:
+        options.directory.mkdir(parents=True, exist_ok=True)
         manager = sync.SyncManager.get_or_create(str(options.directory), options.server_url, lambda: token)
         progress.start()
         began = time.monotonic()
         try:
-            result = manager.sync()
+            with sync.backoff_context(data_dir=str(options.directory), surface="host"):  # so that waits show in sync-progress.json
+                result = manager.sync()
         finally:
             progress.stop()
     except KeyboardInterrupt:
         print("stopped; what has landed stays, and the next run resumes the rest", file=sys.stderr)
         return 130
-    except (sync.SyncError, sync.AuthError, OSError, ValueError) as error:
+    except Exception as error:  # whatever it is, a person reads it here; a larger host would tell classes apart
         print(f"{type(error).__name__}: {error}", file=sys.stderr)
         return 1
     print_summary(options.directory, result, time.monotonic() - began)

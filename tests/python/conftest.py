@@ -137,13 +137,31 @@ def neighbour(monkeypatch: pytest.MonkeyPatch) -> Callable[..., types.ModuleType
     return install
 
 
+@pytest.fixture
+def short_waits(neighbour: Callable[..., types.ModuleType]) -> None:
+    """A host's back-off that waits for milliseconds, whatever the attempt."""
+    builtin = sync._sync_backoff_module()
+
+    class Policy:
+        def delay_seconds(self, attempt_index: int) -> float:
+            return 0.02
+
+        def sleep(self, wait_seconds: float, *, sleep: Callable[[float], None], stop_requested: Callable[[], bool]) -> bool:
+            sleep(wait_seconds)
+            return not stop_requested()
+
+    neighbour("sync_backoff", **{**vars(builtin), "SyncBackoffPolicy": Policy})
+
+
 class Program:
-    """A fresh interpreter running a program; what it prints, how it ends and how long that takes."""
+    """A fresh interpreter running a program; what it prints, how it ends and how long that takes. Its standard input
+    ends with `finish`."""
 
     def __init__(self, source: str, *arguments: str) -> None:
         self.process = subprocess.Popen(
-            [sys.executable, "-c", source, *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, bufsize=1
-        )
+            [sys.executable, "-c", source, *arguments],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, bufsize=1,
+        )  # fmt: skip
 
     def wait_for(self, line: str) -> None:
         assert self.process.stdout is not None

@@ -172,7 +172,7 @@ def test_fault_file_steers_a_running_server(serve, tree, tmp_path):
     assert peer.get("/data/manifest").status == 200
 
 
-def test_refused_port_comes_back(serve, tree, tmp_path):
+def test_refused_port_comes_back(serve, tree, tmp_path, wait_until):
     steering = tmp_path / "faults"
     peer = serve(tree, "--fault-file", steering)
     steering.write_text("*:refuse\n")
@@ -188,14 +188,7 @@ def accepts(port):
     return False
 
 
-def wait_until(condition):
-    deadline = time.monotonic() + 10
-    while not condition():
-        assert time.monotonic() < deadline
-        time.sleep(0.01)
-
-
-def test_outage_window_opens_and_closes(serve, tree):
+def test_outage_window_opens_and_closes(serve, tree, wait_until):
     peer = serve(tree, "--fault", "*:outage=0+0.5", "--fault", "/era/current:status=410,outage=1000+1")
     assert peer.get("/era/current").status == 503
     wait_until(lambda: peer.get("/era/current").status == 200)
