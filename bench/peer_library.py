@@ -4,9 +4,9 @@ from __future__ import annotations
 
 import sys
 
-from brackenfen import sync
+from brackenfen.sync import SyncManager
 
-manager = sync.SyncManager.get_or_create(sys.argv[2], sys.argv[1], lambda: "bench")
+manager = SyncManager.get_or_create(sys.argv[2], sys.argv[1], lambda: "bench")
 result = manager.sync()
 if result.bytes_downloaded == 0:
     raise SystemExit("nothing was downloaded")

@@ -12,6 +12,7 @@ import json
 import statistics
 import subprocess
 import sys
+from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
@@ -115,7 +116,7 @@ def main() -> int:
     parser.add_argument("names", nargs="*", metavar="NAME")
     parser.add_argument("--rounds", type=int, default=7, help="interleaved rounds of the network benchmarks")
     options = parser.parse_args()
-    benches = {
+    benches: dict[str, Callable[[], bool]] = {
         "pass": bench_pass,
         "manifest": bench_manifest,
         "hash": bench_hash,
