@@ -11,35 +11,16 @@ TEST(FormatMessage, followsPythonsLogging) {
     std::vector<Value> arguments;
     const char* message;
   } rows[] = {
-      {"plain", {}, "plain"},
       {"%s and %r", {"it's", "it's"}, "it's and \"it's\""},
       {"%s %s", {nullptr, List{1, "a"}}, "None [1, 'a']"},
       {"%d/%i of %d", {3, 4.9, true}, "3/4 of 1"},
       {"%d", {Value::integer_from_decimal("123456789012345678901234567890")}, "123456789012345678901234567890"},
       {"%.1fs %05.2f %g %x", {1.25, 3.14159, 0.5, 255}, "1.2s 03.14 0.5 ff"},
-      {"%5s|%-5s|", {"ab", "cd"}, "   ab|cd   |"},
       {"100%% of %s", {"x"}, "100% of x"},
-      {"%d", {"no number"}, "no number"},
       {"%s %s", {"one"}, "one %s"},
       {"50%", {}, "50%"},
   };
   for (const auto& row : rows) EXPECT_EQ(format_message({LogLevel::Info, row.format, row.arguments, nullptr}), row.message);
-}
-
-class RecordingSink : public LogSink {
- public:
-  bool enabled(LogLevel level) override { return level >= LogLevel::Info; }
-  void write(const LogRecord& record) override { messages.push_back(format_message(record)); }
-  std::vector<std::string> messages;
-};
-
-TEST(Log, asksTheSinkBeforeAnythingElse) {
-  RecordingSink sink;
-  LogSink* const previous = set_log_sink(&sink);
-  log_debug("hidden %s", 1);
-  log_warning("seen %s %s", "text", 2);
-  EXPECT_EQ(set_log_sink(previous), &sink);
-  EXPECT_EQ(sink.messages, std::vector<std::string>{"seen text 2"});
 }
 
 TEST(Log, defaultSinkWritesWarningsToStandardError) {

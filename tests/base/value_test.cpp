@@ -5,7 +5,6 @@
 #include <cmath>
 #include <limits>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "sync/base/json.hpp"
@@ -47,12 +46,6 @@ TEST(Value, comparesNumbersAsPythonDoes) {
   }
 }
 
-TEST(Value, keepsOneRepresentationOfAnInteger) {
-  EXPECT_EQ(big("-9223372036854775808").if_integer(), std::numeric_limits<std::int64_t>::min());
-  EXPECT_EQ(big("-0").if_integer(), 0);
-  EXPECT_EQ(big("00009223372036854775808").if_big_integer(), "9223372036854775808");
-}
-
 TEST(Value, containersCompareByIdentityFirst) {
   const Value nan = std::nan("");
   EXPECT_FALSE(nan == nan);
@@ -76,14 +69,6 @@ TEST(Value, assignmentFromWithinItselfIsSafe) {
   EXPECT_EQ(value, Value(List{"inner"}));
   value = Value((*value.if_list())[0]);
   EXPECT_EQ(value.if_text(), "inner");
-}
-
-TEST(Text, keepsEveryByte) {
-  const std::string bytes("a\0\xED\xA0\x80", 5);
-  const Text text(bytes);
-  EXPECT_EQ(text.view(), bytes);
-  EXPECT_EQ(Text("").view(), "");
-  EXPECT_LT(Text("z"), Text("é"));
 }
 
 TEST(Document, repeatedKeysKeepTheFirstPositionAndTheLastValue) {
@@ -137,20 +122,6 @@ TEST(Value, nestingOfAnyDepthIsDestroyedWithoutRecursion) {
     nested = i % 2 == 0 ? Value(List{std::move(nested), i}) : Value(Document{{"inner", std::move(nested)}});
   nested = nullptr;
   EXPECT_TRUE(nested.is_null());
-}
-
-TEST(Value, isSharedAmongThreads) {
-  const Value shared = parse_json(R"({"list": [1, "two", {"three": 3}], "text": "t"})");
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([shared] {
-      for (int round = 0; round < 2000; ++round) {
-        const Document changed = shared.if_document()->with("round", round);
-        EXPECT_TRUE(changed.get("list").same_as(shared.if_document()->get("list")));
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
 }
 
 }  // namespace

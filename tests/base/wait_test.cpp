@@ -3,8 +3,6 @@
 
 #include <atomic>
 #include <future>
-#include <stdexcept>
-#include <thread>
 
 #include "sync/base/clock.hpp"
 #include "sync/base/interrupt.hpp"
@@ -80,28 +78,6 @@ TEST(WorkMutex, lockingEndsWhenTheOperationIsInterrupted) NO_THREAD_SAFETY_ANALY
   });
   token->trip();
   waiter.get();
-}
-
-TEST(WorkMutex, excludesOthersAndIsFreedByUnwinding) NO_THREAD_SAFETY_ANALYSIS {
-  WorkMutex mutex;
-  int counter = 0;
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&] {
-      for (int round = 0; round < 500; ++round) {
-        try {
-          const WorkLock lock(mutex);
-          ++counter;
-          throw std::runtime_error("unwinds");
-        } catch (const std::runtime_error&) {
-        }
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(counter, 2000);
-  EXPECT_TRUE(mutex.try_lock());
-  mutex.unlock();
 }
 
 }  // namespace

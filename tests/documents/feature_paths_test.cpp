@@ -38,10 +38,7 @@ TEST(FeaturePaths, findAFeatureByName) {
       {"entryMustBeADocument", R"({"features/us/signal_is/f.arrow": 1, "features/signal_is/f.arrow": null})", "f", "SIGNAL", "eu",
        std::nullopt},
       {"wholeFileName", R"({"features/signal_is/xf.arrow": {}})", "f", "SIGNAL", nullptr, std::nullopt},
-      {"rootIsFeatures", R"({"old/us/signal_is/f.arrow": {}})", "f", "SIGNAL", nullptr, std::nullopt},
       {"blankName", scoped_and_not, " ", "SIGNAL", nullptr, std::nullopt},
-      {"nameIsNoText", scoped_and_not, 5, "SIGNAL", nullptr, std::nullopt},
-      {"filesIsNoDocument", "[]", "f", "SIGNAL", nullptr, std::nullopt},
   };
   for (const LookUp& row : rows) {
     SCOPED_TRACE(row.name);
@@ -87,7 +84,6 @@ TEST(FeaturePaths, groupSignalsByTheirCurrentEpoch) {
       {"found_signals/p/e/signal_is/x/y", "found_signals/", "found_signals/p/e"},
       {"found_strategies//e/strategy_is/", "found_strategies/", "found_strategies//e"},
       {"found_signals/p/e/signal_is", "found_signals/", std::nullopt},
-      {"found_signals/p/e", "found_signals/", std::nullopt},
       {"found_signals2/p/e/signal_is/x", "found_signals", std::nullopt},
       {"features/p/e/signal_is/x", "features/", std::nullopt},
       {5, "found_signals/", std::nullopt},

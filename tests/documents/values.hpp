@@ -6,9 +6,9 @@
 #include <string>
 #include <string_view>
 
-#include "sync/base/error.hpp"
 #include "sync/base/json.hpp"
 #include "sync/base/value.hpp"
+#include "tests/support/failures.hpp"
 
 namespace brackenfen::sync {
 
@@ -19,14 +19,9 @@ inline std::string json_of(const Value& value) { return write_json(value, JsonFo
 /// The text of the error that `body` ends with, which must be of `expected`.
 template <typename Body>
 std::string error_text(const ErrorClass& expected, Body body) {
-  try {
-    static_cast<void>(body());
-  } catch (const Error& error) {
-    EXPECT_TRUE(error.is(expected)) << error.error_class().name() << ": " << error.text();
-    return error.text();
-  }
-  ADD_FAILURE() << "no " << expected.name();
-  return {};
+  const std::optional<Error> error = error_of(body);
+  EXPECT_TRUE(error && error->is(expected)) << "no " << expected.name() << " but " << failure_of(body);
+  return error ? error->text() : std::string();
 }
 
 }  // namespace brackenfen::sync

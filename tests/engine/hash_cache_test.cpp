@@ -86,16 +86,14 @@ TEST_F(HashCacheTest, writesKeysSortedAndNothingWhileClean) {
 TEST_F(HashCacheTest, keepsUnusualEntriesAsTheyStand) {
   const Document unusual = document(
       R"({"a": {"sha256": "aa", "size_bytes": "5", "mtime_ns": 10.9, "ctime_ns": 20, "inode": 30},
-          "badText": {"sha256": "aa", "size_bytes": "x", "mtime_ns": 10, "ctime_ns": 20, "inode": 30},
           "extra": {"sha256": "aa", "size_bytes": 5, "mtime_ns": 10, "ctime_ns": 20, "inode": 30, "note": [1]},
           "infinite": {"sha256": "aa", "size_bytes": Infinity, "mtime_ns": 10, "ctime_ns": 20, "inode": 30},
-          "missing": {"sha256": "aa", "size_bytes": 5, "mtime_ns": 10, "ctime_ns": 20},
           "null": {"sha256": "aa", "size_bytes": null, "mtime_ns": 10, "ctime_ns": 20, "inode": 30},
           "reals": {"sha256": "aa", "size_bytes": 5.0, "mtime_ns": 10, "ctime_ns": 20, "inode": 30}})");
   cache.set_entries(unusual);
   EXPECT_EQ(json_of(cache.entries()), json_of(unusual));
   for (const char* path : {"a", "extra", "reals"}) EXPECT_TRUE(hits(path)) << path;
-  for (const char* path : {"badText", "infinite", "missing", "null"}) EXPECT_FALSE(hits(path)) << path;
+  for (const char* path : {"infinite", "null"}) EXPECT_FALSE(hits(path)) << path;
   cache._remember_local_sha("reals", "local", "aa");  // equal, if written otherwise
   EXPECT_FALSE(cache.dirty());
   cache._remember_local_sha("a", "local", "aa");
@@ -106,9 +104,6 @@ TEST_F(HashCacheTest, loadsABadFileAsEmpty) {
   const std::tuple<const char*, const char*, int> rows[] = {
       {R"({"version": 1, "files": {"a": {}, "b": 5}})", R"({"a": {}})", 0},
       {R"({"version": 2, "files": {"a": {}}})", "{}", 0},
-      {R"({"version": 1, "files": []})", "{}", 0},
-      {R"({"files": {"a": {}}})", "{}", 0},
-      {"[1]", "{}", 0},
       {R"({"version": 1, "files": {"a")", "{}", 1},
       {"", "{}", 1},
       {"\"\xff\"", "{}", 1},

@@ -1,11 +1,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <cerrno>
 #include <functional>
 
-#include "sync/base/descriptor.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
@@ -121,26 +119,17 @@ TEST_F(PassTest, aManifestThatIsNoneLeavesFilesAndMemoryAsTheyWere) {
   const Document good_entry = ALPHA.entry();
   const Row rows[] = {
       {"no JSON", {.body = "<html>"}, "ManifestError: Invalid manifest JSON: Expecting value: line 1 column 1 (char 0)"},
-      {"cut off",
-       {.body = R"({"version": 2)"},
-       "ManifestError: Invalid manifest JSON: Expecting ',' delimiter: line 1 column 14 (char 13)"},
       {"no UTF-8",
        {.body = "{\"a\": \"\xff\"}"},
        "UnicodeDecodeError: 'utf-8' codec can't decode byte 0xff in position 7: invalid start byte"},
       {"a list", {.body = "[]"}, "AttributeError: the manifest is not a JSON object: 'list' object has no attribute 'get'"},
       {"another era", body(manifest(2, {BETA}, ERA + 1)), "EraError: Era mismatch: local era_number=7, server era_number=8"},
-      {"an era of another type", body(manifest(2, {}).with("era_number", "seven")),
-       "EraError: Era mismatch: local era_number=7, server era_number=seven"},
       {"a climbing path", body(with_entry("../outside", good_entry)), "ManifestError: "},
       {"an entry that is none", body(with_entry("x", "text")), "SyncError: Active rotation path is missing from manifest: x"},
       {"a version that is none", body(manifest(2, {BETA}).with("version", "two")), "ValueError: manifest version: invalid literal"},
-      {"a version of null", body(manifest(2, {BETA}).with("version", Value())), "TypeError: manifest version: "},
-      {"a size that is none", body(with_entry("x", good_entry.with("size_bytes", "big"))),
-       "ValueError: manifest size_bytes of x: invalid literal"},
       {"an endless size", body(with_entry("x", good_entry.with("size_bytes", Value::integer_from_decimal("99999999999999999999999")))),
        "DiskSpaceError: Insufficient disk space: need 99999999999999999999999 bytes, have "},
       {"not found", {.status = 404}, "SyncError: Failed to fetch manifest: HTTP 404"},
-      {"not allowed", {.status = 401}, "AuthError: Authentication failed: HTTP 401"},
       {"broken", {.status = 500}, "SyncUnavailableError: BrackenFen data sync unavailable after 1 attempt(s)."},
   };
   const auto manager = synced({ALPHA});
@@ -170,15 +159,11 @@ TEST_F(PassTest, theVersionHintDecidesWhetherTheManifestIsFetched) {
       {{.body = R"({"version": 1, "era_number": 7})"}, false},
       {{.body = R"({"version": " 1 ", "era_number": 7.9})"}, false},
       {{.body = R"({"version": 2, "era_number": 7})"}, true},
-      {{.body = R"({"version": 2, "era_number": 8})"}, true},
-      {{.body = R"({"version": 1, "era_number": null})"}, true},
       {{.body = R"({"version": 1})"}, true},
       {{.body = R"({"version": 1, "era_number": "x"})"}, true},
       {{.body = R"({"era_number": 7})"}, true},
-      {{.body = "[1]"}, true},
       {{.body = ""}, true},
       {{.status = 404}, true},
-      {{.status = 403}, true},
       {{.body = R"({"version": 1, "era_number": 8})"}, false, "EraError: Era mismatch: local era_number=7, server era_number=8"},
       {{.status = 401}, false, "AuthError: Authentication failed: HTTP 401"},
       {{.status = 503}, false, "SyncUnavailableError: "},
@@ -191,20 +176,6 @@ TEST_F(PassTest, theVersionHintDecidesWhetherTheManifestIsFetched) {
     EXPECT_THAT(failure_of([&] { return manager->sync(); }), testing::StartsWith(row.failure));
     EXPECT_EQ(asked(), row.fetches ? std::vector<std::string>({VERSION_PATH, MANIFEST_PATH}) : std::vector<std::string>({VERSION_PATH}));
   }
-}
-
-TEST_F(PassTest, aMatchingHintEndsThePassWithACheckOfTheFiles) {
-  const auto manager = synced({ALPHA, LOST_PNL});
-  directory.write("features/orphan.arrow.tmp", "left behind");
-  const SyncResult result = manager->sync();
-
-  EXPECT_THAT(asked(), ElementsAre(VERSION_PATH));
-  EXPECT_EQ(result.era_number, Value(ERA));
-  EXPECT_EQ(result.pnl_column_count, Value(3));
-  EXPECT_EQ(result.n_features, 1);
-  EXPECT_EQ(result.n_useful_signals, 0);
-  EXPECT_THAT(result.active_relative_paths, SizeIs(2));
-  EXPECT_FALSE(directory.contains("features/orphan.arrow.tmp"));
 }
 
 TEST_F(PassTest, aDamagedFileIsFetchedAgainAlthoughTheVersionMatches) {
@@ -230,18 +201,6 @@ TEST_F(PassTest, aDamagedFileIsFetchedAgainAlthoughTheVersionMatches) {
       warnings(),
       Contains("Manifest version matched but local metadata needs repair: Manifest version matched but local data files need repair"));
   EXPECT_THAT(warnings(), Contains("Manifest version matched but local data files need repair"));
-}
-
-TEST_F(PassTest, aLocalVersionOrEraThatIsNoNumberNeverMatchesTheHint) {
-  const auto manager = synced({ALPHA});
-  const Document odd_era = manifest(1, {ALPHA}).with("era_number", "seven");
-  manager->_manifest.set(std::make_shared<Manifest>(*neighbours(), odd_era));
-  EXPECT_EQ(failure_of([&] { return manager->sync(); }), "EraError: Era mismatch: local era_number=seven, server era_number=7");
-
-  const Document odd_version = manifest(1, {ALPHA}).with("version", "one");
-  manager->_manifest.set(std::make_shared<Manifest>(*neighbours(), odd_version));
-  EXPECT_EQ(failure_of([&] { return manager->sync(); }), "");
-  EXPECT_EQ(manager->get_manifest()->version(), Value(1)) << "a healthy pass replaces it";
 }
 
 TEST_F(PassTest, anOlderVersionOfTheSameEraIsTakenOverWithoutADownload) {
@@ -316,23 +275,30 @@ TEST_F(PassTest, aSupersededPassIsRunThreeTimes) {
   EXPECT_EQ(manager->get_manifest()->version(), Value(2));
 }
 
-TEST_F(PassTest, anArtifactThatStorageHasLostIsLeftOutUntilTheNextVersion) {
+TEST_F(PassTest, artifactsThatStorageHasLostAreLeftOutUntilTheNextVersion) {
+  environment.set("BRACKENFEN_SYNC_MAX_CONCURRENCY", "1");
+  std::vector<PublishedFile> with_lost{ALPHA};
+  std::vector<std::string> lost_paths;
+  std::vector<testing::Matcher<std::string>> left_out;
+  for (const char* number : {"1", "2", "3", "4", "5"}) {
+    with_lost.push_back({"found_signals/pool/" + std::string(number) + "/signal_is/pnl.arrow", "lost", "found_signal_is_pnl"});
+    lost_paths.push_back(with_lost.back().path);
+    left_out.push_back("Manifest signal PnL artifact is missing from storage; excluding stale membership entry and retrying sync: " +
+                       lost_paths.back());
+  }
   publish(1, {ALPHA});
-  const Document sections{{"one", Document{{"files", List{LOST_PNL.path}}}}};
-  publish_manifest(manifest(1, {ALPHA, LOST_PNL}).with("found_signals", sections));
-  directory.write(LOST_PNL.path + ".tmp", "a part");
+  const Document sections{{"one", Document{{"files", List{lost_paths[0]}}}}};
+  publish_manifest(manifest(1, with_lost).with("found_signals", sections));
+  directory.write(lost_paths[0] + ".tmp", "a part");
   const auto manager = open();
   EXPECT_EQ(manager->sync().features_downloaded, 0) << "the file landed in the pass that was given up";
-  EXPECT_EQ(directory.read(ALPHA.path), ALPHA.content);
-  EXPECT_THAT(directory.files(), Not(Contains(LOST_PNL.path + ".tmp")));
+  EXPECT_THAT(directory.files(), ElementsAre(".sync_hash_cache.json", ALPHA.path, "manifest.json"));
   EXPECT_THAT(directory.read("manifest.json"), Not(HasSubstr("found_signals/")));
-  EXPECT_THAT(manager->_missing_found_pnl.paths(), ElementsAre(LOST_PNL.path));
-  EXPECT_THAT(warnings(),
-              ElementsAre("Manifest signal PnL artifact is missing from storage; excluding stale membership entry and retrying sync: " +
-                          LOST_PNL.path));
+  EXPECT_THAT(manager->_missing_found_pnl.paths(), testing::ElementsAreArray(lost_paths));
+  EXPECT_THAT(warnings(), testing::ElementsAreArray(left_out));
 
-  publish(2, {ALPHA, LOST_PNL});
-  EXPECT_EQ(manager->sync().found_pnl_paths_downloaded, std::vector<std::string>{directory / LOST_PNL.path});
+  publish(2, with_lost);
+  EXPECT_THAT(manager->sync().found_pnl_paths_downloaded, SizeIs(5));
   EXPECT_THAT(manager->_missing_found_pnl.paths(), IsEmpty());
 }
 
@@ -357,78 +323,11 @@ TEST_F(PassTest, whatCannotBeLeftOutEndsThePass) {
   }
 }
 
-/// Answers with one manifest and knows of nothing else.
-struct ManifestOnly : HttpClient {
-  struct Response : HttpResponse {
-    Response(int answered, const std::string& content) : code(answered), body(content) {}
-    int status() const override { return code; }
-    const Headers& headers() const override { return none; }
-    void read_body(BodySink& sink, std::optional<double>, std::uint64_t) override { sink.accept(body); }
-    const int code;
-    const std::string& body;
-    const Headers none;
-  };
-  std::unique_ptr<HttpResponse> open(const HttpRequest& request, double, const TransportSecurity&) override {
-    if (!request.url.ends_with(SyncSetup::MANIFEST_PATH)) return std::make_unique<Response>(404, nothing);
-    ++fetches;
-    return std::make_unique<Response>(200, manifest);
-  }
-  std::string manifest;
-  const std::string nothing;
-  std::size_t fetches = 0;
-};
-
-TEST_F(PassTest, manyLostArtifactsNeedNoDeepStack) {
-  constexpr std::size_t COUNT = 100;
-  environment.set("BRACKENFEN_SYNC_MAX_CONCURRENCY", "1");
-  std::vector<PublishedFile> published;
-  for (std::size_t number = 0; number < COUNT; ++number) {
-    published.push_back({"found_signals/pool/" + std::to_string(number) + "/signal_is/pnl.arrow", "x", "found_signal_is_pnl"});
-  }
-  ManifestOnly http;
-  http.manifest = write_json(manifest(1, published), JsonForm::InsertionOrder);
-  SyncManager::Options offline = options();
-  offline.seams.http = &http;
-  const auto manager = std::make_shared<SyncManager>(offline);
-
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  pthread_attr_setstacksize(&attributes, 64 * 1024);
-  pthread_t thread{};
-  const auto run = [](void* self) -> void* {
-    EXPECT_EQ(failure_of([&] { return static_cast<SyncManager*>(self)->sync(); }), "");
-    return nullptr;
-  };
-  ASSERT_EQ(pthread_create(&thread, &attributes, run, manager.get()), 0);
-  pthread_join(thread, nullptr);
-  pthread_attr_destroy(&attributes);
-  EXPECT_THAT(manager->_missing_found_pnl.paths(), SizeIs(COUNT));
-  EXPECT_EQ(http.fetches, COUNT + 1);
-}
-
-TEST_F(PassTest, aPassAfterAFailedOneFetchesOnlyTheRest) {
-  environment.set("BRACKENFEN_SYNC_MAX_CONCURRENCY", "1");
-  publish_manifest(manifest(1, {ALPHA, BETA}));
-  server.serve_file(data_path(ALPHA), ALPHA.content);
-  server.script(data_path(BETA), {{.status = 403}});
-  directory.write(BETA.path + ".tmp", BETA.content.substr(0, 2));
-  const auto manager = open();
-  EXPECT_THAT(failure_of([&] { return manager->sync(); }), testing::StartsWith("PermanentDownloadError"));
-  EXPECT_THAT(directory.files(), ElementsAre(ALPHA.path, BETA.path + ".tmp", "sync-progress.json"));
-  EXPECT_EQ(manager->get_manifest(), nullptr);
-
-  server.serve_file(data_path(BETA), BETA.content);
-  EXPECT_EQ(manager->sync().bytes_downloaded, static_cast<std::int64_t>(BETA.content.size()));
-  EXPECT_EQ(requests(data_path(ALPHA)), 1U);
-  EXPECT_EQ(ranges(BETA.path).back(), "bytes=2-");
-}
-
 TEST_F(PassTest, aCommitThatFailsChangesNothing) {
   const auto manager = synced({ALPHA});
   const std::string committed = directory.read("manifest.json");
   publish(2, {ALPHA, BETA});
-  const auto renames_so_far = static_cast<int>(files.calls(FaultFiles::Call::Rename).size());
-  files.fail(FaultFiles::Call::Rename, renames_so_far + 3, ENOSPC);  // after the progress file and the data file
+  files.fail(FaultFiles::Call::Rename, 3, ENOSPC);  // after the progress file and the data file
   EXPECT_THAT(failure_of([&] { return manager->sync(); }), testing::StartsWith("OSError: [Errno 28]"));
   EXPECT_EQ(files.calls(FaultFiles::Call::Rename).back(), directory / "manifest.json");
   EXPECT_EQ(directory.read("manifest.json"), committed);

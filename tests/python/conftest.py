@@ -54,9 +54,6 @@ class Server:
     def manifest(self) -> dict[str, Any]:
         return {"era_number": self.era_number, "version": self.version, "pnl_column_count": 4, "files": self.entries}
 
-    def paths(self) -> list[str]:
-        return [path for path, _ in self.requests]
-
     def answer(self, handler: BaseHTTPRequestHandler) -> None:
         path = handler.path
         override = self.answers.get(path)
@@ -154,13 +151,12 @@ def short_waits(neighbour: Callable[..., types.ModuleType]) -> None:
 
 
 class Program:
-    """A fresh interpreter running a program; what it prints, how it ends and how long that takes. Its standard input
-    ends with `finish`."""
+    """A fresh interpreter running a program; what it prints, how it ends and how long that takes."""
 
     def __init__(self, source: str, *arguments: str) -> None:
         self.process = subprocess.Popen(
             [sys.executable, "-c", source, *arguments],
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, bufsize=1,
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
         )  # fmt: skip
 
     def wait_for(self, line: str) -> None:

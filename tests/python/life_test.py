@@ -1,6 +1,7 @@
 """Signals, exit, fork and memory: each in an interpreter of its own, which must end quietly."""
 
 import gc
+import os
 import pathlib
 import signal
 import sys
@@ -36,6 +37,12 @@ def stalled(server: Any) -> Any:
         server.answers["/data/files/" + name] = server.stall
     server.answers["/data/manifest"] = server.stall
     return server
+
+
+def assert_quiet_ends(program: Any, source: str, directory: pathlib.Path, server: Any, expected: int = 0) -> None:
+    for _ in range(REPEATS):
+        code, _, err, seconds = program(source, str(directory), server.url).finish()
+        assert (code, err) == (expected, "") and seconds < 4
 
 
 BLOCKED = ["download", "batch", "fetch", "outage", "lock"]
@@ -75,8 +82,7 @@ try: download()
 except Late as error: assert error is late and error.__traceback__ is not None
 else: raise SystemExit("not raised")
 """
-    code, _, err, _ = program(source, str(tmp_path), stalled.url).finish()
-    assert (code, err) == (0, "")
+    assert_quiet_ends(program, source, tmp_path, stalled)
 
 
 @pytest.mark.parametrize("daemon", [True, False], ids=["daemon", "joined"])
@@ -97,14 +103,9 @@ time.sleep(0.3)
 def late():
     assert manager.status() is None and sync._sha256(b"") and manager.get_manifest() is None
 atexit.register(late)
-say("leaving")
 sys.exit(7)
 """
-    for _ in range(REPEATS):
-        running = program(source, str(tmp_path), stalled.url)
-        running.wait_for("leaving")
-        code, _, err, seconds = running.finish()
-        assert (code, err) == (7, "") and seconds < 2
+    assert_quiet_ends(program, source, tmp_path, stalled, 7)
 
 
 def test_exit_while_a_callback_of_a_worker_is_running(program: Any, stalled: Any, tmp_path: pathlib.Path) -> None:
@@ -112,13 +113,8 @@ def test_exit_while_a_callback_of_a_worker_is_running(program: Any, stalled: Any
 manager._get_token = lambda: time.sleep(0.05) or "t"
 threading.Thread(target=lambda: [batch() for _ in range(100)], daemon=True).start()
 time.sleep(0.1)
-say("leaving")
 """
-    for _ in range(REPEATS):
-        running = program(source, str(tmp_path), stalled.url)
-        running.wait_for("leaving")
-        code, _, err, seconds = running.finish()
-        assert (code, err) == (0, "") and seconds < 2
+    assert_quiet_ends(program, source, tmp_path, stalled)
 
 
 def test_a_forked_child_builds_its_own_manager(program: Any, stalled: Any, tmp_path: pathlib.Path) -> None:
@@ -139,6 +135,8 @@ if child == 0:
         try: manager.sync()
         except sync.StateError as error: assert "fork" in str(error)
         else: raise AssertionError("the parent's manager worked")
+        opened = [os.readlink(f"/proc/self/fd/{fd}") for fd in os.listdir("/proc/self/fd") if os.path.exists(f"/proc/self/fd/{fd}")]
+        assert not [path for path in opened if path in (directory, directory + "/.sync_flock")]
         own = sync.SyncManager.get_or_create(directory, url, str)
         assert own is not manager and not free()
         sync._sleep_for_sync_backoff(0.01)
@@ -156,9 +154,7 @@ assert not free()
 manager._release_flock()
 assert free()
 """
-    for _ in range(REPEATS):
-        code, _, err, seconds = program(source, str(tmp_path), stalled.url).finish()
-        assert (code, err) == (0, "") and seconds < 5
+    assert_quiet_ends(program, source, tmp_path, stalled)
 
 
 class Holder:
@@ -184,16 +180,6 @@ def test_a_dropped_manager_is_freed_with_its_callbacks(tmp_path: pathlib.Path, f
     gc.collect()
     assert [reference() for reference in gone] == [None, None]
     assert str(tmp_path) not in sync.SyncManager._instances
-
-
-def test_manager_and_manifest_go_with_their_last_reference(tmp_path: pathlib.Path) -> None:
-    manager = sync.SyncManager(tmp_path, "http://127.0.0.1:1", token="t")
-    manager._manifest = record = sync.Manifest({"files": {"a": {}}})
-    kept, gone = weakref.ref(record), weakref.ref(manager)
-    del record
-    assert kept() is None and manager._manifest.files == {"a": {}}
-    del manager
-    assert gone() is None
 
 
 def resident_kb() -> int:
@@ -228,4 +214,5 @@ def test_nothing_leaks(tmp_path: pathlib.Path, manager: sync.SyncManager, server
         round_()
     gc.collect()
     assert len(gc.get_objects()) - objects < 50
-    assert resident_kb() - memory < 4000
+    if "libasan" not in os.environ.get("LD_PRELOAD", ""):  # which keeps freed memory for a while, on purpose
+        assert resident_kb() - memory < 4000

@@ -35,12 +35,9 @@ def test_values_survive(value: Any) -> None:
     assert shape(round_trip(value)) == shape(value)
 
 
-@pytest.mark.parametrize("number", [10**5000, -(10**4299) - 7, 10**4000, 2**63, -(2**63), -(2**63) - 1, 0], ids=int.bit_length)
-def test_integers_of_any_size_survive(number: int) -> None:
-    assert round_trip(number) == number
-
-
-def test_nan_survives() -> None:
+def test_numbers_at_the_edges_survive() -> None:
+    for number in (10**5000, -(10**4299) - 7, 2**63, -(2**63), -(2**63) - 1):
+        assert round_trip(number) == number
     assert math.isnan(round_trip(math.nan))
 
 
@@ -120,6 +117,13 @@ def test_manifest_record() -> None:
     assert sync.Manifest({"files": [1]}).files == [1]
 
 
+def test_result_records() -> None:
+    made = sync.VerifyResult(valid=False, corrupted_files=["a"], missing_files=["b"])
+    assert repr(made) == "VerifyResult(valid=False, corrupted_files=['a'], missing_files=['b'])" and made != sync.VerifyResult()
+    assert sync.VerifyResult().corrupted_files is not sync.VerifyResult().corrupted_files
+    assert sync.SyncResult(bytes_downloaded=3) == sync.SyncResult(0, 0, 3) != sync.SyncResult()
+
+
 def test_any_object_serves_as_a_manifest() -> None:
     bare, holder = object(), types.SimpleNamespace(files={"a.pxd": 1, "features/signal_is/f.arrow": {}})
     assert not sync._manifest_has_agent_bundle_declarations(bare) and sync._manifest_has_agent_bundle_declarations(holder)
@@ -133,7 +137,6 @@ def test_paths_bytes_and_iterables(tmp_path: pathlib.Path) -> None:
     for path, data in ((target, b"1"), (str(target), bytearray(b"2")), (target, memoryview(b"3"))):
         sync._atomic_write(path, data)
         assert target.read_bytes() == bytes(data) and sync._sha256_file(path) == sync._sha256(data)
-    assert sync._sync_progress_path(tmp_path) == str(tmp_path / "sync-progress.json")
     assert sync._sync_progress_path("a\udcff") == "a\udcff/sync-progress.json"
     assert sync._normalize_found_pnl_paths(iter(["found_signals/a/signal_is/pnl.arrow", 5, "x"])) == {"found_signals/a/signal_is/pnl.arrow"}
     assert sync._normalize_found_pnl_paths(None) == set()
@@ -170,14 +173,3 @@ def test_what_a_conversion_of_the_host_raises_goes_on(raised: type[BaseException
     ):
         with pytest.raises(raised):
             call()
-    if not issubclass(raised, Exception):
-        with pytest.raises(raised):
-            sync.PermanentDownloadError("m", status=hostile)
-
-
-def test_result_records() -> None:
-    made = sync.VerifyResult(valid=False, corrupted_files=["a"], missing_files=["b"])
-    assert repr(made) == "VerifyResult(valid=False, corrupted_files=['a'], missing_files=['b'])"
-    assert made != sync.VerifyResult() == sync.VerifyResult(True, [], [])
-    assert sync.VerifyResult().corrupted_files is not sync.VerifyResult().corrupted_files
-    assert sync.SyncResult(bytes_downloaded=3) == sync.SyncResult(0, 0, 3) != sync.SyncResult()

@@ -7,40 +7,61 @@
 #include <string>
 #include <vector>
 
+#include "sync/base/error.hpp"
 #include "sync/transport/files.hpp"
 
 namespace brackenfen::sync {
 
 class FaultFiles final : public Files {
  public:
-  enum class Call { Rename, Unlink, WriteNew, Stat, FreeBytes };
+  enum class Call { Rename, Unlink, WriteNew };
 
-  /// The call number `first` of this kind, counted from 1, fails with `error_number`; with `sticky` all later ones too.
-  void fail(Call call, int first, int error_number, bool sticky = false);
+  /// The `nth` call of this kind from now on, counted from 1, fails with `error_number`.
+  void fail(Call call, std::size_t nth, int error_number) {
+    const std::lock_guard lock(mutex_);
+    faults_[call] = {calls_[call].size() + nth, error_number};
+  }
   /// What free_bytes answers instead of asking the volume.
-  void set_free_bytes(std::int64_t bytes);
+  void set_free_bytes(std::int64_t bytes) { free_bytes_ = bytes; }
   /// Paths of the calls of one kind so far, in order; of a rename the target.
-  [[nodiscard]] std::vector<std::string> calls(Call call) const;
+  [[nodiscard]] std::vector<std::string> calls(Call call) {
+    const std::lock_guard lock(mutex_);
+    return calls_[call];
+  }
 
-  void rename(const std::string& from, const std::string& to) override;
-  void unlink(const std::string& path) override;
+  void rename(const std::string& from, const std::string& to) override {
+    if (const int error_number = count(Call::Rename, to)) throw os_error(error_number, to);
+    real().rename(from, to);
+  }
+  void unlink(const std::string& path) override {
+    if (const int error_number = count(Call::Unlink, path)) throw os_error(error_number, path);
+    real().unlink(path);
+  }
   /// A failing call leaves half of the data behind, as a full disk does.
-  void write_new(const std::string& path, std::string_view data) override;
-  [[nodiscard]] std::optional<FileStat> stat(const std::string& path) override;
-  [[nodiscard]] std::int64_t free_bytes(const std::string& directory) override;
+  void write_new(const std::string& path, std::string_view data) override {
+    const int error_number = count(Call::WriteNew, path);
+    real().write_new(path, error_number != 0 ? data.substr(0, data.size() / 2) : data);
+    if (error_number != 0) throw os_error(error_number, path);
+  }
+  [[nodiscard]] std::optional<FileStat> stat(const std::string& path) override { return real().stat(path); }
+  [[nodiscard]] std::int64_t free_bytes(const std::string& directory) override {
+    return free_bytes_ ? *free_bytes_ : real().free_bytes(directory);
+  }
 
  private:
   struct Fault {
-    int first;
+    std::size_t number;
     int error_number;
-    bool sticky;
   };
   /// Counts the call; the errno it shall fail with, or 0.
-  int count(Call call, const std::string& path);
-  /// Counts the call and throws where it shall fail.
-  void enter(Call call, const std::string& path);
+  int count(Call call, const std::string& path) {
+    const std::lock_guard lock(mutex_);
+    calls_[call].push_back(path);
+    const auto fault = faults_.find(call);
+    return fault != faults_.end() && fault->second.number == calls_[call].size() ? fault->second.error_number : 0;
+  }
 
-  mutable std::mutex mutex_;
+  std::mutex mutex_;
   std::map<Call, Fault> faults_;
   std::map<Call, std::vector<std::string>> calls_;
   std::optional<std::int64_t> free_bytes_;

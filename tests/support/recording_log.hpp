@@ -24,13 +24,31 @@ class RecordingLog final : public LogSink {
   ~RecordingLog() override { set_log_sink(previous_); }
 
   bool enabled(LogLevel) override { return true; }
-  void write(const LogRecord& record) override;
+  void write(const LogRecord& record) override {
+    const std::lock_guard lock(mutex_);
+    entries_.push_back({record.level, format_message(record), record.event != nullptr ? *record.event : Document()});
+  }
 
-  [[nodiscard]] std::vector<Entry> entries() const;
+  [[nodiscard]] std::vector<Entry> entries() const {
+    const std::lock_guard lock(mutex_);
+    return entries_;
+  }
   /// The messages of one level, in order.
-  [[nodiscard]] std::vector<std::string> messages(LogLevel level) const;
+  [[nodiscard]] std::vector<std::string> messages(LogLevel level) const {
+    std::vector<std::string> found;
+    for (const Entry& entry : entries()) {
+      if (entry.level == level) found.push_back(entry.message);
+    }
+    return found;
+  }
   /// The events of one type, in order.
-  [[nodiscard]] std::vector<Document> events(std::string_view event_type) const;
+  [[nodiscard]] std::vector<Document> events(std::string_view event_type) const {
+    std::vector<Document> found;
+    for (const Entry& entry : entries()) {
+      if (entry.event.get("event_type") == Value(event_type)) found.push_back(entry.event);
+    }
+    return found;
+  }
 
  private:
   LogSink* previous_;

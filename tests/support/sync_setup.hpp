@@ -4,15 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "sync/base/error.hpp"
 #include "sync/base/json.hpp"
 #include "sync/base/sha256.hpp"
 #include "sync/engine/sync_manager.hpp"
+#include "tests/support/failures.hpp"
 #include "tests/support/fake_clock.hpp"
 #include "tests/support/fake_environment.hpp"
 #include "tests/support/fault_files.hpp"
@@ -83,23 +82,5 @@ class SyncSetup {
   std::shared_ptr<TokenSource> token_source = fixed_token("token");
   std::shared_ptr<RuntimeFreshnessGuard> guard;
 };
-
-/// The error that `body` ends with, or none.
-template <typename Body>
-std::optional<Error> error_of(Body body) {
-  try {
-    static_cast<void>(body());
-  } catch (const Error& error) {
-    return error;
-  }
-  return std::nullopt;
-}
-
-/// "Class: text" of that error; empty for none.
-template <typename Body>
-std::string failure_of(Body body) {
-  const std::optional<Error> error = error_of(body);
-  return error ? std::string(error->error_class().name()) + ": " + error->text() : std::string();
-}
 
 }  // namespace brackenfen::sync

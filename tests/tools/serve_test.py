@@ -3,7 +3,6 @@
 import contextlib
 import os
 import socket
-import time
 
 import pytest
 
@@ -59,18 +58,6 @@ def test_nothing_else_is_served(start, tree, path):
     assert start(tree).get(path).status in (301, 400, 404)
 
 
-def test_new_publication_shows_at_once(start, tool, tmp_path):
-    tool("sample", tmp_path / "eras", "--files", 10, "--bytes", "50kB", "--era", 1, "--eras", 2, "--source")
-    tool("publish", tmp_path / "eras/era-1", tmp_path / "tree", "--era", 1, "--version", 1)
-    peer = start(tmp_path / "tree")
-    assert peer.get("/data/shuffle").headers["X-Era-Id"] == "1"
-    tool("publish", tmp_path / "eras/era-2", tmp_path / "tree", "--era", 2, "--version", 2)
-    seed = peer.get("/data/shuffle")
-    assert (seed.headers["X-Era-Id"], seed.body) == ("2", (tmp_path / "eras/era-2/shuffle_seed.enc").read_bytes())
-    assert peer.get("/data/manifest/version").json() == {"version": 2, "era_number": 2}
-    assert peer.get("/era/current").json()["era_number"] == 2
-
-
 def test_token_is_required_where_one_is_set(serve, tree):
     peer = serve(tree, "--token", "t0p")
     assert peer.get("/era/current", Authorization="Bearer t0p").status == 200
@@ -88,8 +75,7 @@ def test_status_carries_the_words_given(serve, tree):
     assert peer.get("/era/current").status == 404
 
 
-@pytest.mark.parametrize("switch", ["", ",reset"], ids=["close", "reset"])
-@pytest.mark.parametrize("cut", [0, 100_000])
+@pytest.mark.parametrize(("switch", "cut"), [("", 100_000), (",reset", 0)], ids=["close", "reset"])
 def test_dropped_body_ends_exactly_there_and_can_be_resumed(serve, tree, artifact, tmp_path, switch, cut):
     path, content = artifact
     peer = serve(tree, "--fault", f"/data/files/*:drop-after={cut},times=2{switch}", "--log", tmp_path / "log")
@@ -116,39 +102,15 @@ def read_body(connection):
     return data.partition(b"\r\n\r\n")[2], ended_by
 
 
-def test_reset_alone_comes_before_any_answer(serve, tree):
-    peer = serve(tree, "--fault", "*:reset,times=1")
-    with pytest.raises(ConnectionResetError):
-        peer.get("/era/current")
-    assert peer.get("/era/current").status == 200
-
-
-def test_wrong_bytes_have_the_right_size_in_every_range(serve, tree, artifact):
+def test_wrong_bytes_have_the_right_size_and_ranges_can_be_ignored(serve, tree, artifact):
     path, content = artifact
-    peer = serve(tree, "--fault", "/data/files/*:wrong-bytes")
+    peer = serve(tree, "--fault", "/data/files/*:no-range,times=1", "--fault", "/data/files/*:wrong-bytes")
+    whole = peer.get(path, Range="bytes=500-")
+    assert (whole.status, whole.body) == (200, content)
     wrong = peer.get(path).body
     assert len(wrong) == len(content)
     assert all(a != b for a, b in zip(wrong, content))
     assert peer.get(path, Range="bytes=500-").body == wrong[500:]
-
-
-def test_no_range_sends_the_whole_file(serve, tree, artifact):
-    path, content = artifact
-    answer = serve(tree, "--fault", "*:no-range").get(path, Range="bytes=500-")
-    assert (answer.status, answer.body) == (200, content)
-
-
-def test_slow_answers_take_their_time_and_hold_up_nobody(serve, tree):
-    peer = serve(tree, "--fault", "/era/current:delay=0.4", "--fault", "/data/manifest/version:drip=100")
-    started = time.monotonic()
-    assert peer.get("/data/shuffle").status == 200
-    quick = time.monotonic() - started
-    assert len(peer.get("/data/manifest/version").body) == 31
-    dripped = time.monotonic() - started - quick
-    peer.get("/era/current")
-    delayed = time.monotonic() - started - quick - dripped
-    assert quick < 0.3 <= dripped
-    assert delayed >= 0.4
 
 
 def test_fault_file_steers_a_running_server(serve, tree, tmp_path):
@@ -160,7 +122,7 @@ def test_fault_file_steers_a_running_server(serve, tree, tmp_path):
 
     peer = serve(tree, "--fault-file", steering)
     assert peer.get("/era/current").status == 200
-    steer("# an outage", "", "*:status=503")
+    steer("# an outage", "", "*:outage=0+1000")
     assert peer.get("/era/current").status == 503
     steer("*:status=oops")
     assert peer.get("/era/current").status == 503
@@ -175,7 +137,7 @@ def test_fault_file_steers_a_running_server(serve, tree, tmp_path):
 def test_refused_port_comes_back(serve, tree, tmp_path, wait_until):
     steering = tmp_path / "faults"
     peer = serve(tree, "--fault-file", steering)
-    steering.write_text("*:refuse\n")
+    steering.write_text("*:refuse,outage=0+1000\n")
     wait_until(lambda: not accepts(peer.port))
     steering.unlink()
     wait_until(lambda: accepts(peer.port))
@@ -186,40 +148,3 @@ def accepts(port):
     with contextlib.suppress(ConnectionError), socket.create_connection(("127.0.0.1", port), timeout=5):
         return True
     return False
-
-
-def test_outage_window_opens_and_closes(serve, tree, wait_until):
-    peer = serve(tree, "--fault", "*:outage=0+0.5", "--fault", "/era/current:status=410,outage=1000+1")
-    assert peer.get("/era/current").status == 503
-    wait_until(lambda: peer.get("/era/current").status == 200)
-
-
-@pytest.fixture
-def connect():
-    """Connections that outlive the server: ask for this fixture before `serve`."""
-    with contextlib.ExitStack() as stack:
-        yield lambda port: stack.enter_context(socket.create_connection(("127.0.0.1", port), timeout=20))
-
-
-def test_stop_does_not_wait_for_slow_clients(connect, serve, tree):
-    peer = serve(tree, "--fault", "/era/*:delay=60", "--fault", "/data/manifest:drip=10")
-    for path in ("/era/current", "/data/manifest", "/data/manifest"):
-        connection = connect(peer.port)
-        connection.sendall(f"GET {path} HTTP/1.1\r\nHost: x\r\n\r\n".encode())
-    assert connection.recv(10)  # the fixture then checks that the server ends cleanly and soon
-
-
-@pytest.mark.parametrize(
-    ("switches", "code", "words"),
-    [
-        (["--fault", "/x:status=9"], 2, "status=9 is not a status"),
-        (["--host", "nowhere.invalid"], 1, "not an address"),
-        (["--log", "/dev/null/log"], 1, "Not a directory"),
-    ],
-)
-def test_bad_switches_are_refused(tool, tree, switches, code, words):
-    assert words in tool("serve", tree, *switches, code=code)
-
-
-def test_folder_without_a_manifest_is_no_tree(tool, tmp_path):
-    assert "no distribution tree" in tool("serve", tmp_path, code=1)
