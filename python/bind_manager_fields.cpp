@@ -63,9 +63,7 @@ void add_host_objects(Bound& bound) {
 void add_documents(Bound& bound) {
   add(
       bound, "_manifest", [](SyncManager& core) { return manifest_to_python(core._manifest.get()); },
-      [](SyncManager& core, nb::handle value, const char* name) {
-        core._manifest.set(value.is_none() ? nullptr : manifest_argument(value, name));
-      });
+      [](SyncManager& core, nb::handle value, const char*) { core._manifest.set(value.is_none() ? nullptr : manifest_argument(value)); });
   add(
       bound, "_vocabulary",
       [](SyncManager& core) {

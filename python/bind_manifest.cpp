@@ -88,35 +88,38 @@ auto entry_test(Test test) {
   };
 }
 
-void bind_filters(nb::module_& module) {
-  const auto neighbours = [] { return host_neighbours().bind(); };
+void add_filter(nb::module_& module, const char* name, Document (*filter)(NeighbourSet& neighbours, const Document& manifest_data)) {
   module.def(
-      "_sanitize_manifest_data_for_sync",
-      [neighbours](nb::handle manifest_data) {
-        return filtered(manifest_data, "manifest_data",
-                        [&](const Document& data) { return _sanitize_manifest_data_for_sync(*neighbours(), Value(data)); });
+      name,
+      [filter](nb::handle manifest_data) {
+        return filtered(manifest_data, "manifest_data", [&](const Document& data) { return filter(*host_neighbours().bind(), data); });
       },
       any("manifest_data"));
-  module.def(
-      "_drop_agent_bundle_declaration_files",
-      [](nb::handle manifest_data) {
-        return filtered(manifest_data, "manifest_data", [](const Document& data) { return _drop_agent_bundle_declaration_files(data); });
-      },
-      any("manifest_data"));
-  module.def(
-      "_drop_unsupported_runtime_module_files",
-      [neighbours](nb::handle manifest_data) {
-        return filtered(manifest_data, "manifest_data",
-                        [&](const Document& data) { return _drop_unsupported_runtime_module_files(*neighbours(), data); });
-      },
-      any("manifest_data"));
-  module.def(
-      "_drop_retired_found_pnl_long_files",
-      [](nb::handle manifest_data) {
-        return filtered(manifest_data, "manifest_data", [](const Document& data) { return _drop_retired_found_pnl_long_files(data); });
-      },
-      any("manifest_data"));
+}
 
+void bind_filters(nb::module_& module) {
+  add_filter(module, "_sanitize_manifest_data_for_sync",
+             [](NeighbourSet& neighbours, const Document& data) { return _sanitize_manifest_data_for_sync(neighbours, Value(data)); });
+  add_filter(module, "_drop_agent_bundle_declaration_files",
+             [](NeighbourSet&, const Document& data) { return _drop_agent_bundle_declaration_files(data); });
+  add_filter(module, "_drop_unsupported_runtime_module_files", _drop_unsupported_runtime_module_files);
+  add_filter(module, "_drop_retired_found_pnl_long_files",
+             [](NeighbourSet&, const Document& data) { return _drop_retired_found_pnl_long_files(data); });
+}
+
+/// Binds a test of the files that a manifest lists.
+void add_listing_test(nb::module_& module, const char* name, bool (*test)(const Value& files)) {
+  module.def(
+      name,
+      [test](nb::handle manifest) {
+        const Value files = files_of(manifest);
+        return detached([&] { return test(files); });
+      },
+      any("manifest"));
+}
+
+void bind_file_tests(nb::module_& module) {
+  const auto neighbours = [] { return host_neighbours().bind(); };
   module.def("_is_agent_bundle_declaration_file",
              entry_test([](const std::string& path, const Value& entry) { return _is_agent_bundle_declaration_file(path, entry); }),
              any("file_path"), any("file_info"));
@@ -144,25 +147,13 @@ void bind_filters(nb::module_& module) {
       "_is_retired_found_pnl_long_file", [](nb::handle file_path) { return _is_retired_found_pnl_long_file(text_form(file_path)); },
       any("file_path"));
 
-  module.def(
-      "_manifest_has_agent_bundle_declarations",
-      [](nb::handle manifest) {
-        const Value files = files_of(manifest);
-        return detached([&] { return _manifest_has_agent_bundle_declarations(files); });
-      },
-      any("manifest"));
-  module.def(
-      "_manifest_has_retired_found_pnl_long_files",
-      [](nb::handle manifest) {
-        const Value files = files_of(manifest);
-        return detached([&] { return _manifest_has_retired_found_pnl_long_files(files); });
-      },
-      any("manifest"));
+  add_listing_test(module, "_manifest_has_agent_bundle_declarations", _manifest_has_agent_bundle_declarations);
+  add_listing_test(module, "_manifest_has_retired_found_pnl_long_files", _manifest_has_retired_found_pnl_long_files);
 }
 
 }  // namespace
 
-std::shared_ptr<Manifest> manifest_argument(nb::handle object, const char*) {
+std::shared_ptr<Manifest> manifest_argument(nb::handle object) {
   if (nb::isinstance<ManifestObject>(object)) return nb::cast<const ManifestObject&>(object).record;
   Document data;
   for (const char* field : {"era_number", "version", "base_url", "pnl_column_count", "signals_index", "functions"}) {
@@ -196,6 +187,7 @@ void bind_manifest(nb::module_& module) {
   module.def("_detect_platform", [] { return to_python(_detect_platform()); });
   bind_record(module);
   bind_filters(module);
+  bind_file_tests(module);
   module.def(
       "_write_manifest_json",
       [](nb::handle data_dir, nb::handle manifest_data) {

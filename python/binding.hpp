@@ -58,7 +58,7 @@ void update_sync_result(nb::handle object, const SyncResult& result);
 
 /// The record of a bound `Manifest`, or one built from the attributes of any other object; what it lacks
 /// counts as absent. Attached threads only.
-[[nodiscard]] std::shared_ptr<Manifest> manifest_argument(nb::handle object, const char* name);
+[[nodiscard]] std::shared_ptr<Manifest> manifest_argument(nb::handle object);
 /// The same Python object for the same live record; None for nullptr.
 [[nodiscard]] nb::object manifest_to_python(const std::shared_ptr<Manifest>& record);
 /// The attribute `files` of any object; an empty document where it has none, null where it is no mapping.

@@ -1,9 +1,6 @@
 #include "python/errors.hpp"
 
-#include <deque>
-#include <functional>
 #include <map>
-#include <mutex>
 #include <span>
 #include <utility>
 #include <vector>
@@ -192,7 +189,7 @@ nb::handle nearest_class(const ErrorClass& error_class) {
     if (entry.error_class == &error_class) return entry.python_class;
   for (const NamedClass& named : NAMED_CLASSES) {
     if (named.error_class != &error_class) continue;
-    const nb::object found = nb::module_::import_(named.module).attr(named.name);
+    nb::object found = nb::module_::import_(named.module).attr(named.name);
     return found;  // kept alive by its module
   }
   for (const ErrorClass* parent : error_class.parents()) return nearest_class(*parent);

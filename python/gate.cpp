@@ -2,11 +2,11 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <new>
-#include <string>
 #include <thread>
 
 #include "sync/base/fork.hpp"
@@ -17,7 +17,7 @@ namespace brackenfen::sync::python {
 namespace {
 
 struct Gate {
-  std::mutex mutex;
+  std::mutex mutex;  // a leaf; guards the flags and counts
   std::condition_variable changed;
   bool workers_closed = false;
   bool closed = false;

@@ -9,7 +9,8 @@
 //   3. close         neither do threads of the host, which then park for ever instead of being aborted.
 //
 // Lock order: locks of the core before the interpreter lock. Hence a binding converts its arguments, makes a
-// Released, and only then enters the core.
+// Released, and only then enters the core. Leaf locks alone may be taken attached, for a field that is read or
+// assigned: nothing asks for the interpreter lock under one.
 #pragma once
 
 #include <nanobind/nanobind.h>

@@ -4,11 +4,13 @@
 #include "python/binding.hpp"
 #include "python/host.hpp"
 #include "python/neighbours_backoff.hpp"
+#include "sync/transport/http.hpp"
 
 namespace brackenfen::sync::python {
 namespace {
 
-constexpr const char* VERSION = "0.0.3";
+/// The one in the user agent.
+constexpr std::string_view VERSION = std::string_view(SYNC_USER_AGENT).substr(std::string_view("brackenfen-sync/").size());
 
 PyObject* first_module_dict = nullptr;  // of the first import; owned for ever
 
@@ -22,7 +24,7 @@ nb::object module_getattr(nb::handle name) {
 }
 
 void bind_all(nb::module_& module) {
-  module.attr("__version__") = VERSION;
+  module.attr("__version__") = to_python(VERSION);
   module.attr("__doc__") =
       "Keeps a local data directory in step with a server's distribution of it.\n\n"
       "SyncManager.get_or_create opens a directory; SyncManager.sync brings it up to date.";

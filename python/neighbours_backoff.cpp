@@ -15,7 +15,7 @@ struct PythonFields : HostContextFields {
 };
 
 nb::object field(nb::handle fields, const char* name) {
-  const nb::object found = nb::steal(PyMapping_GetItemString(fields.ptr(), name));
+  nb::object found = nb::steal(PyMapping_GetItemString(fields.ptr(), name));
   if (found.is_valid()) return found;
   if (PyErr_ExceptionMatches(PyExc_KeyError) == 0) throw nb::python_error();
   PyErr_Clear();

@@ -20,7 +20,7 @@ namespace brackenfen::sync::python {
 [[nodiscard]] nb::object backoff_cancelled_class();
 /// The context as a dict: the host's own fields, and what was set over them.
 [[nodiscard]] nb::dict context_to_python(const BackoffContext& context);
-[[nodiscard]] BackoffContext context_from_python(nb::handle fields);
+[[nodiscard]] BackoffContext context_from_python(nb::handle mapping);
 
 /// sync.backoff_context(**fields) and sync.current_context().
 void bind_backoff(nb::module_& module);

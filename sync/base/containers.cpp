@@ -1,6 +1,5 @@
 // List and Document: how they are built, changed, compared and destroyed.
 #include <algorithm>
-#include <memory>
 
 #include "sync/base/value.hpp"
 #include "sync/base/value_nodes.hpp"

@@ -8,7 +8,6 @@
 #include <string>
 
 #include "sync/base/convert.hpp"
-#include "sync/base/text.hpp"
 
 namespace brackenfen::sync {
 

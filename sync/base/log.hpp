@@ -4,10 +4,7 @@
 // Never log while holding a leaf lock: a sink may take the host's interpreter lock.
 #pragma once
 
-#include <memory>
 #include <string>
-#include <string_view>
-#include <utility>
 #include <vector>
 
 #include "sync/base/value.hpp"

@@ -2,6 +2,8 @@
 
 #include <openssl/evp.h>
 
+#include <array>
+
 #include "sync/base/error.hpp"
 
 namespace brackenfen::sync {

@@ -1,7 +1,6 @@
 // SHA-256. The one place that knows the digest library.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -9,7 +8,8 @@
 
 namespace brackenfen::sync {
 
-/// A running digest. Reusable: reset() starts over without a new allocation. One thread at a time.
+/// A running digest. Reusable: reset() starts over without a new allocation. One thread at a time. Throws
+/// RuntimeError where the digest library fails.
 class Sha256 {
  public:
   Sha256();

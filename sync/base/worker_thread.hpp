@@ -3,7 +3,6 @@
 
 #include <chrono>
 #include <functional>
-#include <memory>
 #include <string>
 
 namespace brackenfen::sync {

@@ -8,7 +8,6 @@
 #include "sync/documents/manifest_paths.hpp"
 
 namespace brackenfen::sync {
-
 namespace {
 
 constexpr std::string_view ARROW = ".arrow";

@@ -8,29 +8,11 @@
 
 #include <cerrno>
 #include <functional>
-#include <utility>
 
 #include "sync/base/paths.hpp"
 #include "sync/documents/manifest_paths.hpp"
 
 namespace brackenfen::sync {
-
-namespace {
-
-constexpr std::int64_t NANOSECONDS_PER_SECOND = 1'000'000'000;
-
-std::int64_t nanoseconds(const timespec& time) { return static_cast<std::int64_t>(time.tv_sec) * NANOSECONDS_PER_SECOND + time.tv_nsec; }
-
-FileStat file_stat(const struct stat& status) {
-  return {.size_bytes = status.st_size,
-          .mtime_ns = nanoseconds(status.st_mtim),
-          .ctime_ns = nanoseconds(status.st_ctim),
-          .inode = static_cast<std::int64_t>(status.st_ino),
-          .is_directory = S_ISDIR(status.st_mode)};
-}
-
-}  // namespace
-
 LocalFiles::LocalFiles(std::string_view data_dir)
     : data_dir_(data_dir), base_(real_path(expand_user(data_dir))), root_(::open(base_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
 

@@ -5,12 +5,12 @@
 #include <cerrno>
 #include <utility>
 
+#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
 #include "sync/base/text.hpp"
 #include "sync/documents/manifest_filters.hpp"
 
 namespace brackenfen::sync {
-
 namespace {
 
 Value field_or(const Document& data, std::string_view key, const Value& fallback) {
@@ -42,6 +42,14 @@ std::string platform_name(std::string_view system, std::string_view machine) {
   if (system_name == "darwin" && arm64) return "macos_arm64";
   if (system_name == "windows") return "windows_amd64";  // on any machine
   return system_name + "_" + machine_name;
+}
+
+Value manifest_integer(const Value& value, std::string_view key) {
+  try {
+    return to_integer(value);
+  } catch (const Error& error) {
+    throw Error(error.error_class(), "manifest " + std::string(key) + ": " + error.text());
+  }
 }
 
 Manifest::Manifest(NeighbourSet& neighbours, const Value& data) : data_(_sanitize_manifest_data_for_sync(neighbours, data)) {

@@ -18,6 +18,10 @@ namespace brackenfen::sync {
 /// The same from given names, in any letter case.
 [[nodiscard]] std::string platform_name(std::string_view system, std::string_view machine);
 
+/// int(value), for a number that a manifest holds under `key`, whose name stands in the text of what it throws:
+/// ValueError, TypeError or OverflowError.
+[[nodiscard]] Value manifest_integer(const Value& value, std::string_view key);
+
 /// The record of one manifest. The document is sanitised on the way in; no field is converted or checked, so
 /// a malformed value stays as it came until a reader converts it.
 ///
@@ -43,7 +47,7 @@ class Manifest {
 
   /// The entry at `path`; null where there is none.
   [[nodiscard]] Value file(std::string_view path) const;
-  /// Sets one entry, in `files` and in the document at once.
+  /// Sets one entry, in `files` and in the document at once. Throws TypeError where `files` is no document.
   void set_file(std::string_view path, const Document& entry);
 
   struct Sections {

@@ -1,7 +1,6 @@
 #include "sync/documents/manifest_filters.hpp"
 
 #include <algorithm>
-#include <array>
 #include <unordered_set>
 #include <utility>
 #include <vector>
@@ -12,7 +11,6 @@
 #include "sync/documents/removal.hpp"
 
 namespace brackenfen::sync {
-
 namespace {
 
 constexpr std::string_view RETIRED_UNSUPPORTED_RUNTIME_MODULE_NAMES[] = {"backtester", "risk_model"};
@@ -64,7 +62,8 @@ class RuntimeModules {
 Document _sanitize_manifest_data_for_sync(NeighbourSet& neighbours, const Value& manifest_data) {
   const Document* document = manifest_data.if_document();
   if (document == nullptr) {
-    throw AttributeError("the manifest is not a JSON object: '" + std::string(type_name(manifest_data)) + "' object has no attribute 'get'");
+    throw AttributeError("the manifest is not a JSON object: '" + std::string(type_name(manifest_data)) +
+                         "' object has no attribute 'get'");
   }
   return _drop_retired_found_pnl_long_files(
       _drop_unsupported_runtime_module_files(neighbours, _drop_agent_bundle_declaration_files(*document)));

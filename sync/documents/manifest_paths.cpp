@@ -1,7 +1,6 @@
 #include "sync/documents/manifest_paths.hpp"
 
 #include <optional>
-#include <vector>
 
 #include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
@@ -11,7 +10,6 @@
 #include "sync/neighbours/transport_security.hpp"
 
 namespace brackenfen::sync {
-
 namespace {
 
 constexpr std::string_view DATA_FILES_PATH = "/data/files";

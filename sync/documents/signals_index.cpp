@@ -8,7 +8,6 @@
 #include "sync/documents/removal.hpp"
 
 namespace brackenfen::sync {
-
 namespace {
 
 struct PnlPath {
@@ -24,6 +23,13 @@ constexpr PnlPath PNL_PATHS[] = {
     {"useful_signals/", "/signal_os/pnl.arrow", "useful_signals", USEFUL_SIGNAL_OS_PNL_KIND},
     {"useful_signals/", "/strategy_is/pnl.arrow", "useful_signals", USEFUL_SIGNAL_STRATEGY_IS_PNL_KIND},
 };
+
+/// nullptr for a path that is no PnL artifact's.
+const PnlPath* find_pnl_path(std::string_view file_path) {
+  const auto* found = std::ranges::find_if(
+      PNL_PATHS, [file_path](const PnlPath& pnl) { return file_path.starts_with(pnl.root) && file_path.ends_with(pnl.ending); });
+  return found == std::end(PNL_PATHS) ? nullptr : found;
+}
 
 void add_found_pnl_path(const Value& file_path, std::set<std::string>& paths) {
   std::string normalised;
@@ -42,11 +48,14 @@ bool is_found_pnl_file_kind(std::string_view kind) {
   return std::ranges::find(FOUND_PNL_FILE_KINDS, kind) != std::end(FOUND_PNL_FILE_KINDS);
 }
 
+std::optional<std::string_view> pnl_kind_for_path(std::string_view file_path) {
+  const PnlPath* pnl = find_pnl_path(file_path);
+  return pnl == nullptr ? std::nullopt : std::optional(pnl->kind);
+}
+
 std::optional<std::string_view> _found_pnl_section_for_path(std::string_view file_path) {
-  for (const PnlPath& pnl : PNL_PATHS) {
-    if (file_path.starts_with(pnl.root) && file_path.ends_with(pnl.ending)) return pnl.section;
-  }
-  return std::nullopt;
+  const PnlPath* pnl = find_pnl_path(file_path);
+  return pnl == nullptr ? std::nullopt : std::optional(pnl->section);
 }
 
 bool _is_manifest_found_pnl_file(std::string_view file_path, const Value& file_info) {

@@ -25,6 +25,8 @@ inline constexpr std::string_view FOUND_PNL_FILE_KINDS[] = {FOUND_SIGNAL_PNL_KIN
 
 [[nodiscard]] bool is_found_pnl_file_kind(std::string_view kind);
 
+/// The kind of a PnL artifact, told from its path alone; absent for any other path.
+[[nodiscard]] std::optional<std::string_view> pnl_kind_for_path(std::string_view file_path);
 /// The section whose PnL artifact a path is, by its root and its ending; absent for any other path.
 [[nodiscard]] std::optional<std::string_view> _found_pnl_section_for_path(std::string_view file_path);
 /// Whether path and kind both say that a missing file is recoverable.

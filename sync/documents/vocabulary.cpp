@@ -6,7 +6,6 @@
 #include "sync/documents/manifest_paths.hpp"
 
 namespace brackenfen::sync {
-
 namespace {
 
 std::optional<std::string> universe_from_safe_path(NeighbourSet& neighbours, std::string_view relative_path) {

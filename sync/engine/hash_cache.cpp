@@ -15,7 +15,6 @@
 #include "sync/base/log.hpp"
 
 namespace brackenfen::sync {
-
 namespace {
 
 std::optional<std::string> expected_if(bool holds, std::string_view expected_sha) {

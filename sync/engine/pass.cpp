@@ -12,7 +12,6 @@
 #include "sync/documents/feature_paths.hpp"
 #include "sync/documents/manifest_file.hpp"
 #include "sync/documents/manifest_filters.hpp"
-#include "sync/documents/manifest_paths.hpp"
 #include "sync/documents/signals_index.hpp"
 #include "sync/documents/vocabulary.hpp"
 #include "sync/transport/progress.hpp"
@@ -42,14 +41,6 @@ std::int64_t count_features(const Value& files) {
     if (entry && entry->get("kind").if_text() == "feature") ++count;
   }
   return count;
-}
-
-Value manifest_integer(const Value& value, std::string_view key) {
-  try {
-    return to_integer(value);
-  } catch (const Error& error) {
-    throw Error(error.error_class(), "manifest " + std::string(key) + ": " + error.text());
-  }
 }
 
 SyncManager::Pass::Pass(SyncManager& manager)

@@ -88,7 +88,4 @@ class SyncManager::Pass {
 /// The number of entries of `files` whose kind is "feature".
 [[nodiscard]] std::int64_t count_features(const Value& files);
 
-/// int(value), with the name of the manifest key in the text of what it throws.
-[[nodiscard]] Value manifest_integer(const Value& value, std::string_view key);
-
 }  // namespace brackenfen::sync

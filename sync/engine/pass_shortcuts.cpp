@@ -10,7 +10,6 @@
 #include "sync/transport/progress.hpp"
 
 namespace brackenfen::sync {
-namespace {}  // namespace
 
 std::optional<SyncResult> SyncManager::Pass::end_on_version_hint(const VersionHint& hint) {
   if (!local_ || !hint.version || !hint.era) return std::nullopt;

@@ -1,7 +1,6 @@
 // One manager per canonical directory and process.
 #include <new>
 
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
 #include "sync/base/fork.hpp"
 #include "sync/base/paths.hpp"

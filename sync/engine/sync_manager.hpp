@@ -47,6 +47,8 @@ inline constexpr int SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT = 3;
 /// Called with the wait in seconds before each back-off of a download.
 using RetryStatusCallback = std::function<void(double wait_seconds)>;
 
+/// Held by shared_ptr only: the workers of a download set share in it, and may outlive the operation that started
+/// them. Operations throw Interrupted besides what they name, and StateError in a child of fork().
 class SyncManager : public std::enable_shared_from_this<SyncManager> {
  public:
   struct Options {
@@ -92,7 +94,9 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
 
   // ---- the pass: sync_driver.cpp, pass.hpp -----------------------------------------------------------
 
-  /// A full sync: manifest, compare, download, verify, commit.
+  /// A full sync: manifest, compare, download, verify, commit. Takes the locks of a pass. Throws AuthError, SyncError
+  /// and its subclasses (SyncUnavailableError where the server does not answer the requests for the manifest),
+  /// os_error of local files, and what the token source or the guard throws; what has landed stays.
   [[nodiscard]] SyncResult sync();
   /// Runs passes until one is not superseded, at most SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT. The caller
   /// holds the directory lock.
@@ -110,7 +114,9 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
     bool retry_checksum_mismatch = true;
   };
   /// Brings one manifest file to its local path: streamed into "{local path}.tmp" under a running digest,
-  /// resumed by Range, moved into place. `result` must be private to the caller.
+  /// resumed by Range, moved into place. A failure that may pass is waited out, without limit. `result` must be
+  /// private to the caller. Throws ManifestSupersededError, PermanentDownloadError, IntegrityError, AuthError,
+  /// ManifestError for a refused path, SyncBackoffCancelled and os_error; a partial staging file stays for the next try.
   void _download_file(NeighbourSet& neighbours, const std::string& file_path, const Document& file_info, SyncResult& result,
                       const DownloadOptions& options);
   void _download_file(NeighbourSet& neighbours, const std::string& file_path, const Document& file_info, SyncResult& result) {
@@ -120,13 +126,16 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   /// ManifestSupersededError ends the batch at once.
   void _download_files_parallel(const std::shared_ptr<NeighbourSet>& neighbours, const Document& files_to_download, SyncResult& result);
 
-  /// One bounded request without retries, or absent where it failed.
+  /// One bounded request without retries, or absent where the network failed. Throws ValueError for a refused URL.
   [[nodiscard]] std::optional<HttpResult> _manifest_version_probe_once(NeighbourSet& neighbours, const std::string& url);
-  /// Whether the server has moved past the generation that `file_info` was stamped with.
+  /// Whether the server has moved past the generation that `file_info` was stamped with; false where that cannot be
+  /// told. Throws AuthError.
   [[nodiscard]] bool _download_manifest_superseded(NeighbourSet& neighbours, const Document& file_info);
 
   // ---- local integrity: local_integrity.cpp ----------------------------------------------------------
 
+  /// Whether size and digest are those of the entry. A file that is not there does not match; one that cannot be
+  /// read throws os_error.
   [[nodiscard]] bool _local_file_matches_manifest(const std::string& file_path, const std::string& local_path, const Document& file_info,
                                                   bool cache_allowed = true);
   /// Whether every file that must be here is here and matches.
@@ -215,6 +224,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   /// A fresh token. Throws TypeError where there is no source, and what the source throws.
   [[nodiscard]] std::string bearer_token() const;
 
+  /// The same for a caller with the stat in hand; `local_path` is asked for only where the file must be read.
   [[nodiscard]] bool file_matches(std::string_view file_path, const FileStat& stat, const std::function<std::string()>& local_path,
                                   const Document& file_info, bool cache_allowed);
 

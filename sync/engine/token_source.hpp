@@ -11,6 +11,7 @@ namespace brackenfen::sync {
 class TokenSource {
  public:
   virtual ~TokenSource() = default;
+  /// What it throws, an error of the host's own, ends the operation.
   [[nodiscard]] virtual std::string token() = 0;
   /// What the host gave instead, where that cannot be called: the text form of its type.
   [[nodiscard]] virtual std::optional<std::string> type_where_not_callable() const { return std::nullopt; }

@@ -16,7 +16,6 @@
 #include "sync/base/log.hpp"
 
 namespace brackenfen::sync {
-
 namespace {
 
 // Between two tries of a lock that another process holds. Short at first, since most units of work are.

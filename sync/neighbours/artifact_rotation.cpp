@@ -3,7 +3,6 @@
 #include "sync/base/convert.hpp"
 
 namespace brackenfen::sync {
-
 namespace {
 
 constexpr std::string_view VOCABULARY_ROOT = "named_universes/";

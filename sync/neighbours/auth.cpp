@@ -3,7 +3,6 @@
 #include <utility>
 
 namespace brackenfen::sync {
-
 namespace {
 
 constexpr const ErrorClass* AUTH_ERROR_PARENTS[] = {&error_class::Exception};

@@ -1,7 +1,6 @@
 #include "sync/neighbours/era_config.hpp"
 
 namespace brackenfen::sync {
-
 namespace {
 
 class BuiltinEraConfig final : public EraConfig {

@@ -1,7 +1,6 @@
 #include "sync/neighbours/neighbours.hpp"
 
 namespace brackenfen::sync {
-
 namespace {
 
 class BuiltinNeighbourSet final : public NeighbourSet {

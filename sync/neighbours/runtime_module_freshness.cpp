@@ -1,7 +1,6 @@
 #include "sync/neighbours/runtime_module_freshness.hpp"
 
 namespace brackenfen::sync {
-
 namespace {
 
 class BuiltinRuntimeModuleFreshness final : public RuntimeModuleFreshness {

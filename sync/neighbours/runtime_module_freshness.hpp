@@ -17,7 +17,8 @@ class RuntimeModuleFreshness {
   static const RuntimeModuleFreshness& builtin();
 };
 
-/// Told of every file that lands in the live directory. Called on the thread that landed it.
+/// Told of every file that lands in the live directory. Called on the thread that landed it, several at once; what it
+/// throws ends the operation.
 class RuntimeFreshnessGuard {
  public:
   virtual ~RuntimeFreshnessGuard() = default;

@@ -3,7 +3,6 @@
 #include <string_view>
 
 namespace brackenfen::sync {
-
 namespace {
 
 class BuiltinSyncProgress final : public SyncProgress {

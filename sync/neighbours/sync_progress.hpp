@@ -1,7 +1,6 @@
 // Reading the size that a manifest entry states.
 #pragma once
 
-#include <cstdint>
 #include <optional>
 
 #include "sync/base/value.hpp"

@@ -11,7 +11,6 @@
 #include "sync/base/url.hpp"
 
 namespace brackenfen::sync {
-
 namespace {
 
 bool is_ipv6(const std::string& host) { return host.find(':') != std::string::npos; }

@@ -1,7 +1,5 @@
 #include "sync/rotation/planning.hpp"
 
-#include <utility>
-
 #include "sync/documents/manifest_filters.hpp"
 
 namespace brackenfen::sync {

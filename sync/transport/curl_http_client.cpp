@@ -1,6 +1,5 @@
 #include <memory>
 #include <optional>
-#include <string>
 
 #include "sync/transport/curl_transfer.hpp"
 #include "sync/transport/header_rules.hpp"

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "sync/base/convert.hpp"
+#include "sync/base/error.hpp"
 #include "sync/base/json.hpp"
 #include "sync/base/log.hpp"
 #include "sync/base/text.hpp"

@@ -4,7 +4,6 @@
 #include <string>
 #include <string_view>
 
-#include "sync/base/error.hpp"
 #include "sync/base/value.hpp"
 
 namespace brackenfen::sync {

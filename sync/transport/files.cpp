@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <limits>
 #include <memory>
 
@@ -48,11 +47,7 @@ class SystemFiles final : public Files {
       if (errno == ENOENT || errno == ENOTDIR) return std::nullopt;
       throw os_error(errno, path);
     }
-    return FileStat{.size_bytes = found.st_size,
-                    .mtime_ns = nanoseconds(found.st_mtim),
-                    .ctime_ns = nanoseconds(found.st_ctim),
-                    .inode = static_cast<std::int64_t>(found.st_ino),
-                    .is_directory = S_ISDIR(found.st_mode)};
+    return file_stat(found);
   }
 
   std::int64_t free_bytes(const std::string& directory) override {
@@ -80,6 +75,14 @@ HashWorkspace& hash_workspace() {
 }
 
 }  // namespace
+
+FileStat file_stat(const struct stat& status) noexcept {
+  return {.size_bytes = status.st_size,
+          .mtime_ns = nanoseconds(status.st_mtim),
+          .ctime_ns = nanoseconds(status.st_ctim),
+          .inode = static_cast<std::int64_t>(status.st_ino),
+          .is_directory = S_ISDIR(status.st_mode)};
+}
 
 Files& Files::real() {
   static Files& files = *new SystemFiles;

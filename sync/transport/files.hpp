@@ -1,6 +1,8 @@
 // Whole files: atomic writes, digests, and the file operations that tests make fail.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -20,6 +22,8 @@ struct FileStat {
   std::int64_t inode = 0;
   bool is_directory = false;
 };
+/// Of what stat(2) gave.
+[[nodiscard]] FileStat file_stat(const struct stat& status) noexcept;
 
 /// File operations as a seam: only what must be able to fail or be counted. All throw os_error.
 class Files {
@@ -27,7 +31,8 @@ class Files {
   virtual ~Files() = default;
   virtual void rename(const std::string& from, const std::string& to) = 0;
   virtual void unlink(const std::string& path) = 0;
-  /// Creates `path` anew and writes `data`; no flush to stable storage.
+  /// Creates `path`, which must not exist, and writes `data`; no flush to stable storage. A failed write leaves a
+  /// part behind.
   virtual void write_new(const std::string& path, std::string_view data) = 0;
   /// Follows links. Absent where the file does not exist.
   [[nodiscard]] virtual std::optional<FileStat> stat(const std::string& path) = 0;

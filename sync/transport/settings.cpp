@@ -7,7 +7,6 @@
 #include <string_view>
 
 #include "sync/base/convert.hpp"
-#include "sync/base/error.hpp"
 #include "sync/base/log.hpp"
 
 namespace brackenfen::sync {

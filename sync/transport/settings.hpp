@@ -7,7 +7,6 @@
 #include <string>
 
 #include "sync/base/environment.hpp"
-#include "sync/base/value.hpp"
 
 namespace brackenfen::sync {
 

@@ -14,7 +14,6 @@
 #include "tools/distribution/kinds.hpp"
 
 namespace brackenfen::sync::distribution {
-
 namespace {
 
 Document read_document(const SourceFile& file) {

@@ -17,7 +17,6 @@
 #include "sync/base/text.hpp"
 
 namespace brackenfen::sync::distribution {
-
 namespace {
 
 [[noreturn]] void refuse_setting(std::string_view name, std::string_view value, std::string_view wanted) {

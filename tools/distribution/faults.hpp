@@ -97,7 +97,7 @@ class FaultTable {
 
   const std::string file_;
   const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
-  Mutex mutex_;
+  Mutex mutex_;                               ///< held while the file is read, so that a change takes effect for all requests at once
   std::size_t given_ GUARDED_BY(mutex_) = 0;  ///< how many rules are not the file's; they come first
   std::vector<Rule> rules_ GUARDED_BY(mutex_);
   FileVersion version_ GUARDED_BY(mutex_);

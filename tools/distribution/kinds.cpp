@@ -7,13 +7,10 @@
 
 #include "sync/base/text.hpp"
 #include "sync/documents/signals_index.hpp"
+#include "sync/neighbours/artifact_rotation.hpp"
 
 namespace brackenfen::sync::distribution {
-
 namespace {
-
-constexpr std::string_view VOCABULARY_PREFIX = "named_universes/";
-constexpr std::string_view VOCABULARY_SUFFIX = "/vocabulary.json";
 
 constexpr std::array<std::string_view, 5> MODULE_PLATFORMS = {"linux_x86_64", "linux_aarch64", "macos_x86_64", "macos_arm64",
                                                               "windows_amd64"};
@@ -21,16 +18,6 @@ constexpr std::array<std::string_view, 2> MODULE_SUFFIXES = {".so", ".pyd"};
 
 constexpr std::array<std::string_view, 5> CLIENT_FILES = {"manifest.json", "sync-progress.json", "feature-rotation-state.json",
                                                           "feature-rotation-settings.json", "shuffle_seed.enc.meta.json"};
-
-struct PnlRule {
-  std::string_view prefix, suffix, kind;
-};
-constexpr std::array<PnlRule, 4> PNL_RULES = {{
-    {"found_signals/", "/signal_is/pnl.arrow", FOUND_SIGNAL_PNL_KIND},
-    {"found_strategies/", "/strategy_is/pnl.arrow", FOUND_STRATEGY_EPOCH_PNL_KIND},
-    {"useful_signals/", "/signal_os/pnl.arrow", USEFUL_SIGNAL_OS_PNL_KIND},
-    {"useful_signals/", "/strategy_is/pnl.arrow", USEFUL_SIGNAL_STRATEGY_IS_PNL_KIND},
-}};
 
 std::optional<std::string> module_platform(std::string_view path) {
   for (const std::string_view suffix : MODULE_SUFFIXES) {
@@ -48,21 +35,14 @@ std::optional<std::string> module_platform(std::string_view path) {
 }  // namespace
 
 std::optional<std::string> vocabulary_universe(std::string_view path) {
-  if (!path.starts_with(VOCABULARY_PREFIX) || !path.ends_with(VOCABULARY_SUFFIX)) return std::nullopt;
-  if (path.size() <= VOCABULARY_PREFIX.size() + VOCABULARY_SUFFIX.size()) return std::nullopt;
-  path.remove_prefix(VOCABULARY_PREFIX.size());
-  path.remove_suffix(VOCABULARY_SUFFIX.size());
-  if (path.find('/') != std::string_view::npos) return std::nullopt;
-  return std::string(path);
+  return ArtifactRotation::builtin().vocabulary_named_universe_from_path(path);
 }
 
 ArtifactKind classify_artifact(std::string_view path) {
   if (path == SIGNALS_INDEX_RELATIVE_PATH) return {"signals_index", {}};
   if (path == FUNCTIONS_NAME) return {"functions", {}};
   if (vocabulary_universe(path)) return {"vocabulary", {}};
-  for (const PnlRule& rule : PNL_RULES) {
-    if (path.starts_with(rule.prefix) && path.ends_with(rule.suffix)) return {std::string(rule.kind), {}};
-  }
+  if (const std::optional<std::string_view> kind = pnl_kind_for_path(path)) return {std::string(*kind), {}};
   if (path.starts_with("features/")) return {"feature", {}};
   if (std::optional<std::string> platform = module_platform(path)) return {"vault_module", std::move(platform)};
   return {"data", {}};

@@ -17,7 +17,6 @@
 #include "tools/distribution/serve.hpp"
 
 namespace brackenfen::sync::distribution {
-
 namespace {
 
 constexpr std::int64_t MOST = 1'000'000'000'000'000;  // keeps sums of a few such numbers within 64 bits

@@ -28,7 +28,6 @@
 #include "tools/distribution/workers.hpp"
 
 namespace brackenfen::sync::distribution {
-
 namespace {
 
 constexpr std::size_t READ_BYTES = 512 * 1024;

@@ -6,7 +6,6 @@
 #include "sync/base/text.hpp"
 
 namespace brackenfen::sync::distribution {
-
 namespace {
 
 /// Digits alone; a number beyond 64 bits is no number.

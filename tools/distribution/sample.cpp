@@ -20,7 +20,6 @@
 #include "tools/distribution/workers.hpp"
 
 namespace brackenfen::sync::distribution {
-
 namespace {
 
 constexpr std::size_t BLOCK_BYTES = 256 * 1024;

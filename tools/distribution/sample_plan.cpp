@@ -18,7 +18,6 @@
 #include "tools/distribution/tree.hpp"
 
 namespace brackenfen::sync::distribution {
-
 namespace {
 
 constexpr std::array<std::string_view, 8> FAMILIES = {"momentum", "reversal", "value", "quality", "volume", "volatility", "carry", "flow"};

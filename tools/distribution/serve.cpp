@@ -23,7 +23,6 @@
 #include "tools/distribution/resource.hpp"
 
 namespace brackenfen::sync::distribution {
-
 namespace {
 
 constexpr std::size_t BENT_BLOCK_BYTES = 64 * 1024;

@@ -17,7 +17,6 @@
 #include "tools/distribution/kinds.hpp"
 
 namespace brackenfen::sync::distribution {
-
 namespace {
 
 struct CloseDirectory {
