@@ -30,6 +30,10 @@ namespace brackenfen::sync {
 
 /// str(value).
 [[nodiscard]] std::string to_text(const Value& value);
+/// The same for a field that may be left out: empty for null and everything else that is false.
+[[nodiscard]] std::string text_or_empty(const Value& value);
+/// A text without the white space at its ends; empty for a value that is no text. A view into `value`.
+[[nodiscard]] std::string_view stripped_text(const Value& value);
 /// repr(value): quotes, escapes, list brackets as Python prints them.
 [[nodiscard]] std::string to_quoted(const Value& value);
 [[nodiscard]] std::string to_quoted(std::string_view text);

@@ -152,4 +152,11 @@ std::string real_text(double number) {
   return (std::signbit(number) ? "-" : "") + digits;
 }
 
+std::string text_or_empty(const Value& value) { return value.truthy() ? to_text(value) : std::string(); }
+
+std::string_view stripped_text(const Value& value) {
+  const std::optional<std::string_view> text = value.if_text();
+  return text ? strip(*text) : std::string_view();
+}
+
 }  // namespace brackenfen::sync

@@ -63,11 +63,6 @@ std::string_view strip(std::string_view text) {
   return text;
 }
 
-std::string_view strip_char(std::string_view text, char character) {
-  text.remove_prefix(std::min(text.find_first_not_of(character), text.size()));
-  return rstrip_char(text, character);
-}
-
 std::string_view rstrip_char(std::string_view text, char character) {
   return text.substr(0, text.find_last_not_of(character) + 1);  // npos + 1 is 0
 }

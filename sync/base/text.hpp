@@ -9,8 +9,7 @@ namespace brackenfen::sync {
 
 /// str.strip(): every Unicode white-space character at both ends goes, U+00A0 and U+001C..1F among them.
 [[nodiscard]] std::string_view strip(std::string_view text);
-/// Strips one ASCII character from both ends, or from the right end only.
-[[nodiscard]] std::string_view strip_char(std::string_view text, char character);
+/// Strips one ASCII character from the right end.
 [[nodiscard]] std::string_view rstrip_char(std::string_view text, char character);
 /// str.split(separator): empty parts are kept.
 [[nodiscard]] std::vector<std::string_view> split(std::string_view text, std::string_view separator);

@@ -14,11 +14,6 @@ constexpr std::string_view ARROW = ".arrow";
 constexpr std::size_t SCOPED_SEGMENTS = 4;  // features/{universe}/{epoch}/{name}.arrow
 
 /// Empty for anything but a text.
-std::string_view stripped_text(const Value& value) {
-  const std::optional<std::string_view> text = value.if_text();
-  return text ? strip(*text) : std::string_view();
-}
-
 std::size_t segment_count(std::string_view path) { return static_cast<std::size_t>(std::ranges::count(path, '/')) + 1; }
 
 std::string_view first_segment(std::string_view path) { return path.substr(0, path.find('/')); }

@@ -25,11 +25,6 @@ bool lies_within(std::string_view path, std::string_view directory) {
 }
 
 /// The text stripped where it holds anything, else empty.
-std::string_view stripped_text(const Value& value) {
-  const std::optional<std::string_view> text = value.if_text();
-  return text ? strip(*text) : std::string_view();
-}
-
 std::optional<UrlParts> split_url_or_absent(std::string_view url) {
   try {
     return split_url(url);

@@ -17,12 +17,6 @@
 namespace brackenfen::sync {
 namespace {
 
-/// The value at `key` as text; empty where it is absent, null or otherwise false.
-std::string text_or_empty(const Document& document, std::string_view key) {
-  const Value& value = document.get(key);
-  return value.truthy() ? to_text(value) : std::string();
-}
-
 std::int64_t stated_size(const Document& file_info, const std::string& file_path) {
   const Value* stated = file_info.find("size_bytes");
   return stated ? to_int64(manifest_integer(*stated, "size_bytes of " + file_path)) : 0;
@@ -73,6 +67,9 @@ class FileDownload {
   const std::string expected_sha_;
   const std::int64_t expected_size_;
   const std::string kind_;
+  // Read once: address and credentials must never follow from two different manifests.
+  const std::string server_url_;
+  const Value base_url_;
   const std::string url_;
   const bool is_public_;
   const std::string local_path_;
@@ -102,12 +99,13 @@ FileDownload::FileDownload(SyncManager& manager, NeighbourSet& neighbours, const
       result_(result),
       options_(options),
       live_data_dir_(manager._data_dir.get()),
-      expected_sha_(text_or_empty(file_info, "sha256")),
+      expected_sha_(text_or_empty(file_info.get("sha256"))),
       expected_size_(stated_size(file_info, file_path)),
-      kind_(text_or_empty(file_info, "kind")),
-      url_(_manifest_file_url(neighbours.transport_security(), manager._server_url.get(), Value(file_path),
-                              base_url_for(file_info, manager))),
-      is_public_(_manifest_base_url_uses_public_download(manager._server_url.get(), base_url_for(file_info, manager))),
+      kind_(text_or_empty(file_info.get("kind"))),
+      server_url_(manager._server_url.get()),
+      base_url_(base_url_for(file_info, manager)),
+      url_(_manifest_file_url(neighbours.transport_security(), server_url_, Value(file_path), base_url_)),
+      is_public_(_manifest_base_url_uses_public_download(server_url_, base_url_)),
       local_path_(
           _manifest_local_path(options.target_data_dir.value_or("").empty() ? live_data_dir_ : *options.target_data_dir, Value(file_path))),
       max_unchanged_checksum_repairs_(_sync_max_unchanged_checksum_repairs(*seams_.environment)),

@@ -14,8 +14,6 @@
 namespace brackenfen::sync {
 namespace {
 
-std::string text_or_empty(const Value& value) { return value.truthy() ? to_text(value) : std::string(); }
-
 /// The URL's path; absent where the URL cannot be split.
 std::optional<std::string> path_of(std::string_view url) {
   try {
