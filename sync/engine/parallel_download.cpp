@@ -110,7 +110,7 @@ void Batch::work() {
     const Task* task = nullptr;
     {
       const std::lock_guard<std::mutex> lock(mutex_);
-      if (next_task_ < tasks_.size()) task = &tasks_[next_task_++];
+      if (!queue_dropped_ && next_task_ < tasks_.size()) task = &tasks_[next_task_++];
     }
     if (!task) break;
     run_task(*task);
@@ -176,7 +176,7 @@ std::optional<Outcome> Batch::next_outcome(std::optional<double> deadline_second
         ++consumed_;
         return outcome;
       }
-      if (consumed_ == items_.size() || (running_workers_ == 0 && outcomes_.empty())) return std::nullopt;
+      if (consumed_ == items_.size()) return std::nullopt;
     }
     if (deadline_seconds && clock.monotonic_seconds() >= *deadline_seconds) return std::nullopt;
     check_interrupt();
@@ -185,7 +185,6 @@ std::optional<Outcome> Batch::next_outcome(std::optional<double> deadline_second
 
 void Batch::drop_queue() {
   const std::lock_guard<std::mutex> lock(mutex_);
-  next_task_ = tasks_.size();
   queue_dropped_ = true;
 }
 
