@@ -57,6 +57,7 @@ constinit const ErrorClass ConnectionRefusedError{"ConnectionRefusedError", PARE
 constinit const ErrorClass ConnectionAbortedError{"ConnectionAbortedError", PARENTS_OF<ConnectionError>};
 constinit const ErrorClass BrokenPipeError{"BrokenPipeError", PARENTS_OF<ConnectionError>};
 constinit const ErrorClass URLError{"URLError", PARENTS_OF<OSError>};
+constinit const ErrorClass RedirectRefusedError{"RedirectRefusedError", PARENTS_OF<URLError>};
 constinit const ErrorClass SSLError{"SSLError", PARENTS_OF<OSError>};
 constinit const ErrorClass SSLCertVerificationError{"SSLCertVerificationError", PARENTS_OF<SSLError, ValueError>};
 

@@ -72,6 +72,8 @@ extern const ErrorClass OSError, FileNotFoundError, FileExistsError, PermissionE
 /// Failures below HTTP that are no plain system error: a name that does not resolve, a TLS handshake or
 /// certificate that fails. Both count as OSError, as they do in the host language.
 extern const ErrorClass URLError, SSLError, SSLCertVerificationError;
+/// A URLError: the server sends its clients where they must not go.
+extern const ErrorClass RedirectRefusedError;
 
 extern const ErrorClass SyncError, PermanentDownloadError, SyncUnavailableError, ManifestSupersededError, DiskSpaceError, IntegrityError,
     EraError, ManifestError, StateError, FeatureRotationStateError;

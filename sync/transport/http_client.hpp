@@ -48,7 +48,7 @@ class HttpResponse {
 ///
 /// Network failures are Errors whose class tells what happened: TimeoutError, ConnectionRefusedError,
 /// ConnectionResetError, BrokenPipeError, SSLError, SSLCertVerificationError, URLError (name look-up, proxy,
-/// malformed answers), OSError for the rest. All of them derive from OSError. No text holds a header value.
+/// malformed answers), RedirectRefusedError, OSError for the rest. All of them derive from OSError. No text holds a header value.
 class HttpClient {
  public:
   virtual ~HttpClient() = default;

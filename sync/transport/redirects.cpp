@@ -56,7 +56,7 @@ class ParsedUrl {
 
 bool is_web_scheme(std::string_view scheme) { return scheme == "https" || scheme == "http"; }
 
-[[noreturn]] void refuse(const std::string& why) { throw Error(error_class::URLError, why); }
+[[noreturn]] void refuse(const std::string& why) { throw Error(error_class::RedirectRefusedError, why); }
 
 void require_acceptable_target(const ParsedUrl& target, bool from_encrypted, const TransportSecurity& may_follow) {
   const std::string refused = "redirect to " + target.scheme_and_host() + " refused: ";

@@ -26,8 +26,8 @@ class RequestRoute {
   [[nodiscard]] const Headers& headers() const noexcept { return headers_; }
   [[nodiscard]] bool is_encrypted() const noexcept { return scheme_ == "https"; }
 
-  /// Goes on to `location`, absolute or relative to url(). Throws URLError, saying why, where the target is
-  /// refused; its text holds the target's scheme and host at most.
+  /// Goes on to `location`, absolute or relative to url(). Throws RedirectRefusedError, saying why, where the
+  /// target is refused; its text holds the target's scheme and host at most.
   void follow(std::string_view location, const TransportSecurity& may_follow);
 
  private:
