@@ -1,6 +1,7 @@
 #include "python/binding.hpp"
 #include "python/neighbours_backoff.hpp"
 #include "sync/transport/backoff.hpp"
+#include "sync/transport/event_counts.hpp"
 #include "sync/transport/events.hpp"
 
 namespace brackenfen::sync::python {
@@ -49,10 +50,92 @@ void bind_waits(nb::module_& module) {
       any("wait_seconds"));
 }
 
+std::vector<std::pair<nb::object, nb::object>> event_items(nb::handle event) {
+  nb::dict items;
+  items.update(event);
+  std::vector<std::pair<nb::object, nb::object>> found;
+  for (const auto& [key, value] : items) found.emplace_back(nb::borrow(key), nb::borrow(value));
+  return found;
+}
+
+/// Absent for an object that is no JSON value.
+std::optional<Value> json_value(nb::handle object) {
+  try {
+    return value_argument(object, "value");
+  } catch (const Error&) {
+    return std::nullopt;
+  }
+}
+
+/// The event as far as the core can read it: an object that is no JSON value counts by its text.
+Document readable_event(nb::handle event) {
+  std::vector<Member> members;
+  for (const auto& [key, value] : event_items(event)) {
+    std::optional<Value> readable = json_value(value);
+    members.push_back({text_form(key), readable ? *std::move(readable) : Value(text_form(value))});
+  }
+  return Document(std::move(members));
+}
+
+/// As the core does it, for objects of every kind.
+std::string stable_value(nb::handle value) {
+  const std::optional<Value> readable = json_value(value);
+  return readable ? _sync_event_stable_coalesce_value(*readable) : text_form(value);
+}
+
+EventKey key_of(nb::handle event) {
+  EventKey members;
+  for (const auto& [key, value] : event_items(event)) members.emplace_back(text_form(key), stable_value(value));
+  return coalesce_key_of(std::move(members));
+}
+
+nb::object key_to_python(const EventKey& key) {
+  nb::list pairs;
+  for (const auto& [name, value] : key) pairs.append(nb::make_tuple(to_python(name), to_python(value)));
+  return nb::steal(PyList_AsTuple(pairs.ptr()));
+}
+
+/// `_SYNC_EVENT_COALESCE_COUNTS`: a mapping whose every look reads the counts as they are then.
+struct LiveCounts {
+  static nb::dict read() {
+    nb::dict counts;
+    for (const auto& [key, count] : event_counts().all()) counts[key_to_python(key)] = count;
+    return counts;
+  }
+};
+
+void bind_coalescing(nb::module_& module) {
+  nb::class_<LiveCounts> counts(module, "_CoalesceCounts", "How many events were seen, by coalescing key; read-only and live.");
+  for (const char* name : {"__getitem__", "__contains__", "__iter__", "__len__", "__eq__", "__repr__", "get", "keys", "items", "values"}) {
+    counts.def(name,
+               [name](const LiveCounts&, const nb::args& arguments) { return nb::object(LiveCounts::read().attr(name)(*arguments)); });
+  }
+  nb::module_::import_("collections.abc").attr("Mapping").attr("register")(counts);
+  module.attr("_SYNC_EVENT_COALESCE_COUNTS") = nb::cast(LiveCounts());
+  module.attr("_SYNC_EVENT_COALESCE_LIMIT") = SYNC_EVENT_COALESCE_LIMIT;
+
+  module.def(
+      "_should_emit_sync_event",
+      [](nb::handle event) {
+        const Document readable = readable_event(event);
+        return !_sync_event_is_coalescible(readable) || event_counts().add(key_of(event)) < SYNC_EVENT_COALESCE_LIMIT;
+      },
+      any("event"));
+  module.def(
+      "_sync_event_is_coalescible", [](nb::handle event) { return _sync_event_is_coalescible(readable_event(event)); }, any("event"));
+  module.def(
+      "_sync_event_coalesce_key", [](nb::handle event) { return key_to_python(key_of(event)); }, any("event"));
+  module.def(
+      "_sync_event_stable_coalesce_value", [](nb::handle value) { return to_python(stable_value(value)); }, any("value"));
+  module.def(
+      "_sync_event_level_name", [](nb::handle event) { return to_python(_sync_event_level_name(readable_event(event))); }, any("event"));
+}
+
 }  // namespace
 
 void bind_events(nb::module_& module) {
   bind_waits(module);
+  bind_coalescing(module);
   module.def(
       "_emit_brackenfen_sync_event", [](nb::handle event) { _emit_brackenfen_sync_event(document_argument(event, "event")); },
       any("event"));

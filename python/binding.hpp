@@ -20,6 +20,7 @@ void bind_paths(nb::module_& module);
 void bind_settings(nb::module_& module);
 void bind_http(nb::module_& module);
 void bind_events(nb::module_& module);
+void bind_outages(nb::module_& module);
 void bind_files(nb::module_& module);
 void bind_progress(nb::module_& module);
 void bind_found_pnl(nb::module_& module);

@@ -196,33 +196,6 @@ nb::handle nearest_class(const ErrorClass& error_class) {
   return PyExc_Exception;
 }
 
-nb::object make_exception(const Error& error) {
-  const nb::object text = to_python(error.text());
-  const Document& fields = error.fields();
-  const nb::handle python_class = nearest_class(error.error_class());
-  if (error.is(error_class::SyncUnavailableError)) {
-    nb::dict arguments;
-    for (const char* name : UNAVAILABLE_ARGUMENTS) arguments[name] = to_python(fields.get(name));
-    return python_class(**arguments);
-  }
-  if (error.is(error_class::PermanentDownloadError))
-    return python_class(text, to_python(fields.get("file_path")), to_python(fields.get("status")));
-  if (error.is(error_class::JSONDecodeError))
-    return python_class(to_python(fields.get("msg")), to_python(fields.get("doc")), to_python(fields.get("pos")));
-  if (error.is(error_class::UnicodeDecodeError)) {
-    return python_class("utf-8", bytes_to_python(fields.get("object").if_text().value_or("")), to_python(fields.get("start")),
-                        to_python(fields.get("end")), to_python(fields.get("reason")));
-  }
-  if (error.is(error_class::OSError) && fields.contains("errno")) {
-    // The class follows from the number, as it does for the system's own errors.
-    const auto path = [&](const char* name) {
-      return fields.contains(name) ? path_to_python(fields.get(name).if_text().value_or("")) : nb::none();
-    };
-    return python_class(to_python(fields.get("errno")), to_python(fields.get("strerror")), path("filename"), nb::none(), path("filename2"));
-  }
-  return error.text().empty() ? python_class() : python_class(text);
-}
-
 void raise_interrupted(const Interrupted& interrupted) noexcept {
   if (interrupted.origin) {
     const auto& exception = *static_cast<const PyRef*>(interrupted.origin.get());
@@ -305,6 +278,33 @@ Error to_error(nb::handle exception) {
 }
 
 void rethrow_into_core(const nb::python_error& error) { throw to_error(error.value()); }
+
+nb::object make_exception(const Error& error) {
+  const nb::object text = to_python(error.text());
+  const Document& fields = error.fields();
+  const nb::handle python_class = nearest_class(error.error_class());
+  if (error.is(error_class::SyncUnavailableError)) {
+    nb::dict arguments;
+    for (const char* name : UNAVAILABLE_ARGUMENTS) arguments[name] = to_python(fields.get(name));
+    return python_class(**arguments);
+  }
+  if (error.is(error_class::PermanentDownloadError))
+    return python_class(text, to_python(fields.get("file_path")), to_python(fields.get("status")));
+  if (error.is(error_class::JSONDecodeError))
+    return python_class(to_python(fields.get("msg")), to_python(fields.get("doc")), to_python(fields.get("pos")));
+  if (error.is(error_class::UnicodeDecodeError)) {
+    return python_class("utf-8", bytes_to_python(fields.get("object").if_text().value_or("")), to_python(fields.get("start")),
+                        to_python(fields.get("end")), to_python(fields.get("reason")));
+  }
+  if (error.is(error_class::OSError) && fields.contains("errno")) {
+    // The class follows from the number, as it does for the system's own errors.
+    const auto path = [&](const char* name) {
+      return fields.contains(name) ? path_to_python(fields.get(name).if_text().value_or("")) : nb::none();
+    };
+    return python_class(to_python(fields.get("errno")), to_python(fields.get("strerror")), path("filename"), nb::none(), path("filename2"));
+  }
+  return error.text().empty() ? python_class() : python_class(text);
+}
 
 void raise_in_python(const Error& error) noexcept {
   try {

@@ -26,6 +26,8 @@ void bind_errors(nb::module_& module);
 /// The same, thrown, for the exception just caught. Attached threads only.
 [[noreturn]] void rethrow_into_core(const nb::python_error& error);
 
+/// A new Python exception for an error of the core. Attached threads only.
+[[nodiscard]] nb::object make_exception(const Error& error);
 /// Sets the error as Python's current exception. Attached threads only.
 void raise_in_python(const Error& error) noexcept;
 

@@ -36,6 +36,7 @@ void bind_all(nb::module_& module) {
   bind_http(module);
   bind_backoff(module);
   bind_events(module);
+  bind_outages(module);
   bind_files(module);
   bind_progress(module);
   bind_found_pnl(module);

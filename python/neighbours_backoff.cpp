@@ -14,14 +14,6 @@ struct PythonFields : HostContextFields {
   PyRef fields;
 };
 
-nb::object field(nb::handle fields, const char* name) {
-  nb::object found = nb::steal(PyMapping_GetItemString(fields.ptr(), name));
-  if (found.is_valid()) return found;
-  if (PyErr_ExceptionMatches(PyExc_KeyError) == 0) throw nb::python_error();
-  PyErr_Clear();
-  return nb::none();
-}
-
 /// A context of the host's module, left again on the thread that entered it.
 class HostScope {
  public:
@@ -229,9 +221,9 @@ BackoffContext context_from_python(nb::handle mapping) {
   nb::dict fields;
   fields.update(mapping);
   BackoffContext context;
-  if (const nb::object data_dir = field(fields, "data_dir"); truth(data_dir)) context.data_dir = path_argument(data_dir, "data_dir");
-  if (const nb::object surface = field(fields, "surface"); truth(surface)) context.surface = text_form(surface);
-  if (const nb::object stop = field(fields, "stop_requested"); PyCallable_Check(stop.ptr()) != 0)
+  if (const nb::object data_dir = mapping_item(fields, "data_dir"); truth(data_dir)) context.data_dir = path_argument(data_dir, "data_dir");
+  if (const nb::object surface = mapping_item(fields, "surface"); truth(surface)) context.surface = text_form(surface);
+  if (const nb::object stop = mapping_item(fields, "stop_requested"); PyCallable_Check(stop.ptr()) != 0)
     context.stop_requested = StopCallback{share(stop)};
   context.host_fields = std::make_shared<const PythonFields>(fields);
   return context;

@@ -101,6 +101,27 @@ class HostArtifactRotation : public ArtifactRotation {
   PyRef module_;
 };
 
+class HostReasonDescriptions : public ReasonDescriptions {
+ public:
+  explicit HostReasonDescriptions(nb::handle module) : module_(module) {}
+  ReasonDescription describe_reason(std::string_view error_class_name, std::string_view recovery, const Value& error_code,
+                                    const Value& dependency, const Value& reason) const override {
+    return call_python([&] {
+      const nb::object described = module_.get().attr("describe_reason")(
+          to_python(error_class_name), nb::arg("recovery") = to_python(recovery), nb::arg("error_code") = to_python(error_code),
+          nb::arg("dependency") = to_python(dependency), nb::arg("reason") = to_python(reason));
+      const auto text = [&](const char* key) {
+        const nb::object found = mapping_item(described, key);
+        return truth(found) ? text_form(found) : std::string();
+      };
+      return ReasonDescription{text("rendered"), text("recovery")};
+    });
+  }
+
+ private:
+  PyRef module_;
+};
+
 NeighbourModule& transport_security_module() {
   static NeighbourModule& module = *new NeighbourModule("_transport_security");
   return module;
@@ -123,6 +144,10 @@ NeighbourModule& freshness_module() {
 }
 NeighbourModule& rotation_module() {
   static NeighbourModule& module = *new NeighbourModule("_artifact_rotation");
+  return module;
+}
+NeighbourModule& reason_descriptions_module() {
+  static NeighbourModule& module = *new NeighbourModule("reason_descriptions");
   return module;
 }
 
@@ -156,6 +181,7 @@ class HostNeighbourSet : public NeighbourSet {
   const SyncProgress& sync_progress() override { return sync_progress_.get(sync_progress_module()); }
   const RuntimeModuleFreshness& runtime_module_freshness() override { return freshness_.get(freshness_module()); }
   const ArtifactRotation& artifact_rotation() override { return rotation_.get(rotation_module()); }
+  const ReasonDescriptions& reason_descriptions() override { return reason_descriptions_.get(reason_descriptions_module()); }
 
  private:
   Bound<TransportSecurity, HostTransportSecurity> transport_security_;
@@ -164,6 +190,7 @@ class HostNeighbourSet : public NeighbourSet {
   Bound<SyncProgress, HostSyncProgress> sync_progress_;
   Bound<RuntimeModuleFreshness, HostFreshness> freshness_;
   Bound<ArtifactRotation, HostArtifactRotation> rotation_;
+  Bound<ReasonDescriptions, HostReasonDescriptions> reason_descriptions_;
 };
 
 class HostNeighbours : public Neighbours {

@@ -312,6 +312,14 @@ bool truth(nb::handle object) {
   return answer == 1;
 }
 
+nb::object mapping_item(nb::handle mapping, const char* key) {
+  nb::object found = nb::steal(PyMapping_GetItemString(mapping.ptr(), key));
+  if (found.is_valid()) return found;
+  if (PyErr_ExceptionMatches(PyExc_KeyError) == 0) throw nb::python_error();
+  PyErr_Clear();
+  return nb::none();
+}
+
 std::string text_form(nb::handle object) {
   return text_of(PyUnicode_CheckExact(object.ptr()) ? nb::borrow(object) : checked(PyObject_Str(object.ptr()))).str();
 }

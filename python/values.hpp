@@ -47,6 +47,8 @@ class Origins {
 [[nodiscard]] bool truth(nb::handle object);
 /// str(object).
 [[nodiscard]] std::string text_form(nb::handle object);
+/// The value at `key` of any mapping; None where it has none.
+[[nodiscard]] nb::object mapping_item(nb::handle mapping, const char* key);
 /// str(object) of each element; none for None.
 [[nodiscard]] std::vector<std::string> texts_argument(nb::handle iterable, const char* name);
 [[nodiscard]] std::vector<Value> values_argument(nb::handle iterable, const char* name);

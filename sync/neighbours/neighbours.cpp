@@ -11,6 +11,7 @@ class BuiltinNeighbourSet final : public NeighbourSet {
   const SyncProgress& sync_progress() override { return SyncProgress::builtin(); }
   const RuntimeModuleFreshness& runtime_module_freshness() override { return RuntimeModuleFreshness::builtin(); }
   const ArtifactRotation& artifact_rotation() override { return ArtifactRotation::builtin(); }
+  const ReasonDescriptions& reason_descriptions() override { return ReasonDescriptions::builtin(); }
 };
 
 /// A handle that owns nothing: what it points at lives for the whole process.

@@ -7,6 +7,7 @@
 #include "sync/neighbours/artifact_rotation.hpp"
 #include "sync/neighbours/auth.hpp"
 #include "sync/neighbours/era_config.hpp"
+#include "sync/neighbours/reason_descriptions.hpp"
 #include "sync/neighbours/runtime_module_freshness.hpp"
 #include "sync/neighbours/sync_backoff.hpp"
 #include "sync/neighbours/sync_progress.hpp"
@@ -26,6 +27,7 @@ class NeighbourSet {
   [[nodiscard]] virtual const SyncProgress& sync_progress() = 0;
   [[nodiscard]] virtual const RuntimeModuleFreshness& runtime_module_freshness() = 0;
   [[nodiscard]] virtual const ArtifactRotation& artifact_rotation() = 0;
+  [[nodiscard]] virtual const ReasonDescriptions& reason_descriptions() = 0;
 };
 
 class Neighbours {

@@ -10,6 +10,7 @@
 #include "sync/base/log.hpp"
 #include "sync/base/text.hpp"
 #include "sync/base/url.hpp"
+#include "sync/transport/event_counts.hpp"
 
 namespace brackenfen::sync {
 namespace {
@@ -44,6 +45,7 @@ std::string_view _sync_event_level_name(const Document& event) {
 }
 
 void _emit_brackenfen_sync_event(const Document& event) {
+  if (!_should_emit_sync_event(event)) return;
   const LogLevel level = _sync_event_level_name(event) == "warning" ? LogLevel::Warning : LogLevel::Info;
   LogSink& sink = log_sink();
   if (!sink.enabled(level)) return;

@@ -9,7 +9,8 @@
 namespace brackenfen::sync {
 
 /// The one exit to the log: "brackenfen_sync_event %s" with the event as JSON with sorted keys, and the
-/// event itself as the record's structured payload.
+/// event itself as the record's structured payload. Repeats are held back, see event_counts.hpp. What the log
+/// throws leaves it.
 void _emit_brackenfen_sync_event(const Document& event);
 
 /// "warning" for what asks for an operator, else "info".

@@ -12,7 +12,8 @@ import pytest
 
 KINDS = {
     int: "_SYNC_HTTP_CHUNK_BYTES _SYNC_HTTP_RESPONSE_READ_BYTES _SYNC_MAX_CONCURRENCY _SYNC_MAX_UNCHANGED_CHECKSUM_REPAIRS "
-         "_SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT _SYNC_HASH_CACHE_VERSION _SYNC_HASH_FILE_CHUNK_BYTES",
+         "_SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT _SYNC_HASH_CACHE_VERSION _SYNC_HASH_FILE_CHUNK_BYTES "
+         "_SYNC_EVENT_COALESCE_LIMIT",
     float: "_SYNC_HTTP_TIMEOUT_SECONDS _SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS _SYNC_PARALLEL_TIMEOUT_SECONDS _SYNC_MANIFEST_POLL_INTERVAL_SECONDS",
     str: "__version__ _SYNC_USER_AGENT _SYNC_HASH_CACHE_FILENAME _SYNC_PROGRESS_FILENAME _SIGNALS_INDEX_RELATIVE_PATH CURRENT_PLATFORM",
     tuple: "_TRANSIENT_HTTP_STATUSES _SIGNALS_INDEX_SECTIONS _RUNTIME_MODULE_EXTENSION_SUFFIXES",
@@ -52,6 +53,15 @@ CALLS: list[tuple[str, dict[str, Any], Any]] = [
     ("_should_retry_http_status", {"status": "503"}, True),
     ("_sha256", {"data": b""}, "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"),
     ("_sync_backoff_surface", {"default_surface": "d"}, "d"),
+    ("_append_limited", {"values": [1, 2], "value": 3, "limit": 2}, None),
+    ("_should_emit_sync_event", {"event": {"event_type": "sync_recovered_status"}}, True),
+    ("_sync_event_is_coalescible", {"event": {"event_type": "http_retry"}}, True),
+    ("_sync_event_coalesce_key", {"event": {"reason": None, "count": 1, "file": "f", "x": {1}}}, (("file", "'f'"), ("reason", "null"), ("x", "{1}"))),
+    ("_sync_event_stable_coalesce_value", {"value": True}, "true"),
+    ("_sync_event_level_name", {"event": {"recovery": "reauthenticate"}}, "warning"),
+    ("_sync_unavailable_has_typed_details", {"err": OSError()}, False),
+    ("_sync_unavailable_action_recovery", {"details": {"error": "AUTH"}}, "reauthenticate"),
+    ("_sync_local_data_status", {}, "intact and preserved, but not run because fresh data is required"),
     ("_sync_endpoint_from_url", {"url": "https://h/p?q"}, "/p"),
     ("_sync_event_file_from_url", {"url": "http://h/data/files/a/b.arrow"}, "a/b.arrow"),
 ]

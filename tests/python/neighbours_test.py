@@ -5,7 +5,7 @@ import logging
 import sys
 import threading
 import types
-from collections.abc import Callable, Iterator
+from collections.abc import Callable, Iterator, Mapping
 from contextlib import contextmanager
 from typing import Any
 
@@ -180,6 +180,37 @@ def test_events_in_the_log(records: pytest.LogCaptureFixture) -> None:
     assert first.brackenfen_sync_event == event  # type: ignore[attr-defined]
     assert first.args == ('{"bytes_existing": 5, "count": 2, "event_type": "range_resume", "file": "f", "note": "\\udcff", "reason": ""}',)
     assert second.levelno == logging.WARNING
+
+
+def test_outages_as_python_sees_them(records: pytest.LogCaptureFixture, neighbour: Install) -> None:
+    values = [0, 1]
+    sync._append_limited(values, 2, limit=2)
+    sync._append_limited(values, 3)
+    assert values == [1, 2, 3]
+
+    counts = sync._SYNC_EVENT_COALESCE_COUNTS
+    event = {"event_type": "http_retry", "file": "as python sees it", "reason": object}  # no JSON: counted, never logged
+    key = sync._sync_event_coalesce_key(event)
+    assert key == (("event_type", "'http_retry'"), ("file", "'as python sees it'"), ("reason", str(object))) and key not in counts
+    assert [sync._should_emit_sync_event(event) for _ in range(12)] == [True] * 10 + [False] * 2
+    assert counts[key] == 12 == dict(counts)[key] and len(counts) == len(list(counts)) and isinstance(counts, Mapping)
+
+    error = sync._sync_unavailable_from("https://h/p?q", 2, [503], [], {"error": "X", "retryable": None, "recovery": "later"})
+    assert isinstance(error, sync.SyncUnavailableError) and sync._sync_unavailable_has_typed_details(error)
+    assert (error.endpoint, error.attempts, error.server_error_code, error.retryable) == ("/p", 2, "X", None)
+
+    asked: list[Any] = []
+    details = {"error": "AUTH_X", "dependency": "wallet", "retryable": False}
+    assert sync._sync_unavailable_next_action(details).endswith("Action: reauthenticate (sign in again or renew the token).")
+    for answer, action in [({"rendered": "do this", "recovery": "r"}, "do this"), ({"rendered": None, "recovery": "r"}, "r"), ({}, "")]:
+        neighbour("reason_descriptions", describe_reason=lambda *given, **named: asked.append((given, named)) or answer)  # noqa: B023
+        status = sync._emit_sync_unavailable_status("sync_unavailable_status", None, (503,), iter(["TimeoutError"]), details, 0)
+        assert (status["endpoint"], status["next_action"], status["status_sequence"]) == ("<unknown>", action, [503])
+    assert asked[0] == (("SyncUnavailableError",), {"recovery": "reauthenticate", "error_code": "AUTH_X", "dependency": "wallet", "reason": None})
+    assert [record.levelno for record in records.records] == [logging.WARNING] * 3
+    neighbour("reason_descriptions", describe_reason=lambda *_, **__: 1 / 0)
+    with pytest.raises(ZeroDivisionError):
+        sync._sync_unavailable_next_action({})
 
 
 def test_an_interrupt_that_comes_while_the_level_is_asked_for(monkeypatch: pytest.MonkeyPatch, manager: sync.SyncManager) -> None:

@@ -1,4 +1,4 @@
-// Keeps what is logged while it is alive.
+// Keeps what is logged while it is alive, and begins with no event counted, so that none is held back.
 #pragma once
 
 #include <mutex>
@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "sync/base/log.hpp"
+#include "sync/transport/event_counts.hpp"
 
 namespace brackenfen::sync {
 
@@ -18,7 +19,7 @@ class RecordingLog final : public LogSink {
     Document event;  ///< empty where the record reports none
   };
 
-  RecordingLog() : previous_(set_log_sink(this)) {}
+  RecordingLog() : previous_(set_log_sink(this)) { event_counts().clear(); }
   RecordingLog(const RecordingLog&) = delete;
   RecordingLog& operator=(const RecordingLog&) = delete;
   ~RecordingLog() override { set_log_sink(previous_); }
