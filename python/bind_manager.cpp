@@ -126,8 +126,10 @@ void bind_pass(nb::class_<ManagerObject>& bound) {
           "sync", [](const ManagerObject& self) { return sync_result_to_python(self.run([](SyncManager& core) { return core.sync(); })); },
           nb::sig("def sync(self) -> SyncResult"),
           "Bring the directory up to the server's current manifest: compare, download, verify, commit.\n\n"
-          "The requests for the manifest are made once; a file that fails for a passing reason is tried again for as\n"
-          "long as that lasts. Raises AuthError, SyncError and its subclasses, or OSError of the local files.")
+          "An outage of the server is waited out, however long it lasts; Ctrl-C and a `stop_requested` of the back-off\n"
+          "context end the wait, the latter with SyncBackoffCancelled. Raises SyncUnavailableError where the server\n"
+          "itself says that retrying cannot help, AuthError, SyncError and its other subclasses, or OSError of the\n"
+          "local files.")
       .def("_sync_with_manifest_refresh",
            [](const ManagerObject& self) {
              return sync_result_to_python(self.run([](SyncManager& core) { return core._sync_with_manifest_refresh(); }));

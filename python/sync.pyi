@@ -49,7 +49,10 @@ class PermanentDownloadError(SyncError):
     def __init__(self, message: str, file_path: str | None = None, status: object = None) -> None: ...
 
 class SyncUnavailableError(SyncError, ConnectionError):
-    """A sync dependency remained unavailable, although its failure can be retried."""
+    """A sync dependency remained unavailable.
+
+    Raised where the server itself says that retrying cannot help; every other outage is waited out.
+    """
 
     url: str
     endpoint: str
@@ -234,10 +237,10 @@ class SyncManager:
     def sync(self) -> SyncResult:
         """Bring the directory up to the server's current manifest: compare, download, verify, commit.
 
-        The requests for the manifest are made once: SyncUnavailableError where the server does not answer them.
-        A file that fails for a passing reason is tried again for as long as that lasts; Ctrl-C and a
-        `stop_requested` of the back-off context end the wait. Raises AuthError, SyncError and its subclasses,
-        OSError of the local files, and whatever the token source or the guard raises.
+        An outage of the server is waited out, however long it lasts; Ctrl-C and a `stop_requested` of the back-off
+        context end the wait, the latter with SyncBackoffCancelled. Raises SyncUnavailableError where the server itself
+        says that retrying cannot help, AuthError, SyncError and its other subclasses, OSError of the local files,
+        and whatever the token source or the guard raises.
         """
 
     def get_manifest(self) -> Manifest | None:

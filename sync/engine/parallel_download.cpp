@@ -33,8 +33,10 @@ using Task = std::vector<std::size_t>;
 struct Outcome {
   std::size_t item = 0;
   SyncResult result;
-  std::exception_ptr failure;  ///< null for success
-  bool superseded = false;
+  std::exception_ptr failure;         ///< null for success
+  const ErrorClass* error = nullptr;  ///< its class, where it is an Error
+
+  [[nodiscard]] bool ended_in(const ErrorClass& error_class) const { return error != nullptr && error->derives_from(error_class); }
 };
 
 /// What the caller and its workers share. Workers that a timeout leaves behind keep it, and the manager,
@@ -44,11 +46,13 @@ class Batch : public std::enable_shared_from_this<Batch> {
   Batch(std::shared_ptr<SyncManager> manager, std::shared_ptr<NeighbourSet> neighbours, std::vector<Item> items, std::vector<Task> tasks);
 
   void start(std::int64_t worker_count);
-  /// The next outcome in order of completion. Absent once all items are done or, with a deadline, at it.
+  /// The next outcome in order of completion. Absent once there is none to come or, with a deadline, at it.
   /// Throws Interrupted; `interrupt_workers` and `wait_for_workers` are then the caller's to call.
   [[nodiscard]] std::optional<Outcome> next_outcome(std::optional<double> deadline_seconds);
   /// Tasks that have not begun never will.
   void drop_queue();
+  /// No outcome is to come any more.
+  [[nodiscard]] bool finished() const;
   /// Ends every back-off sleep of the batch.
   void cancel() { cancelled_.store(true); }
   void interrupt_workers() { interrupt_->trip(); }
@@ -60,6 +64,7 @@ class Batch : public std::enable_shared_from_this<Batch> {
   void run_task(const Task& task);
   [[nodiscard]] Outcome run_item(std::size_t index);
   [[nodiscard]] bool worker_stop_requested() const;
+  [[nodiscard]] bool nothing_to_come() const;
 
   const std::shared_ptr<SyncManager> manager_;
   const std::shared_ptr<NeighbourSet> neighbours_;
@@ -145,7 +150,7 @@ Outcome Batch::run_item(std::size_t index) {
     manager_->_download_file(*neighbours_, item.file_path, item.file_info, outcome.result);
   } catch (const Error& error) {
     outcome.failure = std::current_exception();
-    outcome.superseded = error.is(error_class::ManifestSupersededError);
+    outcome.error = &error.error_class();
   } catch (const Interrupted&) {
     outcome.failure = std::current_exception();
   } catch (const std::bad_alloc&) {
@@ -169,18 +174,28 @@ std::optional<Outcome> Batch::next_outcome(std::optional<double> deadline_second
   while (true) {
     {
       std::unique_lock<std::mutex> lock(mutex_);
-      if (outcomes_.empty() && consumed_ < items_.size()) changed_.wait_for(lock, INTERRUPT_SLICE);
+      if (outcomes_.empty() && !nothing_to_come()) changed_.wait_for(lock, INTERRUPT_SLICE);
       if (!outcomes_.empty()) {
         Outcome outcome = std::move(outcomes_.front());
         outcomes_.pop_front();
         ++consumed_;
         return outcome;
       }
-      if (consumed_ == items_.size()) return std::nullopt;
+      if (nothing_to_come()) return std::nullopt;
     }
     if (deadline_seconds && clock.monotonic_seconds() >= *deadline_seconds) return std::nullopt;
     check_interrupt();
   }
+}
+
+/// With mutex_ held.
+bool Batch::nothing_to_come() const {
+  return outcomes_.empty() && (consumed_ == items_.size() || (queue_dropped_ && running_workers_ == 0));
+}
+
+bool Batch::finished() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return nothing_to_come();
 }
 
 void Batch::drop_queue() {
@@ -267,25 +282,26 @@ void SyncManager::_download_files_parallel(const std::shared_ptr<NeighbourSet>& 
   const auto batch = std::make_shared<Batch>(shared_from_this(), neighbours, std::move(items), std::move(tasks));
 
   std::exception_ptr first_error;
-  std::int64_t consumed = 0;
+  bool superseded = false;
   try {
     batch->start(worker_count);
     while (const std::optional<Outcome> outcome = batch->next_outcome(deadline_seconds)) {
-      ++consumed;
       if (!outcome->failure) {
         add_result(result, outcome->result);
-      } else if (outcome->superseded) {
+      } else if (outcome->ended_in(error_class::ManifestSupersededError)) {
         first_error = outcome->failure;
+        superseded = true;
         batch->cancel();
-        batch->drop_queue();
-        consumed = item_count;
         break;
-      } else if (!first_error) {
-        first_error = outcome->failure;
+      } else {
+        if (!first_error) first_error = outcome->failure;
+        // Whoever asked for the stop would else wait for an attempt of every file that is still queued.
+        if (outcome->ended_in(_sync_backoff_module(seams_)->cancelled_error().error_class())) batch->drop_queue();
       }
     }
+    const bool timed_out = !superseded && !batch->finished();
     batch->drop_queue();
-    if (consumed < item_count) throw_timed_out(batch->pending_paths(), timeout_seconds);  // running workers go on by themselves
+    if (timed_out) throw_timed_out(batch->pending_paths(), timeout_seconds);  // running workers go on by themselves
     batch->wait_for_workers();
   } catch (const Interrupted&) {
     batch->drop_queue();

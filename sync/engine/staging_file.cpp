@@ -67,7 +67,6 @@ void StagingFile::expect(std::optional<std::uint64_t> partial_limit, std::option
 }
 
 std::uint64_t StagingFile::begin(int status) {
-  if (received_bytes_ > 0 || overwrites_) roll_back();
   if (status == 200 && whole_limit_) {
     overwrites_ = start_bytes_ > 0;
     seek(0);

@@ -42,10 +42,10 @@ class StagingFile : public ResponseSink {
   void flush();
   /// After a 200: cuts off what an older, longer content left behind it.
   void keep_whole();
-  /// Goes back to where expect() was called, after a response that failed midway.
-  void roll_back();
 
   [[nodiscard]] std::uint64_t begin(int status) override;
+  /// Goes back to where expect() was called, after a response that failed midway.
+  void roll_back() override;
   void accept(std::string_view bytes) override;
 
  private:

@@ -94,9 +94,10 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
 
   // ---- the pass: sync_driver.cpp, pass.hpp -----------------------------------------------------------
 
-  /// A full sync: manifest, compare, download, verify, commit. Takes the locks of a pass. Throws AuthError, SyncError
-  /// and its subclasses (SyncUnavailableError where the server does not answer the requests for the manifest),
-  /// os_error of local files, and what the token source or the guard throws; what has landed stays.
+  /// A full sync: manifest, compare, download, verify, commit. Takes the locks of a pass and keeps them while an
+  /// outage is waited out. Throws AuthError, SyncError and its subclasses (SyncUnavailableError where the server says
+  /// that retrying cannot help), SyncBackoffCancelled, os_error of local files, and what the token source or the guard
+  /// throws; what has landed stays.
   [[nodiscard]] SyncResult sync();
   /// Runs passes until one is not superseded, at most SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT. The caller
   /// holds the directory lock.

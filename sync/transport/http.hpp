@@ -30,9 +30,11 @@ struct HttpResult {
 /// Takes the body of a 200 or 206 instead of HttpResult::body.
 class ResponseSink : public BodySink {
  public:
-  /// A response of this status is about to be read. Called again when an attempt is repeated: what the
-  /// attempt before it wrote must be forgotten. Returns how many bytes to read at most.
+  /// A response of this status is about to be read. Called anew for each attempt. Returns how many bytes to read
+  /// at most.
   [[nodiscard]] virtual std::uint64_t begin(int status) = 0;
+  /// The response broke off after begin(): what it brought must be forgotten. Not called for what the sink threw.
+  virtual void roll_back() = 0;
 };
 
 /// GET with the bearer token. `range_end` below 0 means open-ended; a range with its end below its start

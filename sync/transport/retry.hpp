@@ -1,14 +1,51 @@
-// The one function through which every GET passes.
+// The one loop through which every GET passes: an outage of the server is waited out, however long it lasts.
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "sync/base/error.hpp"
 #include "sync/transport/http.hpp"
 
 namespace brackenfen::sync {
 
-/// Sends the request and returns its response. HTTP error statuses that are not transient are a normal
-/// result. A transient status or a network failure throws SyncUnavailableError after this one attempt.
-/// `timeout_seconds` bounds connecting, the wait for the headers and the whole body, each counted anew. What `sink`
-/// throws leaves as it is.
+/// What an attempt came to: a response, or an error instead of one.
+struct AttemptEnd {
+  int status = 0;                     ///< of the response
+  Value retryable = {};               ///< what its body says, null where it says nothing
+  const ErrorClass* error = nullptr;  ///< null for a response
+  bool of_the_caller = false;         ///< the error is the sink's or the host's: a full disk is no outage
+};
+
+enum class NextStep {
+  HandBack,  ///< a success or a definite answer: the caller's to judge
+  Wait,      ///< and then ask again, without limit
+  GiveUp,    ///< the server says that asking again cannot help
+  Rethrow,   ///< the error is none of the network's
+};
+
+[[nodiscard]] NextStep next_step(const AttemptEnd& end);
+
+/// Appends and keeps the newest `limit`.
+template <typename T>
+void _append_limited(std::vector<T>& values, T value, std::size_t limit = 20) {
+  values.push_back(std::move(value));
+  if (values.size() > limit) values.erase(values.begin(), values.end() - static_cast<std::ptrdiff_t>(limit));
+}
+
+/// Sends the request until it is answered. Every status that is not transient is a normal result.
+///
+/// A transient status and a network failure are waited out, without a limit of attempts or time. The operator is
+/// told once that the service is gone and once that it is back; each wait shows in the log and in
+/// sync-progress.json. Throws SyncUnavailableError where the server itself says, in the body of a transient
+/// status, that retrying cannot help, SyncBackoffCancelled where the back-off context asks to stop, and at once
+/// whatever else fails: a request that must not be sent, the progress file, the log, the sink.
+///
+/// `timeout_seconds` bounds connecting, the wait for the headers and the whole body of one attempt, each counted
+/// anew. Blocks the calling thread; any thread.
 [[nodiscard]] HttpResult _request_with_sync_retries(const Seams& seams, NeighbourSet& neighbours, const HttpRequest& request,
                                                     float timeout_seconds, ResponseSink* sink = nullptr);
 

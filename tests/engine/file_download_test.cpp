@@ -128,17 +128,17 @@ TEST(FileDownloadTest, takesEveryAnswerToARange) {
   const Row rows[] = {
       {"single: a 200 replaces what is here", 1000, "something longer than the file" + content(), {whole}, {"bytes=1030-"}, {}},
       {"single: a short body is resumed", 1000, half, {cut, part(750, 250)}, {"bytes=500-", "bytes=750-"}, {"partial_transfer"}},
-      {"single: a broken body leaves nothing", 1000, half, {reset, rest}, {"bytes=500-", "bytes=500-"}, {"SyncUnavailableError"}},
-      {"single: a broken 200 leaves nothing", 1000, half, {whole_reset, rest}, {"bytes=500-", "bytes=500-"}, {"SyncUnavailableError"}},
-      {"single: a broken 200 of other bytes", 1000, half, {other_reset, rest}, {"bytes=500-", "bytes=500-"}, {"SyncUnavailableError"}},
-      {"single: an outage", 1000, half, {{.status = 503}, rest}, {"bytes=500-", "bytes=500-"}, {"SyncUnavailableError"}},
+      {"single: a broken body leaves nothing", 1000, half, {reset, rest}, {"bytes=500-", "bytes=500-"}, {"ConnectionResetError"}},
+      {"single: a broken 200 leaves nothing", 1000, half, {whole_reset, rest}, {"bytes=500-", "bytes=500-"}, {"ConnectionResetError"}},
+      {"single: a broken 200 of other bytes", 1000, half, {other_reset, rest}, {"bytes=500-", "bytes=500-"}, {"ConnectionResetError"}},
+      {"single: an outage", 1000, half, {{.status = 503}, rest}, {"bytes=500-", "bytes=500-"}, {"http_503"}},
       {"single: what goes beyond the size is noticed", 1000, half, {excess, whole}, {"bytes=500-", ""}, {"sha256_mismatch"}},
       {"chunks: a 200 brings the whole file", 400, "", {whole}, {"bytes=0-399"}, {}},
       {"chunks: shorter ones go on", 400, half, {part(500, 100), part(600, 400)}, {"bytes=500-899", "bytes=600-999"}, {}},
       {"chunks: larger ones count", 400, "", {part(0, 900), part(900, 100)}, {"bytes=0-399", "bytes=900-999"}, {}},
       {"chunks: a 416 starts again", 400, half, {{.status = 416}, whole}, {"bytes=500-899", "bytes=0-399"}, {"SyncError"}},
       {"chunks: empty", 400, half, {part(0, 0), part(500, 500)}, {"bytes=500-899", "bytes=500-899"}, {"SyncError"}},
-      {"chunks: broken", 400, half, {reset, part(500, 500)}, {"bytes=500-899", "bytes=500-899"}, {"SyncUnavailableError"}},
+      {"chunks: broken", 400, half, {reset, part(500, 500)}, {"bytes=500-899", "bytes=500-899"}, {"ConnectionResetError"}},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -231,16 +231,16 @@ TEST(FileDownloadTest, theRepairBoundCountsEveryRetryBefore) {
   const std::string wrong(1000, '?');
   struct Row {
     const char* bound;
-    int outages_before;
+    int empty_answers_before;
     std::size_t transfers;
     std::size_t repairs;
   };
   const Row rows[] = {{"", 0, 4, 3}, {"0", 0, 1, 0}, {"1", 0, 2, 1}, {"", 2, 4, 1}, {"", 3, 4, 0}, {"", 5, 6, 0}};
   for (const Row& row : rows) {
-    SCOPED_TRACE(std::string(row.bound) + " after " + std::to_string(row.outages_before));
+    SCOPED_TRACE(std::string(row.bound) + " after " + std::to_string(row.empty_answers_before));
     Download download(1000);
     download.environment.set("BRACKENFEN_SYNC_MAX_UNCHANGED_CHECKSUM_REPAIRS", row.bound);
-    std::vector<Reply> replies(static_cast<std::size_t>(row.outages_before), Reply{.status = 503});
+    std::vector<Reply> replies(static_cast<std::size_t>(row.empty_answers_before));
     replies.push_back({.body = wrong});
     download.server.script(DATA_PATH, replies);
     EXPECT_EQ(download.run(),
@@ -321,7 +321,7 @@ TEST(FileDownloadTest, aFullDiskIsNoOutageOfTheServer) {
 
 TEST(FileDownloadTest, waitsAreAnnouncedAndCanBeStopped) {
   Download download(1000);
-  download.server.script(DATA_PATH, {{.status = 503}});
+  download.server.script(DATA_PATH, {{.body = ""}});
   std::vector<double> announced;
   download.options.retry_status_callback = [&](double seconds) { announced.push_back(seconds); };
   download.options.backoff_surface = "somewhere";

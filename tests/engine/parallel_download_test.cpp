@@ -137,8 +137,8 @@ TEST_F(ParallelDownloadTest, theDeadlineNamesWhatIsPending) {
   }
 }
 
-TEST_F(ParallelDownloadTest, theCallersStopEndsSleepingWorkers) {
-  plan({"a", "b", "c"}, Reply{.status = 503});
+TEST_F(ParallelDownloadTest, theCallersStopEndsSleepingWorkersAndTheQueue) {
+  for (int number = 0; number < 200; ++number) plan({std::to_string(number)}, Reply{.status = 503});
   std::atomic<int> asked{0};
   BackoffContext context;
   context.surface = "the caller's";
@@ -149,6 +149,7 @@ TEST_F(ParallelDownloadTest, theCallersStopEndsSleepingWorkers) {
   const auto entered = SyncBackoff::builtin().enter_context(context);
   EXPECT_THAT(run(), StartsWith("SyncBackoffCancelled"));
   EXPECT_EQ(log.events("sync_backoff_wait").front().get("surface"), Value("the caller's"));
+  EXPECT_LT(server.requests().size(), 200U) << "not one more attempt of each file";
 }
 
 TEST_F(ParallelDownloadTest, anInterruptEndsEveryRequestSoon) {

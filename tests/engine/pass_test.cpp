@@ -130,7 +130,9 @@ TEST_F(PassTest, aManifestThatIsNoneLeavesFilesAndMemoryAsTheyWere) {
       {"an endless size", body(with_entry("x", good_entry.with("size_bytes", Value::integer_from_decimal("99999999999999999999999")))),
        "DiskSpaceError: Insufficient disk space: need 99999999999999999999999 bytes, have "},
       {"not found", {.status = 404}, "SyncError: Failed to fetch manifest: HTTP 404"},
-      {"broken", {.status = 500}, "SyncUnavailableError: BrackenFen data sync unavailable after 1 attempt(s)."},
+      {"broken for good",
+       {.status = 500, .body = R"({"retryable": false})"},
+       "SyncUnavailableError: BrackenFen data sync unavailable after 1 attempt(s)."},
   };
   const auto manager = synced({ALPHA});
   server.script(VERSION_PATH, {{.status = 404}});
@@ -166,7 +168,7 @@ TEST_F(PassTest, theVersionHintDecidesWhetherTheManifestIsFetched) {
       {{.status = 404}, true},
       {{.body = R"({"version": 1, "era_number": 8})"}, false, "EraError: Era mismatch: local era_number=7, server era_number=8"},
       {{.status = 401}, false, "AuthError: Authentication failed: HTTP 401"},
-      {{.status = 503}, false, "SyncUnavailableError: "},
+      {{.status = 503, .body = R"({"retryable": false})"}, false, "SyncUnavailableError: "},
   };
   const auto manager = synced({ALPHA});
   for (const Row& row : rows) {

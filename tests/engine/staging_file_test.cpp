@@ -64,6 +64,7 @@ TEST_F(StagingFileTest, aRepeatedAttemptForgetsTheOneBefore) {
   staging.open();
   staging.expect(1'000'000, 1'000'000);
   respond(206, LARGE);
+  staging.roll_back();
   respond(206, "-rest");
   staging.flush();
   EXPECT_EQ(content(), "prefix-rest");

@@ -24,6 +24,7 @@ def batch(): manager._download_files_parallel({str(n): {"size_bytes": 1000} for 
 def fetch(): manager.sync()
 def outage():
     with sync.backoff_context(surface="s"): sync._sleep_for_sync_backoff(60)
+def away(): sync._http_get("http://127.0.0.1:1/", "t")
 def lock(): sync.SyncManager(directory, url, str)._acquire_flock()
 def say(text): print(text, flush=True)
 """
@@ -44,7 +45,7 @@ def assert_quiet_ends(program: Any, source: str, directory: pathlib.Path, server
         assert (code, err) == (expected, "") and seconds < 4
 
 
-BLOCKED = ["download", "batch", "fetch", "outage", "lock"]
+BLOCKED = ["download", "batch", "fetch", "outage", "away", "lock"]
 
 
 @pytest.mark.parametrize("where", BLOCKED)

@@ -1,7 +1,9 @@
 """SyncManager: construction, its fields, and passes against a server."""
 
+import json
 import pathlib
 import threading
+import time
 import types
 from typing import Any
 
@@ -79,15 +81,40 @@ def test_what_a_pass_hands_to_python(manager: sync.SyncManager, server: Any) -> 
 def test_a_download_with_every_argument(manager: sync.SyncManager, server: Any, tmp_path: pathlib.Path, records: pytest.LogCaptureFixture) -> None:
     server.add("f", b"x")
     waits: list[float] = []
-    answers = iter([(503, b"{}")])
+    answers = iter([(503, b"{}"), (200, b"")])  # the first is an outage of the server, the second a failed transfer of this file
     server.answers["/data/files/f"] = lambda handler: server.send(handler, *next(answers, (200, b"x")))
     result = sync.SyncResult(bytes_downloaded=3)
     manager._download_file("f", server.entries["f"], result, waits.append, backoff_surface="mine", target_data_dir=tmp_path / "staging")
     events = [record.brackenfen_sync_event for record in records.records if hasattr(record, "brackenfen_sync_event")]
-    assert [(event["event_type"], event["attempt"]) for event in events if event.get("surface") == "mine"] == [("sync_backoff_wait", 1)]
+    waits_shown = [(event["surface"], event["attempt"]) for event in events if event["event_type"] == "sync_backoff_wait"]
+    assert waits_shown == [("http_request", 1), ("mine", 1)]
     assert len(waits) == 1 and (result.bytes_downloaded, result.features_downloaded) == (4, 1) and (tmp_path / "staging/f").exists()
     with pytest.raises(sync.IntegrityError):
         manager._download_file("f", {"sha256": "00", "size_bytes": 1}, result, retry_checksum_mismatch=False)
+
+
+def test_a_stop_of_the_host_ends_every_worker_of_an_outage(manager: sync.SyncManager, server: Any, wait_until: Any) -> None:
+    for number in range(200):
+        server.add(f"f{number}", b"x" * number)
+        server.answers[f"/data/files/f{number}"] = (503, b'{"error": "DOWN"}')
+    stop, stopped_at = threading.Event(), 0.0
+
+    def run() -> None:
+        nonlocal stopped_at
+        with sync.backoff_context(data_dir=manager._data_dir, surface="host", stop_requested=stop.is_set):
+            with pytest.raises(sync.SyncBackoffCancelled):
+                manager.sync()
+        stopped_at = time.monotonic()
+
+    host = threading.Thread(target=run)
+    host.start()
+    wait_until(lambda: len({path for path, _ in server.requests if path.startswith("/data/files/")}) == 8)
+    progress = json.loads(pathlib.Path(manager._data_dir, "sync-progress.json").read_text())
+    stop.set()
+    asked_at = time.monotonic()
+    host.join()
+    assert stopped_at - asked_at < 1
+    assert len(progress["files"]) == 200 and (progress["phase"], progress["backoff"]["surface"]) == ("backoff", "host")
 
 
 def test_requests_and_probes(manager: sync.SyncManager, server: Any) -> None:

@@ -10,7 +10,9 @@
 #include "sync/transport/retry.hpp"
 #include "sync/transport/unavailable.hpp"
 #include "tests/support/failures.hpp"
+#include "tests/support/fake_clock.hpp"
 #include "tests/support/fake_environment.hpp"
+#include "tests/support/recording_log.hpp"
 #include "tests/support/scripted_server.hpp"
 
 namespace brackenfen::sync {
@@ -25,7 +27,10 @@ using testing::Pair;
 
 class HttpTest : public testing::Test {
  protected:
-  HttpTest() { seams_.environment = &environment_; }
+  HttpTest() {
+    seams_.environment = &environment_;
+    seams_.clock = &clock_;
+  }
 
   HttpResult get(const std::string& path, std::int64_t range_start = 0, std::int64_t range_end = -1) {
     return _http_get(seams_, *neighbours_, server_.url(path), "canary", range_start, range_end);
@@ -37,6 +42,8 @@ class HttpTest : public testing::Test {
 
   ScriptedServer server_;
   FakeEnvironment environment_;
+  FakeClock clock_;
+  RecordingLog log_;
   Seams seams_ = Seams::real();
   std::shared_ptr<NeighbourSet> neighbours_ = seams_.neighbours->bind();
 };
@@ -58,12 +65,13 @@ TEST_F(HttpTest, sendsItsOwnHeadersAndNoOthers) {
 
 TEST_F(HttpTest, pollsTheVersionUnderItsOwnTimeoutUnlessARangeIsAsked) {
   environment_.set("BRACKENFEN_SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS", "0.05");
-  for (const char* path : {"/data/manifest/version", "/data/manifest/version//", "/data/manifest/version/x"})
-    server_.script(path, {{.body = "v", .delay = 200ms}});
-  EXPECT_TRUE(failure_of_get("/data/manifest/version"));
-  EXPECT_TRUE(failure_of_get("/data/manifest/version//"));
-  EXPECT_EQ(get("/data/manifest/version", 0, 0).body, "v");
-  EXPECT_EQ(get("/data/manifest/version/x").body, "v");
+  const char* const paths[] = {"/data/manifest/version", "/data/manifest/version//", "/data/manifest/version/x"};
+  for (const char* path : paths) server_.script(path, {{.body = "late", .delay = 200ms}, {.body = "soon"}});
+  EXPECT_EQ(get("/data/manifest/version").body, "soon");
+  EXPECT_EQ(get("/data/manifest/version//").body, "soon");
+  EXPECT_EQ(get("/data/manifest/version/x").body, "late");
+  server_.script("/data/manifest/version", {{.body = "late", .delay = 200ms}});
+  EXPECT_EQ(get("/data/manifest/version", 0, 0).body, "late");
 }
 
 TEST_F(HttpTest, handsBackDefiniteAnswersWithTheirBodies) {
@@ -94,21 +102,23 @@ TEST_F(HttpTest, reportsTransientStatusesInTheServersWords) {
   }
 }
 
-TEST_F(HttpTest, reportsNetworkFailuresByClassName) {
+TEST_F(HttpTest, waitsNetworkFailuresOutAndNamesThem) {
   environment_.set("BRACKENFEN_SYNC_HTTP_TIMEOUT_SECONDS", "0.1");
-  server_.script("/reset", {{.reset = true, .raw = ""}});
-  server_.script("/mute", {{.delay = 1h}});
-  server_.script("/stall", {{.headers = {{"Content-Length", "9"}}, .body = "x", .stall = true}});
-  const std::vector<std::pair<std::string, std::string>> rows{
-      {"/reset", "ConnectionResetError"}, {"/mute", "TimeoutError"}, {"/stall", "TimeoutError"}};
-  for (const auto& [path, name] : rows) {
-    const std::optional<Error> failure = failure_of_get(path);
-    ASSERT_TRUE(failure && failure->is(error_class::SyncUnavailableError)) << path;
-    EXPECT_THAT(failure->text(), AllOf(HasSubstr("failures=['" + name + "'] server_error=" + name +
-                                                 " dependency=network retryable=True recovery=retry_with_backoff reason=" + name),
-                                       Not(HasSubstr("canary"))));
-    EXPECT_EQ(failure->fields().get("failures"), Value(List{name}));
-    EXPECT_EQ(failure->fields().get("statuses"), Value(List()));
+  const std::vector<std::pair<Reply, std::string>> rows{
+      {{.reset = true, .raw = ""}, "ConnectionResetError"},
+      {{.delay = 1h}, "TimeoutError"},
+      {{.headers = {{"Content-Length", "9"}}, .body = "x", .stall = true}, "TimeoutError"},
+      {{.headers = {{"Content-Length", "9000"}}, .body = std::string(9000, 'x'), .drip = 1ms}, "TimeoutError"},
+      {{.status = 302, .headers = {{"Location", "http://data.example.com/"}}}, "RedirectRefusedError"},
+      {{.raw = "no HTTP"}, "URLError"},
+  };
+  for (const auto& [reply, name] : rows) {
+    const RecordingLog log;
+    server_.script("/file", {reply, {.body = "back"}});
+    EXPECT_EQ(get("/file").body, "back") << name;
+    ASSERT_EQ(log.events("http_retry").size(), 1U) << name;
+    EXPECT_EQ(log.events("http_retry").at(0).get("reason"), Value(name));
+    for (const RecordingLog::Entry& entry : log.entries()) EXPECT_THAT(entry.message, Not(HasSubstr("canary")));
   }
 }
 
@@ -116,10 +126,11 @@ TEST_F(HttpTest, boundsErrorBodiesAndTakesTheirFailureForSilence) {
   environment_.set("BRACKENFEN_SYNC_HTTP_TIMEOUT_SECONDS", "0.2");
   server_.script("/endless", {{.status = 404, .body = std::string(100'000, 'e'), .endless = true}});
   server_.script("/stall", {{.status = 404, .headers = {{"Content-Length", "9"}}, .body = "x", .stall = true}});
-  server_.script("/reset", {{.status = 503, .headers = {{"Content-Length", "9"}}, .body = "x", .reset = true}});
   EXPECT_EQ(get("/endless").body.size(), MAX_ERROR_BODY_BYTES);
   EXPECT_EQ(get("/stall").body, "");
-  EXPECT_EQ(failure_of_get("/reset")->fields().get("statuses"), Value(List{503}));
+  server_.script("/reset", {{.status = 503, .headers = {{"Content-Length", "9"}}, .body = "x", .reset = true}, {.body = "back"}});
+  EXPECT_EQ(get("/reset").body, "back");
+  EXPECT_EQ(log_.events("http_retry").at(0).get("reason"), Value("http_503")) << "the status counts, not the broken body";
 }
 
 TEST_F(HttpTest, refusesTokensWithoutShowingThem) {

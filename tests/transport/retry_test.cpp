@@ -1,0 +1,296 @@
+// The loop that waits outages out, on a clock that passes at once and a client that does as it is told.
+#include "sync/transport/retry.hpp"
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <deque>
+#include <functional>
+#include <map>
+
+#include "sync/base/convert.hpp"
+#include "sync/transport/event_counts.hpp"
+#include "tests/support/failures.hpp"
+#include "tests/support/fake_clock.hpp"
+#include "tests/support/fault_files.hpp"
+#include "tests/support/recording_log.hpp"
+#include "tests/support/temporary_directory.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+using testing::AllOf;
+using testing::Each;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::SizeIs;
+using testing::StartsWith;
+
+/// What one attempt meets.
+struct Step {
+  int status = 200;
+  std::string body = {};
+  const ErrorClass* error = nullptr;  ///< instead of an answer
+  bool in_the_body = false;           ///< only after some of the body
+};
+Step fails(const ErrorClass& error) { return {.error = &error}; }
+
+class ScriptedResponse final : public HttpResponse {
+ public:
+  explicit ScriptedResponse(Step step) : step_(std::move(step)) {}
+  int status() const override { return step_.status; }
+  const Headers& headers() const override { return headers_; }
+  void read_body(BodySink& sink, std::optional<double>, std::uint64_t) override {
+    sink.accept(step_.body);
+    if (step_.in_the_body) throw Error(*step_.error, "in the body");
+  }
+
+ private:
+  Step step_;
+  Headers headers_{{"Retry-After", "86400"}};
+};
+
+/// The steps one after the other; the last one stays.
+class ScriptedClient final : public HttpClient {
+ public:
+  std::deque<Step> steps;
+  std::size_t attempts = 0;
+
+  std::unique_ptr<HttpResponse> open(const HttpRequest&, double, const TransportSecurity&) override {
+    ++attempts;
+    const Step step = steps.front();
+    if (steps.size() > 1) steps.pop_front();
+    if (step.error != nullptr && !step.in_the_body) throw Error(*step.error, "why it failed");
+    return std::make_unique<ScriptedResponse>(step);
+  }
+};
+
+class RetryTest : public testing::Test {
+ protected:
+  RetryTest() {
+    seams_.http = &client_;
+    seams_.clock = &clock_;
+    seams_.files = &files_;
+  }
+  HttpResult get(std::deque<Step> steps, ResponseSink* sink = nullptr) {
+    client_.steps = std::move(steps);
+    client_.attempts = 0;
+    return _request_with_sync_retries(seams_, *neighbours_, {"https://host/data/files/a/b.arrow?secret", {}}, 30, sink);
+  }
+
+  ScriptedClient client_;
+  FakeClock clock_;
+  FaultFiles files_;
+  Seams seams_ = Seams::real();
+  std::shared_ptr<NeighbourSet> neighbours_ = seams_.neighbours->bind();
+  RecordingLog log_;
+};
+
+TEST(NextStep, followsFromWhatAnAttemptCameTo) {
+  struct Row {
+    AttemptEnd end;
+    NextStep step;
+  };
+  const Row rows[] = {
+      {{.status = 200}, NextStep::HandBack},
+      {{.status = 302}, NextStep::HandBack},
+      {{.status = 404, .retryable = true}, NextStep::HandBack},
+      {{.status = 501}, NextStep::HandBack},
+      {{.status = 503}, NextStep::Wait},
+      {{.status = 408, .retryable = true}, NextStep::Wait},
+      {{.status = 503, .retryable = 0}, NextStep::Wait},
+      {{.status = 503, .retryable = "false"}, NextStep::Wait},
+      {{.status = 503, .retryable = false}, NextStep::GiveUp},
+      {{.status = 404, .retryable = false}, NextStep::HandBack},
+      {{.error = &error_class::TimeoutError}, NextStep::Wait},
+      {{.error = &error_class::RedirectRefusedError}, NextStep::Wait},
+      {{.error = &error_class::SSLCertVerificationError}, NextStep::Wait},
+      {{.error = &error_class::OSError}, NextStep::Wait},
+      {{.error = &error_class::OSError, .of_the_caller = true}, NextStep::Rethrow},
+      {{.error = &error_class::ValueError}, NextStep::Rethrow},
+      {{.error = &error_class::SyncError}, NextStep::Rethrow},
+  };
+  for (const Row& row : rows) EXPECT_EQ(next_step(row.end), row.step) << &row - rows;
+}
+
+TEST_F(RetryTest, endsAsTheServerDecidesAndTellsAboutIt) {
+  const Step down{.status = 503};
+  struct Row {
+    const char* name;
+    std::deque<Step> steps;
+    std::string ends;  ///< the status handed back, or the failure
+    std::size_t waits;
+    std::size_t recovered;
+  };
+  const Row rows[] = {
+      {"at once", {{.body = "x"}}, "200 x", 0, 0},
+      {"two outages, then an answer", {down, {.status = 429}, {.body = "x"}}, "200 x", 2, 1},
+      {"an outage, then a definite no", {down, {.status = 404, .body = R"({"retryable": true})"}}, "404 {\"retryable\": true}", 1, 0},
+      {"every kind of outage",
+       {fails(error_class::TimeoutError),
+        fails(error_class::URLError),
+        down,
+        fails(error_class::ConnectionRefusedError),
+        {.error = &error_class::TimeoutError, .in_the_body = true},
+        {.status = 503, .body = R"({"retryable": null})"},
+        {.status = 503, .body = R"({"retryable": 0})"},
+        {.status = 204}},
+       "204 ",
+       7,
+       1},
+      {"the server's own last word",
+       {{.status = 503, .body = R"({"retryable": false})"}},
+       "SyncUnavailableError: BrackenFen data sync unavailable after 1 attempt(s). endpoint=/data/files/a/b.arrow",
+       0,
+       0},
+      {"the same after an outage",
+       {down, fails(error_class::TimeoutError), {.status = 503, .body = R"({"retryable": false})"}},
+       "SyncUnavailableError: BrackenFen data sync unavailable after 3 attempt(s).",
+       2,
+       0},
+      {"what is none of the network's", {down, fails(error_class::ValueError)}, "ValueError: why it failed", 1, 0},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    const RecordingLog log;
+    std::string ended;
+    const std::string failure = failure_of([&] {
+      const HttpResult result = get(row.steps);
+      ended = std::to_string(result.status) + " " + result.body;
+      return 0;
+    });
+    EXPECT_THAT(ended + failure, StartsWith(row.ends));
+    EXPECT_THAT(log.events("sync_unavailable_status"), SizeIs(row.waits > 0 ? 1 : 0));
+    EXPECT_THAT(log.events("http_retry"), SizeIs(row.waits));
+    EXPECT_THAT(log.events("sync_backoff_wait"), SizeIs(row.waits));
+    EXPECT_THAT(log.events("sync_recovered_status"), SizeIs(row.recovered));
+  }
+}
+
+TEST_F(RetryTest, aNetworkFailureNeverHidesWhatTheServerSaid) {
+  const std::string words = R"({"error": "DB_DOWN", "dependency": "db", "reason": 7, "other": 1})";
+  static_cast<void>(get({fails(error_class::TimeoutError), {.status = 503, .body = words}, fails(error_class::ConnectionResetError), {}}));
+  const Document gone = log_.events("sync_unavailable_status").at(0);
+  EXPECT_EQ(gone.get("last_server_error_code"), Value("TimeoutError"));
+  EXPECT_EQ(gone.get("dependency"), Value("network"));
+  const Document back = log_.events("sync_recovered_status").at(0);
+  EXPECT_EQ(back.get("last_server_error_code"), Value("DB_DOWN"));
+  EXPECT_EQ(back.get("reason"), Value("7"));
+  EXPECT_EQ(back.get("status_sequence"), Value(List{503}));
+  EXPECT_EQ(back.get("exception_sequence"), Value(List{"TimeoutError", "ConnectionResetError"}));
+  const std::vector<Document> retries = log_.events("http_retry");
+  EXPECT_EQ(retries.at(0), (Document{{"event_type", "http_retry"}, {"file", "a/b.arrow"}, {"count", 1}, {"reason", "TimeoutError"}}));
+  EXPECT_EQ(retries.at(1), (Document{{"event_type", "http_retry"},
+                                     {"file", "a/b.arrow"},
+                                     {"count", 2},
+                                     {"reason", "http_503"},
+                                     {"status", 503},
+                                     {"dependency", "db"}}));
+
+  static_cast<void>(get({fails(error_class::TimeoutError), {.status = 502, .body = "[]"}, {}}));
+  EXPECT_EQ(log_.events("sync_recovered_status").at(1).get("last_server_error_code"), Value("")) << "an answer without words forgets them";
+}
+
+TEST_F(RetryTest, tenMinutesOfOutageStaySmall) {
+  std::deque<Step> outage;
+  for (int minute = 0; minute < 10; ++minute) {
+    for (const int status : {503, 500}) outage.push_back({.status = status});
+    outage.push_back(fails(error_class::ConnectionRefusedError));
+  }
+  outage.push_back({.body = "back"});
+  EXPECT_EQ(get(outage).body, "back");
+  EXPECT_GT(clock_.monotonic_seconds(), 600);
+  const Document back = log_.events("sync_recovered_status").at(0);
+  EXPECT_THAT(*back.get("status_sequence").if_list(), SizeIs(20));
+  EXPECT_THAT(*back.get("exception_sequence").if_list(), SizeIs(10));
+  EXPECT_GT(*back.get("elapsed_seconds").if_real(), 600);
+  std::map<std::string, int> lines;
+  for (const char* type : {"http_retry", "sync_backoff_wait", "sync_unavailable_status"}) {
+    for (const Document& event : log_.events(type)) ++lines[type + to_text(event.get("reason"))];
+  }
+  for (const auto& [key, count] : lines) EXPECT_LE(count, SYNC_EVENT_COALESCE_LIMIT) << key;
+  EXPECT_THAT(event_counts().all(), SizeIs(7)) << "one outage, and a retry and a wait for each of three causes";
+  std::vector<Value> newest;
+  for (int number = 0; number < 25; ++number) _append_limited(newest, Value(number));
+  EXPECT_EQ(List(newest)[0], Value(5));
+}
+
+TEST_F(RetryTest, holdsWhateverAnErrorBodySaysWithinBounds) {
+  const std::string deep = std::string(900, '[') + std::string(900, ']');
+  const std::string umlauts = [] {
+    std::string text;
+    for (int count = 0; count < 30'000; ++count) text += "\u00fc";
+    return text;
+  }();
+  std::deque<Step> steps;
+  for (const std::string& body : {std::string("\xff\xfe"), std::string("<html>"), std::string("[1]"), "{\"reason\": " + deep + deep + "}",
+                                  R"({"error_code": )" + deep + R"(, "reason": ")" + umlauts + R"(", "dependency": {"a": 1e999}})"}) {
+    steps.push_back({.status = 503, .body = body});
+  }
+  steps.push_back({});
+  EXPECT_EQ(get(steps).status, 200);
+  for (const RecordingLog::Entry& entry : log_.entries()) EXPECT_LT(entry.message.size(), 20'000U);
+  const Document back = log_.events("sync_recovered_status").at(0);
+  EXPECT_EQ(back.get("last_server_error_code").is_list() || back.get("last_server_error_code").is_text(), true);
+  EXPECT_THAT(std::string(*back.get("reason").if_text()), AllOf(SizeIs(1024 + 3), HasSubstr("\u00fc...")));
+}
+
+TEST_F(RetryTest, asksForAttentionOnceWhereWaitingAloneCuresNothing) {
+  static_cast<void>(
+      get({fails(error_class::RedirectRefusedError), fails(error_class::RedirectRefusedError), fails(error_class::URLError), {}}));
+  EXPECT_THAT(
+      log_.messages(LogLevel::Warning),
+      ElementsAre("GET /data/files/a/b.arrow will fail until the server or its certificate changes: RedirectRefusedError: why it failed"));
+  EXPECT_THAT(log_.messages(LogLevel::Debug), AllOf(SizeIs(2), Each(StartsWith("GET /data/files/a/b.arrow failed: "))));
+}
+
+TEST_F(RetryTest, leavesAWaitAtOnceWhenAskedToOrWhenItCannotBeShown) {
+  {
+    int asked = 0;
+    const auto scope = SyncBackoff::builtin().enter_context(
+        {.data_dir = {}, .surface = {}, .stop_requested = [&] { return ++asked > 3; }, .host_fields = {}});
+    EXPECT_THAT(failure_of([&] { return get({{.status = 503}}); }), StartsWith("SyncBackoffCancelled"));
+    EXPECT_EQ(client_.attempts, 1U);
+  }
+  const TemporaryDirectory directory;
+  const auto scope =
+      SyncBackoff::builtin().enter_context({.data_dir = directory.path(), .surface = {}, .stop_requested = {}, .host_fields = {}});
+  files_.fail(FaultFiles::Call::WriteNew, 2, ENOSPC);
+  EXPECT_THAT(failure_of([&] { return get({{.status = 503}}); }), StartsWith("OSError: [Errno 28]"));
+  EXPECT_EQ(client_.attempts, 2U);
+
+  struct BrokenLog final : LogSink {
+    bool enabled(LogLevel) override { return true; }
+    void write(const LogRecord&) override { throw Error(error_class::OSError, "no log"); }
+  } broken;
+  LogSink* const before = set_log_sink(&broken);
+  for (const std::deque<Step>& steps : {std::deque<Step>{{.status = 503}}, std::deque<Step>{fails(error_class::ConnectionResetError)}}) {
+    EXPECT_EQ(failure_of([&] { return get(steps); }), "OSError: no log");
+    EXPECT_EQ(client_.attempts, 1U);
+  }
+  set_log_sink(before);
+}
+
+TEST_F(RetryTest, aSinkForgetsAnAttemptThatBrokeOffAndKeepsItsOwnErrors) {
+  struct Sink final : ResponseSink {
+    std::string text;
+    bool full = false;
+    std::uint64_t begin(int) override { return 100; }
+    void roll_back() override { text.clear(); }
+    void accept(std::string_view bytes) override {
+      if (full) throw Error(error_class::OSError, "full");
+      text += bytes;
+    }
+  } sink;
+  const Step broken{.status = 206, .body = "half", .error = &error_class::ConnectionResetError, .in_the_body = true};
+  EXPECT_EQ(get({broken, {.status = 206, .body = "whole"}}, &sink).body, "");
+  EXPECT_EQ(sink.text, "whole");
+  EXPECT_EQ(get({broken, {.status = 404, .body = "gone"}}, &sink).body, "gone");
+  EXPECT_EQ(sink.text, "");
+  sink.full = true;
+  EXPECT_EQ(failure_of([&] { return get({{.status = 200, .body = "x"}}, &sink); }), "OSError: full");
+  EXPECT_EQ(client_.attempts, 1U);
+}
+
+}  // namespace
+}  // namespace brackenfen::sync
