@@ -25,7 +25,6 @@ RATE_WINDOW_SECONDS = 1.0
 REASONS = {
     "partial_transfer": "the connection broke off",
     "sha256_mismatch": "the bytes are not the ones promised",
-    "SyncUnavailableError": "the server is not available",
 }
 
 
@@ -46,6 +45,7 @@ class Progress(threading.Thread):
         self._files: dict[str, Any] = {}
         self._landed: set[str] = set()
         self._landed_bytes = 0
+        self._shown: object = None
 
     def run(self) -> None:
         while not self._finished.wait(self._interval):
@@ -74,13 +74,24 @@ class Progress(threading.Thread):
             return ""
         self._files = progress.get("files", self._files)
         done, in_flight = self._sizes()
-        total = progress.get("total_bytes", 0)
-        line = f"{done:>4}/{len(self._files)} files  {megabytes(in_flight)} of {megabytes(total)}  {megabytes(self._rate(in_flight))}/s"
+        rate = self._rate(in_flight)
+        parts = []
+        if self._files:
+            parts.append(f"{done:>4}/{len(self._files)} files  {megabytes(in_flight)} of {megabytes(progress.get('total_bytes', 0))}")
         # The file tells of the latest wait also when that is over.
-        backoff = progress.get("backoff")
-        if backoff and time.time() < progress["updated_at"] + backoff["wait_seconds"]:
-            line += f"  (waiting {backoff['wait_seconds']:.1f} s before attempt {backoff['attempt'] + 1})"
-        return line
+        backoff = progress.get("backoff", {"attempt": 0, "wait_seconds": 0.0})
+        remaining = progress["updated_at"] + backoff["wait_seconds"] - time.time()
+        if remaining > 0 and rate == 0:
+            parts.append(f"waiting, attempt {backoff['attempt']}, next try in {remaining:.1f} s")
+        else:
+            backoff = {"attempt": 0}
+            parts.append(f"{megabytes(rate)}/s")
+        # A line of its own is worth it where something moved; a line that is written over may count down.
+        state = (in_flight, backoff["attempt"])
+        if not self._live and state == self._shown:
+            return ""
+        self._shown = state
+        return "  ".join(parts)
 
     def _rate(self, in_flight: int) -> float:
         """Bytes per second since the oldest sample; what an earlier run left is there from the first."""
@@ -118,7 +129,7 @@ class Events(logging.Handler):
     def __init__(self, progress: Progress) -> None:
         super().__init__(logging.INFO)
         self._progress = progress
-        self._quiet_until = 0.0
+        self._outage = False
         self._resumed: set[tuple[str, int]] = set()
 
     def emit(self, record: logging.LogRecord) -> None:
@@ -127,13 +138,22 @@ class Events(logging.Handler):
             if record.levelno >= logging.WARNING:
                 self._progress.note(f"{record.levelname.lower()}: {record.getMessage()}")
         elif event["event_type"] == "range_resume" and (event["file"], event["bytes_existing"]) not in self._resumed:
-            self._resumed.add((event["file"], event["bytes_existing"]))  # each attempt of an outage says it again
+            self._resumed.add((event["file"], event["bytes_existing"]))
             self._progress.note(f"resuming {event['file']}: {event['bytes_existing']:,} bytes are already here")
-        elif event["event_type"] == "sync_backoff_wait" and time.monotonic() >= self._quiet_until:
-            # Every file in flight meets an outage: one line for a round of waits says it all.
-            self._quiet_until = time.monotonic() + event["wait_seconds"]
-            reason = REASONS.get(event["reason"], event["reason"])
-            self._progress.note(f"{event['file']}: {reason}; attempt {event['attempt'] + 1} follows in {event['wait_seconds']:.1f} s")
+        elif event["event_type"] == "sync_unavailable_status" and not self._outage:  # every file in flight meets the same one
+            self._outage = True
+            self._progress.note(f"the server is not available ({self._cause(event)}). {event['next_action']}")
+        elif event["event_type"] == "sync_recovered_status" and self._outage:
+            self._outage = False
+            self._progress.note(f"the server is back after {event['elapsed_seconds']:.0f} s ({self._cause(event)})")
+        elif event["event_type"] == "sync_backoff_wait" and event["reason"] in REASONS:
+            self._progress.note(f"{event['file']}: {REASONS[event['reason']]}; the rest follows in {event['wait_seconds']:.1f} s")
+
+    @staticmethod
+    def _cause(event: dict[str, Any]) -> str:
+        """What the server said last, else what the network did."""
+        seen = [f"HTTP {status}" for status in event["status_sequence"]] + event["exception_sequence"]
+        return ", ".join(dict.fromkeys([*seen, *filter(None, [event["last_server_error_code"], event.get("reason")])]))
 
 
 def print_summary(directory: Path, result: sync.SyncResult, seconds: float) -> None:
