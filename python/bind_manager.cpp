@@ -177,6 +177,7 @@ void bind_manager(nb::module_& module) {
                                   "Any thread may call it. Obtain it with SyncManager.get_or_create.");
   bind_construction(bound);
   bind_pass(bound);
+  bind_manager_documents(bound);
   bind_manager_downloads(bound);
   bind_manager_integrity(bound);
   bind_manager_fields(bound);

@@ -29,6 +29,20 @@ struct ManagerObject {
 /// The same Python object for the same live manager.
 [[nodiscard]] nb::object manager_to_python(const std::shared_ptr<SyncManager>& core);
 
+/// Runs a download against a private record, which goes back to the host's whatever the outcome.
+template <typename Download>
+void into_result(nb::handle result, Download&& download) {
+  SyncResult record = sync_result_argument(result);
+  try {
+    detached([&] { download(record); });
+  } catch (const Error&) {
+    update_sync_result(result, record);
+    throw;
+  }
+  update_sync_result(result, record);
+}
+
+void bind_manager_documents(nb::class_<ManagerObject>& bound);
 void bind_manager_downloads(nb::class_<ManagerObject>& bound);
 void bind_manager_integrity(nb::class_<ManagerObject>& bound);
 void bind_manager_fields(nb::class_<ManagerObject>& bound);

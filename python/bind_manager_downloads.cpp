@@ -4,19 +4,6 @@
 namespace brackenfen::sync::python {
 namespace {
 
-/// Runs a download against a private record, which goes back to the host's whatever the outcome.
-template <typename Download>
-void into_result(nb::handle result, Download&& download) {
-  SyncResult record = sync_result_argument(result);
-  try {
-    detached([&] { download(record); });
-  } catch (const Error&) {
-    update_sync_result(result, record);
-    throw;
-  }
-  update_sync_result(result, record);
-}
-
 void download_file(const ManagerObject& self, nb::handle file_path, nb::handle file_info, nb::handle result,
                    nb::handle retry_status_callback, nb::handle target_data_dir, nb::handle backoff_surface,
                    nb::handle retry_partial_transfer, nb::handle retry_checksum_mismatch) {

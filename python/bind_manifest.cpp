@@ -160,7 +160,42 @@ std::shared_ptr<Manifest> manifest_argument(nb::handle object) {
     if (Value value = attribute_of(object, field); !value.is_null()) data = data.with(field, std::move(value));
   }
   data = data.with("files", files_of(object));
-  return detached([&] { return std::make_shared<Manifest>(*host_neighbours().bind(), Value(data)); });
+  const auto section = [object](const char* name) {
+    const Value value = attribute_of(object, name);
+    return value.is_document() ? *value.if_document() : Document();
+  };
+  Manifest::Sections sections{section("found_signals"), section("found_strategies"), section("useful_signals")};
+  return detached([&] {
+    auto record = std::make_shared<Manifest>(*host_neighbours().bind(), Value(data));
+    record->set_sections(std::move(sections));
+    return record;
+  });
+}
+
+ManifestInOut::ManifestInOut(nb::handle object)
+    : object_(object), record_(manifest_argument(object)), files_before_(record_->files()), sections_before_(record_->sections()) {}
+
+void ManifestInOut::give_back() const {
+  if (nb::isinstance<ManifestObject>(object_)) return;
+  const Manifest::Sections sections = record_->sections();
+  const auto assign = [&](const char* name, Document Manifest::Sections::*section) {
+    if (!(sections.*section).same_as(sections_before_.*section)) nb::setattr(object_, name, to_python(sections.*section));
+  };
+  assign("found_signals", &Manifest::Sections::found_signals);
+  assign("found_strategies", &Manifest::Sections::found_strategies);
+  assign("useful_signals", &Manifest::Sections::useful_signals);
+
+  const Value files = record_->files();
+  if (files.same_as(files_before_)) return;
+  for (const Member& member : *files.if_document()) {
+    if (files_before_.is_document() && member.value.same_as(files_before_.if_document()->get(member.key))) continue;
+    const nb::object entry = to_python(member.value);
+    object_.attr("files")[to_python(member.key)] = entry;
+    const nb::object data = nb::getattr(object_, "_data", nb::none());
+    if (data.is_none()) continue;
+    nb::object listed = data.attr("setdefault")("files", nb::dict());
+    listed[to_python(member.key)] = entry;
+  }
 }
 
 nb::object manifest_to_python(const std::shared_ptr<Manifest>& record) {

@@ -1,7 +1,6 @@
 #include "python/binding.hpp"
 #include "sync/documents/feature_paths.hpp"
 #include "sync/documents/manifest_paths.hpp"
-#include "sync/documents/vocabulary.hpp"
 
 namespace brackenfen::sync::python {
 namespace {
@@ -12,12 +11,6 @@ std::shared_ptr<NeighbourSet> neighbours() { return host_neighbours().bind(); }
 Value expression_type_argument(nb::handle expression_type) {
   const nb::object value = nb::getattr(expression_type, "value", nb::borrow(expression_type));
   return text_form(value);
-}
-
-/// A value that counts by its text where it is anything else.
-Value value_or_text(nb::handle object) {
-  const Value value = loose_value(object);
-  return value.is_null() && !object.is_none() ? Value(text_form(object)) : value;
 }
 
 void bind_features(nb::module_& module) {
@@ -91,14 +84,6 @@ void bind_paths(nb::module_& module) {
       },
       any("server_url"), any("base_url"));
   bind_features(module);
-
-  module.def(
-      "_validate_named_universe",
-      [](nb::handle named_universe) { return to_python(_validate_named_universe(value_or_text(named_universe))); }, any("named_universe"));
-  module.def(
-      "_vocabulary_named_universe_from_path",
-      [](nb::handle file_path) { return to_python(_vocabulary_named_universe_from_path(*neighbours(), loose_value(file_path))); },
-      any("file_path"));
 }
 
 }  // namespace brackenfen::sync::python

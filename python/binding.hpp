@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 #include "python/errors.hpp"
@@ -24,6 +25,9 @@ void bind_outages(nb::module_& module);
 void bind_files(nb::module_& module);
 void bind_progress(nb::module_& module);
 void bind_found_pnl(nb::module_& module);
+void bind_signals_index(nb::module_& module);
+void bind_vocabulary(nb::module_& module);
+void bind_shuffle_seed(nb::module_& module);
 void bind_manager(nb::module_& module);
 
 /// An argument that accepts any object, None included; the body converts it and names it in a TypeError.
@@ -57,9 +61,36 @@ void update_sync_result(nb::handle object, const SyncResult& result);
 
 // ---- manifests -------------------------------------------------------------------------------------------
 
-/// The record of a bound `Manifest`, or one built from the attributes of any other object; what it lacks
-/// counts as absent. Attached threads only.
+/// The record of a bound `Manifest`, or one built from the attributes of any other object, its membership
+/// sections included; what it lacks counts as absent. Attached threads only.
 [[nodiscard]] std::shared_ptr<Manifest> manifest_argument(nb::handle object);
+/// A manifest that an operation of the core may change. The record of a bound `Manifest` is changed itself; of
+/// any other object the changed sections are assigned and the changed entries set, in its `files` and in those
+/// of its `_data`, once the operation has succeeded.
+class ManifestInOut {
+ public:
+  explicit ManifestInOut(nb::handle object);
+  [[nodiscard]] Manifest& record() const noexcept { return *record_; }
+  void give_back() const;
+  /// Runs `work` on the record without the interpreter lock.
+  template <typename Work>
+  auto run(Work&& work) const {
+    if constexpr (std::is_void_v<decltype(work(*record_))>) {
+      detached([&] { work(*record_); });
+      give_back();
+    } else {
+      auto result = detached([&] { return work(*record_); });
+      give_back();
+      return result;
+    }
+  }
+
+ private:
+  nb::handle object_;
+  std::shared_ptr<Manifest> record_;
+  Value files_before_;
+  Manifest::Sections sections_before_;
+};
 /// The same Python object for the same live record; None for nullptr.
 [[nodiscard]] nb::object manifest_to_python(const std::shared_ptr<Manifest>& record);
 /// The attribute `files` of any object; an empty document where it has none, null where it is no mapping.

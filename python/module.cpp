@@ -40,6 +40,9 @@ void bind_all(nb::module_& module) {
   bind_files(module);
   bind_progress(module);
   bind_found_pnl(module);
+  bind_signals_index(module);
+  bind_vocabulary(module);
+  bind_shuffle_seed(module);
   bind_manager(module);
   module.def("__getattr__", module_getattr, nb::arg("name"));
 }

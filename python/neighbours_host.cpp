@@ -122,6 +122,34 @@ class HostReasonDescriptions : public ReasonDescriptions {
   PyRef module_;
 };
 
+class HostFunctionTokenSafety : public FunctionTokenSafety {
+ public:
+  explicit HostFunctionTokenSafety(nb::handle module) : module_(module) {}
+  bool is_retired_public_function_token_name(std::string_view name) const override {
+    return call_python([&] { return truth(module_.get().attr("is_retired_public_function_token_name")(to_python(name))); });
+  }
+
+ private:
+  PyRef module_;
+};
+
+class HostFunctionsVocabulary : public FunctionsVocabulary {
+ public:
+  explicit HostFunctionsVocabulary(nb::handle module) : module_(module) {}
+  Value merge_functions_vocabulary(const Document& functions, const Document& vocabulary, std::string_view named_universe,
+                                   const Value& expected_era_number) const override {
+    return call_python([&] {
+      const nb::object merged = module_.get().attr("merge_functions_vocabulary")(
+          nb::arg("functions") = to_python(functions), nb::arg("vocabulary") = to_python(vocabulary),
+          nb::arg("named_universe") = to_python(named_universe), nb::arg("expected_era_number") = to_python(expected_era_number));
+      return value_argument(merged, "the result of merge_functions_vocabulary");
+    });
+  }
+
+ private:
+  PyRef module_;
+};
+
 NeighbourModule& transport_security_module() {
   static NeighbourModule& module = *new NeighbourModule("_transport_security");
   return module;
@@ -148,6 +176,15 @@ NeighbourModule& rotation_module() {
 }
 NeighbourModule& reason_descriptions_module() {
   static NeighbourModule& module = *new NeighbourModule("reason_descriptions");
+  return module;
+}
+
+NeighbourModule& function_token_safety_module() {
+  static NeighbourModule& module = *new NeighbourModule("_function_token_safety");
+  return module;
+}
+NeighbourModule& functions_vocabulary_module() {
+  static NeighbourModule& module = *new NeighbourModule("_functions_vocabulary");
   return module;
 }
 
@@ -182,6 +219,8 @@ class HostNeighbourSet : public NeighbourSet {
   const RuntimeModuleFreshness& runtime_module_freshness() override { return freshness_.get(freshness_module()); }
   const ArtifactRotation& artifact_rotation() override { return rotation_.get(rotation_module()); }
   const ReasonDescriptions& reason_descriptions() override { return reason_descriptions_.get(reason_descriptions_module()); }
+  const FunctionTokenSafety& function_token_safety() override { return function_token_safety_.get(function_token_safety_module()); }
+  const FunctionsVocabulary& functions_vocabulary() override { return functions_vocabulary_.get(functions_vocabulary_module()); }
 
  private:
   Bound<TransportSecurity, HostTransportSecurity> transport_security_;
@@ -191,6 +230,8 @@ class HostNeighbourSet : public NeighbourSet {
   Bound<RuntimeModuleFreshness, HostFreshness> freshness_;
   Bound<ArtifactRotation, HostArtifactRotation> rotation_;
   Bound<ReasonDescriptions, HostReasonDescriptions> reason_descriptions_;
+  Bound<FunctionTokenSafety, HostFunctionTokenSafety> function_token_safety_;
+  Bound<FunctionsVocabulary, HostFunctionsVocabulary> functions_vocabulary_;
 };
 
 class HostNeighbours : public Neighbours {

@@ -78,6 +78,12 @@ Value Manifest::file(std::string_view path) const {
   return entries == nullptr ? Value() : entries->get(path);
 }
 
+Document Manifest::entry(std::string_view path) const {
+  const Value file = this->file(path);
+  const Document* entry = file.if_document();
+  return entry == nullptr ? Document() : *entry;
+}
+
 void Manifest::set_file(std::string_view path, const Document& entry) {
   // What is replaced here is destroyed after the lock is free: it may be a document of 100,000 entries.
   Value old_files;

@@ -47,6 +47,8 @@ class Manifest {
 
   /// The entry at `path`; null where there is none.
   [[nodiscard]] Value file(std::string_view path) const;
+  /// The same as a document; empty where there is none, or none of that shape.
+  [[nodiscard]] Document entry(std::string_view path) const;
   /// Sets one entry, in `files` and in the document at once. Throws TypeError where `files` is no document.
   void set_file(std::string_view path, const Document& entry);
 

@@ -99,6 +99,13 @@ std::string _manifest_file_url(const TransportSecurity& transport_security, std:
   return std::string(rstrip_char(base, '/')) + "/" + relative_path;
 }
 
+Value first_base_url(const Document& file_info, const Value& manifest_base_url) {
+  for (const char* key : {"_manifest_base_url", "base_url"}) {
+    if (const Value& base_url = file_info.get(key); base_url.truthy()) return base_url;
+  }
+  return manifest_base_url;
+}
+
 bool _manifest_base_url_uses_public_download(std::string_view server_url, const Value& base_url) {
   const std::string_view explicit_base = stripped_text(base_url);
   if (explicit_base.empty()) return false;

@@ -27,6 +27,10 @@ class TransportSecurity;
 [[nodiscard]] std::string _manifest_file_url(const TransportSecurity& transport_security, std::string_view server_url,
                                              const Value& file_path, const Value& base_url = {});
 
+/// The base URL for a file: the one that its plan entry is stamped with, else the entry's own, else the
+/// manifest's; null where none holds anything.
+[[nodiscard]] Value first_base_url(const Document& file_info, const Value& manifest_base_url);
+
 /// Whether a data file is fetched without credentials: any explicit base but the server's own /data/files.
 [[nodiscard]] bool _manifest_base_url_uses_public_download(std::string_view server_url, const Value& base_url);
 

@@ -105,4 +105,39 @@ std::optional<std::string> _missing_found_pnl_download_path(const Error& error, 
   return std::string(*file_path);
 }
 
+std::set<std::string> _membership_referenced_files(const Value& membership) {
+  std::set<std::string> referenced;
+  const Document* entries = membership.if_document();
+  if (entries == nullptr) return referenced;
+  for (const Member& member : *entries) {
+    const Document* entry = member.value.if_document();
+    const List* files = entry == nullptr ? nullptr : entry->get("files").if_list();
+    if (files == nullptr) continue;
+    for (const Value& file : *files) {
+      if (const std::optional<std::string_view> path = file.if_text()) referenced.emplace(*path);
+    }
+  }
+  return referenced;
+}
+
+void _validate_membership_referenced_found_pnl_kinds(const Manifest& manifest) {
+  const Manifest::Sections sections = manifest.sections();
+  const Value files = manifest.files();
+  const auto require_kinds = [&files](std::string_view section, std::string_view expected_kind, const Document& membership) {
+    for (const std::string& file_path : _membership_referenced_files(membership)) {
+      const std::optional<std::string_view> path_section = _found_pnl_section_for_path(file_path);
+      if (!path_section) continue;
+      const Document* entries = files.if_document();
+      const Document* entry = entries == nullptr ? nullptr : entries->get(file_path).if_document();
+      if (path_section == section && entry != nullptr && entry->get("kind").if_text() == expected_kind) continue;
+      throw ManifestError("membership-referenced found PnL file " + to_quoted(file_path) + " in " + std::string(section) +
+                          " has missing or unclassifiable kind; expected " + std::string(expected_kind) + " for " +
+                          std::string(*path_section) + "; allowed found PnL kinds are " + std::string(FOUND_SIGNAL_PNL_KIND) + ", " +
+                          std::string(FOUND_STRATEGY_EPOCH_PNL_KIND));
+    }
+  };
+  require_kinds("found_signals", FOUND_SIGNAL_PNL_KIND, sections.found_signals);
+  require_kinds("found_strategies", FOUND_STRATEGY_EPOCH_PNL_KIND, sections.found_strategies);
+}
+
 }  // namespace brackenfen::sync

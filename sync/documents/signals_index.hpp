@@ -1,17 +1,21 @@
-// The signals index and the PnL artifacts it names.
+// The signals index, which says what belongs to an era, and the PnL artifacts it names.
 //
 // A PnL artifact that the manifest lists but storage has lost must not fail a pass: it is excluded, and the
-// pass runs again without it. The index itself is not fetched or applied yet; see the stages below.
+// pass runs again without it. manifest.json and the local index are then rewritten so that both agree with
+// what is on disk.
 #pragma once
 
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "sync/base/error.hpp"
 #include "sync/base/value.hpp"
+#include "sync/documents/manifest.hpp"
+#include "sync/transport/files.hpp"
 
 namespace brackenfen::sync {
 
@@ -22,6 +26,8 @@ inline constexpr std::string_view FOUND_STRATEGY_EPOCH_PNL_KIND = "found_strateg
 inline constexpr std::string_view USEFUL_SIGNAL_OS_PNL_KIND = "useful_signal_os_pnl";
 inline constexpr std::string_view USEFUL_SIGNAL_STRATEGY_IS_PNL_KIND = "useful_signal_strategy_is_pnl";
 inline constexpr std::string_view FOUND_PNL_FILE_KINDS[] = {FOUND_SIGNAL_PNL_KIND, FOUND_STRATEGY_EPOCH_PNL_KIND};
+
+// ---- PnL artifacts and membership: signals_index.cpp -----------------------------------------------------
 
 [[nodiscard]] bool is_found_pnl_file_kind(std::string_view kind);
 
@@ -39,5 +45,42 @@ inline constexpr std::string_view FOUND_PNL_FILE_KINDS[] = {FOUND_SIGNAL_PNL_KIN
 [[nodiscard]] Document _drop_missing_found_pnl_paths(const Document& manifest_data, const std::set<std::string>& missing_paths);
 /// The path of a recoverable download failure (a 404 on a PnL artifact), or absent.
 [[nodiscard]] std::optional<std::string> _missing_found_pnl_download_path(const Error& error, const Document& files_to_download);
+/// Every text that the entries of a section list as a file. An entry of another shape lists none.
+[[nodiscard]] std::set<std::string> _membership_referenced_files(const Value& membership);
+/// Throws ManifestError for the first found PnL artifact, in the order of paths, that lies in another section
+/// than its path tells or has another kind than that section's.
+void _validate_membership_referenced_found_pnl_kinds(const Manifest& manifest);
+
+// ---- the document: signals_index_document.cpp ------------------------------------------------------------
+
+/// SIGNALS_INDEX_RELATIVE_PATH where the manifest points at it or lists it, else absent. Throws ManifestError
+/// where the pointer names another path or a file that is not listed.
+[[nodiscard]] std::optional<std::string> _manifest_signals_index_path(const Manifest& manifest);
+/// The same look-up before there is a record: the path, normalised, whatever it is.
+[[nodiscard]] std::optional<std::string> _manifest_data_signals_index_path(const Value& manifest_data);
+
+/// Sets the sections of `manifest`: all three, or none where it throws. ManifestError for a wrong shape,
+/// EraError for another era.
+void _apply_manifest_signals_index(Manifest& manifest, const Value& index_data);
+/// Parses and applies. Throws ManifestError or EraError.
+void _validate_signals_index_bytes(std::string_view body, Manifest& manifest);
+/// Applies the index of `data_dir`, or of `fallback_data_dir` where the former has none. False where the
+/// manifest has no index. Throws SyncError for a missing file and what applying throws; text that is no UTF-8
+/// is a UnicodeDecodeError.
+bool _load_manifest_signals_index(const std::string& data_dir, Manifest& manifest,
+                                  const std::optional<std::string>& fallback_data_dir = std::nullopt);
+
+/// The local index as rewritten.
+struct SignalsIndexUpdate {
+  std::string relative_path;
+  std::string local_path;
+  std::string kind;
+  std::string sha256;
+};
+/// Takes the missing paths out of the local index. Where that changes it, the file is written anew and the
+/// manifest document's entry takes its size and digest, so that later checks compare with what lies here.
+/// Returns the document to keep. Throws ManifestError for a file that is no index, and os_error.
+[[nodiscard]] std::pair<Document, std::optional<SignalsIndexUpdate>> _scrub_missing_found_pnl_paths_from_signals_index(
+    Files& files, Clock& clock, const std::string& data_dir, const Document& manifest_data, const std::set<std::string>& missing_paths);
 
 }  // namespace brackenfen::sync

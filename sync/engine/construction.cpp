@@ -9,6 +9,8 @@
 #include "sync/base/text.hpp"
 #include "sync/documents/manifest_file.hpp"
 #include "sync/documents/manifest_filters.hpp"
+#include "sync/documents/signals_index.hpp"
+#include "sync/documents/vocabulary.hpp"
 #include "sync/engine/sync_manager.hpp"
 
 namespace brackenfen::sync {
@@ -64,7 +66,7 @@ void SyncManager::restore_manifest(NeighbourSet& neighbours) {
     }
     auto manifest = std::make_shared<Manifest>(neighbours, Value(cleaned));
     _manifest.set(manifest);
-    _load_manifest_signals_index(neighbours, *manifest);
+    _load_manifest_signals_index(data_dir, *manifest);
   } catch (const Error& error) {
     log_warning("Failed to load manifest from disk: %s", error.text());
   }
@@ -74,12 +76,14 @@ void SyncManager::restore_vocabulary(NeighbourSet& neighbours) {
   const std::shared_ptr<Manifest> manifest = _manifest.get();
   if (!manifest) return;
   try {
-    if (auto vocabularies = _validate_manifest_vocabulary_files(neighbours, *manifest)) {
-      _vocabulary.set(std::make_shared<const Document>(*std::move(vocabularies)));
-    }
+    _vocabulary.set(std::make_shared<const Document>(_validate_manifest_vocabulary_files(neighbours, _data_dir.get(), *manifest)));
   } catch (const Error& error) {
     log_warning("Failed to load vocabulary from disk: %s", error.text());
   }
+}
+
+std::string SyncManager::directory_or_live(const std::optional<std::string>& target_data_dir) const {
+  return target_data_dir && !target_data_dir->empty() ? *target_data_dir : _data_dir.get();
 }
 
 Value SyncManager::status() const {

@@ -80,13 +80,9 @@ class FileDownload {
   StagingFile staging_;
 };
 
-/// The base URL of the plan entry, else of the file entry, else of the committed manifest.
 Value base_url_for(const Document& file_info, const SyncManager& manager) {
-  for (const char* key : {"_manifest_base_url", "base_url"}) {
-    if (const Value& base_url = file_info.get(key); base_url.truthy()) return base_url;
-  }
-  const std::shared_ptr<Manifest> manifest = manager._manifest.get();
-  return manifest ? manifest->base_url() : Value();
+  const std::shared_ptr<Manifest> committed = manager._manifest.get();
+  return first_base_url(file_info, committed ? committed->base_url() : Value());
 }
 
 FileDownload::FileDownload(SyncManager& manager, NeighbourSet& neighbours, const std::string& file_path, const Document& file_info,

@@ -1,8 +1,11 @@
 // Does a local file match its manifest entry, and is the whole directory complete?
 #include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
+#include "sync/base/paths.hpp"
 #include "sync/documents/local_files.hpp"
 #include "sync/documents/manifest_filters.hpp"
+#include "sync/documents/shuffle_seed.hpp"
+#include "sync/documents/signals_index.hpp"
 #include "sync/documents/vocabulary.hpp"
 #include "sync/engine/sync_manager.hpp"
 
@@ -49,7 +52,8 @@ bool SyncManager::file_matches(std::string_view file_path, const FileStat& stat,
 bool SyncManager::_local_manifest_files_complete(NeighbourSet& neighbours, Manifest& manifest, const RotationState* active_rotation_state) {
   const Value files = manifest.files();
   const Document* entries = files.if_document();
-  LocalFiles local_files(_data_dir.get());
+  const std::string data_dir = _data_dir.get();
+  LocalFiles local_files(data_dir);
   const auto passes = [&](const std::string& file_path, const Document& file_info) {
     const std::optional<FileStat> stat = local_files.stat(file_path);
     const bool cache_allowed = !(file_info.get("kind").if_text() == "vault_module");
@@ -68,8 +72,8 @@ bool SyncManager::_local_manifest_files_complete(NeighbourSet& neighbours, Manif
   }
 
   try {
-    _validate_shuffle_seed_file(neighbours, manifest);
-    (void)_validate_manifest_vocabulary_files(neighbours, manifest);
+    _validate_shuffle_seed_file(join_path(data_dir, SHUFFLE_SEED_FILENAME), manifest_integer(manifest.era_number(), "era_number"));
+    (void)_validate_manifest_vocabulary_files(neighbours, data_dir, manifest);
   } catch (const Error& error) {
     if (!error.is(error_class::SyncError)) throw;
     return false;
@@ -83,7 +87,7 @@ bool SyncManager::_local_manifest_files_complete(NeighbourSet& neighbours, Manif
     }
   }
   try {
-    _load_manifest_signals_index(neighbours, manifest);
+    _load_manifest_signals_index(data_dir, manifest);
   } catch (const Error& error) {
     if (!error.is(error_class::SyncError)) throw;
     return false;

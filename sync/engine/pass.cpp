@@ -9,9 +9,11 @@
 #include "sync/base/json.hpp"
 #include "sync/base/log.hpp"
 #include "sync/base/member_cursor.hpp"
+#include "sync/base/paths.hpp"
 #include "sync/documents/feature_paths.hpp"
 #include "sync/documents/manifest_file.hpp"
 #include "sync/documents/manifest_filters.hpp"
+#include "sync/documents/shuffle_seed.hpp"
 #include "sync/documents/signals_index.hpp"
 #include "sync/documents/vocabulary.hpp"
 #include "sync/transport/progress.hpp"
@@ -169,9 +171,8 @@ void SyncManager::Pass::begin_result() {
   result_.pnl_column_count = server_->pnl_column_count();
 }
 
-bool SyncManager::Pass::is_landed_elsewhere(const Text& file_path, const Value& file_info) {
-  return file_path.view() == SIGNALS_INDEX_RELATIVE_PATH ||
-         _vocabulary_named_universe_from_path(*neighbours_, Value(file_path)).has_value() ||
+bool SyncManager::Pass::is_checked_elsewhere(const Text& file_path, const Value& file_info) {
+  return _vocabulary_named_universe_from_path(*neighbours_, Value(file_path)).has_value() ||
          _manifest_file_is_sync_excluded(*neighbours_, file_info);
 }
 
@@ -189,7 +190,8 @@ void SyncManager::Pass::collect_downloads() {
     const Value* entry = entries.find(file_path);
     const Document* file_info = entry ? entry->if_document() : nullptr;
     if (!file_info) throw SyncError("Active rotation path is missing from manifest: " + file_path.str());
-    if (is_landed_elsewhere(file_path, *entry)) continue;
+    // The signals index is fetched, validated and written by a stage of its own.
+    if (file_path.view() == SIGNALS_INDEX_RELATIVE_PATH || is_checked_elsewhere(file_path, *entry)) continue;
     if (must_download(file_path, *file_info, local_entries.find(file_path), local_files)) {
       wanted.push_back({file_path, Value(stamped(*file_info))});
     }
@@ -256,9 +258,11 @@ bool SyncManager::Pass::download() {
 }
 
 void SyncManager::Pass::land_documents() {
-  manager_._download_signals_index(*neighbours_, *server_, result_);
-  server_data_ = _drop_missing_found_pnl_paths(server_->data(), manager_._missing_found_pnl.paths());
-  auto [scrubbed_data, update] = manager_._scrub_missing_found_pnl_paths_from_signals_index(server_data_);
+  manager_._download_signals_index(*neighbours_, *server_, std::nullopt, &result_);
+  const std::set<std::string> missing = manager_._missing_found_pnl.paths();
+  server_data_ = _drop_missing_found_pnl_paths(server_->data(), missing);
+  auto [scrubbed_data, update] =
+      _scrub_missing_found_pnl_paths_from_signals_index(*manager_.seams_.files, *manager_.seams_.clock, data_dir_, server_data_, missing);
   server_data_ = std::move(scrubbed_data);
   if (update) {
     if (const auto guard = manager_.runtime_freshness_guard.get())
@@ -266,7 +270,7 @@ void SyncManager::Pass::land_documents() {
     manager_._hash_cache._remember_local_sha(update->relative_path, update->local_path, update->sha256);
   }
   if (!server_data_.same_as(server_->data())) server_ = std::make_shared<Manifest>(*neighbours_, Value(server_data_));
-  manager_._load_manifest_signals_index(*neighbours_, *server_);
+  _load_manifest_signals_index(data_dir_, *server_);
 
   const EraConfig& era_config = neighbours_->era_config();
   result_.useful_signals_downloaded = count_groups(era_config, Value(files_to_download_), "useful_signals/");
@@ -287,8 +291,7 @@ void SyncManager::Pass::commit() {
 }
 
 void SyncManager::Pass::finish() {
-  if (vocabulary_landed_ || !manager_._vocabulary.get())
-    use_vocabularies(manager_._validate_manifest_vocabulary_files(*neighbours_, *server_));
+  if (vocabulary_landed_ || !manager_._vocabulary.get()) use_vocabularies(valid_vocabularies(*server_));
   add_vocabulary_metadata(result_);
   manager_._complete_rotation_promotion(rotation_.plan, *server_);
 
@@ -299,22 +302,25 @@ void SyncManager::Pass::finish() {
   result_.n_found_strategies = count_groups(era_config, files, "found_strategies/");
 }
 
-void SyncManager::Pass::use_vocabularies(std::optional<Document> vocabularies) {
-  if (vocabularies) manager_._vocabulary.set(std::make_shared<const Document>(*std::move(vocabularies)));
+Document SyncManager::Pass::valid_vocabularies(const Manifest& manifest) {
+  return _validate_manifest_vocabulary_files(*neighbours_, data_dir_, manifest);
+}
+
+void SyncManager::Pass::require_valid_seed(const Manifest& manifest) const {
+  _validate_shuffle_seed_file(join_path(data_dir_, SHUFFLE_SEED_FILENAME), manifest_integer(manifest.era_number(), "era_number"));
+}
+
+void SyncManager::Pass::use_vocabularies(Document vocabularies) {
+  manager_._vocabulary.set(std::make_shared<const Document>(std::move(vocabularies)));
 }
 
 void SyncManager::Pass::add_vocabulary_metadata(SyncResult& result) const {
   const std::shared_ptr<const Document> vocabularies = manager_._vocabulary.get();
   if (!vocabularies) return;
-  for (const Member& member : *vocabularies) {
-    const Document* vocabulary = member.value.if_document();
-    const Document* metadata = vocabulary ? vocabulary->get("metadata").if_document() : nullptr;
-    if (!metadata) continue;
-    if (const Value* value = metadata->find("t_signal_is")) result.t_signal_is = *value;
-    if (const Value* value = metadata->find("t_strategy_is")) result.t_strategy_is = *value;
-    if (const Value* value = metadata->find("n_instruments")) result.n_instruments = *value;
-    return;  // the first vocabulary that has metadata speaks for the era
-  }
+  const Document metadata = _first_vocabulary_metadata(*vocabularies);
+  if (const Value* value = metadata.find("t_signal_is")) result.t_signal_is = *value;
+  if (const Value* value = metadata.find("t_strategy_is")) result.t_strategy_is = *value;
+  if (const Value* value = metadata.find("n_instruments")) result.n_instruments = *value;
 }
 
 void SyncManager::Pass::note_stage(const char* stage) {

@@ -54,17 +54,18 @@ class SyncManager::Pass {
   [[nodiscard]] std::optional<SyncResult> end_on_version_hint(const VersionHint& hint);
   [[nodiscard]] std::optional<SyncResult> end_on_same_version();
   /// Throws SyncError where the directory does not hold what the local manifest promises.
-  [[nodiscard]] std::optional<Document> check_local_directory(const RotationSelection& selection);
+  [[nodiscard]] Document check_local_directory(const RotationSelection& selection);
   /// Walks the active paths of `manifest`. Throws SyncError at the first file that is not as it must be.
   void require_active_files(const RotationSelection& selection, const Value& files);
 
   // Used by both.
   [[nodiscard]] PlannedRotation plan_for(Manifest& manifest, bool force_new_candidate);
-  /// Vocabularies and the signals index have stages of their own (which fetch nothing yet, so that neither is
-  /// missed when a shortcut looks for damage); excluded files never land.
-  [[nodiscard]] bool is_landed_elsewhere(const Text& file_path, const Value& file_info);
+  /// Vocabularies have a stage of their own, where their bytes are validated; excluded files never land.
+  [[nodiscard]] bool is_checked_elsewhere(const Text& file_path, const Value& file_info);
+  [[nodiscard]] Document valid_vocabularies(const Manifest& manifest);
+  void require_valid_seed(const Manifest& manifest) const;
   [[nodiscard]] SyncResult result_for_era(const Manifest& manifest, const RotationSelection& selection) const;
-  void use_vocabularies(std::optional<Document> vocabularies);
+  void use_vocabularies(Document vocabularies);
   void add_vocabulary_metadata(SyncResult& result) const;
   /// Logs at debug level how long the step since the last call took.
   void note_stage(const char* stage);

@@ -6,6 +6,7 @@
 #include "sync/base/member_cursor.hpp"
 #include "sync/documents/manifest_file.hpp"
 #include "sync/documents/manifest_filters.hpp"
+#include "sync/documents/signals_index.hpp"
 #include "sync/engine/pass.hpp"
 #include "sync/transport/progress.hpp"
 
@@ -25,7 +26,7 @@ std::optional<SyncResult> SyncManager::Pass::end_on_version_hint(const VersionHi
   free_bytes_ = manager_.seams_.files->free_bytes(data_dir_);
   rotation_ = plan_for(*local_, manager_._feature_rotation_should_rotate(*neighbours_, *local_));
   const RotationSelection& selection = rotation_.plan.selection;
-  std::optional<Document> local_vocabularies;
+  Document local_vocabularies;
   try {
     local_vocabularies = check_local_directory(selection);
   } catch (const Error& error) {
@@ -45,11 +46,11 @@ std::optional<SyncResult> SyncManager::Pass::end_on_version_hint(const VersionHi
   return result;
 }
 
-std::optional<Document> SyncManager::Pass::check_local_directory(const RotationSelection& selection) {
-  std::optional<Document> vocabularies = manager_._validate_manifest_vocabulary_files(*neighbours_, *local_);
-  manager_._validate_shuffle_seed_file(*neighbours_, *local_);
+Document SyncManager::Pass::check_local_directory(const RotationSelection& selection) {
+  Document vocabularies = valid_vocabularies(*local_);
+  require_valid_seed(*local_);
   require_active_files(selection, local_->files());
-  manager_._load_manifest_signals_index(*neighbours_, *local_);
+  _load_manifest_signals_index(data_dir_, *local_);
   return vocabularies;
 }
 
@@ -62,7 +63,7 @@ void SyncManager::Pass::require_active_files(const RotationSelection& selection,
     const Value* entry = entries.find(file_path);
     const Document* file_info = entry ? entry->if_document() : nullptr;
     if (!file_info) throw SyncError("Active rotation path is missing from manifest: " + file_path.str());
-    if (is_landed_elsewhere(file_path, *entry)) continue;
+    if (is_checked_elsewhere(file_path, *entry)) continue;
     const std::optional<FileStat> stat = local_files.stat(file_path);
     const bool cache_allowed = !(file_info->get("kind").if_text() == "vault_module");
     const auto local_path = [&] { return local_files.local_path(file_path); };
@@ -83,10 +84,9 @@ std::optional<SyncResult> SyncManager::Pass::end_on_same_version() {
     }
   };
   const RotationSelection& selection = rotation_.plan.selection;
-  std::optional<Document> local_vocabularies;
-  const bool vocabulary_needs_repair =
-      fails([&] { local_vocabularies = manager_._validate_manifest_vocabulary_files(*neighbours_, *server_); });
-  const bool seed_needs_repair = fails([&] { manager_._validate_shuffle_seed_file(*neighbours_, *server_); });
+  Document local_vocabularies;
+  const bool vocabulary_needs_repair = fails([&] { local_vocabularies = valid_vocabularies(*server_); });
+  const bool seed_needs_repair = fails([&] { require_valid_seed(*server_); });
   if (fails([&] { require_active_files(selection, server_->files()); })) {
     log_warning("Manifest version matched but local data files need repair");
     return std::nullopt;
@@ -104,12 +104,11 @@ std::optional<SyncResult> SyncManager::Pass::end_on_same_version() {
       manager_._download_shuffle_seed(*neighbours_, *server_);
       result.shuffle_seed_downloaded = true;
     }
-    manager_._download_signals_index(*neighbours_, *server_, result);
-    if (vocabulary_needs_repair || !manager_._vocabulary.get())
-      use_vocabularies(manager_._validate_manifest_vocabulary_files(*neighbours_, *server_));
+    manager_._download_signals_index(*neighbours_, *server_, std::nullopt, &result);
+    if (vocabulary_needs_repair || !manager_._vocabulary.get()) use_vocabularies(valid_vocabularies(*server_));
     add_vocabulary_metadata(result);
   }
-  manager_._load_manifest_signals_index(*neighbours_, *server_);
+  _load_manifest_signals_index(data_dir_, *server_);
   manager_._manifest.set(server_);
   _write_manifest_json(*manager_.seams_.files, *manager_.seams_.clock, data_dir_, server_->data());
   manager_._complete_rotation_promotion(rotation_.plan, *server_);

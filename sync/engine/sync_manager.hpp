@@ -133,6 +133,35 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   /// told. Throws AuthError.
   [[nodiscard]] bool _download_manifest_superseded(NeighbourSet& neighbours, const Document& file_info);
 
+  // ---- documents of an era: signals_index_download.cpp, vocabulary_download.cpp, shuffle_seed_download.cpp,
+  //      manifest_entry_repair.cpp ----------------------------------------------------------------------
+  // Each is validated for the era of the manifest given before it replaces what is on disk, or removed again.
+  // `target_data_dir` absent: the live directory. They run on the thread that owns the pass, repair or
+  // transition, and throw what the requests and downloads throw besides SyncError, EraError, ManifestError (the
+  // index), IntegrityError (a vocabulary whose digest is not the stated one) and os_error.
+
+  /// True if the index was fetched. The sections of `server_manifest` are set then, as they are where the local
+  /// index will do; its entry takes size and digest of the bytes that came. Counts its bytes in `result`, if given.
+  bool _download_signals_index(NeighbourSet& neighbours, Manifest& server_manifest,
+                               const std::optional<std::string>& target_data_dir = std::nullopt, SyncResult* result = nullptr);
+  /// True if any vocabulary was fetched. Without a target, _vocabulary is then what lies in the files.
+  bool _download_vocabulary(NeighbourSet& neighbours, Manifest& server_manifest,
+                            const std::optional<std::string>& target_data_dir = std::nullopt);
+  /// Fetches one vocabulary anew, exactly as `file_info` states it; false for any other path. Throws
+  /// AttributeError where no manifest is committed.
+  bool _download_validated_vocabulary_repair(NeighbourSet& neighbours, const std::string& file_path, const Document& file_info,
+                                             SyncResult& result);
+  /// True if the seed was fetched. A body of another size is waited out, without limit.
+  bool _download_shuffle_seed(NeighbourSet& neighbours, const Manifest& server_manifest,
+                              const std::optional<std::string>& target_data_dir = std::nullopt);
+  /// Sets size and digest of an entry to those of validated bytes. Throws IntegrityError where the entry states
+  /// another digest, unless that is allowed.
+  void _repair_vocabulary_manifest_entry(Manifest& server_manifest, const std::string& file_path, std::string_view body,
+                                         const std::optional<std::string>& reason = std::nullopt, bool allow_sha_mismatch = false);
+  /// The same for the index, of which any digest is accepted.
+  void _repair_signals_index_manifest_entry(Manifest& server_manifest, const std::string& file_path, std::string_view body,
+                                            const std::optional<std::string>& reason = std::nullopt);
+
   // ---- local integrity: local_integrity.cpp ----------------------------------------------------------
 
   /// Whether size and digest are those of the entry. A file that is not there does not match; one that cannot be
@@ -150,30 +179,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   void _release_flock() { _directory_lock._release_flock(); }
 
   // ---- stages that a pass runs through: stages.cpp ---------------------------------------------------
-  // The signals index, the vocabularies and the shuffle seed are neither fetched nor validated yet, and no
-  // rotation is planned or promoted: each stage has its place in the pass and says "nothing done".
-
-  /// True if the index was fetched.
-  bool _download_signals_index(NeighbourSet& neighbours, Manifest& server_manifest, SyncResult& result);
-  /// True if an index was applied to `manifest`.
-  bool _load_manifest_signals_index(NeighbourSet& neighbours, Manifest& manifest);
-  struct ScrubUpdate {
-    std::string relative_path;
-    std::string local_path;
-    std::string kind;
-    std::string sha256;
-  };
-  /// The manifest document to keep, and the index as rewritten, where it was.
-  [[nodiscard]] std::pair<Document, std::optional<ScrubUpdate>> _scrub_missing_found_pnl_paths_from_signals_index(
-      const Document& manifest_data);
-  /// True if any vocabulary was fetched.
-  bool _download_vocabulary(NeighbourSet& neighbours, Manifest& server_manifest);
-  /// The vocabularies by universe; absent while nothing looks at them.
-  [[nodiscard]] std::optional<Document> _validate_manifest_vocabulary_files(NeighbourSet& neighbours, Manifest& manifest);
-  /// True if the seed was fetched.
-  bool _download_shuffle_seed(NeighbourSet& neighbours, Manifest& server_manifest);
-  /// False while nothing looks at the seed; throws SyncError or EraError where it is unusable.
-  bool _validate_shuffle_seed_file(NeighbourSet& neighbours, Manifest& manifest);
+  // No rotation is planned or promoted: each stage has its place in the pass and says "nothing done".
 
   [[nodiscard]] bool _feature_rotation_should_rotate(NeighbourSet& neighbours, Manifest& manifest);
   struct PlannedRotation {
@@ -199,7 +205,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   Snapshot<RuntimeFreshnessGuard> runtime_freshness_guard;
   Snapshot<Manifest> _manifest;                          ///< null before the first commit
   Snapshot<const RotationState> _active_rotation_state;  ///< null where none is persisted
-  Snapshot<const Document> _vocabulary;                  ///< null until vocabularies were validated
+  Snapshot<const Document> _vocabulary;                  ///< by universe; null until vocabularies were validated
   Snapshot<const Value> _status_message;
   MissingFoundPnl _missing_found_pnl;
 
@@ -219,6 +225,9 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   void restore_consumer_count();
   void restore_manifest(NeighbourSet& neighbours);
   void restore_vocabulary(NeighbourSet& neighbours);
+  [[nodiscard]] std::string directory_or_live(const std::optional<std::string>& target_data_dir) const;
+  [[nodiscard]] std::string fetch_signals_index(NeighbourSet& neighbours, const std::string& file_path, const Value& base_url);
+  [[nodiscard]] std::string fetch_shuffle_seed(NeighbourSet& neighbours, const Value& expected_era_id);
   /// Throws StateError in a child process that inherited this object by fork().
   void require_own_process() const;
 

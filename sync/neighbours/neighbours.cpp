@@ -12,6 +12,8 @@ class BuiltinNeighbourSet final : public NeighbourSet {
   const RuntimeModuleFreshness& runtime_module_freshness() override { return RuntimeModuleFreshness::builtin(); }
   const ArtifactRotation& artifact_rotation() override { return ArtifactRotation::builtin(); }
   const ReasonDescriptions& reason_descriptions() override { return ReasonDescriptions::builtin(); }
+  const FunctionTokenSafety& function_token_safety() override { return FunctionTokenSafety::builtin(); }
+  const FunctionsVocabulary& functions_vocabulary() override { return FunctionsVocabulary::builtin(); }
 };
 
 /// A handle that owns nothing: what it points at lives for the whole process.

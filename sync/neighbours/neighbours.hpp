@@ -8,6 +8,8 @@
 #include "sync/neighbours/auth.hpp"
 #include "sync/neighbours/era_config.hpp"
 #include "sync/neighbours/reason_descriptions.hpp"
+#include "sync/neighbours/function_token_safety.hpp"
+#include "sync/neighbours/functions_vocabulary.hpp"
 #include "sync/neighbours/runtime_module_freshness.hpp"
 #include "sync/neighbours/sync_backoff.hpp"
 #include "sync/neighbours/sync_progress.hpp"
@@ -28,6 +30,8 @@ class NeighbourSet {
   [[nodiscard]] virtual const RuntimeModuleFreshness& runtime_module_freshness() = 0;
   [[nodiscard]] virtual const ArtifactRotation& artifact_rotation() = 0;
   [[nodiscard]] virtual const ReasonDescriptions& reason_descriptions() = 0;
+  [[nodiscard]] virtual const FunctionTokenSafety& function_token_safety() = 0;
+  [[nodiscard]] virtual const FunctionsVocabulary& functions_vocabulary() = 0;
 };
 
 class Neighbours {

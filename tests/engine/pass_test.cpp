@@ -21,6 +21,9 @@ const PublishedFile ALPHA{"features/alpha.arrow", "alpha, first edition"};
 const PublishedFile BETA{"features/beta.arrow", "beta"};
 const PublishedFile LOST_PNL{"found_signals/pool/one/signal_is/pnl.arrow", "lost", "found_signal_is_pnl"};
 
+/// Of the catalogue of functions, which every pass fetches first.
+const std::size_t CATALOGUE_BYTES = SyncSetup::documents()[1].content.size();
+
 std::string data_path(const PublishedFile& file) { return "/data/files/" + file.path; }
 
 class PassTest : public testing::Test, protected SyncSetup {
@@ -41,6 +44,15 @@ class PassTest : public testing::Test, protected SyncSetup {
     return paths;
   }
   [[nodiscard]] std::vector<std::string> warnings() const { return log.messages(LogLevel::Warning); }
+
+  /// The files of a directory in step, sorted: `more`, and what every era brings.
+  [[nodiscard]] static std::vector<std::string> with_documents(std::vector<std::string> more) {
+    for (const char* path :
+         {".sync_hash_cache.json", "manifest.json", FUNCTIONS, VOCABULARY, "shuffle_seed.enc", "shuffle_seed.enc.meta.json"})
+      more.emplace_back(path);
+    std::sort(more.begin(), more.end());
+    return more;
+  }
 
   std::size_t earlier_ = 0;
 };
@@ -66,19 +78,23 @@ TEST_F(PassTest, anEmptyDirectoryFillsAndCommits) {
   EXPECT_EQ(result.useful_signals_downloaded, 1);
   EXPECT_EQ(result.n_useful_signals, 1);
   EXPECT_EQ(result.n_found_strategies, 0);
-  EXPECT_EQ(result.bytes_downloaded,
-            static_cast<std::int64_t>(ALPHA.content.size() + module.content.size() + pnl.content.size() + useful.content.size()));
+  EXPECT_EQ(result.bytes_downloaded, static_cast<std::int64_t>(ALPHA.content.size() + module.content.size() + pnl.content.size() +
+                                                               useful.content.size() + CATALOGUE_BYTES))
+      << "vocabularies and the seed do not count";
+  EXPECT_TRUE(result.vocabulary_downloaded && result.shuffle_seed_downloaded);
+  EXPECT_EQ((std::tuple(result.t_signal_is, result.t_strategy_is, result.n_instruments)), (std::tuple(Value(5), Value(6), Value(7))));
   EXPECT_THAT(result.found_pnl_paths_downloaded, ElementsAre(directory / pnl.path));
-  EXPECT_THAT(result.active_relative_paths, SizeIs(4));
+  EXPECT_THAT(result.active_relative_paths, SizeIs(6));
 
-  EXPECT_THAT(directory.files(), ElementsAre(".sync_hash_cache.json", ALPHA.path, pnl.path, "manifest.json", module.path, useful.path));
+  EXPECT_EQ(directory.files(), with_documents({ALPHA.path, pnl.path, module.path, useful.path}));
   EXPECT_EQ(directory.read(ALPHA.path), ALPHA.content);
   // Keys as the server ordered them, default separators, ASCII.
   EXPECT_THAT(
       directory.read("manifest.json"),
       testing::StartsWith(
           R"({"era_number": 7, "version": 1, "pnl_column_count": 3, "files": {"features/alpha.arrow": {"kind": "feature", "size_bytes": 20, "sha256": ")"));
-  EXPECT_THAT(directory.read("manifest.json"), testing::EndsWith(R"("platform": "amiga_68k"}}, "note": "caf\u00e9"})"));
+  EXPECT_THAT(directory.read("manifest.json"),
+              testing::EndsWith(R"("platform": "amiga_68k"}}, "functions": "functions.json", "note": "caf\u00e9"})"));
   EXPECT_EQ(manager->get_manifest()->version(), Value(1));
   EXPECT_EQ(server.requests().front().header("Authorization"), "Bearer token");
 }
@@ -87,6 +103,7 @@ TEST_F(PassTest, theProgressFileLiesThereWhileFilesLandAndGoesAtTheCommit) {
   struct ProgressReader : RuntimeFreshnessGuard {
     explicit ProgressReader(const TemporaryDirectory& watched) : directory(watched) {}
     void record_sync_update(std::string_view relative_path, std::string_view kind, std::string_view sha256) override {
+      if (relative_path != ALPHA.path) return;
       seen = std::string(relative_path) + " " + std::string(kind) + " " + std::string(sha256);
       progress = directory.read("sync-progress.json");
       committed = directory.contains("manifest.json");
@@ -103,7 +120,8 @@ TEST_F(PassTest, theProgressFileLiesThereWhileFilesLandAndGoesAtTheCommit) {
   static_cast<void>(open()->sync());
 
   EXPECT_EQ(reader->seen, ALPHA.path + " feature " + _sha256(ALPHA.content));
-  EXPECT_THAT(reader->progress, AllOf(HasSubstr(R"("phase": "syncing")"), HasSubstr(R"("version": 3)"), HasSubstr(R"("total_bytes": 20)")));
+  EXPECT_THAT(reader->progress, AllOf(HasSubstr(R"("phase": "syncing")"), HasSubstr(R"("version": 3)"),
+                                      HasSubstr(R"("total_bytes": )" + std::to_string(20 + CATALOGUE_BYTES))));
   EXPECT_FALSE(reader->committed);
   EXPECT_FALSE(directory.contains("sync-progress.json"));
 }
@@ -248,10 +266,11 @@ TEST_F(PassTest, filesThatAreHereAlreadyAreRecognisedByTheirContent) {
 
 TEST_F(PassTest, theDownloadSetMustFitTheFreeSpace) {
   publish(1, {ALPHA, BETA});
-  const auto needed = static_cast<std::int64_t>(ALPHA.content.size() + BETA.content.size());
+  const auto needed = static_cast<std::int64_t>(ALPHA.content.size() + BETA.content.size() + CATALOGUE_BYTES);
   const auto manager = open();
   files.set_free_bytes(needed - 1);
-  EXPECT_EQ(failure_of([&] { return manager->sync(); }), "DiskSpaceError: Insufficient disk space: need 24 bytes, have 23 bytes available");
+  EXPECT_EQ(failure_of([&] { return manager->sync(); }), "DiskSpaceError: Insufficient disk space: need " + std::to_string(needed) +
+                                                             " bytes, have " + std::to_string(needed - 1) + " bytes available");
   EXPECT_THAT(directory.files(), IsEmpty());
   files.set_free_bytes(needed);
   EXPECT_EQ(manager->sync().features_downloaded, 2);
@@ -294,7 +313,7 @@ TEST_F(PassTest, artifactsThatStorageHasLostAreLeftOutUntilTheNextVersion) {
   directory.write(lost_paths[0] + ".tmp", "a part");
   const auto manager = open();
   EXPECT_EQ(manager->sync().features_downloaded, 0) << "the file landed in the pass that was given up";
-  EXPECT_THAT(directory.files(), ElementsAre(".sync_hash_cache.json", ALPHA.path, "manifest.json"));
+  EXPECT_THAT(directory.files(), testing::ElementsAreArray(with_documents({ALPHA.path})));
   EXPECT_THAT(directory.read("manifest.json"), Not(HasSubstr("found_signals/")));
   EXPECT_THAT(manager->_missing_found_pnl.paths(), testing::ElementsAreArray(lost_paths));
   EXPECT_THAT(warnings(), testing::ElementsAreArray(left_out));

@@ -16,8 +16,12 @@ from typing import Any
 import brackenfen.sync as sync
 import pytest
 
+VOCABULARY, FUNCTIONS = "named_universes/us/vocabulary.json", "functions.json"
+
+
 class Server:
-    """Serves a manifest and its files; `answers` overrides a path with a status and a body, or a function."""
+    """Serves a manifest, its files and the documents of the era; `answers` overrides a path with a status and a body,
+    or a function."""
 
     token = "canary-5f1d9c"
 
@@ -49,10 +53,29 @@ class Server:
 
     def add(self, path: str, body: bytes, kind: str = "feature", **changes: Any) -> None:
         self.files[path] = body
-        self.entries[path] = {"kind": kind, "size_bytes": len(body), "sha256": hashlib.sha256(body).hexdigest(), **changes}
+        self.entries[path] = self.entry(body, kind, **changes)
+
+    @staticmethod
+    def entry(body: bytes, kind: str, **changes: Any) -> dict[str, Any]:
+        return {"kind": kind, "size_bytes": len(body), "sha256": hashlib.sha256(body).hexdigest(), **changes}
+
+    @property
+    def documents(self) -> dict[str, bytes]:
+        """What every era has besides its data: the vocabulary of one universe, and the catalogue of functions."""
+        vocabulary = {
+            "era_number": self.era_number, "named_universe": "us", "features": {},
+            "metadata": {"named_universe": "us", "t_signal_is": 5, "t_strategy_is": 6, "n_instruments": 7},
+        }  # fmt: skip
+        functions = {"era_number": self.era_number, "rotations": ["weekly"]}
+        return {VOCABULARY: json.dumps(vocabulary).encode(), FUNCTIONS: json.dumps(functions).encode()}
 
     def manifest(self) -> dict[str, Any]:
-        return {"era_number": self.era_number, "version": self.version, "pnl_column_count": 4, "files": self.entries}
+        kinds = {VOCABULARY: "vocabulary", FUNCTIONS: "functions"}
+        entries = {path: self.entry(body, kinds[path]) for path, body in self.documents.items()}
+        return {
+            "era_number": self.era_number, "version": self.version, "pnl_column_count": 4, "functions": FUNCTIONS,
+            "files": self.entries | {path: entry for path, entry in entries.items() if path not in self.entries},
+        }  # fmt: skip
 
     def answer(self, handler: BaseHTTPRequestHandler) -> None:
         path = handler.path
@@ -65,7 +88,9 @@ class Server:
             self.send(handler, 200, json.dumps({"version": self.version, "era_number": self.era_number}).encode())
         elif path == "/data/manifest":
             self.send(handler, 200, json.dumps(self.manifest()).encode())
-        elif (body := self.files.get(path.removeprefix("/data/files/"))) is not None:
+        elif path == "/data/shuffle":
+            self.send(handler, 200, b"s" * 60, {"X-Era-Id": str(self.era_number)})
+        elif (body := (self.documents | self.files).get(path.removeprefix("/data/files/"))) is not None:
             self.send_file(handler, body)
         else:
             self.send(handler, 404, b"{}")
@@ -88,8 +113,10 @@ class Server:
         self.released.wait(30)
 
     @staticmethod
-    def send(handler: BaseHTTPRequestHandler, status: int, body: bytes) -> None:
+    def send(handler: BaseHTTPRequestHandler, status: int, body: bytes, headers: dict[str, str] | None = None) -> None:
         handler.send_response(status)
+        for name, value in (headers or {}).items():
+            handler.send_header(name, value)
         handler.send_header("Content-Length", str(len(body)))
         handler.end_headers()
         handler.wfile.write(body)

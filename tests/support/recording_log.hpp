@@ -34,6 +34,10 @@ class RecordingLog final : public LogSink {
     const std::lock_guard lock(mutex_);
     return entries_;
   }
+  void clear() {
+    const std::lock_guard lock(mutex_);
+    entries_.clear();
+  }
   /// The messages of one level, in order.
   [[nodiscard]] std::vector<std::string> messages(LogLevel level) const {
     std::vector<std::string> found;

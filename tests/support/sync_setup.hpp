@@ -35,6 +35,11 @@ class SyncSetup {
   static constexpr int ERA = 7;
   static constexpr const char* VERSION_PATH = "/data/manifest/version";
   static constexpr const char* MANIFEST_PATH = "/data/manifest";
+  static constexpr const char* SHUFFLE_PATH = "/data/shuffle";
+  static constexpr const char* VOCABULARY = "named_universes/us/vocabulary.json";
+  static constexpr const char* FUNCTIONS = "functions.json";
+
+  SyncSetup() { publish_documents(); }
 
   [[nodiscard]] Seams seams() { return {&HttpClient::real(), &clock, &files, &environment, &Neighbours::builtin()}; }
   [[nodiscard]] SyncManager::Options options() {
@@ -47,10 +52,31 @@ class SyncSetup {
   [[nodiscard]] std::shared_ptr<SyncManager> open() { return std::make_shared<SyncManager>(options()); }
   [[nodiscard]] std::shared_ptr<NeighbourSet> neighbours() { return Neighbours::builtin().bind(); }
 
-  [[nodiscard]] static Document manifest(int version, const std::vector<PublishedFile>& files, int era = ERA) {
+  /// What every era has besides its data: the vocabulary of one universe, and the catalogue of functions.
+  [[nodiscard]] static std::vector<PublishedFile> documents(int era = ERA) {
+    const auto text = [](const Document& document) { return write_json(document, JsonForm::InsertionOrder); };
+    const Document vocabulary{
+        {"era_number", era},
+        {"named_universe", "us"},
+        {"features", Document()},
+        {"metadata", Document{{"named_universe", "us"}, {"t_signal_is", 5}, {"t_strategy_is", 6}, {"n_instruments", 7}}}};
+    return {{VOCABULARY, text(vocabulary), "vocabulary"},
+            {FUNCTIONS, text(Document{{"era_number", era}, {"rotations", List{"weekly"}}}), "functions"}};
+  }
+  /// Lists the files, then the documents of the era.
+  [[nodiscard]] static Document manifest(int version, std::vector<PublishedFile> files, int era = ERA) {
     std::vector<Member> entries;
+    for (PublishedFile& document : documents(era)) files.push_back(std::move(document));
     for (const PublishedFile& file : files) entries.push_back({file.path, file.entry()});
-    return {{"era_number", era}, {"version", version}, {"pnl_column_count", 3}, {"files", Document(std::move(entries))}};
+    return {{"era_number", era},
+            {"version", version},
+            {"pnl_column_count", 3},
+            {"files", Document(std::move(entries))},
+            {"functions", FUNCTIONS}};
+  }
+  void publish_documents(int era = ERA) {
+    for (const PublishedFile& document : documents(era)) server.serve_file("/data/files/" + document.path, document.content);
+    server.script(SHUFFLE_PATH, {{.headers = {{"X-Era-Id", std::to_string(era)}}, .body = std::string(60, 's')}});
   }
   /// The version endpoint, the manifest and the files, all consistent.
   void publish(int version, const std::vector<PublishedFile>& published) {

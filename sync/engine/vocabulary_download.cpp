@@ -1,0 +1,163 @@
+// The vocabularies of the universes: fetched where the local ones will not do, or replaced one by one.
+#include "sync/base/convert.hpp"
+#include "sync/base/descriptor.hpp"
+#include "sync/base/error.hpp"
+#include "sync/base/log.hpp"
+#include "sync/base/paths.hpp"
+#include "sync/base/sha256.hpp"
+#include "sync/documents/manifest_paths.hpp"
+#include "sync/documents/vocabulary.hpp"
+#include "sync/engine/sync_manager.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+/// Removes a file that must not stay; a file system that refuses has no say.
+void discard(Files& files, const std::string& path) {
+  try {
+    files.unlink(path);
+  } catch (const Error& error) {
+    if (!error.is(error_class::OSError)) throw;
+  }
+}
+
+/// Bringing one vocabulary of `server_manifest` into a directory.
+class VocabularyDownload {
+ public:
+  VocabularyDownload(SyncManager& manager, NeighbourSet& neighbours, Manifest& server_manifest, const std::string& data_dir,
+                     const std::string& file_path)
+      : manager_(manager),
+        neighbours_(neighbours),
+        manifest_(server_manifest),
+        data_dir_(data_dir),
+        file_path_(file_path),
+        universe_(_vocabulary_named_universe_from_path(neighbours, file_path).value_or("")),
+        local_path_(_manifest_local_path(data_dir, file_path)) {}
+
+  [[nodiscard]] const std::string& universe() const noexcept { return universe_; }
+  [[nodiscard]] bool is_here() const { return path_exists(local_path_); }
+
+  /// The local vocabulary, where it is valid and the manifest can be brought into line with it; else absent.
+  [[nodiscard]] std::optional<Document> accept_local() {
+    try {
+      return accept(local_path_);
+    } catch (const Error& error) {
+      log_warning("Local vocabulary %s failed validation; re-downloading: %s", file_path_, error.text());
+      return std::nullopt;
+    }
+  }
+
+  /// Throws what the download throws, and what makes the bytes unacceptable; these are gone then.
+  [[nodiscard]] Document fetch() {
+    Document file_info = manifest_.entry(file_path_);
+    if (manifest_.base_url().truthy()) file_info = file_info.with("_manifest_base_url", manifest_.base_url());
+    SyncManager::DownloadOptions options;
+    options.target_data_dir = data_dir_;
+    options.retry_partial_transfer = false;
+    options.retry_checksum_mismatch = false;
+    try {
+      SyncResult uncounted;
+      manager_._download_file(neighbours_, file_path_, file_info, uncounted, options);
+    } catch (const Error& error) {
+      if (!error.is(error_class::IntegrityError) || !path_exists(local_path_ + ".tmp")) throw;
+      accept_staged(error.text());
+    }
+    if (!is_here()) throw SyncError("Failed to download vocabulary: " + file_path_ + " was not written");
+    try {
+      return accept(local_path_);
+    } catch (const Error&) {
+      discard(files(), local_path_);
+      throw;
+    }
+  }
+
+ private:
+  /// The file at `path` as a vocabulary of this manifest, whose entry it may bring into line.
+  Document accept(const std::string& path, const std::optional<std::string>& reason = std::nullopt) {
+    const std::string bytes = read_file(path);
+    Document vocabulary = _validate_vocabulary_bytes(neighbours_, bytes, manifest_integer(manifest_.era_number(), "era_number"), universe_);
+    manager_._repair_vocabulary_manifest_entry(manifest_, file_path_, bytes, reason);
+    return vocabulary;
+  }
+
+  /// The bytes may be good although they are not the ones that the manifest states.
+  void accept_staged(const std::string& failure) {
+    const std::string staged = local_path_ + ".tmp";
+    try {
+      (void)accept(staged, failure);
+      files().rename(staged, local_path_);
+    } catch (const Error&) {
+      discard(files(), staged);
+      throw;
+    }
+  }
+
+  [[nodiscard]] Files& files() const { return *manager_.seams().files; }
+
+  SyncManager& manager_;
+  NeighbourSet& neighbours_;
+  Manifest& manifest_;
+  const std::string& data_dir_;
+  const std::string& file_path_;
+  const std::string universe_;
+  const std::string local_path_;
+};
+
+}  // namespace
+
+bool SyncManager::_download_vocabulary(NeighbourSet& neighbours, Manifest& server_manifest,
+                                       const std::optional<std::string>& target_data_dir) {
+  const std::string data_dir = directory_or_live(target_data_dir);
+  const std::vector<std::string> paths = _vocabulary_manifest_paths(neighbours, server_manifest);
+  if (paths.empty()) throw SyncError("manifest is missing per-universe vocabulary.json entries");
+  std::vector<Member> vocabularies;
+  bool fetched = false;
+  for (const std::string& file_path : paths) {
+    VocabularyDownload download(*this, neighbours, server_manifest, data_dir, file_path);
+    std::optional<Document> vocabulary = download.is_here() ? download.accept_local() : std::nullopt;
+    if (!vocabulary) {
+      vocabulary = download.fetch();
+      fetched = true;
+    }
+    vocabularies.push_back({download.universe(), *std::move(vocabulary)});
+  }
+  if (!target_data_dir) _vocabulary.set(std::make_shared<const Document>(std::move(vocabularies)));
+  return fetched;
+}
+
+bool SyncManager::_download_validated_vocabulary_repair(NeighbourSet& neighbours, const std::string& file_path, const Document& file_info,
+                                                        SyncResult& result) {
+  const std::optional<std::string> universe = _vocabulary_named_universe_from_path(neighbours, file_path);
+  if (!universe) return false;
+  const std::shared_ptr<Manifest> manifest = _manifest.get();
+  if (!manifest) throw AttributeError("no manifest is committed: 'NoneType' object has no attribute 'era_number'");
+  const Value base_url = first_base_url(file_info, manifest->base_url());
+  const HttpResult response =
+      _http_get(neighbours, _manifest_file_url(neighbours.transport_security(), _server_url.get(), file_path, base_url));
+  if (response.status != 200) _raise_download_http_status(neighbours.auth(), file_path, response.status);
+
+  const Document vocabulary =
+      _validate_vocabulary_bytes(neighbours, response.body, manifest_integer(manifest->era_number(), "era_number"), *universe);
+  const std::string actual_sha = _sha256(response.body);
+  if (const Value& expected_sha = file_info.get("sha256"); expected_sha.truthy() && expected_sha != actual_sha) {
+    throw IntegrityError("Checksum failure for " + file_path + ": expected " + to_text(expected_sha) + ", got " + actual_sha);
+  }
+  const Value actual_size = response.body.size();
+  if (const Value& stated = file_info.get("size_bytes"); !stated.is_null()) {
+    const Value expected_size = manifest_integer(stated, "size_bytes of " + file_path);
+    if (expected_size != actual_size) {
+      throw IntegrityError("Size failure for " + file_path + ": expected " + to_text(expected_size) + ", got " + to_text(actual_size));
+    }
+  }
+
+  const std::string local_path = _manifest_local_path(_data_dir.get(), file_path);
+  _atomic_write(*seams_.files, *seams_.clock, local_path, response.body);
+  _hash_cache._remember_local_sha(file_path, local_path, actual_sha);
+  const std::shared_ptr<const Document> present = _vocabulary.get();
+  _vocabulary.set(std::make_shared<const Document>((present ? *present : Document()).with(*universe, vocabulary)));
+  result.bytes_downloaded += static_cast<std::int64_t>(response.body.size());
+  result.vocabulary_downloaded = true;
+  return true;
+}
+
+}  // namespace brackenfen::sync
