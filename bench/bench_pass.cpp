@@ -18,7 +18,7 @@ constexpr int FILES = 100000;
 /// Answers from memory: the network is no part of what is measured here.
 class MemoryResponse : public HttpResponse {
  public:
-  explicit MemoryResponse(std::string_view body) : body_(body) {}
+  explicit MemoryResponse(std::string_view body, Headers headers = {}) : body_(body), headers_(std::move(headers)) {}
   int status() const override { return 200; }
   const Headers& headers() const override { return headers_; }
   void read_body(BodySink& sink, std::optional<double>, std::uint64_t limit) override { sink.accept(body_.substr(0, limit)); }
@@ -35,11 +35,13 @@ class MemoryServer : public HttpClient {
     version_ = R"({"version": )" + std::to_string(version) + R"(, "era_number": 12})";
   }
   std::unique_ptr<HttpResponse> open(const HttpRequest& request, double, const TransportSecurity&) override {
+    if (request.url.ends_with("/data/shuffle")) return std::make_unique<MemoryResponse>(seed_, Headers{{"X-Era-Id", "12"}});
     return std::make_unique<MemoryResponse>(request.url.ends_with("/version") ? version_ : manifest_);
   }
 
  private:
   std::string manifest_, version_;
+  const std::string seed_ = std::string(60, 's');
 };
 
 /// Collects how long each step of the pass took.

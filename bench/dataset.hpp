@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdio>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "sync/base/descriptor.hpp"
@@ -44,6 +45,19 @@ inline std::string feature_path(int index) {
   return path;
 }
 
+struct EraDocument {
+  std::string path;
+  const char* kind;
+  std::string content;
+};
+
+/// What an era has besides its features. The seed is not in the manifest.
+inline std::vector<EraDocument> era_documents() {
+  return {{"named_universes/universe_000/vocabulary.json", "vocabulary",
+           R"({"era_number": 12, "named_universe": "universe_000", "features": {}, "metadata": {"named_universe": "universe_000"}})"},
+          {"functions.json", "functions", R"({"era_number": 12, "functions": [{"name": "fn_delay"}]})"}};
+}
+
 /// A manifest of `count` features, each of whose files holds its own path.
 inline Document make_manifest(int count, int version) {
   std::vector<Member> files;
@@ -53,11 +67,26 @@ inline Document make_manifest(int count, int version) {
     files.push_back(
         {path, Value(Document{{"kind", "feature"}, {"size_bytes", path.size()}, {"sha256", _sha256(path)}, {"mandatory", false}})});
   }
-  return Document{{"era_number", 12}, {"version", version}, {"files", Value(Document(std::move(files)))}};
+  for (const EraDocument& document : era_documents()) {
+    files.push_back(
+        {document.path,
+         Document{{"kind", document.kind}, {"size_bytes", document.content.size()}, {"sha256", _sha256(document.content)}}});
+  }
+  return Document{
+      {"era_number", 12}, {"version", version}, {"functions", "functions.json"}, {"files", Value(Document(std::move(files)))}};
 }
 
-/// Lays the files down in `directory`, unless an earlier run did.
+inline void make_file(const std::string& directory, const std::string& path, std::string_view content) {
+  const std::string local = join_path(directory, path);
+  make_directories(directory_of(local));
+  write_all(open_file(local, O_WRONLY | O_CREAT | O_TRUNC), content, local);
+}
+
+/// Lays the files down in `directory`; the features only where no earlier run did.
 inline void make_files(const std::string& directory, int count) {
+  for (const EraDocument& document : era_documents()) make_file(directory, document.path, document.content);
+  make_file(directory, "shuffle_seed.enc", std::string(60, 's'));
+  make_file(directory, "shuffle_seed.enc.meta.json", R"({"era_number": 12})");
   const std::string marker = join_path(directory, ".complete-" + std::to_string(count));
   if (path_exists(marker)) return;
   for (int index = 0; index < count; ++index) {

@@ -23,10 +23,11 @@ TOLERATED_START_SECONDS = 10
 
 
 def make_tree(root: Path, work: Path) -> Path:
-    """A distribution of 120 files of 1 to 16 MiB, 1 GB together. Kept from run to run."""
+    """A distribution of 120 files of 1 to 16 MiB, 1 GB together, and the documents of an era. Kept from run to run."""
     tree = work / "tree"
-    if (tree / "data" / "manifest-version.json").exists():
+    if (tree / "data" / "files" / "functions.json").exists():
         return tree
+    shutil.rmtree(tree, ignore_errors=True)
     source = work / "source"
     draw = random.Random(12)
     sizes = [draw.randint(1 << 20, 16 << 20) for _ in range(FILES)]
@@ -35,6 +36,11 @@ def make_tree(root: Path, work: Path) -> Path:
         path = source / "features" / "universe" / "signal_is" / f"a__b__{number:03d}__v1.arrow"
         path.parent.mkdir(parents=True, exist_ok=True)
         path.write_bytes(draw.randbytes(min(max(int(size * scale), 1 << 20), 16 << 20)))
+    vocabulary = source / "named_universes" / "universe" / "vocabulary.json"
+    vocabulary.parent.mkdir(parents=True)
+    metadata = {"named_universe": "universe"}
+    vocabulary.write_text(json.dumps({"era_number": 12, "named_universe": "universe", "features": {}, "metadata": metadata}))
+    (source / "functions.json").write_text(json.dumps({"era_number": 12}))
     tool = root / "build" / "release" / "bin" / "brackenfen-distribution"
     subprocess.run([tool, "publish", source, tree, "--era", "12", "--version", "1"], check=True, stdout=subprocess.DEVNULL)
     shutil.rmtree(source)
@@ -79,6 +85,11 @@ def nginx(root: Path, tree: Path) -> Iterator[str]:
 
 @contextmanager
 def embedded(root: Path, tree: Path) -> Iterator[str]:
+    vocabulary = source / "named_universes" / "universe" / "vocabulary.json"
+    vocabulary.parent.mkdir(parents=True)
+    metadata = {"named_universe": "universe"}
+    vocabulary.write_text(json.dumps({"era_number": 12, "named_universe": "universe", "features": {}, "metadata": metadata}))
+    (source / "functions.json").write_text(json.dumps({"era_number": 12}))
     tool = root / "build" / "release" / "bin" / "brackenfen-distribution"
     process = subprocess.Popen([tool, "serve", tree], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
     try:

@@ -156,23 +156,33 @@ class Events(logging.Handler):
         return ", ".join(dict.fromkeys([*seen, *filter(None, [event["last_server_error_code"], event.get("reason")])]))
 
 
-def print_summary(directory: Path, result: sync.SyncResult, seconds: float) -> None:
-    manifest = json.loads((directory / "manifest.json").read_bytes())
+def print_contents(directory: Path, manifest: sync.Manifest) -> None:
+    """What a search would work with: the universes and their instruments, and what earlier searches found."""
+    universes = []
+    for path, entry in manifest.files.items():
+        if entry["kind"] == "vocabulary":
+            metadata = json.loads((directory / path).read_bytes())["metadata"]
+            universes.append(f"{metadata['named_universe']} with {metadata['n_instruments']:,} instruments")
+    print(f"  universes: {', '.join(universes)}")
+    print(
+        f"  found: {len(manifest.found_signals)} signals, {len(manifest.found_strategies)} strategies; "
+        f"useful: {len(manifest.useful_signals)} signals"
+    )
+
+
+def print_summary(directory: Path, manifest: sync.Manifest, result: sync.SyncResult, seconds: float) -> None:
     files: Counter[str] = Counter()
     sizes: Counter[str] = Counter()
-    absent = 0
-    for path, entry in manifest["files"].items():
+    for path, entry in manifest.files.items():
         if not (directory / path).exists():
-            absent += 1
-            continue
+            continue  # of another platform
         folder = path.split("/")[0] + "/" if "/" in path else path
         files[folder] += 1
         sizes[folder] += entry["size_bytes"]
-    print(f"era {result.era_number}, version {manifest['version']}, in {directory}:")
+    print(f"era {result.era_number}, version {manifest.version}, in {directory}:")
+    print_contents(directory, manifest)
     for folder in sorted(files):
         print(f"  {folder:<24} {files[folder]:>5} files  {megabytes(sizes[folder]):>12}")
-    if absent:
-        print(f"  {absent} listed documents are not fetched yet by this version (vocabularies, signals index)")
     if result.bytes_downloaded:
         rate = megabytes(result.bytes_downloaded / seconds)
         print(f"{megabytes(result.bytes_downloaded)} landed in {seconds:.1f} s ({rate}/s), each file checked against its SHA-256 as it landed.")
@@ -209,7 +219,10 @@ def main() -> int:
     except Exception as error:  # whatever it is, a person reads it here; a larger host would tell classes apart
         print(f"{type(error).__name__}: {error}", file=sys.stderr)
         return 1
-    print_summary(options.directory, result, time.monotonic() - began)
+    seconds = time.monotonic() - began
+    manifest = manager.get_manifest()
+    assert manifest is not None  # there is one after every pass
+    print_summary(options.directory, manifest, result, seconds)
     return 0
 
 

@@ -172,29 +172,25 @@ std::shared_ptr<Manifest> manifest_argument(nb::handle object) {
   });
 }
 
-ManifestInOut::ManifestInOut(nb::handle object)
-    : object_(object), record_(manifest_argument(object)), files_before_(record_->files()), sections_before_(record_->sections()) {}
+ManifestInOut::ManifestInOut(nb::handle object) : object_(object), record_(manifest_argument(object)), files_before_(record_->files()) {}
 
-void ManifestInOut::give_back() const {
+void ManifestInOut::give_back_sections() const {
   if (nb::isinstance<ManifestObject>(object_)) return;
   const Manifest::Sections sections = record_->sections();
-  const auto assign = [&](const char* name, Document Manifest::Sections::*section) {
-    if (!(sections.*section).same_as(sections_before_.*section)) nb::setattr(object_, name, to_python(sections.*section));
-  };
-  assign("found_signals", &Manifest::Sections::found_signals);
-  assign("found_strategies", &Manifest::Sections::found_strategies);
-  assign("useful_signals", &Manifest::Sections::useful_signals);
+  nb::setattr(object_, "found_signals", to_python(sections.found_signals));
+  nb::setattr(object_, "found_strategies", to_python(sections.found_strategies));
+  nb::setattr(object_, "useful_signals", to_python(sections.useful_signals));
+}
 
+void ManifestInOut::give_back_entries() const {
   const Value files = record_->files();
-  if (files.same_as(files_before_)) return;
+  if (nb::isinstance<ManifestObject>(object_) || files.same_as(files_before_)) return;
+  const auto set_entry = [](nb::object mapping, const Member& member) { mapping[to_python(member.key)] = to_python(member.value); };
   for (const Member& member : *files.if_document()) {
     if (files_before_.is_document() && member.value.same_as(files_before_.if_document()->get(member.key))) continue;
-    const nb::object entry = to_python(member.value);
-    object_.attr("files")[to_python(member.key)] = entry;
+    set_entry(object_.attr("files"), member);
     const nb::object data = nb::getattr(object_, "_data", nb::none());
-    if (data.is_none()) continue;
-    nb::object listed = data.attr("setdefault")("files", nb::dict());
-    listed[to_python(member.key)] = entry;
+    if (!data.is_none()) set_entry(data.attr("setdefault")("files", nb::dict()), member);
   }
 }
 

@@ -64,14 +64,17 @@ void update_sync_result(nb::handle object, const SyncResult& result);
 /// The record of a bound `Manifest`, or one built from the attributes of any other object, its membership
 /// sections included; what it lacks counts as absent. Attached threads only.
 [[nodiscard]] std::shared_ptr<Manifest> manifest_argument(nb::handle object);
-/// A manifest that an operation of the core may change. The record of a bound `Manifest` is changed itself; of
-/// any other object the changed sections are assigned and the changed entries set, in its `files` and in those
-/// of its `_data`, once the operation has succeeded.
+/// A manifest that an operation of the core may change. The record of a bound `Manifest` is changed itself; any
+/// other object gets its sections assigned, and changed entries set in its `files` and in those of its `_data`,
+/// once the operation has succeeded.
 class ManifestInOut {
  public:
   explicit ManifestInOut(nb::handle object);
   [[nodiscard]] Manifest& record() const noexcept { return *record_; }
-  void give_back() const;
+  void give_back() const {
+    give_back_sections();
+    give_back_entries();
+  }
   /// Runs `work` on the record without the interpreter lock.
   template <typename Work>
   auto run(Work&& work) const {
@@ -86,10 +89,12 @@ class ManifestInOut {
   }
 
  private:
+  void give_back_sections() const;
+  void give_back_entries() const;
+
   nb::handle object_;
   std::shared_ptr<Manifest> record_;
   Value files_before_;
-  Manifest::Sections sections_before_;
 };
 /// The same Python object for the same live record; None for nullptr.
 [[nodiscard]] nb::object manifest_to_python(const std::shared_ptr<Manifest>& record);

@@ -183,7 +183,7 @@ class Program:
     def __init__(self, source: str, *arguments: str) -> None:
         self.process = subprocess.Popen(
             [sys.executable, "-c", source, *arguments],
-            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
         )  # fmt: skip
 
     def wait_for(self, line: str) -> None:

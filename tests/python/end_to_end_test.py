@@ -23,8 +23,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 TOKEN = "canary-77c0b1"
 CHUNK_BYTES = 65536
 DRIP = "/data/files/*:drip=150000"  # bytes per second and connection: slow enough to be caught in the middle of files
-# Listed like artifacts, but fetched and validated by stages of their own.
-DOCUMENT_KINDS = {"vocabulary", "signals_index"}
+VOCABULARIES = "named_universes/"
 
 
 @dataclasses.dataclass
@@ -32,12 +31,18 @@ class DataSet:
     tree: pathlib.Path
     entries: dict[str, dict[str, Any]]
 
+    @property
+    def counted_bytes(self) -> int:
+        """What a pass reports: everything but the vocabularies."""
+        return sum(entry["size_bytes"] for path, entry in self.entries.items() if not path.startswith(VOCABULARIES))
+
     def landed(self, directory: pathlib.Path) -> set[str]:
         return {path for path in self.entries if (directory / path).exists()}
 
     def staged(self, directory: pathlib.Path) -> dict[str, int]:
-        """Bytes of the staging files that hold any."""
-        sizes = {path: (directory / f"{path}.tmp").stat().st_size for path in self.entries if (directory / f"{path}.tmp").exists()}
+        """Bytes of the staging files that hold any; vocabularies are too small to be resumed."""
+        resumable = [path for path in self.entries if not path.startswith(VOCABULARIES)]
+        sizes = {path: (directory / f"{path}.tmp").stat().st_size for path in resumable if (directory / f"{path}.tmp").exists()}
         return {path: size for path, size in sizes.items() if size > 0}
 
     def assert_complete(self, directory: pathlib.Path) -> None:
@@ -46,6 +51,7 @@ class DataSet:
         left = {path.name for path in directory.rglob("*") if path.suffix == ".tmp"} | {"sync-progress.json", ".sync_flock"} & set(os.listdir(directory))
         assert not left
         assert json.loads((directory / "manifest.json").read_bytes()) == json.loads((self.tree / "data/manifest.json").read_bytes())
+        assert (directory / "shuffle_seed.enc").read_bytes() == (self.tree / "data/shuffle").read_bytes()
 
     def assert_went_on(self, directory_before: tuple[set[str], dict[str, int]], log: pathlib.Path) -> None:
         """The log of a new server shows no request for what had landed, and a Range for what had been begun."""
@@ -67,8 +73,7 @@ def requests(log: pathlib.Path) -> list[tuple[str, str]]:
 def data_set(tool: Callable[..., str], tmp_path_factory: pytest.TempPathFactory) -> DataSet:
     tree = tmp_path_factory.mktemp("end_to_end") / "tree"
     tool("sample", tree, "--files", 64, "--bytes", "6MB", "--era", 5)
-    files = json.loads((tree / "data/manifest.json").read_bytes())["files"]
-    entries = {path: entry for path, entry in files.items() if entry["kind"] not in DOCUMENT_KINDS}
+    entries = json.loads((tree / "data/manifest.json").read_bytes())["files"]
     assert len(entries) >= 60 and sum(entry["size_bytes"] > CHUNK_BYTES for entry in entries.values()) >= 15
     return DataSet(tree, entries)
 
@@ -105,13 +110,37 @@ def test_nginx_serves_a_pass_and_the_next_asks_for_the_version_alone(
 
     manager = open_manager(directory, serve_with_nginx(data_set.tree).url)
     result = manager.sync()
-    assert result.bytes_downloaded == sum(entry["size_bytes"] for entry in data_set.entries.values())
+    assert result.bytes_downloaded == data_set.counted_bytes
     data_set.assert_complete(directory)
-    chunks = sum(-(-entry["size_bytes"] // CHUNK_BYTES) for entry in data_set.entries.values())
-    wait_until(lambda: len(logged()) == 2 + chunks)  # each answer is logged when nginx has done with it
+    asked = 3 + sum(-(-entry["size_bytes"] // CHUNK_BYTES) for entry in data_set.entries.values())  # version, manifest and seed
+    wait_until(lambda: len(logged()) == asked)  # each answer is logged when nginx has done with it
     assert manager.sync().bytes_downloaded == 0
-    wait_until(lambda: len(logged()) > 2 + chunks)
-    assert logged()[2 + chunks :] == ["/data/manifest/version"]
+    wait_until(lambda: len(logged()) > asked)
+    assert logged()[asked:] == ["/data/manifest/version"]
+
+
+def test_an_artifact_that_the_server_has_lost_is_left_out_for_good(
+    serve: Any, tool: Callable[..., str], directory: pathlib.Path, tmp_path: pathlib.Path
+) -> None:
+    tree, log = tmp_path / "tree", tmp_path / "log"
+    tool("sample", tree, "--files", 40, "--bytes", "400kB", "--era", 5)
+    published = json.loads((tree / "data/manifest.json").read_bytes())["files"]
+    lost = {next(path for path in published if path.startswith(f"{section}/")) for section in ("found_signals", "found_strategies", "useful_signals")}
+    for path in lost:
+        (tree / "data/files" / path).unlink()
+    peer = serve(tree, "--token", TOKEN, "--log", log)
+    manager = open_manager(directory, peer.url)
+    manager.sync()
+
+    manifest, index = (json.loads((directory / name).read_bytes()) for name in ("manifest.json", "signals_index.json"))
+    assert manifest["files"].keys() == published.keys() - lost
+    for path, entry in manifest["files"].items():
+        assert hashlib.sha256((directory / path).read_bytes()).hexdigest() == entry["sha256"], path
+    named = {path for section in ("found_signals", "found_strategies", "useful_signals") for e in index[section].values() for path in e["files"]}
+    assert named == {path for path in manifest["files"] if path.endswith("/pnl.arrow")}
+    before = len(requests(log))
+    manager.sync()
+    assert [path for path, _ in requests(log)[before:]] == ["/data/manifest/version"]
 
 
 def test_a_client_killed_again_and_again_goes_on_where_it_was(

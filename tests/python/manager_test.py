@@ -70,11 +70,15 @@ def test_what_a_pass_hands_to_python(manager: sync.SyncManager, server: Any) -> 
     landed: list[dict[str, Any]] = []
     manager.runtime_freshness_guard = types.SimpleNamespace(record_sync_update=lambda **record: landed.append(record))
     result = manager.sync()
-    present = tuple(list(server.files)[:3])
-    assert (result.features_downloaded, result.bytes_downloaded, result.era_number, result.n_features) == (1, 5007, 7, 1)
+    present = (*list(server.files)[:3], *server.documents)
+    catalogue_bytes = len(server.documents["functions.json"])
+    assert (result.features_downloaded, result.bytes_downloaded, result.era_number, result.n_features) == (1, 5007 + catalogue_bytes, 7, 1)
+    assert (result.t_signal_is, result.t_strategy_is, result.n_instruments) == (5, 6, 7)
+    assert result.vocabulary_downloaded and result.shuffle_seed_downloaded
     assert result.found_pnl_paths_downloaded == (manager._data_dir + "/found_signals/p/e/signal_is/pnl.arrow",)
     assert result.active_relative_paths == present and isinstance(result, sync.SyncResult)
-    assert {(record["relative_path"], record["sha256"]) for record in landed} == {(path, server.entries[path]["sha256"]) for path in present}
+    entries = server.manifest()["files"]
+    assert {(record["relative_path"], record["sha256"]) for record in landed} == {(path, entries[path]["sha256"]) for path in present}
     assert manager._manifest.to_dict() == server.manifest()
 
 
@@ -139,7 +143,7 @@ def test_local_integrity(manager: sync.SyncManager, server: Any) -> None:
     assert manager._cached_local_sha("features/u/signal_is/a.arrow", path, entry["sha256"]) == entry["sha256"]
     assert manager._local_file_matches_manifest("features/u/signal_is/a.arrow", path, entry, cache_allowed=False)
     state = types.SimpleNamespace(active_relative_paths=["features/u/signal_is/a.arrow"])
-    record = types.SimpleNamespace(files=server.entries, era_number=7)
+    record = types.SimpleNamespace(files=server.manifest()["files"], era_number=7, functions="functions.json")
     assert manager._local_manifest_files_complete(manager._manifest, active_rotation_state=state)
     assert manager._local_manifest_files_complete(record)
     path.write_bytes(b"alphb" * 1000)

@@ -2,6 +2,7 @@
 
 import ast
 import inspect
+import json
 import pathlib
 import subprocess
 import sys
@@ -16,6 +17,7 @@ KINDS = {
          "_SYNC_EVENT_COALESCE_LIMIT",
     float: "_SYNC_HTTP_TIMEOUT_SECONDS _SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS _SYNC_PARALLEL_TIMEOUT_SECONDS _SYNC_MANIFEST_POLL_INTERVAL_SECONDS",
     str: "__version__ _SYNC_USER_AGENT _SYNC_HASH_CACHE_FILENAME _SYNC_PROGRESS_FILENAME _SIGNALS_INDEX_RELATIVE_PATH CURRENT_PLATFORM",
+    frozenset: "_REQUIRED_VOCABULARY_KEYS _RETIRED_UNSUPPORTED_RUNTIME_MODULE_NAMES",
     tuple: "_TRANSIENT_HTTP_STATUSES _SIGNALS_INDEX_SECTIONS _RUNTIME_MODULE_EXTENSION_SUFFIXES",
 }  # fmt: skip
 
@@ -24,6 +26,8 @@ KINDS = {
 def test_constants(kind: type, names: str) -> None:
     assert {type(getattr(sync, name)) for name in names.split()} == {kind}
 
+
+VOCABULARY: dict[str, Any] = {"era_number": 7, "named_universe": "u", "features": [], "metadata": {"named_universe": "u"}}
 
 # Each call gives every argument by name; a name that is wrong is a TypeError.
 CALLS: list[tuple[str, dict[str, Any], Any]] = [
@@ -45,6 +49,18 @@ CALLS: list[tuple[str, dict[str, Any], Any]] = [
     ("_found_pnl_section_for_path", {"file_path": "useful_signals/x/signal_os/pnl.arrow"}, "useful_signals"),
     ("_is_manifest_found_pnl_file", {"file_path": "found_signals/x/signal_is/pnl.arrow", "file_info": {"kind": "found_signal_is_pnl"}}, True),
     ("_drop_found_pnl_paths_from_membership", {"section_data": {"e": {"files": ["a"]}}, "missing_paths": {"a"}}, {}),
+    ("_manifest_data_signals_index_path", {"manifest_data": {"signals_index": "./signals_index.json"}}, "signals_index.json"),
+    ("_membership_referenced_files", {"membership": {"e": {"files": ["a", 1]}}}, {"a"}),
+    ("_retired_function_names_in_vocabulary", {"vocabulary": {"functions": {"f": 1}}}, []),
+    ("_is_retired_function_token_name", {"name": "f"}, False),
+    ("_validate_no_retired_function_tokens", {"vocabulary": {"functions": {"f": 1}}}, None),
+    ("_validate_vocabulary_data", {"vocabulary": VOCABULARY, "expected_era_number": 7, "named_universe": "u"}, VOCABULARY),
+    ("_validate_vocabulary_bytes", {"data": json.dumps(VOCABULARY).encode(), "expected_era_number": 7, "named_universe": None}, VOCABULARY),
+    ("_first_vocabulary_metadata", {"vocabularies": {"u": VOCABULARY}}, VOCABULARY["metadata"]),
+    ("_shuffle_seed_meta_path", {"path": "/d/shuffle_seed.enc"}, "/d/shuffle_seed.enc.meta.json"),
+    ("_header_value", {"headers": {1: 2, "x-ERA-id": "7"}, "name": "X-Era-Id"}, "7"),
+    ("_validate_response_era_header", {"headers": {"X-Era-Id": 7}, "expected_era_id": 7, "artifact": "a"}, None),
+    ("_validate_shuffle_seed_bytes", {"data": bytes(60)}, None),
     ("_sync_parallel_timeout_seconds", {"file_count": 3, "max_workers": 2}, None),
     ("_sync_parallel_timeout_description", {"timeout_seconds": 300}, "300.0s"),
     ("_sync_parallel_timeout_description", {"timeout_seconds": None}, "unbounded"),

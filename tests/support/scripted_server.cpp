@@ -164,6 +164,7 @@ std::string ScriptedServer::url(std::string_view path) const {
 void ScriptedServer::script(const std::string& path, std::vector<Reply> replies) {
   const std::lock_guard lock(mutex_);
   scripts_[path] = {replies.begin(), replies.end()};
+  files_.erase(path);
 }
 
 void ScriptedServer::serve_file(const std::string& path, std::string content) {

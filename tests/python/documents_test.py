@@ -1,0 +1,124 @@
+"""The documents of an era, called by name on records, on a manager, and with the host's own rules for tokens."""
+
+import hashlib
+import json
+import pathlib
+import types
+from collections.abc import Callable
+from typing import Any
+
+import brackenfen.sync as sync
+import pytest
+
+Install = Callable[..., types.ModuleType]
+INDEX, VOCABULARY, FUNCTIONS = "signals_index.json", "named_universes/us/vocabulary.json", "functions.json"
+INDEX_BODY = b'{"era_number": 7, "found_signals": {"e": {"files": ["found_signals/p/e/signal_is/pnl.arrow"]}}}'
+
+
+def digest(body: bytes) -> str:
+    return hashlib.sha256(body).hexdigest()
+
+
+class Record:
+    """A host's own manifest record."""
+
+    def __init__(self, **fields: Any) -> None:
+        self.era_number, self.files, self.signals_index, self.functions = 7, {INDEX: {"kind": "signals_index"}}, None, None
+        self._data = {"files": dict(self.files)}
+        self.__dict__.update(fields)
+
+
+@pytest.mark.parametrize("make", [Record, lambda: sync.Manifest({"era_number": 7, "files": {INDEX: {"kind": "signals_index"}}})], ids=["host", "own"])
+def test_an_index_on_any_record(make: Callable[[], Any], manager: sync.SyncManager, server: Any, tmp_path: pathlib.Path) -> None:
+    record = make()
+    assert sync._manifest_signals_index_path(manifest=record) == INDEX
+    sync._validate_signals_index_bytes(body=INDEX_BODY, manifest=record)
+    assert record.found_signals == json.loads(INDEX_BODY)["found_signals"] and record.useful_signals == {}
+    with pytest.raises(sync.ManifestError, match="^membership-referenced found PnL file 'found_signals/p/e/signal_is/pnl.arrow' in found_signals has "):
+        sync._validate_membership_referenced_found_pnl_kinds(manifest=record)
+    sync._apply_manifest_signals_index(manifest=record, index_data={"useful_signals": {"u": 1}})
+    assert (record.found_signals, record.useful_signals) == ({}, {"u": 1})
+    with pytest.raises(sync.ManifestError, match="^signals_index.json must contain a JSON object$"):
+        sync._apply_manifest_signals_index(record, object())
+    (tmp_path / INDEX).write_bytes(INDEX_BODY)
+    assert sync._load_manifest_signals_index(tmp_path / "none", record, fallback_data_dir=tmp_path)
+    assert "e" in record.found_signals
+
+    server.files[INDEX] = INDEX_BODY
+    result = sync.SyncResult()
+    assert manager._download_signals_index(server_manifest=record, target_data_dir=tmp_path / "staged", result=result)
+    entry = {"kind": "signals_index", "relative_path": INDEX, "sha256": digest(INDEX_BODY), "size_bytes": len(INDEX_BODY)}
+    assert record.files[INDEX] == record._data["files"][INDEX] == entry and result.bytes_downloaded == len(INDEX_BODY)
+    manager._repair_signals_index_manifest_entry(server_manifest=record, file_path=INDEX, body=b"x", reason=None)
+    assert record.files[INDEX]["size_bytes"] == 1
+    with pytest.raises(sync.IntegrityError, match="^Refusing to repair vocabulary manifest hash for signals_index.json: expected "):
+        manager._repair_vocabulary_manifest_entry(record, INDEX, b"yy", sync.IntegrityError("why"))
+    manager._repair_vocabulary_manifest_entry(record, INDEX, b"yy", reason="why", allow_sha_mismatch=True)
+    assert record._data["files"][INDEX]["sha256"] == digest(b"yy")
+
+
+def test_a_scrub_hands_back_the_same_document_or_a_new_one(tmp_path: pathlib.Path) -> None:
+    data = {"files": {INDEX: {"kind": "signals_index"}, "a": {"kind": "data"}}, "version": 2}
+    scrub = sync._scrub_missing_found_pnl_paths_from_signals_index
+    assert scrub(tmp_path, data, []) == (data, None) and scrub(tmp_path, data, [])[0] is data
+    (tmp_path / INDEX).write_bytes(INDEX_BODY)
+    kept, update = scrub(data_dir=tmp_path, manifest_data=data, missing_paths=["found_signals/p/e/signal_is/pnl.arrow"])
+    written = (tmp_path / INDEX).read_bytes()
+    assert json.loads(written)["found_signals"] == {} and kept["files"]["a"] is data["files"]["a"]
+    assert update == {"relative_path": INDEX, "local_path": str(tmp_path / INDEX), "kind": "signals_index", "sha256": digest(written)}
+
+
+def test_names_of_tokens_come_one_by_one() -> None:
+    names = sync._iter_vocabulary_entry_names(value={"name": "first", "list": ["no name", {"name": "second"}]})
+    assert iter(names) is names and next(names) == "first"
+    assert list(names) == ["second", "name", "name", "list"]
+
+
+@pytest.mark.parametrize(("count", "shown"), [(0, None), (1, "t0"), (5, "t0, t1, t2, t3, t4"), (6, r"t0, t1, t2, t3, t4 \(\+1 more\)")])
+def test_retired_tokens_of_the_host(neighbour: Install, manager: sync.SyncManager, server: Any, count: int, shown: str | None) -> None:
+    neighbour("_function_token_safety", is_retired_public_function_token_name=lambda name: name.startswith("t"))
+    tokens = {f"t{number}": {"name": "x"} for number in range(count)}
+    body = json.dumps(json.loads(server.documents[FUNCTIONS]) | {"reductions": [[tokens]], "more": {"name": "t9"}, "rotations": ["t8"]}).encode()
+    server.add(FUNCTIONS, body, "functions")
+    if shown is None:
+        assert manager.sync().n_instruments == 7
+    else:
+        text = f"^vocabulary.json contains retired function token ids {shown}; regenerate the era distribution with DB-token vocabulary$"
+        with pytest.raises(sync.SyncError, match=text):
+            manager.sync()
+
+
+def test_vocabularies_as_the_host_merges_them(neighbour: Install, manager: sync.SyncManager, server: Any) -> None:
+    vocabulary, functions = (json.loads(server.documents[path]) for path in (VOCABULARY, FUNCTIONS))
+    manager.sync()
+    assert manager._vocabulary == {"us": vocabulary | {"rotations": ["weekly"]}}
+
+    calls: list[dict[str, Any]] = []
+    neighbour("_functions_vocabulary", merge_functions_vocabulary=lambda **given: calls.append(given) or {"metadata": {"n_instruments": 99}})
+    assert manager.sync().n_instruments == 99 and manager._vocabulary == {"us": {"metadata": {"n_instruments": 99}}}
+    assert calls == [{"functions": functions, "vocabulary": vocabulary, "named_universe": "us", "expected_era_number": 7}]
+    failure = ValueError("not mine")
+    neighbour("_functions_vocabulary", merge_functions_vocabulary=lambda **_: (_ for _ in ()).throw(failure))
+    with pytest.raises(ValueError) as caught:
+        manager.sync()
+    assert caught.value is failure
+
+
+def test_what_a_directory_holds(manager: sync.SyncManager, server: Any, tmp_path: pathlib.Path) -> None:
+    manager.sync()
+    directory, manifest = manager._data_dir, types.SimpleNamespace(**server.manifest())
+    seed = pathlib.Path(directory, "shuffle_seed.enc")
+    assert sync._vocabulary_manifest_paths(manifest=manifest) == [VOCABULARY]
+    assert sync._validate_functions_file(data_dir=directory, manifest=manifest) == json.loads(server.documents[FUNCTIONS])
+    assert sync._validate_manifest_vocabulary_files(data_dir=directory, manifest=manifest) == manager._vocabulary
+    assert sync._validate_vocabulary_file(path=pathlib.Path(directory, VOCABULARY), expected_era_number=7, named_universe="us")["features"] == {}
+    assert sync._validate_shuffle_seed_file(path=seed, expected_era_id=7) is None
+    sync._write_shuffle_seed_metadata(path=str(seed), era_number="8")
+    with pytest.raises(sync.EraError, match="^shuffle_seed.enc era_number=8 does not match manifest era_number=7$"):
+        sync._validate_shuffle_seed_file(seed, 7)
+    assert manager._download_shuffle_seed(server_manifest=manifest, target_data_dir=None) is True
+    assert manager._download_shuffle_seed(manifest) is False
+    assert manager._download_vocabulary(server_manifest=manifest, target_data_dir=tmp_path / "staged") is True
+    result = sync.SyncResult()
+    assert manager._download_validated_vocabulary_repair(file_path=VOCABULARY, file_info=manifest.files[VOCABULARY], result=result)
+    assert result == sync.SyncResult(bytes_downloaded=len(server.documents[VOCABULARY]), vocabulary_downloaded=True)
