@@ -85,11 +85,6 @@ def nginx(root: Path, tree: Path) -> Iterator[str]:
 
 @contextmanager
 def embedded(root: Path, tree: Path) -> Iterator[str]:
-    vocabulary = source / "named_universes" / "universe" / "vocabulary.json"
-    vocabulary.parent.mkdir(parents=True)
-    metadata = {"named_universe": "universe"}
-    vocabulary.write_text(json.dumps({"era_number": 12, "named_universe": "universe", "features": {}, "metadata": metadata}))
-    (source / "functions.json").write_text(json.dumps({"era_number": 12}))
     tool = root / "build" / "release" / "bin" / "brackenfen-distribution"
     process = subprocess.Popen([tool, "serve", tree], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
     try:

@@ -20,7 +20,6 @@ using testing::StartsWith;
 constexpr const char* INDEX = "signals_index.json";
 const PublishedFile KEPT_PNL{"found_signals/pool/kept/signal_is/pnl.arrow", "kept", "found_signal_is_pnl"};
 const PublishedFile LOST_PNL{"found_signals/pool/lost/signal_is/pnl.arrow", "lost", "found_signal_is_pnl"};
-const std::string BYTE_ORDER_MARK = "\xef\xbb\xbf";
 
 std::string data_path(std::string_view path) { return "/data/files/" + std::string(path); }
 std::string json(const Document& document) { return write_json(document, JsonForm::InsertionOrder); }
@@ -106,9 +105,6 @@ TEST_F(EraDocumentsTest, aBadIndexNeverReplacesAGoodOne) {
   const std::pair<std::string, std::string> rows[] = {
       {index_of({}, ERA + 1).content, "EraError: signals_index.json era_number=8 does not match manifest era_number=7"},
       {R"({"era_number": 7, "found_)", "ManifestError: Invalid signals_index.json JSON: "},
-      {BYTE_ORDER_MARK + "{}", "ManifestError: Invalid signals_index.json JSON: Unexpected UTF-8 BOM"},
-      {"\xff", "ManifestError: Invalid signals_index.json UTF-8: "},
-      {"[]", "ManifestError: signals_index.json must contain a JSON object"},
       {R"({"useful_signals": 7})", "ManifestError: signals_index.json useful_signals must be a JSON object"},
   };
   const PublishedFile good = index_of({});
@@ -199,18 +195,10 @@ TEST_F(EraDocumentsTest, whatTheManifestStatesOfAVocabularyMayBeBroughtIntoLine)
 }
 
 TEST_F(EraDocumentsTest, aBadVocabularyIsNotLeftBehind) {
-  const Document metadata{{"named_universe", "eu"}};
   const std::pair<std::string, std::string> rows[] = {
       {vocabulary_with("era_number", ERA + 1), "EraError: vocabulary.json era_number=8 does not match manifest era_number=7"},
-      {vocabulary_with("era_number", "7"), "EraError: vocabulary.json era_number=7 does not match manifest era_number=7"},
       {documents()[0].content.substr(0, 40), "SyncError: vocabulary.json is not valid JSON: "},
-      {BYTE_ORDER_MARK + documents()[0].content, "SyncError: vocabulary.json is not valid JSON: Unexpected UTF-8 BOM"},
-      {"\xff", "SyncError: vocabulary.json is not valid JSON: 'utf-8' codec can't decode byte 0xff"},
-      {"[]", "SyncError: vocabulary.json must contain a JSON object"},
-      {"{}", "SyncError: vocabulary.json missing required keys: ['era_number', 'features', 'metadata', 'named_universe']"},
-      {vocabulary_with("metadata", 7), "SyncError: vocabulary.json metadata must be an object"},
       {vocabulary_with("named_universe", "eu"), "SyncError: vocabulary.json named_universe does not match manifest path 'us'"},
-      {vocabulary_with("metadata", metadata), "SyncError: vocabulary.json metadata.named_universe does not match manifest path 'us'"},
   };
   const auto manager = synced({});
   const std::string committed = directory.read("manifest.json");
