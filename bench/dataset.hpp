@@ -69,11 +69,9 @@ inline Document make_manifest(int count, int version) {
   }
   for (const EraDocument& document : era_documents()) {
     files.push_back(
-        {document.path,
-         Document{{"kind", document.kind}, {"size_bytes", document.content.size()}, {"sha256", _sha256(document.content)}}});
+        {document.path, Document{{"kind", document.kind}, {"size_bytes", document.content.size()}, {"sha256", _sha256(document.content)}}});
   }
-  return Document{
-      {"era_number", 12}, {"version", version}, {"functions", "functions.json"}, {"files", Value(Document(std::move(files)))}};
+  return Document{{"era_number", 12}, {"version", version}, {"functions", "functions.json"}, {"files", Value(Document(std::move(files)))}};
 }
 
 inline void make_file(const std::string& directory, const std::string& path, std::string_view content) {
