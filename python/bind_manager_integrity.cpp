@@ -24,6 +24,45 @@ bool files_complete(const ManagerObject& self, nb::handle manifest, nb::handle a
   return self.run([&](SyncManager& core) { return core._local_manifest_files_complete(*host_neighbours().bind(), *record, state.get()); });
 }
 
+void bind_verify_and_repair(nb::class_<ManagerObject>& bound) {
+  bound
+      .def(
+          "verify",
+          [](const ManagerObject& self) { return verify_result_to_python(self.run([](SyncManager& core) { return core.verify(); })); },
+          nb::sig("def verify(self) -> VerifyResult"),
+          "Read every active local file and compare size and SHA-256 with the manifest.\n\n"
+          "Always reads: the hash cache is not asked. Valid where there is no manifest yet. Makes no request and takes no\n"
+          "lock. Raises OSError for a file that cannot be read, ManifestError for a path that the manifest must not hold.")
+      .def(
+          "repair",
+          [](const ManagerObject& self, nb::handle corrupted_files) {
+            const std::vector<std::string> paths = texts_argument(corrupted_files, "corrupted_files");
+            return sync_result_to_python(self.run([&](SyncManager& core) { return core.repair(paths); }));
+          },
+          any("corrupted_files"), nb::sig("def repair(self, corrupted_files: collections.abc.Iterable[str]) -> SyncResult"),
+          "Fetch the named files anew, by relative path; names that the manifest does not hold are ignored.\n\n"
+          "Runs a full sync instead where the server has moved on meanwhile. Waits while another unit of work runs on the\n"
+          "directory. Raises what sync() raises.")
+      .def(
+          "ensure_manifest_file_available",
+          [](const ManagerObject& self, nb::handle file_path, nb::handle file_info) {
+            const std::string path = text_argument(file_path, "file_path");
+            const Document info = document_argument(file_info, "file_info");
+            return sync_result_to_python(self.run([&](SyncManager& core) { return core.ensure_manifest_file_available(path, info); }));
+          },
+          any("file_path"), any("file_info"),
+          nb::sig("def ensure_manifest_file_available(self, file_path: str, file_info: collections.abc.Mapping[str, typing.Any]) -> "
+                  "SyncResult"),
+          "Fetch one file into its place by its manifest entry, unless it is not for this platform.\n\n"
+          "Takes no lock: do not run it beside another operation on the same directory. Raises what sync() raises for a file.")
+      .def(
+          "needs_sync", [](const ManagerObject& self) { return self.run([](SyncManager& core) { return core.needs_sync(); }); },
+          nb::sig("def needs_sync(self) -> bool"),
+          "Whether a pass would find something to do: one request, and a look at each local file.\n\n"
+          "True where that cannot be told. Raises SyncUnavailableError where the server does not answer, and\n"
+          "json.JSONDecodeError, UnicodeDecodeError or AttributeError where its answer is no JSON object.");
+}
+
 }  // namespace
 
 void bind_manager_integrity(nb::class_<ManagerObject>& bound) {
@@ -56,6 +95,7 @@ void bind_manager_integrity(nb::class_<ManagerObject>& bound) {
       .def("_local_file_matches_manifest", file_matches, any("file_path"), any("local_path"), any("file_info"),
            nb::arg("cache_allowed").none() = true)
       .def("_local_manifest_files_complete", files_complete, any("manifest"), nb::arg("active_rotation_state") = nb::none());
+  bind_verify_and_repair(bound);
 }
 
 }  // namespace brackenfen::sync::python

@@ -5,7 +5,8 @@
 namespace brackenfen::sync::python {
 namespace {
 
-PyObject* sync_result_class = nullptr;  // owned for ever
+PyObject* sync_result_class = nullptr;  // owned for ever, as is the next
+PyObject* verify_result_class = nullptr;
 
 void assign(std::int64_t& field, nb::handle value, const char* name) { field = integer_argument(value, name); }
 void assign(bool& field, nb::handle value, const char*) { field = truth(value); }
@@ -92,6 +93,10 @@ void update_sync_result(nb::handle object, const SyncResult& result) {
   for (const Field& field : FIELDS) object.attr(field.name) = field.get(result);
 }
 
+nb::object verify_result_to_python(const VerifyResult& result) {
+  return nb::handle(verify_result_class)(result.valid, list_of_texts(result.corrupted_files), list_of_texts(result.missing_files));
+}
+
 void bind_results(nb::module_& module) {
   nb::list fields;
   const SyncResult empty{};
@@ -112,7 +117,8 @@ void bind_results(nb::module_& module) {
   verify_fields.append(nb::make_tuple("valid", "bool", true));
   verify_fields.append(nb::make_tuple("corrupted_files", "list[str]", fresh_list()));
   verify_fields.append(nb::make_tuple("missing_files", "list[str]", fresh_list()));
-  static_cast<void>(make_dataclass(module, "VerifyResult", verify_fields, "What an audit of the local files found, by relative path."));
+  verify_result_class =
+      make_dataclass(module, "VerifyResult", verify_fields, "What an audit of the local files found, by relative path.").release().ptr();
 }
 
 }  // namespace brackenfen::sync::python

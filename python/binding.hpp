@@ -58,6 +58,7 @@ nb::object filtered(nb::handle object, const char* name, Filter&& filter) {
 /// A copy of what a Python SyncResult holds now; the core never writes into the object itself.
 [[nodiscard]] SyncResult sync_result_argument(nb::handle object);
 void update_sync_result(nb::handle object, const SyncResult& result);
+[[nodiscard]] nb::object verify_result_to_python(const VerifyResult& result);
 
 // ---- manifests -------------------------------------------------------------------------------------------
 

@@ -5,7 +5,7 @@ underscore exist at run time and are not listed here.
 """
 
 import os
-from collections.abc import Callable, Mapping
+from collections.abc import Callable, Iterable, Mapping
 from contextlib import AbstractContextManager
 from dataclasses import dataclass, field
 from typing import Any, Protocol, final, type_check_only
@@ -241,6 +241,33 @@ class SyncManager:
         context end the wait, the latter with SyncBackoffCancelled. Raises SyncUnavailableError where the server itself
         says that retrying cannot help, AuthError, SyncError and its other subclasses, OSError of the local files,
         and whatever the token source or the guard raises.
+        """
+
+    def verify(self) -> VerifyResult:
+        """Read every active local file and compare size and SHA-256 with the manifest.
+
+        Always reads: the hash cache is not asked. Valid where there is no manifest yet. Makes no request and takes no
+        lock. Raises OSError for a file that cannot be read, ManifestError for a path that the manifest must not hold.
+        """
+
+    def repair(self, corrupted_files: Iterable[str]) -> SyncResult:
+        """Fetch the named files anew, by relative path; names that the manifest does not hold are ignored.
+
+        Runs a full sync instead where the server has moved on meanwhile. Waits while another unit of work runs on the
+        directory. Raises what sync() raises.
+        """
+
+    def ensure_manifest_file_available(self, file_path: str, file_info: Mapping[str, Any]) -> SyncResult:
+        """Fetch one file into its place by its manifest entry, unless it is not for this platform.
+
+        Takes no lock: do not run it beside another operation on the same directory. Raises what sync() raises for a file.
+        """
+
+    def needs_sync(self) -> bool:
+        """Whether a pass would find something to do: one request, and a look at each local file.
+
+        True where that cannot be told. Raises SyncUnavailableError where the server does not answer, and
+        json.JSONDecodeError, UnicodeDecodeError or AttributeError where its answer is no JSON object.
         """
 
     def get_manifest(self) -> Manifest | None:

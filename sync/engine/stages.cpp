@@ -6,6 +6,8 @@ namespace brackenfen::sync {
 
 bool SyncManager::_feature_rotation_should_rotate(NeighbourSet&, Manifest&) { return false; }
 
+bool SyncManager::_feature_rotation_needs_sync_for_manifest(NeighbourSet&, Manifest&) { return false; }
+
 SyncManager::PlannedRotation SyncManager::_plan_feature_rotation_for_manifest(NeighbourSet& neighbours, Manifest& manifest, std::int64_t,
                                                                               bool) {
   return {plan_all_files(neighbours, manifest), false};

@@ -173,6 +173,21 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
                                                     const RotationState* active_rotation_state = nullptr);
   [[nodiscard]] HashCache& hash_cache() noexcept { return _hash_cache; }
 
+  // ---- verify and repair: verify.cpp, repair.cpp, needs_sync.cpp --------------------------------------
+
+  /// Reads every active file and compares size and digest with the manifest; without a manifest all is valid. Takes no
+  /// lock. Throws os_error for a file that cannot be read, ManifestError for a refused path.
+  [[nodiscard]] VerifyResult verify();
+  /// Fetches the named files anew, whatever lies there; paths that the manifest lacks are ignored. Where the manifest
+  /// turns out to be superseded, a full sync runs instead. Takes the directory lock; the caller does not hold _sync_lock.
+  /// Throws what _download_file and the sync throw, ManifestSupersededError of the latter included.
+  [[nodiscard]] SyncResult repair(const std::vector<std::string>& corrupted_files);
+  /// _download_file into a record of its own, unless the file is excluded here. Takes no lock: callers serialise.
+  [[nodiscard]] SyncResult ensure_manifest_file_available(const std::string& file_path, const Document& file_info);
+  /// Whether a pass would find something to do; true where that cannot be told. Throws SyncUnavailableError, and
+  /// JSONDecodeError, UnicodeDecodeError or AttributeError for an answer that is no JSON object.
+  [[nodiscard]] bool needs_sync();
+
   // ---- between processes: lifecycle/directory_lock.cpp -----------------------------------------------
 
   void _acquire_flock() { _directory_lock._acquire_flock(); }
@@ -182,6 +197,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   // No rotation is planned or promoted: each stage has its place in the pass and says "nothing done".
 
   [[nodiscard]] bool _feature_rotation_should_rotate(NeighbourSet& neighbours, Manifest& manifest);
+  /// Whether the rotation alone calls for a pass.
+  [[nodiscard]] bool _feature_rotation_needs_sync_for_manifest(NeighbourSet& neighbours, Manifest& manifest);
   struct PlannedRotation {
     RotationPlan plan;
     bool explicit_rotation_budget = false;
@@ -230,6 +247,9 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   [[nodiscard]] std::string fetch_shuffle_seed(NeighbourSet& neighbours, const Value& expected_era_id);
   /// Throws StateError in a child process that inherited this object by fork().
   void require_own_process() const;
+
+  /// repair() once the directory lock is held.
+  [[nodiscard]] SyncResult repair_files(const std::vector<std::string>& corrupted_files);
 
   /// A fresh token. Throws TypeError where there is no source, and what the source throws.
   [[nodiscard]] std::string bearer_token() const;

@@ -1,0 +1,54 @@
+// Fetching named files again, and one file through the same gate.
+#include "sync/base/error.hpp"
+#include "sync/base/log.hpp"
+#include "sync/documents/manifest_filters.hpp"
+#include "sync/engine/sync_manager.hpp"
+
+namespace brackenfen::sync {
+
+SyncResult SyncManager::repair(const std::vector<std::string>& corrupted_files) {
+  require_own_process();
+  DirectoryLock::Hold unit_of_work(_directory_lock);
+  SyncResult result;
+  try {
+    result = repair_files(corrupted_files);
+  } catch (const Error& error) {
+    if (!error.is(error_class::ManifestSupersededError)) throw;
+    log_warning("Manifest changed during repair; refreshing manifest and running full sync: %s", error.text());
+    result = _sync_with_manifest_refresh();
+  }
+  unit_of_work.release();
+  return result;
+}
+
+SyncResult SyncManager::repair_files(const std::vector<std::string>& corrupted_files) {
+  SyncResult result;
+  const std::shared_ptr<Manifest> manifest = _manifest.get();
+  if (!manifest) return result;
+  const std::shared_ptr<NeighbourSet> neighbours = seams_.neighbours->bind();
+  result.era_number = manifest_integer(manifest->era_number(), "era_number");
+  for (const std::string& file_path : corrupted_files) {
+    const Value files = manifest->files();  // anew each time: a vocabulary's repair may change an entry
+    const Document* entries = files.if_document();
+    const Value* entry = entries ? entries->find(file_path) : nullptr;
+    if (!entry || _manifest_file_is_sync_excluded(*neighbours, *entry)) continue;
+    const Document* stated = entry->if_document();
+    if (!stated) throw TypeError("the manifest's entry of " + file_path + " is not a JSON object");
+    const Document file_info = stated->with("_manifest_version", manifest_integer(manifest->version(), "version"))
+                                   .with("_manifest_era_id", manifest_integer(manifest->era_number(), "era_number"));
+    if (!_download_validated_vocabulary_repair(*neighbours, file_path, file_info, result))
+      _download_file(*neighbours, file_path, file_info, result);
+  }
+  _hash_cache._persist_hash_cache();
+  return result;
+}
+
+SyncResult SyncManager::ensure_manifest_file_available(const std::string& file_path, const Document& file_info) {
+  require_own_process();
+  const std::shared_ptr<NeighbourSet> neighbours = seams_.neighbours->bind();
+  SyncResult result;
+  if (!_manifest_file_is_sync_excluded(*neighbours, Value(file_info))) _download_file(*neighbours, file_path, file_info, result);
+  return result;
+}
+
+}  // namespace brackenfen::sync
