@@ -3,9 +3,9 @@
 #include <sys/stat.h>
 
 #include <map>
-#include <mutex>
 
 #include "bench/dataset.hpp"
+#include "bench/memory_server.hpp"
 #include "sync/base/log.hpp"
 #include "sync/engine/sync_manager.hpp"
 
@@ -14,35 +14,6 @@ using namespace brackenfen::sync;
 namespace {
 
 constexpr int FILES = 100000;
-
-/// Answers from memory: the network is no part of what is measured here.
-class MemoryResponse : public HttpResponse {
- public:
-  explicit MemoryResponse(std::string_view body, Headers headers = {}) : body_(body), headers_(std::move(headers)) {}
-  int status() const override { return 200; }
-  const Headers& headers() const override { return headers_; }
-  void read_body(BodySink& sink, std::optional<double>, std::uint64_t limit) override { sink.accept(body_.substr(0, limit)); }
-
- private:
-  std::string_view body_;
-  Headers headers_;
-};
-
-class MemoryServer : public HttpClient {
- public:
-  void publish(int version) {
-    manifest_ = write_json(Value(bench::make_manifest(FILES, version)), JsonForm::InsertionOrder);
-    version_ = R"({"version": )" + std::to_string(version) + R"(, "era_number": 12})";
-  }
-  std::unique_ptr<HttpResponse> open(const HttpRequest& request, double, const TransportSecurity&) override {
-    if (request.url.ends_with("/data/shuffle")) return std::make_unique<MemoryResponse>(seed_, Headers{{"X-Era-Id", "12"}});
-    return std::make_unique<MemoryResponse>(request.url.ends_with("/version") ? version_ : manifest_);
-  }
-
- private:
-  std::string manifest_, version_;
-  const std::string seed_ = std::string(60, 's');
-};
 
 /// Collects how long each step of the pass took.
 class StageTimes : public LogSink {
@@ -67,7 +38,7 @@ int main(int argc, char** argv) {
   make_directories(directory);
   bench::make_files(directory, FILES);
 
-  MemoryServer server;
+  bench::MemoryServer server;
   Seams seams = Seams::real();
   seams.http = &server;
   const auto manager = std::make_shared<SyncManager>(SyncManager::Options{.data_dir = directory,
@@ -77,7 +48,7 @@ int main(int argc, char** argv) {
                                                                           .seams = seams});
   int version = 1;
   const auto run = [&] {
-    server.publish(++version);
+    server.publish(bench::make_manifest(FILES, ++version));
     const auto began = std::chrono::steady_clock::now();
     if (manager->sync().bytes_downloaded != 0) std::fprintf(stderr, "the pass downloaded something\n");
     return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - began).count();

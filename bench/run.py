@@ -2,7 +2,7 @@
 
     ./dev bench [NAME ...] [--rounds N]
 
-Names: pass, manifest, hash, download, serve. Data and servers live in build/bench; nothing leaves this machine.
+Names: pass, checks, manifest, hash, download, serve. Data and servers live in build/bench; nothing leaves this machine.
 """
 
 from __future__ import annotations
@@ -50,6 +50,25 @@ def bench_pass() -> bool:
         seen["pass_ratio"] <= 6,
     )
     print("    by stage: " + ", ".join(f"{stage} {ms:.0f} ms" for stage, ms in seen["stages_ms"].items()))
+    return met
+
+
+def bench_checks() -> bool:
+    seen = run_binary("bench_checks", str(WORK))
+    met = report(
+        "needs_sync, 100,000 files",
+        f"{seen['needs_sync_ms']:.0f} ms = {seen['needs_sync_ratio']:.2f} x statx loop ({seen['bare_statx_ms']:.0f} ms)",
+        "2.50 x the loop",
+        seen["needs_sync_ratio"] <= 2.5,
+    )
+    met &= report(
+        "verify, 120 files of 8 MiB",
+        f"{seen['verify_mib_per_s']} MiB/s = {seen['verify_ratio']:.3f} x bare loop ({seen['bare_mib_per_s']} MiB/s)",
+        "0.900 x the loop",
+        seen["verify_ratio"] >= 0.9,
+    )
+    small = f"{seen['verify_small_ms']} ms = {seen['verify_small_ratio']:.3f} x bare loop ({seen['bare_small_ms']} ms)"
+    print(f"    100,000 files of 64 bytes, where the system's calls are all the work: verify {small}")
     return met
 
 
@@ -118,6 +137,7 @@ def main() -> int:
     options = parser.parse_args()
     benches: dict[str, Callable[[], bool]] = {
         "pass": bench_pass,
+        "checks": bench_checks,
         "manifest": bench_manifest,
         "hash": bench_hash,
         "download": lambda: bench_download(options.rounds),

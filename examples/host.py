@@ -1,8 +1,9 @@
 """A small host of brackenfen-sync: brings one directory up to date and shows what is happening.
 
-    host.py DIRECTORY SERVER_URL
+    host.py [--verify] DIRECTORY SERVER_URL
 
-The bearer token is read from BRACKENFEN_TOKEN. Ctrl-C stops cleanly; the next run goes on where this one stopped.
+With --verify it reads every local file instead, and fetches anew what is damaged. The bearer token is read from
+BRACKENFEN_TOKEN. Ctrl-C stops cleanly; the next run goes on where this one stopped.
 """
 
 from __future__ import annotations
@@ -190,10 +191,23 @@ def print_summary(directory: Path, manifest: sync.Manifest, result: sync.SyncRes
         print(f"Already up to date; checked in {seconds * 1e3:.0f} ms.")
 
 
+def verify_and_repair(manager: sync.SyncManager) -> None:
+    began = time.monotonic()
+    found = manager.verify()
+    damaged = found.corrupted_files + found.missing_files
+    print(f"Every file read and checked in {time.monotonic() - began:.1f} s: {len(damaged) or 'none'} damaged.")
+    if damaged:
+        for path in damaged:
+            print(f"  {path}")
+        result = manager.repair(damaged)
+        print(f"{megabytes(result.bytes_downloaded)} fetched anew; now {'all is well' if manager.verify().valid else 'something is still wrong'}.")
+
+
 def main() -> int:
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("directory", type=Path)
     parser.add_argument("server_url")
+    parser.add_argument("--verify", action="store_true", help="read every file and mend what is damaged, in place of a pass")
     options = parser.parse_args()
 
     progress = Progress(options.directory)
@@ -206,6 +220,9 @@ def main() -> int:
     try:
         options.directory.mkdir(parents=True, exist_ok=True)
         manager = sync.SyncManager.get_or_create(str(options.directory), options.server_url, lambda: token)
+        if options.verify:
+            verify_and_repair(manager)
+            return 0
         progress.start()
         began = time.monotonic()
         try:

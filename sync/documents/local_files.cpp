@@ -26,6 +26,18 @@ std::optional<FileStat> LocalFiles::stat(std::string_view file_path) {
   return file_stat(status);
 }
 
+std::optional<LocalFiles::Opened> LocalFiles::open(std::string_view file_path) {
+  const bool is_plain = is_plain_relative_path(file_path);
+  const int folder = !root_ ? -1 : open_parent(is_plain ? file_path : std::string_view(_safe_manifest_relative_path(file_path)));
+  if (folder < 0) return std::nullopt;
+  // Not blocking, since a pipe would wait here for its other end.
+  Opened opened{Descriptor(::openat(folder, name_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)), {}};
+  struct stat status {};
+  if (!opened.file || ::fstat(opened.file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+  opened.stat = file_stat(status);
+  return opened;
+}
+
 std::string LocalFiles::local_path(std::string_view file_path) {
   FileStat found;
   const std::string relative_path = _safe_manifest_relative_path(file_path);
@@ -35,17 +47,20 @@ std::string LocalFiles::local_path(std::string_view file_path) {
 
 LocalFiles::Look LocalFiles::look(std::string_view relative_path, FileStat& found) {
   if (!root_) return Look::NotDecided;
-  const std::size_t slash = relative_path.rfind('/');
-  const bool in_folder = slash != std::string_view::npos;
-  const int folder = in_folder ? open_folder(relative_path.substr(0, slash)) : root_.get();
+  const int folder = open_parent(relative_path);
   if (folder < 0) return errno == ENOENT ? Look::Missing : Look::NotDecided;
-
-  name_.assign(in_folder ? relative_path.substr(slash + 1) : relative_path);
   struct stat status {};
   if (::fstatat(folder, name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT ? Look::Missing : Look::NotDecided;
   if (S_ISLNK(status.st_mode)) return Look::NotDecided;
   found = file_stat(status);
   return Look::Found;
+}
+
+int LocalFiles::open_parent(std::string_view relative_path) {
+  const std::size_t slash = relative_path.rfind('/');
+  const bool in_folder = slash != std::string_view::npos;
+  name_.assign(in_folder ? relative_path.substr(slash + 1) : relative_path);
+  return in_folder ? open_folder(relative_path.substr(0, slash)) : root_.get();
 }
 
 int LocalFiles::open_folder(std::string_view folder_path) {

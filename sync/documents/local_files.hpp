@@ -26,6 +26,13 @@ class LocalFiles {
   /// The file's stat, links followed; absent where it does not exist or cannot be looked at. Throws
   /// ManifestError for a path that is refused or leads out of the directory.
   [[nodiscard]] std::optional<FileStat> stat(std::string_view file_path);
+  /// The file open for reading, where it is a regular one and no link is on the way; else none, and nothing is decided.
+  /// Throws ManifestError as above.
+  struct Opened {
+    Descriptor file;
+    FileStat stat;
+  };
+  [[nodiscard]] std::optional<Opened> open(std::string_view file_path);
   /// _manifest_local_path of it.
   [[nodiscard]] std::string local_path(std::string_view file_path);
 
@@ -45,6 +52,8 @@ class LocalFiles {
   };
 
   Look look(std::string_view relative_path, FileStat& found);
+  /// The descriptor of the folder that holds the file, whose name is then in `name_`; -1 with errno set.
+  int open_parent(std::string_view relative_path);
   /// The descriptor of the folder, or -1 with errno set.
   int open_folder(std::string_view folder_path);
 

@@ -1,12 +1,17 @@
 // Does a local file match its manifest entry, and is the whole directory complete?
+#include <algorithm>
+#include <exception>
+
 #include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
+#include "sync/base/parallel.hpp"
 #include "sync/base/paths.hpp"
 #include "sync/documents/local_files.hpp"
 #include "sync/documents/manifest_filters.hpp"
 #include "sync/documents/shuffle_seed.hpp"
 #include "sync/documents/signals_index.hpp"
 #include "sync/documents/vocabulary.hpp"
+#include "sync/engine/expected_files.hpp"
 #include "sync/engine/sync_manager.hpp"
 
 namespace brackenfen::sync {
@@ -18,6 +23,17 @@ bool size_fits(const Document& file_info, std::int64_t size_bytes) {
   if (stated.is_null()) return true;
   const Value expected = to_integer_or_absent(stated).value_or(Value(-1));
   return compare_integers(expected, 0) < 0 || expected == Value(size_bytes);
+}
+
+template <typename Check>
+bool fails_with_sync_error(Check&& check) {
+  try {
+    check();
+    return false;
+  } catch (const Error& error) {
+    if (!error.is(error_class::SyncError)) throw;
+    return true;
+  }
 }
 
 }  // namespace
@@ -49,50 +65,60 @@ bool SyncManager::file_matches(std::string_view file_path, const FileStat& stat,
   return actual_sha == *expected_sha;
 }
 
+bool SyncManager::files_match(const std::string& data_dir, const std::function<bool(ExpectedFiles&)>& collect) {
+  ExpectedFiles files;
+  bool all_listed = false;
+  std::exception_ptr failure;
+  try {
+    all_listed = collect(files);
+  } catch (const Error&) {
+    failure = std::current_exception();  // a file collected before it decides first
+  }
+  const std::size_t end = for_each_index(files.size(), [&]() -> IndexWork {
+    return [&, local_files = std::make_shared<LocalFiles>(data_dir)](std::size_t index) {
+      const ExpectedFile& file = files[index];
+      const std::optional<FileStat> stat = local_files->stat(file.file_path);
+      const bool cache_allowed = !(file.file_info->get("kind").if_text() == "vault_module");
+      const auto local_path = [&] { return local_files->local_path(file.file_path); };
+      return stat && file_matches(file.file_path, *stat, local_path, *file.file_info, cache_allowed);
+    };
+  });
+  if (end < files.size()) return false;
+  if (failure) std::rethrow_exception(failure);
+  return all_listed;
+}
+
 bool SyncManager::_local_manifest_files_complete(NeighbourSet& neighbours, Manifest& manifest, const RotationState* active_rotation_state) {
   const Value files = manifest.files();
   const Document* entries = files.if_document();
   const std::string data_dir = _data_dir.get();
-  LocalFiles local_files(data_dir);
-  const auto passes = [&](const std::string& file_path, const Document& file_info) {
-    const std::optional<FileStat> stat = local_files.stat(file_path);
-    const bool cache_allowed = !(file_info.get("kind").if_text() == "vault_module");
-    return stat && file_matches(
-                       file_path, *stat, [&] { return local_files.local_path(file_path); }, file_info, cache_allowed);
-  };
-
   if (active_rotation_state) {
-    for (const std::string& file_path : active_rotation_state->active_relative_paths()) {
-      const Value* entry = entries ? entries->find(file_path) : nullptr;
-      const Document* file_info = entry ? entry->if_document() : nullptr;
-      if (!file_info) return false;
-      if (!_manifest_file_is_sync_excluded(neighbours, *entry) && !passes(file_path, *file_info)) return false;
-    }
-    return true;
+    const std::vector<std::string> active_paths = active_rotation_state->active_relative_paths();
+    return files_match(data_dir, [&](ExpectedFiles& expected) {
+      return std::ranges::all_of(active_paths, [&](const std::string& file_path) {
+        const Value* entry = entries ? entries->find(file_path) : nullptr;
+        const Document* file_info = entry ? entry->if_document() : nullptr;
+        if (file_info && !_manifest_file_is_sync_excluded(neighbours, *entry)) expected.add(file_path, file_info);
+        return file_info != nullptr;
+      });
+    });
   }
 
-  try {
-    _validate_shuffle_seed_file(join_path(data_dir, SHUFFLE_SEED_FILENAME), manifest_integer(manifest.era_number(), "era_number"));
-    (void)_validate_manifest_vocabulary_files(neighbours, data_dir, manifest);
-  } catch (const Error& error) {
-    if (!error.is(error_class::SyncError)) throw;
+  if (fails_with_sync_error([&] {
+        _validate_shuffle_seed_file(join_path(data_dir, SHUFFLE_SEED_FILENAME), manifest_integer(manifest.era_number(), "era_number"));
+        (void)_validate_manifest_vocabulary_files(neighbours, data_dir, manifest);
+      }))
     return false;
-  }
-  if (entries) {
-    for (const Member& member : *entries) {
-      const Document* file_info = member.value.if_document();
+  const bool all_match = !entries || files_match(data_dir, [&](ExpectedFiles& expected) {
+    return std::ranges::all_of(*entries, [&](const Member& member) {
       if (_vocabulary_named_universe_from_path(neighbours, Value(member.key)) || _manifest_file_is_sync_excluded(neighbours, member.value))
-        continue;
-      if (!file_info || !passes(member.key.str(), *file_info)) return false;
-    }
-  }
-  try {
-    _load_manifest_signals_index(data_dir, manifest);
-  } catch (const Error& error) {
-    if (!error.is(error_class::SyncError)) throw;
-    return false;
-  }
-  return true;
+        return true;
+      const Document* file_info = member.value.if_document();
+      if (file_info) expected.add(member.key, file_info);
+      return file_info != nullptr;
+    });
+  });
+  return all_match && !fails_with_sync_error([&] { _load_manifest_signals_index(data_dir, manifest); });
 }
 
 }  // namespace brackenfen::sync

@@ -11,12 +11,10 @@
 #include <string>
 
 #include "sync/documents/local_files.hpp"
+#include "sync/engine/expected_files.hpp"
 #include "sync/engine/sync_manager.hpp"
 
 namespace brackenfen::sync {
-
-/// The host is asked for an interrupt once per so many files of a walk.
-inline constexpr std::size_t FILES_PER_INTERRUPT_CHECK = 1024;
 
 /// Runs once, on one thread, which owns the pass.
 class SyncManager::Pass {

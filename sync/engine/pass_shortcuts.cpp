@@ -1,7 +1,6 @@
 // The two ways in which a pass ends early, because the directory already holds what the server publishes.
 #include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/interrupt.hpp"
 #include "sync/base/log.hpp"
 #include "sync/base/member_cursor.hpp"
 #include "sync/documents/manifest_file.hpp"
@@ -56,21 +55,16 @@ Document SyncManager::Pass::check_local_directory(const RotationSelection& selec
 
 void SyncManager::Pass::require_active_files(const RotationSelection& selection, const Value& files) {
   MemberCursor entries(files.if_document());
-  LocalFiles local_files(data_dir_);
-  std::size_t seen = 0;
-  for (const Text& file_path : selection.active_relative_paths) {
-    if (++seen % FILES_PER_INTERRUPT_CHECK == 0) check_interrupt();
-    const Value* entry = entries.find(file_path);
-    const Document* file_info = entry ? entry->if_document() : nullptr;
-    if (!file_info) throw SyncError("Active rotation path is missing from manifest: " + file_path.str());
-    if (is_checked_elsewhere(file_path, *entry)) continue;
-    const std::optional<FileStat> stat = local_files.stat(file_path);
-    const bool cache_allowed = !(file_info->get("kind").if_text() == "vault_module");
-    const auto local_path = [&] { return local_files.local_path(file_path); };
-    if (!stat || !manager_.file_matches(file_path, *stat, local_path, *file_info, cache_allowed)) {
-      throw SyncError("Manifest version matched but local data files need repair");
+  const bool all_match = manager_.files_match(data_dir_, [&](ExpectedFiles& expected) {
+    for (const Text& file_path : selection.active_relative_paths) {
+      const Value* entry = entries.find(file_path);
+      const Document* file_info = entry ? entry->if_document() : nullptr;
+      if (!file_info) throw SyncError("Active rotation path is missing from manifest: " + file_path.str());
+      if (!is_checked_elsewhere(file_path, *entry)) expected.add(file_path, file_info);
     }
-  }
+    return true;
+  });
+  if (!all_match) throw SyncError("Manifest version matched but local data files need repair");
 }
 
 std::optional<SyncResult> SyncManager::Pass::end_on_same_version() {

@@ -41,6 +41,8 @@
 
 namespace brackenfen::sync {
 
+class ExpectedFiles;
+
 inline constexpr double SYNC_MANIFEST_POLL_INTERVAL_SECONDS = 5.0;
 inline constexpr int SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT = 3;
 
@@ -254,9 +256,13 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   /// A fresh token. Throws TypeError where there is no source, and what the source throws.
   [[nodiscard]] std::string bearer_token() const;
 
-  /// The same for a caller with the stat in hand; `local_path` is asked for only where the file must be read.
+  /// _local_file_matches_manifest for a caller with the stat in hand; `local_path` is asked for only where the file must
+  /// be read.
   [[nodiscard]] bool file_matches(std::string_view file_path, const FileStat& stat, const std::function<std::string()>& local_path,
                                   const Document& file_info, bool cache_allowed);
+  /// Whether `collect` answers true and every file that it added is here and matches. Files are looked at on all cores;
+  /// answer and error are those of a loop that looks at each file where `collect` adds it.
+  [[nodiscard]] bool files_match(const std::string& data_dir, const std::function<bool(ExpectedFiles&)>& collect);
 
   const Seams seams_;
   const std::uint64_t fork_generation_;

@@ -10,8 +10,8 @@
 #include <cerrno>
 #include <limits>
 #include <memory>
+#include <utility>
 
-#include "sync/base/descriptor.hpp"
 #include "sync/base/error.hpp"
 #include "sync/base/interrupt.hpp"
 #include "sync/base/paths.hpp"
@@ -106,12 +106,17 @@ void _atomic_write(Files& files, Clock& clock, const std::string& filepath, std:
 }
 
 std::string _sha256_file(const std::string& filepath, std::int64_t chunk_bytes) {
+  return sha256_of_open_file(open_file(filepath, O_RDONLY), filepath, chunk_bytes);
+}
+
+std::string sha256_of_open_file(const Descriptor& file, const std::string& filepath, std::int64_t chunk_bytes) {
   const std::size_t block_bytes = chunk_bytes > 0 ? std::min(HASH_BLOCK_BYTES, static_cast<std::size_t>(chunk_bytes)) : HASH_BLOCK_BYTES;
-  const Descriptor file = open_file(filepath, O_RDONLY);
-  ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
   HashWorkspace& workspace = hash_workspace();
   workspace.digest.reset();
+  bool advised = false;
   while (const std::size_t count = read_some(file, workspace.block.get(), block_bytes, filepath)) {
+    // A file that one block holds needs no reading ahead.
+    if (count == block_bytes && !std::exchange(advised, true)) ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
     workspace.digest.update(workspace.block.get(), count);
     check_interrupt();
   }

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "sync/base/clock.hpp"
+#include "sync/base/descriptor.hpp"
 
 namespace brackenfen::sync {
 
@@ -51,5 +52,8 @@ void _atomic_write(Files& files, Clock& clock, const std::string& filepath, std:
 /// Lower-case hexadecimal SHA-256 of a file, read in blocks: memory stays bounded by the smaller of
 /// `chunk_bytes` and the block size that hashes fastest. Throws os_error; Interrupted between two blocks.
 [[nodiscard]] std::string _sha256_file(const std::string& filepath, std::int64_t chunk_bytes = SYNC_HASH_FILE_CHUNK_BYTES);
+/// The same for a file that is open at its beginning; errors name `filepath`.
+[[nodiscard]] std::string sha256_of_open_file(const Descriptor& file, const std::string& filepath,
+                                              std::int64_t chunk_bytes = SYNC_HASH_FILE_CHUNK_BYTES);
 
 }  // namespace brackenfen::sync

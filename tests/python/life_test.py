@@ -25,6 +25,12 @@ def fetch(): manager.sync()
 def outage():
     with sync.backoff_context(surface="s"): sync._sleep_for_sync_backoff(60)
 def away(): sync._http_get("http://127.0.0.1:1/", "t")
+def audit():
+    files = {f"sparse{n}": {"size_bytes": 1 << 36, "sha256": "0" * 64} for n in range(4)}
+    for name in files: open(f"{directory}/{name}", "ab").truncate(1 << 36)
+    other = sync.SyncManager(directory, url, str)
+    other._manifest = sync.Manifest({"files": files})
+    other.verify()
 def lock(): sync.SyncManager(directory, url, str)._acquire_flock()
 def say(text): print(text, flush=True)
 """
@@ -45,7 +51,7 @@ def assert_quiet_ends(program: Any, source: str, directory: pathlib.Path, server
         assert (code, err) == (expected, "") and seconds < 4
 
 
-BLOCKED = ["download", "batch", "fetch", "outage", "away", "lock"]
+BLOCKED = ["download", "batch", "fetch", "outage", "away", "lock", "audit"]
 
 
 @pytest.mark.parametrize("where", BLOCKED)
