@@ -178,7 +178,7 @@ def short_waits(neighbour: Callable[..., types.ModuleType]) -> None:
 
 
 class Program:
-    """A fresh interpreter running a program; what it prints, how it ends and how long that takes."""
+    """A fresh interpreter running a program; what it prints, how it ends and how long that takes. Its input stays open until finish()."""
 
     def __init__(self, source: str, *arguments: str) -> None:
         self.process = subprocess.Popen(
