@@ -46,7 +46,7 @@ TEST_F(NeedsSyncTest, theServersAnswerDecidesBeforeTheFiles) {
       {{.body = "<html>"}, "JSONDecodeError: "},
       {{.body = "{\"version\": \"\xff\"}"}, "UnicodeDecodeError: "},
       {{.body = "[]"}, "AttributeError: "},
-      {{.status = 503}, "SyncUnavailableError: "},
+      {{.status = 503, .body = R"({"retryable": false})"}, "SyncUnavailableError: "},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.reply.body + std::to_string(row.reply.status));
