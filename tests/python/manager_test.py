@@ -151,6 +151,28 @@ def test_local_integrity(manager: sync.SyncManager, server: Any) -> None:
     assert not manager._local_manifest_files_complete(record, state)
 
 
+def test_verify_and_repair(manager: sync.SyncManager, server: Any) -> None:
+    fill(server)
+    assert manager.needs_sync() and manager.verify() == sync.VerifyResult()
+    manager.sync()
+    damaged, gone = list(server.files)[:2]
+    pathlib.Path(manager._data_dir, damaged).write_bytes(b"?" * len(server.files[damaged]))
+    pathlib.Path(manager._data_dir, gone).unlink()
+    found = manager.verify()
+    assert found == sync.VerifyResult(valid=False, corrupted_files=[damaged], missing_files=[gone])
+    assert manager.needs_sync()
+    result = manager.repair(corrupted_files=(path for path in (damaged, gone, "unknown")))
+    assert isinstance(result, sync.SyncResult) and result.bytes_downloaded == len(server.files[damaged]) + len(server.files[gone])
+    assert manager.verify().valid and not manager.needs_sync()
+    result = manager.ensure_manifest_file_available(file_path=damaged, file_info=types.MappingProxyType(server.entries[damaged]))
+    assert result.bytes_downloaded == len(server.files[damaged])
+    with pytest.raises(TypeError, match="corrupted_files"):
+        manager.repair(5)
+    server.answers["/data/manifest/version"] = (503, b'{"retryable": false}')
+    with pytest.raises(sync.SyncUnavailableError):
+        manager.needs_sync()
+
+
 def test_a_batch_with_callbacks_on_worker_threads(manager: sync.SyncManager, server: Any) -> None:
     names: set[str] = set()
     manager._get_token = lambda: names.add(threading.current_thread().name) or server.token
