@@ -4,31 +4,45 @@
 
 namespace brackenfen::sync {
 
-// The bodies are exempt from the annotations: what they hold is the flag, under a lock of the standard library.
+// The bodies are exempt from the annotations: what they hold is the identity of the work, under a lock of the
+// standard library.
 
 void WorkMutex::lock() NO_THREAD_SAFETY_ANALYSIS {
   std::unique_lock guard(mutex_);
-  while (held_) {
-    if (freed_.wait_for(guard, INTERRUPT_SLICE, [this] { return !held_; })) break;
+  while (work_ != 0) {
+    const WorkWait wait(work_, holder_);
+    if (freed_.wait_for(guard, INTERRUPT_SLICE, [this] { return work_ == 0; })) break;
     guard.unlock();  // the check may wait for the host
     check_interrupt();
     guard.lock();
   }
-  held_ = true;
+  take();
 }
 
 bool WorkMutex::try_lock() NO_THREAD_SAFETY_ANALYSIS {
   const std::lock_guard guard(mutex_);
-  if (held_) return false;
-  held_ = true;
+  if (work_ != 0) return false;
+  take();
   return true;
 }
 
 void WorkMutex::unlock() NO_THREAD_SAFETY_ANALYSIS {
   const std::lock_guard guard(mutex_);
-  held_ = false;
+  ThreadWork::current().end(work_);
+  work_ = 0;
+  holder_ = nullptr;
   // Still under the lock: the next holder may destroy this mutex as soon as it is free.
   freed_.notify_one();
+}
+
+bool WorkMutex::held_by_this_work() {
+  const std::lock_guard guard(mutex_);
+  return ThreadWork::current().is_part_of(work_);
+}
+
+void WorkMutex::take() noexcept {
+  work_ = ThreadWork::current().begin();
+  holder_ = &ThreadWork::current();
 }
 
 }  // namespace brackenfen::sync

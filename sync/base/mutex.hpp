@@ -4,6 +4,8 @@
 #include <condition_variable>
 #include <mutex>
 
+#include "sync/base/work.hpp"
+
 #if defined(__clang__)
 #define BRACKENFEN_THREAD_ANNOTATION(x) __attribute__((x))
 #else
@@ -45,17 +47,23 @@ class SCOPED_CAPABILITY MutexLock {
 };
 
 /// A lock that may be held for long (a pass, a construction). Waiting for it ends with Interrupted when
-/// the user interrupts or the process exits.
+/// the user interrupts or the process exits, and is refused with WouldWaitForItself where the holder is the work that
+/// the caller is part of, or waits for that work.
 class CAPABILITY("mutex") WorkMutex {
  public:
   void lock() ACQUIRE();
   [[nodiscard]] bool try_lock() TRY_ACQUIRE(true);
   void unlock() RELEASE();
+  /// Whether the running thread is part of the work that is done under this lock: its holder, or a worker of it.
+  [[nodiscard]] bool held_by_this_work();
 
  private:
-  std::mutex mutex_;
+  void take() noexcept;
+
+  std::mutex mutex_;  // guards what follows; a leaf
   std::condition_variable freed_;
-  bool held_ = false;
+  WorkId work_ = 0;  // 0 where it is free
+  const ThreadWork* holder_ = nullptr;
 };
 
 class SCOPED_CAPABILITY WorkLock {

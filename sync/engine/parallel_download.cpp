@@ -10,6 +10,7 @@
 #include "sync/base/error.hpp"
 #include "sync/base/interrupt.hpp"
 #include "sync/base/text.hpp"
+#include "sync/base/work.hpp"
 #include "sync/base/worker_thread.hpp"
 #include "sync/documents/manifest_paths.hpp"
 #include "sync/engine/sync_manager.hpp"
@@ -71,6 +72,7 @@ class Batch : public std::enable_shared_from_this<Batch> {
   const std::vector<Item> items_;
   const std::vector<Task> tasks_;
   const BackoffContext parent_context_;
+  const InheritedWork work_;  // so that a callback on a worker knows which pass it is part of
   const std::shared_ptr<InterruptToken> interrupt_ = std::make_shared<InterruptToken>();
   std::atomic<bool> cancelled_{false};
 
@@ -110,6 +112,7 @@ void Batch::start(std::int64_t worker_count) {
 }
 
 void Batch::work() {
+  work_.adopt();
   const InterruptScope scope(interrupt_);
   while (true) {
     const Task* task = nullptr;

@@ -121,6 +121,8 @@ void DirectoryLock::abandon_after_fork() noexcept {
   flock_file_ = Descriptor();
   directory_ = Descriptor();
   owner_ = std::thread::id();
+  holder_ = nullptr;
+  work_ = 0;
   depth_ = 0;
 }
 
@@ -128,23 +130,34 @@ void DirectoryLock::take_owner() {
   const std::thread::id self = std::this_thread::get_id();
   std::unique_lock<std::mutex> lock(mutex_);
   while (depth_ > 0 && owner_ != self) {
+    const WorkWait wait(work_, holder_);
     freed_.wait_for(lock, INTERRUPT_SLICE);
     if (depth_ == 0) break;
     lock.unlock();
     check_interrupt();
     lock.lock();
   }
+  if (depth_++ > 0) return;
   owner_ = self;
-  ++depth_;
+  holder_ = &ThreadWork::current();
+  work_ = ThreadWork::current().begin();
 }
 
 void DirectoryLock::drop_owner() noexcept {
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (--depth_ > 0) return;
+    ThreadWork::current().end(work_);
     owner_ = std::thread::id();
+    holder_ = nullptr;
+    work_ = 0;
   }
   freed_.notify_one();
+}
+
+bool DirectoryLock::held_by_this_work() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return ThreadWork::current().is_part_of(work_);
 }
 
 bool DirectoryLock::is_owner() {

@@ -15,6 +15,7 @@
 #include "sync/base/clock.hpp"
 #include "sync/base/descriptor.hpp"
 #include "sync/base/snapshot.hpp"
+#include "sync/base/work.hpp"
 
 namespace brackenfen::sync {
 
@@ -28,13 +29,16 @@ class DirectoryLock {
   DirectoryLock& operator=(const DirectoryLock&) = delete;
   ~DirectoryLock();
 
-  /// Blocks without a timeout; throws Interrupted, or os_error where the lock file cannot be opened or locked.
+  /// Blocks without a timeout; throws Interrupted, os_error where the lock file cannot be opened or locked, and
+  /// WouldWaitForItself on a worker of the work that holds it.
   void _acquire_flock();
   /// Throws RuntimeError "cannot release un-acquired lock" on a thread that does not hold it, and os_error
   /// where unlocking fails; the lock is free then all the same.
   void _release_flock();
   /// Closes descriptors left behind by a unit of work that never released. Waits for the in-process lock.
   void close_leftover();
+  /// Whether the running thread is part of the unit of work that is done under this lock.
+  [[nodiscard]] bool held_by_this_work();
   /// In the child of a fork, before anything else there touches the lock: closes the inherited descriptors,
   /// which leaves the parent's locks as they are, and makes the lock in the process free again. A Hold that
   /// the child inherited on its stack finds nothing left to release.
@@ -74,9 +78,11 @@ class DirectoryLock {
   const Guarded<std::string>& flock_path_;
   Clock& clock_;
 
-  std::mutex mutex_;  // guards owner_ and depth_; a leaf
+  std::mutex mutex_;  // guards what follows up to depth_; a leaf
   std::condition_variable freed_;
   std::thread::id owner_;
+  const ThreadWork* holder_ = nullptr;
+  WorkId work_ = 0;
   int depth_ = 0;
 
   // Touched only by the owner.
