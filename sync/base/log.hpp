@@ -11,6 +11,8 @@
 
 namespace brackenfen::sync {
 
+class Error;
+
 inline constexpr const char* LOGGER_NAME = "brackenfen.sync";
 
 enum class LogLevel { Debug = 10, Info = 20, Warning = 30, Error = 40 };
@@ -20,6 +22,7 @@ struct LogRecord {
   const char* format;  ///< printf style as Python's logging knows it: %s, %r, %d, %.1f
   std::vector<Value> arguments;
   const Document* event = nullptr;  ///< the structured event that this record reports, if it does
+  const Error* error = nullptr;     ///< the error whose stack, where the host has one, goes along
 };
 
 /// Called on any thread, several at once.
@@ -51,6 +54,13 @@ void log_debug(const char* format, const Arguments&... arguments) {
 template <typename... Arguments>
 void log_warning(const char* format, const Arguments&... arguments) {
   log(LogLevel::Warning, format, arguments...);
+}
+/// The same with the stack of `error`.
+template <typename... Arguments>
+void log_warning_with_stack(const Error& error, const char* format, const Arguments&... arguments) {
+  LogSink& sink = log_sink();
+  if (!sink.enabled(LogLevel::Warning)) return;
+  sink.write(LogRecord{LogLevel::Warning, format, std::vector<Value>{Value(arguments)...}, nullptr, &error});
 }
 
 }  // namespace brackenfen::sync

@@ -7,10 +7,17 @@ namespace brackenfen::sync {
 // The bodies are exempt from the annotations: what they hold is the identity of the work, under a lock of the
 // standard library.
 
-void WorkMutex::lock() NO_THREAD_SAFETY_ANALYSIS {
+void WorkMutex::lock() NO_THREAD_SAFETY_ANALYSIS { wait_and_take(WorkWait::Patience::None); }
+
+void WorkMutex::pass_through() NO_THREAD_SAFETY_ANALYSIS {
+  wait_and_take(WorkWait::Patience::Stopping);
+  unlock();
+}
+
+void WorkMutex::wait_and_take(WorkWait::Patience patience) {
   std::unique_lock guard(mutex_);
-  while (work_ != 0) {
-    const WorkWait wait(work_, holder_);
+  for (int slice = 0; work_ != 0; ++slice) {
+    const WorkWait wait(work_, holder_, patience, slice);
     if (freed_.wait_for(guard, INTERRUPT_SLICE, [this] { return work_ == 0; })) break;
     guard.unlock();  // the check may wait for the host
     check_interrupt();

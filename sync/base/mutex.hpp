@@ -54,10 +54,13 @@ class CAPABILITY("mutex") WorkMutex {
   void lock() ACQUIRE();
   [[nodiscard]] bool try_lock() TRY_ACQUIRE(true);
   void unlock() RELEASE();
+  /// Waits until it is free, for a stop. Where threads wait for each other, another one of them is refused first.
+  void pass_through() EXCLUDES(this);
   /// Whether the running thread is part of the work that is done under this lock: its holder, or a worker of it.
   [[nodiscard]] bool held_by_this_work();
 
  private:
+  void wait_and_take(WorkWait::Patience patience);
   void take() noexcept;
 
   std::mutex mutex_;  // guards what follows; a leaf

@@ -37,10 +37,12 @@ void InheritedWork::adopt() const noexcept {
   ThreadWork::current().size_ = size_;
 }
 
-WorkWait::WorkWait(WorkId work, const ThreadWork* holder) {
+WorkWait::WorkWait(WorkId work, const ThreadWork* holder, Patience patience, int slice) {
+  constexpr int PATIENT_SLICES = 10;
   ThreadWork& waiter = ThreadWork::current();
   const WorkId further = holder == nullptr ? 0 : holder->waits_for.load(std::memory_order_acquire);
-  if (waiter.is_part_of(work) || waiter.is_part_of(further)) throw WouldWaitForItself();
+  const bool looks_further = patience == Patience::None || slice >= PATIENT_SLICES;
+  if (waiter.is_part_of(work) || (looks_further && waiter.is_part_of(further))) throw WouldWaitForItself();
   waiter.waits_for.store(further != 0 ? further : work, std::memory_order_release);
 }
 

@@ -58,11 +58,15 @@ class InheritedWork {
   std::size_t size_;
 };
 
-/// For the life of this scope the running thread waits for `work`, or for what the holder of it waits for in its turn.
-/// Throws WouldWaitForItself.
+/// One slice of a wait for `work`: for the life of this scope the running thread waits for it, or for what the holder of
+/// it waits for in its turn. Throws WouldWaitForItself.
 class WorkWait {
  public:
-  WorkWait(WorkId work, const ThreadWork* holder);
+  /// Of the threads that wait for each other in a circle, those that stop a manager must go on waiting, and the callback
+  /// that closed the circle is refused. So they look at their own work at once, and around the circle later.
+  enum class Patience { None, Stopping };
+
+  WorkWait(WorkId work, const ThreadWork* holder, Patience patience, int slice);
   WorkWait(const WorkWait&) = delete;
   WorkWait& operator=(const WorkWait&) = delete;
   ~WorkWait();

@@ -42,7 +42,11 @@ SyncManager::SyncManager(Options options)
   restore_vocabulary(*neighbours);
 }
 
-SyncManager::~SyncManager() = default;
+SyncManager::~SyncManager() {
+  // Null after a stop. The poll thread keeps the manager alive, unless an interrupt of the host's own ended it.
+  if (!in_own_process()) return;
+  if (const auto watcher = _era_thread.get()) watcher->abandon();
+}
 
 void SyncManager::restore_consumer_count() {
   const std::string path = _consumer_count_path.get();
@@ -92,7 +96,7 @@ Value SyncManager::status() const {
 }
 
 void SyncManager::require_own_process() const {
-  if (fork_generation_ == fork_generation()) return;
+  if (in_own_process()) return;
   // The directory is not named: the lock of that field may be held by a thread that this process does not have.
   throw StateError("this SyncManager was created before fork(): build one in this process with SyncManager.get_or_create");
 }

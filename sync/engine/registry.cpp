@@ -3,14 +3,15 @@
 
 #include "sync/base/error.hpp"
 #include "sync/base/fork.hpp"
+#include "sync/base/interrupt.hpp"
 #include "sync/base/paths.hpp"
 #include "sync/engine/sync_manager.hpp"
 
 namespace brackenfen::sync {
 namespace {
 
-/// `class_lock` is held across the construction of a manager. Entries own nothing: one whose manager is gone
-/// counts as absent.
+/// `class_lock` is held across the construction of a manager and through a release that stops one. Entries own nothing: one whose manager
+/// is gone counts as absent.
 struct Registry {
   WorkMutex class_lock;
   std::map<std::string, std::weak_ptr<SyncManager>> instances GUARDED_BY(class_lock);
@@ -62,6 +63,34 @@ void SyncManager::_evict(const std::string& data_dir) {
   Registry& process = registry();
   WorkLock lock(process.class_lock);
   process.instances.erase(canonical);
+}
+
+void SyncManager::release() {
+  if (!in_own_process()) return;  // there is nothing of it to stop here, and the file's count is the parent's
+  // Looked at before any lock: an extra release changes nothing, and it may come from the work that a stopping release
+  // waits for under both locks.
+  if (_consumer_count <= 0) return;
+  const std::string canonical = real_path(_data_dir.get());
+  Registry& process = registry();
+  // Held through the whole stop: nobody is given a manager that is going away.
+  const WorkLock lock(process.class_lock);
+  const WorkLock consumer_lock(_consumer_lock);
+  if (_consumer_count <= 0) return;
+  --_consumer_count;
+  _persist_consumer_count();
+  if (_consumer_count != 0) return;
+  const auto leave = [&]() REQUIRES(process.class_lock) {
+    _consumer_lifecycle_started = false;
+    const auto entry = process.instances.find(canonical);
+    if (entry != process.instances.end() && entry->second.lock().get() == this) process.instances.erase(entry);
+  };
+  try {
+    _stop_internal();
+  } catch (const Interrupted&) {
+    leave();
+    throw;
+  }
+  leave();
 }
 
 std::map<std::string, std::shared_ptr<SyncManager>> SyncManager::_instances() {

@@ -2,15 +2,24 @@
 //
 // This header is the map; each section names the file that holds it.
 //
-// Threads. Public operations run on any thread of the host. A pass fans out to download workers, which share
-// the manager but write nothing of it except the hash cache.
+// Threads. Public operations run on any thread of the host; the manager's own share in it, so that a running manager
+// lives on when the host drops it:
+//   _sync_thread                 _poll_loop, from start or acquire to stop         lifecycle/poll_loop.cpp
+//   _era_thread                  EraThread::_run, from acquire to stop             era/era_thread.hpp
+//   repair threads               _process_repair_queue, one per report_corruption  lifecycle/host_requests.cpp
+//   download workers             for one set of files; they write nothing of the manager but the hash cache
+// Their callbacks of the host may call any operation; one that would wait for the work it is part of throws
+// WouldWaitForItself, or skips the wait where it stops the manager.
 //
 // Locks, in the order in which they may be taken:
-//   the registry's lock          held across a construction                        registry.cpp
+//   _class_lock, the registry's  held across a construction and a stopping release registry.cpp
+//   _consumer_lock               the count, and decisions to start and stop        lifecycle/consumers.cpp
 //   _sync_lock                   one pass at a time in a process                   sync_driver.cpp
-//   DirectoryLock                one unit of work at a time between processes      lifecycle/directory_lock.hpp
+//   DirectoryLock (_flock_lock)  one unit of work at a time between processes      lifecycle/directory_lock.hpp
 //   leaf locks                   inside the components and snapshots below; nothing is taken, logged or
 //                                called under one
+// A stop passes through _sync_lock and DirectoryLock one after the other, holding neither. repair takes DirectoryLock
+// alone.
 //
 // Each operation looks the neighbouring modules up once: what it calls takes the NeighbourSet along.
 #pragma once
@@ -26,6 +35,9 @@
 #include <string_view>
 #include <vector>
 
+#include "sync/base/background_thread.hpp"
+#include "sync/base/event.hpp"
+#include "sync/base/fork.hpp"
 #include "sync/base/mutex.hpp"
 #include "sync/base/snapshot.hpp"
 #include "sync/base/value.hpp"
@@ -33,11 +45,15 @@
 #include "sync/engine/hash_cache.hpp"
 #include "sync/engine/missing_found_pnl.hpp"
 #include "sync/engine/results.hpp"
-#include "sync/engine/token_source.hpp"
+#include "sync/era/era_thread.hpp"
 #include "sync/lifecycle/directory_lock.hpp"
+#include "sync/lifecycle/era_callbacks.hpp"
+#include "sync/lifecycle/repair_queue.hpp"
+#include "sync/lifecycle/request_coalescing.hpp"
 #include "sync/rotation/planning.hpp"
 #include "sync/transport/http.hpp"
 #include "sync/transport/seams.hpp"
+#include "sync/transport/token_source.hpp"
 
 namespace brackenfen::sync {
 
@@ -190,6 +206,53 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   /// JSONDecodeError, UnicodeDecodeError or AttributeError for an answer that is no JSON object.
   [[nodiscard]] bool needs_sync();
 
+  // ---- consumers: lifecycle/consumers.cpp, lifecycle/poll_loop.cpp; release: registry.cpp --------------
+
+  /// One more consumer; the first starts the poll thread and the era thread, whatever count the directory held.
+  /// Throws what starting throws; the count stays increased then.
+  void acquire();
+  /// One consumer less; with the last one, waits for running work, stops the threads and leaves the registry. Does
+  /// nothing without consumers. Interrupted is thrown when all that is done, but for the waits.
+  void release();
+  [[nodiscard]] std::int64_t consumer_count() const noexcept { return _consumer_count.load(); }
+  /// The poll thread alone. Throws StateError where it runs.
+  void start();
+  /// Waits for running work and stops the threads, whoever started them. Does nothing where none runs. Interrupted as
+  /// with release.
+  void stop();
+  /// Whether the poll thread lives.
+  [[nodiscard]] bool is_alive() const;
+  /// Never fails: a directory that cannot be written to does not stop the lifecycle.
+  void _persist_consumer_count();
+  void _start_sync_thread();
+  void _start_internal();
+  void _stop_internal();
+  /// Until _stop_event is set: a round, then a pause of _poll_interval.
+  void _poll_loop();
+  /// Repairs what was reported, then syncs if there is something new and no pass is under way. Throws what the repair
+  /// throws; a failed sync is a warning.
+  void _poll_once();
+  /// Tells the era callbacks to stop or restart the searches, for the era of the manifest.
+  void _kill_fn() { notify_of_current_era("kill"); }
+  void _restart_fn() { notify_of_current_era("restart"); }
+
+  // ---- requests of host processes: lifecycle/host_requests.cpp -----------------------------------------
+
+  /// Syncs now, or joins the request that is running, and answers the found PnL files as absolute paths, newest first:
+  /// those that this sync brought, else all. Throws StateError in a transition, of whichever process, and where the
+  /// manager does not run; what the sync throws; AttributeError where two requests began at once and the other's end
+  /// came first.
+  [[nodiscard]] std::vector<std::string> request_for_sync();
+  /// The found PnL files of the manifest that exist, as above. Throws ManifestError.
+  [[nodiscard]] std::vector<std::string> _get_found_file_paths();
+  /// Queues a repair and starts a thread for it. Throws StateError where the manager does not run, ValueError for a path
+  /// that the manifest lacks.
+  void report_corruption(const std::string& file_path);
+  void _process_repair_queue();
+
+  [[nodiscard]] EraCallbacks& era_callbacks() noexcept { return _era_callbacks; }
+  [[nodiscard]] RequestCoalescing& request_coalescing() noexcept { return _request_coalescing; }
+
   // ---- between processes: lifecycle/directory_lock.cpp -----------------------------------------------
 
   void _acquire_flock() { _directory_lock._acquire_flock(); }
@@ -232,9 +295,12 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   std::atomic<bool> _running{false};
   std::atomic<bool> _consumer_lifecycle_started{false};
   std::atomic<bool> _in_transition{false};
-  Guarded<std::vector<std::string>> _repair_queue;
+  RepairQueue _repair_queue;
   Guarded<Value> _prefetched_feature_era_id;
   Guarded<std::set<std::string>> _prefetched_feature_relative_paths;
+
+  Snapshot<BackgroundThread> _sync_thread;  ///< null where the manager does not run
+  Snapshot<EraThread> _era_thread;
 
   [[nodiscard]] const Seams& seams() const noexcept { return seams_; }
 
@@ -249,6 +315,11 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   [[nodiscard]] std::string fetch_shuffle_seed(NeighbourSet& neighbours, const Value& expected_era_id);
   /// Throws StateError in a child process that inherited this object by fork().
   void require_own_process() const;
+  [[nodiscard]] bool in_own_process() const noexcept { return fork_generation_ == fork_generation(); }
+
+  void notify_of_current_era(std::string_view event_type);
+  void stop_era_thread();
+  void poll_until(const std::function<bool()>& ended);
 
   /// repair() once the directory lock is held.
   [[nodiscard]] SyncResult repair_files(const std::vector<std::string>& corrupted_files);
@@ -269,7 +340,11 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
 
   HashCache _hash_cache;
   DirectoryLock _directory_lock;
+  EraCallbacks _era_callbacks;
+  RequestCoalescing _request_coalescing;
+  WorkMutex _consumer_lock;
   WorkMutex _sync_lock;  ///< one pass at a time; taken before the directory lock
+  Event _stop_event;     ///< ends the poll loop and its pauses, and nothing else
 };
 
 }  // namespace brackenfen::sync

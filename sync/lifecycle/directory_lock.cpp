@@ -107,7 +107,7 @@ void DirectoryLock::_release_flock() {
 }
 
 void DirectoryLock::close_leftover() {
-  take_owner();
+  take_owner(WorkWait::Patience::Stopping);
   const OwnerDrop drop(*this);
   close_flock_file();
   unlock_directory();
@@ -124,13 +124,14 @@ void DirectoryLock::abandon_after_fork() noexcept {
   holder_ = nullptr;
   work_ = 0;
   depth_ = 0;
+  holds_ = 0;
 }
 
-void DirectoryLock::take_owner() {
+void DirectoryLock::take_owner(WorkWait::Patience patience) {
   const std::thread::id self = std::this_thread::get_id();
   std::unique_lock<std::mutex> lock(mutex_);
-  while (depth_ > 0 && owner_ != self) {
-    const WorkWait wait(work_, holder_);
+  for (int slice = 0; depth_ > 0 && owner_ != self; ++slice) {
+    const WorkWait wait(work_, holder_, patience, slice);
     freed_.wait_for(lock, INTERRUPT_SLICE);
     if (depth_ == 0) break;
     lock.unlock();
@@ -157,7 +158,12 @@ void DirectoryLock::drop_owner() noexcept {
 
 bool DirectoryLock::held_by_this_work() {
   const std::lock_guard<std::mutex> lock(mutex_);
-  return ThreadWork::current().is_part_of(work_);
+  return holds_ > 0 && ThreadWork::current().is_part_of(work_);
+}
+
+void DirectoryLock::count_hold(int change) noexcept {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  holds_ = std::max(holds_ + change, 0);  // a forked child started from 0
 }
 
 bool DirectoryLock::is_owner() {
@@ -204,8 +210,14 @@ void DirectoryLock::close_flock_file() {
   }
 }
 
+DirectoryLock::Hold::Hold(DirectoryLock& lock) : lock_(lock) {
+  lock_._acquire_flock();
+  lock_.count_hold(1);
+}
+
 void DirectoryLock::Hold::release() {
   if (!std::exchange(held_, false)) return;
+  lock_.count_hold(-1);
   lock_._release_flock();
 }
 

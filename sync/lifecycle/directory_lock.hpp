@@ -37,7 +37,7 @@ class DirectoryLock {
   void _release_flock();
   /// Closes descriptors left behind by a unit of work that never released. Waits for the in-process lock.
   void close_leftover();
-  /// Whether the running thread is part of the unit of work that is done under this lock.
+  /// Whether the running thread is part of a unit of work that is under way: the thread of a Hold, or a worker of it.
   [[nodiscard]] bool held_by_this_work();
   /// In the child of a fork, before anything else there touches the lock: closes the inherited descriptors,
   /// which leaves the parent's locks as they are, and makes the lock in the process free again. A Hold that
@@ -47,7 +47,7 @@ class DirectoryLock {
   /// One unit of work.
   class Hold {
    public:
-    explicit Hold(DirectoryLock& lock) : lock_(lock) { lock_._acquire_flock(); }
+    explicit Hold(DirectoryLock& lock);
     Hold(const Hold&) = delete;
     Hold& operator=(const Hold&) = delete;
     /// Releases now and lets an error of the release reach the caller.
@@ -63,9 +63,10 @@ class DirectoryLock {
  private:
   class OwnerDrop;
 
-  void take_owner();
+  void take_owner(WorkWait::Patience patience = WorkWait::Patience::None);
   void drop_owner() noexcept;
   [[nodiscard]] bool is_owner();
+  void count_hold(int change) noexcept;
   void lock_descriptors();
   void lock_directory();
   /// flock(LOCK_EX), tried again and again so that an interrupt ends the wait. 0, or the errno of a failure.
@@ -78,12 +79,13 @@ class DirectoryLock {
   const Guarded<std::string>& flock_path_;
   Clock& clock_;
 
-  std::mutex mutex_;  // guards what follows up to depth_; a leaf
+  std::mutex mutex_;  // guards what follows up to holds_; a leaf
   std::condition_variable freed_;
   std::thread::id owner_;
   const ThreadWork* holder_ = nullptr;
   WorkId work_ = 0;
   int depth_ = 0;
+  int holds_ = 0;  // of depth_, those that a Hold will release
 
   // Touched only by the owner.
   Descriptor flock_file_;

@@ -14,6 +14,7 @@ class BuiltinNeighbourSet final : public NeighbourSet {
   const ReasonDescriptions& reason_descriptions() override { return ReasonDescriptions::builtin(); }
   const FunctionTokenSafety& function_token_safety() override { return FunctionTokenSafety::builtin(); }
   const FunctionsVocabulary& functions_vocabulary() override { return FunctionsVocabulary::builtin(); }
+  const LoggingStyle& logging_style() override { return LoggingStyle::builtin(); }
 };
 
 /// A handle that owns nothing: what it points at lives for the whole process.

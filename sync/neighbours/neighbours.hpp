@@ -10,6 +10,7 @@
 #include "sync/neighbours/reason_descriptions.hpp"
 #include "sync/neighbours/function_token_safety.hpp"
 #include "sync/neighbours/functions_vocabulary.hpp"
+#include "sync/neighbours/logging_style.hpp"
 #include "sync/neighbours/runtime_module_freshness.hpp"
 #include "sync/neighbours/sync_backoff.hpp"
 #include "sync/neighbours/sync_progress.hpp"
@@ -32,6 +33,7 @@ class NeighbourSet {
   [[nodiscard]] virtual const ReasonDescriptions& reason_descriptions() = 0;
   [[nodiscard]] virtual const FunctionTokenSafety& function_token_safety() = 0;
   [[nodiscard]] virtual const FunctionsVocabulary& functions_vocabulary() = 0;
+  [[nodiscard]] virtual const LoggingStyle& logging_style() = 0;
 };
 
 class Neighbours {

@@ -1,4 +1,4 @@
-#include "sync/engine/token_source.hpp"
+#include "sync/transport/token_source.hpp"
 
 #include <utility>
 

@@ -1,0 +1,89 @@
+// The thread that watches which era the server calls current. It does not ask the server yet: its life is here, and
+// _poll_once is where the question belongs.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "sync/base/background_thread.hpp"
+#include "sync/base/event.hpp"
+#include "sync/base/snapshot.hpp"
+#include "sync/base/value.hpp"
+#include "sync/transport/seams.hpp"
+#include "sync/transport/token_source.hpp"
+
+namespace brackenfen::sync {
+
+/// Stops or restarts the host's searches; empty where the host has none.
+using SearchesFn = std::function<void()>;
+
+/// What the watcher needs of a manager. A host may bring its own.
+class EraManager {
+ public:
+  virtual ~EraManager() = default;
+  /// The era of the manager's manifest; absent without one.
+  [[nodiscard]] virtual std::optional<Value> manifest_era() = 0;
+  virtual void trigger_era_transition(const Value& new_era_id, const SearchesFn& kill_searches_fn,
+                                      const SearchesFn& restart_searches_fn) = 0;
+};
+
+/// Held by shared_ptr: its thread shares in it. start, stop and is_alive may be called on any thread. What the thread
+/// writes, other threads only read; each field is whole by itself.
+class EraThread : public std::enable_shared_from_this<EraThread> {
+ public:
+  static constexpr double DEFAULT_POLL_INTERVAL_SECONDS = 600.0;
+
+  struct Options {
+    std::string server_url;
+    std::shared_ptr<TokenSource> get_token;
+    std::shared_ptr<EraManager> sync_manager;
+    double era_poll_interval_s = DEFAULT_POLL_INTERVAL_SECONDS;
+    SearchesFn kill_searches_fn;
+    SearchesFn restart_searches_fn;
+    Seams seams = Seams::real();
+  };
+
+  /// Throws what validate_bearer_transport_url throws, before anything else is done.
+  explicit EraThread(Options options);
+
+  /// Throws StateError "EraThread already started" until a stop, and in a child of fork().
+  void start();
+  /// Waits at most 10 seconds for the thread; a poll that is under way goes on by itself. Throws RuntimeError on the
+  /// thread itself, and Interrupted.
+  void stop();
+  [[nodiscard]] bool is_alive() const;
+  /// Tells the thread to end and waits for nothing.
+  void abandon();
+
+  /// Polls at once, and then after each pause, until it is told to stop.
+  void _run();
+  /// One poll. Nothing is asked of the server yet, and no transition is triggered.
+  void _poll_once();
+
+  /// What it was built with, but for server URL and interval, which are fields.
+  [[nodiscard]] const Options& options() const noexcept { return options_; }
+  /// For the collector of the host, while nobody else refers to it: lets go of all that is the host's. It cannot be
+  /// started afterwards.
+  void drop_host();
+
+  // Fields, for the boundary.
+  Guarded<std::string> _server_url;
+  Guarded<double> _poll_interval;
+  std::atomic<bool> _started{false};
+  Guarded<Value> _last_known_era_id;  ///< an integer, or null
+  Guarded<Value> _last_known_state;   ///< null; kept for hosts that read it
+  std::atomic<bool> _in_closing{false};
+  std::atomic<bool> _transition_failed{false};
+  Guarded<Value> _last_transition_error;  ///< a text, or null
+
+ private:
+  Options options_;  // changed by drop_host alone
+  const std::uint64_t fork_generation_;
+  Snapshot<BackgroundThread> _thread;  ///< the last one started; never cleared
+  Event _stop_event;
+};
+
+}  // namespace brackenfen::sync

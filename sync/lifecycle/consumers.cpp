@@ -1,0 +1,185 @@
+// Who wants the background work: counting consumers, and starting and stopping the threads.
+#include <fcntl.h>
+
+#include <limits>
+#include <optional>
+
+#include "sync/base/descriptor.hpp"
+#include "sync/base/error.hpp"
+#include "sync/base/interrupt.hpp"
+#include "sync/base/log.hpp"
+#include "sync/engine/sync_manager.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+constexpr int TRANSITION_WAIT_ROUNDS = 100;
+constexpr double TRANSITION_WAIT_SECONDS = 0.1;  // a round
+constexpr double JOIN_SECONDS = 30.0;
+
+/// The manager as its own watcher sees it. Owns nothing: the watcher belongs to the manager.
+class OwnManager : public EraManager {
+ public:
+  explicit OwnManager(std::weak_ptr<SyncManager> manager) : manager_(std::move(manager)) {}
+
+  std::optional<Value> manifest_era() override {
+    const auto manager = manager_.lock();
+    const auto manifest = manager ? manager->get_manifest() : nullptr;
+    if (!manifest) return std::nullopt;
+    return manifest->era_number();
+  }
+  /// Not asked for yet: no watcher triggers one.
+  void trigger_era_transition(const Value&, const SearchesFn&, const SearchesFn&) override {
+    throw StateError("era transitions are not available yet");
+  }
+
+ private:
+  const std::weak_ptr<SyncManager> manager_;
+};
+
+SearchesFn notifier(std::weak_ptr<SyncManager> manager, void (SyncManager::*notify)()) {
+  return [manager = std::move(manager), notify] {
+    if (const auto live = manager.lock()) (*live.*notify)();
+  };
+}
+
+}  // namespace
+
+void SyncManager::acquire() {
+  require_own_process();
+  const WorkLock lock(_consumer_lock);
+  if (_consumer_count == std::numeric_limits<std::int64_t>::max()) throw OverflowError("too many consumers");
+  ++_consumer_count;
+  _persist_consumer_count();
+  // The flags decide, not the count: that may have been left behind by a process that died.
+  if (_running || _consumer_lifecycle_started) return;
+  _start_internal();
+  _consumer_lifecycle_started = true;
+}
+
+void SyncManager::start() {
+  require_own_process();
+  const WorkLock lock(_consumer_lock);
+  if (_running) throw StateError("SyncManager already running");
+  _start_sync_thread();
+}
+
+void SyncManager::stop() {
+  if (!in_own_process()) return;
+  try {
+    const WorkLock lock(_consumer_lock);
+    if (_running) _stop_internal();
+  } catch (const WouldWaitForItself&) {  // the stop that waits for this work is under way already
+  }
+}
+
+bool SyncManager::is_alive() const {
+  if (!in_own_process()) return false;
+  const std::shared_ptr<BackgroundThread> thread = _sync_thread.get();
+  return thread && thread->is_alive();
+}
+
+void SyncManager::_persist_consumer_count() {
+  const std::string path = _consumer_count_path.get();
+  try {
+    write_all(open_file(path, O_WRONLY | O_CREAT | O_TRUNC), std::to_string(_consumer_count.load()), path);
+  } catch (const Error& error) {
+    log_warning("Failed to persist consumer count: %s", error.text());
+  }
+}
+
+void SyncManager::_start_sync_thread() {
+  require_own_process();
+  _stop_event.clear();
+  _running = true;
+  const auto thread = std::make_shared<BackgroundThread>();
+  _sync_thread.set(thread);
+  thread->start("bf-poll", [self = shared_from_this(), thread] {
+    // Also ends where it outlived its stop and another has taken its place since.
+    self->poll_until([&] { return self->_stop_event.is_set() || self->_sync_thread.get() != thread; });
+  });
+}
+
+void SyncManager::_start_internal() {
+  _start_sync_thread();
+  std::shared_ptr<EraThread> watcher = _era_thread.get();
+  if (!watcher) {
+    watcher = std::make_shared<EraThread>(EraThread::Options{.server_url = _server_url.get(),
+                                                             .get_token = _get_token.get(),
+                                                             .sync_manager = std::make_shared<OwnManager>(weak_from_this()),
+                                                             .era_poll_interval_s = _poll_interval.get(),
+                                                             .kill_searches_fn = notifier(weak_from_this(), &SyncManager::_kill_fn),
+                                                             .restart_searches_fn = notifier(weak_from_this(), &SyncManager::_restart_fn),
+                                                             .seams = seams_});
+    _era_thread.set(watcher);
+  }
+  try {
+    watcher->start();
+  } catch (const Error& error) {
+    if (!error.is(error_class::StateError)) throw;
+    seams_.neighbours->bind()->logging_style().log_library_surface_event({.message = "Era synchronization",
+                                                                          .level = "error",
+                                                                          .sub_service = "sync",
+                                                                          .component = "state",
+                                                                          .metadata = {{"reason", "era_thread_start_state"}},
+                                                                          .source_function = "_start_internal",
+                                                                          .source_file = "sync/lifecycle/consumers.cpp",
+                                                                          .source_line = __LINE__});
+  }
+}
+
+void SyncManager::_stop_internal() {
+  // An interrupt ends the waits; it is thrown when the flags are right again. Work that this call is part of, because a
+  // callback of it makes the call, is not waited for.
+  std::optional<Interrupted> interrupted;
+  const auto unless_interrupted = [&](const auto& wait) {
+    if (interrupted) return;
+    try {
+      wait();
+    } catch (const WouldWaitForItself&) {
+    } catch (const Interrupted& interrupt) {
+      interrupted = interrupt;
+    }
+  };
+  _stop_event.set();
+  unless_interrupted([&] { stop_era_thread(); });
+  const bool called_by_its_work = _directory_lock.held_by_this_work();
+  unless_interrupted([&] {
+    if (called_by_its_work) return;  // a transition cannot end before this call does
+    for (int round = 0; round < TRANSITION_WAIT_ROUNDS && _in_transition; ++round) seams_.clock->sleep(TRANSITION_WAIT_SECONDS);
+  });
+  unless_interrupted([&] { _sync_lock.pass_through(); });  // a pass that is under way has ended then
+  unless_interrupted([&] {
+    const std::shared_ptr<BackgroundThread> thread = _sync_thread.get();
+    if (thread && !thread->is_current()) thread->join(*seams_.clock, JOIN_SECONDS);
+  });
+  _running = false;
+  _consumer_lifecycle_started = false;
+  _sync_thread.set(nullptr);
+  // What the caller's own unit of work holds is no leftover.
+  unless_interrupted([&] {
+    if (!called_by_its_work) _directory_lock.close_leftover();
+  });
+  if (interrupted) throw *interrupted;
+}
+
+void SyncManager::stop_era_thread() {
+  const std::shared_ptr<EraThread> watcher = _era_thread.get();
+  if (!watcher) return;
+  try {
+    watcher->stop();
+  } catch (const Error& error) {
+    log_warning("Failed to stop era thread: %s", error.text());
+  } catch (const Interrupted&) {
+    _era_thread.set(nullptr);
+    throw;
+  }
+  _era_thread.set(nullptr);
+}
+
+void SyncManager::notify_of_current_era(std::string_view event_type) {
+  const std::shared_ptr<Manifest> manifest = _manifest.get();
+  _era_callbacks._notify_era_callbacks(event_type, manifest ? manifest->era_number() : Value(0));
+}
+
+}  // namespace brackenfen::sync

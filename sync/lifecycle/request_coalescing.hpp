@@ -1,0 +1,29 @@
+// One sync for all who ask at the same time: a request that finds another running waits for it and takes what it brought.
+#pragma once
+
+#include <memory>
+
+#include "sync/base/event.hpp"
+#include "sync/base/mutex.hpp"
+
+namespace brackenfen::sync {
+
+/// How long a request waits for the one that is running. Its end by time is no error.
+inline constexpr double COALESCED_WAIT_SECONDS = 30.0;
+
+/// Any thread. To look and to begin are two steps, so two requests that come together may both begin; the later one's
+/// event takes the place of the earlier one's, whose waiters then wait for all of COALESCED_WAIT_SECONDS.
+class RequestCoalescing {
+ public:
+  /// What to wait for; nullptr where no request runs.
+  [[nodiscard]] std::shared_ptr<Event> running() const;
+  void begin();
+  /// Wakes the waiters. Throws AttributeError where another request has ended in the meantime and took the event along.
+  void end();
+
+ private:
+  mutable Mutex _coalescing_lock;
+  std::shared_ptr<Event> _coalescing_event GUARDED_BY(_coalescing_lock);
+};
+
+}  // namespace brackenfen::sync

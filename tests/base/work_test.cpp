@@ -1,0 +1,119 @@
+// Nothing waits for itself, on whatever thread; and the threads and flags that waits are made of.
+#include "sync/base/work.hpp"
+
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "sync/base/background_thread.hpp"
+#include "sync/base/mutex.hpp"
+#include "tests/support/failures.hpp"
+#include "tests/support/fake_clock.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+TEST(Work, aLockIsRefusedToTheWorkThatHoldsIt) NO_THREAD_SAFETY_ANALYSIS {
+  WorkMutex mutex;
+  const InheritedWork before;
+  const WorkLock held(mutex);
+  EXPECT_TRUE(mutex.held_by_this_work());
+  EXPECT_THROW(mutex.lock(), WouldWaitForItself);
+  const InheritedWork during;
+  const auto on_a_worker = [&](const InheritedWork& work) {
+    return std::async(std::launch::async, [&] { return work.adopt(), mutex.held_by_this_work(); }).get();
+  };
+  EXPECT_TRUE(on_a_worker(during));
+  EXPECT_FALSE(on_a_worker(before));
+}
+
+TEST(Work, aWorkerThatWasLeftBehindIsNoPartOfTheNextWork) NO_THREAD_SAFETY_ANALYSIS {
+  WorkMutex mutex;
+  mutex.lock();
+  const InheritedWork first;
+  mutex.unlock();
+  const WorkLock next(mutex);
+  std::async(std::launch::async, [&] {
+    first.adopt();
+    EXPECT_FALSE(mutex.held_by_this_work());
+  }).get();
+}
+
+TEST(Work, aCircleOfWaitsIsBrokenByWhoeverIsNotStopping) NO_THREAD_SAFETY_ANALYSIS {
+  WorkMutex registry, consumers, pass;
+  pass.lock();
+  // A stop waits for the pass under a lock, another one waits for that lock under a second one.
+  auto stopping = std::async(std::launch::async, [&] {
+    const WorkLock held(consumers);
+    pass.pass_through();
+  });
+  while (consumers.try_lock()) consumers.unlock();
+  auto releasing = std::async(std::launch::async, [&] {
+    const WorkLock held(registry);
+    consumers.pass_through();
+  });
+  while (registry.try_lock()) registry.unlock();
+  EXPECT_THROW(registry.lock(), WouldWaitForItself);
+  pass.unlock();
+  stopping.get();
+  releasing.get();
+  const WorkLock free_again(registry);
+}
+
+TEST(Work, aCircleOfStopsIsBrokenInTheEnd) NO_THREAD_SAFETY_ANALYSIS {
+  WorkMutex first, second;
+  const auto refused = [](WorkMutex& held, WorkMutex& wanted, std::promise<void>& holds, std::future<void> other_holds) {
+    const WorkLock work(held);
+    holds.set_value();
+    other_holds.get();
+    try {
+      wanted.pass_through();
+      return false;
+    } catch (const WouldWaitForItself&) {
+      return true;
+    }
+  };
+  std::promise<void> first_held, second_held;
+  auto one = std::async(std::launch::async, [&] { return refused(first, second, first_held, second_held.get_future()); });
+  const bool two = refused(second, first, second_held, first_held.get_future());
+  EXPECT_TRUE(one.get() || two);
+}
+
+TEST(Event, endsAWaitWhenItIsSetOrWhenTimeIsUp) {
+  FakeClock clock;
+  Event event;
+  EXPECT_FALSE(event.wait(clock, 0.0));
+  EXPECT_FALSE(event.wait(clock, -1.0));
+  auto waiting = std::async(std::launch::async, [&] { return event.wait(clock, 30.0); });
+  while (waiting.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready) clock.advance(31.0);
+  EXPECT_FALSE(waiting.get());
+  waiting = std::async(std::launch::async, [&] { return event.wait(clock, 30.0); });
+  event.set();
+  EXPECT_TRUE(waiting.get());
+  event.clear();
+  EXPECT_FALSE(event.is_set());
+}
+
+TEST(BackgroundThread, livesFromItsStartToItsEndAndIsNotJoinedByItself) {
+  const auto thread = std::make_shared<BackgroundThread>();
+  thread->join(Clock::real(), 30.0);  // one that never started
+  std::promise<void> go_on;
+  const auto owned = std::make_shared<int>(1);
+  std::promise<std::string> joined_itself;
+  thread->start("name", [&, thread, owned] {
+    joined_itself.set_value(failure_of([&] { return thread->join(Clock::real(), 30.0), 0; }));
+    go_on.get_future().get();
+  });
+  EXPECT_TRUE(thread->is_alive());
+  EXPECT_FALSE(thread->is_current());
+  EXPECT_EQ(joined_itself.get_future().get(), "RuntimeError: cannot join current thread");
+  thread->join(Clock::real(), 0.0);
+  EXPECT_TRUE(thread->is_alive());
+  go_on.set_value();
+  thread->join(Clock::real(), 30.0);
+  EXPECT_FALSE(thread->is_alive());
+  EXPECT_EQ(owned.use_count(), 1) << "what the body owned goes before the thread counts as ended";
+}
+
+}  // namespace
+}  // namespace brackenfen::sync

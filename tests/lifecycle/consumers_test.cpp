@@ -1,0 +1,278 @@
+// Starting, counting and stopping: what state each event leads to, and stopping from a callback on each thread.
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <sstream>
+
+#include "sync/base/descriptor.hpp"
+#include "sync/base/worker_thread.hpp"
+#include "tests/support/sync_setup.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testing::StartsWith;
+
+const PublishedFile ALPHA{"features/alpha.arrow", "alpha"};
+const PublishedFile BETA{"features/beta.arrow", "beta"};
+
+/// Calls back wherever the manager asks for a token.
+struct CallingToken : TokenSource {
+  std::string token() override {
+    if (const auto call = std::exchange(once, nullptr)) call();
+    return "token";
+  }
+  std::function<void()> once;
+};
+
+/// Calls back where a file has landed: on a download worker.
+struct CallingGuard : RuntimeFreshnessGuard {
+  void record_sync_update(std::string_view, std::string_view, std::string_view) override {
+    if (!called.exchange(true)) call();
+  }
+  std::atomic<bool> called{false};
+  std::function<void()> call;
+};
+
+class ConsumersTest : public testing::Test, protected SyncSetup {
+ protected:
+  ConsumersTest() { publish(1, {ALPHA, BETA}); }
+  ~ConsumersTest() override {
+    if (manager) manager->stop();
+    EXPECT_TRUE(wait_for_worker_threads(std::chrono::seconds(30)));
+  }
+  bool registered() { return SyncManager::_instances().count(directory.path()) > 0; }
+  std::string count_file() {
+    const std::string path = directory / ".consumer_count";
+    return std::filesystem::exists(path) ? read_file(path) : "";
+  }
+  void run(const std::string& event) {
+    if (event == "acquire") manager->acquire();
+    if (event == "release") manager->release();
+    if (event == "start") manager->start();
+    if (event == "stop") manager->stop();
+  }
+
+  std::shared_ptr<SyncManager> manager;
+};
+
+TEST_F(ConsumersTest, eachEventLeadsToItsState) {
+  struct Row {
+    const char* events;
+    bool running, consumer_counted;
+    std::int64_t count;
+    const char* file;  ///< empty where it was never written
+    bool registered = true;
+    const char* failure = "";
+  };
+  const Row rows[] = {
+      {"acquire", true, true, 1, "1"},
+      {"acquire acquire", true, true, 2, "2"},
+      {"acquire acquire release", true, true, 1, "1"},
+      {"acquire release", false, false, 0, "0", false},
+      {"acquire release release", false, false, 0, "0", false},
+      {"acquire release acquire", true, true, 1, "1", false},
+      {"acquire start", true, true, 1, "1", true, "StateError: SyncManager already running"},
+      {"acquire stop", false, false, 1, "1"},
+      {"acquire stop acquire", true, true, 2, "2"},
+      {"release", false, false, 0, ""},
+      {"stop", false, false, 0, ""},
+      {"start", true, false, 0, ""},
+      {"start start", true, false, 0, "", true, "StateError: SyncManager already running"},
+      {"start stop", false, false, 0, ""},
+      {"start acquire", true, false, 1, "1"},
+      {"start acquire release", false, false, 0, "0", false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.events);
+    std::filesystem::remove(directory / ".consumer_count");
+    manager = SyncManager::get_or_create(options());
+    std::string failure;
+    std::istringstream events(row.events);
+    for (std::string event; events >> event;) failure = failure_of([&] { return run(event), 0; });
+    EXPECT_EQ(failure, row.failure);
+    EXPECT_EQ(manager->_running, row.running);
+    EXPECT_EQ(manager->is_alive(), row.running);
+    EXPECT_EQ(manager->_consumer_lifecycle_started, row.consumer_counted);
+    const auto era_thread = manager->_era_thread.get();
+    EXPECT_EQ(era_thread && era_thread->is_alive(), row.consumer_counted);
+    EXPECT_EQ(manager->consumer_count(), row.count);
+    EXPECT_EQ(count_file(), row.file);
+    EXPECT_EQ(registered(), row.registered);
+    manager->stop();
+    manager.reset();
+  }
+}
+
+TEST_F(ConsumersTest, aCountLeftBehindKeepsTheThreadsUp) {
+  directory.write(".consumer_count", "3");
+  manager = open();
+  manager->acquire();
+  EXPECT_EQ(count_file(), "4");
+  EXPECT_TRUE(manager->is_alive());
+  manager->release();
+  EXPECT_EQ(count_file(), "3");
+  EXPECT_TRUE(manager->is_alive());
+
+  directory.write(".consumer_count", "-3");
+  const auto negative = open();
+  negative->release();
+  EXPECT_EQ(negative->consumer_count(), -3);
+  negative->acquire();
+  EXPECT_TRUE(negative->is_alive());
+  negative->stop();
+}
+
+TEST_F(ConsumersTest, aDirectoryThatCannotBeWrittenDoesNotStopTheLifecycle) {
+  std::filesystem::create_directory(directory / ".consumer_count");
+  manager = SyncManager::get_or_create(options());
+  manager->acquire();
+  EXPECT_TRUE(manager->is_alive());
+  manager->release();
+  EXPECT_FALSE(registered());
+  EXPECT_THAT(log.messages(LogLevel::Warning),
+              ElementsAre(StartsWith("Failed to read consumer count: "), StartsWith("Failed to persist consumer count: "),
+                          StartsWith("Failed to persist consumer count: ")));
+}
+
+TEST_F(ConsumersTest, aSecondStartOfTheEraThreadIsShownAndTheSyncThreadRuns) {
+  manager = open();
+  manager->acquire();
+  const auto first = manager->_sync_thread.get();
+  manager->_start_internal();
+  EXPECT_TRUE(manager->is_alive());
+  EXPECT_THAT(log.messages(LogLevel::Error), ElementsAre(StartsWith("Era synchronization: sync/state")));
+  manager->stop();
+  first->join(Clock::real(), 30.0);
+  EXPECT_FALSE(first->is_alive());
+}
+
+TEST_F(ConsumersTest, aStopWaitsForATransitionForTenSecondsAtMost) {
+  manager = open();
+  manager->start();
+  manager->_in_transition = true;
+  manager->stop();
+  EXPECT_THAT(clock.waits(), SizeIs(100));
+  EXPECT_TRUE(manager->_in_transition);
+  EXPECT_FALSE(manager->_running);
+}
+
+TEST_F(ConsumersTest, anInterruptedReleaseLeavesAStoppedManager) {
+  const auto token = std::make_shared<CallingToken>();
+  token_source = token;
+  manager = SyncManager::get_or_create(options());
+  std::promise<void> inside, go_on;
+  token->once = [&] {
+    inside.set_value();
+    go_on.get_future().get();
+  };
+  auto pass = std::async(std::launch::async, [&] { static_cast<void>(manager->sync()); });
+  inside.get_future().get();
+  manager->acquire();
+  const auto thread = manager->_sync_thread.get();
+  const auto interrupt = std::make_shared<InterruptToken>();
+  auto release = std::async(std::launch::async, [&] {
+    const InterruptScope scope(interrupt);
+    EXPECT_THROW(manager->release(), Interrupted);
+  });
+  interrupt->trip();
+  release.get();
+  EXPECT_EQ(manager->consumer_count(), 0);
+  EXPECT_FALSE(manager->_running);
+  EXPECT_FALSE(manager->is_alive());
+  EXPECT_FALSE(registered());
+  go_on.set_value();
+  pass.get();
+  manager->stop();
+  thread->join(Clock::real(), 30.0);
+  EXPECT_FALSE(thread->is_alive());
+}
+
+TEST_F(ConsumersTest, aCallbackMayReleaseTheLastConsumerOnWhateverThreadItRuns) {
+  const auto token = std::make_shared<CallingToken>();
+  const auto calling_guard = std::make_shared<CallingGuard>();
+  token_source = token;
+  guard = calling_guard;
+  std::promise<void> released;
+  const auto release = [&] {
+    manager->release();
+    released.set_value();
+  };
+  struct Row {
+    const char* thread;
+    std::function<void()> make_it_run;
+  };
+  const Row rows[] = {
+      {"the caller's, in a pass",
+       [&] {
+         token->once = release;
+         static_cast<void>(manager->sync());
+       }},
+      {"a download worker",
+       [&] {
+         calling_guard->call = release;
+         calling_guard->called = false;
+         static_cast<void>(manager->sync());
+       }},
+      {"the poll thread",
+       [&] {
+         token->once = release;
+         manager->_in_transition = false;
+       }},
+      {"a repair thread",
+       [&] {
+         static_cast<void>(manager->sync());
+         token->once = release;
+         manager->report_corruption(ALPHA.path);
+       }},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.thread);
+    calling_guard->called = true;
+    released = {};
+    std::filesystem::remove(directory / "manifest.json");
+    for (const PublishedFile& file : {ALPHA, BETA}) std::filesystem::remove(directory / file.path);
+    manager = SyncManager::get_or_create(options());
+    manager->_in_transition = true;  // keeps the poll thread out of the way
+    manager->acquire();
+    row.make_it_run();
+    const std::future<void> done = released.get_future();
+    while (done.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready) clock.advance(10);
+    EXPECT_FALSE(manager->_running);
+    EXPECT_FALSE(registered());
+    ASSERT_TRUE(wait_for_worker_threads(std::chrono::seconds(30)));
+  }
+}
+
+TEST_F(ConsumersTest, aCallbackThatWouldWaitForItsOwnPassIsRefused) {
+  const auto token = std::make_shared<CallingToken>();
+  token_source = token;
+  manager = SyncManager::get_or_create(options());
+  std::string inside;
+  token->once = [&] { inside = failure_of([&] { return manager->sync(); }); };
+  static_cast<void>(manager->sync());
+  EXPECT_THAT(inside, StartsWith("StateError: "));
+
+  // A release on another thread waits for this pass under the registry's lock.
+  manager->acquire();
+  std::future<void> release;
+  token->once = [&] {
+    release = std::async(std::launch::async, [&] { manager->release(); });
+    do inside = failure_of([&] { return SyncManager::get_or_create(options()); });
+    while (inside.empty());
+    manager->release();  // one too many does nothing, and waits for nothing
+  };
+  static_cast<void>(manager->sync());
+  release.get();
+  EXPECT_THAT(inside, StartsWith("StateError: "));
+}
+
+}  // namespace
+}  // namespace brackenfen::sync
