@@ -39,6 +39,8 @@ int traverse(PyObject* self, visitproc visit, void* arg) noexcept {
   };
   if (const int stop = follow(handle.core->_get_token.get()); stop != 0) return stop;
   if (const int stop = follow(handle.core->runtime_freshness_guard.get()); stop != 0) return stop;
+  for (const auto& callback : handle.core->era_callbacks().list())
+    if (const int stop = follow(callback); stop != 0) return stop;
   return follow(handle.core->_active_rotation_state.get());
 }
 
@@ -49,6 +51,8 @@ int clear(PyObject* self) noexcept {
   handle.core->_get_token.set(std::make_shared<CollectedTokenSource>());
   handle.core->runtime_freshness_guard.set(nullptr);
   handle.core->_active_rotation_state.set(nullptr);
+  handle.core->era_callbacks().clear();
+  handle.core->_era_thread.set(nullptr);  // one that was never stopped shares in the token source
   return 0;
 }
 
@@ -178,6 +182,7 @@ void bind_manager(nb::module_& module) {
   bind_construction(bound);
   bind_pass(bound);
   bind_manager_documents(bound);
+  bind_manager_lifecycle(bound);
   bind_manager_downloads(bound);
   bind_manager_integrity(bound);
   bind_manager_fields(bound);

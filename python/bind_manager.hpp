@@ -26,6 +26,21 @@ struct ManagerObject {
   }
 };
 
+/// Runs a call that ends something. Once the interpreter is going it returns at once, whatever would have to be waited for.
+template <typename Work>
+void quietly_at_exit(Work&& work) {
+  const bool late = gate::exiting();
+  try {
+    detached(std::forward<Work>(work));
+  } catch (const Interrupted&) {
+    if (!late) throw;
+  }
+}
+/// Throws StateError once the interpreter is going: nothing is started any more.
+inline void require_running_interpreter() {
+  if (gate::exiting()) throw StateError("the interpreter is shutting down");
+}
+
 /// The same Python object for the same live manager.
 [[nodiscard]] nb::object manager_to_python(const std::shared_ptr<SyncManager>& core);
 
@@ -43,6 +58,7 @@ void into_result(nb::handle result, Download&& download) {
 }
 
 void bind_manager_documents(nb::class_<ManagerObject>& bound);
+void bind_manager_lifecycle(nb::class_<ManagerObject>& bound);
 void bind_manager_downloads(nb::class_<ManagerObject>& bound);
 void bind_manager_integrity(nb::class_<ManagerObject>& bound);
 void bind_manager_fields(nb::class_<ManagerObject>& bound);

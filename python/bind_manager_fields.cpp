@@ -117,9 +117,9 @@ void bind_manager_fields(Bound& bound) {
   add_host_objects(bound);
   add_documents(bound);
   add_collections(bound);
-  // No thread of the library runs in the background yet.
-  for (const char* name : {"_sync_thread", "_era_thread", "_cleanup_thread"})
-    bound.def_prop_ro(name, [](const ManagerObject&) { return nb::none(); });
+  bound.def_prop_ro("_sync_thread", [](const ManagerObject& self) { return thread_to_python(self.core->_sync_thread.get()); })
+      .def_prop_ro("_era_thread", [](const ManagerObject& self) { return era_thread_to_python(self.core->_era_thread.get()); })
+      .def_prop_ro("_cleanup_thread", [](const ManagerObject&) { return nb::none(); });  // nothing cleans up in the background yet
 }
 
 }  // namespace brackenfen::sync::python

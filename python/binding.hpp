@@ -12,6 +12,7 @@
 #include "python/values.hpp"
 #include "sync/documents/manifest.hpp"
 #include "sync/engine/results.hpp"
+#include "sync/era/era_thread.hpp"
 
 namespace brackenfen::sync::python {
 
@@ -29,6 +30,7 @@ void bind_signals_index(nb::module_& module);
 void bind_vocabulary(nb::module_& module);
 void bind_shuffle_seed(nb::module_& module);
 void bind_manager(nb::module_& module);
+void bind_era_thread(nb::module_& module);
 
 /// An argument that accepts any object, None included; the body converts it and names it in a TypeError.
 [[nodiscard]] constexpr auto any(const char* name) { return nb::arg(name).none(); }
@@ -59,6 +61,13 @@ nb::object filtered(nb::handle object, const char* name, Filter&& filter) {
 [[nodiscard]] SyncResult sync_result_argument(nb::handle object);
 void update_sync_result(nb::handle object, const SyncResult& result);
 [[nodiscard]] nb::object verify_result_to_python(const VerifyResult& result);
+
+// ---- threads ---------------------------------------------------------------------------------------------
+
+/// An object with is_alive(); None for nullptr.
+[[nodiscard]] nb::object thread_to_python(const std::shared_ptr<BackgroundThread>& thread);
+/// The same Python object for the same live watcher; None for nullptr.
+[[nodiscard]] nb::object era_thread_to_python(const std::shared_ptr<EraThread>& core);
 
 // ---- manifests -------------------------------------------------------------------------------------------
 

@@ -41,6 +41,22 @@ template <typename T>
 [[nodiscard]] std::shared_ptr<const RotationState> rotation_state(nb::handle object);
 [[nodiscard]] RetryStatusCallback retry_status_callback(nb::handle callable);
 
+/// Equal where the host's callables are.
+[[nodiscard]] std::shared_ptr<EraCallback> era_callback(nb::handle callable);
+
+/// Stops or restarts the host's searches. Kept as a type of its own so that the callable can be handed back.
+struct HostSearchesFn {
+  SharedRef callable;
+  void operator()() const;
+};
+/// Empty for None.
+[[nodiscard]] SearchesFn searches_fn(nb::handle callable);
+/// The host's own callable behind it, a new one that calls it, or None where it is empty.
+[[nodiscard]] nb::object searches_callable(const SearchesFn& searches_fn);
+
+/// Any object with `_manifest` and `trigger_era_transition`.
+[[nodiscard]] std::shared_ptr<EraManager> era_manager(nb::handle object);
+
 /// A stop callback of the host. Kept as a type of its own so that the callable can be handed back.
 struct StopCallback {
   SharedRef callable;

@@ -306,13 +306,18 @@ nb::object make_exception(const Error& error) {
   return error.text().empty() ? python_class() : python_class(text);
 }
 
+nb::object exception_of(const Error& error) {
+  if (const auto* origin = dynamic_cast<const PythonOrigin*>(error.origin().get())) return nb::borrow(origin->exception.get());
+  return make_exception(error);
+}
+
 void raise_in_python(const Error& error) noexcept {
   try {
-    if (const auto* origin = dynamic_cast<const PythonOrigin*>(error.origin().get())) {
-      PyErr_SetRaisedException(nb::borrow(origin->exception.get()).release().ptr());
+    const nb::object exception = exception_of(error);
+    if (error.origin()) {
+      PyErr_SetRaisedException(nb::object(exception).release().ptr());
       return;
     }
-    const nb::object exception = make_exception(error);
     PyErr_SetObject(exception.type().ptr(), exception.ptr());
   } catch (nb::python_error& failure) {
     failure.restore();

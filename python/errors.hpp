@@ -28,6 +28,8 @@ void bind_errors(nb::module_& module);
 
 /// A new Python exception for an error of the core. Attached threads only.
 [[nodiscard]] nb::object make_exception(const Error& error);
+/// The exception that stands for it: the host's own, or a new one. Attached threads only.
+[[nodiscard]] nb::object exception_of(const Error& error);
 /// Sets the error as Python's current exception. Attached threads only.
 void raise_in_python(const Error& error) noexcept;
 

@@ -72,6 +72,7 @@ class LoggingSink : public LogSink {
         extra["brackenfen_sync_event"] = to_python(*record.event);
         keywords["extra"] = extra;
       }
+      if (record.error != nullptr) keywords["exc_info"] = exception_of(*record.error);
       logger_.get().attr("log")(*arguments, **keywords);
     });
   }

@@ -43,6 +43,7 @@ void bind_all(nb::module_& module) {
   bind_signals_index(module);
   bind_vocabulary(module);
   bind_shuffle_seed(module);
+  bind_era_thread(module);
   bind_manager(module);
   module.def("__getattr__", module_getattr, nb::arg("name"));
 }

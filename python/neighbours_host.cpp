@@ -150,6 +150,23 @@ class HostFunctionsVocabulary : public FunctionsVocabulary {
   PyRef module_;
 };
 
+class HostLoggingStyle : public LoggingStyle {
+ public:
+  explicit HostLoggingStyle(nb::handle module) : module_(module) {}
+  void log_library_surface_event(const SurfaceEvent& event) const override {
+    call_python([&] {
+      module_.get().attr("log_library_surface_event")(
+          to_python(event.message), to_python(event.level), nb::arg("sub_service") = to_python(event.sub_service),
+          nb::arg("component") = to_python(event.component), nb::arg("metadata") = to_python(event.metadata),
+          nb::arg("source_function") = to_python(event.source_function), nb::arg("source_file") = to_python(event.source_file),
+          nb::arg("source_line") = event.source_line);
+    });
+  }
+
+ private:
+  PyRef module_;
+};
+
 NeighbourModule& transport_security_module() {
   static NeighbourModule& module = *new NeighbourModule("_transport_security");
   return module;
@@ -187,6 +204,10 @@ NeighbourModule& functions_vocabulary_module() {
   static NeighbourModule& module = *new NeighbourModule("_functions_vocabulary");
   return module;
 }
+NeighbourModule& logging_style_module() {
+  static NeighbourModule& module = *new NeighbourModule("logging_style");
+  return module;
+}
 
 /// One neighbour of one operation, looked up when it is first asked for.
 template <typename Interface, typename Adapter>
@@ -221,6 +242,7 @@ class HostNeighbourSet : public NeighbourSet {
   const ReasonDescriptions& reason_descriptions() override { return reason_descriptions_.get(reason_descriptions_module()); }
   const FunctionTokenSafety& function_token_safety() override { return function_token_safety_.get(function_token_safety_module()); }
   const FunctionsVocabulary& functions_vocabulary() override { return functions_vocabulary_.get(functions_vocabulary_module()); }
+  const LoggingStyle& logging_style() override { return logging_style_.get(logging_style_module()); }
 
  private:
   Bound<TransportSecurity, HostTransportSecurity> transport_security_;
@@ -232,6 +254,7 @@ class HostNeighbourSet : public NeighbourSet {
   Bound<ReasonDescriptions, HostReasonDescriptions> reason_descriptions_;
   Bound<FunctionTokenSafety, HostFunctionTokenSafety> function_token_safety_;
   Bound<FunctionsVocabulary, HostFunctionsVocabulary> functions_vocabulary_;
+  Bound<LoggingStyle, HostLoggingStyle> logging_style_;
 };
 
 class HostNeighbours : public Neighbours {

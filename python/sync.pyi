@@ -34,6 +34,23 @@ class RuntimeFreshnessGuard(Protocol):
     def record_sync_update(self, *, relative_path: str, kind: str, sha256: str) -> object:
         """Called on the thread that landed the file. What it raises ends the operation."""
 
+@type_check_only
+class EraManager(Protocol):
+    """What an EraThread needs of a manager of the host's own."""
+
+    @property
+    def _manifest(self) -> Any:
+        """An object with era_number, or None."""
+
+    def trigger_era_transition(
+        self,
+        *,
+        new_era_id: int | None,
+        kill_searches_fn: Callable[[], object] | None,
+        restart_searches_fn: Callable[[], object] | None,
+    ) -> object:
+        """Called on the watcher's thread."""
+
 # ---- errors -------------------------------------------------------------------------------------------------
 
 class SyncError(Exception):
@@ -275,6 +292,88 @@ class SyncManager:
 
     def status(self) -> str | None:
         """Human-readable status, or None."""
+
+    # Background work. Two ways to have it: acquire and release count consumers and run polling and the era watcher;
+    # start and stop run polling alone.
+
+    def acquire(self) -> None:
+        """Register as consumer, start threads if first.
+
+        The count is kept in the directory's .consumer_count: one that a crash left behind keeps the threads up until
+        the process ends. Raises StateError once the interpreter is shutting down.
+        """
+
+    def release(self) -> None:
+        """Deregister as consumer, stop threads if last; the manager then leaves the process's registry.
+
+        The last one waits for a sync that is under way, however long that takes; Ctrl-C ends the wait, and the manager
+        counts as stopped then. Does nothing without consumers.
+        """
+
+    def consumer_count(self) -> int:
+        """Return the current number of active consumers."""
+
+    def start(self) -> None:
+        """Start background sync polling loop. Raises StateError where it runs."""
+
+    def stop(self) -> None:
+        """Stop background sync polling loop, and the era watcher where it runs. Waits as release does; leaves the count."""
+
+    def is_alive(self) -> bool:
+        """Health check returning thread responsiveness."""
+
+    def request_for_sync(self) -> list[str]:
+        """Cross-process sync trigger, returns file paths.
+
+        Absolute paths of found signal and strategy PnL files, newest first: those that this sync brought, else all.
+        While another request of this process runs, waits for it, at most 30 seconds, and returns all.
+        Raises StateError in an era transition and where the manager does not run, and what sync raises.
+        """
+
+    def report_corruption(self, file_path: str) -> None:
+        """Cross-process corruption report, queues async repair.
+
+        file_path is relative, as the manifest has it. Raises StateError where the manager does not run, ValueError for
+        a path that the manifest lacks.
+        """
+
+    def register_era_callback(self, callback: Callable[[str, int], object]) -> None:
+        """Register a callback for era change events.
+
+        callback(event_type, era_number) with "kill" (stop workers), "restart" or "abort" (resume), on the thread that
+        drives the transition, which waits for it. What it raises is logged. A callable may be registered twice.
+        """
+
+    def unregister_era_callback(self, callback: Callable[[str, int], object]) -> None:
+        """Unregister an era change callback: the first equal one. One that is not registered is ignored."""
+
+# ---- era ----------------------------------------------------------------------------------------------------
+
+class EraThread:
+    """The thread that watches which era the server calls current. It does not ask the server yet.
+
+    The first acquire of a manager starts one; a host may also build its own.
+    """
+
+    def __init__(
+        self,
+        server_url: str,
+        get_token: TokenSource | Callable[[], str],
+        sync_manager: SyncManager | EraManager,
+        era_poll_interval_s: float = 600.0,
+        kill_searches_fn: Callable[[], object] | None = None,
+        restart_searches_fn: Callable[[], object] | None = None,
+    ) -> None:
+        """era_poll_interval_s: the pause between polls, in seconds. Raises ValueError for an unacceptable server_url."""
+
+    def start(self) -> None:
+        """Start the thread. Raises StateError where it was started and not stopped."""
+
+    def stop(self) -> None:
+        """Tell the thread to end and wait for it, at most 10 seconds. A transition that is under way goes on."""
+
+    def is_alive(self) -> bool:
+        """Whether the thread runs."""
 
 # ---- back-off -----------------------------------------------------------------------------------------------
 

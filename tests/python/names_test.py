@@ -112,7 +112,7 @@ def test_the_stub_tells_the_truth() -> None:
     """Every public name of the stub exists, and every public name that exists is in the stub."""
     stub = pathlib.Path(sync.__file__).with_name("sync.pyi")
     tree = ast.parse(stub.read_text())
-    protocols = {"TokenSource", "RuntimeFreshnessGuard"}
+    protocols = {"TokenSource", "RuntimeFreshnessGuard", "EraManager"}
     listed = {node.name: node for node in tree.body if isinstance(node, (ast.ClassDef, ast.FunctionDef))}
     assigned = {node.target.id for node in tree.body if isinstance(node, ast.AnnAssign) and isinstance(node.target, ast.Name)}
     aliases = {node.name.id for node in tree.body if isinstance(node, ast.TypeAlias)}
@@ -120,7 +120,7 @@ def test_the_stub_tells_the_truth() -> None:
     missing = [name for name in (listed.keys() | assigned) - protocols if not hasattr(sync, name)]
     public = {name for name in vars(sync) if not name.startswith("_")}
     assert missing == [] and public - listed.keys() - assigned == set()
-    for name in ("SyncManager", "Manifest"):
+    for name in ("SyncManager", "Manifest", "EraThread"):
         node = listed[name]
         assert isinstance(node, ast.ClassDef)
         members = {item.name for item in node.body if isinstance(item, ast.FunctionDef)}

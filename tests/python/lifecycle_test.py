@@ -1,0 +1,206 @@
+"""Consumers, threads, requests and callbacks, as a host sees them."""
+
+import gc
+import logging
+import os
+import pathlib
+import threading
+import types
+import weakref
+from collections.abc import Callable, Iterator
+from typing import Any
+
+import brackenfen.sync as sync
+import pytest
+
+
+@pytest.fixture
+def running(manager: sync.SyncManager, server: Any) -> Iterator[sync.SyncManager]:
+    server.add("found_signals/pool/one/signal_is/pnl.arrow", b"pnl", "found_signal_is_pnl")
+    manager.acquire()
+    yield manager
+    manager.stop()
+
+
+def test_threads_can_be_asked_whether_they_live(running: sync.SyncManager, server: Any) -> None:
+    sync_thread, era_thread = running._sync_thread, running._era_thread
+    assert sync_thread.is_alive() and era_thread.is_alive() and running.is_alive() and running.consumer_count() == 1
+    assert isinstance(era_thread, sync.EraThread) and running._era_thread is era_thread
+    assert (era_thread._server_url, era_thread._poll_interval, era_thread._started) == (server.url, 5.0, True)
+    running.release()
+    assert not sync_thread.is_alive() and not era_thread.is_alive()
+    assert (running._sync_thread, running._era_thread, running._running) == (None, None, False)
+    assert running._data_dir not in sync.SyncManager._instances
+
+
+def test_requests_of_the_host(running: sync.SyncManager, server: Any) -> None:
+    path = f"{running._data_dir}/found_signals/pool/one/signal_is/pnl.arrow"
+    assert running.request_for_sync() == [path] == running._get_found_file_paths()
+    landed = threading.Event()
+    running.runtime_freshness_guard = types.SimpleNamespace(record_sync_update=lambda **_: landed.set())
+    pathlib.Path(path).write_bytes(b"bad")
+    running.report_corruption(file_path="found_signals/pool/one/signal_is/pnl.arrow")
+    assert landed.wait(20) and pathlib.Path(path).read_bytes() == b"pnl"
+    with pytest.raises(ValueError, match="^File not in manifest: x$"):
+        running.report_corruption("x")
+    pathlib.Path(running._data_dir, ".transition_lock").touch()
+    with pytest.raises(sync.StateError, match="^Sync is in era transition mode — request_for_sync rejected$"):
+        running.request_for_sync()
+
+
+class Worker:
+    def __init__(self) -> None:
+        self.seen: list[tuple[str, int, str]] = []
+
+    def on_era(self, event_type: str, era_number: int) -> None:
+        self.seen.append((event_type, era_number, threading.current_thread().name))
+
+
+def test_era_callbacks(manager: sync.SyncManager, records: pytest.LogCaptureFixture) -> None:
+    worker, failure = Worker(), KeyError("no")
+
+    def fails(*_: object) -> None:
+        raise failure
+
+    def leaves(*_: object) -> None:
+        manager.unregister_era_callback(leaves)
+        worker.seen.append(("left", 0, ""))
+
+    for callback in (worker.on_era, fails, leaves, worker.on_era):
+        manager.register_era_callback(callback)
+    manager._kill_fn()
+    manager._manifest = sync.Manifest({"era_number": 7})
+    manager.unregister_era_callback(callback=worker.on_era)  # another object, but an equal one
+    manager.unregister_era_callback(print)
+    manager._restart_fn()
+    here = threading.current_thread().name
+    assert worker.seen == [("kill", 0, here), ("left", 0, ""), ("kill", 0, here), ("restart", 7, here)]
+    first, _ = [record for record in records.records if record.levelno == logging.WARNING]
+    assert first.msg == "Era callback failed (%s): %s" and first.args == (str(fails), "'no'")
+    assert first.exc_info is not None and first.exc_info[1] is failure
+
+
+@pytest.mark.parametrize("interrupt", [KeyboardInterrupt, SystemExit])
+def test_an_interrupt_of_a_callback_is_no_failure(manager: sync.SyncManager, interrupt: type[BaseException]) -> None:
+    def raises(*_: object) -> None:
+        raise interrupt
+
+    manager.register_era_callback(raises)
+    with pytest.raises(interrupt):
+        manager._kill_fn()
+
+
+def test_a_failure_to_start_is_told_in_the_hosts_style(running: sync.SyncManager, neighbour: Callable[..., Any]) -> None:
+    told: list[tuple[tuple[Any, ...], dict[str, Any]]] = []
+    neighbour("logging_style", log_library_surface_event=lambda *arguments, **named: told.append((arguments, named)))
+    running._start_internal()
+    [(arguments, named)] = told
+    assert arguments == ("Era synchronization", "error") and named.pop("source_line") > 0
+    assert named == {
+        "sub_service": "sync", "component": "state", "metadata": {"reason": "era_thread_start_state"},
+        "source_function": "_start_internal", "source_file": "sync/lifecycle/consumers.cpp",
+    }  # fmt: skip
+
+
+def test_an_era_thread_of_the_hosts_own() -> None:
+    with pytest.raises(ValueError):
+        sync.EraThread("http://example.com", None, None)
+    manager = types.SimpleNamespace(_manifest=types.SimpleNamespace(era_number=2**70), trigger_era_transition=None)
+    watcher = sync.EraThread(server_url="http://localhost", get_token=str, sync_manager=manager, era_poll_interval_s=7)
+    assert (watcher._poll_interval, watcher._last_known_era_id, watcher._started, watcher.is_alive()) == (7, None, False, False)
+    watcher.stop()
+    watcher.start()
+    assert watcher.is_alive() and watcher._last_known_era_id == 2**70
+    with pytest.raises(sync.StateError, match="^EraThread already started$"):
+        watcher.start()
+    watcher.stop()
+    assert not watcher.is_alive() and not watcher._started
+    fields = {"_in_closing": True, "_transition_failed": True, "_last_transition_error": "closing: x", "_last_known_state": "active"}
+    for name, value in fields.items():
+        assert not getattr(watcher, name)
+        setattr(watcher, name, value)
+    assert {name: getattr(watcher, name) for name in fields} == fields
+
+
+class Holder:
+    """Refers back to what refers to it."""
+
+    owner: Any
+
+    def __call__(self, *_: object) -> str:
+        return "t"
+
+
+def owned_by_a_manager(holder: Holder, directory: pathlib.Path) -> Any:
+    manager = sync.SyncManager.get_or_create(directory, "http://127.0.0.1:1", str)
+    manager.register_era_callback(holder)
+    return manager
+
+
+def owned_by_a_watcher(holder: Holder, _: pathlib.Path) -> Any:
+    return sync.EraThread("http://127.0.0.1:1", holder, holder, 1, holder, holder)
+
+
+@pytest.mark.parametrize("own", [owned_by_a_manager, owned_by_a_watcher])
+def test_no_cycle_through_callbacks_survives(tmp_path: pathlib.Path, own: Callable[..., Any]) -> None:
+    holder = Holder()
+    holder.owner = own(holder, tmp_path)
+    gone = weakref.ref(holder), weakref.ref(holder.owner)
+    del holder
+    gc.collect()
+    assert [reference() for reference in gone] == [None, None]
+
+
+def test_a_running_manager_outlives_its_last_reference_and_a_stopped_one_does_not(tmp_path: pathlib.Path, server: Any) -> None:
+    holder = Holder()
+    holder.owner = sync.SyncManager.get_or_create(tmp_path, server.url, holder)
+    holder.owner.register_era_callback(lambda *_: holder.owner.consumer_count())
+    holder.owner.acquire()
+    gone = weakref.ref(holder)
+    del holder
+    gc.collect()
+    manager = sync.SyncManager._instances[str(tmp_path)]
+    assert manager.is_alive() and manager._get_token() == "t" and gone() is not None
+    manager.release()
+    del manager
+    gc.collect()
+    assert gone() is None
+
+
+def test_the_last_reference_may_go_in_a_callback(tmp_path: pathlib.Path) -> None:
+    holder = Holder()
+    holder.owner = sync.SyncManager(tmp_path, "http://127.0.0.1:1", str)
+    holder.owner.register_era_callback(lambda *_: delattr(holder, "owner"))
+    notify = holder.owner._kill_fn
+    notify()
+    del notify
+    gc.collect()
+    assert not hasattr(holder, "owner")
+
+
+def count(directory: str) -> int:
+    return len(os.listdir(f"/proc/self/{directory}"))
+
+
+def test_acquire_and_release_leave_nothing_behind(tmp_path: pathlib.Path, server: Any, wait_until: Callable[..., None]) -> None:
+    managers: list[weakref.ref[sync.SyncManager]] = []
+
+    def cycle() -> None:
+        manager = sync.SyncManager.get_or_create(tmp_path, server.url, str)
+        manager.acquire()
+        manager.release()
+        managers.append(weakref.ref(manager))
+        server.requests.clear()
+
+    for _ in range(20):
+        cycle()
+    wait_until(lambda: count("task") <= 3)  # this thread and the server's
+    descriptors, objects = count("fd"), len(gc.get_objects())
+    for _ in range(1000):
+        cycle()
+    wait_until(lambda: count("task") <= 3 and count("fd") <= descriptors)
+    gc.collect()
+    assert all(reference() is None for reference in managers)
+    managers.clear()
+    assert len(gc.get_objects()) - objects < 50
+    assert (tmp_path / ".consumer_count").read_text() == "0"
