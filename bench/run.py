@@ -2,13 +2,15 @@
 
     ./dev bench [NAME ...] [--rounds N]
 
-Names: pass, checks, manifest, hash, download, serve. Data and servers live in build/bench; nothing leaves this machine.
+Names: pass, checks, lifecycle, manifest, hash, download, serve. Data and servers live in build/bench; nothing leaves this
+machine.
 """
 
 from __future__ import annotations
 
 import argparse
 import json
+import os
 import statistics
 import subprocess
 import sys
@@ -70,6 +72,30 @@ def bench_checks() -> bool:
     small = f"{seen['verify_small_ms']} ms = {seen['verify_small_ratio']:.3f} x bare loop ({seen['bare_small_ms']} ms)"
     print(f"    100,000 files of 64 bytes, where the system's calls are all the work: verify {small}")
     return met
+
+
+def bench_lifecycle() -> bool:
+    seen = run_binary("bench_lifecycle", str(WORK))
+    met = report(
+        "acquire, release, stopped",
+        f"{seen['acquire_ms']:.1f} ms, {seen['release_ms']:.1f} ms (longest of 50)",
+        "50 ms each",
+        max(seen["acquire_ms"], seen["release_ms"]) <= 50,
+    )
+    met &= report(
+        "idle round, 100,000 files",
+        f"{seen['poll_ms']:.1f} ms; needs_sync {seen['needs_sync_ms']:.1f} ms",
+        "2% of a 5 s interval beyond it",
+        seen["poll_ms"] - seen["needs_sync_ms"] <= 100,
+    )
+    directory = WORK / "idle"
+    directory.mkdir(exist_ok=True)
+    environment = dict(os.environ, PYTHONPATH=str(ROOT / "build" / "release" / "python"))
+    done = subprocess.run(
+        [sys.executable, str(ROOT / "bench" / "idle_round.py"), str(directory)], check=True, capture_output=True, text=True, env=environment
+    )
+    idle_ms = json.loads(done.stdout)["idle_round_ms"]
+    return met & report("idle round, in a host", f"{idle_ms:.2f} ms of processor time, the GIL's included", "1 ms with the GIL", idle_ms < 1)
 
 
 def bench_manifest() -> bool:
@@ -138,6 +164,7 @@ def main() -> int:
     benches: dict[str, Callable[[], bool]] = {
         "pass": bench_pass,
         "checks": bench_checks,
+        "lifecycle": bench_lifecycle,
         "manifest": bench_manifest,
         "hash": bench_hash,
         "download": lambda: bench_download(options.rounds),
