@@ -147,9 +147,10 @@ void bind_era_thread(nb::module_& module) {
       .def("__init__", construct, any("server_url"), any("get_token"), any("sync_manager"),
            nb::arg("era_poll_interval_s").none() = EraThread::DEFAULT_POLL_INTERVAL_SECONDS, nb::arg("kill_searches_fn") = nb::none(),
            nb::arg("restart_searches_fn") = nb::none(),
-           nb::sig("def __init__(self, server_url: str, get_token: collections.abc.Callable[[], str], sync_manager: SyncManager | EraManager, "
-                   "era_poll_interval_s: float = 600.0, kill_searches_fn: collections.abc.Callable[[], object] | None = None, "
-                   "restart_searches_fn: collections.abc.Callable[[], object] | None = None) -> None"),
+           nb::sig(
+               "def __init__(self, server_url: str, get_token: collections.abc.Callable[[], str], sync_manager: SyncManager | EraManager, "
+               "era_poll_interval_s: float = 600.0, kill_searches_fn: collections.abc.Callable[[], object] | None = None, "
+               "restart_searches_fn: collections.abc.Callable[[], object] | None = None) -> None"),
            "era_poll_interval_s: the pause between polls, in seconds. Raises ValueError for an unacceptable server_url.")
       .def(
           "start",

@@ -148,7 +148,11 @@ void SyncManager::_stop_internal() {
     if (called_by_its_work) return;  // a transition cannot end before this call does
     for (int round = 0; round < TRANSITION_WAIT_ROUNDS && _in_transition; ++round) seams_.clock->sleep(TRANSITION_WAIT_SECONDS);
   });
-  unless_interrupted([&] { _sync_lock.pass_through(); });  // a pass that is under way has ended then
+  unless_interrupted([&] {
+    // Until a pass that is under way has ended. While the caller's own work holds the directory lock there is none, or
+    // it waits for that lock.
+    if (!called_by_its_work) _sync_lock.pass_through();
+  });
   unless_interrupted([&] {
     const std::shared_ptr<BackgroundThread> thread = _sync_thread.get();
     if (thread && !thread->is_current()) thread->join(*seams_.clock, JOIN_SECONDS);

@@ -109,7 +109,11 @@ void DirectoryLock::_release_flock() {
 void DirectoryLock::close_leftover() {
   take_owner(WorkWait::Patience::Stopping);
   const OwnerDrop drop(*this);
-  close_flock_file();
+  try {
+    if (flock_file_) flock_file_.close();
+  } catch (const Error& error) {
+    log_debug("Failed to close file descriptor: %s", error.text());
+  }
   unlock_directory();
 }
 

@@ -66,6 +66,7 @@ std::vector<std::string> SyncManager::_get_found_file_paths() {
   require_own_process();
   const std::shared_ptr<Manifest> manifest = _manifest.get();
   if (!manifest) return {};
+  _validate_membership_referenced_found_pnl_kinds(*manifest);
   std::vector<Dated> found;
   const Value files = manifest->files();
   const Document* entries = files.if_document();
