@@ -2,34 +2,15 @@
 // Limits: acquire and release 50 ms each. The rest is for looking at.
 #include <ctime>
 
+#include <thread>
+
 #include "bench/dataset.hpp"
-#include "sync/base/log.hpp"
+#include "bench/memory_server.hpp"
 #include "sync/engine/sync_manager.hpp"
 
 using namespace brackenfen::sync;
 
 namespace {
-
-class MemoryResponse : public HttpResponse {
- public:
-  explicit MemoryResponse(std::string_view body) : body_(body) {}
-  int status() const override { return 200; }
-  const Headers& headers() const override { return headers_; }
-  void read_body(BodySink& sink, std::optional<double>, std::uint64_t limit) override { sink.accept(body_.substr(0, limit)); }
-
- private:
-  std::string_view body_;
-  Headers headers_;
-};
-
-/// Answers from memory: the network is no part of what is measured here.
-class MemoryServer : public HttpClient {
- public:
-  std::string manifest, version;
-  std::unique_ptr<HttpResponse> open(const HttpRequest& request, double, const TransportSecurity&) override {
-    return std::make_unique<MemoryResponse>(request.url.ends_with("/version") ? version : manifest);
-  }
-};
 
 double thread_cpu_seconds() {
   timespec now{};
@@ -51,9 +32,9 @@ int main(int argc, char** argv) {
   const std::string directory = join_path(argc > 1 ? argv[1] : ".", "pass");
   make_directories(directory);
   bench::make_files(directory, FILES);
-  MemoryServer server;
-  server.manifest = write_json(Value(bench::make_manifest(FILES, 1)), JsonForm::InsertionOrder);
-  server.version = R"({"version": 1, "era_number": 12})";
+  const Document manifest = bench::make_manifest(FILES, 1);
+  bench::MemoryServer server;
+  server.publish(manifest);
   Seams seams = Seams::real();
   seams.http = &server;
   const auto manager = std::make_shared<SyncManager>(SyncManager::Options{.data_dir = directory,
@@ -61,7 +42,8 @@ int main(int argc, char** argv) {
                                                                           .get_token = fixed_token("t"),
                                                                           .runtime_freshness_guard = nullptr,
                                                                           .seams = seams});
-  static_cast<void>(manager->sync());
+  manager->_manifest.set(std::make_shared<Manifest>(*seams.neighbours->bind(), Value(manifest)));
+  static_cast<void>(manager->needs_sync());  // fills the hash cache
 
   // The poll thread's first round would be in flight: a transition keeps it idle, and is over before the release.
   double acquire_ms = 0;

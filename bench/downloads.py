@@ -1,4 +1,4 @@
-"""The network benchmarks: downloads from nginx on loopback, and the embedded server beside nginx."""
+"""The network benchmarks: downloads from nginx on loopback, the embedded server beside nginx, and an idle poll."""
 
 from __future__ import annotations
 
@@ -173,3 +173,18 @@ def measure_servers(root: Path, work: Path, rounds: int) -> dict[str, Any]:
     finally:
         shutil.rmtree(base, ignore_errors=True)
     return seen
+
+
+def measure_idle_round(root: Path, work: Path) -> float:
+    """Milliseconds of processor time that a round of the poll thread takes with nothing to do, on a small data set."""
+    tree, data = work / "idle" / "tree", work / "idle" / "data"
+    shutil.rmtree(work / "idle", ignore_errors=True)
+    data.mkdir(parents=True)
+    tool = root / "build" / "release" / "bin" / "brackenfen-distribution"
+    subprocess.run([tool, "sample", tree, "--files", "20", "--bytes", "100000"], check=True, stdout=subprocess.DEVNULL)
+    environment = dict(os.environ, PYTHONPATH=str(root / "build" / "release" / "python"))
+    with embedded(root, tree) as url:
+        command = [sys.executable, str(root / "bench" / "idle_round.py"), url, str(data)]
+        done = subprocess.run(command, check=True, capture_output=True, text=True, env=environment)
+    milliseconds: float = json.loads(done.stdout)["idle_round_ms"]
+    return milliseconds

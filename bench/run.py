@@ -10,7 +10,6 @@ from __future__ import annotations
 
 import argparse
 import json
-import os
 import statistics
 import subprocess
 import sys
@@ -18,7 +17,7 @@ from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
-from downloads import measure_downloads, measure_servers
+from downloads import measure_downloads, measure_idle_round, measure_servers
 
 ROOT = Path(__file__).resolve().parent.parent
 BINARIES = ROOT / "build" / "release" / "bin"
@@ -88,13 +87,7 @@ def bench_lifecycle() -> bool:
         "2% of a 5 s interval beyond it",
         seen["poll_ms"] - seen["needs_sync_ms"] <= 100,
     )
-    directory = WORK / "idle"
-    directory.mkdir(exist_ok=True)
-    environment = dict(os.environ, PYTHONPATH=str(ROOT / "build" / "release" / "python"))
-    done = subprocess.run(
-        [sys.executable, str(ROOT / "bench" / "idle_round.py"), str(directory)], check=True, capture_output=True, text=True, env=environment
-    )
-    idle_ms = json.loads(done.stdout)["idle_round_ms"]
+    idle_ms = measure_idle_round(ROOT, WORK)
     return met & report("idle round, in a host", f"{idle_ms:.2f} ms of processor time, the GIL's included", "1 ms with the GIL", idle_ms < 1)
 
 
