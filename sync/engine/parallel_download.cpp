@@ -34,10 +34,8 @@ using Task = std::vector<std::size_t>;
 struct Outcome {
   std::size_t item = 0;
   SyncResult result;
-  std::exception_ptr failure;         ///< null for success
-  const ErrorClass* error = nullptr;  ///< its class, where it is an Error
-
-  [[nodiscard]] bool ended_in(const ErrorClass& error_class) const { return error != nullptr && error->derives_from(error_class); }
+  std::exception_ptr failure;  ///< null for success
+  bool superseded = false;
 };
 
 /// What the caller and its workers share. Workers that a timeout leaves behind keep it, and the manager,
@@ -64,7 +62,7 @@ class Batch : public std::enable_shared_from_this<Batch> {
   void work();
   void run_task(const Task& task);
   [[nodiscard]] Outcome run_item(std::size_t index);
-  [[nodiscard]] bool worker_stop_requested() const;
+  [[nodiscard]] bool worker_stop_requested();
   [[nodiscard]] bool nothing_to_come() const;
 
   const std::shared_ptr<SyncManager> manager_;
@@ -75,6 +73,7 @@ class Batch : public std::enable_shared_from_this<Batch> {
   const InheritedWork work_;  // so that a callback on a worker knows which pass it is part of
   const std::shared_ptr<InterruptToken> interrupt_ = std::make_shared<InterruptToken>();
   std::atomic<bool> cancelled_{false};
+  std::atomic<bool> parent_stopped_{false};  // the caller's own stop callback has said so to a worker
 
   mutable std::mutex mutex_;  // a leaf; guards what follows
   std::condition_variable changed_;
@@ -136,6 +135,8 @@ void Batch::run_task(const Task& task) {
     }
     Outcome outcome = run_item(index);
     const std::lock_guard<std::mutex> lock(mutex_);
+    // Whoever asked for the stop would else wait for an attempt of every file that is still queued.
+    if (outcome.failure && parent_stopped_.load()) queue_dropped_ = true;
     done_[index] = true;
     outcomes_.push_back(std::move(outcome));
     changed_.notify_all();
@@ -153,7 +154,7 @@ Outcome Batch::run_item(std::size_t index) {
     manager_->_download_file(*neighbours_, item.file_path, item.file_info, outcome.result);
   } catch (const Error& error) {
     outcome.failure = std::current_exception();
-    outcome.error = &error.error_class();
+    outcome.superseded = error.is(error_class::ManifestSupersededError);
   } catch (const Interrupted&) {
     outcome.failure = std::current_exception();
   } catch (const std::bad_alloc&) {
@@ -162,14 +163,15 @@ Outcome Batch::run_item(std::size_t index) {
   return outcome;
 }
 
-bool Batch::worker_stop_requested() const {
+bool Batch::worker_stop_requested() {
   if (cancelled_.load()) return true;
-  if (!parent_context_.stop_requested) return false;
   try {
-    return parent_context_.stop_requested();
+    if (!parent_context_.stop_requested || !parent_context_.stop_requested()) return false;
   } catch (const Error&) {
     return false;
   }
+  parent_stopped_.store(true);
+  return true;
 }
 
 std::optional<Outcome> Batch::next_outcome(std::optional<double> deadline_seconds) {
@@ -291,15 +293,13 @@ void SyncManager::_download_files_parallel(const std::shared_ptr<NeighbourSet>& 
     while (const std::optional<Outcome> outcome = batch->next_outcome(deadline_seconds)) {
       if (!outcome->failure) {
         add_result(result, outcome->result);
-      } else if (outcome->ended_in(error_class::ManifestSupersededError)) {
+      } else if (outcome->superseded) {
         first_error = outcome->failure;
         superseded = true;
         batch->cancel();
         break;
-      } else {
-        if (!first_error) first_error = outcome->failure;
-        // Whoever asked for the stop would else wait for an attempt of every file that is still queued.
-        if (outcome->ended_in(_sync_backoff_module(seams_)->cancelled_error().error_class())) batch->drop_queue();
+      } else if (!first_error) {
+        first_error = outcome->failure;
       }
     }
     const bool timed_out = !superseded && !batch->finished();
