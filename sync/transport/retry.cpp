@@ -60,9 +60,8 @@ Value bounded_detail(const Value& word) {
   return text.substr(0, end) + "...";
 }
 
-/// What the library reads of a server's error body.
-Document server_details(std::string_view body) {
-  const Document parsed = _parse_sync_error_body(body);
+/// What the library reads of a server's parsed error body.
+Document server_details(const Document& parsed) {
   std::vector<Member> details;
   for (const char* key : {"error_code", "error", "dependency", "retryable", "recovery", "reason"}) {
     if (const Value* const word = parsed.find(key)) details.push_back({key, bounded_detail(*word)});
@@ -86,7 +85,8 @@ class RetryLoop {
  private:
   struct Attempt {
     HttpResult response;
-    Document details;  ///< the server's words on a transient status
+    Document details;        ///< the server's words on a transient status
+    bool described = false;  ///< it sent a document, also where no word of it is known
     std::optional<Error> error;
     std::exception_ptr thrown;   ///< the same, as it came
     bool of_the_caller = false;  ///< it came out of the caller's sink or the host's code
@@ -114,8 +114,9 @@ class RetryLoop {
   const float started_at_ = static_cast<float>(seams_.clock->monotonic_seconds());
   std::vector<Value> statuses_;
   std::vector<Value> failures_;
-  Document last_details_;  ///< the server's latest words; a network failure never hides them
-  int attempt_index_ = 0;  ///< counts failed attempts
+  Document last_details_;   ///< the server's latest words; a network failure never hides them
+  bool described_ = false;  ///< last_details_ stands, even where it is empty
+  int attempt_index_ = 0;   ///< counts failed attempts
   bool outage_status_emitted_ = false;
   bool attention_asked_for_ = false;
 };
@@ -154,7 +155,11 @@ RetryLoop::Attempt RetryLoop::attempt() {
   if (sink_ != nullptr) watched.emplace(*sink_);
   try {
     made.response = exchange(watched);
-    if (_should_retry_http_status(made.response.status)) made.details = server_details(made.response.body);
+    if (_should_retry_http_status(made.response.status)) {
+      const Document parsed = _parse_sync_error_body(made.response.body);
+      made.described = !parsed.empty();
+      made.details = server_details(parsed);
+    }
   } catch (const Error& error) {
     made.error = error;
     made.thrown = std::current_exception();
@@ -183,11 +188,12 @@ HttpResult RetryLoop::exchange(std::optional<WatchedSink>& watched) {
 void RetryLoop::note_status(const Attempt& failed) {
   _append_limited(statuses_, Value(failed.response.status));
   last_details_ = failed.details;
+  described_ = failed.described;
 }
 
 void RetryLoop::note_network_failure(const Error& error) {
   const std::string reason(error.error_class().name());
-  if (last_details_.empty()) last_details_ = network_failure_details(reason);
+  if (!std::exchange(described_, true)) last_details_ = network_failure_details(reason);
   _append_limited(failures_, Value(reason));
 
   // The events carry class names alone. Where waiting cures nothing by itself, people need the whole of it, once.

@@ -187,8 +187,16 @@ TEST_F(RetryTest, aNetworkFailureNeverHidesWhatTheServerSaid) {
                                      {"status", 503},
                                      {"dependency", "db"}}));
 
-  static_cast<void>(get({fails(error_class::TimeoutError), {.status = 502, .body = "[]"}, {}}));
-  EXPECT_EQ(log_.events("sync_recovered_status").at(1).get("last_server_error_code"), Value("")) << "an answer without words forgets them";
+  const Step reset = fails(error_class::ConnectionResetError);
+  const std::vector<std::pair<std::deque<Step>, std::string>> rows{
+      {{fails(error_class::TimeoutError), {.status = 502, .body = "[]"}, {}}, ""},  // an answer without words forgets them
+      {{{.status = 502, .body = "[]"}, reset, fails(error_class::TimeoutError), {}}, "ConnectionResetError"},
+      {{{.status = 502, .body = R"({"message": "words of its own"})"}, reset, {}}, ""},
+  };
+  for (const auto& [steps, code] : rows) {
+    static_cast<void>(get(steps));
+    EXPECT_EQ(log_.events("sync_recovered_status").back().get("last_server_error_code"), Value(code));
+  }
 }
 
 TEST_F(RetryTest, tenMinutesOfOutageStaySmall) {
