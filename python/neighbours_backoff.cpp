@@ -211,8 +211,9 @@ nb::dict context_to_python(const BackoffContext& context) {
   nb::dict fields;
   if (const auto* host = dynamic_cast<const PythonFields*>(context.host_fields.get()))
     fields.update(nb::borrow<nb::dict>(host->fields.get()));
-  if (!context.data_dir.empty() && !fields.contains("data_dir")) fields["data_dir"] = path_to_python(context.data_dir);
-  if (!context.surface.empty() && !fields.contains("surface")) fields["surface"] = to_python(context.surface);
+  if (!context.data_dir.empty() && !truth(mapping_item(fields, "data_dir"))) fields["data_dir"] = path_to_python(context.data_dir);
+  if (!context.surface.empty() && text_form(mapping_item(fields, "surface")) != context.surface)
+    fields["surface"] = to_python(context.surface);
   if (context.stop_requested) fields["stop_requested"] = stop_callable(context.stop_requested);
   return fields;
 }
@@ -233,8 +234,9 @@ void bind_backoff(nb::module_& module) {
   nb::class_<ContextManager>(module, "_BackoffContext", "The context manager that backoff_context returns.")
       .def("__enter__",
            [](ContextManager& self) {
-             BackoffContext context = context_from_python(self.fields.get());
-             self.scopes.push_back(SyncBackoff::builtin().enter_context(std::move(context)));
+             nb::dict fields = context_to_python(SyncBackoff::builtin().current_context());
+             fields.update(nb::borrow<nb::dict>(self.fields.get()));
+             self.scopes.push_back(SyncBackoff::builtin().enter_context(context_from_python(fields)));
              return nb::borrow(self.fields.get());
            })
       .def(
@@ -246,7 +248,8 @@ void bind_backoff(nb::module_& module) {
 
   module.def("backoff_context", backoff_context, nb::arg("fields"),
              nb::sig("def backoff_context(**fields: object) -> contextlib.AbstractContextManager[dict[str, object]]"),
-             "Make `fields` the running thread's back-off context for a `with` block.\n\n"
+             "Make `fields` the running thread's back-off context for a `with` block. Those that are not given, or are None,\n"
+             "stay as in the block around it.\n\n"
              "data_dir: the directory whose sync-progress.json shows a wait. surface: the name of the waiting operation.\n"
              "stop_requested: a callable; true ends the wait with SyncBackoffCancelled. Other fields are carried along.");
   module.def("current_context", current_context, nb::sig("def current_context() -> dict[str, object]"),

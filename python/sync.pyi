@@ -378,7 +378,8 @@ class EraThread:
 # ---- back-off -----------------------------------------------------------------------------------------------
 
 def backoff_context(**fields: object) -> AbstractContextManager[object]:
-    """Make `fields` the running thread's back-off context for a `with` block.
+    """Make `fields` the running thread's back-off context for a `with` block. Those that are not given, or are None,
+    stay as in the block around it.
 
     data_dir: the directory whose sync-progress.json shows a wait. surface: the name of the waiting operation.
     stop_requested: a callable; true ends the wait with SyncBackoffCancelled. Other fields are carried along.

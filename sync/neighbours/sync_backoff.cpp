@@ -30,7 +30,7 @@ double random_fraction() {
 /// A context in force, linked to the one it covers. Owned by whoever entered it.
 class ContextScope {
  public:
-  explicit ContextScope(BackoffContext context) : context_(std::move(context)), covered_(std::exchange(innermost, this)) {}
+  explicit ContextScope(BackoffContext context) : context_(over_current(std::move(context))), covered_(std::exchange(innermost, this)) {}
   ContextScope(const ContextScope&) = delete;
   ContextScope& operator=(const ContextScope&) = delete;
   ~ContextScope() {
@@ -44,6 +44,16 @@ class ContextScope {
 
  private:
   static thread_local ContextScope* innermost;
+
+  /// What an inner scope leaves open stays as it is outside: naming a surface must not end the host's power to stop.
+  static BackoffContext over_current(BackoffContext context) {
+    BackoffContext outer = current();
+    if (context.data_dir.empty()) context.data_dir = std::move(outer.data_dir);
+    if (context.surface.empty()) context.surface = std::move(outer.surface);
+    if (!context.stop_requested) context.stop_requested = std::move(outer.stop_requested);
+    if (!context.host_fields) context.host_fields = std::move(outer.host_fields);
+    return context;
+  }
 
   BackoffContext context_;
   ContextScope* covered_;

@@ -45,7 +45,8 @@ class SyncBackoff {
   [[nodiscard]] virtual bool sleep(double wait_seconds, Clock& clock, const std::function<bool()>& stop_requested) = 0;
 
   [[nodiscard]] virtual BackoffContext current_context() = 0;
-  /// Makes `context` the running thread's until the returned scope is destroyed, on the same thread.
+  /// Makes `context` the running thread's until the returned scope is destroyed, on the same thread. Built in, fields
+  /// that are empty are those of the enclosing scope.
   [[nodiscard]] virtual std::shared_ptr<void> enter_context(BackoffContext context) = 0;
 
   /// The event "sync_backoff_wait" with `surface`, `attempt`, `wait_seconds`, `reason` and `file`.

@@ -163,9 +163,12 @@ def test_builtin_backoff_context() -> None:
         with sync.backoff_context(stop_requested=lambda: bool(calls.append(1)) or len(calls) > 2):
             with pytest.raises(sync.SyncBackoffCancelled):
                 sync._sleep_for_sync_backoff(60)
-            assert "surface" not in sync.current_context()
+            assert (sync.current_context()["surface"], sync._sync_backoff_surface("d")) == ("a", "a")  # as in the scope around it
+            with sync.backoff_context(surface="b", stop_requested=None, host=[2]), pytest.raises(sync.SyncBackoffCancelled):
+                assert (sync.current_context()["surface"], sync.current_context()["host"]) == ("b", [2])
+                sync._sleep_for_sync_backoff(60)
         assert sync.current_context()["stop_requested"] is broken and sync.current_context()["host"] == [1]
-    assert other == [{}] == [sync.current_context()] and len(calls) == 3
+    assert other == [{}] == [sync.current_context()] and len(calls) == 4
     with pytest.raises(KeyError), sync.backoff_context(surface="b"):
         raise KeyError
     assert sync._current_sync_backoff_context() == {}

@@ -77,8 +77,10 @@ TEST_F(BackoffTest, announcesAWaitAndKeepsWhatThePassWrote) {
   EXPECT_THAT(log.events("sync_backoff_wait"), SizeIs(1));
   EXPECT_FALSE(directory_.contains("sync-progress.json")) << "without a data directory nothing is written";
 
-  const auto scope = SyncBackoff::builtin().enter_context(
-      {.data_dir = directory_.path(), .surface = "background_worker", .stop_requested = {}, .host_fields = {}});
+  const auto where =
+      SyncBackoff::builtin().enter_context({.data_dir = directory_.path(), .surface = "outer", .stop_requested = {}, .host_fields = {}});
+  const auto who =
+      SyncBackoff::builtin().enter_context({.data_dir = {}, .surface = "background_worker", .stop_requested = {}, .host_fields = {}});
   directory_.write("sync-progress.json", R"({"phase": "syncing", "version": 3, "files": {"a": {}}, "backoff": {"old": 1}, "other": 1})");
   static_cast<void>(wait(4, "http_503"));
   EXPECT_EQ(
