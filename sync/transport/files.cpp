@@ -61,6 +61,13 @@ class SystemFiles final : public Files {
     const bool too_many = __builtin_mul_overflow(volume.f_bavail, volume.f_frsize, &bytes);
     return too_many ? std::numeric_limits<std::int64_t>::max() : bytes;
   }
+
+  void set_mtime(const std::string& path, std::int64_t mtime_ns) override {
+    constexpr std::int64_t NS_PER_SECOND = 1'000'000'000;
+    const std::int64_t seconds = mtime_ns / NS_PER_SECOND - (mtime_ns % NS_PER_SECOND < 0 ? 1 : 0);
+    const timespec times[] = {{0, UTIME_OMIT}, {seconds, mtime_ns - seconds * NS_PER_SECOND}};
+    if (::utimensat(AT_FDCWD, path.c_str(), times, 0) != 0) throw os_error(errno, path);
+  }
 };
 
 /// One block and one digest for each thread that hashes, for as long as the thread lives.

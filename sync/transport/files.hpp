@@ -39,6 +39,8 @@ class Files {
   [[nodiscard]] virtual std::optional<FileStat> stat(const std::string& path) = 0;
   /// Bytes that an unprivileged process may still write on the volume of `directory`.
   [[nodiscard]] virtual std::int64_t free_bytes(const std::string& directory) = 0;
+  /// Sets the time of the last modification, in nanoseconds since the epoch.
+  virtual void set_mtime(const std::string& path, std::int64_t mtime_ns) = 0;
 
   static Files& real();
 };

@@ -1,17 +1,11 @@
 #include "sync/transport/progress.hpp"
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <memory>
 #include <optional>
 #include <unordered_set>
 #include <utility>
 
 #include "sync/base/convert.hpp"
+#include "sync/base/directory_reader.hpp"
 #include "sync/base/error.hpp"
 #include "sync/base/integer_sum.hpp"
 #include "sync/base/interrupt.hpp"
@@ -28,54 +22,13 @@ Value integer_or_zero(const Value& value) { return value.truthy() ? to_integer(v
 
 std::string staging_path(std::string_view data_dir, const Value& file_path) { return _manifest_local_path(data_dir, file_path) + ".tmp"; }
 
-/// An open directory and the way to it.
-class DirectoryReader {
- public:
-  /// Throws os_error, also where `path` is a link.
-  explicit DirectoryReader(const std::string& path) : path_(path) {
-    const int number = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (number < 0) throw os_error(errno, path);
-    stream_.reset(::fdopendir(number));
-    if (!stream_) {
-      const int reason = errno;
-      ::close(number);
-      throw os_error(reason, path);
-    }
-  }
-
-  /// The next name but "." and ".."; nullptr at the end. Throws os_error.
-  [[nodiscard]] const dirent* next() {
-    for (;;) {
-      errno = 0;
-      const dirent* const entry = ::readdir(stream_.get());
-      if (entry == nullptr && errno != 0) throw os_error(errno, path_);
-      if (entry == nullptr) return nullptr;
-      const std::string_view name = entry->d_name;
-      if (name != "." && name != "..") return entry;
-    }
-  }
-
- private:
-  struct Close {
-    void operator()(DIR* stream) const noexcept { ::closedir(stream); }
-  };
-  std::string path_;
-  std::unique_ptr<DIR, Close> stream_;
-};
-
-bool is_real_directory(const dirent& entry, const std::string& path) {
-  if (entry.d_type != DT_UNKNOWN) return entry.d_type == DT_DIR;
-  struct stat found {};
-  return ::lstat(path.c_str(), &found) == 0 && S_ISDIR(found.st_mode);
-}
-
 /// Unlinks what ends in ".tmp" in one directory, appends its subdirectories to `pending`.
 void clean_directory(Files& files, const std::string& directory, const std::unordered_set<std::string>& preserved,
                      std::vector<std::string>& pending) {
   DirectoryReader reader(directory);
   while (const dirent* const entry = reader.next()) {
     const std::string path = join_path(directory, entry->d_name);
-    if (is_real_directory(*entry, path)) pending.push_back(path);
+    if (reader.is_directory(*entry)) pending.push_back(path);
     if (!path.ends_with(".tmp") || preserved.contains(path)) continue;
     try {
       files.unlink(path);

@@ -21,6 +21,7 @@ class FakeFiles final : public Files {
   }
   std::optional<FileStat> stat(const std::string&) override { return present; }
   std::int64_t free_bytes(const std::string&) override { return 0; }
+  void set_mtime(const std::string&, std::int64_t) override {}
 
   std::optional<FileStat> present = FileStat{.size_bytes = 5, .mtime_ns = 10, .ctime_ns = 20, .inode = 30};
   bool full = false;

@@ -47,6 +47,7 @@ class FaultFiles final : public Files {
   [[nodiscard]] std::int64_t free_bytes(const std::string& directory) override {
     return free_bytes_ ? *free_bytes_ : real().free_bytes(directory);
   }
+  void set_mtime(const std::string& path, std::int64_t mtime_ns) override { real().set_mtime(path, mtime_ns); }
 
  private:
   struct Fault {

@@ -1,0 +1,24 @@
+// Sets of paths that are asked with whatever text is at hand.
+#pragma once
+
+#include <functional>
+#include <string_view>
+
+#include <tsl/robin_set.h>
+
+#include "sync/base/value.hpp"
+
+namespace brackenfen::sync {
+
+struct TextHash {
+  std::size_t operator()(std::string_view text) const noexcept { return std::hash<std::string_view>()(text); }
+};
+struct TextEqual {
+  using is_transparent = void;
+  bool operator()(std::string_view left, std::string_view right) const noexcept { return left == right; }
+};
+using TextSet = tsl::robin_set<Text, TextHash, TextEqual>;
+
+[[nodiscard]] inline bool contains(const TextSet& set, std::string_view text) { return set.find(text) != set.end(); }
+
+}  // namespace brackenfen::sync
