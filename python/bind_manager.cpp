@@ -41,6 +41,9 @@ int traverse(PyObject* self, visitproc visit, void* arg) noexcept {
   if (const int stop = follow(handle.core->runtime_freshness_guard.get()); stop != 0) return stop;
   for (const auto& callback : handle.core->era_callbacks().list())
     if (const int stop = follow(callback); stop != 0) return stop;
+  for (const SearchConsumerRef& consumer : handle.core->_rotation_search_consumer_snapshot()) {
+    if (const int stop = follow(consumer); stop != 0) return stop;
+  }
   return follow(handle.core->_active_rotation_state.get());
 }
 
@@ -53,6 +56,7 @@ int clear(PyObject* self) noexcept {
   handle.core->_active_rotation_state.set(nullptr);
   handle.core->era_callbacks().clear();
   handle.core->_era_thread.set(nullptr);  // one that was never stopped shares in the token source
+  handle.core->rotation_search_consumers().clear();
   return 0;
 }
 
@@ -185,6 +189,8 @@ void bind_manager(nb::module_& module) {
   bind_manager_lifecycle(bound);
   bind_manager_downloads(bound);
   bind_manager_integrity(bound);
+  bind_manager_rotation(bound);
+  bind_manager_on_demand(bound);
   bind_manager_fields(bound);
 }
 

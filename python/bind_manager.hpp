@@ -61,6 +61,8 @@ void bind_manager_documents(nb::class_<ManagerObject>& bound);
 void bind_manager_lifecycle(nb::class_<ManagerObject>& bound);
 void bind_manager_downloads(nb::class_<ManagerObject>& bound);
 void bind_manager_integrity(nb::class_<ManagerObject>& bound);
+void bind_manager_rotation(nb::class_<ManagerObject>& bound);
+void bind_manager_on_demand(nb::class_<ManagerObject>& bound);
 void bind_manager_fields(nb::class_<ManagerObject>& bound);
 
 }  // namespace brackenfen::sync::python

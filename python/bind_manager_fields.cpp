@@ -2,6 +2,7 @@
 // that comes out is a copy.
 #include "python/bind_manager.hpp"
 #include "python/callables.hpp"
+#include "python/rotation_records.hpp"
 
 namespace brackenfen::sync::python {
 namespace {
@@ -57,7 +58,9 @@ void add_plain(Bound& bound) {
 void add_host_objects(Bound& bound) {
   add_host_object<&SyncManager::_get_token, token_source>(bound, "_get_token");
   add_host_object<&SyncManager::runtime_freshness_guard, freshness_guard>(bound, "runtime_freshness_guard");
-  add_host_object<&SyncManager::_active_rotation_state, rotation_state>(bound, "_active_rotation_state");
+  add(
+      bound, "_active_rotation_state", [](SyncManager& core) { return rotation_state_to_python(core._active_rotation_state.get()); },
+      [](SyncManager& core, nb::handle value, const char*) { core._active_rotation_state.set(rotation_state(value)); });
 }
 
 void add_documents(Bound& bound) {
@@ -97,13 +100,13 @@ void add_collections(Bound& bound) {
       bound, "_missing_found_pnl_manifest_version", [](SyncManager& core) { return to_python(core._missing_found_pnl.version()); },
       [](SyncManager& core, nb::handle value, const char* name) { core._missing_found_pnl.set_version(value_argument(value, name)); });
   add(
-      bound, "_prefetched_feature_era_id", [](SyncManager& core) { return to_python(core._prefetched_feature_era_id.get()); },
-      [](SyncManager& core, nb::handle value, const char* name) { core._prefetched_feature_era_id.set(value_argument(value, name)); });
+      bound, "_prefetched_feature_era_id", [](SyncManager& core) { return to_python(core.prefetched_features().era_id()); },
+      [](SyncManager& core, nb::handle value, const char* name) { core.prefetched_features().set_era_id(value_argument(value, name)); });
   add(
       bound, "_prefetched_feature_relative_paths",
-      [](SyncManager& core) { return set_of_texts(core._prefetched_feature_relative_paths.get()); },
+      [](SyncManager& core) { return set_of_texts(core.prefetched_features().relative_paths()); },
       [](SyncManager& core, nb::handle value, const char* name) {
-        core._prefetched_feature_relative_paths.set(text_set_argument(value, name));
+        core.prefetched_features().set_relative_paths(text_set_argument(value, name));
       });
   add(
       bound, "_repair_queue", [](SyncManager& core) { return nb::object(list_of_texts(core._repair_queue.get())); },

@@ -160,6 +160,10 @@ std::shared_ptr<Manifest> manifest_argument(nb::handle object) {
     if (Value value = attribute_of(object, field); !value.is_null()) data = data.with(field, std::move(value));
   }
   data = data.with("files", files_of(object));
+  const Value whole = attribute_of(object, "_data");
+  for (const char* key : {"artifacts", "rotation"}) {
+    if (const Document* members = whole.if_document(); members && members->contains(key)) data = data.with(key, members->get(key));
+  }
   const auto section = [object](const char* name) {
     const Value value = attribute_of(object, name);
     return value.is_document() ? *value.if_document() : Document();

@@ -7,12 +7,6 @@ namespace {
 
 std::shared_ptr<NeighbourSet> neighbours() { return host_neighbours().bind(); }
 
-/// A text, or the `value` of a member of an enumeration.
-Value expression_type_argument(nb::handle expression_type) {
-  const nb::object value = nb::getattr(expression_type, "value", nb::borrow(expression_type));
-  return text_form(value);
-}
-
 void bind_features(nb::module_& module) {
   module.def(
       "_feature_epoch_for_expression_type",
@@ -57,6 +51,11 @@ void bind_features(nb::module_& module) {
 }
 
 }  // namespace
+
+Value expression_type_argument(nb::handle expression_type) {
+  const nb::object value = nb::getattr(expression_type, "value", nb::borrow(expression_type));
+  return text_form(value);
+}
 
 void bind_paths(nb::module_& module) {
   module.def(

@@ -29,6 +29,7 @@ void bind_found_pnl(nb::module_& module);
 void bind_signals_index(nb::module_& module);
 void bind_vocabulary(nb::module_& module);
 void bind_shuffle_seed(nb::module_& module);
+void bind_rotation(nb::module_& module);
 void bind_manager(nb::module_& module);
 void bind_era_thread(nb::module_& module);
 
@@ -110,6 +111,8 @@ class ManifestInOut {
 [[nodiscard]] nb::object manifest_to_python(const std::shared_ptr<Manifest>& record);
 /// The attribute `files` of any object; an empty document where it has none, null where it is no mapping.
 [[nodiscard]] Value files_of(nb::handle manifest);
+/// A text, or the `value` of a member of an enumeration.
+[[nodiscard]] Value expression_type_argument(nb::handle expression_type);
 /// The attribute `name` of any object, or null.
 [[nodiscard]] Value attribute_of(nb::handle manifest, const char* name);
 

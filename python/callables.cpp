@@ -31,14 +31,6 @@ class HostGuard : public RuntimeFreshnessGuard, public HostObject {
   }
 };
 
-class HostRotationState : public RotationState, public HostObject {
- public:
-  using HostObject::HostObject;
-  std::vector<std::string> active_relative_paths() const override {
-    return call_python([&] { return texts_argument(object().attr("active_relative_paths"), "active_relative_paths"); });
-  }
-};
-
 class HostEraCallback : public EraCallback, public HostObject {
  public:
   using HostObject::HostObject;
@@ -96,8 +88,6 @@ nb::object fixed_token_callable(std::string token) {
 }
 
 std::shared_ptr<RuntimeFreshnessGuard> freshness_guard(nb::handle object) { return adapt<HostGuard>(object); }
-
-std::shared_ptr<const RotationState> rotation_state(nb::handle object) { return adapt<HostRotationState>(object); }
 
 RetryStatusCallback retry_status_callback(nb::handle callable) {
   if (callable.is_none()) return nullptr;

@@ -36,8 +36,9 @@ template <typename T>
 [[nodiscard]] std::shared_ptr<TokenSource> token_source(nb::handle callable);
 /// A Python callable that always returns `token`.
 [[nodiscard]] nb::object fixed_token_callable(std::string token);
-/// nullptr for None, as are the two below.
+/// nullptr for None, as is the one below.
 [[nodiscard]] std::shared_ptr<RuntimeFreshnessGuard> freshness_guard(nb::handle object);
+/// A built-in state for a `RotationState`, an adapter for any other object: rotation_records.cpp.
 [[nodiscard]] std::shared_ptr<const RotationState> rotation_state(nb::handle object);
 [[nodiscard]] RetryStatusCallback retry_status_callback(nb::handle callable);
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "python/values.hpp"
+#include "sync/neighbours/artifact_rotation.hpp"
 #include "sync/neighbours/auth.hpp"
 #include "sync/neighbours/sync_backoff.hpp"
 #include "sync/transport/events.hpp"
@@ -142,6 +143,15 @@ void init_permanent(nb::handle self, nb::object message, nb::object file_path, n
   }
   self.attr("file_path") = file_path;
   self.attr("status") = number;
+}
+
+void init_too_large(nb::handle self, nb::object mandatory_bytes, nb::object available_bytes, nb::object selected_paths) {
+  const nb::object text = nb::str("mandatory artifacts need {} more bytes, and only half of the free space, {} bytes, may be used for them")
+                              .attr("format")(mandatory_bytes, available_bytes);
+  python_class(error_class::DiskSpaceError).attr("__init__")(self, text);
+  self.attr("mandatory_bytes") = mandatory_bytes;
+  self.attr("available_bytes") = available_bytes;
+  self.attr("selected_paths") = selected_paths;
 }
 
 nb::object list_copy(nb::handle list) { return truth(list) ? checked(PySequence_List(list.ptr())) : nb::object(nb::list()); }
@@ -290,6 +300,8 @@ nb::object make_exception(const Error& error) {
   }
   if (error.is(error_class::PermanentDownloadError))
     return python_class(text, to_python(fields.get("file_path")), to_python(fields.get("status")));
+  if (error.is(error_class::MandatoryArtifactsTooLargeError))
+    return python_class(to_python(fields.get("mandatory_bytes")), to_python(fields.get("available_bytes")));
   if (error.is(error_class::JSONDecodeError))
     return python_class(to_python(fields.get("msg")), to_python(fields.get("doc")), to_python(fields.get("pos")));
   if (error.is(error_class::UnicodeDecodeError)) {
@@ -370,6 +382,16 @@ void bind_errors(nb::module_& module) {
   // Used where the host brings no class of its own; the module hands them out when asked for.
   static_cast<void>(make_class(error_class::AuthError, exception, "Authentication failed."));
   static_cast<void>(make_class(error_class::SyncBackoffCancelled, exception, "A wait was ended by its stop callback."));
+
+  static_cast<void>(make_class(error_class::RotationStatePayloadError, PyExc_ValueError, "A persisted rotation state is malformed."));
+  static_cast<void>(
+      make_class(error_class::ActiveRotationStateError, PyExc_ValueError, "No plan can be made of the active rotation state."));
+  static_cast<void>(make_class(error_class::VocabularyScopeError, sync_error, "A search cannot be matched with a vocabulary."));
+  const nb::object too_large = make_class(error_class::MandatoryArtifactsTooLargeError, python_class(error_class::DiskSpaceError),
+                                          "Mandatory artifacts need more than half of the free space.\n\n"
+                                          "mandatory_bytes, available_bytes: int. selected_paths: tuple of relative paths.");
+  add_method(too_large, "__init__", init_too_large, nb::arg("mandatory_bytes"), nb::arg("available_bytes"),
+             nb::arg("selected_paths") = nb::tuple());
 
   nb::register_exception_translator(translate);
 }

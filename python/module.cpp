@@ -4,6 +4,8 @@
 #include "python/binding.hpp"
 #include "python/host.hpp"
 #include "python/neighbours_backoff.hpp"
+#include "python/neighbours_rotation.hpp"
+#include "python/rotation_records.hpp"
 #include "sync/transport/http.hpp"
 
 namespace brackenfen::sync::python {
@@ -20,6 +22,7 @@ nb::object module_getattr(nb::handle name) {
   const std::string wanted = text_form(name);
   if (wanted == "AuthError") return auth_error_class();
   if (wanted == "SyncBackoffCancelled") return backoff_cancelled_class();
+  if (nb::object found = rotation_error_class(wanted); found.is_valid()) return found;
   throw AttributeError("module 'brackenfen.sync' has no attribute '" + wanted + "'");
 }
 
@@ -44,6 +47,8 @@ void bind_all(nb::module_& module) {
   bind_vocabulary(module);
   bind_shuffle_seed(module);
   bind_era_thread(module);
+  bind_rotation_records(module);
+  bind_rotation(module);
   bind_manager(module);
   module.def("__getattr__", module_getattr, nb::arg("name"));
 }

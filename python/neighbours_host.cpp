@@ -6,6 +6,7 @@
 #include "python/errors.hpp"
 #include "python/neighbours_backoff.hpp"
 #include "python/neighbours_lookup.hpp"
+#include "python/neighbours_rotation.hpp"
 #include "python/values.hpp"
 
 namespace brackenfen::sync::python {
@@ -81,24 +82,6 @@ class HostFreshness : public RuntimeModuleFreshness {
  private:
   PyRef module_;
   std::string suffix_;
-};
-
-class HostArtifactRotation : public ArtifactRotation {
- public:
-  explicit HostArtifactRotation(nb::handle module) : module_(module) {}
-  std::string manifest_file_kind(const Value& file_info) const override {
-    return call_python([&] { return text_form(module_.get().attr("manifest_file_kind")(to_python(file_info))); });
-  }
-  std::optional<std::string> vocabulary_named_universe_from_path(std::string_view relative_path) const override {
-    return call_python([&]() -> std::optional<std::string> {
-      const nb::object universe = module_.get().attr("vocabulary_named_universe_from_path")(to_python(relative_path));
-      if (universe.is_none()) return std::nullopt;
-      return text_form(universe);
-    });
-  }
-
- private:
-  PyRef module_;
 };
 
 class HostReasonDescriptions : public ReasonDescriptions {
@@ -187,10 +170,6 @@ NeighbourModule& freshness_module() {
   static NeighbourModule& module = *new NeighbourModule("runtime_module_freshness");
   return module;
 }
-NeighbourModule& rotation_module() {
-  static NeighbourModule& module = *new NeighbourModule("_artifact_rotation");
-  return module;
-}
 NeighbourModule& reason_descriptions_module() {
   static NeighbourModule& module = *new NeighbourModule("reason_descriptions");
   return module;
@@ -209,8 +188,13 @@ NeighbourModule& logging_style_module() {
   return module;
 }
 
-/// One neighbour of one operation, looked up when it is first asked for.
 template <typename Interface, typename Adapter>
+std::unique_ptr<const Interface> make_adapter(nb::handle module) {
+  return std::make_unique<const Adapter>(module);
+}
+
+/// One neighbour of one operation, looked up when it is first asked for.
+template <typename Interface, auto MAKE>
 class Bound {
  public:
   const Interface& get(NeighbourModule& module) {
@@ -219,7 +203,7 @@ class Bound {
       const nb::object found = module.find();
       // The import may have let another thread in.
       if (const Interface* bound = bound_.load(std::memory_order_acquire)) return *bound;
-      if (found.is_valid()) adapter_ = std::make_unique<const Adapter>(found);
+      if (found.is_valid()) adapter_ = MAKE(found);
       const Interface& chosen = adapter_ ? *adapter_ : Interface::builtin();
       bound_.store(&chosen, std::memory_order_release);
       return chosen;
@@ -228,7 +212,7 @@ class Bound {
 
  private:
   std::atomic<const Interface*> bound_{nullptr};
-  std::unique_ptr<const Adapter> adapter_;
+  std::unique_ptr<const Interface> adapter_;
 };
 
 class HostNeighbourSet : public NeighbourSet {
@@ -243,18 +227,20 @@ class HostNeighbourSet : public NeighbourSet {
   const FunctionTokenSafety& function_token_safety() override { return function_token_safety_.get(function_token_safety_module()); }
   const FunctionsVocabulary& functions_vocabulary() override { return functions_vocabulary_.get(functions_vocabulary_module()); }
   const LoggingStyle& logging_style() override { return logging_style_.get(logging_style_module()); }
+  const RotationSettings& rotation_settings() override { return rotation_settings_.get(rotation_settings_module()); }
 
  private:
-  Bound<TransportSecurity, HostTransportSecurity> transport_security_;
-  Bound<Auth, HostAuth> auth_;
-  Bound<EraConfig, HostEraConfig> era_config_;
-  Bound<SyncProgress, HostSyncProgress> sync_progress_;
-  Bound<RuntimeModuleFreshness, HostFreshness> freshness_;
-  Bound<ArtifactRotation, HostArtifactRotation> rotation_;
-  Bound<ReasonDescriptions, HostReasonDescriptions> reason_descriptions_;
-  Bound<FunctionTokenSafety, HostFunctionTokenSafety> function_token_safety_;
-  Bound<FunctionsVocabulary, HostFunctionsVocabulary> functions_vocabulary_;
-  Bound<LoggingStyle, HostLoggingStyle> logging_style_;
+  Bound<TransportSecurity, make_adapter<TransportSecurity, HostTransportSecurity>> transport_security_;
+  Bound<Auth, make_adapter<Auth, HostAuth>> auth_;
+  Bound<EraConfig, make_adapter<EraConfig, HostEraConfig>> era_config_;
+  Bound<SyncProgress, make_adapter<SyncProgress, HostSyncProgress>> sync_progress_;
+  Bound<RuntimeModuleFreshness, make_adapter<RuntimeModuleFreshness, HostFreshness>> freshness_;
+  Bound<ArtifactRotation, host_artifact_rotation> rotation_;
+  Bound<RotationSettings, host_rotation_settings> rotation_settings_;
+  Bound<ReasonDescriptions, make_adapter<ReasonDescriptions, HostReasonDescriptions>> reason_descriptions_;
+  Bound<LoggingStyle, make_adapter<LoggingStyle, HostLoggingStyle>> logging_style_;
+  Bound<FunctionTokenSafety, make_adapter<FunctionTokenSafety, HostFunctionTokenSafety>> function_token_safety_;
+  Bound<FunctionsVocabulary, make_adapter<FunctionsVocabulary, HostFunctionsVocabulary>> functions_vocabulary_;
 };
 
 class HostNeighbours : public Neighbours {

@@ -51,6 +51,15 @@ class EraManager(Protocol):
     ) -> object:
         """Called on the watcher's thread."""
 
+@type_check_only
+class RotationSearchConsumer(Protocol):
+    """A running search. Its universe is the first usable of named_universe, _named_universe, universe, _universe."""
+
+    def refresh_rotation_scope(self, rotation_state: Any, scoped_vocabulary: Any) -> object:
+        """Called on the syncing thread once the new selection is in place. Must not sync itself; what it raises ends the
+        pass and keeps the searches registered after it from being told, while the new state stays.
+        """
+
 # ---- errors -------------------------------------------------------------------------------------------------
 
 class SyncError(Exception):
@@ -127,6 +136,27 @@ class AuthError(Exception):
 
 class SyncBackoffCancelled(Exception):
     """A wait was ended by its stop callback. The class of `brackenfen.sync_backoff` where the host has one."""
+
+class RotationStatePayloadError(ValueError):
+    """A persisted rotation state is malformed. The class of `brackenfen._artifact_rotation` where the host has one, as are
+    the three below.
+    """
+
+class ActiveRotationStateError(ValueError):
+    """No plan can be made of the active rotation state."""
+
+class VocabularyScopeError(SyncError):
+    """A running search cannot be matched with a vocabulary."""
+
+class MandatoryArtifactsTooLargeError(DiskSpaceError):
+    """Mandatory artifacts need more than half of the free space."""
+
+    mandatory_bytes: int
+    """Bytes still to come."""
+    available_bytes: int
+    """Half of the free space."""
+    selected_paths: tuple[str, ...]
+    def __init__(self, mandatory_bytes: int, available_bytes: int, selected_paths: tuple[str, ...] = ()) -> None: ...
 
 # ---- results ------------------------------------------------------------------------------------------------
 
@@ -213,6 +243,121 @@ class Manifest:
     found_strategies: _Document
     useful_signals: _Document
 
+# ---- rotation -----------------------------------------------------------------------------------------------
+# What the built-in rotation makes. Where the host supplies `_artifact_rotation` or `_rotation_settings`, the objects of
+# its own classes take the place of these.
+
+@dataclass(frozen=True)
+class RotationState:
+    """What a directory holds, and since when."""
+
+    active_relative_paths: tuple[str, ...]
+    """Mandatory files and selected features."""
+    generation: int
+    """Counts rotations from 1."""
+    seed: int
+    rng_state: str
+    """Of the generator that seed and generation give, 16 hexadecimal digits."""
+    rotated_at: int | None = None
+    """Seconds since the epoch."""
+
+@dataclass(frozen=True)
+class ArtifactDescriptor:
+    """One artifact of a manifest. Texts are empty where the manifest says nothing."""
+
+    relative_path: str
+    kind: str
+    artifact_kind: str
+    """The kind; "feature" for what rotates."""
+    size_bytes: int
+    mandatory: bool
+    market: str
+    named_universe: str
+    family: str
+    subfamily: str
+
+@dataclass(frozen=True)
+class SelectionScope:
+    """Which features are considered; None and () for all."""
+
+    market: str | None = None
+    named_universes: tuple[str, ...] = ()
+    family: str | None = None
+    subfamily: str | None = None
+
+@dataclass(frozen=True)
+class ArtifactRotationSettings:
+    """What a plan is asked for. Sizes are in bytes."""
+
+    artifact_kind: str = "feature"
+    algorithm: str | None = None
+    seed: int | None = None
+    scope: SelectionScope = SelectionScope()
+    feature_budget_bytes: int | str | None = None
+    """A number, or "FULL_DOWNLOAD" for everything that fits."""
+    free_disk_bytes: int | None = None
+    """None where the budget is explicit."""
+
+@dataclass(frozen=True)
+class RotationSelection:
+    """What a plan selects."""
+
+    active_relative_paths: tuple[str, ...]
+    selected_artifacts: tuple[ArtifactDescriptor, ...]
+    mandatory_artifacts: tuple[ArtifactDescriptor, ...]
+    eligible_artifacts: tuple[ArtifactDescriptor, ...]
+    """The selected ones and those that were left out."""
+    mandatory_bytes: int
+    """Mandatory bytes still to come."""
+    feature_budget_bytes: int
+    """The most that features still to come may take."""
+    seed: int | None
+
+@dataclass(frozen=True)
+class RotationPlan:
+    """A selection, and the state that it makes once its files are here."""
+
+    selection: RotationSelection
+    candidate_state: RotationState | None
+    """None where nothing rotates."""
+
+@dataclass(frozen=True)
+class RotationSettings:
+    """A directory's rotation settings."""
+
+    feature_budget_gb: float | str | None = None
+    """In units of 2**30 bytes, "FULL_DOWNLOAD", or None for no explicit budget."""
+    algorithm: str = "seeded-hash"
+    rotation_seed: int | None = None
+    market: str | None = None
+    named_universes: tuple[str, ...] | None = None
+    family: str | None = None
+    subfamily: str | None = None
+    rotation_frequency: str = "weekly"
+    """Either "weekly" or "PT{hours}H"."""
+    def model_dump(self) -> _Document:
+        """The fields as one document."""
+
+def feature_rotation_state_path(data_dir: _Path) -> str:
+    """Where a directory keeps its rotation state."""
+
+def load_feature_rotation_state(data_dir: _Path) -> RotationState | Any | None:
+    """The rotation state on disk, or None where there is none. Raises FeatureRotationStateError for a damaged file."""
+
+def write_feature_rotation_state(data_dir: _Path, state: RotationState | Any) -> str:
+    """Write the rotation state atomically and return the file's path.
+
+    The file's modification time counts as the moment of the last rotation. Raises FeatureRotationStateError for a state
+    that has no such form, and OSError.
+    """
+
+def feature_rotation_status_payload(data_dir: _Path, *, settings_payload: Mapping[str, Any] | None = None) -> _Document:
+    """What a directory holds of its features, and when they change next; docs/rotation.md tells the 21 keys.
+
+    settings_payload: a document with `rotation_frequency`; without one the two keys of the next rotation are None.
+    Raises FeatureRotationStateError for a damaged state file or manifest.json.
+    """
+
 # ---- manager ------------------------------------------------------------------------------------------------
 
 class SyncManager:
@@ -285,6 +430,39 @@ class SyncManager:
 
         True where that cannot be told. Raises SyncUnavailableError where the server does not answer, and
         json.JSONDecodeError, UnicodeDecodeError or AttributeError where its answer is no JSON object.
+        """
+
+    def request_feature_files_for_sync(
+        self, feature_names: Iterable[object] | None, *, expression_type: object = "SIGNAL", named_universe: str | None = None
+    ) -> list[str]:
+        """Ensure manifest feature arrow files exist locally for parent dispatch.
+
+        Fetches the named features and their companions, whatever the rotation selects, and keeps them until the era
+        ends. Returns the local paths of all that the names resolve to; a name that the manifest lacks gives none.
+        expression_type: a text or an enumeration member; one with "strategy" in it means the strategy epoch.
+
+        Raises StateError in an era transition and where the manager does not run, DiskSpaceError, and what sync raises.
+        """
+
+    def add_active_feature_paths(self, relative_paths: Iterable[str]) -> tuple[str, ...]:
+        """Add to the active paths of the rotation state on disk; returns all of them, or () where there is no state.
+
+        The added paths stay active until the next rotation. Raises FeatureRotationStateError and OSError.
+        """
+
+    def register_rotation_search_consumer(self, consumer: RotationSearchConsumer | object) -> None:
+        """Tell a running search of every change of its scope, until it is unregistered. It is kept alive."""
+
+    def unregister_rotation_search_consumer(self, consumer: RotationSearchConsumer | object) -> None:
+        """Forget a search; one that is not registered is ignored."""
+
+    def refresh_running_searches_for_rotation(
+        self, rotation_state: RotationState | Any, vocabulary: Mapping[str, Any], manifest: Manifest | Any | None = None
+    ) -> None:
+        """Tell the registered searches a rotation state and what it leaves of their vocabularies, now.
+
+        vocabulary: one vocabulary document, or documents by universe. manifest: None for the manager's own.
+        Raises VocabularyScopeError before any search is told, and what the first failing search raises.
         """
 
     def get_manifest(self) -> Manifest | None:

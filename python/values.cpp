@@ -347,6 +347,12 @@ std::vector<Value> values_argument(nb::handle iterable, const char* name) {
   return values;
 }
 
+std::vector<Value> loose_values_argument(nb::handle iterable, const char* name) {
+  std::vector<Value> values;
+  each(iterable, name, [&](const nb::object& element) { values.push_back(loose_value(element)); });
+  return values;
+}
+
 std::set<std::string> text_set_argument(nb::handle iterable, const char* name) {
   std::set<std::string> texts;
   each(iterable, name, [&](const nb::object& element) { texts.insert(text_form(element)); });

@@ -52,6 +52,8 @@ class Origins {
 /// str(object) of each element; none for None.
 [[nodiscard]] std::vector<std::string> texts_argument(nb::handle iterable, const char* name);
 [[nodiscard]] std::vector<Value> values_argument(nb::handle iterable, const char* name);
+/// The elements as they are; null for one that is no JSON value. None for None.
+[[nodiscard]] std::vector<Value> loose_values_argument(nb::handle iterable, const char* name);
 [[nodiscard]] std::set<std::string> text_set_argument(nb::handle iterable, const char* name);
 
 /// The bytes of a bytes-like object, held for the life of this scope.

@@ -107,4 +107,15 @@ void Manifest::set_sections(Sections sections) {
   std::swap(sections_, sections);
 }
 
+ArtifactsRef Manifest::artifacts(const void* neighbour) const {
+  MutexLock lock(mutex_);
+  return artifacts_.neighbour == neighbour && artifacts_.source.same_as(data_) ? artifacts_.artifacts : nullptr;
+}
+
+void Manifest::remember_artifacts(const void* neighbour, const Document& source, ArtifactsRef artifacts) {
+  RememberedArtifacts remembered{neighbour, source, std::move(artifacts)};
+  MutexLock lock(mutex_);
+  std::swap(artifacts_, remembered);  // the old ones go after the lock: they may be objects of the host
+}
+
 }  // namespace brackenfen::sync

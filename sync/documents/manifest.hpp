@@ -61,12 +61,23 @@ class Manifest {
   [[nodiscard]] Sections sections() const;
   void set_sections(Sections sections);
 
+  /// The artifacts that were remembered for this neighbour; null where none were, or an entry has changed since.
+  [[nodiscard]] ArtifactsRef artifacts(const void* neighbour) const;
+  /// Remembers what was made of `source`, this record's document at that time.
+  void remember_artifacts(const void* neighbour, const Document& source, ArtifactsRef artifacts);
+
  private:
   Value era_number_, version_, base_url_, pnl_column_count_, signals_index_, functions_;
   mutable Mutex mutex_;
   Document data_ GUARDED_BY(mutex_);
   Value files_ GUARDED_BY(mutex_);
   Sections sections_ GUARDED_BY(mutex_);
+  struct RememberedArtifacts {
+    const void* neighbour = nullptr;
+    Document source;
+    ArtifactsRef artifacts;
+  };
+  RememberedArtifacts artifacts_ GUARDED_BY(mutex_);
 };
 
 }  // namespace brackenfen::sync

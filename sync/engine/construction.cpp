@@ -12,6 +12,7 @@
 #include "sync/documents/signals_index.hpp"
 #include "sync/documents/vocabulary.hpp"
 #include "sync/engine/sync_manager.hpp"
+#include "sync/rotation/state_file.hpp"
 
 namespace brackenfen::sync {
 
@@ -24,6 +25,7 @@ SyncManager::SyncManager(Options options)
       seams_(options.seams),
       fork_generation_(fork_generation()),
       _hash_cache(*options.seams.files, *options.seams.clock, join_path(options.data_dir, SYNC_HASH_CACHE_FILENAME)),
+      _prefetched_features(*options.seams.files, *options.seams.clock, _data_dir),
       _directory_lock(_data_dir, _flock_path, *options.seams.clock) {
   const auto not_callable = options.get_token ? options.get_token->type_where_not_callable() : std::optional<std::string>("nothing");
   if (not_callable) throw TypeError("get_token must be callable, got " + *not_callable);
@@ -38,6 +40,7 @@ SyncManager::SyncManager(Options options)
   runtime_freshness_guard.set(std::move(options.runtime_freshness_guard));
   _hash_cache.set_entries(HashCache::_load_hash_cache(_hash_cache.path()));
   restore_consumer_count();
+  _active_rotation_state.set(load_feature_rotation_state(*neighbours, _data_dir.get()));
   restore_manifest(*neighbours);
   restore_vocabulary(*neighbours);
 }
@@ -70,6 +73,7 @@ void SyncManager::restore_manifest(NeighbourSet& neighbours) {
     }
     auto manifest = std::make_shared<Manifest>(neighbours, Value(cleaned));
     _manifest.set(manifest);
+    _normalize_active_rotation_state_for_manifest(neighbours, *manifest);
     _load_manifest_signals_index(data_dir, *manifest);
   } catch (const Error& error) {
     log_warning("Failed to load manifest from disk: %s", error.text());

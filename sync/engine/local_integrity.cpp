@@ -5,6 +5,7 @@
 #include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
 #include "sync/base/parallel.hpp"
+#include "sync/base/member_cursor.hpp"
 #include "sync/base/paths.hpp"
 #include "sync/documents/local_files.hpp"
 #include "sync/documents/manifest_filters.hpp"
@@ -93,10 +94,11 @@ bool SyncManager::_local_manifest_files_complete(NeighbourSet& neighbours, Manif
   const Document* entries = files.if_document();
   const std::string data_dir = _data_dir.get();
   if (active_rotation_state) {
-    const std::vector<std::string> active_paths = active_rotation_state->active_relative_paths();
+    const std::vector<Text> active_paths = active_rotation_state->active_relative_paths();
     return files_match(data_dir, [&](ExpectedFiles& expected) {
-      return std::ranges::all_of(active_paths, [&](const std::string& file_path) {
-        const Value* entry = entries ? entries->find(file_path) : nullptr;
+      MemberCursor cursor(entries);
+      return std::ranges::all_of(active_paths, [&](const Text& file_path) {
+        const Value* entry = cursor.find(file_path);
         const Document* file_info = entry ? entry->if_document() : nullptr;
         if (file_info && !_manifest_file_is_sync_excluded(neighbours, *entry)) expected.add(file_path, file_info);
         return file_info != nullptr;

@@ -140,7 +140,7 @@ void SyncManager::Pass::refuse_another_era() const {
 
 SyncManager::PlannedRotation SyncManager::Pass::plan_for(Manifest& manifest, bool force_new_candidate) {
   PlannedRotation rotation = manager_._plan_feature_rotation_for_manifest(*neighbours_, manifest, free_bytes_, force_new_candidate);
-  manager_._precheck_rotation_disk_budget(rotation.plan.selection, free_bytes_, !rotation.explicit_rotation_budget);
+  manager_._precheck_rotation_disk_budget(*neighbours_, rotation.plan.selection, free_bytes_, !rotation.explicit_rotation_budget);
   return rotation;
 }
 
@@ -158,11 +158,7 @@ void SyncManager::Pass::plan_rotation() {
 SyncResult SyncManager::Pass::result_for_era(const Manifest& manifest, const RotationSelection& selection) const {
   SyncResult result;
   result.era_number = manifest_integer(manifest.era_number(), "era_number");
-  result.active_relative_paths = selection.active_relative_paths;
-  result.mandatory_relative_paths = selection.mandatory_relative_paths;
-  result.skipped_relative_paths = selection.skipped_relative_paths;
-  if (selection.seed) result.rotation_seed = *selection.seed;
-  if (selection.feature_budget_bytes) result.feature_budget_bytes = *selection.feature_budget_bytes;
+  _apply_rotation_result_fields(result, selection);
   return result;
 }
 
@@ -184,16 +180,20 @@ void SyncManager::Pass::collect_downloads() {
   MemberCursor local_entries(local_manifest_files.if_document());
   LocalFiles local_files(data_dir_);
   std::vector<Member> wanted;
-  std::size_t seen = 0;
-  for (const Text& file_path : rotation_.plan.selection.active_relative_paths) {
-    if (++seen % FILES_PER_INTERRUPT_CHECK == 0) check_interrupt();
+  const std::vector<Text>& active_paths = rotation_.plan.selection.active_relative_paths;
+  seen_here_.assign(active_paths.size(), false);
+  for (std::size_t index = 0; index < active_paths.size(); ++index) {
+    const Text& file_path = active_paths[index];
+    if (index % FILES_PER_INTERRUPT_CHECK == 0) check_interrupt();
     const Value* entry = entries.find(file_path);
     const Document* file_info = entry ? entry->if_document() : nullptr;
     if (!file_info) throw SyncError("Active rotation path is missing from manifest: " + file_path.str());
     // The signals index is fetched, validated and written by a stage of its own.
     if (file_path.view() == SIGNALS_INDEX_RELATIVE_PATH || is_checked_elsewhere(file_path, *entry)) continue;
     if (must_download(file_path, *file_info, local_entries.find(file_path), local_files)) {
-      wanted.push_back({file_path, Value(stamped(*file_info))});
+      wanted.push_back({file_path, Value(generation_stamped(*file_info, *server_))});
+    } else {
+      seen_here_[index] = true;
     }
   }
   files_to_download_ = Document(std::move(wanted));
@@ -220,11 +220,11 @@ bool SyncManager::Pass::must_download(const Text& file_path, const Document& fil
   return expected_sha != actual_sha;
 }
 
-Document SyncManager::Pass::stamped(const Document& file_info) const {
+Document SyncManager::generation_stamped(const Document& file_info, const Manifest& manifest) {
   std::vector<Member> members(file_info.begin(), file_info.end());
-  if (server_->base_url().truthy()) members.push_back({"_manifest_base_url", server_->base_url()});
-  members.push_back({"_manifest_version", manifest_integer(server_->version(), "version")});
-  members.push_back({"_manifest_era_id", manifest_integer(server_->era_number(), "era_number")});
+  if (manifest.base_url().truthy()) members.push_back({"_manifest_base_url", manifest.base_url()});
+  members.push_back({"_manifest_version", manifest_integer(manifest.version(), "version")});
+  members.push_back({"_manifest_era_id", manifest_integer(manifest.era_number(), "era_number")});
   return Document(std::move(members));
 }
 
@@ -293,13 +293,29 @@ void SyncManager::Pass::commit() {
 void SyncManager::Pass::finish() {
   if (vocabulary_landed_ || !manager_._vocabulary.get()) use_vocabularies(valid_vocabularies(*server_));
   add_vocabulary_metadata(result_);
-  manager_._complete_rotation_promotion(rotation_.plan, *server_);
+  promote_rotation(server_);
+  note_stage("rotation promotion");
 
   const Value files = server_->files();
   const EraConfig& era_config = neighbours_->era_config();
   result_.n_features = count_features(files);
   result_.n_useful_signals = count_groups(era_config, files, "useful_signals/");
   result_.n_found_strategies = count_groups(era_config, files, "found_strategies/");
+}
+
+void SyncManager::Pass::promote_rotation(const std::shared_ptr<Manifest>& manifest) {
+  // What the walk found a moment ago is here; downloads may have taken hours since, and then everything is looked at.
+  if (!files_to_download_.empty()) seen_here_.clear();
+  LocalFiles local_files(data_dir_);
+  const std::vector<Text>& active_paths = rotation_.plan.selection.active_relative_paths;
+  std::vector<Text> available;
+  available.reserve(active_paths.size());
+  for (std::size_t index = 0; index < active_paths.size(); ++index) {
+    if (index % FILES_PER_INTERRUPT_CHECK == 0) check_interrupt();
+    const bool seen = index < seen_here_.size() && seen_here_[index];
+    if (seen || local_files.stat(active_paths[index])) available.push_back(active_paths[index]);
+  }
+  manager_._complete_rotation_promotion(*neighbours_, rotation_.plan.candidate_state, available, manifest);
 }
 
 Document SyncManager::Pass::valid_vocabularies(const Manifest& manifest) {

@@ -40,7 +40,6 @@ class SyncManager::Pass {
   void begin_result();
   void collect_downloads();
   [[nodiscard]] bool must_download(const Text& file_path, const Document& file_info, const Value* local_entry, LocalFiles& local_files);
-  [[nodiscard]] Document stamped(const Document& file_info) const;
   void check_disk() const;
   /// False where a lost artifact was excluded.
   [[nodiscard]] bool download();
@@ -63,6 +62,7 @@ class SyncManager::Pass {
   [[nodiscard]] Document valid_vocabularies(const Manifest& manifest);
   void require_valid_seed(const Manifest& manifest) const;
   [[nodiscard]] SyncResult result_for_era(const Manifest& manifest, const RotationSelection& selection) const;
+  void promote_rotation(const std::shared_ptr<Manifest>& manifest);
   void use_vocabularies(Document vocabularies);
   void add_vocabulary_metadata(SyncResult& result) const;
   /// Logs at debug level how long the step since the last call took.
@@ -78,6 +78,7 @@ class SyncManager::Pass {
   std::int64_t free_bytes_ = 0;  ///< taken once, before the download set is known
   bool same_version_ = false;
   PlannedRotation rotation_;
+  std::vector<bool> seen_here_;  ///< for each active path, whether the walk has just found its file
   SyncResult result_;
   Document files_to_download_;
   bool vocabulary_landed_ = false;

@@ -36,7 +36,7 @@ std::optional<SyncResult> SyncManager::Pass::end_on_version_hint(const VersionHi
 
   use_vocabularies(std::move(local_vocabularies));
   SyncResult result = result_for_era(*local_, selection);
-  manager_._complete_rotation_promotion(rotation_.plan, *local_);
+  promote_rotation(local_);
   result.pnl_column_count = local_->pnl_column_count();
   result.n_features = count_features(local_->files());
   add_vocabulary_metadata(result);
@@ -55,16 +55,22 @@ Document SyncManager::Pass::check_local_directory(const RotationSelection& selec
 
 void SyncManager::Pass::require_active_files(const RotationSelection& selection, const Value& files) {
   MemberCursor entries(files.if_document());
+  const std::vector<Text>& active_paths = selection.active_relative_paths;
+  std::vector<bool> looked_at(active_paths.size(), false);
   const bool all_match = manager_.files_match(data_dir_, [&](ExpectedFiles& expected) {
-    for (const Text& file_path : selection.active_relative_paths) {
+    for (std::size_t index = 0; index < active_paths.size(); ++index) {
+      const Text& file_path = active_paths[index];
       const Value* entry = entries.find(file_path);
       const Document* file_info = entry ? entry->if_document() : nullptr;
       if (!file_info) throw SyncError("Active rotation path is missing from manifest: " + file_path.str());
-      if (!is_checked_elsewhere(file_path, *entry)) expected.add(file_path, file_info);
+      if (is_checked_elsewhere(file_path, *entry)) continue;
+      expected.add(file_path, file_info);
+      looked_at[index] = true;
     }
     return true;
   });
   if (!all_match) throw SyncError("Manifest version matched but local data files need repair");
+  seen_here_ = std::move(looked_at);
 }
 
 std::optional<SyncResult> SyncManager::Pass::end_on_same_version() {
@@ -105,7 +111,7 @@ std::optional<SyncResult> SyncManager::Pass::end_on_same_version() {
   _load_manifest_signals_index(data_dir_, *server_);
   manager_._manifest.set(server_);
   _write_manifest_json(*manager_.seams_.files, *manager_.seams_.clock, data_dir_, server_->data());
-  manager_._complete_rotation_promotion(rotation_.plan, *server_);
+  promote_rotation(server_);
   _cleanup_sync_tmp_files(*manager_.seams_.files, data_dir_);
   note_stage("check against the same version");
   return result;

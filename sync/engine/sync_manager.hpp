@@ -30,7 +30,6 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -51,6 +50,8 @@
 #include "sync/lifecycle/repair_queue.hpp"
 #include "sync/lifecycle/request_coalescing.hpp"
 #include "sync/rotation/planning.hpp"
+#include "sync/rotation/prefetched_features.hpp"
+#include "sync/rotation/search_consumers.hpp"
 #include "sync/transport/http.hpp"
 #include "sync/transport/seams.hpp"
 #include "sync/transport/token_source.hpp"
@@ -58,6 +59,7 @@
 namespace brackenfen::sync {
 
 class ExpectedFiles;
+class LocalFiles;
 
 inline constexpr double SYNC_MANIFEST_POLL_INTERVAL_SECONDS = 5.0;
 inline constexpr int SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT = 3;
@@ -89,9 +91,9 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   /// The live instances by canonical directory.
   [[nodiscard]] static std::map<std::string, std::shared_ptr<SyncManager>> _instances();
 
-  /// Restores hash cache, consumer count and manifest from the directory. No network request.
+  /// Restores hash cache, consumer count, rotation state and manifest from the directory. No network request.
   /// Throws TypeError for a token source that cannot be called, ValueError for an empty or unacceptable
-  /// server URL, FileNotFoundError for a missing directory.
+  /// server URL, FileNotFoundError for a missing directory, FeatureRotationStateError for a state file that is damaged.
   explicit SyncManager(Options options);
   SyncManager(const SyncManager&) = delete;
   SyncManager& operator=(const SyncManager&) = delete;
@@ -258,9 +260,15 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   void _acquire_flock() { _directory_lock._acquire_flock(); }
   void _release_flock() { _directory_lock._release_flock(); }
 
-  // ---- stages that a pass runs through: stages.cpp ---------------------------------------------------
-  // No rotation is planned or promoted: each stage has its place in the pass and says "nothing done".
+  // ---- the rotation of features: rotation/planning.cpp, rotation/promotion.cpp ------------------------
 
+  struct RotationSettingsForManifest {
+    LoadedRotationSettings settings;
+    ArtifactRotationSettings rotation_settings;
+  };
+  [[nodiscard]] RotationSettingsForManifest _feature_rotation_settings_for_manifest(NeighbourSet& neighbours, Manifest& manifest,
+                                                                                    std::int64_t free_disk_bytes);
+  /// Whether a pass that finds the version unchanged must make a new candidate.
   [[nodiscard]] bool _feature_rotation_should_rotate(NeighbourSet& neighbours, Manifest& manifest);
   /// Whether the rotation alone calls for a pass.
   [[nodiscard]] bool _feature_rotation_needs_sync_for_manifest(NeighbourSet& neighbours, Manifest& manifest);
@@ -268,11 +276,63 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
     RotationPlan plan;
     bool explicit_rotation_budget = false;
   };
+  /// Throws SyncError for an active state of which no plan can be made, and what settings and planner throw.
   [[nodiscard]] PlannedRotation _plan_feature_rotation_for_manifest(NeighbourSet& neighbours, Manifest& manifest,
                                                                     std::int64_t free_disk_bytes, bool force_new_candidate = true);
-  /// Throws where the selection does not fit the disk.
-  void _precheck_rotation_disk_budget(const RotationSelection& selection, std::int64_t free_disk_bytes, bool enforce_default_cap = true);
-  void _complete_rotation_promotion(const RotationPlan& plan, Manifest& manifest);
+  /// Throws MandatoryArtifactsTooLargeError where mandatory files need more than half of the free space, DiskSpaceError
+  /// where the selection does not fit. `enforce_default_cap` changes nothing.
+  void _precheck_rotation_disk_budget(NeighbourSet& neighbours, const RotationSelection& selection, std::int64_t free_disk_bytes,
+                                      bool enforce_default_cap = true);
+
+  RotationStateRef _promote_rotation_candidate(NeighbourSet& neighbours, const RotationStateRef& candidate_state,
+                                               const std::vector<Text>& available_relative_paths);
+  /// The file first, so that a failed write leaves memory on the old state. A state that is active already is not written;
+  /// one that only lists other paths for the same rotation leaves the time of the file as it was.
+  void _write_promoted_rotation_state(NeighbourSet& neighbours, const RotationStateRef& promoted);
+  /// Takes retired paths out of the active state, which it returns.
+  RotationStateRef _normalize_active_rotation_state_for_manifest(NeighbourSet& neighbours, const Manifest& manifest);
+  /// Makes the candidate the active state as far as its files are available, deletes what no longer belongs here and tells
+  /// the running searches. An error of the vocabulary comes before anything is written; later ones find the state kept.
+  /// Without a candidate, where nothing rotates, only the clean-up runs.
+  RotationStateRef _complete_rotation_promotion(NeighbourSet& neighbours, const RotationStateRef& candidate_state,
+                                                const std::vector<Text>& available_relative_paths,
+                                                const std::shared_ptr<Manifest>& manifest);
+  void _cleanup_inactive_rotation_artifacts(NeighbourSet& neighbours, const Manifest& manifest,
+                                            const std::vector<Text>& active_relative_paths);
+  /// Adds to the active paths of the state on disk and returns all of them; empty where there is no state. Throws
+  /// FeatureRotationStateError and os_error.
+  std::vector<Text> add_active_feature_paths(const std::vector<Text>& relative_paths);
+
+  void register_rotation_search_consumer(SearchConsumerRef consumer) {
+    _rotation_search_consumers.register_rotation_search_consumer(std::move(consumer));
+  }
+  void unregister_rotation_search_consumer(const RotationSearchConsumer& consumer) {
+    _rotation_search_consumers.unregister_rotation_search_consumer(consumer);
+  }
+  [[nodiscard]] std::vector<SearchConsumerRef> _rotation_search_consumer_snapshot() const { return _rotation_search_consumers.snapshot(); }
+  /// What each search is to be told; `vocabulary` is looked at only where one is. Null and absent stand for the manager's
+  /// own manifest and searches.
+  [[nodiscard]] std::vector<SearchRefreshPayload> _rotation_search_refresh_payloads(
+      NeighbourSet& neighbours, const RotationStateRef& rotation_state, const Value& vocabulary,
+      const std::shared_ptr<Manifest>& manifest = nullptr, const std::optional<std::vector<SearchConsumerRef>>& consumers = std::nullopt);
+  /// Tells the running searches now. Throws VocabularyScopeError, and what the first failing search throws.
+  void refresh_running_searches_for_rotation(const RotationStateRef& rotation_state, const Value& vocabulary,
+                                             const std::shared_ptr<Manifest>& manifest = nullptr);
+
+  // ---- features on demand: rotation/on_demand.cpp ----------------------------------------------------
+
+  /// Fetches the named features and their companions, keeps them for the era, and returns their local paths. Names that the
+  /// manifest lacks give none. Takes the locks of a pass. Throws StateError in a transition and where the manager does not
+  /// run, DiskSpaceError, and what downloads and passes throw.
+  [[nodiscard]] std::vector<std::string> request_feature_files_for_sync(const std::vector<Value>& feature_names,
+                                                                        const Value& expression_type = "SIGNAL",
+                                                                        const Value& named_universe = {});
+  /// The caller holds the locks of a pass.
+  [[nodiscard]] std::vector<std::string> _request_feature_files_for_sync_impl(const std::vector<std::string>& feature_names,
+                                                                              const Value& expression_type = "SIGNAL",
+                                                                              const Value& named_universe = {});
+  [[nodiscard]] PrefetchedFeatures& prefetched_features() noexcept { return _prefetched_features; }
+  [[nodiscard]] SearchConsumers& rotation_search_consumers() noexcept { return _rotation_search_consumers; }
 
   // ---- fields, for the boundary and for tests --------------------------------------------------------
 
@@ -296,8 +356,6 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   std::atomic<bool> _consumer_lifecycle_started{false};
   std::atomic<bool> _in_transition{false};
   RepairQueue _repair_queue;
-  Guarded<Value> _prefetched_feature_era_id;
-  Guarded<std::set<std::string>> _prefetched_feature_relative_paths;
 
   Snapshot<BackgroundThread> _sync_thread;  ///< null where the manager does not run
   Snapshot<EraThread> _era_thread;
@@ -338,7 +396,17 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   const Seams seams_;
   const std::uint64_t fork_generation_;
 
+  [[nodiscard]] LoadedRotationSettings load_rotation_settings(NeighbourSet& neighbours, Manifest& manifest);
+  [[nodiscard]] bool rotation_is_due(NeighbourSet& neighbours, const LoadedRotationSettings& settings, const RotationStateRef& active);
+  /// Whether the file is here as far as size, hash cache and the local manifest's promise tell; null for no such manifest.
+  [[nodiscard]] bool is_present(LocalFiles& local_files, const Manifest* local, const Text& path, std::int64_t size_bytes,
+                                const Value& sha256);
+  /// The entry with the base URL, version and era of its manifest, by which a download notices a newer one.
+  [[nodiscard]] static Document generation_stamped(const Document& file_info, const Manifest& manifest);
+
   HashCache _hash_cache;
+  PrefetchedFeatures _prefetched_features;
+  SearchConsumers _rotation_search_consumers;
   DirectoryLock _directory_lock;
   EraCallbacks _era_callbacks;
   RequestCoalescing _request_coalescing;

@@ -15,6 +15,7 @@ class BuiltinNeighbourSet final : public NeighbourSet {
   const FunctionTokenSafety& function_token_safety() override { return FunctionTokenSafety::builtin(); }
   const FunctionsVocabulary& functions_vocabulary() override { return FunctionsVocabulary::builtin(); }
   const LoggingStyle& logging_style() override { return LoggingStyle::builtin(); }
+  const RotationSettings& rotation_settings() override { return RotationSettings::builtin(); }
 };
 
 /// A handle that owns nothing: what it points at lives for the whole process.

@@ -11,6 +11,7 @@
 #include "sync/neighbours/function_token_safety.hpp"
 #include "sync/neighbours/functions_vocabulary.hpp"
 #include "sync/neighbours/logging_style.hpp"
+#include "sync/neighbours/rotation_settings.hpp"
 #include "sync/neighbours/runtime_module_freshness.hpp"
 #include "sync/neighbours/sync_backoff.hpp"
 #include "sync/neighbours/sync_progress.hpp"
@@ -34,6 +35,7 @@ class NeighbourSet {
   [[nodiscard]] virtual const FunctionTokenSafety& function_token_safety() = 0;
   [[nodiscard]] virtual const FunctionsVocabulary& functions_vocabulary() = 0;
   [[nodiscard]] virtual const LoggingStyle& logging_style() = 0;
+  [[nodiscard]] virtual const RotationSettings& rotation_settings() = 0;
 };
 
 class Neighbours {

@@ -1,34 +1,27 @@
-// The rotation plan of a pass: which manifest paths are active for this client.
-//
-// No selection is made yet: every file that is not excluded is active, no budget is set, nothing is due and
-// no state is promoted.
+// What a plan means for budgets, download sets and results.
 #pragma once
 
 #include <cstdint>
-#include <memory>
-#include <optional>
 #include <vector>
 
-#include "sync/documents/manifest.hpp"
+#include "sync/base/text_set.hpp"
+#include "sync/base/value.hpp"
+#include "sync/neighbours/artifact_rotation.hpp"
 
 namespace brackenfen::sync {
 
-struct RotationSelection {
-  // Paths share their texts with the manifest.
-  std::vector<Text> active_relative_paths;
-  std::vector<Text> mandatory_relative_paths;
-  std::vector<Text> skipped_relative_paths;
-  std::optional<std::int64_t> seed;
-  std::optional<std::int64_t> feature_budget_bytes;
-};
+struct SyncResult;
 
-struct RotationPlan {
-  RotationSelection selection;
-  std::shared_ptr<const RotationState> candidate_state;  ///< null while nothing is promoted
-};
+inline constexpr std::int64_t FEATURE_ROTATION_BYTES_PER_GB = 1073741824;
 
-/// All paths of the manifest that are not excluded, in manifest order; none where `files` is no document. The
-/// path of an entry that is no document is active: the pass that comes to it refuses the manifest.
-[[nodiscard]] RotationPlan plan_all_files(NeighbourSet& neighbours, const Manifest& manifest);
+/// Bytes of a budget in units of 2^30, cut towards zero; null and FULL_DOWNLOAD stay what they are.
+[[nodiscard]] Value _rotation_feature_budget_bytes(const Value& feature_budget_gb);
+
+/// The entries of the selected artifacts that do not exist yet; one that `files` lacks is described by its artifact.
+[[nodiscard]] Document _rotation_scoped_files_to_download(const Value& files, const std::vector<ArtifactDescriptor>& selected_artifacts,
+                                                          const TextSet& existing_relative_paths);
+
+/// Seed and budget are converted to integers; what the selection does not state stays null.
+void _apply_rotation_result_fields(SyncResult& result, const RotationSelection& selection);
 
 }  // namespace brackenfen::sync

@@ -3,6 +3,7 @@
 
 #include <functional>
 
+#include "sync/neighbours/rotation_state.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
@@ -65,12 +66,9 @@ TEST_F(NeedsSyncTest, whatIsHereDecidesWhereTheServerIsContent) {
     bool needs;
   };
   const auto state = [](const std::string& path) {
-    struct OnePath : RotationState {
-      explicit OnePath(std::string given) : path(std::move(given)) {}
-      std::vector<std::string> active_relative_paths() const override { return {path}; }
-      std::string path;
-    };
-    return std::make_shared<OnePath>(path);
+    auto one_path = std::make_shared<BuiltinRotationState>();
+    one_path->active_paths = {Text(path)};
+    return one_path;
   };
   const std::shared_ptr<Manifest> manifest = manager->get_manifest();
   const std::string manifest_text = directory.read("manifest.json");

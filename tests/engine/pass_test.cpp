@@ -47,8 +47,8 @@ class PassTest : public testing::Test, protected SyncSetup {
 
   /// The files of a directory in step, sorted: `more`, and what every era brings.
   [[nodiscard]] static std::vector<std::string> with_documents(std::vector<std::string> more) {
-    for (const char* path :
-         {".sync_hash_cache.json", "manifest.json", FUNCTIONS, VOCABULARY, "shuffle_seed.enc", "shuffle_seed.enc.meta.json"})
+    for (const char* path : {".sync_hash_cache.json", "feature-rotation-state.json", "manifest.json", FUNCTIONS, VOCABULARY,
+                             "shuffle_seed.enc", "shuffle_seed.enc.meta.json"})
       more.emplace_back(path);
     std::sort(more.begin(), more.end());
     return more;
@@ -143,10 +143,10 @@ TEST_F(PassTest, aManifestThatIsNoneLeavesFilesAndMemoryAsTheyWere) {
       {"a list", {.body = "[]"}, "AttributeError: the manifest is not a JSON object: 'list' object has no attribute 'get'"},
       {"another era", body(manifest(2, {BETA}, ERA + 1)), "EraError: Era mismatch: local era_number=7, server era_number=8"},
       {"a climbing path", body(with_entry("../outside", good_entry)), "ManifestError: "},
-      {"an entry that is none", body(with_entry("x", "text")), "SyncError: Active rotation path is missing from manifest: x"},
       {"a version that is none", body(manifest(2, {BETA}).with("version", "two")), "ValueError: manifest version: invalid literal"},
-      {"an endless size", body(with_entry("x", good_entry.with("size_bytes", Value::integer_from_decimal("99999999999999999999999")))),
-       "DiskSpaceError: Insufficient disk space: need 99999999999999999999999 bytes, have "},
+      {"an endless size",
+       body(with_entry("x", good_entry.with("kind", "pnl").with("size_bytes", Value::integer_from_decimal("99999999999999999999999")))),
+       "MandatoryArtifactsTooLargeError: mandatory artifacts need 9223372036854775807 more bytes, "},
       {"not found", {.status = 404}, "SyncError: Failed to fetch manifest: HTTP 404"},
       {"broken for good",
        {.status = 500, .body = R"({"retryable": false})"},
@@ -262,20 +262,6 @@ TEST_F(PassTest, filesThatAreHereAlreadyAreRecognisedByTheirContent) {
   EXPECT_EQ(requests(data_path(ALPHA)), 0U);
   EXPECT_EQ(requests(data_path(BETA)), 1U);
   EXPECT_EQ(manager->hash_cache()._cached_local_sha(ALPHA.path, directory / ALPHA.path, _sha256(ALPHA.content)), _sha256(ALPHA.content));
-}
-
-TEST_F(PassTest, theDownloadSetMustFitTheFreeSpace) {
-  publish(1, {ALPHA, BETA});
-  const auto needed = static_cast<std::int64_t>(ALPHA.content.size() + BETA.content.size() + CATALOGUE_BYTES);
-  const auto manager = open();
-  files.set_free_bytes(needed - 1);
-  EXPECT_EQ(failure_of([&] { return manager->sync(); }), "DiskSpaceError: Insufficient disk space: need " + std::to_string(needed) +
-                                                             " bytes, have " + std::to_string(needed - 1) + " bytes available");
-  EXPECT_THAT(directory.files(), IsEmpty());
-  files.set_free_bytes(needed);
-  EXPECT_EQ(manager->sync().features_downloaded, 2);
-  files.set_free_bytes(0);
-  EXPECT_EQ(failure_of([&] { return manager->sync(); }), "") << "nothing to fetch fits everywhere";
 }
 
 TEST_F(PassTest, aSupersededPassIsRunThreeTimes) {

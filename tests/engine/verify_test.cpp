@@ -4,6 +4,7 @@
 
 #include <functional>
 
+#include "sync/neighbours/rotation_state.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
@@ -27,11 +28,11 @@ class VerifyTest : public testing::Test, protected SyncSetup {
   }
 };
 
-struct ActivePaths : RotationState {
-  explicit ActivePaths(std::vector<std::string> given) : paths(std::move(given)) {}
-  std::vector<std::string> active_relative_paths() const override { return paths; }
-  std::vector<std::string> paths;
-};
+RotationStateRef active_paths(std::vector<Text> paths) {
+  auto state = std::make_shared<BuiltinRotationState>();
+  state->active_paths = std::move(paths);
+  return state;
+}
 
 TEST_F(VerifyTest, nothingIsWrongWithoutAManifest) { EXPECT_EQ(open()->verify(), VerifyResult{}); }
 
@@ -93,8 +94,7 @@ TEST_F(VerifyTest, theListsFollowTheOrderOfTheManifestOrOfTheActivePaths) {
   const auto manager = knowing(entries);
   EXPECT_EQ(manager->verify(), found(corrupted, missing));
 
-  manager->_active_rotation_state.set(
-      std::make_shared<ActivePaths>(std::vector<std::string>{missing[1], "unknown", corrupted[5], missing[0], corrupted[2]}));
+  manager->_active_rotation_state.set(active_paths({missing[1], "unknown", corrupted[5], missing[0], corrupted[2]}));
   EXPECT_EQ(manager->verify(), found({corrupted[5], corrupted[2]}, {missing[1], "unknown", missing[0]}));
 }
 

@@ -14,9 +14,10 @@ import pytest
 KINDS = {
     int: "_SYNC_HTTP_CHUNK_BYTES _SYNC_HTTP_RESPONSE_READ_BYTES _SYNC_MAX_CONCURRENCY _SYNC_MAX_UNCHANGED_CHECKSUM_REPAIRS "
          "_SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT _SYNC_HASH_CACHE_VERSION _SYNC_HASH_FILE_CHUNK_BYTES "
-         "_SYNC_EVENT_COALESCE_LIMIT",
+         "_SYNC_EVENT_COALESCE_LIMIT _FEATURE_ROTATION_STATE_VERSION _FEATURE_ROTATION_BYTES_PER_GB _PREFETCHED_FEATURES_VERSION",
     float: "_SYNC_HTTP_TIMEOUT_SECONDS _SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS _SYNC_PARALLEL_TIMEOUT_SECONDS _SYNC_MANIFEST_POLL_INTERVAL_SECONDS",
-    str: "__version__ _SYNC_USER_AGENT _SYNC_HASH_CACHE_FILENAME _SYNC_PROGRESS_FILENAME _SIGNALS_INDEX_RELATIVE_PATH CURRENT_PLATFORM",
+    str: "__version__ _SYNC_USER_AGENT _SYNC_HASH_CACHE_FILENAME _SYNC_PROGRESS_FILENAME _SIGNALS_INDEX_RELATIVE_PATH CURRENT_PLATFORM "
+         "_FEATURE_ROTATION_STATE_FILENAME _PREFETCHED_FEATURES_FILENAME",
     frozenset: "_REQUIRED_VOCABULARY_KEYS _RETIRED_UNSUPPORTED_RUNTIME_MODULE_NAMES",
     tuple: "_TRANSIENT_HTTP_STATUSES _SIGNALS_INDEX_SECTIONS _RUNTIME_MODULE_EXTENSION_SUFFIXES",
 }  # fmt: skip
@@ -67,6 +68,20 @@ CALLS: list[tuple[str, dict[str, Any], Any]] = [
     ("_is_manifest_version_url", {"url": "http://h/data/manifest/version//"}, True),
     ("_parse_sync_error_body", {"body": b'{"a": 1}'}, {"a": 1}),
     ("_should_retry_http_status", {"status": "503"}, True),
+    ("feature_rotation_state_path", {"data_dir": "/d"}, "/d/feature-rotation-state.json"),
+    ("load_feature_rotation_state", {"data_dir": "/nowhere"}, None),
+    ("_drop_retired_unsupported_runtime_paths_from_state", {"state": None, "manifest": None}, None),
+    ("_load_feature_rotation_status_manifest", {"data_dir": "/nowhere"}, None),
+    ("_rotation_frequency_seconds", {"settings_payload": {"rotation_frequency": "PT2H"}}, 7200),
+    ("_rotation_next_at", {"data_dir": "/nowhere", "settings_payload": None}, (None, None)),
+    ("_rotation_is_due", {"data_dir": "/nowhere", "settings_payload": None, "active_state": None}, True),
+    ("_existing_rotation_paths", {"data_dir": "/", "relative_paths": ["etc/passwd", "nowhere"]}, ("etc/passwd",)),
+    ("_manifest_era_id_or_none", {"manifest": object()}, None),
+    ("_rotation_artifact_rows", {"manifest": object()}, ()),
+    ("_rotation_manifest_artifacts", {"manifest": object()}, ()),
+    ("_rotation_artifacts_require_scoped_settings", {"artifacts": []}, False),
+    ("_prefetched_features_state_path", {"data_dir": "/d"}, "/d/.prefetched-features.json"),
+    ("_manifest_prefetched_feature_paths", {"manifest": object(), "paths": None}, ()),
     ("_sha256", {"data": b""}, "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"),
     ("_sync_backoff_surface", {"default_surface": "d"}, "d"),
     ("_append_limited", {"values": [1, 2], "value": 3, "limit": 2}, None),
@@ -112,7 +127,7 @@ def test_the_stub_tells_the_truth() -> None:
     """Every public name of the stub exists, and every public name that exists is in the stub."""
     stub = pathlib.Path(sync.__file__).with_name("sync.pyi")
     tree = ast.parse(stub.read_text())
-    protocols = {"TokenSource", "RuntimeFreshnessGuard", "EraManager"}
+    protocols = {"TokenSource", "RuntimeFreshnessGuard", "EraManager", "RotationSearchConsumer"}
     listed = {node.name: node for node in tree.body if isinstance(node, (ast.ClassDef, ast.FunctionDef))}
     assigned = {node.target.id for node in tree.body if isinstance(node, ast.AnnAssign) and isinstance(node.target, ast.Name)}
     aliases = {node.name.id for node in tree.body if isinstance(node, ast.TypeAlias)}

@@ -1,0 +1,16 @@
+// Deleting what a directory holds and no rotation keeps.
+#pragma once
+
+#include <string_view>
+
+#include "sync/base/text_set.hpp"
+#include "sync/transport/files.hpp"
+
+namespace brackenfen::sync {
+
+/// Deletes every file below the six folders of artifacts whose path is not in `keep`. Folders whose name begins with "."
+/// are left alone with all below them, links to folders are left alone and not followed, other links are files, and
+/// empty folders stay. Throws os_error of a folder that cannot be read or a file that cannot be deleted, and Interrupted.
+void delete_files_not_kept(Files& files, std::string_view data_dir, const TextSet& keep);
+
+}  // namespace brackenfen::sync

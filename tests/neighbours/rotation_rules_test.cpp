@@ -1,0 +1,135 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "sync/base/convert.hpp"
+#include "sync/base/json.hpp"
+#include "sync/neighbours/rotation_scope.hpp"
+#include "sync/neighbours/rotation_settings.hpp"
+#include "tests/support/failures.hpp"
+#include "tests/support/temporary_directory.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::UnorderedElementsAre;
+
+const ArtifactRotation& rotation() { return ArtifactRotation::builtin(); }
+
+ArtifactsRef describe(const std::vector<std::pair<std::string, std::string>>& files) {
+  std::vector<ArtifactRow> rows;
+  for (const auto& [path, entry] : files) rows.push_back({path, parse_json(entry)});
+  return rotation().artifact_descriptors(std::move(rows));
+}
+
+TEST(ArtifactDescriptors, comeFromTheRowFirstAndFromThePathOtherwise) {
+  struct Row {
+    const char *path, *entry;
+    bool mandatory;
+    const char *market, *universe, *family, *subfamily;
+  };
+  const Row rows[] = {
+      {"features/u/e/mom__fast__w1__z.arrow", R"({"kind": "feature"})", false, "", "u", "mom", "fast"},
+      {"features/u/e/mom__fast__w1__z.arrow",
+       R"({"kind": "feature", "named_universe": " v ", "market": "eu", "family": "f", "subfamily": "s"})", false, "eu", "v", "f", "s"},
+      {"features/e/plain.arrow", R"({"kind": "feature", "mandatory": true})", true, "", "", "", ""},
+      {"features/plain.arrow", R"({"kind": "feature", "mandatory": 0, "family": 7})", false, "", "", "", ""},
+      {"found_signals/a/b/c/pnl.arrow", R"({"kind": "found_signal_is_pnl"})", true, "", "", "", ""},
+      {"found_signals/a/b/c/pnl.arrow", R"({"mandatory": false})", false, "", "", "", ""},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.entry);
+    const ArtifactsRef artifacts = describe({{row.path, row.entry}});
+    const ArtifactDescriptor& artifact = artifacts->descriptors.front();
+    EXPECT_EQ(artifact.mandatory, row.mandatory);
+    EXPECT_EQ(artifact.is_optional_feature(), !row.mandatory && artifact.kind.view() == "feature");
+    EXPECT_EQ(artifact.market.view(), row.market);
+    EXPECT_EQ(artifact.named_universe.view(), row.universe);
+    EXPECT_EQ(artifact.family.view(), row.family);
+    EXPECT_EQ(artifact.subfamily.view(), row.subfamily);
+  }
+}
+
+TEST(RotationSettings, nameTheKeyThatIsWrong) {
+  struct Row {
+    const char *file, *failure;
+  };
+  const Row rows[] = {
+      {"{}", ""},
+      {R"({"feature_budget_gb": 0.5, "rotation_seed": -3, "market": "eu", "named_universes": ["a"], "rotation_frequency": "PT12H"})", ""},
+      {R"({"feature_budget_gb": "FULL_DOWNLOAD", "algorithm": "seeded-hash", "family": null})", ""},
+      {"", "Expecting value: line 1 column 1 (char 0)"},
+      {R"({"feature_budget_gb": 1)", "Expecting ',' delimiter"},
+      {"[]", "it must hold a JSON object, not list"},
+      {R"({"feature_budget": 1})", "unknown key 'feature_budget'"},
+      {R"({"feature_budget_gb": -1})",
+       "feature_budget_gb must be a number of gigabytes that is not negative, or \"FULL_DOWNLOAD\", not -1"},
+      {R"({"feature_budget_gb": NaN})", "feature_budget_gb must be"},
+      {R"({"feature_budget_gb": true})", "feature_budget_gb must be"},
+      {R"({"algorithm": "random"})", "algorithm must be 'seeded-hash', not 'random'"},
+      {R"({"rotation_seed": "7"})", "rotation_seed must be an integer, not '7'"},
+      {R"({"market": " "})", "market must be a text that is not blank, not ' '"},
+      {R"({"named_universes": "a"})", "named_universes must be a list of texts that are not blank, not 'a'"},
+      {R"({"named_universes": []})", "named_universes must be"},
+      {R"({"subfamily": 1})", "subfamily must be"},
+      {R"({"rotation_frequency": "daily"})", "rotation_frequency must be \"weekly\" or \"PT{hours}H\", not 'daily'"},
+      {R"({"rotation_frequency": "PT0H"})", "rotation_frequency must be"},
+      {R"({"rotation_frequency": "PTH"})", "rotation_frequency must be"},
+  };
+  const TemporaryDirectory directory;
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.file);
+    const std::string path = directory.write(FEATURE_ROTATION_SETTINGS_FILENAME, row.file);
+    const std::string failure = failure_of([&] { return RotationSettings::builtin().load_rotation_settings(directory.path(), {}, 5); });
+    if (*row.failure == '\0') {
+      EXPECT_EQ(failure, "");
+    } else {
+      EXPECT_THAT(failure, testing::StartsWith("ValueError: " + path + ": " + row.failure));
+    }
+  }
+}
+
+TEST(RotationSettings, withoutAFileFollowTheCatalogueAndTheStoredSeed) {
+  const TemporaryDirectory directory;
+  const RotationSettings& neighbour = RotationSettings::builtin();
+  const Document catalogue{{"market", "eu"}, {"named_universes", List{"a", "b"}}};
+  const LoadedRotationSettings settings = neighbour.load_rotation_settings(directory.path(), catalogue, 5);
+  EXPECT_EQ(write_json(neighbour.model_dump(settings), JsonForm::SortedKeys),
+            R"({"algorithm": "seeded-hash", "family": null, "feature_budget_gb": null, "market": "eu", "named_universes": ["a", "b"], )"
+            R"("rotation_frequency": "weekly", "rotation_seed": 5, "subfamily": null})");
+  const Value drawn = neighbour.load_rotation_settings(directory.path(), {}, {}).rotation_seed;
+  EXPECT_NE(drawn, neighbour.load_rotation_settings(directory.path(), {}, {}).rotation_seed);
+  EXPECT_GE(compare_integers(drawn, 0), 0);
+}
+
+TEST(ScopedVocabulary, losesTheFeaturesThatTheRotationDoesNotHold) {
+  const ArtifactsRef artifacts = describe({{"features/u/signal_is/a.arrow", R"({"kind": "feature"})"},
+                                           {"features/u/signal_is/b.arrow", R"({"kind": "feature"})"},
+                                           {"features/u/strategy_is/b.arrow", R"({"kind": "feature"})"},
+                                           {"features/v/signal_is/c.arrow", R"({"kind": "feature"})"}});
+  const TextSet active{"features/u/strategy_is/b.arrow"};
+  struct Row {
+    const char *vocabulary, *scoped;
+  };
+  const Row rows[] = {
+      {R"({"named_universe": "u", "features": {"a": 1, "b": 2, "c": 3, "derived": 4}, "x": 0})",
+       R"({"named_universe": "u", "features": {"b": 2, "c": 3, "derived": 4}, "x": 0})"},
+      {R"({"features": {"a": 1, "b": 2, "c": 3}})", R"({"features": {"b": 2}})"},
+      {R"({"features": ["a", {"name": "b"}, {"name": "a"}, 7]})", R"({"features": [{"name": "b"}, 7]})"},
+      {R"({"features": "all"})", R"({"features": "all"})"},
+  };
+  for (const Row& row : rows) {
+    const Value scoped(builtin_scoped_vocabulary(*parse_json(row.vocabulary).if_document(), active, *artifacts));
+    EXPECT_EQ(write_json(scoped, JsonForm::InsertionOrder), row.scoped);
+  }
+}
+
+TEST(CleanUpKeepPaths, areWhatIsProtectedAndWhateverIsNoFeature) {
+  const Value files = parse_json(R"({"features/a": {"kind": "feature"}, "found/b": {"kind": "pnl"}, "c": {}, "d": 1})");
+  const TextSet keep = rotation().rotation_cleanup_keep_paths(files, {"features/p"}, {"manifest.json"});
+  EXPECT_THAT(std::vector<std::string>(keep.begin(), keep.end()), UnorderedElementsAre("features/p", "manifest.json", "found/b", "c", "d"));
+}
+
+}  // namespace
+}  // namespace brackenfen::sync

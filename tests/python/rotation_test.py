@@ -1,0 +1,375 @@
+"""The rotation as a host sees it: records, searches, and a planner of its own made of plain dataclasses."""
+
+import dataclasses
+import gc
+import json
+import os
+import pathlib
+import weakref
+from collections.abc import Callable
+from typing import Any
+
+import brackenfen.sync as sync
+import pytest
+
+STATE = "feature-rotation-state.json"
+
+
+PNL, FUNCTIONS, VOCABULARY = "found_signals/p/one/signal_is/pnl.arrow", "functions.json", "named_universes/us/vocabulary.json"
+
+
+def publish(server: Any, features: int = 12) -> None:
+    server.add(PNL, b"pnl", kind="found_signal_is_pnl")
+    for number in range(features):
+        server.add(f"features/us/signal_is/f{number:02}.arrow", b"." * 100)
+    vocabulary = json.loads(server.documents[VOCABULARY]) | {"features": {f"f{number:02}": {} for number in range(features)}}
+    server.add(VOCABULARY, json.dumps(vocabulary).encode(), kind="vocabulary")
+
+
+def set_budget(manager: sync.SyncManager, features: int) -> None:
+    settings = {"feature_budget_gb": (100 * features + 50) / 2**30, "rotation_seed": 7}
+    pathlib.Path(manager._data_dir, "feature-rotation-settings.json").write_text(json.dumps(settings))
+
+
+def held(manager: sync.SyncManager) -> set[str]:
+    return {path.name for path in pathlib.Path(manager._data_dir).glob("features/**/*.arrow")}
+
+
+class Search:
+    named_universe = "us"
+
+    def __init__(self) -> None:
+        self.told: list[tuple[Any, Any]] = []
+
+    def refresh_rotation_scope(self, rotation_state: Any, scoped_vocabulary: Any) -> None:
+        self.told.append((rotation_state, scoped_vocabulary))
+
+
+def test_a_rotation_reaches_the_running_search(manager: sync.SyncManager, server: Any) -> None:
+    publish(server)
+    set_budget(manager, 4)
+    search = Search()
+    manager.register_rotation_search_consumer(search)
+    manager.register_rotation_search_consumer(object())
+    result = manager.sync()
+    first = held(manager)
+    assert len(first) == 4 and (result.rotation_seed, result.feature_budget_bytes) == (7, 450)
+    state, vocabulary = search.told[-1]
+    assert state == manager._active_rotation_state == sync.load_feature_rotation_state(manager._data_dir)
+    assert {f"{name}.arrow" for name in vocabulary["features"]} == first
+
+    os.utime(sync.feature_rotation_state_path(manager._data_dir), (0, 0))
+    manager.sync()
+    assert held(manager) != first and len(held(manager)) == 4
+    state, vocabulary = search.told[-1]
+    assert state.generation == 2 and {f"{name}.arrow" for name in vocabulary["features"]} == held(manager)
+    manager.unregister_rotation_search_consumer(search)
+    assert [type(consumer) for consumer in manager._rotation_search_consumer_snapshot()] == [object]
+
+    manager._running = True
+    [wanted] = [name for name in sorted({f"f{number:02}" for number in range(12)} - {name.split(".")[0] for name in held(manager)})][:1]
+    assert manager.request_feature_files_for_sync([wanted]) == [str(pathlib.Path(manager._data_dir).resolve() / f"features/us/signal_is/{wanted}.arrow")]
+    os.utime(sync.feature_rotation_state_path(manager._data_dir), (0, 0))
+    manager.sync()
+    assert f"{wanted}.arrow" in held(manager) and wanted in {path.split("/")[-1].split(".")[0] for path in manager._prefetched_feature_relative_paths}
+
+
+def test_records_of_the_built_in_rotation(manager: sync.SyncManager, server: Any) -> None:
+    publish(server, 3)
+    manifest = sync.Manifest(server.manifest())
+    descriptors = sync._rotation_manifest_artifacts(manifest)
+    assert descriptors[0] == sync.ArtifactDescriptor("features/us/signal_is/f00.arrow", "feature", "feature", 100, False, "", "us", "", "")
+    assert sync._rotation_artifacts_require_scoped_settings(descriptors) and not sync._rotation_artifacts_require_scoped_settings([object()])
+    assert sync._rotation_catalog_context_from_manifest(manifest) == {
+        "current_market": "", "market": "", "current_universes": ["us"], "named_universes": ["us"], "families": {}}  # fmt: skip
+
+    settings, rotation_settings = manager._feature_rotation_settings_for_manifest(manifest, free_disk_bytes=10**6)
+    assert settings.model_dump()["rotation_frequency"] == "weekly" and settings.named_universes == ("us",)
+    assert rotation_settings.scope == sync.SelectionScope(named_universes=("us",)) and rotation_settings.free_disk_bytes == 10**6
+    plan, explicit = manager._plan_feature_rotation_for_manifest(manifest, free_disk_bytes=10**6)
+    assert not explicit and isinstance(plan, sync.RotationPlan)
+    assert [artifact.relative_path for artifact in plan.selection.selected_artifacts] == [f"features/us/signal_is/f0{n}.arrow" for n in range(3)]
+    assert plan.selection.mandatory_bytes == sum(manifest.files[path]["size_bytes"] for path in (PNL, FUNCTIONS, VOCABULARY)) and plan.candidate_state.generation == 1
+    result = sync.SyncResult()
+    sync._apply_rotation_result_fields(result, plan.selection)
+    assert result.mandatory_relative_paths == (PNL, FUNCTIONS, VOCABULARY) and result.rotation_seed == plan.selection.seed
+    wanted = sync.SyncManager._rotation_scoped_files_to_download(manifest, plan.selection, existing_relative_paths={"features/us/signal_is/f00.arrow"})
+    assert list(wanted) == ["features/us/signal_is/f01.arrow", "features/us/signal_is/f02.arrow"]
+    assert sync._rotation_feature_budget_bytes(dataclasses.replace(settings, feature_budget_gb=1.5)) == 3 * 2**29
+
+    state = plan.candidate_state
+    assert sync.write_feature_rotation_state(manager._data_dir, state) == sync.feature_rotation_state_path(manager._data_dir)
+    assert sync.load_feature_rotation_state(manager._data_dir) == state
+    manager._active_rotation_state = dataclasses.replace(state, generation=9)
+    assert manager._active_rotation_state.generation == 9
+
+
+def test_errors_are_classes_of_this_module_until_the_host_brings_its_own(manager: sync.SyncManager, neighbour: Callable[..., Any]) -> None:
+    selection = type("Selection", (), {"mandatory_bytes": 51, "feature_budget_bytes": None})
+    with pytest.raises(sync.MandatoryArtifactsTooLargeError) as caught:
+        manager._precheck_rotation_disk_budget(selection, free_disk_bytes=100)
+    assert isinstance(caught.value, sync.DiskSpaceError) and (caught.value.mandatory_bytes, caught.value.available_bytes, caught.value.selected_paths) == (51, 50, ())
+
+    @dataclasses.dataclass
+    class TooLarge(Exception):
+        mandatory_bytes: int
+        available_bytes: int
+        selected_paths: tuple[str, ...]
+
+    neighbour("_artifact_rotation", MandatoryArtifactsTooLargeError=TooLarge)
+    assert sync.MandatoryArtifactsTooLargeError is TooLarge and issubclass(sync.VocabularyScopeError, sync.SyncError)
+    with pytest.raises(TooLarge) as theirs:
+        manager._precheck_rotation_disk_budget(selection, free_disk_bytes=100)
+    assert theirs.value == TooLarge(51, 50, ())
+    manager._precheck_rotation_disk_budget(object(), free_disk_bytes=0)  # what it lacks counts as nothing
+
+
+def test_unusual_searches(manager: sync.SyncManager) -> None:
+    class Raising:
+        @property
+        def refresh_rotation_scope(self) -> Any:
+            raise LookupError("not now")
+
+    class Equal(Search):
+        def __eq__(self, other: object) -> bool:
+            raise AssertionError("searches are told apart by identity")
+
+    state = sync.RotationState((), 1, 2, "")
+    assert manager._rotation_search_refresh_payloads(state, None) == ()
+    with pytest.raises(LookupError, match="not now"):
+        manager._rotation_search_refresh_payloads(state, {"features": {}}, consumers=[Raising()])
+    first, second = Equal(), Equal()
+    for search in (first, second, first):
+        manager.register_rotation_search_consumer(search)
+    manager.refresh_running_searches_for_rotation(state, {"features": {"a": 1}})
+    assert first.told == second.told == [(state, {"features": {"a": 1}})]
+    [payload] = manager._rotation_search_refresh_payloads(state, {"features": {}}, consumers=[first])
+    assert payload == (first.refresh_rotation_scope, state, {"features": {}})
+    with pytest.raises(sync.VocabularyScopeError):
+        manager.refresh_running_searches_for_rotation(state, 5)
+    vocabulary = {"features": {}}
+    assert manager._rotation_vocabulary_for_consumer(vocabulary, object()) is vocabulary
+    assert manager._rotation_consumer_named_universe(type("S", (), {"_named_universe": 5, "universe": "u"})) == "5"
+
+
+def test_a_search_that_refers_to_its_manager_is_no_leak(tmp_path: pathlib.Path) -> None:
+    manager = sync.SyncManager(tmp_path, "https://example.com", str)
+    search = Search()
+    search.manager = manager  # type: ignore[attr-defined]
+    manager.register_rotation_search_consumer(search)
+    gone = weakref.ref(search)
+    del manager, search
+    gc.collect()
+    assert gone() is None
+
+
+# A planner of the host's own: everything of kind "feature" whose number divides by the generation.
+
+
+@dataclasses.dataclass(frozen=True)
+class HostState:
+    active_relative_paths: tuple[str, ...]
+    generation: int
+    seed: int
+    rng_state: str
+    note: str = "mine"
+
+
+@dataclasses.dataclass(frozen=True)
+class HostArtifact:
+    relative_path: str
+    kind: str
+    artifact_kind: str
+    mandatory: bool
+    named_universe: str = "us"
+
+
+@dataclasses.dataclass(frozen=True)
+class HostScope:
+    market: str | None = None
+    named_universes: tuple[str, ...] = ()
+    family: str | None = None
+    subfamily: str | None = None
+
+
+@dataclasses.dataclass(frozen=True)
+class HostSettings:
+    artifact_kind: str
+    scope: HostScope
+    algorithm: str | None = None
+    seed: int | None = None
+    feature_budget_bytes: object = None
+    free_disk_bytes: int | None = None
+
+
+@dataclasses.dataclass(frozen=True)
+class HostSelection:
+    active_relative_paths: tuple[str, ...]
+    selected_artifacts: tuple[HostArtifact, ...]
+    mandatory_artifacts: tuple[HostArtifact, ...]
+    eligible_artifacts: tuple[HostArtifact, ...]
+    mandatory_bytes: int
+    feature_budget_bytes: int
+    seed: int
+
+
+@dataclasses.dataclass(frozen=True)
+class HostPlan:
+    selection: HostSelection
+    candidate_state: HostState
+
+
+@dataclasses.dataclass
+class HostAccounting:
+    eligible_relative_paths: list[str]
+    selected_relative_paths: list[str]
+    skipped_relative_paths: list[str]
+    departed_relative_paths: list[str]
+    missing_active_relative_paths: list[str]
+
+
+class HostRotation:
+    """The operations of `_artifact_rotation`; the calls that arrive are kept."""
+
+    FEATURE_ARTIFACT_KINDS = frozenset({"feature"})
+    FULL_DOWNLOAD = object()
+    ArtifactRotationSettings = HostSettings
+    SelectionScope = HostScope
+
+    class RotationStatePayloadError(Exception):
+        pass
+
+    class ActiveRotationStateError(Exception):
+        pass
+
+    class VocabularyScopeError(Exception):
+        pass
+
+    def __init__(self) -> None:
+        self.described = 0
+        self.calls: list[tuple[Any, ...]] = []
+
+    @staticmethod
+    def manifest_file_kind(record: Any) -> str:
+        return str(record.get("kind", ""))
+
+    @staticmethod
+    def vocabulary_named_universe_from_path(path: str) -> str | None:
+        return path.split("/")[1] if path.startswith("named_universes/") else None
+
+    def artifact_descriptor_from_manifest_file(self, path: str, record: dict[str, Any], *, feature_kinds: frozenset[str]) -> HostArtifact:
+        self.described += 1
+        return HostArtifact(path, record["kind"], record["kind"], record["kind"] not in feature_kinds)
+
+    def plan_rotation(self, artifacts: tuple[HostArtifact, ...], settings: HostSettings, *, previous_state: HostState | None, reason: str) -> HostPlan:
+        self.calls.append((settings, previous_state, reason))
+        generation = previous_state.generation + 1 if previous_state else 2
+        mandatory = tuple(artifact for artifact in artifacts if artifact.mandatory)
+        eligible = tuple(artifact for artifact in artifacts if not artifact.mandatory)
+        selected = tuple(artifact for artifact in eligible if int(artifact.relative_path[-8:-6]) % generation == 0)
+        active = tuple(artifact.relative_path for artifact in mandatory + selected)
+        return HostPlan(HostSelection(active, selected, mandatory, eligible, 0, 0, 5), HostState(active, generation, 5, "g"))
+
+    def plan_from_active_rotation_state(self, artifacts: tuple[HostArtifact, ...], settings: HostSettings, state: HostState) -> HostPlan:
+        if state.note == "broken":
+            raise self.ActiveRotationStateError("no plan for this")
+        return HostPlan(HostSelection(state.active_relative_paths, (), (), artifacts, 0, 0, 5), state)
+
+    @staticmethod
+    def promote_rotation_candidate(*, active_state: HostState | None, candidate_state: HostState, available_relative_paths: tuple[str, ...]) -> HostState:
+        return dataclasses.replace(candidate_state, active_relative_paths=available_relative_paths)
+
+    @staticmethod
+    def rotation_state_payload(state: HostState, *, schema_version: int) -> dict[str, Any]:
+        return {"version": schema_version, **dataclasses.asdict(state)}
+
+    def rotation_state_from_payload(self, payload: dict[str, Any], *, source: str, schema_version: int) -> HostState:
+        if payload.pop("version", None) != schema_version:
+            raise self.RotationStatePayloadError(f"{source}: another version")
+        return HostState(**{**payload, "active_relative_paths": tuple(payload["active_relative_paths"])})
+
+    @staticmethod
+    def rotation_status_accounting(artifacts: Any, state: Any, settings: Any, *, existing_relative_paths: tuple[str, ...]) -> HostAccounting:
+        return HostAccounting(["e"], [], [], [], [path for path in state.active_relative_paths if path not in existing_relative_paths])
+
+    @staticmethod
+    def rotation_cleanup_keep_paths(files: dict[str, Any], protected: set[str], *, metadata_relative_paths: tuple[str, ...]) -> set[str]:
+        return protected | set(metadata_relative_paths)
+
+    @staticmethod
+    def scope_vocabulary_to_active_rotation(vocabulary: Any, *, active_relative_paths: set[str], manifest_artifacts: Any) -> Any:
+        return ("scoped", vocabulary, active_relative_paths, manifest_artifacts)
+
+    def install(self, neighbour: Callable[..., Any]) -> None:
+        neighbour("_artifact_rotation", **{name: getattr(self, name) for name in dir(self) if not name.startswith("__")})
+
+
+def test_a_planner_of_the_host(manager: sync.SyncManager, server: Any, neighbour: Callable[..., Any]) -> None:
+    publish(server)
+    host = HostRotation()
+    host.install(neighbour)
+    search = Search()
+    manager.register_rotation_search_consumer(search)
+    result = manager.sync()
+    assert held(manager) == {f"f{number:02}.arrow" for number in (0, 2, 4, 6, 8, 10)} and result.rotation_seed == 5
+    [(settings, previous, reason)] = host.calls
+    assert (settings.artifact_kind, settings.feature_budget_bytes, previous, reason) == ("feature", None, None, "sync")
+    assert settings.scope.named_universes == ("us",) and settings.free_disk_bytes > 0
+    state, (word, vocabulary, active, artifacts) = search.told[0]
+    assert type(state) is HostState and state is manager._active_rotation_state and word == "scoped" and active == set(state.active_relative_paths)
+    assert artifacts == sync._rotation_manifest_artifacts(manager._manifest)
+
+    described = host.described
+    assert not manager.needs_sync() and manager.sync().bytes_downloaded == 0
+    assert host.described == described, "descriptors are made once for a manifest"
+    assert len(host.calls) == 1 and sync.load_feature_rotation_state(manager._data_dir) == state
+    assert manager.add_active_feature_paths(["features/extra.arrow"])[-1] == "features/extra.arrow"
+    assert manager._active_rotation_state == dataclasses.replace(state, active_relative_paths=(*state.active_relative_paths, "features/extra.arrow"))
+    assert sync.feature_rotation_status_payload(manager._data_dir)["missing_active_relative_paths"] == ["features/extra.arrow"]
+
+    os.utime(sync.feature_rotation_state_path(manager._data_dir), (0, 0))
+    manager.sync()
+    assert held(manager) == {f"f{number:02}.arrow" for number in (0, 3, 6, 9)} and host.calls[1][1].generation == 2
+
+    manager._active_rotation_state = dataclasses.replace(manager._active_rotation_state, note="broken")
+    with pytest.raises(sync.SyncError, match="^no plan for this$"):
+        manager.sync()
+    pathlib.Path(manager._data_dir, STATE).write_text("{}")
+    with pytest.raises(sync.FeatureRotationStateError, match="another version$"):
+        sync.load_feature_rotation_state(manager._data_dir)
+
+
+def test_what_a_planner_selects_must_fit_the_disk(manager: sync.SyncManager, server: Any, neighbour: Callable[..., Any]) -> None:
+    publish(server, 1)
+    server.entries["features/us/signal_is/f00.arrow"]["size_bytes"] = 10**30
+    HostRotation().install(neighbour)
+    with pytest.raises(sync.DiskSpaceError, match=r"^Insufficient disk space: need 10{27}\d{3} bytes, have "):
+        manager.sync()
+
+
+def test_settings_of_the_host(manager: sync.SyncManager, server: Any, neighbour: Callable[..., Any]) -> None:
+    publish(server)
+
+    class Settings:
+        feature_budget_gb: object = 250 / 2**30
+        algorithm, rotation_seed, market, named_universes, family, subfamily = "theirs", 3, None, ["us"], None, None
+
+        def model_dump(self) -> dict[str, Any]:
+            return {"rotation_frequency": "PT1H", "opaque": object()}
+
+    asked: list[tuple[str, dict[str, Any]]] = []
+
+    def load_rotation_settings(data_dir: str, *, catalog_context: dict[str, Any]) -> Settings:
+        asked.append((data_dir, catalog_context))
+        return Settings()
+
+    neighbour("_rotation_settings", load_rotation_settings=load_rotation_settings)
+    manager.sync()
+    assert len(held(manager)) == 2 and manager._active_rotation_state.seed == 3
+    assert asked[0][0] == manager._data_dir and asked[0][1]["named_universes"] == ["us"]
+    assert not manager._feature_rotation_should_rotate(manager._manifest)
+    os.utime(sync.feature_rotation_state_path(manager._data_dir), (0, 0))
+    assert manager._feature_rotation_should_rotate(manager._manifest)
+    Settings.feature_budget_gb = "FULL_DOWNLOAD"
+    loaded, settings = manager._feature_rotation_settings_for_manifest(manager._manifest, free_disk_bytes=5)
+    assert isinstance(loaded, Settings) and (settings.feature_budget_bytes, settings.free_disk_bytes, settings.algorithm) == ("FULL_DOWNLOAD", 5, "theirs")

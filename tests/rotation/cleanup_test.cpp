@@ -1,0 +1,85 @@
+#include "sync/rotation/cleanup.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "tests/support/failures.hpp"
+#include "tests/support/fault_files.hpp"
+#include "tests/support/temporary_directory.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+using testing::ElementsAre;
+
+TEST(CleanUp, deletesWhatNoRotationKeepsAndNothingElse) {
+  const TemporaryDirectory directory;
+  const TemporaryDirectory outside;
+  const std::string precious = outside.write("precious/data.arrow", "x");
+  const std::vector<std::string> kept = {"features/u/kept.arrow", "features/spelled/oddly.arrow",
+                                         "features/.hidden/file", "features/u/.hidden/deep/file",
+                                         ".features/file",        ".hidden_file",
+                                         "manifest.json",         "notes/mine.txt",
+                                         "featuresque/file",      "models/features/file"};
+  const std::vector<std::string> doomed = {"features/old.arrow",
+                                           "features/u/old.arrow",
+                                           "features/u/.hidden_file",
+                                           "features/u/old.arrow.tmp",
+                                           "named_universes/v/x.json",
+                                           "universe_masks/m.arrow",
+                                           "found_signals/a/b/c/pnl.arrow",
+                                           "found_strategies/s/x",
+                                           "useful_signals/deep/er/still/x"};
+  for (const std::string& path : kept) directory.write(path, "x");
+  for (const std::string& path : doomed) directory.write(path, "x");
+  const auto link = [&](const std::string& target, const char* name) {
+    ASSERT_EQ(::symlink(target.c_str(), (directory / name).c_str()), 0);
+  };
+  link(outside.path() + "/precious", "features/linked_folder");
+  link(precious, "features/linked_file.arrow");
+  link("nowhere", "features/dangling.arrow");
+  link(precious, "features/u/kept_link.arrow");
+
+  delete_files_not_kept(Files::real(), directory.path(),
+                        {"features/u/kept.arrow", "features//spelled/./oddly.arrow", "../features/climbs", "features/u/kept_link.arrow"});
+
+  for (const std::string& path : kept) EXPECT_TRUE(directory.contains(path)) << path;
+  for (const std::string& path : doomed) EXPECT_FALSE(directory.contains(path)) << path;
+  EXPECT_TRUE(std::filesystem::is_symlink(directory / "features/linked_folder"));
+  EXPECT_TRUE(std::filesystem::is_symlink(directory / "features/u/kept_link.arrow"));
+  EXPECT_FALSE(std::filesystem::is_symlink(directory / "features/linked_file.arrow"));
+  EXPECT_FALSE(std::filesystem::is_symlink(directory / "features/dangling.arrow"));
+  EXPECT_THAT(outside.files(), ElementsAre("precious/data.arrow"));
+  EXPECT_TRUE(std::filesystem::is_directory(directory / "useful_signals/deep/er/still")) << "empty folders stay";
+}
+
+TEST(CleanUp, doesNotLeaveTheDirectoryByATopFolderThatIsALink) {
+  const TemporaryDirectory directory;
+  const TemporaryDirectory outside;
+  outside.write("old.arrow", "x");
+  ASSERT_EQ(::symlink(outside.path().c_str(), (directory / "features").c_str()), 0);
+  directory.write("universe_masks", "a file where a folder is expected");
+  delete_files_not_kept(Files::real(), directory.path(), {});
+  EXPECT_THAT(outside.files(), ElementsAre("old.arrow"));
+  EXPECT_TRUE(directory.contains("universe_masks"));
+}
+
+TEST(CleanUp, stopsAtTheFirstFileThatCannotBeDeleted) {
+  const TemporaryDirectory directory;
+  directory.write("features/a", "x");
+  directory.write("found_signals/b", "x");
+  FaultFiles files;
+  files.fail(FaultFiles::Call::Unlink, 1, EACCES);
+  EXPECT_THAT(failure_of([&] {
+                delete_files_not_kept(files, directory.path(), {});
+                return 0;
+              }),
+              testing::StartsWith("PermissionError: "));
+  EXPECT_TRUE(directory.contains("found_signals/b"));
+}
+
+}  // namespace
+}  // namespace brackenfen::sync
