@@ -2,8 +2,8 @@
 
     ./dev bench [NAME ...] [--rounds N]
 
-Names: pass, checks, lifecycle, manifest, hash, download, serve. Data and servers live in build/bench; nothing leaves this
-machine.
+Names: pass, checks, lifecycle, rotation, manifest, hash, download, serve. Data and servers live in build/bench; nothing
+leaves this machine.
 """
 
 from __future__ import annotations
@@ -91,6 +91,29 @@ def bench_lifecycle() -> bool:
     return met & report("idle round, in a host", f"{idle_ms:.2f} ms of processor time, the GIL's included", "1 ms with the GIL", idle_ms < 1)
 
 
+def bench_rotation() -> bool:
+    seen = run_binary("bench_rotation", str(WORK))
+    slowest = max(seen["plan_ms"], seen["budget_plan_ms"])
+    met = report(
+        "rotation plan, 100,000 files",
+        f"{seen['budget_plan_ms']:.0f} ms with a budget of 20 %, {seen['plan_ms']:.0f} ms where all fits",
+        "150 ms",
+        slowest <= 150,
+    )
+    met &= report(
+        "clean-up walk, 100,000 files",
+        f"{seen['walk_ms']:.0f} ms = {seen['walk_ratio']:.2f} x find ({seen['find_ms']:.0f} ms)",
+        "2.00 x find",
+        seen["walk_ratio"] <= 2,
+    )
+    print(
+        f"    1,000 clients over 52 rotations in {seen['fleet_seconds']:.1f} s: a feature is held by {seen['least_share']:.1%} to "
+        f"{seen['most_share']:.1%} of them; seen by a client after 1, 4, 12, 26, 52 weeks: "
+        + ", ".join(f"{seen['seen'][week - 1]:.1%}" for week in (1, 4, 12, 26, 52))
+    )
+    return met
+
+
 def bench_manifest() -> bool:
     seen = run_binary("bench_manifest")
     print(
@@ -158,6 +181,7 @@ def main() -> int:
         "pass": bench_pass,
         "checks": bench_checks,
         "lifecycle": bench_lifecycle,
+        "rotation": bench_rotation,
         "manifest": bench_manifest,
         "hash": bench_hash,
         "download": lambda: bench_download(options.rounds),
