@@ -8,6 +8,7 @@
 #include "python/values.hpp"
 #include "sync/neighbours/artifact_rotation.hpp"
 #include "sync/neighbours/auth.hpp"
+#include "sync/neighbours/deployment.hpp"
 #include "sync/neighbours/sync_backoff.hpp"
 #include "sync/transport/events.hpp"
 #include "sync/transport/unavailable.hpp"
@@ -381,6 +382,7 @@ void bind_errors(nb::module_& module) {
 
   // Used where the host brings no class of its own; the module hands them out when asked for.
   static_cast<void>(make_class(error_class::AuthError, exception, "Authentication failed."));
+  static_cast<void>(make_class(error_class::LibraryUpdateRequired, exception, "An era needs a newer library."));
   static_cast<void>(make_class(error_class::SyncBackoffCancelled, exception, "A wait was ended by its stop callback."));
 
   static_cast<void>(make_class(error_class::RotationStatePayloadError, PyExc_ValueError, "A persisted rotation state is malformed."));

@@ -6,13 +6,10 @@
 #include "python/neighbours_backoff.hpp"
 #include "python/neighbours_rotation.hpp"
 #include "python/rotation_records.hpp"
-#include "sync/transport/http.hpp"
+#include "sync/base/version.hpp"
 
 namespace brackenfen::sync::python {
 namespace {
-
-/// The one in the user agent.
-constexpr std::string_view VERSION = std::string_view(SYNC_USER_AGENT).substr(std::string_view("brackenfen-sync/").size());
 
 PyObject* first_module_dict = nullptr;  // of the first import; owned for ever
 
@@ -21,13 +18,14 @@ PyObject* first_module_dict = nullptr;  // of the first import; owned for ever
 nb::object module_getattr(nb::handle name) {
   const std::string wanted = text_form(name);
   if (wanted == "AuthError") return auth_error_class();
+  if (wanted == "LibraryUpdateRequired") return library_update_required_class();
   if (wanted == "SyncBackoffCancelled") return backoff_cancelled_class();
   if (nb::object found = rotation_error_class(wanted); found.is_valid()) return found;
   throw AttributeError("module 'brackenfen.sync' has no attribute '" + wanted + "'");
 }
 
 void bind_all(nb::module_& module) {
-  module.attr("__version__") = to_python(VERSION);
+  module.attr("__version__") = to_python(LIBRARY_VERSION);
   module.attr("__doc__") =
       "Keeps a local data directory in step with a server's distribution of it.\n\n"
       "SyncManager.get_or_create opens a directory; SyncManager.sync brings it up to date.";

@@ -5,6 +5,7 @@
 
 #include "python/errors.hpp"
 #include "python/neighbours_backoff.hpp"
+#include "python/neighbours_era.hpp"
 #include "python/neighbours_lookup.hpp"
 #include "python/neighbours_rotation.hpp"
 #include "python/values.hpp"
@@ -27,10 +28,13 @@ class HostTransportSecurity : public TransportSecurity {
 
 class HostAuth : public Auth {
  public:
-  explicit HostAuth(nb::handle module) : class_(error_class_of(module)), described_(describe_class(class_.get())) {}
+  explicit HostAuth(nb::handle module) : module_(module), class_(error_class_of(module)), described_(describe_class(class_.get())) {}
   const ErrorClass& auth_error_class() const override { return described_; }
   Error auth_error(std::string text) const override {
     return call_python([&] { return to_error(nb::object(class_.get()(to_python(text)))); });
+  }
+  void notify_era_change(const Value& era_number) const override {
+    call_python([&] { module_.get().attr("notify_era_change")(to_python(era_number)); });
   }
 
  private:
@@ -39,6 +43,7 @@ class HostAuth : public Auth {
     if (PyExceptionClass_Check(found.ptr()) == 0) throw TypeError("brackenfen.auth.AuthError must be an exception class");
     return found;
   }
+  PyRef module_;
   PyRef class_;
   const ErrorClass& described_;
 };
@@ -170,6 +175,22 @@ NeighbourModule& freshness_module() {
   static NeighbourModule& module = *new NeighbourModule("runtime_module_freshness");
   return module;
 }
+NeighbourModule& deployment_module() {
+  static NeighbourModule& module = *new NeighbourModule("deployment");
+  return module;
+}
+NeighbourModule& search_tracking_module() {
+  static NeighbourModule& module = *new NeighbourModule("search_tracking");
+  return module;
+}
+NeighbourModule& identity_module() {
+  static NeighbourModule& module = *new NeighbourModule("identity");
+  return module;
+}
+NeighbourModule& agent_onboarding_module() {
+  static NeighbourModule& module = *new NeighbourModule("agent_onboarding");
+  return module;
+}
 NeighbourModule& reason_descriptions_module() {
   static NeighbourModule& module = *new NeighbourModule("reason_descriptions");
   return module;
@@ -228,6 +249,10 @@ class HostNeighbourSet : public NeighbourSet {
   const FunctionsVocabulary& functions_vocabulary() override { return functions_vocabulary_.get(functions_vocabulary_module()); }
   const LoggingStyle& logging_style() override { return logging_style_.get(logging_style_module()); }
   const RotationSettings& rotation_settings() override { return rotation_settings_.get(rotation_settings_module()); }
+  const Deployment& deployment() override { return deployment_.get(deployment_module()); }
+  const SearchTracking& search_tracking() override { return search_tracking_.get(search_tracking_module()); }
+  const Identity& identity() override { return identity_.get(identity_module()); }
+  const AgentOnboarding& agent_onboarding() override { return agent_onboarding_.get(agent_onboarding_module()); }
 
  private:
   Bound<TransportSecurity, make_adapter<TransportSecurity, HostTransportSecurity>> transport_security_;
@@ -241,6 +266,10 @@ class HostNeighbourSet : public NeighbourSet {
   Bound<LoggingStyle, make_adapter<LoggingStyle, HostLoggingStyle>> logging_style_;
   Bound<FunctionTokenSafety, make_adapter<FunctionTokenSafety, HostFunctionTokenSafety>> function_token_safety_;
   Bound<FunctionsVocabulary, make_adapter<FunctionsVocabulary, HostFunctionsVocabulary>> functions_vocabulary_;
+  Bound<Deployment, make_adapter<Deployment, HostDeployment>> deployment_;
+  Bound<SearchTracking, make_adapter<SearchTracking, HostSearchTracking>> search_tracking_;
+  Bound<Identity, make_adapter<Identity, HostIdentity>> identity_;
+  Bound<AgentOnboarding, make_adapter<AgentOnboarding, HostAgentOnboarding>> agent_onboarding_;
 };
 
 class HostNeighbours : public Neighbours {
@@ -265,6 +294,12 @@ Seams host_seams() {
 nb::object auth_error_class() {
   const nb::object module = auth_module().find();
   return module.is_valid() ? nb::object(module.attr("AuthError")) : nb::borrow(python_class(error_class::AuthError));
+}
+
+nb::object library_update_required_class() {
+  const nb::object module = deployment_module().find();
+  return module.is_valid() ? nb::object(module.attr("LibraryUpdateRequired"))
+                           : nb::borrow(python_class(error_class::LibraryUpdateRequired));
 }
 
 }  // namespace brackenfen::sync::python

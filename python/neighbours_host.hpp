@@ -13,5 +13,7 @@ namespace brackenfen::sync::python {
 
 /// The class `AuthError` in force. Attached threads only.
 [[nodiscard]] nb::object auth_error_class();
+/// The same for `LibraryUpdateRequired`.
+[[nodiscard]] nb::object library_update_required_class();
 
 }  // namespace brackenfen::sync::python

@@ -134,6 +134,9 @@ class FeatureRotationStateError(StateError):
 class AuthError(Exception):
     """Authentication failed. The class of the module `brackenfen.auth` where the host has one."""
 
+class LibraryUpdateRequired(Exception):
+    """An era needs a newer library. The class of `brackenfen.deployment` where the host has one."""
+
 class SyncBackoffCancelled(Exception):
     """A wait was ended by its stop callback. The class of `brackenfen.sync_backoff` where the host has one."""
 

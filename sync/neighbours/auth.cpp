@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "sync/base/log.hpp"
+
 namespace brackenfen::sync {
 namespace {
 
@@ -11,6 +13,7 @@ class BuiltinAuth final : public Auth {
  public:
   const ErrorClass& auth_error_class() const override { return error_class::AuthError; }
   Error auth_error(std::string text) const override { return Error(error_class::AuthError, std::move(text)); }
+  void notify_era_change(const Value& era_number) const override { log_debug("Authentication: the data is in era %s now", era_number); }
 };
 
 }  // namespace

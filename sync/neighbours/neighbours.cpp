@@ -16,6 +16,10 @@ class BuiltinNeighbourSet final : public NeighbourSet {
   const FunctionsVocabulary& functions_vocabulary() override { return FunctionsVocabulary::builtin(); }
   const LoggingStyle& logging_style() override { return LoggingStyle::builtin(); }
   const RotationSettings& rotation_settings() override { return RotationSettings::builtin(); }
+  const Deployment& deployment() override { return Deployment::builtin(); }
+  const SearchTracking& search_tracking() override { return SearchTracking::builtin(); }
+  const Identity& identity() override { return Identity::builtin(); }
+  const AgentOnboarding& agent_onboarding() override { return AgentOnboarding::builtin(); }
 };
 
 /// A handle that owns nothing: what it points at lives for the whole process.

@@ -4,15 +4,19 @@
 
 #include <memory>
 
+#include "sync/neighbours/agent_onboarding.hpp"
 #include "sync/neighbours/artifact_rotation.hpp"
 #include "sync/neighbours/auth.hpp"
+#include "sync/neighbours/deployment.hpp"
 #include "sync/neighbours/era_config.hpp"
 #include "sync/neighbours/reason_descriptions.hpp"
 #include "sync/neighbours/function_token_safety.hpp"
 #include "sync/neighbours/functions_vocabulary.hpp"
 #include "sync/neighbours/logging_style.hpp"
 #include "sync/neighbours/rotation_settings.hpp"
+#include "sync/neighbours/identity.hpp"
 #include "sync/neighbours/runtime_module_freshness.hpp"
+#include "sync/neighbours/search_tracking.hpp"
 #include "sync/neighbours/sync_backoff.hpp"
 #include "sync/neighbours/sync_progress.hpp"
 #include "sync/neighbours/transport_security.hpp"
@@ -36,6 +40,10 @@ class NeighbourSet {
   [[nodiscard]] virtual const FunctionsVocabulary& functions_vocabulary() = 0;
   [[nodiscard]] virtual const LoggingStyle& logging_style() = 0;
   [[nodiscard]] virtual const RotationSettings& rotation_settings() = 0;
+  [[nodiscard]] virtual const Deployment& deployment() = 0;
+  [[nodiscard]] virtual const SearchTracking& search_tracking() = 0;
+  [[nodiscard]] virtual const Identity& identity() = 0;
+  [[nodiscard]] virtual const AgentOnboarding& agent_onboarding() = 0;
 };
 
 class Neighbours {

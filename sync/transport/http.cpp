@@ -10,11 +10,15 @@
 #include "sync/base/json.hpp"
 #include "sync/base/text.hpp"
 #include "sync/base/url.hpp"
+#include "sync/base/version.hpp"
 #include "sync/transport/header_rules.hpp"
 #include "sync/transport/retry.hpp"
 #include "sync/transport/settings.hpp"
 
 namespace brackenfen::sync {
+
+static_assert(std::string_view(SYNC_USER_AGENT).substr(std::string_view("brackenfen-sync/").size()) == LIBRARY_VERSION);
+
 namespace {
 
 /// Timeouts travel in single precision.

@@ -1,5 +1,6 @@
 #include "sync/neighbours/neighbours.hpp"
 
+#include "sync/base/convert.hpp"
 #include "tests/documents/values.hpp"
 
 namespace brackenfen::sync {
@@ -38,6 +39,37 @@ TEST(TransportSecurity, letsOnlySafeAddressesCarryAToken) {
   for (const char* url : {"https://host/\r\nX: secret", "https://host/secret secret", "https://höst/", "https://[::1/secret"}) {
     const std::string text = error_text(error_class::ValueError, [&] { return security.validate_bearer_transport_url(url), 0; });
     EXPECT_EQ(text.find("secret"), std::string::npos) << text;
+  }
+}
+
+TEST(Deployment, ordersVersions) {
+  const Deployment& deployment = Deployment::builtin();
+  // Rows of equal versions, from the oldest to the newest.
+  const std::vector<std::vector<const char*>> ascending = {{"0.9"},
+                                                           {"1.0.dev1", "1.dev01"},
+                                                           {"1.0a1.dev2"},
+                                                           {"1.0a1", "1.0-ALPHA.1"},
+                                                           {"1.0b", "1.0beta0"},
+                                                           {"1.0rc1", "v1.0c1", "1.0pre1"},
+                                                           {"1", "1.0", "1.0.0+local.7", " 1.0 "},
+                                                           {"1.0.post1.dev3"},
+                                                           {"1.0.post1", "1.0-1", "1.0r1"},
+                                                           {"1.0.1"},
+                                                           {"1.9"},
+                                                           {"1.10"},
+                                                           {"1.99999999999999999999"},
+                                                           {"1!0.1"}};
+  for (std::size_t left = 0; left < ascending.size(); ++left) {
+    for (std::size_t right = 0; right < ascending.size(); ++right) {
+      const int order = left < right ? -1 : left > right ? 1 : 0;
+      for (const char* version : ascending[right]) {
+        EXPECT_EQ(deployment.compare_versions(ascending[left].front(), version), order) << ascending[left].front() << " and " << version;
+      }
+    }
+  }
+  for (const Value& bad : {Value(""), Value("one"), Value("1..2"), Value("1.0x"), Value("1.0+"), Value("1.0+a..b"), Value(), Value(1)}) {
+    EXPECT_EQ(error_text(error_class::ValueError, [&] { return deployment.compare_versions("1.0", bad); }),
+              "Invalid version: " + to_quoted(bad));
   }
 }
 

@@ -20,6 +20,7 @@ TREE: dict[str, tuple[type, ...]] = {
     "StateError": (Exception,),
     "FeatureRotationStateError": (sync.StateError,),
     "AuthError": (Exception,),
+    "LibraryUpdateRequired": (Exception,),
     "SyncBackoffCancelled": (Exception,),
 }
 
