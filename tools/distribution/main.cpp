@@ -7,11 +7,13 @@
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <cstdio>
+#include <map>
 #include <string>
 #include <vector>
 
 #include "sync/base/error.hpp"
 #include "sync/base/url.hpp"
+#include "tools/distribution/advance.hpp"
 #include "tools/distribution/publish.hpp"
 #include "tools/distribution/sample.hpp"
 #include "tools/distribution/serve.hpp"
@@ -79,6 +81,24 @@ The same options give the same bytes on every machine. Sizes are spread evenly o
 Examples:
   brackenfen-distribution sample tree/ --files 300 --bytes 200MB --seed 7
   brackenfen-distribution sample eras/ --files 40 --bytes 2MB --eras 3 --universes liquid_500,broad_2000)";
+
+constexpr const char* ADVANCE_FOOTER =
+    R"(Without --step: for each SRC in turn, the era stays active for a while, its close is announced, it closes, a gap
+follows in which no era is open, and SRC is published as the next era. With --step, one of these alone:
+  announce          active, and closing after --announced seconds
+  close             closing
+  reopen            the close is called off: active again
+  gap               between eras
+  open              publish SRC as the next era
+An era's number and version are one above those before it; base URL and PnL columns stay. TREE may be served
+meanwhile, and is whole at any moment.
+
+Examples:
+  brackenfen-distribution sample eras/ --source --files 40 --bytes 2MB --eras 3
+  brackenfen-distribution publish eras/era-1 tree/ --era 1 --version 1
+  brackenfen-distribution serve tree/ --port 8080 &
+  brackenfen-distribution advance tree/ eras/era-2 eras/era-3 --active 30 --closing 5 --gap 5
+  brackenfen-distribution advance tree/ --step close)";
 
 void require_base_url(const std::string& base_url) {
   if (base_url.empty()) return;
@@ -159,15 +179,48 @@ void add_sample(CLI::App& app, SampleOptions& options) {
   });
 }
 
+void add_advance(CLI::App& app, AdvanceOptions& options) {
+  static const std::map<std::string, EraStep> STEPS = {{"announce", EraStep::Announce},
+                                                       {"close", EraStep::Close},
+                                                       {"reopen", EraStep::Reopen},
+                                                       {"gap", EraStep::Gap},
+                                                       {"open", EraStep::Open}};
+  static const std::map<std::string, EraShape> SHAPES = {{"flat", EraShape::Flat}, {"wrapped", EraShape::Wrapped}};
+  CLI::App& command = *app.add_subcommand("advance", "Take a distribution tree from era to era");
+  command.footer(ADVANCE_FOOTER);
+  command.add_option("TREE", options.tree, "The distribution tree")->required();
+  command.add_option("SRC", options.sources, "Folders of artifacts, one for each era to open");
+  command.add_option("--step", options.step, "One step alone")->transform(CLI::Transformer(STEPS).description(""))->type_name("STEP");
+  const auto add_seconds = [&](const char* name, double& seconds, const char* description) {
+    command.add_option(name, seconds, description)->check(CLI::NonNegativeNumber)->type_name("SECONDS")->capture_default_str();
+  };
+  add_seconds("--active", options.active_seconds, "How long an era stays active");
+  add_seconds("--announced", options.announced_seconds, "How long before its end the close is announced");
+  add_seconds("--closing", options.closing_seconds, "How long it is closing");
+  add_seconds("--gap", options.gap_seconds, "How long no era is open");
+  command.add_option("--shape", options.shape, "How /era/current puts it: flat or wrapped")
+      ->transform(CLI::Transformer(SHAPES).description(""))
+      ->type_name("SHAPE");
+  command.add_option("--min-library-version", options.min_library_version, "What clients must have at least")->capture_default_str();
+  command.callback([&options] {
+    const std::size_t needed = options.step && options.step != EraStep::Open ? 0 : 1;
+    if (options.sources.size() < needed) throw CLI::ValidationError("SRC", "a folder of artifacts is needed for the next era");
+    if (options.step && options.sources.size() > needed) throw CLI::ValidationError("SRC", "more folders than this step can use");
+    advance(options);
+  });
+}
+
 int run(int argument_count, char** arguments) {
   CLI::App app("Makes, fills and serves distribution trees: what a data server publishes to its clients.", "brackenfen-distribution");
   app.require_subcommand(1);
   PublishOptions publish_options;
   ServeArguments serve_arguments;
   SampleOptions sample_options;
+  AdvanceOptions advance_options;
   add_publish(app, publish_options);
   add_serve(app, serve_arguments);
   add_sample(app, sample_options);
+  add_advance(app, advance_options);
   try {
     app.parse(argument_count, arguments);
   } catch (const CLI::ParseError& error) {

@@ -232,9 +232,10 @@ class Publication {
   void write_documents() const {
     write_document(paths_.manifest(), manifest());
     write_document(paths_.manifest_version(), Document{{"version", options_.version}, {"era_number", options_.era}});
-    write_document(
-        paths_.era_current(),
-        Document{{"era_number", options_.era}, {"state", "active"}, {"next_closing_at", nullptr}, {"min_library_version", "0.0.0"}});
+    EraStatus status;
+    status.era = options_.era;
+    status.min_library_version = options_.min_library_version;
+    write_era(paths_, status, options_.era_shape);
   }
 
   void drop_departed() {

@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <string>
 
+#include "tools/distribution/era.hpp"
+
 namespace brackenfen::sync::distribution {
 
 struct PublishOptions {
@@ -22,6 +24,8 @@ struct PublishOptions {
   std::string shuffle_seed;           ///< used where the source has none; one is made from the era where this is empty too
   bool link = false;                  ///< hard links instead of copies, where the file system allows it
   bool check_documents = true;
+  EraShape era_shape = EraShape::Flat;
+  std::string min_library_version = "0.0.0";
 };
 
 struct PublishReport {

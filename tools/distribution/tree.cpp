@@ -107,7 +107,9 @@ std::optional<PublishedManifest> read_published_manifest(const TreePaths& paths)
     const Value manifest = parse_json(read_file(paths.manifest()));
     if (!manifest.is_document()) throw RuntimeError("it is no JSON object");
     const Document& document = *manifest.if_document();
-    PublishedManifest published{to_int64(document.get("era_number")), to_int64(document.get("version")), {}};
+    PublishedManifest published{to_int64(document.get("era_number")), to_int64(document.get("version")), {}, 0, {}};
+    if (const auto base_url = document.get("base_url").if_text()) published.base_url = *base_url;
+    if (const auto columns = document.get("pnl_column_count").if_integer()) published.pnl_column_count = *columns;
     if (const Document* files = document.get("files").if_document()) published.files = *files;
     return published;
   } catch (const Error& error) {

@@ -41,7 +41,9 @@ struct TreePaths {
 struct PublishedManifest {
   std::int64_t era = 0;
   std::int64_t version = 0;
-  Document files;  ///< relative path to file entry
+  std::string base_url;               ///< empty where it has none
+  std::int64_t pnl_column_count = 0;  ///< 0 where it has none
+  Document files;                     ///< relative path to file entry
 };
 
 /// Absent where the tree has no manifest yet. Throws Error for one that cannot be read.

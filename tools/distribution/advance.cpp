@@ -1,0 +1,112 @@
+#include "tools/distribution/advance.hpp"
+
+#include <fmt/chrono.h>
+#include <fmt/core.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <utility>
+
+#include "sync/base/clock.hpp"
+#include "sync/base/error.hpp"
+#include "sync/base/paths.hpp"
+#include "tools/distribution/publish.hpp"
+
+namespace brackenfen::sync::distribution {
+namespace {
+
+void say(const std::string& line) {
+  fmt::print("{}\n", line);
+  std::fflush(stdout);  // a pipe would hold it back until the end of the course
+}
+
+void wait(double seconds) { Clock::real().sleep(std::max(0.0, seconds)); }
+
+std::string time_in(double seconds) {
+  const auto time = std::chrono::system_clock::now() + std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1e3));
+  return fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(std::chrono::system_clock::to_time_t(time)));
+}
+
+class Course {
+ public:
+  explicit Course(const AdvanceOptions& options) : options_(options), paths_{absolute_path(options.tree)} {}
+
+  void run() {
+    if (options_.step) {
+      take(*options_.step, options_.sources.empty() ? std::string() : options_.sources.front());
+      return;
+    }
+    for (const std::string& source : options_.sources) {
+      const double announced = std::min(options_.announced_seconds, options_.active_seconds);
+      wait(options_.active_seconds - announced);
+      if (announced > 0) take(EraStep::Announce);
+      wait(announced);
+      take(EraStep::Close);
+      wait(options_.closing_seconds);
+      take(EraStep::Gap);
+      wait(options_.gap_seconds);
+      take(EraStep::Open, source);
+    }
+  }
+
+ private:
+  void take(EraStep step, const std::string& source = {}) {
+    const PublishedManifest published = current();
+    EraStatus status;
+    status.era = published.era;
+    status.min_library_version = options_.min_library_version;
+    switch (step) {
+      case EraStep::Announce:
+        status.next_closing_at = time_in(options_.announced_seconds);
+        say(fmt::format("era {}: closes at {}", published.era, *status.next_closing_at));
+        break;
+      case EraStep::Close:
+        status.state = "closing";
+        say(fmt::format("era {}: closing", published.era));
+        break;
+      case EraStep::Reopen:
+        say(fmt::format("era {}: active again", published.era));
+        break;
+      case EraStep::Gap:
+        status.era.reset();
+        status.state = "between_eras";
+        say(fmt::format("between eras: {} is over", published.era));
+        break;
+      case EraStep::Open:
+        open(published, source);
+        return;
+    }
+    write_era(paths_, status, options_.shape);
+  }
+
+  [[nodiscard]] PublishedManifest current() const {
+    std::optional<PublishedManifest> published = read_published_manifest(paths_);
+    if (!published) throw RuntimeError(fmt::format("{} is no distribution tree: it has no data/manifest.json", options_.tree));
+    return *std::move(published);
+  }
+
+  void open(const PublishedManifest& before, const std::string& source) const {
+    PublishOptions publication;
+    publication.source = source;
+    publication.out = options_.tree;
+    publication.era = before.era + 1;
+    publication.version = before.version + 1;
+    publication.era_shape = options_.shape;
+    publication.min_library_version = options_.min_library_version;
+    publication.pnl_column_count = before.pnl_column_count;
+    publication.base_url = before.base_url;
+    const PublishReport report = publish(publication);
+    say(fmt::format("era {}: active, version {}: {} files ({} placed, {} kept, {} dropped)", publication.era, publication.version,
+                    report.files, report.placed, report.kept, report.dropped));
+  }
+
+  const AdvanceOptions& options_;
+  const TreePaths paths_;
+};
+
+}  // namespace
+
+void advance(const AdvanceOptions& options) { Course(options).run(); }
+
+}  // namespace brackenfen::sync::distribution
