@@ -52,6 +52,10 @@ void log_debug(const char* format, const Arguments&... arguments) {
   log(LogLevel::Debug, format, arguments...);
 }
 template <typename... Arguments>
+void log_info(const char* format, const Arguments&... arguments) {
+  log(LogLevel::Info, format, arguments...);
+}
+template <typename... Arguments>
 void log_warning(const char* format, const Arguments&... arguments) {
   log(LogLevel::Warning, format, arguments...);
 }

@@ -66,11 +66,14 @@ Document _validate_functions_file(NeighbourSet& neighbours, const std::string& d
   return *functions;
 }
 
-Document _validate_manifest_vocabulary_files(NeighbourSet& neighbours, const std::string& data_dir, const Manifest& manifest) {
+namespace {
+
+Document merged_vocabularies(NeighbourSet& neighbours, const std::string& data_dir, const std::string& functions_dir,
+                             const Manifest& manifest) {
   const FunctionsVocabulary& merger = neighbours.functions_vocabulary();
   const std::vector<std::string> paths = _vocabulary_manifest_paths(neighbours, manifest);
   if (paths.empty()) throw SyncError("manifest is missing per-universe vocabulary.json entries");
-  const Document functions = _validate_functions_file(neighbours, data_dir, manifest);
+  const Document functions = _validate_functions_file(neighbours, functions_dir, manifest);
   const Value era = manifest_integer(manifest.era_number(), "era_number");
   std::vector<Member> vocabularies;
   for (const std::string& path : paths) {
@@ -79,6 +82,18 @@ Document _validate_manifest_vocabulary_files(NeighbourSet& neighbours, const std
     vocabularies.push_back({universe, merger.merge_functions_vocabulary(functions, vocabulary, universe, era)});
   }
   return Document(std::move(vocabularies));
+}
+
+}  // namespace
+
+Document _validate_manifest_vocabulary_files(NeighbourSet& neighbours, const std::string& data_dir, const Manifest& manifest) {
+  return merged_vocabularies(neighbours, data_dir, data_dir, manifest);
+}
+
+Document validate_staged_vocabulary_files(NeighbourSet& neighbours, const std::string& staging_dir, const std::string& live_dir,
+                                          const Manifest& manifest) {
+  const bool is_staged = path_exists(_manifest_local_path(staging_dir, FUNCTIONS_RELATIVE_PATH));
+  return merged_vocabularies(neighbours, staging_dir, is_staged ? staging_dir : live_dir, manifest);
 }
 
 }  // namespace brackenfen::sync

@@ -75,6 +75,9 @@ void _validate_no_retired_function_tokens(NeighbourSet& neighbours, const Docume
 
 /// Universe to merged vocabulary, in the order of paths. Reads every file anew.
 [[nodiscard]] Document _validate_manifest_vocabulary_files(NeighbourSet& neighbours, const std::string& data_dir, const Manifest& manifest);
+/// The same for files on their way to `live_dir`: a catalogue that has not changed is not staged, and read there.
+[[nodiscard]] Document validate_staged_vocabulary_files(NeighbourSet& neighbours, const std::string& staging_dir,
+                                                        const std::string& live_dir, const Manifest& manifest);
 
 /// `metadata` of the first vocabulary that has it as an object (none at all counts as an empty one); else empty.
 [[nodiscard]] Document _first_vocabulary_metadata(const Value& vocabularies);

@@ -6,6 +6,7 @@
 // lives on when the host drops it:
 //   _sync_thread                 _poll_loop, from start or acquire to stop         lifecycle/poll_loop.cpp
 //   _era_thread                  EraThread::_run, from acquire to stop             era/era_thread.hpp
+//   _cleanup_thread              removes old eras, at most one                     era/old_era_cleanup.hpp
 //   repair threads               _process_repair_queue, one per report_corruption  lifecycle/host_requests.cpp
 //   download workers             for one set of files; they write nothing of the manager but the hash cache
 // Their callbacks of the host may call any operation; one that would wait for the work it is part of throws
@@ -45,6 +46,7 @@
 #include "sync/engine/missing_found_pnl.hpp"
 #include "sync/engine/results.hpp"
 #include "sync/era/era_thread.hpp"
+#include "sync/era/old_era_cleanup.hpp"
 #include "sync/lifecycle/directory_lock.hpp"
 #include "sync/lifecycle/era_callbacks.hpp"
 #include "sync/lifecycle/repair_queue.hpp"
@@ -63,6 +65,9 @@ class LocalFiles;
 
 inline constexpr double SYNC_MANIFEST_POLL_INTERVAL_SECONDS = 5.0;
 inline constexpr int SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT = 3;
+
+/// Bars requests from every process while it exists.
+inline constexpr const char* TRANSITION_LOCK_FILENAME = ".transition_lock";
 
 /// Called with the wait in seconds before each back-off of a download.
 using RetryStatusCallback = std::function<void(double wait_seconds)>;
@@ -260,6 +265,36 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   void _acquire_flock() { _directory_lock._acquire_flock(); }
   void _release_flock() { _directory_lock._release_flock(); }
 
+  // ---- eras: era/ ------------------------------------------------------------------------------------
+
+  /// Moves the directory to the era `new_era_id`, an integer, and on to every newer one that overtakes it: searches
+  /// are stopped, everything is staged and validated, files move, searches are told and restarted. Both callables may
+  /// be empty. Throws EraError where the server does not confirm the era, the neighbour's LibraryUpdateRequired,
+  /// SyncError and its subclasses, os_error, and what the callables throw; searches then stay stopped.
+  void trigger_era_transition(const Value& new_era_id, const SearchesFn& kill_searches_fn = {}, const SearchesFn& restart_searches_fn = {});
+
+  struct ActiveEra {
+    Value era_number;       ///< an integer
+    Document era_manifest;  ///< the normalised answer
+  };
+  /// Asks which era is active. Throws EraError where the server names none, or its state is neither "active" nor,
+  /// with `allow_closing`, "closing".
+  [[nodiscard]] ActiveEra _fetch_active_era_for_transition(NeighbourSet& neighbours, bool allow_closing = false);
+  /// The same, and throws EraError where it is another era than the expected one.
+  Document _confirm_active_era(NeighbourSet& neighbours, const Value& expected_era_id, bool allow_closing = false);
+  /// The active era where it is a later one. Throws EraError where it is an earlier one.
+  [[nodiscard]] std::optional<Value> _check_transition_superseded(NeighbourSet& neighbours, const Value& expected_era_id,
+                                                                  bool allow_closing = false);
+
+  /// Removes the era directories but the current one's; with `keep_current` false all data. Returns the bytes freed;
+  /// throws os_error with what was removed gone.
+  std::int64_t cleanup_old_eras(bool keep_current = true);
+  /// The same on a thread of its own, unless one runs already.
+  void _schedule_cleanup_old_eras(bool keep_current);
+  void _cleanup_old_eras_background(bool keep_current);
+  /// The last clean-up thread; null before the first.
+  [[nodiscard]] std::shared_ptr<BackgroundThread> _cleanup_thread() const { return _old_era_cleanup._cleanup_thread(); }
+
   // ---- the rotation of features: rotation/planning.cpp, rotation/promotion.cpp ------------------------
 
   struct RotationSettingsForManifest {
@@ -363,7 +398,9 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   [[nodiscard]] const Seams& seams() const noexcept { return seams_; }
 
  private:
-  class Pass;  // one pass as named steps: pass.hpp
+  class Pass;        // one pass as named steps: pass.hpp
+  class Transition;  // one transition as named steps: era/transition.hpp
+  class TransitionScope;
 
   void restore_consumer_count();
   void restore_manifest(NeighbourSet& neighbours);
@@ -411,6 +448,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   EraCallbacks _era_callbacks;
   RequestCoalescing _request_coalescing;
   WorkMutex _consumer_lock;
+  OldEraCleanup _old_era_cleanup;
   WorkMutex _sync_lock;  ///< one pass at a time; taken before the directory lock
   Event _stop_event;     ///< ends the poll loop and its pauses, and nothing else
 };

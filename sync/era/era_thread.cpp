@@ -67,6 +67,4 @@ void EraThread::_run() {
   }
 }
 
-void EraThread::_poll_once() {}
-
 }  // namespace brackenfen::sync

@@ -1,5 +1,5 @@
-// The thread that watches which era the server calls current. It does not ask the server yet: its life is here, and
-// _poll_once is where the question belongs.
+// The thread that watches which era the server calls current, and has the local data follow. A transition runs on it,
+// so no poll happens meanwhile. Its life is era_thread.cpp, what it does era_poll.cpp.
 #pragma once
 
 #include <atomic>
@@ -12,6 +12,7 @@
 #include "sync/base/event.hpp"
 #include "sync/base/snapshot.hpp"
 #include "sync/base/value.hpp"
+#include "sync/era/watcher_decision.hpp"
 #include "sync/transport/seams.hpp"
 #include "sync/transport/token_source.hpp"
 
@@ -60,8 +61,10 @@ class EraThread : public std::enable_shared_from_this<EraThread> {
 
   /// Polls at once, and then after each pause, until it is told to stop.
   void _run();
-  /// One poll. Nothing is asked of the server yet, and no transition is triggered.
+  /// One poll: what the server reports, and what follows from it. No failure leaves it; most are warnings.
   void _poll_once();
+  void _mark_transition_failed(std::string_view context, std::string_view failure);
+  void _clear_transition_failed();
 
   /// What it was built with, but for server URL and interval, which are fields.
   [[nodiscard]] const Options& options() const noexcept { return options_; }
@@ -73,13 +76,18 @@ class EraThread : public std::enable_shared_from_this<EraThread> {
   Guarded<std::string> _server_url;
   Guarded<double> _poll_interval;
   std::atomic<bool> _started{false};
-  Guarded<Value> _last_known_era_id;  ///< an integer, or null
-  Guarded<Value> _last_known_state;   ///< null; kept for hosts that read it
-  std::atomic<bool> _in_closing{false};
+  Guarded<Value> _last_known_era_id;     ///< an integer, or null
+  Guarded<Value> _last_known_state;      ///< null; kept for hosts that read it
+  std::atomic<bool> _in_closing{false};  ///< a close was seen, and neither called off nor followed by another era
   std::atomic<bool> _transition_failed{false};
   Guarded<Value> _last_transition_error;  ///< a text, or null
 
  private:
+  void follow(NeighbourSet& neighbours, const EraReport& report);
+  void cancel_close();
+  void transit_to_closing(const Value& era_number);
+  void transit_to_new_era(NeighbourSet& neighbours, const Value& era_number);
+
   Options options_;  // changed by drop_host alone
   const std::uint64_t fork_generation_;
   Snapshot<BackgroundThread> _thread;  ///< the last one started; never cleared

@@ -28,9 +28,8 @@ class OwnManager : public EraManager {
     if (!manifest) return std::nullopt;
     return manifest->era_number();
   }
-  /// Not asked for yet: no watcher triggers one.
-  void trigger_era_transition(const Value&, const SearchesFn&, const SearchesFn&) override {
-    throw StateError("era transitions are not available yet");
+  void trigger_era_transition(const Value& new_era_id, const SearchesFn& kill_searches_fn, const SearchesFn& restart_searches_fn) override {
+    if (const auto manager = manager_.lock()) manager->trigger_era_transition(new_era_id, kill_searches_fn, restart_searches_fn);
   }
 
  private:

@@ -31,7 +31,7 @@ std::vector<std::string> sorted_newest_first(std::vector<Dated> files) {
 
 std::vector<std::string> SyncManager::request_for_sync() {
   require_own_process();
-  if (_in_transition || path_exists(join_path(_data_dir.get(), ".transition_lock")))
+  if (_in_transition || path_exists(join_path(_data_dir.get(), TRANSITION_LOCK_FILENAME)))
     throw StateError("Sync is in era transition mode — request_for_sync rejected");
   if (!_running) throw StateError(NOT_RUNNING);
   if (const std::shared_ptr<Event> other = _request_coalescing.running()) {

@@ -25,7 +25,7 @@ class EraThreadTest : public testing::Test, protected SyncSetup {
 };
 
 TEST_F(EraThreadTest, startsOnceUntilItIsStopped) {
-  const auto era_thread = watcher("https://example.com");
+  const auto era_thread = watcher(server.url());
   era_thread->stop();
   EXPECT_FALSE(era_thread->is_alive());
   era_thread->start();

@@ -163,12 +163,14 @@ std::string ScriptedServer::url(std::string_view path) const {
 
 void ScriptedServer::script(const std::string& path, std::vector<Reply> replies) {
   const std::lock_guard lock(mutex_);
+  files_.erase(path);
   scripts_[path] = {replies.begin(), replies.end()};
   files_.erase(path);
 }
 
 void ScriptedServer::serve_file(const std::string& path, std::string content) {
   const std::lock_guard lock(mutex_);
+  scripts_.erase(path);
   files_[path] = std::move(content);
 }
 

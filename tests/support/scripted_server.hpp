@@ -55,9 +55,9 @@ class ScriptedServer {
   [[nodiscard]] std::string url(std::string_view path = "") const;
   [[nodiscard]] const std::string& certificate_pem() const noexcept { return certificate_pem_; }
 
-  /// The replies to `path`, one after the other; the last one stays. Paths without any get 404.
+  /// The replies to `path`, one after the other; the last one stays. Paths without any get 404. Takes the place of a file.
   void script(const std::string& path, std::vector<Reply> replies);
-  /// Answers `path` with `content`, whole or by range.
+  /// Answers `path` with `content`, whole or by range, in the place of a script.
   void serve_file(const std::string& path, std::string content);
 
   [[nodiscard]] std::vector<LoggedRequest> requests() const;

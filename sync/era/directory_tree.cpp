@@ -1,0 +1,79 @@
+#include "sync/era/directory_tree.hpp"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <system_error>
+
+#include "sync/base/error.hpp"
+#include "sync/base/interrupt.hpp"
+#include "sync/base/paths.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+namespace fs = std::filesystem;
+
+void throw_on(const std::error_code& failure, const std::string& path) {
+  if (failure) throw os_error(failure.value(), path);
+}
+
+/// Calls `visit(entry)` for everything below `directory`, parents first.
+template <typename Visit>
+void walk(const std::string& directory, Visit visit) {
+  std::error_code failure;
+  fs::recursive_directory_iterator entries(directory, failure);
+  throw_on(failure, directory);
+  while (entries != fs::recursive_directory_iterator()) {
+    check_interrupt();
+    visit(*entries);
+    entries.increment(failure);
+    throw_on(failure, directory);
+  }
+}
+
+}  // namespace
+
+std::vector<std::string> child_directories(const std::string& directory) {
+  std::vector<std::string> names;
+  std::error_code failure;
+  fs::directory_iterator entries(directory, failure);
+  throw_on(failure, directory);
+  while (entries != fs::directory_iterator()) {
+    const fs::file_status status = entries->symlink_status(failure);
+    throw_on(failure, entries->path());
+    if (status.type() == fs::file_type::directory) names.push_back(entries->path().filename());
+    entries.increment(failure);
+    throw_on(failure, directory);
+  }
+  return names;
+}
+
+std::int64_t tree_size_bytes(const std::string& directory) {
+  std::int64_t bytes = 0;
+  walk(directory, [&](const fs::directory_entry& entry) {
+    std::error_code failure;
+    const bool is_file = entry.symlink_status(failure).type() == fs::file_type::regular;
+    throw_on(failure, entry.path());
+    if (!is_file) return;
+    bytes += static_cast<std::int64_t>(entry.file_size(failure));
+    throw_on(failure, entry.path());
+  });
+  return bytes;
+}
+
+void remove_tree(const std::string& path) {
+  std::error_code failure;
+  fs::remove_all(path, failure);
+  throw_on(failure, path);
+}
+
+void delete_tmp_files(const std::string& directory) {
+  walk(directory, [&](const fs::directory_entry& entry) {
+    const std::string path = entry.path();
+    if (path.ends_with(".tmp") && ::unlink(path.c_str()) != 0) throw os_error(errno, path);
+  });
+}
+
+}  // namespace brackenfen::sync

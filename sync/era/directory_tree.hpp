@@ -1,0 +1,24 @@
+// Whole directory trees: measured and removed. No link is ever followed.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace brackenfen::sync {
+
+/// The names of the real directories directly inside `directory`, in the order of the file system. Throws os_error.
+[[nodiscard]] std::vector<std::string> child_directories(const std::string& directory);
+
+/// The sizes of all regular files at any depth, added up. Throws os_error.
+[[nodiscard]] std::int64_t tree_size_bytes(const std::string& directory);
+
+/// Removes whatever stands at `path`: a tree, a file, or a link but not what it points at. Nothing there is no
+/// error. Throws os_error, with a part of the tree gone.
+void remove_tree(const std::string& path);
+
+/// Deletes every file below `directory`, at any depth, whose name ends in ".tmp". Throws os_error at the first that
+/// cannot be deleted, such as a directory of that name.
+void delete_tmp_files(const std::string& directory);
+
+}  // namespace brackenfen::sync

@@ -1,0 +1,90 @@
+// One poll of the watcher: what the server says, the decision, and what follows from it.
+#include "sync/base/error.hpp"
+#include "sync/base/log.hpp"
+#include "sync/era/era_current.hpp"
+#include "sync/era/era_thread.hpp"
+#include "sync/era/watcher_decision.hpp"
+#include "sync/transport/http.hpp"
+
+namespace brackenfen::sync {
+
+void EraThread::_poll_once() {
+  try {
+    const std::string token = options_.get_token->token();
+    const std::shared_ptr<NeighbourSet> neighbours = options_.seams.neighbours->bind();
+    const HttpResult response = _http_get(options_.seams, *neighbours, _server_url.get() + std::string(ERA_CURRENT_PATH), token);
+    if (response.status != 200) return;
+    follow(*neighbours, read_era_report(parse_era_current(response.body)));
+  } catch (const Error& error) {
+    log_warning("Era poll failed: %s", error.text());
+  }
+}
+
+void EraThread::follow(NeighbourSet& neighbours, const EraReport& report) {
+  const EraAction action = decide_era_action(report, _in_closing, _last_known_era_id.get());
+  if (announces_close(report) || action == EraAction::TransitToClosing) {
+    log_info("Scheduled close announced at %s. Continue normal operation.", report.next_closing_at);
+  }
+  switch (action) {
+    case EraAction::None:
+      return;
+    case EraAction::Cancel:
+      return cancel_close();
+    case EraAction::TransitToClosing:
+      return transit_to_closing(report.era_number);
+    case EraAction::TransitToNewEra:
+      return transit_to_new_era(neighbours, report.era_number);
+  }
+}
+
+void EraThread::cancel_close() {
+  log_info("Era transition cancelled — resuming normal operation.");
+  _in_closing = false;
+  if (!options_.restart_searches_fn) return;
+  try {
+    options_.restart_searches_fn();
+  } catch (const Error& error) {
+    log_warning("Restart searches callback failed: %s", error.text());
+  }
+}
+
+void EraThread::transit_to_closing(const Value& era_number) {
+  _in_closing = true;
+  try {
+    options_.sync_manager->trigger_era_transition(era_number, options_.kill_searches_fn, options_.restart_searches_fn);
+    _clear_transition_failed();
+  } catch (const Error& error) {
+    _mark_transition_failed("closing", error.text());
+  }
+}
+
+void EraThread::transit_to_new_era(NeighbourSet& neighbours, const Value& era_number) {
+  const Value previous_era_id = _last_known_era_id.get();
+  _in_closing = false;  // whatever comes of the transition
+  try {
+    options_.sync_manager->trigger_era_transition(era_number, options_.kill_searches_fn, options_.restart_searches_fn);
+  } catch (const Error& error) {
+    _mark_transition_failed("new era", error.text());
+    return;
+  }
+  _last_known_era_id.set(era_number);
+  _clear_transition_failed();
+  try {
+    neighbours.agent_onboarding().update_nudge("era_change", era_number, previous_era_id);
+  } catch (const Error& error) {
+    log_warning("update_nudge call failed: %s", error.text());
+  }
+}
+
+void EraThread::_mark_transition_failed(std::string_view context, std::string_view failure) {
+  _transition_failed = true;
+  _last_transition_error.set(std::string(context) + ": " + std::string(failure));
+  log_warning("Trigger era transition (%s) failed: %s", context, failure);
+}
+
+void EraThread::_clear_transition_failed() {
+  _transition_failed = false;
+  _last_transition_error.set(nullptr);
+}
+
+}  // namespace brackenfen::sync

@@ -1,0 +1,33 @@
+// Removing what earlier eras left in the directory.
+#include "sync/base/convert.hpp"
+#include "sync/base/error.hpp"
+#include "sync/base/log.hpp"
+#include "sync/engine/sync_manager.hpp"
+
+namespace brackenfen::sync {
+
+std::int64_t SyncManager::cleanup_old_eras(bool keep_current) {
+  require_own_process();
+  const std::string data_dir = _data_dir.get();
+  const std::shared_ptr<Manifest> manifest = _manifest.get();
+  std::optional<Value> current_era_number;
+  if (keep_current && manifest) current_era_number = to_integer_or_absent(manifest->era_number());
+  std::int64_t bytes_freed = remove_era_directories(data_dir, current_era_number);
+  if (!keep_current) bytes_freed += remove_all_data(data_dir);
+  return bytes_freed;
+}
+
+void SyncManager::_schedule_cleanup_old_eras(bool keep_current) {
+  _old_era_cleanup.schedule([self = shared_from_this(), keep_current] { self->_cleanup_old_eras_background(keep_current); });
+}
+
+void SyncManager::_cleanup_old_eras_background(bool keep_current) {
+  try {
+    const std::int64_t bytes_freed = cleanup_old_eras(keep_current);
+    if (bytes_freed != 0) log_info("Old era cleanup completed: freed %s bytes", bytes_freed);
+  } catch (const Error& error) {
+    log_warning_with_stack(error, "Background old-era cleanup failed: %s", error.text());
+  }
+}
+
+}  // namespace brackenfen::sync

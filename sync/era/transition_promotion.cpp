@@ -1,0 +1,101 @@
+// Promotion: the staged files go live, the commit records follow them, and then everybody is told.
+#include "sync/base/convert.hpp"
+#include "sync/base/error.hpp"
+#include "sync/base/log.hpp"
+#include "sync/base/paths.hpp"
+#include "sync/documents/manifest_file.hpp"
+#include "sync/documents/manifest_paths.hpp"
+#include "sync/documents/vocabulary.hpp"
+#include "sync/era/transition.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+/// In the order in which they move.
+constexpr const char* SEED_FILES[] = {"shuffle_seed.enc", "shuffle_seed.enc.meta.json"};
+
+}  // namespace
+
+void SyncManager::Transition::prepare_promotion() { confirm_active_era(manifest_era_id_); }
+
+void SyncManager::Transition::promote() {
+  move_staged_files();
+  const std::shared_ptr<Manifest> old_manifest = manager_._manifest.get();
+  _write_manifest_json(*manager_.seams_.files, *manager_.seams_.clock, data_dir_, new_manifest_->data());
+  manager_._manifest.set(new_manifest_);
+  confirm_active_era(manifest_era_id_);
+  if (old_manifest) delete_departed_files(*old_manifest);
+  manager_._schedule_cleanup_old_eras(true);
+}
+
+void SyncManager::Transition::move_staged_files() {
+  Files& files = *manager_.seams_.files;
+  const std::shared_ptr<RuntimeFreshnessGuard> guard = manager_.runtime_freshness_guard.get();
+  for (const std::string& file_path : staged_file_paths_) {
+    const std::string live_path = _manifest_local_path(data_dir_, file_path);
+    if (const std::string parent = directory_of(live_path); !parent.empty()) make_directories(parent);
+    files.rename(_manifest_local_path(transition_staging_dir_, file_path), live_path);
+    if (!guard) continue;
+    const Value entry = new_manifest_->file(file_path);
+    const Document* staged_info = entry.if_document();
+    guard->record_sync_update(file_path, staged_info ? text_or_empty(staged_info->get("kind")) : "",
+                              staged_info ? text_or_empty(staged_info->get("sha256")) : "");
+  }
+  for (const char* name : SEED_FILES) {
+    const std::string staged_path = join_path(transition_staging_dir_, name);
+    if (path_exists(staged_path)) files.rename(staged_path, join_path(data_dir_, name));
+  }
+}
+
+void SyncManager::Transition::delete_departed_files(const Manifest& old_manifest) const {
+  const Value old_files = old_manifest.files();
+  const Value new_files = new_manifest_->files();
+  const Document* departed = old_files.if_document();
+  const Document* present = new_files.if_document();
+  if (!departed) return;
+  for (const Member& member : *departed) {
+    if (present && present->contains(member.key)) continue;
+    const std::string live_path = _manifest_local_path(data_dir_, member.key);
+    if (path_exists(live_path)) manager_.seams_.files->unlink(live_path);
+  }
+}
+
+void SyncManager::Transition::notify_neighbours() {
+  try {
+    neighbours_->auth().notify_era_change(manifest_era_id_);
+  } catch (const Error& error) {
+    log_warning("Failed to notify auth about era change: %s", error.text());
+  }
+  const std::unique_ptr<SearchTracker> tracker = open_search_tracker();
+  try {
+    tracker->handle_era_transition(manifest_era_id_, previous_era_id_);
+  } catch (...) {
+    tracker->close();
+    throw;
+  }
+  tracker->close();
+}
+
+std::unique_ptr<SearchTracker> SyncManager::Transition::open_search_tracker() {
+  const SearchTracking& tracking = neighbours_->search_tracking();
+  try {
+    const Identity& identity = neighbours_->identity();
+    std::shared_ptr<const TrackerIdentity> tracker_identity;
+    try {
+      tracker_identity = identity.resolve_identity_for_data_dir(data_dir_);
+    } catch (const Error&) {  // a tracker for nobody is better than none
+    }
+    return tracking.search_tracker(data_dir_, tracker_identity);
+  } catch (const Error&) {
+    return tracking.search_tracker(data_dir_);
+  }
+}
+
+void SyncManager::Transition::restart_searches() {
+  manager_._vocabulary.set(std::make_shared<const Document>(_validate_manifest_vocabulary_files(*neighbours_, data_dir_, *new_manifest_)));
+  if (!restart_searches_fn_) return;
+  confirm_active_era(manifest_era_id_);
+  restart_searches_fn_();
+}
+
+}  // namespace brackenfen::sync

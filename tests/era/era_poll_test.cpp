@@ -1,0 +1,167 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "sync/base/convert.hpp"
+#include "sync/era/era_thread.hpp"
+#include "tests/support/sync_setup.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+/// Remembers the transitions asked for, and fails them on demand.
+struct Transitions : EraManager {
+  std::optional<Value> manifest_era() override { return era; }
+  void trigger_era_transition(const Value& new_era_id, const SearchesFn&, const SearchesFn&) override {
+    asked.push_back(to_text(new_era_id));
+    if (!failure.empty()) throw EraError(failure);
+  }
+  std::optional<Value> era = Value(7);
+  std::vector<std::string> asked;
+  std::string failure;
+};
+
+class EraPollTest : public testing::Test, protected SyncSetup {
+ protected:
+  std::shared_ptr<EraThread> watcher() {
+    auto made = std::make_shared<EraThread>(EraThread::Options{.server_url = server.url(),
+                                                               .get_token = token_source,
+                                                               .sync_manager = manager,
+                                                               .kill_searches_fn = {},
+                                                               .restart_searches_fn = [this] { restart(); },
+                                                               .seams = seams()});
+    if (manager->era) made->_last_known_era_id.set(*manager->era);
+    return made;
+  }
+  void restart() {
+    ++restarts;
+    if (!restart_failure.empty()) throw ValueError(restart_failure);
+  }
+  void poll(EraThread& thread, const Reply& reply) {
+    server.script("/era/current", {reply});
+    thread._poll_once();
+  }
+  static Reply era(const char* number, const char* state) {
+    return {.body = R"({"era_number": )" + std::string(number) + R"(, "state": ")" + state + R"("})"};
+  }
+  std::vector<std::string> infos() const { return log.messages(LogLevel::Info); }
+  std::vector<std::string> warnings() const { return log.messages(LogLevel::Warning); }
+
+  std::shared_ptr<Transitions> manager = std::make_shared<Transitions>();
+  int restarts = 0;
+  std::string restart_failure;
+};
+
+TEST_F(EraPollTest, followsTheTableOfStates) {
+  struct Row {
+    bool in_closing;
+    Reply reply;
+    std::vector<std::string> asked;
+    int restarts;
+    bool in_closing_after;
+    Value known_after = 7;
+  };
+  const Row rows[] = {
+      {false, era("7", "active"), {}, 0, false},
+      {false, era("7", "closing"), {"7"}, 0, true},
+      {false, era("8", "closing"), {"8"}, 0, true},
+      {true, era("7", "closing"), {}, 0, true},
+      {true, era("8", "closing"), {"8"}, 0, false, 8},
+      {true, era("7", "active"), {}, 1, false},
+      {false, era("8", "active"), {"8"}, 0, false, 8},
+      {true, era("8", "active"), {"8"}, 0, false, 8},
+      {false, era("9", "frozen"), {"9"}, 0, false, 9},
+      {false, era("null", "between_eras"), {}, 0, false},
+      {true, era("null", "between_eras"), {}, 0, true},
+      {true, {.body = R"({"era": null})"}, {}, 0, true},
+      {false, {.body = R"({"era": null, "state": "closing"})"}, {"None"}, 0, true},
+      {false, {.body = "[]"}, {}, 0, false},
+      {true, {.status = 404, .body = R"({"era_number": 8})"}, {}, 0, true},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.reply.body + (row.in_closing ? " in closing" : ""));
+    manager->asked.clear();
+    restarts = 0;
+    const auto thread = watcher();
+    thread->_in_closing = row.in_closing;
+    poll(*thread, row.reply);
+    EXPECT_EQ(manager->asked, row.asked);
+    EXPECT_EQ(restarts, row.restarts);
+    EXPECT_EQ(thread->_in_closing, row.in_closing_after);
+    EXPECT_EQ(thread->_last_known_era_id.get(), row.known_after);
+  }
+  EXPECT_THAT(warnings(), IsEmpty());
+  EXPECT_EQ(server.requests().front().header("Authorization"), "Bearer token");
+}
+
+TEST_F(EraPollTest, aCloseIsAnnouncedFollowedAndCalledOff) {
+  const auto thread = watcher();
+  const Reply announced{.body = R"({"era_number": 7, "state": "active", "next_closing_at": [1, "x"]})"};
+  poll(*thread, announced);
+  poll(*thread, announced);
+  poll(*thread, era("7", "closing"));
+  poll(*thread, era("7", "closing"));
+  restart_failure = "no workers";
+  poll(*thread, era("7", "active"));
+  poll(*thread, era("7", "active"));
+  const std::string text = "Scheduled close announced at ";
+  EXPECT_THAT(infos(), ElementsAre(text + "[1, 'x']. Continue normal operation.", text + "[1, 'x']. Continue normal operation.",
+                                   text + "None. Continue normal operation.", "Era transition cancelled — resuming normal operation."));
+  EXPECT_THAT(manager->asked, ElementsAre("7"));
+  EXPECT_EQ(restarts, 1);
+  EXPECT_THAT(warnings(), ElementsAre("Restart searches callback failed: no workers"));
+}
+
+TEST_F(EraPollTest, aNewEraIsTriedAgainAtEveryPollAndAClosingOneIsNot) {
+  const auto thread = watcher();
+  manager->failure = "not now";
+  poll(*thread, era("7", "closing"));
+  poll(*thread, era("7", "closing"));
+  EXPECT_TRUE(thread->_transition_failed && thread->_in_closing);
+  EXPECT_EQ(thread->_last_transition_error.get(), Value("closing: not now"));
+  poll(*thread, era("8", "active"));
+  poll(*thread, era("8", "active"));
+  EXPECT_FALSE(thread->_in_closing) << "whatever comes of the transition";
+  EXPECT_EQ(thread->_last_known_era_id.get(), Value(7));
+  EXPECT_EQ(thread->_last_transition_error.get(), Value("new era: not now"));
+  manager->failure.clear();
+  poll(*thread, era("8", "active"));
+  poll(*thread, era("8", "active"));
+  EXPECT_THAT(manager->asked, ElementsAre("7", "8", "8", "8"));
+  EXPECT_FALSE(thread->_transition_failed);
+  EXPECT_EQ(thread->_last_transition_error.get(), Value());
+  const std::string failed = "Trigger era transition (";
+  EXPECT_THAT(warnings(),
+              ElementsAre(failed + "closing) failed: not now", failed + "new era) failed: not now", failed + "new era) failed: not now"));
+  EXPECT_THAT(log.messages(LogLevel::Debug), testing::Contains("Agent onboarding: era_change, from era 7 to era 8"));
+}
+
+TEST_F(EraPollTest, withoutAnEraToLeaveOnlyClosingLeadsToATransition) {
+  manager->era.reset();
+  const auto thread = watcher();
+  for (const char* number : {"7", "8"}) poll(*thread, era(number, "active"));
+  EXPECT_THAT(manager->asked, IsEmpty());
+  poll(*thread, era("8", "closing"));
+  EXPECT_THAT(manager->asked, ElementsAre("8"));
+  EXPECT_EQ(thread->_last_known_era_id.get(), Value());
+}
+
+TEST_F(EraPollTest, aPollThatFailsChangesNothing) {
+  struct NoToken : TokenSource {
+    std::string token() override { throw ValueError("no token"); }
+    std::optional<std::string> type_where_not_callable() const override { return std::nullopt; }
+  };
+  const auto thread = watcher();
+  poll(*thread, {.body = "\xff"});
+  poll(*thread, {.body = "{"});
+  token_source = std::make_shared<NoToken>();
+  poll(*watcher(), era("8", "active"));
+  EXPECT_THAT(warnings(), ElementsAre(testing::StartsWith("Era poll failed: 'utf-8' codec"),
+                                      testing::StartsWith("Era poll failed: Expecting"), "Era poll failed: no token"));
+  EXPECT_THAT(manager->asked, IsEmpty());
+}
+
+}  // namespace
+}  // namespace brackenfen::sync

@@ -1,0 +1,111 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+
+#include "tests/support/sync_setup.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+using testing::ElementsAre;
+using testing::UnorderedElementsAre;
+
+class OldEraCleanupTest : public testing::Test, protected SyncSetup {
+ protected:
+  void SetUp() override {
+    for (const char* path : {"era_6/a/b", "era7/a", "era_8/a", "eras/a", "era/a", "features/a", ".transition_era9.tmp/a", ".era_6/a"}) {
+      directory.write(path, "12345");
+    }
+    directory.write("era_5", "a file of that name");
+    std::filesystem::create_directory_symlink(outside.path(), directory / "era_4");
+    outside.write("precious", "x");
+  }
+
+  std::shared_ptr<SyncManager> in_era(const std::string& era) {
+    directory.write("manifest.json", R"({"era_number": )" + era + R"(, "files": {}})");
+    return open();
+  }
+  std::vector<std::string> names() const {
+    std::vector<std::string> found;
+    for (const auto& entry : std::filesystem::directory_iterator(directory.path())) found.push_back(entry.path().filename());
+    return found;
+  }
+
+  const TemporaryDirectory outside;
+};
+
+TEST_F(OldEraCleanupTest, namesOfEraDirectories) {
+  for (const char* name : {"era_12", "era12", "era_012", "era_\u0661\u0662"}) EXPECT_EQ(_parse_era_directory_id(name), Value(12)) << name;
+  for (const char* name : {"era_", "era", "era_1a", "eras", ".era_1", "era_-1", "era_1_2", "era_ 1", "era_\u00b2", "xera_1", "era__1"}) {
+    EXPECT_EQ(_parse_era_directory_id(name), std::nullopt) << name;
+  }
+}
+
+TEST_F(OldEraCleanupTest, keepsTheCurrentEraAndEverythingThatIsNoEra) {
+  const auto manager = in_era("7");
+  EXPECT_EQ(manager->cleanup_old_eras(), 10);
+  EXPECT_THAT(names(),
+              UnorderedElementsAre("era_5", "era_4", "era7", "eras", "era", "features", ".transition_era9.tmp", ".era_6", "manifest.json"));
+  EXPECT_EQ(manager->cleanup_old_eras(), 0);
+}
+
+TEST_F(OldEraCleanupTest, withoutAnEraToKeepEveryEraDirectoryGoes) {
+  EXPECT_EQ(in_era("null")->cleanup_old_eras(), 15);
+  EXPECT_THAT(names(),
+              UnorderedElementsAre("era_5", "era_4", "eras", "era", "features", ".transition_era9.tmp", ".era_6", "manifest.json"));
+}
+
+TEST_F(OldEraCleanupTest, removesAllDataWhereNothingIsToBeKept) {
+  const auto manager = in_era("7");
+  directory.write("shuffle_seed.enc", "seed");
+  directory.write("shuffle_seed.enc.meta.json", "{}");
+  const auto manifest_bytes = static_cast<std::int64_t>(directory.read("manifest.json").size());
+  EXPECT_EQ(manager->cleanup_old_eras(false), 15 + manifest_bytes + 4 + 15);
+  EXPECT_THAT(names(), UnorderedElementsAre("era_5", "era_4", ".transition_era9.tmp", ".era_6", "shuffle_seed.enc.meta.json"));
+  EXPECT_TRUE(outside.contains("precious")) << "a link is neither followed nor removed";
+}
+
+TEST_F(OldEraCleanupTest, theBackgroundFormTellsWhatItFreedAndSwallowsFailures) {
+  const auto manager = in_era("7");
+  manager->_cleanup_old_eras_background(true);
+  manager->_cleanup_old_eras_background(true);
+  EXPECT_THAT(log.messages(LogLevel::Info), ElementsAre("Old era cleanup completed: freed 10 bytes"));
+  manager->_data_dir.set(directory / "gone");
+  manager->_cleanup_old_eras_background(true);
+  EXPECT_THAT(log.messages(LogLevel::Warning), testing::Contains(testing::StartsWith("Background old-era cleanup failed: [Errno 2]")));
+}
+
+TEST_F(OldEraCleanupTest, oneThreadAtATimeCleans) {
+  std::mutex mutex;
+  std::condition_variable changed;
+  int runs = 0;
+  bool may_end = false;
+  OldEraCleanup cleanup;
+  EXPECT_EQ(cleanup._cleanup_thread(), nullptr);
+  const auto clean = [&] {
+    std::unique_lock lock(mutex);
+    ++runs;
+    changed.notify_all();
+    changed.wait(lock, [&] { return may_end; });
+  };
+  for (int request = 0; request < 3; ++request) cleanup.schedule(clean);
+  const auto first = cleanup._cleanup_thread();
+  EXPECT_TRUE(first->is_alive());
+  {
+    const std::lock_guard lock(mutex);
+    may_end = true;
+    changed.notify_all();
+  }
+  first->join(Clock::real(), 10);
+  EXPECT_FALSE(first->is_alive());
+  EXPECT_EQ(runs, 1) << "a request that comes while one is running is dropped";
+  cleanup.schedule(clean);
+  cleanup._cleanup_thread()->join(Clock::real(), 10);
+  EXPECT_EQ(runs, 2);
+}
+
+}  // namespace
+}  // namespace brackenfen::sync

@@ -1,0 +1,409 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <functional>
+#include <map>
+
+#include "sync/base/convert.hpp"
+#include "tests/support/sync_setup.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+constexpr const char* ERA_PATH = "/era/current";
+constexpr const char* STAGING = ".transition_era8.tmp";
+const PublishedFile KEPT{"features/us/signal_is/kept.arrow", "the same in both eras"};
+const PublishedFile OLD{"features/us/signal_is/changed.arrow", "as it was"};
+const PublishedFile NEW{OLD.path, "as it is in the next era"};
+const PublishedFile GONE{"features/us/signal_is/gone.arrow", "of the old era alone"};
+const PublishedFile FRESH{"features/us/strategy_is/fresh.arrow", "of the new era alone"};
+
+std::string data_path(const PublishedFile& file) { return "/data/files/" + file.path; }
+
+/// A manager in era 7; the server is in era 8.
+class TransitionTest : public testing::Test, protected SyncSetup {
+ protected:
+  void SetUp() override {
+    publish_era(7, {KEPT, OLD, GONE});
+    manager = open();
+    static_cast<void>(manager->sync());
+    publish_era(8, {KEPT, NEW, FRESH});
+    earlier_ = server.requests().size();
+  }
+
+  static Reply era(int number, const std::string& state = "active", const std::string& more = "") {
+    return {.body = R"({"era_number": )" + std::to_string(number) + R"(, "state": ")" + state + "\"" + more + "}"};
+  }
+  static Reply body(const Document& document) { return {.body = write_json(document, JsonForm::InsertionOrder)}; }
+  /// `count` answers of one kind, then another one that stays.
+  static std::vector<Reply> first(std::size_t count, const Reply& before, const Reply& after) {
+    std::vector<Reply> replies(count, before);
+    replies.push_back(after);
+    return replies;
+  }
+
+  void publish_era(int number, const std::vector<PublishedFile>& published) {
+    publish_documents(number);
+    publish_version(number, number);
+    publish_manifest(manifest(number, published, number));
+    for (const PublishedFile& file : published) server.serve_file(data_path(file), file.content);
+    server.script(ERA_PATH, {era(number)});
+  }
+
+  void transit(const Value& number = 8) {
+    manager->trigger_era_transition(
+        number, [this] { calls.emplace_back("kill"); }, [this] { calls.emplace_back("restart"); });
+  }
+  std::string failure(const Value& number = 8) {
+    calls.clear();
+    return failure_of([&] { return transit(number), 0; });
+  }
+  /// Every live file and its content.
+  [[nodiscard]] std::map<std::string, std::string> live() const {
+    std::map<std::string, std::string> found;
+    for (const std::string& path : directory.files()) {
+      if (path != ".sync_hash_cache.json") found[path] = directory.read(path);
+    }
+    return found;
+  }
+  [[nodiscard]] std::vector<std::string> asked() const {
+    std::vector<std::string> paths;
+    const std::vector<LoggedRequest> requests = server.requests();
+    for (std::size_t i = earlier_; i < requests.size(); ++i) paths.push_back(requests[i].path);
+    return paths;
+  }
+  std::vector<std::string> warnings() const { return log.messages(LogLevel::Warning); }
+  void expect_era_8() const {
+    EXPECT_EQ(manager->get_manifest()->era_number(), Value(8));
+    EXPECT_EQ(directory.read(KEPT.path), KEPT.content);
+    EXPECT_EQ(directory.read(NEW.path), NEW.content);
+    EXPECT_EQ(directory.read(FRESH.path), FRESH.content);
+    EXPECT_FALSE(directory.contains(GONE.path));
+    EXPECT_TRUE(manager->verify().valid);
+  }
+  void expect_nothing_left() const {
+    for (const std::string& path : directory.files()) {
+      EXPECT_THAT(path, Not(testing::AnyOf(HasSubstr(".tmp"), StartsWith(".transition"), StartsWith(".sync_flock"))));
+    }
+    EXPECT_FALSE(manager->_in_transition);
+    EXPECT_EQ(manager->status(), Value());
+  }
+
+  std::shared_ptr<SyncManager> manager;
+  std::vector<std::string> calls;
+  std::size_t earlier_ = 0;
+};
+
+TEST_F(TransitionTest, movesTheDirectoryToTheNextEra) {
+  directory.write("era_6/old", "12345");
+  transit();
+  EXPECT_THAT(asked(), ElementsAre(ERA_PATH, "/data/manifest",                                    // gates
+                                   ERA_PATH,                                                      // the kept file is read, not fetched
+                                   ERA_PATH, data_path(NEW), ERA_PATH, data_path(FRESH),          // one after the other
+                                   ERA_PATH, "/data/files/" + std::string(VOCABULARY), ERA_PATH,  //
+                                   "/data/files/" + std::string(FUNCTIONS), "/data/shuffle",      //
+                                   ERA_PATH, ERA_PATH, ERA_PATH));  // before moving, behind manifest.json, before the searches
+  EXPECT_THAT(calls, ElementsAre("kill", "restart"));
+  expect_era_8();
+  EXPECT_EQ(directory.read("manifest.json"), body(manifest(8, {KEPT, NEW, FRESH}, 8)).body);
+  EXPECT_EQ(manager->_vocabulary.get()->get("us").if_document()->get("era_number"), Value(8));
+  EXPECT_THAT(directory.read("shuffle_seed.enc.meta.json"), HasSubstr("8"));
+  manager->_cleanup_thread()->join(Clock::real(), 10);
+  EXPECT_FALSE(directory.contains("era_6"));
+  expect_nothing_left();
+  EXPECT_THAT(log.messages(LogLevel::Debug), testing::IsSupersetOf({std::string("Authentication: the data is in era 8 now"),
+                                                                    "Search tracking: " + directory.path() + " went from era 7 to era 8"}));
+  EXPECT_THAT(warnings(), IsEmpty());
+}
+
+TEST_F(TransitionTest, aFilledDirectoryNeedsNoEraToLeave) {
+  TemporaryDirectory empty;
+  SyncManager::Options fresh = options();
+  fresh.data_dir = empty.path();
+  manager = std::make_shared<SyncManager>(fresh);
+  server.script(ERA_PATH, {era(8, "closing")});
+  EXPECT_THAT(failure(), HasSubstr("returned state='closing'")) << "entering an era is an advance, and takes an active one";
+  server.script(ERA_PATH, {era(8)});
+  transit("8");
+  EXPECT_EQ(empty.read(FRESH.path), FRESH.content);
+  EXPECT_THAT(log.messages(LogLevel::Debug), testing::Contains("Search tracking: " + empty.path() + " went from era None to era 8"));
+}
+
+// What bars the way, and that a bar leaves the directory as it was.
+TEST_F(TransitionTest, nothingLiveChangesBeforeTheSecondConfirmation) {
+  struct Row {
+    const char* name;
+    std::function<void()> set_up;
+    std::string failure;
+  };
+  const std::string refused = "EraError: Active era_number=7 does not match requested transition era_number=8";
+  const auto manifest_8 = [&](const char* key, const Value& value) {
+    publish_manifest(manifest(8, {KEPT, NEW, FRESH}, 8).with(key, value));
+  };
+  const auto vocabulary = [&](const std::string& content) {
+    Document served = manifest(8, {KEPT, NEW, FRESH}, 8);
+    const Document entries = *served.get("files").if_document();
+    publish_manifest(served.with("files", entries.with(VOCABULARY, PublishedFile{VOCABULARY, content, "vocabulary"}.entry())));
+    server.serve_file("/data/files/" + std::string(VOCABULARY), content);
+  };
+  const Row rows[] = {
+      {"not found", [&] { server.script(ERA_PATH, {{.status = 404}}); }, "EraError: Failed to confirm active era: HTTP 404"},
+      {"between eras", [&] { server.script(ERA_PATH, {{.body = R"({"era": null})"}}); },
+       "EraError: Failed to parse active era response during transition"},
+      {"another era", [&] { server.script(ERA_PATH, {era(7)}); }, refused},
+      {"closing", [&] { server.script(ERA_PATH, {era(8, "closing")}); },
+       "EraError: Active era confirmation for era_number=8 returned state='closing'"},
+      {"library too old", [&] { server.script(ERA_PATH, {era(8, "active", R"(, "min_library_version": "99.1")")}); },
+       "LibraryUpdateRequired: brackenfen >= 99.1 required for era 8. Build a local wheel with build_wheel() and install it with: "
+       "pip install --upgrade /path/to/brackenfen-*.whl"},
+      {"no manifest", [&] { server.script(MANIFEST_PATH, {{.status = 404}}); }, "SyncError: Failed to fetch era 8 manifest: HTTP 404"},
+      {"manifest of the era before", [&] { manifest_8("era_number", 7); },
+       "EraError: Era transition manifest era_number=7 does not match active era_number=8"},
+      {"manifest without era", [&] { manifest_8("era_number", "x"); }, "EraError: Era transition manifest has invalid era_number='x'"},
+      {"manifest that is none", [&] { server.script(MANIFEST_PATH, {{.body = "{"}}); }, "JSONDecodeError: "},
+      {"lost file", [&] { server.script(data_path(FRESH), {{.status = 404}}); }, "PermanentDownloadError: "},
+      {"wrong bytes", [&] { server.serve_file(data_path(FRESH), std::string(FRESH.content.size(), '?')); }, "IntegrityError: "},
+      {"vocabulary of another era", [&] { vocabulary(documents(7)[0].content); }, "EraError: "},
+      {"vocabulary that is none", [&] { vocabulary("{"); }, "SyncError: "},
+      {"no seed", [&] { server.script(SHUFFLE_PATH, {{.status = 404}}); }, "SyncError: Failed to download shuffle seed: HTTP 404"},
+      {"seed of another era",
+       [&] {
+         server.script(SHUFFLE_PATH, {{.headers = {{"X-Era-Id", "7"}}, .body = std::string(60, 's')}});
+       },
+       "EraError: "},
+      {"full disk while staging", [&] { files.fail(FaultFiles::Call::Rename, 2, ENOSPC); }, "OSError: [Errno 28]"},
+      {"full disk at the seed", [&] { files.fail(FaultFiles::Call::WriteNew, 1, ENOSPC); }, "OSError: [Errno 28]"},
+      {"the era goes back while files are staged", [&] { server.script(ERA_PATH, first(3, era(8), era(7))); }, refused},
+      {"the era closes while files are staged", [&] { server.script(ERA_PATH, first(3, era(8), era(8, "closing"))); },
+       "EraError: Active era confirmation for era_number=8 returned state='closing'"},
+      {"the next era opens behind the staging", [&] { server.script(ERA_PATH, first(6, era(8), era(9))); },
+       "EraError: Active era_number=9 does not match requested transition era_number=8"},
+  };
+  const auto before = live();
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    publish_era(8, {KEPT, NEW, FRESH});
+    row.set_up();
+    EXPECT_THAT(failure(), StartsWith(row.failure));
+    EXPECT_EQ(live(), before);
+    EXPECT_EQ(manager->get_manifest()->era_number(), Value(7));
+    EXPECT_THAT(calls, ElementsAre("kill")) << "searches stay stopped";
+    expect_nothing_left();
+  }
+  publish_era(8, {KEPT, NEW, FRESH});
+  EXPECT_EQ(failure(), "");
+  expect_era_8();
+}
+
+TEST_F(TransitionTest, aBadMinimumBarsNothing) {
+  server.script(ERA_PATH, {era(8, "active", R"(, "min_library_version": "soon")")});
+  transit();
+  expect_era_8();
+  EXPECT_THAT(warnings(), ElementsAre("Invalid min_library_version from era config: soon"));
+}
+
+TEST_F(TransitionTest, theDiskMustHoldTheSelection) {
+  files.set_free_bytes(0);
+  const auto before = live();
+  EXPECT_THAT(failure(), testing::AnyOf(StartsWith("DiskSpaceError: "), StartsWith("MandatoryArtifactsTooLargeError: ")));
+  EXPECT_EQ(live(), before);
+  EXPECT_THAT(asked(), ElementsAre(ERA_PATH, "/data/manifest"));
+}
+
+// What happens behind the point of no return is finished by the next attempt.
+TEST_F(TransitionTest, aFailureWhileFilesMoveIsMendedByTheNextAttempt) {
+  struct Row {
+    const char* name;
+    std::function<void()> set_up;
+    int era_after;
+  };
+  const std::string live_dir = directory.path();
+  const Row rows[] = {
+      {"second file", [&] { files.fail(FaultFiles::Call::Rename, 4 + 2 + 2, EIO); }, 7},  // behind four files and two of the seed staged
+      {"manifest.json", [&] { files.fail(FaultFiles::Call::WriteNew, 3, ENOSPC); }, 7},
+      {"third confirmation", [&] { server.script(ERA_PATH, first(7, era(8), {.status = 404})); }, 8},
+      {"departed file", [&] { files.fail(FaultFiles::Call::Unlink, 1, EACCES); }, 8},
+      {"last confirmation", [&] { server.script(ERA_PATH, first(8, era(8), era(9))); }, 8},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    publish_era(7, {KEPT, OLD, GONE});
+    for (const PublishedFile& file : {OLD, GONE}) directory.write(file.path, file.content);
+    for (const char* path : {FRESH.path.c_str(), "manifest.json"}) std::filesystem::remove(directory / path);
+    manager = open();
+    static_cast<void>(manager->sync());
+    publish_era(8, {KEPT, NEW, FRESH});
+    row.set_up();
+    EXPECT_NE(failure(), "");
+    EXPECT_EQ(manager->get_manifest()->era_number(), Value(row.era_after));
+    EXPECT_THAT(calls, ElementsAre("kill"));
+    expect_nothing_left();
+
+    server.script(ERA_PATH, {era(8)});
+    manager = open();  // as after a restart
+    if (row.era_after == 7) {
+      EXPECT_EQ(failure(), "");
+    } else {
+      static_cast<void>(manager->sync());
+    }
+    EXPECT_EQ(directory.read(NEW.path), NEW.content);
+    EXPECT_EQ(directory.read(FRESH.path), FRESH.content);
+    EXPECT_TRUE(manager->verify().valid);
+  }
+}
+
+TEST_F(TransitionTest, anEraThatOvertakesItIsFollowed) {
+  const PublishedFile newest{"features/us/strategy_is/newest.arrow", "of era nine"};
+  // The first answer confirms the era, then one comes before each of the five files: the last of them is functions.json.
+  for (std::size_t file = 1; file <= 5; ++file) {
+    SCOPED_TRACE("before file " + std::to_string(file));
+    publish_era(7, {KEPT, OLD, GONE});
+    std::filesystem::remove(directory / "manifest.json");
+    manager = open();
+    static_cast<void>(manager->sync());
+    publish_era(8, {KEPT, NEW, FRESH});
+    server.script(ERA_PATH, first(file, era(8), era(9)));
+    server.script(MANIFEST_PATH, {body(manifest(8, {KEPT, NEW, FRESH}, 8)), body(manifest(9, {KEPT, newest}, 9))});
+    server.serve_file(data_path(newest), newest.content);
+    server.script("/data/files/" + std::string(VOCABULARY),
+                  first(file == 5 ? 1 : 0, {.body = documents(8)[0].content}, {.body = documents(9)[0].content}));
+    server.serve_file("/data/files/" + std::string(FUNCTIONS), documents(9)[1].content);
+    server.script(SHUFFLE_PATH, {{.headers = {{"X-Era-Id", "9"}}, .body = std::string(60, 'n')}});
+    directory.write("features/left.arrow.tmp", "of a download that nobody goes on with");
+
+    EXPECT_EQ(failure(), "");
+    EXPECT_THAT(calls, ElementsAre("kill", "kill", "restart"));
+    EXPECT_EQ(manager->get_manifest()->era_number(), Value(9));
+    EXPECT_EQ(directory.read(newest.path), newest.content);
+    EXPECT_FALSE(directory.contains(GONE.path) || directory.contains(NEW.path) || directory.contains(FRESH.path));
+    expect_nothing_left();
+    std::filesystem::remove(directory / newest.path);
+  }
+}
+
+TEST_F(TransitionTest, wrongBytesOfADeadEraAreForgiven) {
+  server.script(data_path(FRESH), {{.body = std::string(FRESH.content.size(), '?')}});
+  server.script(ERA_PATH, first(4, era(8), era(9)));  // the fifth question follows the failed checksum
+  server.script(MANIFEST_PATH, {body(manifest(8, {KEPT, NEW, FRESH}, 8)), {.status = 404}});
+  EXPECT_EQ(failure(), "SyncError: Failed to fetch era 9 manifest: HTTP 404");
+  EXPECT_THAT(calls, ElementsAre("kill", "kill"));
+}
+
+TEST_F(TransitionTest, withinAnEraAClosingOneIsGoodEnough) {
+  const PublishedFile second{OLD.path, "second edition within the era"};
+  publish_documents(7);
+  publish_manifest(manifest(8, {KEPT, second}, 7));
+  server.serve_file(data_path(second), second.content);
+  server.script(ERA_PATH, {era(7, "closing")});
+  for (const std::vector<std::string>& fetched : {std::vector<std::string>{data_path(second)}, {}}) {
+    earlier_ = server.requests().size();
+    transit(7);
+    std::vector<std::string> artifacts;
+    for (const std::string& path : asked()) {
+      if (path.starts_with("/data/files/features")) artifacts.push_back(path);
+    }
+    EXPECT_EQ(artifacts, fetched) << "an unchanged catalogue of functions is not staged, and none is missed";
+    EXPECT_EQ(directory.read(second.path), second.content);
+    expect_nothing_left();
+  }
+  EXPECT_THAT(log.messages(LogLevel::Debug), Not(testing::Contains(StartsWith("Search tracking"))));
+}
+
+TEST_F(TransitionTest, whateverStandsInTheStagingPlaceGivesWay) {
+  const TemporaryDirectory outside;
+  outside.write("precious", "x");
+  const std::function<void()> rows[] = {
+      [&] { directory.write(std::string(STAGING) + "/features/us/signal_is/changed.arrow", "a leftover"); },
+      [&] { directory.write(STAGING, "a file"); },
+      [&] { std::filesystem::create_directory_symlink(outside.path(), directory / STAGING); },
+      [&] { std::filesystem::create_symlink("nowhere", directory / STAGING); },
+      [&] { std::filesystem::create_symlink(outside / "precious", directory / ".transition_lock"); },
+  };
+  for (const auto& put : rows) {
+    put();
+    EXPECT_EQ(failure(), "");
+    expect_era_8();
+    EXPECT_EQ(outside.read("precious"), "x");
+    std::filesystem::remove(directory / ".transition_lock");  // a link there is neither followed nor known to be ours
+  }
+}
+
+TEST_F(TransitionTest, lockFilesThatCannotBeWritten) {
+  std::filesystem::create_directory(directory / ".transition_lock");
+  EXPECT_EQ(failure(), "") << "a signal that cannot be given is no reason to stay behind";
+  EXPECT_THAT(warnings(), ElementsAre(StartsWith("Failed to write transition lock file: [Errno 21]")));
+  std::filesystem::remove(directory / ".transition_lock");
+
+  publish_era(9, {KEPT});
+  std::filesystem::create_directory(directory / ".sync_flock");
+  EXPECT_THAT(failure(9), StartsWith("IsADirectoryError: "));
+  EXPECT_THAT(calls, IsEmpty());
+  EXPECT_TRUE(manager->_in_transition && directory.contains(".transition_lock")) << "whoever cannot take the lock changes nothing more";
+}
+
+TEST_F(TransitionTest, callbacksThatRaise) {
+  const auto raise = [] { throw ValueError("no workers"); };
+  const auto before = live();
+  EXPECT_EQ(failure_of([&] { return manager->trigger_era_transition(8, raise), 0; }), "ValueError: no workers");
+  EXPECT_EQ(live(), before);
+  EXPECT_EQ(failure_of([&] { return manager->trigger_era_transition(8, {}, raise), 0; }), "ValueError: no workers");
+  expect_era_8();
+  expect_nothing_left();
+}
+
+TEST_F(TransitionTest, tellsWhatItWaitsFor) {
+  /// Looks at the status at each sleep.
+  struct WatchfulClock : Clock {
+    std::int64_t monotonic_ns() override { return inner->monotonic_ns(); }
+    double wall_seconds() override { return inner->wall_seconds(); }
+    void sleep(double seconds) override {
+      look();
+      inner->sleep(seconds);
+    }
+    Clock* inner = nullptr;
+    std::function<void()> look;
+  } watchful;
+  std::vector<std::string> statuses;
+  watchful.inner = &clock;
+  watchful.look = [&] { statuses.push_back(to_text(manager->status())); };
+  server.script(data_path(NEW), {{.status = 200, .body = NEW.content, .cut_after = 3}, {.status = 206, .body = NEW.content.substr(3)}});
+  SyncManager::Options watched = options();
+  watched.seams.clock = &watchful;
+  manager = std::make_shared<SyncManager>(watched);
+  transit();
+  EXPECT_THAT(statuses, testing::Each("Download interrupted, retrying in 1s (1/5 files complete)"));
+  EXPECT_THAT(statuses, Not(IsEmpty()));
+}
+
+TEST_F(TransitionTest, aGuardIsToldOfWhatLands) {
+  struct Guard : RuntimeFreshnessGuard {
+    void record_sync_update(std::string_view relative_path, std::string_view kind, std::string_view) override {
+      told.push_back(std::string(relative_path) + " " + std::string(kind));
+    }
+    std::vector<std::string> told;
+  };
+  const auto told = std::make_shared<Guard>();
+  manager->runtime_freshness_guard.set(told);
+  transit();
+  EXPECT_THAT(told->told, ElementsAre(NEW.path + " feature", FRESH.path + " feature", std::string(VOCABULARY) + " vocabulary",
+                                      std::string(FUNCTIONS) + " functions"))
+      << "once each, where it goes live";
+}
+
+TEST_F(TransitionTest, erasThatAreNoNumbers) {
+  EXPECT_EQ(failure(nullptr), "TypeError: '>' not supported between instances of 'NoneType' and 'int'");
+  EXPECT_THAT(calls, IsEmpty());
+  expect_nothing_left();
+  EXPECT_THAT(asked(), IsEmpty());
+}
+
+}  // namespace
+}  // namespace brackenfen::sync
