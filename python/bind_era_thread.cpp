@@ -142,8 +142,20 @@ void bind_era_thread(nb::module_& module) {
 
   Bound bound(module, "EraThread", nb::is_weak_referenceable(), nb::type_slots(collector_slots),
               "The thread that watches which era the server calls current.\n\n"
-              "The first acquire of a manager starts one; a host may also build its own. It does not ask the server yet.");
+              "The first acquire of a manager starts one; a host may also build its own. It asks the server at each poll, and has\n"
+              "the manager make a transition where the era closes or another one has begun. What fails is logged, and a new\n"
+              "era tried again at the next poll.");
   bound
+      .def(
+          "_mark_transition_failed",
+          [](const EraThreadObject& self, nb::handle context, nb::handle exc) {
+            const std::string text = text_form(context);
+            const std::string failure = text_form(exc);
+            self.run([&](EraThread& core) { core._mark_transition_failed(text, failure); });
+          },
+          any("context"), any("exc"))
+      .def("_clear_transition_failed",
+           [](const EraThreadObject& self) { self.run([](EraThread& core) { core._clear_transition_failed(); }); })
       .def("__init__", construct, any("server_url"), any("get_token"), any("sync_manager"),
            nb::arg("era_poll_interval_s").none() = EraThread::DEFAULT_POLL_INTERVAL_SECONDS, nb::arg("kill_searches_fn") = nb::none(),
            nb::arg("restart_searches_fn") = nb::none(),

@@ -185,6 +185,7 @@ void bind_manager(nb::module_& module) {
                                   "Any thread may call it. Obtain it with SyncManager.get_or_create.");
   bind_construction(bound);
   bind_pass(bound);
+  bind_manager_eras(bound);
   bind_manager_documents(bound);
   bind_manager_lifecycle(bound);
   bind_manager_downloads(bound);

@@ -44,6 +44,7 @@ inline void require_running_interpreter() {
 /// The same Python object for the same live manager.
 [[nodiscard]] nb::object manager_to_python(const std::shared_ptr<SyncManager>& core);
 
+void bind_manager_eras(nb::class_<ManagerObject>& bound);
 /// Runs a download against a private record, which goes back to the host's whatever the outcome.
 template <typename Download>
 void into_result(nb::handle result, Download&& download) {

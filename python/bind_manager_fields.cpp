@@ -122,7 +122,7 @@ void bind_manager_fields(Bound& bound) {
   add_collections(bound);
   bound.def_prop_ro("_sync_thread", [](const ManagerObject& self) { return thread_to_python(self.core->_sync_thread.get()); })
       .def_prop_ro("_era_thread", [](const ManagerObject& self) { return era_thread_to_python(self.core->_era_thread.get()); })
-      .def_prop_ro("_cleanup_thread", [](const ManagerObject&) { return nb::none(); });  // nothing cleans up in the background yet
+      .def_prop_ro("_cleanup_thread", [](const ManagerObject& self) { return thread_to_python(self.core->_cleanup_thread()); });
 }
 
 }  // namespace brackenfen::sync::python

@@ -32,6 +32,7 @@ void bind_shuffle_seed(nb::module_& module);
 void bind_rotation(nb::module_& module);
 void bind_manager(nb::module_& module);
 void bind_era_thread(nb::module_& module);
+void bind_eras(nb::module_& module);
 
 /// An argument that accepts any object, None included; the body converts it and names it in a TypeError.
 [[nodiscard]] constexpr auto any(const char* name) { return nb::arg(name).none(); }

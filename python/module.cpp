@@ -41,6 +41,7 @@ void bind_all(nb::module_& module) {
   bind_files(module);
   bind_progress(module);
   bind_found_pnl(module);
+  bind_eras(module);
   bind_signals_index(module);
   bind_vocabulary(module);
   bind_shuffle_seed(module);

@@ -491,6 +491,28 @@ class SyncManager:
         counts as stopped then. Does nothing without consumers.
         """
 
+    def trigger_era_transition(
+        self,
+        new_era_id: int,
+        kill_searches_fn: Callable[[], object] | None = None,
+        restart_searches_fn: Callable[[], object] | None = None,
+    ) -> None:
+        """Handle era transition: kill, update, re-auth, sync, restart.
+
+        Everything of the new era is fetched and validated beside the live files before one of them changes. An era that
+        overtakes it is followed. Both callables are called without arguments, on this thread. Raises EraError where the
+        server does not confirm the era, LibraryUpdateRequired where it needs a newer library, SyncError and its
+        subclasses, OSError of the local files, and what the callables raise; searches then stay stopped. An outage of
+        the server is waited out.
+        """
+
+    def cleanup_old_eras(self, keep_current: bool = True) -> int:
+        """Delete non-current era directories, return bytes freed.
+
+        keep_current=False removes all data: manifest.json, shuffle_seed.enc and every directory that is not hidden.
+        Raises OSError at the first that cannot be removed.
+        """
+
     def consumer_count(self) -> int:
         """Return the current number of active consumers."""
 
@@ -531,9 +553,11 @@ class SyncManager:
 # ---- era ----------------------------------------------------------------------------------------------------
 
 class EraThread:
-    """The thread that watches which era the server calls current. It does not ask the server yet.
+    """The thread that watches which era the server calls current.
 
-    The first acquire of a manager starts one; a host may also build its own.
+    The first acquire of a manager starts one; a host may also build its own. It asks the server at each poll, and has
+    the manager make a transition where the era closes or another one has begun. What fails is logged, and a new era
+    tried again at the next poll.
     """
 
     def __init__(

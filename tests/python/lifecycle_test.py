@@ -102,11 +102,11 @@ def test_a_failure_to_start_is_told_in_the_hosts_style(running: sync.SyncManager
     }  # fmt: skip
 
 
-def test_an_era_thread_of_the_hosts_own() -> None:
+def test_an_era_thread_of_the_hosts_own(server: Any) -> None:
     with pytest.raises(ValueError):
         sync.EraThread("http://example.com", None, None)
     manager = types.SimpleNamespace(_manifest=types.SimpleNamespace(era_number=2**70), trigger_era_transition=None)
-    watcher = sync.EraThread(server_url="http://localhost", get_token=str, sync_manager=manager, era_poll_interval_s=7)
+    watcher = sync.EraThread(server_url=server.url, get_token=str, sync_manager=manager, era_poll_interval_s=7)
     assert (watcher._poll_interval, watcher._last_known_era_id, watcher._started, watcher.is_alive()) == (7, None, False, False)
     watcher.stop()
     watcher.start()

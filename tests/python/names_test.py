@@ -94,6 +94,8 @@ CALLS: list[tuple[str, dict[str, Any], Any]] = [
     ("_sync_unavailable_action_recovery", {"details": {"error": "AUTH"}}, "reauthenticate"),
     ("_sync_local_data_status", {}, "intact and preserved, but not run because fresh data is required"),
     ("_sync_endpoint_from_url", {"url": "https://h/p?q"}, "/p"),
+    ("_normalize_era_current_response", {"data": {"era": {"era_number": 5}, "state": "closing"}}, {"era_number": 5, "state": "closing"}),
+    ("_parse_era_directory_id", {"name": "era_7"}, 7),
     ("_sync_event_file_from_url", {"url": "http://h/data/files/a/b.arrow"}, "a/b.arrow"),
 ]
 

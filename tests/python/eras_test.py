@@ -1,0 +1,334 @@
+"""Eras as a host sees them: the neighbours that a transition talks to, duck-typed managers, and twenty eras in a row."""
+
+import hashlib
+import json
+import logging
+import os
+import pathlib
+import sys
+import threading
+import types
+from collections.abc import Callable
+from typing import Any
+
+import brackenfen.sync as sync
+import pytest
+
+Install = Callable[..., types.ModuleType]
+ERAS = 20
+
+
+# ---- one transition, with the host's neighbours -----------------------------------------------------------------
+
+
+def documents(era: int) -> dict[str, bytes]:
+    vocabulary = {"era_number": era, "named_universe": "us", "features": {}, "metadata": {"named_universe": "us"}}
+    return {"named_universes/us/vocabulary.json": json.dumps(vocabulary).encode(), "functions.json": json.dumps({"era_number": era}).encode()}
+
+
+@pytest.fixture
+def publish(server: Any) -> Callable[..., None]:
+    """publish(era): the server's manifest and documents are of that era, and it is the current one."""
+
+    def enter(era: int, **era_fields: Any) -> None:
+        server.era_number = server.version = era
+        server.entries.clear()
+        server.add("features/us/signal_is/a.arrow", b"of era %d" % era)
+        for path, body in documents(era).items():
+            server.add(path, body, kind="functions" if path == "functions.json" else "vocabulary")
+        manifest = {**server.manifest(), "functions": "functions.json"}
+        server.answers["/data/manifest"] = (200, json.dumps(manifest).encode())
+        server.answers["/era/current"] = (200, json.dumps({"era_number": era, "state": "active", **era_fields}).encode())
+
+        def seed(handler: Any) -> None:
+            handler.send_response(200)
+            handler.send_header("X-Era-Id", str(era))
+            handler.send_header("Content-Length", "60")
+            handler.end_headers()
+            handler.wfile.write(b"s" * 60)
+
+        server.answers["/data/shuffle"] = seed
+
+    return enter
+
+
+@pytest.fixture
+def settled(manager: sync.SyncManager, publish: Callable[..., None]) -> sync.SyncManager:
+    """A manager in era 7, whose server is in era 8."""
+    publish(7)
+    manager.sync()
+    publish(8)
+    return manager
+
+
+class Update:
+    def __init__(self, **fields: Any) -> None:
+        self.__dict__.update(fields)
+
+
+class Required(Exception):
+    pass
+
+
+HOW = "Build a local wheel with build_wheel() and install it with: pip install --upgrade /path/to/brackenfen-*.whl"
+NEEDED = "brackenfen >= 2.0 required for era 8"
+
+
+@pytest.mark.parametrize(
+    ("below", "newer", "update", "failure", "warning"),
+    [
+        (False, None, None, None, None),
+        (False, "3.0", Update(success=False, warning="no wheel"), None, "Auto-update failed: no wheel"),
+        (False, "3.0", Update(success=False), None, "Auto-update failed: Could not auto-update to latest."),
+        (False, "3.0", ValueError("broken"), None, "Auto-update failed: broken"),
+        (False, "3.0", Required("at once"), "at once", None),
+        (True, None, None, f"{NEEDED}. {HOW}", None),
+        (True, ConnectionError("cache away"), None, f"{NEEDED}. {HOW}", "Could not check local wheel cache for library update: cache away"),
+        (True, RuntimeError("bad cache"), None, "bad cache", None),
+        (True, "3.0", Update(success=True), None, None),
+        (True, "3.0", None, None, None),  # a result without `success` counts as one
+        (True, "3.0", Update(success=0, warning="no wheel"), f"{NEEDED}; auto-update failed: no wheel. {HOW}", "Auto-update failed: no wheel"),
+        (True, "3.0", OSError("no room"), f"{NEEDED}; auto-update failed: no room. {HOW}", "Auto-update failed: no room"),
+        (Required("odd"), None, None, "odd", None),
+        (ValueError("odd"), None, None, None, "Invalid min_library_version from era config: 2.0"),
+    ],
+)
+def test_the_library_must_be_new_enough(
+    settled: sync.SyncManager, publish: Any, neighbour: Install, records: pytest.LogCaptureFixture, below: Any, newer: Any, update: Any, failure: Any, warning: Any
+) -> None:
+    def answer(value: Any) -> Any:
+        if isinstance(value, Exception):
+            raise value
+        return value
+
+    updated: list[Any] = []
+    neighbour(
+        "deployment",
+        _CURRENT_VERSION="1.0",
+        LibraryUpdateRequired=Required,
+        check_update=lambda current: answer(newer),
+        _compare_versions=lambda a, b: -0.5 if answer(below) else 7,
+        auto_update=lambda minimum: updated.append(minimum) or answer(update),
+    )
+    assert sync.LibraryUpdateRequired is Required
+    publish(8, min_library_version="2.0")
+    if failure is None:
+        settled.trigger_era_transition(8)
+    else:
+        with pytest.raises((Required, RuntimeError)) as caught:
+            settled.trigger_era_transition(new_era_id=8, kill_searches_fn=None, restart_searches_fn=None)
+        assert str(caught.value) == failure and caught.value in (below, newer, update, caught.value)
+    manifest = settled.get_manifest()
+    assert manifest and manifest.era_number == (7 if failure else 8)
+    assert updated == (["2.0"] if isinstance(newer, str) else [])
+    assert [record.getMessage() for record in records.records if record.levelno == logging.WARNING] == ([warning] if warning else [])
+
+
+class Tracker:
+    made: list[tuple[Any, ...]] = []
+
+    def __init__(self, data_dir: str, **identity: Any) -> None:
+        self.made.append((data_dir, identity))
+
+    def handle_era_transition(self, new_era_id: int, previous_era_id: int | None) -> None:
+        self.made.append((new_era_id, previous_era_id))
+
+    def close(self) -> None:
+        self.made.append(("closed",))
+
+
+@pytest.mark.parametrize(
+    ("identity", "expected"),
+    [
+        ({"resolve_identity_for_data_dir": lambda data_dir: "alice"}, {"identity": "alice"}),
+        ({"resolve_identity_for_data_dir": lambda data_dir: None}, {"identity": None}),
+        ({"resolve_identity_for_data_dir": lambda data_dir: 1 / 0}, {"identity": None}),
+        ({}, {"identity": None}),
+    ],
+)
+def test_tracker_and_auth_hear_of_a_new_era(
+    settled: sync.SyncManager, neighbour: Install, records: pytest.LogCaptureFixture, identity: dict[str, Any], expected: Any
+) -> None:
+    Tracker.made = []
+    told: list[Any] = []
+    neighbour("search_tracking", SearchTracker=Tracker)
+    neighbour("identity", **identity)
+    neighbour("auth", AuthError=sync.AuthError, notify_era_change=lambda era: told.append(era) or 1 / 0)
+    settled.trigger_era_transition(8)
+    assert Tracker.made == [(settled._data_dir, expected), (8, 7), ("closed",)]
+    assert told == [8] and "Failed to notify auth about era change: division by zero" in records.messages
+
+
+def test_trackers_that_fail(settled: sync.SyncManager, publish: Any, neighbour: Install) -> None:
+    class Anonymous(Tracker):
+        def __init__(self, data_dir: str) -> None:  # knows no identity
+            super().__init__(data_dir)
+
+    Tracker.made = []
+    neighbour("search_tracking", SearchTracker=Anonymous)
+    settled.trigger_era_transition(8)
+    assert Tracker.made == [(settled._data_dir, {}), (8, 7), ("closed",)]
+
+    class Failing(Tracker):
+        def handle_era_transition(self, new_era_id: int, previous_era_id: int | None) -> None:
+            raise KeyError("tracker")
+
+    neighbour("search_tracking", SearchTracker=Failing)
+    publish(9)
+    restarted: list[int] = []
+    with pytest.raises(KeyError):
+        settled.trigger_era_transition(9, restart_searches_fn=lambda: restarted.append(1))
+    manifest = settled.get_manifest()
+    assert manifest and manifest.era_number == 9 and restarted == [] and Tracker.made[-1] == ("closed",)
+
+
+def test_neighbours_that_cannot_be_loaded_stop_a_transition_before_it_begins(settled: sync.SyncManager, server: Any, monkeypatch: Any) -> None:
+    class Broken:
+        def find_spec(self, name: str, *_: object) -> None:
+            if name == "brackenfen.search_tracking":
+                raise ImportError("half installed")
+
+    monkeypatch.setattr(sys, "meta_path", [Broken(), *sys.meta_path])
+    asked, killed = len(server.requests), []
+    with pytest.raises(ImportError, match="half installed"):
+        settled.trigger_era_transition(8, lambda: killed.append(1))
+    assert (len(server.requests), killed, settled._in_transition) == (asked, [], False)
+
+
+# ---- the watcher ------------------------------------------------------------------------------------------------
+
+
+def test_a_watcher_takes_any_manager(server: Any, publish: Any, neighbour: Install, records: pytest.LogCaptureFixture) -> None:
+    class Manager:
+        _manifest = types.SimpleNamespace(era_number=7)
+        seen: list[Any] = []
+
+        def trigger_era_transition(self, new_era_id: Any, kill_searches_fn: Any, restart_searches_fn: Any) -> None:
+            self.seen.append((new_era_id, kill_searches_fn, restart_searches_fn))
+            if len(self.seen) == 1:
+                raise OSError("first time")
+
+    nudges: list[Any] = []
+
+    def update_nudge(reason: str, **eras: int) -> None:
+        nudges.append((reason, eras))
+        raise ValueError("nobody home")
+
+    neighbour("agent_onboarding", update_nudge=update_nudge)
+    publish(8)
+    kill, restart = (lambda: None), (lambda: None)
+    watcher = sync.EraThread(server.url, lambda: server.token, Manager(), kill_searches_fn=kill, restart_searches_fn=restart)  # type: ignore[arg-type]
+    watcher._last_known_era_id = 7
+    watcher._poll_once()
+    assert (watcher._transition_failed, watcher._last_transition_error, watcher._last_known_era_id) == (True, "new era: first time", 7)
+    watcher._poll_once()
+    watcher._poll_once()
+    assert Manager.seen == [(8, kill, restart)] * 2 and (watcher._transition_failed, watcher._last_known_era_id) == (False, 8)
+    assert nudges == [("era_change", {"new_era_id": 8, "previous_era_id": 7})] and "update_nudge call failed: nobody home" in records.messages
+    watcher._mark_transition_failed("by hand", ValueError("x"))
+    assert watcher._last_transition_error == "by hand: x"
+    watcher._clear_transition_failed()
+    assert watcher._last_transition_error is None
+
+
+def test_operations_by_name(settled: sync.SyncManager) -> None:
+    flat = {"era_number": 5}
+    assert sync._normalize_era_current_response(flat) is flat and sync._normalize_era_current_response(data=[flat]) == {}
+    assert sync._parse_era_directory_id("era_7") == sync.SyncManager._parse_era_directory_id(name="era7") == 7
+    assert settled._fetch_active_era_for_transition(allow_closing=True)[0] == 8
+    assert settled._confirm_active_era(expected_era_id="8")["state"] == "active"
+    assert settled._check_transition_superseded(7) == 8 and settled._check_transition_superseded(8, False) is None
+    old = pathlib.Path(settled._data_dir) / "era_6"
+    old.mkdir()
+    (old / "x").write_bytes(b"12345")
+    assert settled.cleanup_old_eras(keep_current=True) == 5 and settled._cleanup_thread is None
+    settled._schedule_cleanup_old_eras(keep_current=True)
+    assert settled._cleanup_thread.is_alive() in (True, False)
+
+
+# ---- twenty eras ------------------------------------------------------------------------------------------------
+
+
+class LiveReader(threading.Thread):
+    """Reads the live files over and over: none may be missing or torn at any moment."""
+
+    def __init__(self, directory: pathlib.Path, editions: dict[str, set[str]], always: set[str]) -> None:
+        super().__init__(daemon=True)
+        self.directory, self.editions, self.always = directory, editions, always
+        self.stopping = threading.Event()
+        self.wrong: list[str] = []
+        self.reads = 0
+
+    def run(self) -> None:
+        while not self.stopping.is_set():
+            for path in self.always:
+                try:
+                    digest = hashlib.sha256((self.directory / path).read_bytes()).hexdigest()
+                except FileNotFoundError:
+                    digest = "missing"
+                if digest not in self.editions[path]:
+                    self.wrong.append(f"{path}: {digest}")
+                self.reads += 1
+
+
+def test_a_host_follows_twenty_eras_through_outages(tool: Any, serve: Any, tmp_path: pathlib.Path, short_waits: None, wait_until: Any) -> None:
+    tree, data, faults = tmp_path / "tree", tmp_path / "data", tmp_path / "faults"
+    tool("sample", tmp_path / "eras", "--source", "--files", 20, "--bytes", "40kB", "--eras", ERAS)
+    tool("publish", tmp_path / "eras/era-1", tree, "--era", 1, "--version", 1)
+    data.mkdir()
+    (data / "era_0").mkdir()
+
+    def misbehave(*lines: str) -> None:
+        (tmp_path / "next").write_text("\n".join(lines))
+        os.replace(tmp_path / "next", faults)
+
+    def step(name: str, *source: pathlib.Path) -> None:
+        tool("advance", tree, *source, "--step", name, "--shape", "wrapped" if era % 2 else "flat")
+
+    manager = sync.SyncManager.get_or_create(data, serve(tree, "--fault-file", faults).url, lambda: "token", poll_interval_s=0.05)
+    manager.sync()
+    calls: list[tuple[str, int]] = []
+    expected: list[tuple[str, int]] = []
+    manager.register_era_callback(lambda event_type, era_number: calls.append((event_type, era_number)))
+
+    def follows(*events: tuple[str, int]) -> None:
+        expected.extend(events)
+        wait_until(lambda: len(calls) >= len(expected))
+
+    editions: dict[str, set[str]] = {}
+    always: set[str] | None = None
+    for era in range(1, ERAS + 1):
+        present = {str(path.relative_to(tmp_path / f"eras/era-{era}")): path for path in (tmp_path / f"eras/era-{era}").rglob("*.arrow")}
+        always = set(present) if always is None else always & set(present)
+        for name, path in present.items():
+            editions.setdefault(name, set()).add(hashlib.sha256(path.read_bytes()).hexdigest())
+    assert always
+    reader = LiveReader(data, editions, always)
+    reader.start()
+    manager.acquire()
+    try:
+        for era in range(1, ERAS):
+            step("announce")
+            if era % 3 == 0:
+                misbehave("*:status=503,times=6")
+            step("close")
+            follows(("kill", era), ("restart", era))
+            if era % 5 == 0:
+                step("reopen")
+                follows(("restart", era))
+                step("close")
+                follows(("kill", era), ("restart", era))
+            step("gap")
+            if era % 2 == 0:
+                misbehave("/data/files/*:drop-after=100,times=2", "/era/*:reset,times=2", "/data/manifest:status=502,times=1")
+            step("open", tmp_path / f"eras/era-{era + 1}")
+            follows(("kill", era), ("restart", era + 1))
+    finally:
+        manager.release()
+        reader.stopping.set()
+        reader.join()
+    assert calls == expected
+    assert reader.wrong == [] and reader.reads > len(always)
+    manifest = manager.get_manifest()
+    assert manifest and manifest.era_number == ERAS and manager.verify().valid
+    assert manager.status() is None and not [path for path in data.rglob("*") if ".tmp" in path.name or path.name.startswith((".transition", "era_"))]
