@@ -2,8 +2,8 @@
 
     ./dev bench [NAME ...] [--rounds N]
 
-Names: pass, checks, lifecycle, rotation, manifest, hash, download, serve. Data and servers live in build/bench; nothing
-leaves this machine.
+Names: pass, checks, lifecycle, rotation, manifest, hash, download, serve, transition. Data and servers live in
+build/bench; nothing leaves this machine.
 """
 
 from __future__ import annotations
@@ -18,6 +18,7 @@ from pathlib import Path
 from typing import Any
 
 from downloads import measure_downloads, measure_idle_round, measure_servers
+from transitions import measure_transitions
 
 ROOT = Path(__file__).resolve().parent.parent
 BINARIES = ROOT / "build" / "release" / "bin"
@@ -172,6 +173,23 @@ def bench_serve(rounds: int) -> bool:
     )
 
 
+def bench_transition(rounds: int) -> bool:
+    seen = measure_transitions(ROOT, WORK, min(rounds, 3))
+    parts = seen["requests_s"] + seen["hash_s"] + seen["download_s"]
+    ratio = seen["transition_s"] / parts
+    met = report(
+        "transition, 10,000 files",
+        f"{seen['transition_s']:.1f} s = {ratio:.2f} x its parts ({parts:.1f} s)",
+        "1.30 x the parts",
+        ratio <= 1.3,
+    )
+    print(
+        f"    parts: {seen['requests_s']:.1f} s for as many requests, {seen['hash_s']:.1f} s to hash what stays,"
+        f" {seen['download_s']:.1f} s to fetch {seen['changed']:.0f} files"
+    )
+    return met & report("transition, seen by a reader", f"{seen['wrong']:.0f} live files missing or torn", "none", seen["wrong"] == 0)
+
+
 def main() -> int:
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("names", nargs="*", metavar="NAME")
@@ -186,6 +204,7 @@ def main() -> int:
         "hash": bench_hash,
         "download": lambda: bench_download(options.rounds),
         "serve": lambda: bench_serve(options.rounds),
+        "transition": lambda: bench_transition(options.rounds),
     }
     unknown = set(options.names) - set(benches)
     if unknown:
