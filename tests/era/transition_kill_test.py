@@ -1,20 +1,18 @@
-"""A client is killed at each call of a transition that creates, renames or removes a name; the next start recovers.
-
-A sample of the points runs by default, every one of them with BRACKENFEN_ALL_KILL_POINTS=1.
-"""
+"""A client is killed at each call of a transition that creates, renames or removes a name; the next start recovers."""
 
 import hashlib
 import json
 import os
 import pathlib
+import re
 import shutil
 import signal
 import subprocess
 
 import pytest
 
-SAMPLED = 9  # every so many-th point, besides the decisive ones
-DECISIVE = {"manifest.json", "feature-rotation-state.json", ".transition_lock", ".transition_era2.tmp", "shuffle_seed.enc"}
+# What a killed atomic write leaves, until the next pass that downloads.
+HALF_WRITTEN = re.compile(r"(manifest|feature-rotation-state)\.json\.\d+\.\d+\.\d+\.tmp")
 
 
 class Host:
@@ -44,6 +42,8 @@ def manifest_in(directory: pathlib.Path) -> dict[str, str]:
 def host(tool, tool_path, serve, tmp_path):
     """A client that is in era 1, and a server that is in era 2 by now."""
     tool("sample", tmp_path / "eras", "--source", "--files", 24, "--bytes", "60kB", "--eras", 2)
+    departing = min((tmp_path / "eras/era-2/features").rglob("*.arrow"))
+    departing.rename(departing.with_name("arriving__close__w005__z9.arrow"))
     tool("publish", tmp_path / "eras/era-1", tmp_path / "tree", "--era", 1, "--version", 1)
     made = Host(tool_path, serve(tmp_path / "tree").url)
     (tmp_path / "start").mkdir()
@@ -67,10 +67,7 @@ def test_a_kill_at_any_point_leaves_what_the_next_start_recovers(host, tmp_path)
     state = [index for index, point in enumerate(points) if point == ("rename", "feature-rotation-state.json")]
     assert old.keys() - new.keys() and old.keys() & new.keys() and first_move < at("rename", "shuffle_seed.enc") < commit < min(state, default=commit + 1)
 
-    everything = "BRACKENFEN_ALL_KILL_POINTS" in os.environ
     for index, (call, path) in enumerate(points):
-        if not everything and index % SAMPLED and pathlib.Path(path).name not in DECISIVE:
-            continue
         shutil.rmtree(killed, ignore_errors=True)
         shutil.copytree(tmp_path / "start", killed)
         assert host.run(killed, 2, at=index + 1).returncode == -signal.SIGKILL
@@ -88,6 +85,7 @@ def test_a_kill_at_any_point_leaves_what_the_next_start_recovers(host, tmp_path)
         healed = host.run(killed, 2)
         assert healed.stdout.endswith("verified\n") and healed.stdout.startswith("kill\n") == (index <= commit), told + healed.stdout + healed.stderr
         assert digests(killed, set(new)) == new, told
-        left = {path.relative_to(killed).parts[0] for path in killed.rglob("*") if path.suffix == ".tmp" or path.name.startswith(".transition")}
+        left = {path.name for path in killed.rglob("*") if path.suffix == ".tmp" or path.name.startswith(".transition")}
+        left = {name for name in left if not HALF_WRITTEN.fullmatch(name)}
         # Behind the commit nobody looks for them until the next transition.
         assert left <= (set() if index <= commit else {".transition_lock", ".transition_era2.tmp"}), told
