@@ -84,7 +84,9 @@ def test_a_kill_at_any_point_leaves_what_the_next_start_recovers(host, tmp_path)
 
         healed = host.run(killed, 2)
         assert healed.stdout.endswith("verified\n") and healed.stdout.startswith("kill\n") == (index <= commit), told + healed.stdout + healed.stderr
-        assert digests(killed, set(new)) == new, told
+        # Under the old selection a feature that came with the era waits for the next rotation.
+        waits = {path for path in new.keys() - old.keys() if path.startswith("features/")} if state and commit < index <= state[0] else set()
+        assert digests(killed, set(new) - waits) == {path: digest for path, digest in new.items() if path not in waits}, told
         left = {path.name for path in killed.rglob("*") if path.suffix == ".tmp" or path.name.startswith(".transition")}
         left = {name for name in left if not HALF_WRITTEN.fullmatch(name)}
         # Behind the commit nobody looks for them until the next transition.
