@@ -80,8 +80,4 @@ class Manifest {
   RememberedArtifacts artifacts_ GUARDED_BY(mutex_);
 };
 
-/// The entry with the marks of the manifest it was planned from: `_manifest_version`, `_manifest_era_id` and, where it
-/// has one, `_manifest_base_url`. Throws what manifest_integer throws.
-[[nodiscard]] Document stamped_with_generation(const Manifest& manifest, const Document& file_info);
-
 }  // namespace brackenfen::sync

@@ -114,7 +114,7 @@ void SyncManager::Transition::plan() {
   const std::int64_t free_disk_bytes = manager_.seams_.files->free_bytes(data_dir_);
   rotation_ = manager_._plan_feature_rotation_for_manifest(*neighbours_, *new_manifest_, free_disk_bytes);
   const RotationSelection& selection = rotation_.plan.selection;
-  manager_._precheck_rotation_disk_budget(selection, free_disk_bytes, !rotation_.explicit_rotation_budget);
+  manager_._precheck_rotation_disk_budget(*neighbours_, selection, free_disk_bytes, !rotation_.explicit_rotation_budget);
 
   transition_download_items_.reserve(selection.active_relative_paths.size());
   for (const Text& file_path : selection.active_relative_paths) {

@@ -72,6 +72,7 @@ class SyncManager::Transition {
   void delete_departed_files(const Manifest& old_manifest) const;
   void notify_neighbours();
   [[nodiscard]] std::unique_ptr<SearchTracker> open_search_tracker();
+  /// The vocabularies of the new era, to running searches and to those that start now.
   void restart_searches();
 
   Document confirm_active_era(const Value& era_id) {
@@ -100,7 +101,9 @@ class SyncManager::Transition {
   std::size_t completed_files_ = 0;
   std::vector<std::string> staged_file_paths_;
   std::optional<Value> superseded_era_id_;
-  Document staged_vocabularies_;  ///< by universe
+  Document staged_vocabularies_;              ///< by universe
+  RotationStateRef promoted_rotation_state_;  ///< null where nothing rotates
+  std::vector<SearchRefreshPayload> refresh_payloads_;
 };
 
 }  // namespace brackenfen::sync

@@ -16,7 +16,16 @@ constexpr const char* SEED_FILES[] = {"shuffle_seed.enc", "shuffle_seed.enc.meta
 
 }  // namespace
 
-void SyncManager::Transition::prepare_promotion() { confirm_active_era(manifest_era_id_); }
+/// A vocabulary that is no good, or a search that cannot be matched with one, must show before a file moves.
+void SyncManager::Transition::prepare_promotion() {
+  if (const RotationStateRef& candidate = rotation_.plan.candidate_state) {
+    promoted_rotation_state_ = neighbours_->artifact_rotation().promote_rotation_candidate(manager_._active_rotation_state.get(), candidate,
+                                                                                           rotation_.plan.selection.active_relative_paths);
+    refresh_payloads_ =
+        manager_._rotation_search_refresh_payloads(*neighbours_, promoted_rotation_state_, Value(staged_vocabularies_), new_manifest_);
+  }
+  confirm_active_era(manifest_era_id_);
+}
 
 void SyncManager::Transition::promote() {
   move_staged_files();
@@ -24,7 +33,11 @@ void SyncManager::Transition::promote() {
   _write_manifest_json(*manager_.seams_.files, *manager_.seams_.clock, data_dir_, new_manifest_->data());
   manager_._manifest.set(new_manifest_);
   confirm_active_era(manifest_era_id_);
+  manager_._write_promoted_rotation_state(*neighbours_, promoted_rotation_state_);
   if (old_manifest) delete_departed_files(*old_manifest);
+  manager_._cleanup_inactive_rotation_artifacts(
+      *neighbours_, *new_manifest_,
+      promoted_rotation_state_ ? promoted_rotation_state_->active_relative_paths() : rotation_.plan.selection.active_relative_paths);
   manager_._schedule_cleanup_old_eras(true);
 }
 
@@ -93,6 +106,7 @@ std::unique_ptr<SearchTracker> SyncManager::Transition::open_search_tracker() {
 
 void SyncManager::Transition::restart_searches() {
   manager_._vocabulary.set(std::make_shared<const Document>(_validate_manifest_vocabulary_files(*neighbours_, data_dir_, *new_manifest_)));
+  _deliver_rotation_search_refresh_payloads(refresh_payloads_);
   if (!restart_searches_fn_) return;
   confirm_active_era(manifest_era_id_);
   restart_searches_fn_();

@@ -20,6 +20,7 @@ constexpr const char* BACKOFF_SURFACE = "era_transition";
 
 bool SyncManager::Transition::stage_files(TransitionScope& scope) {
   sync_result_.era_number = manifest_era_id_;
+  _apply_rotation_result_fields(sync_result_, rotation_.plan.selection);
   transition_staging_dir_ = join_path(data_dir_, ".transition_era" + to_text(manifest_era_id_) + ".tmp");
   scope.make_staging_directory(transition_staging_dir_);
   for (const auto& [file_path, file_info] : transition_download_items_) {
@@ -53,7 +54,7 @@ bool SyncManager::Transition::stage_file(const std::string& file_path, const Doc
     BackoffContext context;
     context.surface = BACKOFF_SURFACE;
     const auto in_context = _sync_backoff_module(manager_.seams_)->enter_context(std::move(context));
-    manager_._download_file(*neighbours_, file_path, stamped_with_generation(*new_manifest_, file_info), sync_result_, options);
+    manager_._download_file(*neighbours_, file_path, generation_stamped(file_info, *new_manifest_), sync_result_, options);
   } catch (const Error& error) {
     // The bytes of a dead era may well differ from what its manifest says.
     if (error.is(error_class::IntegrityError) && is_superseded()) return false;

@@ -108,6 +108,7 @@ TEST_F(ConsumersTest, eachEventLeadsToItsState) {
     EXPECT_EQ(registered(), row.registered);
     manager->stop();
     manager.reset();
+    ASSERT_TRUE(wait_for_worker_threads(std::chrono::seconds(30)));  // a download worker in its last steps shares in it
   }
 }
 
