@@ -60,13 +60,12 @@ class CAPABILITY("mutex") WorkMutex {
   [[nodiscard]] bool held_by_this_work();
 
  private:
-  void wait_and_take(WorkWait::Patience patience);
+  void wait_and_take(Patience patience);
   void take() noexcept;
 
   std::mutex mutex_;  // guards what follows; a leaf
   std::condition_variable freed_;
   WorkId work_ = 0;  // 0 where it is free
-  const ThreadWork* holder_ = nullptr;
 };
 
 class SCOPED_CAPABILITY WorkLock {

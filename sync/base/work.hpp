@@ -2,12 +2,11 @@
 //
 // Callbacks of the host run deep inside a pass, also on its download workers, and may call back into the library. What
 // such a call would wait for can be the very work it is part of, or a lock whose holder waits for that work: neither
-// would ever end. So a unit of work has an identity, threads know the ones they are part of, and a wait that
-// cannot end is refused.
+// would ever end. So a unit of work has an identity, threads know the ones they are part of and say what they wait for,
+// and a wait that cannot end is refused.
 #pragma once
 
 #include <array>
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -24,49 +23,34 @@ class WouldWaitForItself : public StateError {
   WouldWaitForItself() : StateError("this call would wait for the work that it is part of") {}
 };
 
-/// What a thread is part of. Plain data, so that a thread in its last steps can still ask.
+/// What a thread is part of. Plain data, so that a thread in its last steps can still ask. The thread that owns an
+/// operation hands a copy to its workers, which make it their own.
 class ThreadWork {
  public:
-  /// Of the running thread. Other threads may only read what it waits for.
+  /// Of the running thread.
   static ThreadWork& current() noexcept;
 
   [[nodiscard]] WorkId begin() noexcept;
   void end(WorkId work) noexcept;
   [[nodiscard]] bool is_part_of(WorkId work) const noexcept;
 
-  /// What the thread waits for without a limit of time; 0 where it does not.
-  std::atomic<WorkId> waits_for{0};
-
  private:
-  friend class InheritedWork;
   // Far deeper than calls nest. What lies beyond is not followed, and waits as it would have.
   static constexpr std::size_t CAPACITY = 16;
   std::array<WorkId, CAPACITY> works_{};
   std::size_t size_ = 0;
 };
 
-/// Hands the works of the thread that owns an operation to a worker of it.
-class InheritedWork {
- public:
-  /// Those of the running thread, to be carried over.
-  InheritedWork() noexcept;
-  /// On the worker, for the rest of its life.
-  void adopt() const noexcept;
+/// Of the threads that wait for each other in a circle, one is refused. It is to be the callback that closed the circle
+/// by asking for a lock of a manager; a stop, and a pass that waits for its turn at the directory, go on. So these look
+/// at their own work at once and around the circle later.
+enum class Patience { None, Long };
 
- private:
-  std::array<WorkId, ThreadWork::CAPACITY> works_;
-  std::size_t size_;
-};
-
-/// One slice of a wait for `work`: for the life of this scope the running thread waits for it, or for what the holder of
-/// it waits for in its turn. Throws WouldWaitForItself.
+/// One slice of a wait: for the life of this scope the running thread waits for `work` to end. Slices count from 0.
+/// Throws WouldWaitForItself. Takes a leaf lock, also under that of the lock that is waited for.
 class WorkWait {
  public:
-  /// Of the threads that wait for each other in a circle, those that stop a manager must go on waiting, and the callback
-  /// that closed the circle is refused. So they look at their own work at once, and around the circle later.
-  enum class Patience { None, Stopping };
-
-  WorkWait(WorkId work, const ThreadWork* holder, Patience patience, int slice);
+  WorkWait(WorkId work, Patience patience, int slice);
   WorkWait(const WorkWait&) = delete;
   WorkWait& operator=(const WorkWait&) = delete;
   ~WorkWait();

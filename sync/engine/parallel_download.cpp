@@ -70,7 +70,7 @@ class Batch : public std::enable_shared_from_this<Batch> {
   const std::vector<Item> items_;
   const std::vector<Task> tasks_;
   const BackoffContext parent_context_;
-  const InheritedWork work_;  // so that a callback on a worker knows which pass it is part of
+  const ThreadWork work_ = ThreadWork::current();  // so that a callback on a worker knows which pass it is part of
   const std::shared_ptr<InterruptToken> interrupt_ = std::make_shared<InterruptToken>();
   std::atomic<bool> cancelled_{false};
   std::atomic<bool> parent_stopped_{false};  // the caller's own stop callback has said so to a worker
@@ -111,7 +111,7 @@ void Batch::start(std::int64_t worker_count) {
 }
 
 void Batch::work() {
-  work_.adopt();
+  ThreadWork::current() = work_;
   const InterruptScope scope(interrupt_);
   while (true) {
     const Task* task = nullptr;

@@ -107,7 +107,7 @@ void DirectoryLock::_release_flock() {
 }
 
 void DirectoryLock::close_leftover() {
-  take_owner(WorkWait::Patience::Stopping);
+  take_owner();
   const OwnerDrop drop(*this);
   try {
     if (flock_file_) flock_file_.close();
@@ -125,17 +125,16 @@ void DirectoryLock::abandon_after_fork() noexcept {
   flock_file_ = Descriptor();
   directory_ = Descriptor();
   owner_ = std::thread::id();
-  holder_ = nullptr;
   work_ = 0;
   depth_ = 0;
   holds_ = 0;
 }
 
-void DirectoryLock::take_owner(WorkWait::Patience patience) {
+void DirectoryLock::take_owner() {
   const std::thread::id self = std::this_thread::get_id();
   std::unique_lock<std::mutex> lock(mutex_);
   for (int slice = 0; depth_ > 0 && owner_ != self; ++slice) {
-    const WorkWait wait(work_, holder_, patience, slice);
+    const WorkWait wait(work_, Patience::Long, slice);
     freed_.wait_for(lock, INTERRUPT_SLICE);
     if (depth_ == 0) break;
     lock.unlock();
@@ -144,7 +143,6 @@ void DirectoryLock::take_owner(WorkWait::Patience patience) {
   }
   if (depth_++ > 0) return;
   owner_ = self;
-  holder_ = &ThreadWork::current();
   work_ = ThreadWork::current().begin();
 }
 
@@ -154,7 +152,6 @@ void DirectoryLock::drop_owner() noexcept {
     if (--depth_ > 0) return;
     ThreadWork::current().end(work_);
     owner_ = std::thread::id();
-    holder_ = nullptr;
     work_ = 0;
   }
   freed_.notify_one();

@@ -63,7 +63,7 @@ class DirectoryLock {
  private:
   class OwnerDrop;
 
-  void take_owner(WorkWait::Patience patience = WorkWait::Patience::None);
+  void take_owner();
   void drop_owner() noexcept;
   [[nodiscard]] bool is_owner();
   void count_hold(int change) noexcept;
@@ -82,7 +82,6 @@ class DirectoryLock {
   std::mutex mutex_;  // guards what follows up to holds_; a leaf
   std::condition_variable freed_;
   std::thread::id owner_;
-  const ThreadWork* holder_ = nullptr;
   WorkId work_ = 0;
   int depth_ = 0;
   int holds_ = 0;  // of depth_, those that a Hold will release

@@ -15,13 +15,13 @@ namespace {
 
 TEST(Work, aLockIsRefusedToTheWorkThatHoldsIt) NO_THREAD_SAFETY_ANALYSIS {
   WorkMutex mutex;
-  const InheritedWork before;
+  const ThreadWork before = ThreadWork::current();
   const WorkLock held(mutex);
   EXPECT_TRUE(mutex.held_by_this_work());
   EXPECT_THROW(mutex.lock(), WouldWaitForItself);
-  const InheritedWork during;
-  const auto on_a_worker = [&](const InheritedWork& work) {
-    return std::async(std::launch::async, [&] { return work.adopt(), mutex.held_by_this_work(); }).get();
+  const ThreadWork during = ThreadWork::current();
+  const auto on_a_worker = [&](const ThreadWork& work) {
+    return std::async(std::launch::async, [&] { return ThreadWork::current() = work, mutex.held_by_this_work(); }).get();
   };
   EXPECT_TRUE(on_a_worker(during));
   EXPECT_FALSE(on_a_worker(before));
@@ -30,11 +30,11 @@ TEST(Work, aLockIsRefusedToTheWorkThatHoldsIt) NO_THREAD_SAFETY_ANALYSIS {
 TEST(Work, aWorkerThatWasLeftBehindIsNoPartOfTheNextWork) NO_THREAD_SAFETY_ANALYSIS {
   WorkMutex mutex;
   mutex.lock();
-  const InheritedWork first;
+  const ThreadWork first = ThreadWork::current();
   mutex.unlock();
   const WorkLock next(mutex);
   std::async(std::launch::async, [&] {
-    first.adopt();
+    ThreadWork::current() = first;
     EXPECT_FALSE(mutex.held_by_this_work());
   }).get();
 }

@@ -9,6 +9,7 @@
 
 #include "sync/base/descriptor.hpp"
 #include "sync/base/worker_thread.hpp"
+#include "tests/support/calling_token.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
@@ -22,15 +23,6 @@ using testing::StartsWith;
 
 const PublishedFile ALPHA{"features/alpha.arrow", "alpha"};
 const PublishedFile BETA{"features/beta.arrow", "beta"};
-
-/// Calls back wherever the manager asks for a token.
-struct CallingToken : TokenSource {
-  std::string token() override {
-    if (const auto call = std::exchange(once, nullptr)) call();
-    return "token";
-  }
-  std::function<void()> once;
-};
 
 /// Calls back where a file has landed: on a download worker.
 struct CallingGuard : RuntimeFreshnessGuard {
@@ -170,10 +162,10 @@ TEST_F(ConsumersTest, anInterruptedReleaseLeavesAStoppedManager) {
   token_source = token;
   manager = SyncManager::get_or_create(options());
   std::promise<void> inside, go_on;
-  token->once = [&] {
+  token->call_once([&] {
     inside.set_value();
     go_on.get_future().get();
-  };
+  });
   auto pass = std::async(std::launch::async, [&] { static_cast<void>(manager->sync()); });
   inside.get_future().get();
   manager->acquire();
@@ -213,7 +205,7 @@ TEST_F(ConsumersTest, aCallbackMayReleaseTheLastConsumerOnWhateverThreadItRuns) 
   const Row rows[] = {
       {"the caller's, in a pass",
        [&] {
-         token->once = release;
+         token->call_once(release);
          static_cast<void>(manager->sync());
        }},
       {"a download worker",
@@ -224,13 +216,13 @@ TEST_F(ConsumersTest, aCallbackMayReleaseTheLastConsumerOnWhateverThreadItRuns) 
        }},
       {"the poll thread",
        [&] {
-         token->once = release;
+         token->call_once(release);
          manager->_in_transition = false;
        }},
       {"a repair thread",
        [&] {
          static_cast<void>(manager->sync());
-         token->once = release;
+         token->call_once(release);
          manager->report_corruption(ALPHA.path);
        }},
   };
@@ -257,19 +249,19 @@ TEST_F(ConsumersTest, aCallbackThatWouldWaitForItsOwnPassIsRefused) {
   token_source = token;
   manager = SyncManager::get_or_create(options());
   std::string inside;
-  token->once = [&] { inside = failure_of([&] { return manager->sync(); }); };
+  token->call_once([&] { inside = failure_of([&] { return manager->sync(); }); });
   static_cast<void>(manager->sync());
   EXPECT_THAT(inside, StartsWith("StateError: "));
 
   // A release on another thread waits for this pass under the registry's lock.
   manager->acquire();
   std::future<void> release;
-  token->once = [&] {
+  token->call_once([&] {
     release = std::async(std::launch::async, [&] { manager->release(); });
     do inside = failure_of([&] { return SyncManager::get_or_create(options()); });
     while (inside.empty());
     manager->release();  // one too many does nothing, and waits for nothing
-  };
+  });
   static_cast<void>(manager->sync());
   release.get();
   EXPECT_THAT(inside, StartsWith("StateError: "));

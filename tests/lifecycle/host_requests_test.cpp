@@ -5,6 +5,7 @@
 #include <functional>
 #include <future>
 
+#include "tests/support/calling_token.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
@@ -17,14 +18,6 @@ using testing::StartsWith;
 const PublishedFile ALPHA{"features/alpha.arrow", "alpha"};
 const PublishedFile OLD_PNL{"found_signals/pool/old/signal_is/pnl.arrow", "old", "found_signal_is_pnl"};
 const PublishedFile NEW_PNL{"found_signals/pool/new/signal_is/pnl.arrow", "new", "found_signal_is_pnl"};
-
-struct CallingToken : TokenSource {
-  std::string token() override {
-    if (const auto call = std::exchange(once, nullptr)) call();
-    return "token";
-  }
-  std::function<void()> once;
-};
 
 class HostRequestsTest : public testing::Test, protected SyncSetup {
  protected:
@@ -91,7 +84,7 @@ TEST_F(HostRequestsTest, aSecondRequestJoinsTheFirst) {
     second = std::async(std::launch::async, [&] { return manager->request_for_sync(); });
     while (manager->request_coalescing().running().use_count() < 3) std::this_thread::yield();  // until it waits
   };
-  calling_token->once = join_from_another_thread;
+  calling_token->call_once(join_from_another_thread);
   static_cast<void>(manager->request_for_sync());
   EXPECT_THAT(second.get(), ElementsAre(directory / OLD_PNL.path));
   EXPECT_EQ(fetched_manifests(), 1U);
@@ -99,7 +92,7 @@ TEST_F(HostRequestsTest, aSecondRequestJoinsTheFirst) {
   // A failure is the first one's alone, and waiting ends after 30 seconds.
   server.script(VERSION_PATH, {{.status = 404}});
   server.script(MANIFEST_PATH, {{.status = 404}});
-  calling_token->once = join_from_another_thread;
+  calling_token->call_once(join_from_another_thread);
   EXPECT_THAT(failure_of([&] { return manager->request_for_sync(); }), StartsWith("SyncError: "));
   EXPECT_THAT(second.get(), ElementsAre(directory / OLD_PNL.path));
   manager->request_coalescing().begin();
@@ -111,7 +104,7 @@ TEST_F(HostRequestsTest, aSecondRequestJoinsTheFirst) {
 TEST_F(HostRequestsTest, ofTwoThatBeganAtOnceTheLaterToEndFails) {
   publish(1, {ALPHA});
   const auto manager = running();
-  calling_token->once = [&] { manager->request_coalescing().end(); };  // as the other one's end does
+  calling_token->call_once([&] { manager->request_coalescing().end(); });  // as the other one's end does
   EXPECT_EQ(failure_of([&] { return manager->request_for_sync(); }), "AttributeError: 'NoneType' object has no attribute 'set'");
   EXPECT_EQ(manager->request_coalescing().running(), nullptr);
 
@@ -153,12 +146,12 @@ TEST_F(HostRequestsTest, aPollSyncsOnlyWhatIsNewAndOnlyWhenNothingElseRuns) {
   EXPECT_THAT(server.requests(), IsEmpty());
   manager->_in_transition = false;
 
-  calling_token->once = [&] { manager->_in_transition = true; };  // it begins while the question is on its way
+  calling_token->call_once([&] { manager->_in_transition = true; });  // it begins while the question is on its way
   manager->_poll_once();
   EXPECT_EQ(fetched_manifests(), 0U);
   manager->_in_transition = false;
 
-  calling_token->once = [&] { std::async(std::launch::async, [&] { manager->_poll_once(); }).get(); };
+  calling_token->call_once([&] { std::async(std::launch::async, [&] { manager->_poll_once(); }).get(); });
   static_cast<void>(manager->sync());
   EXPECT_EQ(fetched_manifests(), 1U) << "a poll during a pass does nothing";
 
