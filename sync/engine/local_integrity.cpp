@@ -4,8 +4,8 @@
 
 #include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/parallel.hpp"
 #include "sync/base/member_cursor.hpp"
+#include "sync/base/parallel.hpp"
 #include "sync/base/paths.hpp"
 #include "sync/documents/local_files.hpp"
 #include "sync/documents/manifest_filters.hpp"

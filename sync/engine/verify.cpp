@@ -44,8 +44,7 @@ class Auditor {
 };
 
 /// The files that must be here, in the order of `active_paths` or of the manifest. An entry that is none has no info.
-ExpectedFiles files_to_judge(NeighbourSet& neighbours, const Document& entries,
-                             const std::optional<std::vector<Text>>& active_paths) {
+ExpectedFiles files_to_judge(NeighbourSet& neighbours, const Document& entries, const std::optional<std::vector<Text>>& active_paths) {
   ExpectedFiles expected;
   const auto add = [&](std::string_view file_path, const Value& entry) {
     const Document* file_info = entry.if_document();
