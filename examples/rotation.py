@@ -8,6 +8,7 @@ The bearer token is read from BRACKENFEN_TOKEN.
 from __future__ import annotations
 
 import json
+import logging
 import os
 import sys
 import time
@@ -36,6 +37,7 @@ def features(directory: Path) -> set[str]:
 def main() -> int:
     directory, server_url = Path(sys.argv[1]), sys.argv[2]
     directory.mkdir(parents=True, exist_ok=True)
+    logging.getLogger("brackenfen.sync").setLevel(logging.ERROR)  # files that a rotation adds are reported as missing first
     settings = directory / "feature-rotation-settings.json"
     token = os.environ.get("BRACKENFEN_TOKEN", "")
     manager = sync.SyncManager.get_or_create(directory, server_url, lambda: token)

@@ -70,7 +70,7 @@ def test_what_a_pass_hands_to_python(manager: sync.SyncManager, server: Any) -> 
     landed: list[dict[str, Any]] = []
     manager.runtime_freshness_guard = types.SimpleNamespace(record_sync_update=lambda **record: landed.append(record))
     result = manager.sync()
-    present = (*list(server.files)[:3], *server.documents)
+    present = tuple(sorted([*list(server.files)[:3], *server.documents]))
     catalogue_bytes = len(server.documents["functions.json"])
     assert (result.features_downloaded, result.bytes_downloaded, result.era_number, result.n_features) == (1, 5007 + catalogue_bytes, 7, 1)
     assert (result.t_signal_is, result.t_strategy_is, result.n_instruments) == (5, 6, 7)

@@ -23,7 +23,7 @@ class Kept:
         self.manager = sync.SyncManager.get_or_create(directory, server.url, self.get_token)
         self.manager.sync()
         self.before = self.state()
-        server.add(LARGE, bytes(range(256)) * 1600)
+        server.add(LARGE, bytes(range(256)) * 1600, mandatory=True)
         server.version = 2
 
     def get_token(self) -> str:
@@ -64,7 +64,7 @@ def test_a_volume_that_fills_up(small_volume: pathlib.Path, server: Any) -> None
     (small_volume / "data").mkdir()
     kept = Kept(small_volume / "data", server)
     kept.calls_until = {1: lambda: filler.write_bytes(b"x" * 850_000)}
-    kept.assert_refused(sync.DiskSpaceError, "^Insufficient disk space: need 409600 bytes, have [0-9]+ bytes available$")
+    kept.assert_refused(sync.MandatoryArtifactsTooLargeError, "^mandatory artifacts need 409600 more bytes, and only half of the free space, [0-9]+ bytes")
     filler.unlink()
     kept.calls_until = {3: lambda: filler.write_bytes(b"x" * 850_000)}  # full when the file is asked for
     kept.assert_refused(OSError, rf"^\[Errno 28\] No space left on device: '{kept.directory}/{LARGE}.tmp'$")
