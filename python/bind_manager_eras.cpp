@@ -8,38 +8,36 @@ namespace {
 
 using Bound = nb::class_<ManagerObject>;
 
-/// The era's number, as the server or a host gave it.
-Value era_argument(nb::handle object, const char* name) { return value_argument(object, name); }
-
 void trigger_era_transition(const ManagerObject& self, nb::handle new_era_id, nb::handle kill_searches_fn, nb::handle restart_searches_fn) {
-  const Value era = era_argument(new_era_id, "new_era_id");
+  const Value era = value_argument(new_era_id, "new_era_id");
   const SearchesFn kill = searches_fn(kill_searches_fn);
   const SearchesFn restart = searches_fn(restart_searches_fn);
   self.run([&](SyncManager& core) { core.trigger_era_transition(era, kill, restart); });
 }
 
-nb::object fetch_active_era(const ManagerObject& self, bool allow_closing) {
+nb::object fetch_active_era(const ManagerObject& self, nb::handle allow_closing) {
+  const bool closing = truth(allow_closing);
   const SyncManager::ActiveEra active =
-      self.run([&](SyncManager& core) { return core._fetch_active_era_for_transition(*host_neighbours().bind(), allow_closing); });
+      self.run([&](SyncManager& core) { return core._fetch_active_era_for_transition(*host_neighbours().bind(), closing); });
   return nb::make_tuple(to_python(active.era_number), to_python(active.era_manifest));
 }
 
-nb::object confirm_active_era(const ManagerObject& self, nb::handle expected_era_id, bool allow_closing) {
-  const Value era = era_argument(expected_era_id, "expected_era_id");
-  return to_python(self.run([&](SyncManager& core) { return core._confirm_active_era(*host_neighbours().bind(), era, allow_closing); }));
+nb::object confirm_active_era(const ManagerObject& self, nb::handle expected_era_id, nb::handle allow_closing) {
+  const bool closing = truth(allow_closing);
+  const Value era = value_argument(expected_era_id, "expected_era_id");
+  return to_python(self.run([&](SyncManager& core) { return core._confirm_active_era(*host_neighbours().bind(), era, closing); }));
 }
 
-nb::object check_transition_superseded(const ManagerObject& self, nb::handle expected_era_id, bool allow_closing) {
-  const Value era = era_argument(expected_era_id, "expected_era_id");
-  return to_python(
-      self.run([&](SyncManager& core) { return core._check_transition_superseded(*host_neighbours().bind(), era, allow_closing); }));
+nb::object check_transition_superseded(const ManagerObject& self, nb::handle expected_era_id, nb::handle allow_closing) {
+  const bool closing = truth(allow_closing);
+  const Value era = value_argument(expected_era_id, "expected_era_id");
+  return to_python(self.run([&](SyncManager& core) { return core._check_transition_superseded(*host_neighbours().bind(), era, closing); }));
 }
 
 nb::object parse_era_directory_id(nb::handle name) { return to_python(_parse_era_directory_id(text_argument(name, "name"))); }
 
 nb::object normalize_era_current_response(nb::handle data) {
-  Origins origins;
-  const Value given = value_argument(data, "data", &origins);
+  const Value given = loose_value(data);
   const Document flat = _normalize_era_current_response(given);
   return given.is_document() && flat.same_as(*given.if_document()) ? nb::borrow(data) : to_python(flat);
 }
@@ -59,30 +57,33 @@ void bind_manager_eras(Bound& bound) {
           "Raises EraError where the server does not confirm the era, LibraryUpdateRequired where it needs a newer library,\n"
           "SyncError and its subclasses, OSError of the local files, and what the callables raise; searches then stay\n"
           "stopped. An outage of the server is waited out.")
-      .def("_fetch_active_era_for_transition", fetch_active_era, nb::arg("allow_closing") = false)
-      .def("_confirm_active_era", confirm_active_era, any("expected_era_id"), nb::arg("allow_closing") = false)
-      .def("_check_transition_superseded", check_transition_superseded, any("expected_era_id"), nb::arg("allow_closing") = false)
+      .def("_fetch_active_era_for_transition", fetch_active_era, nb::arg("allow_closing").none() = false)
+      .def("_confirm_active_era", confirm_active_era, any("expected_era_id"), nb::arg("allow_closing").none() = false)
+      .def("_check_transition_superseded", check_transition_superseded, any("expected_era_id"), nb::arg("allow_closing").none() = false)
       .def(
           "cleanup_old_eras",
-          [](const ManagerObject& self, bool keep_current) {
-            return self.run([&](SyncManager& core) { return core.cleanup_old_eras(keep_current); });
+          [](const ManagerObject& self, nb::handle keep_current) {
+            const bool keep = truth(keep_current);
+            return self.run([&](SyncManager& core) { return core.cleanup_old_eras(keep); });
           },
-          nb::arg("keep_current") = true, nb::sig("def cleanup_old_eras(self, keep_current: bool = True) -> int"),
+          nb::arg("keep_current").none() = true, nb::sig("def cleanup_old_eras(self, keep_current: bool = True) -> int"),
           "Delete non-current era directories, return bytes freed.\n\n"
           "keep_current=False removes all data: manifest.json, shuffle_seed.enc and every directory that is not hidden.\n"
           "Raises OSError at the first that cannot be removed.")
       .def(
           "_schedule_cleanup_old_eras",
-          [](const ManagerObject& self, bool keep_current) {
-            self.run([&](SyncManager& core) { core._schedule_cleanup_old_eras(keep_current); });
+          [](const ManagerObject& self, nb::handle keep_current) {
+            const bool keep = truth(keep_current);
+            self.run([&](SyncManager& core) { core._schedule_cleanup_old_eras(keep); });
           },
-          nb::arg("keep_current"))
+          any("keep_current"))
       .def(
           "_cleanup_old_eras_background",
-          [](const ManagerObject& self, bool keep_current) {
-            self.run([&](SyncManager& core) { core._cleanup_old_eras_background(keep_current); });
+          [](const ManagerObject& self, nb::handle keep_current) {
+            const bool keep = truth(keep_current);
+            self.run([&](SyncManager& core) { core._cleanup_old_eras_background(keep); });
           },
-          nb::arg("keep_current"))
+          any("keep_current"))
       .def_static("_parse_era_directory_id", parse_era_directory_id, any("name"));
 }
 
