@@ -163,7 +163,7 @@ void SyncManager::_stop_internal() {
   unless_interrupted([&] {
     if (!called_by_its_work) _directory_lock.close_leftover();
   });
-  if (interrupted) throw *interrupted;
+  if (interrupted) throw Interrupted(*interrupted);
 }
 
 void SyncManager::stop_era_thread() {

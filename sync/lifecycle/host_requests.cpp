@@ -23,6 +23,7 @@ struct Dated {
 std::vector<std::string> sorted_newest_first(std::vector<Dated> files) {
   std::stable_sort(files.begin(), files.end(), [](const Dated& left, const Dated& right) { return left.mtime_ns > right.mtime_ns; });
   std::vector<std::string> paths;
+  paths.reserve(files.size());
   for (Dated& file : files) paths.push_back(std::move(file.path));
   return paths;
 }
