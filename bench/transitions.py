@@ -56,11 +56,12 @@ def measure_transitions(root: Path, work: Path, rounds: int) -> dict[str, float]
 
     def publish(era: int) -> None:
         write_era(source, era)
-        command = [binaries / "brackenfen-distribution", "publish", source, tree, "--link", "--era", str(era), "--version", str(era)]
+        command: list[str | Path] = [binaries / "brackenfen-distribution", "publish", source, tree, "--link", "--era", str(era), "--version", str(era)]
         subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
 
     def run(url: str, era: int, *more: Path) -> Any:
-        done = subprocess.run([binaries / "bench_transition", directory, url, str(era), *more], check=True, capture_output=True, text=True)
+        command: list[str | Path] = [binaries / "bench_transition", directory, url, str(era), *more]
+        done = subprocess.run(command, check=True, capture_output=True, text=True)
         return json.loads(done.stdout or "null")
 
     publish(1)

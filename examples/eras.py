@@ -206,14 +206,17 @@ def follow(server: Server, directory: Path, manager: sync.SyncManager, search: S
         story.chapter("server", server.step(step))
         time.sleep(1.0)
     wait("restart within the era", lambda: search.restarts == 1)
+    story.chapter("library", "brought the directory up to date within the closing era")
 
     story.chapter("server", server.step("gap"))
     time.sleep(1.0)
     server.misbehave("/data/files/features/*:drop-after=2000,times=2")  # two transfers of the next era break off
     story.chapter("server", server.step("open"))
-    wait("next era", lambda: era() == 2 and search.restarts == 2)
+    wait("next era", lambda: era() == 2)
+    story.chapter("library", "era 2 was staged beside the live files, and is promoted")
+    wait("restart in the next era", lambda: search.restarts == 2)
     wait("clean-up of the old era", lambda: not (directory / "era_0").exists())
-    story.chapter("library", "the directory of an old era is gone")
+    story.chapter("library", "the directory of era 0, left behind by an earlier run, is gone")
     time.sleep(1.0)
     search.stop()
 
