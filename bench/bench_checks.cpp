@@ -57,15 +57,12 @@ Document make_large_files(const std::string& directory) {
   std::vector<Member> files;
   for (int index = 0; index < LARGE_FILES; ++index) {
     const std::string path = bench::feature_path(index);
-    const std::string local = join_path(directory, path);
     const std::string content(LARGE_FILE_BYTES, static_cast<char>('a' + index % 26));
-    if (!path_exists(local)) {
-      make_directories(directory_of(local));
-      write_all(open_file(local, O_WRONLY | O_CREAT | O_TRUNC), content, local);
-    }
+    if (!path_exists(join_path(directory, path))) bench::make_file(directory, path, content);
     files.push_back({path, Value(Document{{"kind", "feature"}, {"size_bytes", content.size()}, {"sha256", _sha256(content)}})});
   }
-  return Document{{"era_number", 12}, {"version", 1}, {"files", Value(Document(std::move(files)))}};
+  bench::make_era_files(directory);
+  return bench::manifest_of(std::move(files), 1);
 }
 
 std::shared_ptr<SyncManager> manager_of(const std::string& directory, bench::MemoryServer& server, const Document& manifest) {

@@ -58,6 +58,15 @@ inline std::vector<EraDocument> era_documents() {
           {"functions.json", "functions", R"({"era_number": 12, "functions": [{"name": "fn_delay"}]})"}};
 }
 
+/// A manifest of these files and of the documents of the era.
+inline Document manifest_of(std::vector<Member> files, int version) {
+  for (const EraDocument& document : era_documents()) {
+    files.push_back(
+        {document.path, Document{{"kind", document.kind}, {"size_bytes", document.content.size()}, {"sha256", _sha256(document.content)}}});
+  }
+  return Document{{"era_number", 12}, {"version", version}, {"functions", "functions.json"}, {"files", Value(Document(std::move(files)))}};
+}
+
 /// A manifest of `count` features, each of whose files holds its own path.
 inline Document make_manifest(int count, int version) {
   std::vector<Member> files;
@@ -67,11 +76,7 @@ inline Document make_manifest(int count, int version) {
     files.push_back(
         {path, Value(Document{{"kind", "feature"}, {"size_bytes", path.size()}, {"sha256", _sha256(path)}, {"mandatory", false}})});
   }
-  for (const EraDocument& document : era_documents()) {
-    files.push_back(
-        {document.path, Document{{"kind", document.kind}, {"size_bytes", document.content.size()}, {"sha256", _sha256(document.content)}}});
-  }
-  return Document{{"era_number", 12}, {"version", version}, {"functions", "functions.json"}, {"files", Value(Document(std::move(files)))}};
+  return manifest_of(std::move(files), version);
 }
 
 inline void make_file(const std::string& directory, const std::string& path, std::string_view content) {
@@ -80,11 +85,15 @@ inline void make_file(const std::string& directory, const std::string& path, std
   write_all(open_file(local, O_WRONLY | O_CREAT | O_TRUNC), content, local);
 }
 
-/// Lays the files down in `directory`; the features only where no earlier run did.
-inline void make_files(const std::string& directory, int count) {
+inline void make_era_files(const std::string& directory) {
   for (const EraDocument& document : era_documents()) make_file(directory, document.path, document.content);
   make_file(directory, "shuffle_seed.enc", std::string(60, 's'));
   make_file(directory, "shuffle_seed.enc.meta.json", R"({"era_number": 12})");
+}
+
+/// Lays the files down in `directory`; the features only where no earlier run did.
+inline void make_files(const std::string& directory, int count) {
+  make_era_files(directory);
   const std::string marker = join_path(directory, ".complete-" + std::to_string(count));
   if (path_exists(marker)) return;
   for (int index = 0; index < count; ++index) {
