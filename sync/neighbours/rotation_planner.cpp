@@ -89,6 +89,7 @@ class Planner {
   }
 
   void sort_out_artifacts() {
+    const ScopeFilter scope(settings_.scope);
     for (std::uint32_t index = 0; index < artifacts_.descriptors.size(); ++index) {
       const ArtifactDescriptor& descriptor = artifact(index);
       if (!descriptor.is_optional_feature()) {
@@ -96,7 +97,7 @@ class Planner {
         if (!present(index)) mandatory_bytes_ += planned_size(descriptor.size_bytes);
         continue;
       }
-      if (!in_scope(settings_.scope, descriptor)) continue;
+      if (!scope.admits(descriptor)) continue;
       selection_.roles[index] = Role::Skipped;
       eligible_.push_back(index);
       eligible_bytes_ += planned_size(descriptor.size_bytes);

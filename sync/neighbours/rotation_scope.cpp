@@ -9,12 +9,8 @@ namespace {
 
 constexpr std::string_view ARROW = ".arrow";
 
-bool admits(const Value& limit, const Text& stated) { return !limit.truthy() || stated.view().empty() || limit == Value(stated); }
-
-bool admits_any(const Value& limit, const Text& stated) {
-  const List* choices = limit.if_list();
-  if (choices == nullptr) return admits(limit, stated);
-  return choices->empty() || stated.view().empty() || std::ranges::find(*choices, Value(stated)) != choices->end();
+bool allows(const Value& limit, const Text& stated) {
+  return !limit.truthy() || stated.view().empty() || limit.if_text() == stated.view();
 }
 
 TextSet set_of(const std::vector<Text>& texts) {
@@ -38,9 +34,21 @@ std::string_view listed_name(const Value& element) {
 
 }  // namespace
 
-bool in_scope(const SelectionScope& scope, const ArtifactDescriptor& artifact) {
-  return admits(scope.market, artifact.market) && admits_any(scope.named_universes, artifact.named_universe) &&
-         admits(scope.family, artifact.family) && admits(scope.subfamily, artifact.subfamily);
+ScopeFilter::ScopeFilter(SelectionScope scope) : scope_(std::move(scope)) {
+  if (const List* choices = scope_.named_universes.if_list()) {
+    for (const Value& choice : *choices) {
+      if (const auto universe = choice.if_text()) universes_.insert(Text(*universe));
+    }
+  }
+}
+
+bool ScopeFilter::admits(const ArtifactDescriptor& artifact) const {
+  const Value& universes = scope_.named_universes;
+  const Text& universe = artifact.named_universe;
+  const bool in_universe = !universes.is_list() ? allows(universes, universe)
+                                                : !universes.truthy() || universe.view().empty() || contains(universes_, universe);
+  return in_universe && allows(scope_.market, artifact.market) && allows(scope_.family, artifact.family) &&
+         allows(scope_.subfamily, artifact.subfamily);
 }
 
 TextSet builtin_cleanup_keep_paths(const ArtifactRotation& rotation, const Value& files, TextSet protected_paths,
@@ -59,10 +67,11 @@ TextSet builtin_cleanup_keep_paths(const ArtifactRotation& rotation, const Value
 
 RotationStatusAccounting builtin_status_accounting(const Artifacts& artifacts, const RotationStateRef& state, const Value& settings_payload,
                                                    const std::vector<Text>& existing_relative_paths) {
-  SelectionScope scope;
+  SelectionScope stated;
   if (const Document* settings = settings_payload.if_document()) {
-    scope = {settings->get("market"), settings->get("named_universes"), settings->get("family"), settings->get("subfamily")};
+    stated = {settings->get("market"), settings->get("named_universes"), settings->get("family"), settings->get("subfamily")};
   }
+  const ScopeFilter scope(std::move(stated));
   const std::vector<Text> active_paths = state ? state->active_relative_paths() : std::vector<Text>();
   const TextSet active = set_of(active_paths);
   const TextSet existing = set_of(existing_relative_paths);
@@ -71,7 +80,7 @@ RotationStatusAccounting builtin_status_accounting(const Artifacts& artifacts, c
   for (const ArtifactDescriptor& artifact : artifacts.descriptors) {
     const Text& path = artifact.relative_path;
     listed.insert(path);
-    if (!artifact.is_optional_feature() || !in_scope(scope, artifact)) continue;
+    if (!artifact.is_optional_feature() || !scope.admits(artifact)) continue;
     accounting.eligible_relative_paths.push_back(path);
     (contains(active, path) ? accounting.selected_relative_paths : accounting.skipped_relative_paths).push_back(path);
   }

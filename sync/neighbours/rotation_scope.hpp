@@ -6,8 +6,17 @@
 
 namespace brackenfen::sync {
 
-/// Whether an artifact is in the scope. One that says nothing of a limited field is.
-[[nodiscard]] bool in_scope(const SelectionScope& scope, const ArtifactDescriptor& artifact);
+/// A scope that many artifacts are held against.
+class ScopeFilter {
+ public:
+  explicit ScopeFilter(SelectionScope scope);
+  /// Whether the artifact is in the scope. One that says nothing of a limited field is.
+  [[nodiscard]] bool admits(const ArtifactDescriptor& artifact) const;
+
+ private:
+  SelectionScope scope_;
+  TextSet universes_;  ///< where the scope lists them
+};
 
 /// The protected paths, the metadata, and every file of the manifest that is not of kind "feature".
 [[nodiscard]] TextSet builtin_cleanup_keep_paths(const ArtifactRotation& rotation, const Value& files, TextSet protected_paths,
