@@ -16,6 +16,7 @@ endif()
 set(version_script ${PROJECT_SOURCE_DIR}/python/sync.map)
 target_link_libraries(sync PRIVATE brackenfen_sync_core)
 target_link_options(sync PRIVATE "-Wl,--version-script=${version_script}")
+target_link_options(sync PRIVATE "-Wl,--wrap=__gxx_personality_v0")  # python/gate.cpp says why
 brackenfen_warnings(sync)
 
 # Importable from the build tree, with its types beside it.

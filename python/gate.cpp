@@ -1,6 +1,7 @@
 #include "python/gate.hpp"
 
 #include <pthread.h>
+#include <unwind.h>
 
 #include <algorithm>
 #include <atomic>
@@ -190,8 +191,7 @@ Attached::Attached() {
 }
 
 Attached::~Attached() {
-  // A thread that finalisation caught inside Python unwinds through here without the interpreter lock.
-  if (nested_ || !attached()) return;
+  if (nested_) return;
   PyGILState_Release(state_);
   leave();
 }
@@ -211,4 +211,26 @@ PyRef::~PyRef() {
 
 void PyRef::clear() noexcept { Py_CLEAR(object_); }
 
+namespace {
+
+/// Whether finalisation is ending the running thread: pthread_exit unwinds it, and it got no interpreter lock.
+bool ended_by_finalisation(_Unwind_Action actions) noexcept { return (actions & _UA_FORCE_UNWIND) != 0 && gate::exiting() && !attached(); }
+
+}  // namespace
 }  // namespace brackenfen::sync::python
+
+// The unwinder asks this routine, before it runs anything, about each frame that has destructors or handlers. The
+// linker puts it in the place of the language's own one for every object file of the module (--wrap), the binding
+// library's too. So a thread that finalisation ends inside Python parks at the innermost frame of ours: no destructor
+// drops a reference without the interpreter lock, and no handler takes the unwinding for an error.
+extern "C" {
+_Unwind_Reason_Code __real___gxx_personality_v0(int version, _Unwind_Action actions, _Unwind_Exception_Class exception_class,
+                                                _Unwind_Exception* exception, _Unwind_Context* context);
+
+_Unwind_Reason_Code __wrap___gxx_personality_v0(int version, _Unwind_Action actions, _Unwind_Exception_Class exception_class,
+                                                _Unwind_Exception* exception, _Unwind_Context* context) {
+  using namespace brackenfen::sync::python;
+  if (ended_by_finalisation(actions)) park();
+  return __real___gxx_personality_v0(version, actions, exception_class, exception, context);
+}
+}

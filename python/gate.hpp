@@ -8,6 +8,10 @@
 //   2. close_workers the library's own threads get no further;
 //   3. close         neither do threads of the host, which then park for ever instead of being aborted.
 //
+// No gate stands inside Python itself: a thread that runs a callable of the host, or converts its objects, asks for
+// the lock in the interpreter's own loop. Where finalisation ends such a thread, it parks before the first C++ frame
+// is unwound.
+//
 // Lock order: locks of the core before the interpreter lock. Hence a binding converts its arguments, makes a
 // Released, and only then enters the core. Leaf locks alone may be taken attached, for a field that is read or
 // assigned: nothing asks for the interpreter lock under one.

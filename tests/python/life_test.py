@@ -45,8 +45,8 @@ def stalled(server: Any) -> Any:
     return server
 
 
-def assert_quiet_ends(program: Any, source: str, directory: pathlib.Path, server: Any, expected: int = 0) -> None:
-    for _ in range(REPEATS):
+def assert_quiet_ends(program: Any, source: str, directory: pathlib.Path, server: Any, expected: int = 0, repeats: int = REPEATS) -> None:
+    for _ in range(repeats):
         code, _, err, seconds = program(source, str(directory), server.url).finish()
         assert (code, err) == (expected, "") and seconds < 4
 
@@ -112,6 +112,32 @@ atexit.register(late)
 sys.exit(7)
 """
     assert_quiet_ends(program, source, tmp_path, stalled, 7)
+
+
+@pytest.mark.parametrize("where", ["conversion", "caller", "poll_thread"])
+def test_exit_with_threads_in_code_of_the_host(program: Any, stalled: Any, tmp_path: pathlib.Path, where: str) -> None:
+    """Finalisation ends these threads while frames of the library lie under the host's code on their stacks."""
+    source = PROLOGUE + f"""
+import logging
+class Lingering:  # time for the threads to ask for the interpreter after finalisation has begun
+    def __del__(self, sleep=time.sleep): sleep(0.2)
+sys.lingering = Lingering()
+inside = threading.Event()
+def endless(*_):
+    inside.set()
+    while True: time.sleep(0.001)
+class Path: __fspath__ = endless
+logger = logging.getLogger("brackenfen.sync")
+logger.setLevel(logging.DEBUG)
+logger.addFilter(lambda _: threading.current_thread() is not threading.main_thread() and endless())
+def conversion(): sync.SyncManager(Path(), url, str)
+caller, poll_thread = away, manager.acquire
+if "{where}" == "poll_thread": poll_thread()
+else: threading.Thread(target={where}, daemon=True).start()
+if not inside.wait(10): raise SystemExit("nothing was called")
+sys.exit(7)
+"""
+    assert_quiet_ends(program, source, tmp_path, stalled, 7, repeats=1)
 
 
 def test_exit_while_a_callback_of_a_worker_is_running(program: Any, stalled: Any, tmp_path: pathlib.Path) -> None:
