@@ -1,6 +1,6 @@
 #include "sync/neighbours/rotation_settings.hpp"
 
-#include <cmath>
+#include <cstdint>
 #include <optional>
 #include <random>
 
@@ -16,14 +16,16 @@ namespace {
 
 constexpr const char* DEFAULT_FREQUENCY = "weekly";
 constexpr const char* DEFAULT_ALGORITHM = "seeded-hash";
+constexpr std::int64_t MOST_GIGABYTES = std::int64_t{1} << 33;  // of 2^30 bytes each: no file system counts more
 constexpr const char* KEYS[] = {"feature_budget_gb", "algorithm", "rotation_seed", "market",
                                 "named_universes",   "family",    "subfamily",     "rotation_frequency"};
 
 bool is_integer(const Value& value) { return value.kind() == Value::Kind::Integer || value.kind() == Value::Kind::BigInteger; }
 
 bool is_size(const Value& value) {
+  if (is_integer(value)) return compare_integers(value, 0) >= 0 && compare_integers(value, MOST_GIGABYTES) <= 0;
   const auto real = value.if_real();
-  return is_full_download(value) || (is_integer(value) && compare_integers(value, 0) >= 0) || (real && std::isfinite(*real) && *real >= 0);
+  return is_full_download(value) || (real && *real >= 0 && *real <= static_cast<double>(MOST_GIGABYTES));
 }
 
 bool is_name(const Value& value) { return !stripped_text(value).empty(); }
@@ -98,8 +100,7 @@ class BuiltinRotationSettings final : public RotationSettings {
     const SettingsFile file(path, members_of(path));
     const auto name = [&](const char* key, Value otherwise) { return file.value(key, is_name, "a text that is not blank", otherwise); };
     LoadedRotationSettings settings;
-    settings.feature_budget_gb =
-        file.value("feature_budget_gb", is_size, "a number of gigabytes that is not negative, or \"FULL_DOWNLOAD\"", {});
+    settings.feature_budget_gb = file.value("feature_budget_gb", is_size, "a number of gigabytes from 0 to 2^33, or \"FULL_DOWNLOAD\"", {});
     settings.algorithm = name("algorithm", DEFAULT_ALGORITHM);
     if (settings.algorithm != Value(DEFAULT_ALGORITHM)) {
       throw ValueError(path + ": algorithm must be " + to_quoted(DEFAULT_ALGORITHM) + ", not " + to_quoted(settings.algorithm));

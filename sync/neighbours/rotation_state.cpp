@@ -1,5 +1,6 @@
 #include "sync/neighbours/rotation_state.hpp"
 
+#include <algorithm>
 #include <utility>
 
 #include "sync/base/convert.hpp"
@@ -8,42 +9,58 @@
 namespace brackenfen::sync {
 namespace {
 
-[[noreturn]] void refuse(const std::string& source, const std::string& what) {
-  throw Error(error_class::RotationStatePayloadError, "invalid feature rotation state at " + source + ": " + what);
+[[noreturn]] void refuse(const std::string& subject, const std::string& what) {
+  throw Error(error_class::RotationStatePayloadError, subject + ": " + what);
 }
 
 bool is_integer(const Value& value) { return value.kind() == Value::Kind::Integer || value.kind() == Value::Kind::BigInteger; }
 
-/// A path that could lead out of the directory, whoever wrote it there.
-bool climbs(std::string_view path) {
-  if (strip(path).empty() || path.starts_with('/') || path.find('\0') != std::string_view::npos) return true;
-  const std::string forward = replace_char(path, '\\', '/');
-  for (const std::string_view segment : split(forward, "/")) {
-    if (strip(segment) == "..") return true;
+/// Whether a manifest could name a file by it: a path that stays inside the directory.
+bool names_a_file(std::string_view path) {
+  constexpr std::string_view SEPARATORS = "/\\";
+  const std::string_view relative = strip(path);
+  if (relative.empty() || path.find('\0') != std::string_view::npos || SEPARATORS.find(relative.front()) != std::string_view::npos)
+    return false;
+  bool named = false;
+  for (std::size_t begin = 0; begin <= relative.size();) {
+    const std::size_t end = std::min(relative.find_first_of(SEPARATORS, begin), relative.size());
+    const std::string_view segment = relative.substr(begin, end - begin);
+    if (segment == "..") return false;
+    named = named || (!segment.empty() && segment != ".");
+    begin = end + 1;
   }
-  return false;
+  return named;
 }
 
 /// Member `key` of the payload, which must pass `test`.
 template <typename Test>
-const Value& member(const Document& payload, const char* key, const std::string& source, const char* expected, Test test) {
+const Value& member(const Document& payload, const char* key, const std::string& subject, const char* expected, Test test) {
   const Value* found = payload.find(key);
-  if (found == nullptr) refuse(source, std::string(key) + " is missing");
-  if (!test(*found)) refuse(source, std::string(key) + " must be " + expected + ", not " + std::string(type_name(*found)));
+  if (found == nullptr) refuse(subject, std::string(key) + " is missing");
+  if (!test(*found)) refuse(subject, std::string(key) + " must be " + expected + ", not " + std::string(type_name(*found)));
   return *found;
 }
 
-std::vector<Text> paths_of(const List& list, const std::string& source) {
-  std::vector<Text> paths;
-  paths.reserve(list.size());
-  for (const Value& element : list) {
-    const std::string where = "active_relative_paths[" + std::to_string(paths.size()) + "]";
+/// Refuses what is no state of that version, in the name of `subject`.
+void check_payload(const Document& payload, const std::string& subject, int schema_version) {
+  const Value& version = member(payload, "schema_version", subject, "an integer", is_integer);
+  if (version != Value(schema_version)) refuse(subject, "schema_version " + to_text(version) + " is not " + std::to_string(schema_version));
+  const auto is_list = [](const Value& value) { return value.is_list(); };
+  std::size_t index = 0;
+  for (const Value& element : *member(payload, "active_relative_paths", subject, "a list", is_list).if_list()) {
     const std::optional<std::string_view> path = element.if_text();
-    if (!path) refuse(source, where + " must be a text, not " + std::string(type_name(element)));
-    if (climbs(*path)) refuse(source, where + " is no path inside the directory: " + to_quoted(*path));
-    paths.emplace_back(*path);
+    if (path && names_a_file(*path)) {
+      ++index;
+      continue;
+    }
+    const std::string where = "active_relative_paths[" + std::to_string(index) + "]";
+    if (!path) refuse(subject, where + " must be a text, not " + std::string(type_name(element)));
+    refuse(subject, where + " is no path inside the directory: " + to_quoted(*path));
   }
-  return paths;
+  member(payload, "generation", subject, "an integer", is_integer);
+  member(payload, "seed", subject, "an integer", is_integer);
+  member(payload, "rng_state", subject, "a text", [](const Value& value) { return value.is_text(); });
+  if (!payload.get("rotated_at").is_null()) member(payload, "rotated_at", subject, "an integer or null", is_integer);
 }
 
 }  // namespace
@@ -72,27 +89,28 @@ RotationStateRef BuiltinRotationState::with_active_relative_paths(std::vector<Te
 Document builtin_rotation_state_payload(const RotationState& state, int schema_version) {
   const std::vector<Text> paths = state.active_relative_paths();
   const auto* builtin = dynamic_cast<const BuiltinRotationState*>(&state);
-  return Document{{"schema_version", schema_version}, {"active_relative_paths", List(std::vector<Value>(paths.begin(), paths.end()))},
-                  {"generation", state.generation()}, {"seed", state.seed()},
-                  {"rng_state", state.rng_state()},   {"rotated_at", builtin == nullptr ? Value() : builtin->rotated_at}};
+  const Document payload{
+      {"schema_version", schema_version}, {"active_relative_paths", List(std::vector<Value>(paths.begin(), paths.end()))},
+      {"generation", state.generation()}, {"seed", state.seed()},
+      {"rng_state", state.rng_state()},   {"rotated_at", builtin == nullptr ? Value() : builtin->rotated_at}};
+  check_payload(payload, "feature rotation state cannot be written", schema_version);
+  return payload;
 }
 
 RotationStateRef builtin_rotation_state_from_payload(const Value& payload, const std::string& source, int schema_version) {
+  const std::string subject = "invalid feature rotation state at " + source;
   const Document* members = payload.if_document();
-  if (members == nullptr) refuse(source, "it must be a JSON object, not " + std::string(type_name(payload)));
-  const Value& version = member(*members, "schema_version", source, "an integer", is_integer);
-  if (version != Value(schema_version)) refuse(source, "schema_version " + to_text(version) + " is not " + std::to_string(schema_version));
+  if (members == nullptr) refuse(subject, "it must be a JSON object, not " + std::string(type_name(payload)));
+  check_payload(*members, subject, schema_version);
 
   auto state = std::make_shared<BuiltinRotationState>();
-  const auto is_list = [](const Value& value) { return value.is_list(); };
-  state->active_paths = paths_of(*member(*members, "active_relative_paths", source, "a list", is_list).if_list(), source);
-  state->generation_number = member(*members, "generation", source, "an integer", is_integer);
-  state->seed_number = member(*members, "seed", source, "an integer", is_integer);
-  const auto is_text = [](const Value& value) { return value.is_text(); };
-  state->generator = *member(*members, "rng_state", source, "a text", is_text).if_text();
-  if (const Value& rotated_at = members->get("rotated_at"); !rotated_at.is_null()) {
-    state->rotated_at = member(*members, "rotated_at", source, "an integer or null", is_integer);
-  }
+  const List& paths = *members->get("active_relative_paths").if_list();
+  state->active_paths.reserve(paths.size());
+  for (const Value& path : paths) state->active_paths.emplace_back(*path.if_text());
+  state->generation_number = members->get("generation");
+  state->seed_number = members->get("seed");
+  state->generator = *members->get("rng_state").if_text();
+  state->rotated_at = members->get("rotated_at");
   return state;
 }
 

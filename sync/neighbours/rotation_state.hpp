@@ -25,6 +25,7 @@ struct BuiltinRotationState final : RotationState {
   [[nodiscard]] RotationStateRef with_active_relative_paths(std::vector<Text> paths) const override;
 };
 
+/// Throws RotationStatePayloadError for a state that could not be read again.
 [[nodiscard]] Document builtin_rotation_state_payload(const RotationState& state, int schema_version);
 /// Throws RotationStatePayloadError "invalid feature rotation state at {source}: ...".
 [[nodiscard]] RotationStateRef builtin_rotation_state_from_payload(const Value& payload, const std::string& source, int schema_version);
