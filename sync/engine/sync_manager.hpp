@@ -441,6 +441,12 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   /// The entry with the base URL, version and era of its manifest, by which a download notices a newer one.
   [[nodiscard]] static Document generation_stamped(const Document& file_info, const Manifest& manifest);
 
+  /// Takes the state on disk for the active one where it is of a later rotation: another process with this directory made
+  /// it, and its files are here. Under the directory lock.
+  void adopt_later_rotation(NeighbourSet& neighbours);
+
+  Guarded<Value> planned_seed_;  ///< kept until a state stores it, so that a pass which failed selects the same again
+  Guarded<std::optional<FileStat>> rotation_state_seen_;  ///< the state file as adopt_later_rotation last saw it
   HashCache _hash_cache;
   PrefetchedFeatures _prefetched_features;
   SearchConsumers _rotation_search_consumers;

@@ -111,6 +111,7 @@ void SyncManager::Transition::fetch_manifest() {
 }
 
 void SyncManager::Transition::plan() {
+  manager_.adopt_later_rotation(*neighbours_);
   const std::int64_t free_disk_bytes = manager_.seams_.files->free_bytes(data_dir_);
   rotation_ = manager_._plan_feature_rotation_for_manifest(*neighbours_, *new_manifest_, free_disk_bytes);
   const RotationSelection& selection = rotation_.plan.selection;

@@ -140,7 +140,10 @@ void SyncManager::_precheck_rotation_disk_budget(NeighbourSet& neighbours, const
 LoadedRotationSettings SyncManager::load_rotation_settings(NeighbourSet& neighbours, Manifest& manifest) {
   const RotationStateRef active = _active_rotation_state.get();
   const Document context = _rotation_catalog_context_from_manifest(manifest.data(), *_rotation_manifest_artifacts(neighbours, manifest));
-  return neighbours.rotation_settings().load_rotation_settings(_data_dir.get(), context, active ? active->seed() : Value());
+  LoadedRotationSettings settings =
+      neighbours.rotation_settings().load_rotation_settings(_data_dir.get(), context, active ? active->seed() : planned_seed_.get());
+  planned_seed_.set(settings.rotation_seed);
+  return settings;
 }
 
 bool SyncManager::rotation_is_due(NeighbourSet& neighbours, const LoadedRotationSettings& settings, const RotationStateRef& active) {

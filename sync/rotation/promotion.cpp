@@ -1,4 +1,5 @@
 // From a candidate that has its files to the active state: the state file, the searches, the clean-up.
+#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
 #include "sync/base/log.hpp"
 #include "sync/base/paths.hpp"
@@ -65,6 +66,22 @@ RotationStateRef SyncManager::_normalize_active_rotation_state_for_manifest(Neig
   if (equal_states(cleaned, active)) return active;
   _write_promoted_rotation_state(neighbours, cleaned);
   return cleaned;
+}
+
+void SyncManager::adopt_later_rotation(NeighbourSet& neighbours) {
+  const std::string data_dir = _data_dir.get();
+  const std::optional<FileStat> found = seams_.files->stat(feature_rotation_state_path(data_dir));
+  const std::optional<FileStat> seen = rotation_state_seen_.get();
+  if (!found || (seen && seen->inode == found->inode && seen->ctime_ns == found->ctime_ns)) return;
+  rotation_state_seen_.set(found);
+  try {
+    const RotationStateRef stored = load_feature_rotation_state(neighbours, data_dir);
+    const RotationStateRef active = _active_rotation_state.get();
+    if (stored && (!active || compare_integers(to_integer(stored->generation()), to_integer(active->generation())) > 0))
+      _active_rotation_state.set(stored);
+  } catch (const Error& error) {
+    log_warning("the rotation state on disk is unusable, the one in memory goes on: %s", error.text());
+  }
 }
 
 std::vector<Text> SyncManager::add_active_feature_paths(const std::vector<Text>& relative_paths) {

@@ -90,6 +90,7 @@ def test_records_of_the_built_in_rotation(manager: sync.SyncManager, server: Any
     assert not explicit and isinstance(plan, sync.RotationPlan)
     assert [artifact.relative_path for artifact in plan.selection.selected_artifacts] == [f"features/us/signal_is/f0{n}.arrow" for n in range(3)]
     assert plan.selection.mandatory_bytes == sum(manifest.files[path]["size_bytes"] for path in (PNL, FUNCTIONS, VOCABULARY)) and plan.candidate_state.generation == 1
+    assert manager._plan_feature_rotation_for_manifest(manifest, free_disk_bytes=10**6)[0].selection.seed == plan.selection.seed, "drawn once"
     result = sync.SyncResult()
     sync._apply_rotation_result_fields(result, plan.selection)
     assert result.mandatory_relative_paths == (PNL, FUNCTIONS, VOCABULARY) and result.rotation_seed == plan.selection.seed

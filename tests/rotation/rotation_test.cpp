@@ -90,6 +90,7 @@ TEST_F(RotationTest, aBudgetSelectsAndARotationSelectsAnew) {
   set_rotated_at(clock.wall_seconds());
   EXPECT_FALSE(manager->needs_sync());
 
+  const auto other_process = open();
   const std::set<std::string> first = held();
   clock.advance(WEEK_SECONDS - 1);
   EXPECT_EQ(manager->sync().bytes_downloaded, 0);
@@ -103,6 +104,10 @@ TEST_F(RotationTest, aBudgetSelectsAndARotationSelectsAnew) {
   EXPECT_EQ(manager->_active_rotation_state.get()->generation(), Value(2));
   EXPECT_TRUE(equal_states(load_feature_rotation_state(*neighbours(), directory.path()), manager->_active_rotation_state.get()));
   EXPECT_TRUE(equal_states(open()->_active_rotation_state.get(), manager->_active_rotation_state.get())) << "and so it begins again";
+  EXPECT_EQ(other_process->sync().bytes_downloaded, 0) << "it does not fetch back what has rotated out";
+  EXPECT_TRUE(equal_states(other_process->_active_rotation_state.get(), manager->_active_rotation_state.get()));
+  directory.write(FEATURE_ROTATION_STATE_FILENAME, "{");
+  EXPECT_EQ(failure_of([&] { return manager->sync(); }), "") << "what is in memory goes on";
 }
 
 TEST_F(RotationTest, versionsInBetweenDoNotPutTheRotationOff) {
@@ -275,6 +280,9 @@ TEST_F(RotationTest, aStateIsWrittenBeforeItCountsAndNotWithoutNeed) {
   const std::string retired = "modules/backtester-" + current_platform() + ".so";
   EXPECT_THAT(manager->add_active_feature_paths({"features/x.arrow", Text(retired), "features/x.arrow"}), SizeIs(8));
   EXPECT_THAT(manager->add_active_feature_paths({}), IsEmpty());
+  EXPECT_EQ(failure_of([&] { return manager->add_active_feature_paths({"a/../../b"}); }),
+            "FeatureRotationStateError: feature rotation state cannot be written: active_relative_paths[8] is no path inside the "
+            "directory: 'a/../../b'");
   EXPECT_THAT(open()->_active_rotation_state.get()->active_relative_paths(), SizeIs(7)) << "a retired module does not come back";
   files.unlink(state_path());
   EXPECT_THAT(manager->add_active_feature_paths({"features/y.arrow"}), IsEmpty());
