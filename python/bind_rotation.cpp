@@ -46,13 +46,17 @@ void apply_result_fields(nb::handle result, nb::handle given) {
   result.attr("active_relative_paths") = tuple_of_texts(selection.active_relative_paths);
   result.attr("mandatory_relative_paths") = tuple_of_texts(selection.mandatory_relative_paths);
   result.attr("skipped_relative_paths") = tuple_of_texts(selection.skipped_relative_paths);
-  result.attr("rotation_seed") = checked(PyNumber_Long(nb::object(given.attr("seed")).ptr()));
-  result.attr("feature_budget_bytes") = checked(PyNumber_Long(nb::object(given.attr("feature_budget_bytes")).ptr()));
+  const auto integer_or_none = [&](const char* name) {
+    const nb::object value = given.attr(name);
+    return value.is_none() ? value : checked(PyNumber_Long(value.ptr()));
+  };
+  result.attr("rotation_seed") = integer_or_none("seed");
+  result.attr("feature_budget_bytes") = integer_or_none("feature_budget_bytes");
 }
 
 nb::object next_at(nb::handle data_dir, nb::handle settings_payload) {
   const std::string directory = path_argument(data_dir, "data_dir");
-  const Value settings = loose_value(settings_payload);
+  const Value settings = settings_payload_argument(settings_payload);
   const Seams seams = host_seams();
   const auto next = detached([&] { return _rotation_next_at(*seams.files, *seams.clock, directory, settings); });
   if (!next) return nb::make_tuple(nb::none(), nb::none());
@@ -61,7 +65,7 @@ nb::object next_at(nb::handle data_dir, nb::handle settings_payload) {
 
 bool is_due(nb::handle data_dir, nb::handle settings_payload, nb::handle active_state) {
   const std::string directory = path_argument(data_dir, "data_dir");
-  const Value settings = loose_value(settings_payload);
+  const Value settings = settings_payload_argument(settings_payload);
   const RotationStateRef state = rotation_state(active_state);
   const Seams seams = host_seams();
   return detached([&] { return _rotation_is_due(*seams.files, *seams.clock, directory, settings, state); });
@@ -69,10 +73,11 @@ bool is_due(nb::handle data_dir, nb::handle settings_payload, nb::handle active_
 
 nb::object status_payload(nb::handle data_dir, nb::handle settings_payload) {
   const std::string directory = path_argument(data_dir, "data_dir");
-  const Value settings = value_argument(settings_payload, "settings_payload");
+  const Value settings = settings_payload_argument(settings_payload);
+  const OwnRecordRef own_settings = own_record(settings_payload);
   const Seams seams = host_seams();
-  return to_python(
-      detached([&] { return feature_rotation_status_payload(*neighbours(), *seams.files, *seams.clock, directory, settings); }));
+  return to_python(detached(
+      [&] { return feature_rotation_status_payload(*neighbours(), *seams.files, *seams.clock, directory, settings, own_settings); }));
 }
 
 void bind_state_file(nb::module_& module) {
@@ -115,7 +120,7 @@ void bind_state_file(nb::module_& module) {
       any("state"), any("manifest"));
   module.def(
       "_rotation_frequency_seconds",
-      [](nb::handle settings_payload) { return to_python(_rotation_frequency_seconds(loose_value(settings_payload))); },
+      [](nb::handle settings_payload) { return to_python(_rotation_frequency_seconds(settings_payload_argument(settings_payload))); },
       any("settings_payload"));
   module.def("_rotation_next_at", next_at, any("data_dir"), any("settings_payload"));
   module.def("_rotation_is_due", is_due, any("data_dir"), any("settings_payload"), any("active_state"));

@@ -94,11 +94,12 @@ class HostArtifactRotation : public ArtifactRotation {
   }
 
   RotationStatusAccounting rotation_status_accounting(const Artifacts& artifacts, const RotationStateRef& state,
-                                                      const Value& settings_payload,
+                                                      const Value& settings_payload, const OwnRecordRef& own_settings,
                                                       const std::vector<Text>& existing_relative_paths) const override {
     return call_python([&] {
+      const nb::object own = object_of(own_settings);
       const nb::object accounting = operation("rotation_status_accounting")(
-          artifacts_to_python(artifacts), rotation_state_to_python(state), to_python(settings_payload),
+          artifacts_to_python(artifacts), rotation_state_to_python(state), own.is_valid() ? own : to_python(settings_payload),
           nb::arg("existing_relative_paths") = tuple_of_texts(existing_relative_paths));
       const auto paths = [&](const char* name) { return text_list_argument(accounting.attr(name), name); };
       return RotationStatusAccounting{paths("eligible_relative_paths"), paths("selected_relative_paths"), paths("skipped_relative_paths"),
@@ -195,14 +196,8 @@ class HostRotationSettings : public RotationSettings {
     });
   }
 
-  /// Of the host's document only the frequency is read, so the rest may hold anything.
   Value model_dump(const LoadedRotationSettings& settings) const override {
-    return call_python([&]() -> Value {
-      const nb::object payload = object_of(settings.own).attr("model_dump")();
-      if (PyMapping_Check(payload.ptr()) == 0 || PyList_Check(payload.ptr()) || PyUnicode_Check(payload.ptr())) return {};
-      const nb::object frequency = payload.attr("get")("rotation_frequency");
-      return Document{{"rotation_frequency", frequency.is_none() ? Value() : Value(text_form(frequency))}};
-    });
+    return call_python([&] { return settings_payload_argument(object_of(settings.own).attr("model_dump")()); });
   }
 
  private:

@@ -57,11 +57,10 @@ nb::object selection_to_python(const RotationSelection& selection) {
               to_python(selection.mandatory_bytes), to_python(selection.feature_budget_bytes), to_python(selection.seed));
 }
 
-std::vector<Text> relative_paths_of(nb::handle artifacts, const char* name) {
+std::vector<Text> relative_paths_of(nb::handle artifacts) {
   std::vector<Text> paths;
   for (nb::handle artifact : nb::iter(artifacts.is_none() ? nb::object(nb::tuple()) : nb::borrow(artifacts)))
     paths.emplace_back(text_form(artifact.attr("relative_path")));
-  static_cast<void>(name);
   return paths;
 }
 
@@ -209,10 +208,10 @@ nb::object artifacts_to_python(const Artifacts& artifacts) {
 RotationSelection selection_argument(nb::handle given) {
   RotationSelection selection;
   selection.active_relative_paths = text_list_argument(given.attr("active_relative_paths"), "active_relative_paths");
-  selection.mandatory_relative_paths = relative_paths_of(given.attr("mandatory_artifacts"), "mandatory_artifacts");
+  selection.mandatory_relative_paths = relative_paths_of(given.attr("mandatory_artifacts"));
   TextSet active;
   active.insert(selection.active_relative_paths.begin(), selection.active_relative_paths.end());
-  for (Text& path : relative_paths_of(given.attr("eligible_artifacts"), "eligible_artifacts")) {
+  for (Text& path : relative_paths_of(given.attr("eligible_artifacts"))) {
     if (!contains(active, path)) selection.skipped_relative_paths.push_back(std::move(path));
   }
   const nb::object mandatory_bytes = attribute_or_none(given, "mandatory_bytes");
@@ -239,6 +238,18 @@ nb::object loaded_settings_to_python(const LoadedRotationSettings& settings) {
   return make(records.settings, to_python(settings.feature_budget_gb), to_python(settings.algorithm), to_python(settings.rotation_seed),
               to_python(settings.market), tuple_or_none(settings.named_universes), to_python(settings.family),
               to_python(settings.subfamily), to_python(settings.rotation_frequency));
+}
+
+Value settings_payload_argument(nb::handle payload) {
+  if (!is_mapping(payload)) return loose_value(payload);
+  std::vector<Member> members;
+  const nb::object items = checked(PyMapping_Items(payload.ptr()));
+  for (nb::handle item : nb::iter(items)) {
+    const nb::object value = item[1];
+    const std::string key = text_form(item[0]);
+    members.push_back({key, key == "rotation_frequency" && truth(value) ? Value(text_form(value)) : loose_value(value)});
+  }
+  return Document(std::move(members));
 }
 
 nb::object rotation_settings_to_python(const ArtifactRotationSettings& settings, const nb::object& module) {

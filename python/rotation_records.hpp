@@ -39,6 +39,9 @@ class HostRecord : public OwnRecord, public HostObject {
 [[nodiscard]] nb::object plan_to_python(const RotationPlan& plan);
 
 [[nodiscard]] nb::object loaded_settings_to_python(const LoadedRotationSettings& settings);
+/// A document of settings as its loader's `model_dump` gives it: a member that is no JSON value reads as null, the frequency
+/// as its text.
+[[nodiscard]] Value settings_payload_argument(nb::handle payload);
 /// Made with the classes and the sentinel of `module`, or with the built-in ones for an empty object.
 [[nodiscard]] nb::object rotation_settings_to_python(const ArtifactRotationSettings& settings, const nb::object& module);
 

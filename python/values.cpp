@@ -81,14 +81,6 @@ nb::object integer_from(std::string_view decimal) {
   return negative ? checked(PyNumber_Negative(result.ptr())) : result;
 }
 
-bool is_mapping(nb::handle object) {
-  if (PyDict_Check(object.ptr())) return true;
-  if (PyList_Check(object.ptr()) || PyUnicode_Check(object.ptr())) return false;
-  const int answer = PyObject_IsInstance(object.ptr(), nb::module_::import_("collections.abc").attr("Mapping").ptr());
-  if (answer < 0) throw nb::python_error();
-  return answer == 1;
-}
-
 /// One conversion of one argument.
 class Reader {
  public:
@@ -275,6 +267,14 @@ Value loose_value(nb::handle object) {
     if (error.is(error_class::TypeError)) return {};
     throw;
   }
+}
+
+bool is_mapping(nb::handle object) {
+  if (PyDict_Check(object.ptr())) return true;
+  if (PyList_Check(object.ptr()) || PyUnicode_Check(object.ptr())) return false;
+  const int answer = PyObject_IsInstance(object.ptr(), nb::module_::import_("collections.abc").attr("Mapping").ptr());
+  if (answer < 0) throw nb::python_error();
+  return answer == 1;
 }
 
 std::string text_argument(nb::handle object, const char* name) {

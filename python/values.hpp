@@ -47,6 +47,7 @@ class Origins {
 [[nodiscard]] bool truth(nb::handle object);
 /// str(object).
 [[nodiscard]] std::string text_form(nb::handle object);
+[[nodiscard]] bool is_mapping(nb::handle object);
 /// The value at `key` of any mapping; None where it has none.
 [[nodiscard]] nb::object mapping_item(nb::handle mapping, const char* key);
 /// str(object) of each element; none for None.

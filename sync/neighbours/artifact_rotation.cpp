@@ -145,7 +145,7 @@ class BuiltinArtifactRotation final : public ArtifactRotation {
   }
 
   RotationStatusAccounting rotation_status_accounting(const Artifacts& artifacts, const RotationStateRef& state,
-                                                      const Value& settings_payload,
+                                                      const Value& settings_payload, const OwnRecordRef&,
                                                       const std::vector<Text>& existing_relative_paths) const override {
     return builtin_status_accounting(artifacts, state, settings_payload, existing_relative_paths);
   }

@@ -180,9 +180,9 @@ class ArtifactRotation {
   [[nodiscard]] virtual RotationStateRef rotation_state_from_payload(const Value& payload, const std::string& source,
                                                                      int schema_version) const = 0;
 
-  /// `state` may be null, and so may `settings_payload`.
+  /// `state` may be null, and so may `settings_payload`; `own_settings` is the host's object that it was read of, if any.
   [[nodiscard]] virtual RotationStatusAccounting rotation_status_accounting(const Artifacts& artifacts, const RotationStateRef& state,
-                                                                            const Value& settings_payload,
+                                                                            const Value& settings_payload, const OwnRecordRef& own_settings,
                                                                             const std::vector<Text>& existing_relative_paths) const = 0;
   /// What a clean-up leaves alone.
   [[nodiscard]] virtual TextSet rotation_cleanup_keep_paths(const Value& files, TextSet protected_paths,

@@ -75,7 +75,7 @@ class Planner {
   RotationPlan next() {
     const bool rotates = settings_.scoped && (!previous_ || is_due());
     const Value generation = rotates ? next_generation() : previous_ ? previous_->generation() : Value(0);
-    const Value seed = rotates || !previous_ ? settings_.seed : previous_->seed();
+    const Value seed = rotates ? to_integer(settings_.seed) : previous_ ? previous_->seed() : Value();
     select(RotationOrder(seed, generation), rotates);
     return finish(generation, seed, rotates ? Value(facts_.now_seconds) : Value());
   }

@@ -87,11 +87,6 @@ Document members_of(const std::string& path) {
   return *members;
 }
 
-Value random_seed() {
-  std::random_device device;
-  return (std::uint64_t{device()} << 32) | device();
-}
-
 class BuiltinRotationSettings final : public RotationSettings {
  public:
   LoadedRotationSettings load_rotation_settings(const std::string& data_dir, const Document& catalog_context,
@@ -106,7 +101,7 @@ class BuiltinRotationSettings final : public RotationSettings {
       throw ValueError(path + ": algorithm must be " + to_quoted(DEFAULT_ALGORITHM) + ", not " + to_quoted(settings.algorithm));
     }
     settings.rotation_seed = file.value("rotation_seed", is_integer, "an integer", stored_seed);
-    if (settings.rotation_seed.is_null()) settings.rotation_seed = random_seed();
+    if (settings.rotation_seed.is_null()) settings.rotation_seed = random_rotation_seed();
     const Value& market = catalog_context.get("market");
     settings.market = name("market", market.truthy() ? market : Value());
     settings.named_universes =
@@ -130,6 +125,11 @@ class BuiltinRotationSettings final : public RotationSettings {
 };
 
 }  // namespace
+
+Value random_rotation_seed() {
+  std::random_device device;
+  return (std::uint64_t{device()} << 32) | device();
+}
 
 const RotationSettings& RotationSettings::builtin() {
   static const RotationSettings& settings = *new BuiltinRotationSettings;

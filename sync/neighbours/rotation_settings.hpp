@@ -35,6 +35,9 @@ class RotationSettings {
   static const RotationSettings& builtin();
 };
 
+/// 64 bits, for a directory that has no seed yet.
+[[nodiscard]] Value random_rotation_seed();
+
 inline constexpr const char* FEATURE_ROTATION_SETTINGS_FILENAME = "feature-rotation-settings.json";
 
 }  // namespace brackenfen::sync

@@ -40,7 +40,7 @@ std::shared_ptr<Manifest> _load_feature_rotation_status_manifest(NeighbourSet& n
 }
 
 Document feature_rotation_status_payload(NeighbourSet& neighbours, Files& files, Clock& clock, std::string_view data_dir,
-                                         const Value& settings_payload) {
+                                         const Value& settings_payload, const OwnRecordRef& own_settings) {
   const RotationStateRef state = load_feature_rotation_state(neighbours, data_dir);
   const std::shared_ptr<Manifest> manifest = _load_feature_rotation_status_manifest(neighbours, data_dir);
   const ArtifactRotation& rotation = neighbours.artifact_rotation();
@@ -48,8 +48,8 @@ Document feature_rotation_status_payload(NeighbourSet& neighbours, Files& files,
   const std::vector<Text> active_paths = state ? state->active_relative_paths() : std::vector<Text>();
   std::vector<Text> artifact_paths;
   for (const ArtifactDescriptor& artifact : artifacts->descriptors) artifact_paths.push_back(artifact.relative_path);
-  const RotationStatusAccounting accounting =
-      rotation.rotation_status_accounting(*artifacts, state, settings_payload, _existing_rotation_paths(data_dir, artifact_paths));
+  const RotationStatusAccounting accounting = rotation.rotation_status_accounting(*artifacts, state, settings_payload, own_settings,
+                                                                                  _existing_rotation_paths(data_dir, artifact_paths));
   const std::optional<NextRotation> next = _rotation_next_at(files, clock, data_dir, settings_payload);
 
   const char* state_name = !state ? "uninitialized" : accounting.missing_active_relative_paths.empty() ? "active" : "incomplete";

@@ -15,6 +15,6 @@ namespace brackenfen::sync {
 /// The status document; docs/rotation.md tells its keys. Throws FeatureRotationStateError for a state file or manifest.json
 /// that is unusable, ManifestError for a path that is refused.
 [[nodiscard]] Document feature_rotation_status_payload(NeighbourSet& neighbours, Files& files, Clock& clock, std::string_view data_dir,
-                                                       const Value& settings_payload = {});
+                                                       const Value& settings_payload = {}, const OwnRecordRef& own_settings = nullptr);
 
 }  // namespace brackenfen::sync

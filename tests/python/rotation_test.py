@@ -1,6 +1,7 @@
 """The rotation as a host sees it: records, searches, and a planner of its own made of plain dataclasses."""
 
 import dataclasses
+import datetime
 import gc
 import json
 import os
@@ -103,6 +104,25 @@ def test_records_of_the_built_in_rotation(manager: sync.SyncManager, server: Any
     assert sync.load_feature_rotation_state(manager._data_dir) == state
     manager._active_rotation_state = dataclasses.replace(state, generation=9)
     assert manager._active_rotation_state.generation == 9
+
+
+def test_the_status_is_what_the_documentation_shows(tmp_path: pathlib.Path) -> None:
+    documentation = pathlib.Path(__file__).parents[2] / "docs" / "rotation.md"
+    shown = json.loads(documentation.read_text().split("```json")[1].split("```")[0])
+    empty = sync.feature_rotation_status_payload(tmp_path)
+    assert empty["state"] == "uninitialized" and list(empty) == list(shown) and empty["next_rotation_due"] is None
+    assert {key for key, value in empty.items() if value} == {"state", "status_accounting"}
+    state = sync.RotationState(shown["active_relative_paths"], shown["generation"], shown["seed"], shown["rng_state"])
+    rotated_at = datetime.datetime.fromisoformat(shown["next_rotation_at"]).timestamp() - 604800
+    os.utime(sync.write_feature_rotation_state(tmp_path, state), (rotated_at, rotated_at))
+    entry = {"kind": "feature", "size_bytes": 0}
+    files = {"features/a.arrow": entry, "features/b.arrow": entry}
+    (tmp_path / "manifest.json").write_text(json.dumps({"era_number": 7, "version": 4, "files": files}))
+    (tmp_path / "features").mkdir()
+    (tmp_path / "features/a.arrow").touch()
+    status = sync.feature_rotation_status_payload(tmp_path, settings_payload={"rotation_frequency": "weekly"})
+    assert status.pop("next_rotation_due") is not None and shown.pop("next_rotation_due") is not None, "which depends on the day"
+    assert json.dumps(status) == json.dumps(shown)
 
 
 def test_errors_are_classes_of_this_module_until_the_host_brings_its_own(manager: sync.SyncManager, neighbour: Callable[..., Any]) -> None:
@@ -291,6 +311,7 @@ class HostRotation:
 
     @staticmethod
     def rotation_status_accounting(artifacts: Any, state: Any, settings: Any, *, existing_relative_paths: tuple[str, ...]) -> HostAccounting:
+        assert settings == {"feature_budget_gb": HostRotation.FULL_DOWNLOAD}
         return HostAccounting(["e"], [], [], [], [path for path in state.active_relative_paths if path not in existing_relative_paths])
 
     @staticmethod
@@ -326,7 +347,8 @@ def test_a_planner_of_the_host(manager: sync.SyncManager, server: Any, neighbour
     assert len(host.calls) == 1 and sync.load_feature_rotation_state(manager._data_dir) == state
     assert manager.add_active_feature_paths(["features/extra.arrow"])[-1] == "features/extra.arrow"
     assert manager._active_rotation_state == dataclasses.replace(state, active_relative_paths=(*state.active_relative_paths, "features/extra.arrow"))
-    assert sync.feature_rotation_status_payload(manager._data_dir)["missing_active_relative_paths"] == ["features/extra.arrow"]
+    status = sync.feature_rotation_status_payload(manager._data_dir, settings_payload={"feature_budget_gb": host.FULL_DOWNLOAD})
+    assert status["missing_active_relative_paths"] == ["features/extra.arrow"]
 
     os.utime(sync.feature_rotation_state_path(manager._data_dir), (0, 0))
     manager.sync()
@@ -369,8 +391,12 @@ def test_settings_of_the_host(manager: sync.SyncManager, server: Any, neighbour:
     assert len(held(manager)) == 2 and manager._active_rotation_state.seed == 3
     assert asked[0][0] == manager._data_dir and asked[0][1]["named_universes"] == ["us"]
     assert not manager._feature_rotation_should_rotate(manager._manifest)
+    dumped = Settings().model_dump()
+    assert sync._rotation_frequency_seconds(dumped) == 3600 and sync._rotation_next_at(manager._data_dir, dumped)[1] is False
+    assert sync.feature_rotation_status_payload(manager._data_dir, settings_payload=dumped)["next_rotation_due"] is False
     os.utime(sync.feature_rotation_state_path(manager._data_dir), (0, 0))
     assert manager._feature_rotation_should_rotate(manager._manifest)
-    Settings.feature_budget_gb = "FULL_DOWNLOAD"
+    Settings.feature_budget_gb, Settings.rotation_seed = "FULL_DOWNLOAD", None
+    assert manager._plan_feature_rotation_for_manifest(manager._manifest, free_disk_bytes=5)[0].candidate_state.seed == 3, "that of the state"
     loaded, settings = manager._feature_rotation_settings_for_manifest(manager._manifest, free_disk_bytes=5)
     assert isinstance(loaded, Settings) and (settings.feature_budget_bytes, settings.free_disk_bytes, settings.algorithm) == ("FULL_DOWNLOAD", 5, "theirs")
