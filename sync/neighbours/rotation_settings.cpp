@@ -28,7 +28,11 @@ bool is_size(const Value& value) {
   return is_full_download(value) || (real && *real >= 0 && *real <= static_cast<double>(MOST_GIGABYTES));
 }
 
-bool is_name(const Value& value) { return !stripped_text(value).empty(); }
+/// Blanks around it would match nothing: what artifacts say is stripped.
+bool is_name(const Value& value) {
+  const std::string_view name = stripped_text(value);
+  return !name.empty() && name == value.if_text();
+}
 
 bool is_list_of_names(const Value& value) {
   const List* names = value.if_list();
@@ -93,7 +97,9 @@ class BuiltinRotationSettings final : public RotationSettings {
                                                 const Value& stored_seed) const override {
     const std::string path = join_path(data_dir, FEATURE_ROTATION_SETTINGS_FILENAME);
     const SettingsFile file(path, members_of(path));
-    const auto name = [&](const char* key, Value otherwise) { return file.value(key, is_name, "a text that is not blank", otherwise); };
+    const auto name = [&](const char* key, Value otherwise) {
+      return file.value(key, is_name, "a text without blanks around it", otherwise);
+    };
     LoadedRotationSettings settings;
     settings.feature_budget_gb = file.value("feature_budget_gb", is_size, "a number of gigabytes from 0 to 2^33, or \"FULL_DOWNLOAD\"", {});
     settings.algorithm = name("algorithm", DEFAULT_ALGORITHM);
@@ -104,8 +110,8 @@ class BuiltinRotationSettings final : public RotationSettings {
     if (settings.rotation_seed.is_null()) settings.rotation_seed = random_rotation_seed();
     const Value& market = catalog_context.get("market");
     settings.market = name("market", market.truthy() ? market : Value());
-    settings.named_universes =
-        file.value("named_universes", is_list_of_names, "a list of texts that are not blank", catalog_context.get("named_universes"));
+    settings.named_universes = file.value("named_universes", is_list_of_names, "a list of texts without blanks around them",
+                                          catalog_context.get("named_universes"));
     settings.family = name("family", {});
     settings.subfamily = name("subfamily", {});
     settings.rotation_frequency = file.value("rotation_frequency", is_frequency, "\"weekly\" or \"PT{hours}H\"", Value(DEFAULT_FREQUENCY));
