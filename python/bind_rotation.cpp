@@ -32,9 +32,9 @@ ArtifactsRef artifacts_of(nb::handle manifest) {
 }
 
 nb::object budget_bytes(nb::handle settings) {
-  const nb::object gigabytes = settings.attr("feature_budget_gb");
+  nb::object gigabytes = settings.attr("feature_budget_gb");
   if (gigabytes.is_none()) return gigabytes;
-  const nb::object full_download = full_download_sentinel();
+  nb::object full_download = full_download_sentinel();
   if (equal_objects(gigabytes, full_download)) return full_download;
   // In Python's own arithmetic, whatever kind of number it is.
   const nb::object bytes = checked(PyNumber_Multiply(gigabytes.ptr(), nb::int_(FEATURE_ROTATION_BYTES_PER_GB).ptr()));

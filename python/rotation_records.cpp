@@ -50,7 +50,7 @@ nb::object artifacts_of(const RotationSelection& selection, std::initializer_lis
 }
 
 nb::object selection_to_python(const RotationSelection& selection) {
-  if (const nb::object own = object_of(selection.own); own.is_valid()) return own;
+  if (nb::object own = object_of(selection.own); own.is_valid()) return own;
   using Role = RotationSelection::Role;
   return make(records.selection, tuple_of_texts(selection.active_relative_paths), artifacts_of(selection, {Role::Selected}),
               artifacts_of(selection, {Role::Mandatory}), artifacts_of(selection, {Role::Selected, Role::Skipped}),

@@ -34,8 +34,8 @@ class HostRecord : public OwnRecord, public HostObject {
 [[nodiscard]] nb::object artifacts_to_python(const Artifacts& artifacts);
 
 /// What is read of any selection and any plan.
-[[nodiscard]] RotationSelection selection_argument(nb::handle selection);
-[[nodiscard]] RotationPlan plan_argument(nb::handle plan);
+[[nodiscard]] RotationSelection selection_argument(nb::handle given);
+[[nodiscard]] RotationPlan plan_argument(nb::handle given);
 [[nodiscard]] nb::object plan_to_python(const RotationPlan& plan);
 
 [[nodiscard]] nb::object loaded_settings_to_python(const LoadedRotationSettings& settings);

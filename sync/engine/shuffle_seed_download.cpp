@@ -27,6 +27,17 @@ bool local_seed_is_valid(const std::string& path, const Value& era_number) {
   }
 }
 
+/// Whether the transfer of a seed broke off: it is of another size then.
+bool broke_off(std::string_view seed) {
+  try {
+    _validate_shuffle_seed_bytes(seed);
+    return false;
+  } catch (const Error& error) {
+    if (!error.is(error_class::SyncError)) throw;
+    return true;
+  }
+}
+
 }  // namespace
 
 bool SyncManager::_download_shuffle_seed(NeighbourSet& neighbours, const Manifest& server_manifest,
@@ -54,12 +65,7 @@ std::string SyncManager::fetch_shuffle_seed(NeighbourSet& neighbours, const Valu
     if (response.status == 401) throw neighbours.auth().auth_error("Authentication failed while downloading shuffle seed: HTTP 401");
     if (response.status != 200) throw SyncError("Failed to download shuffle seed: HTTP " + std::to_string(response.status));
     _validate_response_era_header(as_document(response.headers), expected_era_id, SHUFFLE_SEED_FILENAME);
-    try {
-      _validate_shuffle_seed_bytes(response.body);
-      return std::move(response.body);
-    } catch (const Error& error) {
-      if (!error.is(error_class::SyncError)) throw;  // of another size: the transfer broke off
-    }
+    if (!broke_off(response.body)) return std::move(response.body);
     _emit_sync_backoff_wait(seams_, "shuffle_seed_download", attempt, "partial_transfer", SHUFFLE_SEED_FILENAME, wait_seconds);
     _sleep_for_sync_backoff(seams_, wait_seconds);
   }

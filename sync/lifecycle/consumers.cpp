@@ -103,13 +103,15 @@ void SyncManager::_start_internal() {
   _start_sync_thread();
   std::shared_ptr<EraThread> watcher = _era_thread.get();
   if (!watcher) {
-    watcher = std::make_shared<EraThread>(EraThread::Options{.server_url = _server_url.get(),
-                                                             .get_token = _get_token.get(),
-                                                             .sync_manager = std::make_shared<OwnManager>(weak_from_this()),
-                                                             .era_poll_interval_s = _poll_interval.get(),
-                                                             .kill_searches_fn = notifier(weak_from_this(), &SyncManager::_kill_fn),
-                                                             .restart_searches_fn = notifier(weak_from_this(), &SyncManager::_restart_fn),
-                                                             .seams = seams_});
+    EraThread::Options options;
+    options.server_url = _server_url.get();
+    options.get_token = _get_token.get();
+    options.sync_manager = std::make_shared<OwnManager>(weak_from_this());
+    options.era_poll_interval_s = _poll_interval.get();
+    options.kill_searches_fn = notifier(weak_from_this(), &SyncManager::_kill_fn);
+    options.restart_searches_fn = notifier(weak_from_this(), &SyncManager::_restart_fn);
+    options.seams = seams_;
+    watcher = std::make_shared<EraThread>(std::move(options));
     _era_thread.set(watcher);
   }
   try {

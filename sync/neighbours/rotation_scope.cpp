@@ -9,9 +9,7 @@ namespace {
 
 constexpr std::string_view ARROW = ".arrow";
 
-bool allows(const Value& limit, const Text& stated) {
-  return !limit.truthy() || stated.view().empty() || limit.if_text() == stated.view();
-}
+bool allows(const Value& limit, const Text& stated) { return !limit.truthy() || stated.view().empty() || limit.if_text() == stated.view(); }
 
 TextSet set_of(const std::vector<Text>& texts) {
   TextSet set;
@@ -45,8 +43,8 @@ ScopeFilter::ScopeFilter(SelectionScope scope) : scope_(std::move(scope)) {
 bool ScopeFilter::admits(const ArtifactDescriptor& artifact) const {
   const Value& universes = scope_.named_universes;
   const Text& universe = artifact.named_universe;
-  const bool in_universe = !universes.is_list() ? allows(universes, universe)
-                                                : !universes.truthy() || universe.view().empty() || contains(universes_, universe);
+  const bool in_universe =
+      !universes.is_list() ? allows(universes, universe) : !universes.truthy() || universe.view().empty() || contains(universes_, universe);
   return in_universe && allows(scope_.market, artifact.market) && allows(scope_.family, artifact.family) &&
          allows(scope_.subfamily, artifact.subfamily);
 }

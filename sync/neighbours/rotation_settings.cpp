@@ -97,7 +97,7 @@ class BuiltinRotationSettings final : public RotationSettings {
                                                 const Value& stored_seed) const override {
     const std::string path = join_path(data_dir, FEATURE_ROTATION_SETTINGS_FILENAME);
     const SettingsFile file(path, members_of(path));
-    const auto name = [&](const char* key, Value otherwise) {
+    const auto name = [&](const char* key, const Value& otherwise) {
       return file.value(key, is_name, "a text without blanks around it", otherwise);
     };
     LoadedRotationSettings settings;

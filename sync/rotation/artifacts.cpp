@@ -108,6 +108,7 @@ Document _rotation_catalog_context_from_manifest(const Document& manifest_data, 
     if (!artifact.subfamily.view().empty()) subfamilies.insert(artifact.subfamily);
   }
   std::vector<Member> family_members;
+  family_members.reserve(families.size());
   for (const auto& [family, subfamilies] : families)
     family_members.push_back({family, List(std::vector<Value>(subfamilies.begin(), subfamilies.end()))});
 

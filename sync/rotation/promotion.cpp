@@ -61,8 +61,8 @@ void SyncManager::_write_promoted_rotation_state(NeighbourSet& neighbours, const
 }
 
 RotationStateRef SyncManager::_normalize_active_rotation_state_for_manifest(NeighbourSet& neighbours, const Manifest& manifest) {
-  const RotationStateRef active = _active_rotation_state.get();
-  const RotationStateRef cleaned = _drop_retired_unsupported_runtime_paths_from_state(active, manifest.files());
+  RotationStateRef active = _active_rotation_state.get();
+  RotationStateRef cleaned = _drop_retired_unsupported_runtime_paths_from_state(active, manifest.files());
   if (equal_states(cleaned, active)) return active;
   _write_promoted_rotation_state(neighbours, cleaned);
   return cleaned;
