@@ -41,6 +41,7 @@ def test_each_step_alone(tool, eras, tree):
     assert step("open", eras / "era-2", "--min-library-version", "1.2") == {**ACTIVE, "era_number": 2, "min_library_version": "1.2"}
     manifest = assert_complete(tree)
     assert (manifest["era_number"], manifest["version"], manifest["pnl_column_count"]) == (2, 2, 8)
+    assert step("close")["min_library_version"] == "1.2"
 
 
 def test_wrapped_answers(tool, eras, tree):
@@ -72,6 +73,8 @@ def test_the_whole_course_on_a_schedule(tool_path, serve, eras, tree):
         (("--step", "close", "x"), 2, "more folders than this step can use"),
         (("--step", "sleep"), 2, "--step"),
         (("--step", "open", "{eras}/era-3"), 1, "era"),  # its documents belong to another era than the next
+        (("{eras}/era-2", "{eras}/era-2"), 1, "era 3 is being published"),  # found before the first era ends
+        (("{eras}/era-2", "{eras}/era-9"), 1, "era-9 is not a folder"),
     ],
 )
 def test_what_is_refused_changes_nothing(tool, eras, tree, arguments, code, complaint):

@@ -9,8 +9,11 @@
 #include <utility>
 
 #include "sync/base/clock.hpp"
+#include "sync/base/descriptor.hpp"
 #include "sync/base/error.hpp"
 #include "sync/base/paths.hpp"
+#include "sync/era/era_current.hpp"
+#include "tools/distribution/check.hpp"
 #include "tools/distribution/publish.hpp"
 
 namespace brackenfen::sync::distribution {
@@ -37,6 +40,7 @@ class Course {
       take(*options_.step, options_.sources.empty() ? std::string() : options_.sources.front());
       return;
     }
+    check_sources();
     for (const std::string& source : options_.sources) {
       const double announced = std::min(options_.announced_seconds, options_.active_seconds);
       wait(options_.active_seconds - announced);
@@ -51,11 +55,16 @@ class Course {
   }
 
  private:
+  /// Before the first step: a mistake found when an era is over would leave its clients in the gap.
+  void check_sources() const {
+    std::int64_t era = current().era;
+    for (const std::string& source : options_.sources) check_documents(scan_source(source).files, ++era);
+  }
+
   void take(EraStep step, const std::string& source = {}) {
     const PublishedManifest published = current();
     EraStatus status;
     status.era = published.era;
-    status.min_library_version = options_.min_library_version;
     switch (step) {
       case EraStep::Announce:
         status.next_closing_at = time_in(options_.announced_seconds);
@@ -77,7 +86,14 @@ class Course {
         open(published, source);
         return;
     }
+    status.min_library_version = options_.min_library_version ? *options_.min_library_version : stated_minimum();
     write_era(paths_, status, options_.shape);
+  }
+
+  /// What the tree asks of clients now.
+  [[nodiscard]] std::string stated_minimum() const {
+    const Document present = parse_era_current(read_file(paths_.era_current()));
+    return std::string(present.get("min_library_version").if_text().value_or(EraStatus().min_library_version));
   }
 
   [[nodiscard]] PublishedManifest current() const {
@@ -93,7 +109,7 @@ class Course {
     publication.era = before.era + 1;
     publication.version = before.version + 1;
     publication.era_shape = options_.shape;
-    publication.min_library_version = options_.min_library_version;
+    if (options_.min_library_version) publication.min_library_version = *options_.min_library_version;
     publication.pnl_column_count = before.pnl_column_count;
     publication.base_url = before.base_url;
     const PublishReport report = publish(publication);

@@ -28,7 +28,8 @@ struct AdvanceOptions {
   double closing_seconds = 10;
   double gap_seconds = 10;
   EraShape shape = EraShape::Flat;
-  std::string min_library_version = "0.0.0";
+  /// Absent: what the tree says already, and "0.0.0" for a new era.
+  std::optional<std::string> min_library_version;
 };
 
 /// Prints a line at each step. An era's number and version are one above those before it. Throws Error; the tree is

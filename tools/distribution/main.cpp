@@ -201,7 +201,8 @@ void add_advance(CLI::App& app, AdvanceOptions& options) {
   command.add_option("--shape", options.shape, "How /era/current puts it: flat or wrapped")
       ->transform(CLI::Transformer(SHAPES).description(""))
       ->type_name("SHAPE");
-  command.add_option("--min-library-version", options.min_library_version, "What clients must have at least")->capture_default_str();
+  command.add_option("--min-library-version", options.min_library_version,
+                     "What clients must have at least; else it stays, and is 0.0.0 in a new era");
   command.callback([&options] {
     const std::size_t needed = options.step && options.step != EraStep::Open ? 0 : 1;
     if (options.sources.size() < needed) throw CLI::ValidationError("SRC", "a folder of artifacts is needed for the next era");
