@@ -1,11 +1,13 @@
 #include "sync/era/directory_tree.hpp"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
 #include <system_error>
 
+#include "sync/base/directory_reader.hpp"
 #include "sync/base/error.hpp"
 #include "sync/base/interrupt.hpp"
 #include "sync/base/paths.hpp"
@@ -35,17 +37,18 @@ void walk(const std::string& directory, Visit visit) {
 
 }  // namespace
 
+bool is_directory_at(const Descriptor& directory, const std::string& path) noexcept {
+  struct stat open {};
+  struct stat found {};
+  if (::fstat(directory.get(), &open) != 0 || ::lstat(path.c_str(), &found) != 0) return false;
+  return S_ISDIR(found.st_mode) && open.st_dev == found.st_dev && open.st_ino == found.st_ino;
+}
+
 std::vector<std::string> child_directories(const std::string& directory) {
   std::vector<std::string> names;
-  std::error_code failure;
-  fs::directory_iterator entries(directory, failure);
-  throw_on(failure, directory);
-  while (entries != fs::directory_iterator()) {
-    const fs::file_status status = entries->symlink_status(failure);
-    throw_on(failure, entries->path());
-    if (status.type() == fs::file_type::directory) names.push_back(entries->path().filename());
-    entries.increment(failure);
-    throw_on(failure, directory);
+  DirectoryReader reader(real_path(directory));
+  while (const dirent* const entry = reader.next()) {
+    if (reader.is_directory(*entry)) names.emplace_back(entry->d_name);
   }
   return names;
 }

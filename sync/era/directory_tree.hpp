@@ -5,7 +5,12 @@
 #include <string>
 #include <vector>
 
+#include "sync/base/descriptor.hpp"
+
 namespace brackenfen::sync {
+
+/// Whether `path` still leads to the open `directory`, and not to another one that was made under its name since.
+[[nodiscard]] bool is_directory_at(const Descriptor& directory, const std::string& path) noexcept;
 
 /// The names of the real directories directly inside `directory`, in the order of the file system. Throws os_error.
 [[nodiscard]] std::vector<std::string> child_directories(const std::string& directory);

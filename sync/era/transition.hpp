@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "sync/base/descriptor.hpp"
 #include "sync/engine/sync_manager.hpp"
 
 namespace brackenfen::sync {
@@ -24,7 +25,7 @@ class SyncManager::TransitionScope {
   explicit TransitionScope(SyncManager& manager);
   TransitionScope(const TransitionScope&) = delete;
   TransitionScope& operator=(const TransitionScope&) = delete;
-  /// An error of the release ends in the debug log: the one on its way out matters more.
+  /// An error of the release ends in the debug log: what is on its way out matters more.
   ~TransitionScope();
 
   /// Makes an empty staging directory of that path, whatever stood there before. Throws os_error.
@@ -40,6 +41,7 @@ class SyncManager::TransitionScope {
   const std::string lock_path_;
   std::optional<DirectoryLock::Hold> unit_of_work_;  ///< empty once the clean-up has run
   std::string staging_dir_;                          ///< empty until it was created
+  Descriptor staging_;                               ///< the directory itself, whatever its name leads to
 };
 
 /// Runs once, on one thread.

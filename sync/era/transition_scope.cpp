@@ -5,12 +5,30 @@
 
 #include "sync/base/descriptor.hpp"
 #include "sync/base/error.hpp"
+#include "sync/base/interrupt.hpp"
 #include "sync/base/log.hpp"
 #include "sync/base/paths.hpp"
 #include "sync/era/directory_tree.hpp"
 #include "sync/era/transition.hpp"
 
 namespace brackenfen::sync {
+namespace {
+
+constexpr int MOST_REMOVALS = 100;
+
+/// Also where the transition that held the lock before removes the same tree still, so that names vanish on the way.
+void remove_leftover(const std::string& path) {
+  for (int attempt = 1;; ++attempt) {
+    try {
+      remove_tree(path);
+      return;
+    } catch (const Error& error) {
+      if (!error.is(error_class::FileNotFoundError) || attempt == MOST_REMOVALS) throw;
+    }
+  }
+}
+
+}  // namespace
 
 SyncManager::TransitionScope::TransitionScope(SyncManager& manager)
     : manager_(manager), lock_path_(join_path(manager._data_dir.get(), TRANSITION_LOCK_FILENAME)) {
@@ -32,9 +50,10 @@ void SyncManager::TransitionScope::write_transition_lock() {
 }
 
 void SyncManager::TransitionScope::make_staging_directory(const std::string& path) {
-  remove_tree(path);
+  remove_leftover(path);
   make_directories(path);
   staging_dir_ = path;
+  staging_ = open_file(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
 }
 
 void SyncManager::TransitionScope::close() {
@@ -43,11 +62,12 @@ void SyncManager::TransitionScope::close() {
   std::exception_ptr failed_release;
   try {
     unit_of_work_->release();
-  } catch (const Error&) {
+  } catch (...) {  // an interrupt too: the rest must not stay
     failed_release = std::current_exception();
   }
   unit_of_work_.reset();
-  if (!staging_dir_.empty() && is_directory(staging_dir_)) {
+  // Whoever waited for the lock may be staging under the same name by now.
+  if (!staging_dir_.empty() && (!staging_ || is_directory_at(staging_, staging_dir_))) {
     try {
       remove_tree(staging_dir_);
     } catch (const Error&) {  // a later transition to this era removes it
@@ -69,9 +89,13 @@ void SyncManager::TransitionScope::remove_transition_lock() {
 SyncManager::TransitionScope::~TransitionScope() {
   if (!unit_of_work_) return;
   try {
-    close();
-  } catch (const Error& error) {
-    log_debug("Releasing the directory lock after a failed transition: %s", error.text());
+    try {
+      close();
+    } catch (const Error& error) {
+      log_debug("Releasing the directory lock after a failed transition: %s", error.text());
+    }
+  } catch (const Error&) {  // logging runs code of the host, and nothing may leave a destructor
+  } catch (const Interrupted&) {
   }
 }
 

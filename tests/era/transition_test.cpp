@@ -7,6 +7,7 @@
 #include <map>
 
 #include "sync/base/convert.hpp"
+#include "sync/base/interrupt.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
@@ -232,6 +233,7 @@ TEST_F(TransitionTest, aFailureWhileFilesMoveIsMendedByTheNextAttempt) {
   const Row rows[] = {
       {"second file", [&] { files.fail(FaultFiles::Call::Rename, 4 + 2 + 2, EIO); }, 7},  // behind four files and two of the seed staged
       {"manifest.json", [&] { files.fail(FaultFiles::Call::WriteNew, 3, ENOSPC); }, 7},
+      {"rotation state", [&] { files.fail(FaultFiles::Call::WriteNew, 4, ENOSPC); }, 8},
       {"third confirmation", [&] { server.script(ERA_PATH, first(7, era(8), {.status = 404})); }, 8},
       {"departed file", [&] { files.fail(FaultFiles::Call::Unlink, 1, EACCES); }, 8},
       {"last confirmation", [&] { server.script(ERA_PATH, first(8, era(8), era(9))); }, 8},
@@ -334,6 +336,14 @@ TEST_F(TransitionTest, whateverStandsInTheStagingPlaceGivesWay) {
   }
 }
 
+TEST_F(TransitionTest, theStagingOfWhoeverHasTheLockByNowStays) {
+  manager->trigger_era_transition(8, {}, [&] {
+    std::filesystem::remove_all(directory / STAGING);
+    directory.write(std::string(STAGING) + "/another", "x");
+  });
+  EXPECT_TRUE(directory.contains(std::string(STAGING) + "/another"));
+}
+
 TEST_F(TransitionTest, lockFilesThatCannotBeWritten) {
   std::filesystem::create_directory(directory / ".transition_lock");
   EXPECT_EQ(failure(), "") << "a signal that cannot be given is no reason to stay behind";
@@ -345,6 +355,24 @@ TEST_F(TransitionTest, lockFilesThatCannotBeWritten) {
   EXPECT_THAT(failure(9), StartsWith("IsADirectoryError: "));
   EXPECT_THAT(calls, IsEmpty());
   EXPECT_TRUE(manager->_in_transition && directory.contains(".transition_lock")) << "whoever cannot take the lock changes nothing more";
+}
+
+TEST_F(TransitionTest, anInterruptInTheCleanUpIsRaisedUnlessAnErrorIsOnItsWay) {
+  /// Logging runs code of the host, and the user may press Ctrl-C in it.
+  struct InterruptedLog : LogSink {
+    InterruptedLog() : before(set_log_sink(this)) {}
+    ~InterruptedLog() override { set_log_sink(before); }
+    bool enabled(LogLevel level) override { return level == LogLevel::Debug; }
+    void write(const LogRecord& record) override {
+      if (std::string_view(record.format).starts_with("best-effort")) throw Interrupted{};
+    }
+    LogSink* before;
+  } interrupted;
+  std::filesystem::create_directory(directory / ".transition_lock");
+  EXPECT_THAT(failure(9), StartsWith("EraError: "));
+  EXPECT_THROW(transit(), Interrupted);
+  expect_era_8();
+  EXPECT_FALSE(manager->_in_transition || directory.contains(STAGING));
 }
 
 TEST_F(TransitionTest, callbacksThatRaise) {

@@ -100,6 +100,11 @@ HOOK int unlinkat(int directory, const char* path, int flags) {
   return real<int(int, const char*, int)>("unlinkat")(directory, path, flags);
 }
 
+HOOK int remove(const char* path) {
+  point("unlink", AT_FDCWD, path);
+  return real<int(const char*)>("remove")(path);
+}
+
 HOOK int rmdir(const char* path) {
   point("unlink", AT_FDCWD, path);
   return real<int(const char*)>("rmdir")(path);
