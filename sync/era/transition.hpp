@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -102,6 +103,7 @@ class SyncManager::Transition {
   SyncResult sync_result_;  ///< collects what the downloads report; nobody reads it
   std::size_t completed_files_ = 0;
   std::vector<std::string> staged_file_paths_;
+  std::unordered_set<std::string> live_paths_;  ///< where the files of the new era lie, however its manifest spells them
   std::optional<Value> superseded_era_id_;
   Document staged_vocabularies_;              ///< by universe
   RotationStateRef promoted_rotation_state_;  ///< null where nothing rotates

@@ -1,4 +1,6 @@
 // Promotion: the staged files go live, the commit records follow them, and then everybody is told.
+#include <unordered_set>
+
 #include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
 #include "sync/base/log.hpp"
@@ -44,8 +46,10 @@ void SyncManager::Transition::promote() {
 void SyncManager::Transition::move_staged_files() {
   Files& files = *manager_.seams_.files;
   const std::shared_ptr<RuntimeFreshnessGuard> guard = manager_.runtime_freshness_guard.get();
+  std::unordered_set<std::string> moved;  // a manifest may name one file by two keys
   for (const std::string& file_path : staged_file_paths_) {
     const std::string live_path = _manifest_local_path(data_dir_, file_path);
+    if (!moved.insert(live_path).second) continue;
     if (const std::string parent = directory_of(live_path); !parent.empty()) make_directories(parent);
     files.rename(_manifest_local_path(transition_staging_dir_, file_path), live_path);
     if (!guard) continue;
@@ -69,7 +73,7 @@ void SyncManager::Transition::delete_departed_files(const Manifest& old_manifest
   for (const Member& member : *departed) {
     if (present && present->contains(member.key)) continue;
     const std::string live_path = _manifest_local_path(data_dir_, member.key);
-    if (path_exists(live_path)) manager_.seams_.files->unlink(live_path);
+    if (!live_paths_.contains(live_path) && path_exists(live_path)) manager_.seams_.files->unlink(live_path);
   }
 }
 

@@ -40,6 +40,7 @@ bool SyncManager::Transition::is_superseded() {
 
 bool SyncManager::Transition::stage_file(const std::string& file_path, const Document& file_info) {
   const std::string local_path = _manifest_local_path(data_dir_, file_path);
+  live_paths_.insert(local_path);
   // The file itself is read, whatever the hash cache says of it: what goes live must be what the manifest names.
   if (path_exists(local_path) && file_info.get("sha256") == Value(_sha256_file(local_path))) {
     ++completed_files_;

@@ -344,6 +344,15 @@ TEST_F(TransitionTest, theStagingOfWhoeverHasTheLockByNowStays) {
   EXPECT_TRUE(directory.contains(std::string(STAGING) + "/another"));
 }
 
+TEST_F(TransitionTest, oneFileMayHaveSeveralSpellings) {
+  const PublishedFile respelled{"features//us/signal_is/kept.arrow", KEPT.content};
+  const PublishedFile twice{"features/us/./strategy_is/fresh.arrow", FRESH.content};
+  publish_era(8, {respelled, NEW, FRESH, twice});
+  for (const PublishedFile& file : {KEPT, FRESH}) server.serve_file(data_path(file), file.content);
+  transit();
+  expect_era_8();
+}
+
 TEST_F(TransitionTest, lockFilesThatCannotBeWritten) {
   std::filesystem::create_directory(directory / ".transition_lock");
   EXPECT_EQ(failure(), "") << "a signal that cannot be given is no reason to stay behind";
