@@ -73,6 +73,7 @@ Deployment::UpdateResult HostDeployment::auto_update(const Value& min_version) c
     const nb::object outcome = module_.get().attr("auto_update")(to_python(min_version));
     UpdateResult result;
     if (const nb::object success = optional_attribute(outcome, "success"); success.is_valid()) result.success = truth(success);
+    if (result.success) return result;
     const nb::object warning = optional_attribute(outcome, "warning");
     result.warning = warning.is_valid() ? text_form(warning) : std::string(UPDATE_FAILED_WITHOUT_WARNING);
     return result;
