@@ -2,7 +2,6 @@
 
 #include "sync/base/json.hpp"
 #include "sync/era/era_current.hpp"
-#include "sync/era/watcher_decision.hpp"
 #include "tests/support/failures.hpp"
 
 namespace brackenfen::sync {
@@ -35,48 +34,6 @@ TEST(EraCurrent, erasHaveTheOrderOfNumbers) {
   EXPECT_TRUE(era_is_later(8, 7) && era_is_later(huge, 8) && era_is_later(7.5, 7) && era_is_later("b", "a") && era_is_later(true, 0));
   EXPECT_FALSE(era_is_later(7, 7) || era_is_later(7, huge) || era_is_later(7, 7.5));
   EXPECT_EQ(failure_of([] { return era_is_later(nullptr, 7); }), "TypeError: '>' not supported between instances of 'NoneType' and 'int'");
-}
-
-// The whole judgement of the watcher, whose data are in era 7 unless a row says otherwise.
-TEST(EraWatcher, decidesByStateEraAndWhetherACloseWasSeen) {
-  struct Row {
-    const char* body;
-    bool in_closing;
-    EraAction action;
-    Value last_known = 7;
-  };
-  constexpr auto None = EraAction::None, Cancel = EraAction::Cancel, Closing = EraAction::TransitToClosing,
-                 New = EraAction::TransitToNewEra;
-  const Row rows[] = {
-      {R"({"era_number": 7, "state": "active"})", false, None},
-      {R"({"era_number": 7, "state": "active", "next_closing_at": "soon"})", false, None},
-      {R"({"era_number": 7})", false, None},
-      {R"({"era_number": 7, "state": "closing"})", false, Closing},
-      {R"({"era_number": 8, "state": "closing"})", false, Closing},
-      {R"({"era": null, "state": "closing"})", false, Closing},
-      {R"({"era_number": 7, "state": "closing"})", false, Closing, nullptr},
-      {R"({"era_number": 7, "state": "closing"})", true, None},
-      {R"({"era_number": 8, "state": "closing"})", true, New},
-      {R"({"era_number": 7, "state": "active"})", true, Cancel},
-      {R"({"era_number": 7})", true, Cancel},
-      {R"({"era_number": 7.0, "state": "active"})", true, Cancel},
-      {R"({"era_number": 8, "state": "active"})", false, New},
-      {R"({"era_number": 8, "state": "active"})", true, New},
-      {R"({"era_number": 6, "state": "frozen"})", false, New},
-      {R"({"era_number": 6, "state": null})", true, New},
-      {R"({"era_number": 7, "state": "frozen"})", true, None},
-      {R"({"era_number": 8, "state": "active"})", false, None, nullptr},
-      {R"({"era_number": 8, "state": "active"})", true, None, nullptr},
-      {R"({"era": null})", false, None},
-      {R"({"era": null})", true, None},
-      {R"({"era": null, "state": "frozen"})", true, None},
-      {"[]", false, None},
-      {"[]", true, None},
-  };
-  for (const Row& row : rows) {
-    EXPECT_EQ(decide_era_action(read_era_report(parse_era_current(row.body)), row.in_closing, row.last_known), row.action)
-        << row.body << (row.in_closing ? " in closing" : "");
-  }
 }
 
 }  // namespace

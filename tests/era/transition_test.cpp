@@ -207,13 +207,6 @@ TEST_F(TransitionTest, nothingLiveChangesBeforeTheSecondConfirmation) {
   expect_era_8();
 }
 
-TEST_F(TransitionTest, aBadMinimumBarsNothing) {
-  server.script(ERA_PATH, {era(8, "active", R"(, "min_library_version": "soon")")});
-  transit();
-  expect_era_8();
-  EXPECT_THAT(warnings(), ElementsAre("Invalid min_library_version from era config: soon"));
-}
-
 TEST_F(TransitionTest, theDiskMustHoldTheSelection) {
   files.set_free_bytes(0);
   const auto before = live();

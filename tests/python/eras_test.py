@@ -21,33 +21,14 @@ ERAS = 20
 # ---- one transition, with the host's neighbours -----------------------------------------------------------------
 
 
-def documents(era: int) -> dict[str, bytes]:
-    vocabulary = {"era_number": era, "named_universe": "us", "features": {}, "metadata": {"named_universe": "us"}}
-    return {"named_universes/us/vocabulary.json": json.dumps(vocabulary).encode(), "functions.json": json.dumps({"era_number": era}).encode()}
-
-
 @pytest.fixture
 def publish(server: Any) -> Callable[..., None]:
-    """publish(era): the server's manifest and documents are of that era, and it is the current one."""
+    """publish(era): the server's data are of that era, and it is the current one."""
 
     def enter(era: int, **era_fields: Any) -> None:
         server.era_number = server.version = era
-        server.entries.clear()
         server.add("features/us/signal_is/a.arrow", b"of era %d" % era)
-        for path, body in documents(era).items():
-            server.add(path, body, kind="functions" if path == "functions.json" else "vocabulary")
-        manifest = {**server.manifest(), "functions": "functions.json"}
-        server.answers["/data/manifest"] = (200, json.dumps(manifest).encode())
         server.answers["/era/current"] = (200, json.dumps({"era_number": era, "state": "active", **era_fields}).encode())
-
-        def seed(handler: Any) -> None:
-            handler.send_response(200)
-            handler.send_header("X-Era-Id", str(era))
-            handler.send_header("Content-Length", "60")
-            handler.end_headers()
-            handler.wfile.write(b"s" * 60)
-
-        server.answers["/data/shuffle"] = seed
 
     return enter
 
