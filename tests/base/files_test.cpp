@@ -1,15 +1,10 @@
-// Paths, descriptors and digests, against real directories.
+// Directories, descriptors and digests, against real files.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <string>
 
 #include "sync/base/descriptor.hpp"
-#include "sync/base/environment.hpp"
 #include "sync/base/paths.hpp"
 #include "sync/base/sha256.hpp"
 #include "tests/support/failures.hpp"
@@ -21,51 +16,9 @@ namespace {
 class Files : public ::testing::Test {
  protected:
   [[nodiscard]] std::string at(std::string_view name) const { return root_ / name; }
-  void link(const std::string& target, const std::string& name) const { ASSERT_EQ(::symlink(target.c_str(), at(name).c_str()), 0); }
 
   TemporaryDirectory root_;
 };
-
-TEST(Paths, joinAndCutAsTextsOnly) {
-  EXPECT_EQ(join_path("a", "b"), "a/b");
-  EXPECT_EQ(join_path("a/", "b"), "a/b");
-  EXPECT_EQ(join_path("", "b"), "b");
-  EXPECT_EQ(join_path("a", ""), "a/");
-  EXPECT_EQ(join_path("a", "/b"), "/b");
-  EXPECT_EQ(directory_of("/a//b"), "/a");
-  EXPECT_EQ(directory_of("//a"), "//");
-  EXPECT_EQ(directory_of("a"), "");
-  EXPECT_EQ(directory_of("a/"), "a");
-  EXPECT_EQ(absolute_path("/a/./b//../c/"), "/a/c");
-  EXPECT_EQ(absolute_path("/../.."), "/");
-  EXPECT_EQ(absolute_path("//a"), "//a");
-  EXPECT_EQ(absolute_path("x/.."), real_path(std::filesystem::current_path().string()));
-}
-
-TEST_F(Files, realPathFollowsLinksAsFarAsThePathExists) {
-  make_directories(at("dir/inner"));
-  link("dir/inner", "relative");
-  link(at("dir"), "absolute");
-  link("nowhere/x", "dangling");
-  link("loop-b", "loop-a");
-  link("loop-a", "loop-b");
-  const struct {
-    const char* given;
-    const char* resolved;
-  } rows[] = {
-      {"relative", "dir/inner"},
-      {"relative/..", "dir"},
-      {"relative/../missing/./x", "dir/missing/x"},
-      {"absolute/inner/missing", "dir/inner/missing"},
-      {"dangling", "nowhere/x"},
-      {"dangling/../y", "nowhere/y"},
-      {"missing/../dir", "dir"},
-      {"loop-a", "loop-a"},
-      {"loop-a/x", "loop-a/x"},
-  };
-  for (const auto& row : rows) EXPECT_EQ(real_path(at(row.given)), at(row.resolved)) << row.given;
-  EXPECT_EQ(real_path("/missing-at-the-root/../.."), "/");
-}
 
 TEST_F(Files, makeDirectoriesCreatesParentsAndAcceptsWhatIsThere) {
   make_directories(at("a/b/c/"));
@@ -76,17 +29,6 @@ TEST_F(Files, makeDirectoriesCreatesParentsAndAcceptsWhatIsThere) {
   EXPECT_FALSE(is_directory(at("file")));
   EXPECT_THROW(make_directories(at("file")), Error);
   EXPECT_THROW(make_directories(at("file/below")), Error);
-}
-
-TEST(Paths, expandUserNeedsAHome) {
-  const std::string home = Environment::real().get("HOME").value_or("");
-  ::setenv("HOME", "/home/someone/", 1);
-  EXPECT_EQ(expand_user("~"), "/home/someone");
-  EXPECT_EQ(expand_user("~/x"), "/home/someone/x");
-  EXPECT_EQ(expand_user("a/~"), "a/~");
-  EXPECT_EQ(expand_user("~no-such-user-here/x"), "~no-such-user-here/x");
-  ::setenv("HOME", home.c_str(), 1);
-  EXPECT_EQ(expand_user("~root/x"), "/root/x");
 }
 
 TEST_F(Files, descriptorsCarryWholeContents) {

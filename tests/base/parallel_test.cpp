@@ -18,54 +18,42 @@ namespace {
 
 constexpr int REPEATS = 50;
 
-TEST(ForEachIndex, worksOnEachIndexOnce) {
-  for (const std::size_t count : {0UL, 1UL, 2UL, 3UL, 64UL, 1000UL, 10001UL}) {
-    std::vector<std::atomic<int>> worked(count);
-    EXPECT_EQ(for_each_index(count,
-                             [&]() -> IndexWork {
-                               return [&, busy = std::make_shared<std::atomic<bool>>(false)](std::size_t index) {
-                                 EXPECT_FALSE(busy->exchange(true)) << "two threads share a work";
-                                 ++worked[index];
-                                 *busy = false;
-                                 return true;
-                               };
-                             }),
-              count);
-    EXPECT_TRUE(std::ranges::all_of(worked, [](const auto& times) { return times == 1; }));
-  }
-}
-
-TEST(ForEachIndex, theLowestIndexThatEndsItDecides) {
-  constexpr std::size_t COUNT = 1000;
+TEST(ForEachIndex, worksOnEachIndexOnceUntilTheLowestThatEndsItDecides) {
   struct Row {
+    std::size_t count;
     std::map<std::size_t, bool> ends;  ///< index to whether it throws; false otherwise
     std::string outcome;
   };
   const Row rows[] = {
-      {{{300, false}, {301, true}, {700, true}}, "300"},
-      {{{300, true}, {301, false}, {302, true}}, "ValueError: 300"},
-      {{{999, true}}, "ValueError: 999"},
-      {{{0, true}, {999, false}}, "ValueError: 0"},
+      {0, {}, "0"},
+      {1, {}, "1"},
+      {3, {}, "3"},
+      {10001, {}, "10001"},
+      {1000, {{300, false}, {301, true}, {700, true}}, "300"},
+      {1000, {{300, true}, {301, false}, {302, true}}, "ValueError: 300"},
+      {1000, {{999, true}}, "ValueError: 999"},
+      {1000, {{0, true}, {999, false}}, "ValueError: 0"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.outcome);
     for (int repeat = 0; repeat < REPEATS; ++repeat) {
-      std::vector<std::atomic<int>> worked(COUNT);
+      std::vector<std::atomic<int>> worked(row.count);
+      const auto work = [&]() -> IndexWork {
+        return [&, busy = std::make_shared<std::atomic<bool>>(false)](std::size_t index) {
+          EXPECT_FALSE(busy->exchange(true)) << "two threads share a work";
+          ++worked[index];
+          *busy = false;
+          const auto found = row.ends.find(index);
+          if (found != row.ends.end() && found->second) throw ValueError(std::to_string(index));
+          return found == row.ends.end();
+        };
+      };
       std::string outcome;
-      const std::string failure = failure_of([&] {
-        const std::size_t end = for_each_index(COUNT, [&]() -> IndexWork {
-          return [&](std::size_t index) {
-            ++worked[index];
-            const auto found = row.ends.find(index);
-            if (found != row.ends.end() && found->second) throw ValueError(std::to_string(index));
-            return found == row.ends.end();
-          };
-        });
-        return outcome = std::to_string(end);
-      });
+      const std::string failure = failure_of([&] { return outcome = std::to_string(for_each_index(row.count, work)); });
       EXPECT_EQ(outcome + failure, row.outcome);
-      const auto lowest = static_cast<std::ptrdiff_t>(row.ends.begin()->first);
-      EXPECT_TRUE(std::all_of(worked.begin(), worked.begin() + lowest, [](const auto& times) { return times == 1; }));
+      const std::size_t lowest = row.ends.empty() ? row.count : row.ends.begin()->first;
+      EXPECT_TRUE(
+          std::all_of(worked.begin(), worked.begin() + static_cast<std::ptrdiff_t>(lowest), [](const auto& times) { return times == 1; }));
     }
   }
 }

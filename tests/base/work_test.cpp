@@ -15,28 +15,19 @@ namespace {
 
 TEST(Work, aLockIsRefusedToTheWorkThatHoldsIt) NO_THREAD_SAFETY_ANALYSIS {
   WorkMutex mutex;
-  const ThreadWork before = ThreadWork::current();
-  const WorkLock held(mutex);
-  EXPECT_TRUE(mutex.held_by_this_work());
-  EXPECT_THROW(mutex.lock(), WouldWaitForItself);
-  const ThreadWork during = ThreadWork::current();
   const auto on_a_worker = [&](const ThreadWork& work) {
     return std::async(std::launch::async, [&] { return ThreadWork::current() = work, mutex.held_by_this_work(); }).get();
   };
-  EXPECT_TRUE(on_a_worker(during));
-  EXPECT_FALSE(on_a_worker(before));
-}
-
-TEST(Work, aWorkerThatWasLeftBehindIsNoPartOfTheNextWork) NO_THREAD_SAFETY_ANALYSIS {
-  WorkMutex mutex;
+  const ThreadWork before = ThreadWork::current();
   mutex.lock();
+  EXPECT_TRUE(mutex.held_by_this_work());
+  EXPECT_THROW(mutex.lock(), WouldWaitForItself);
   const ThreadWork first = ThreadWork::current();
+  EXPECT_TRUE(on_a_worker(first));
+  EXPECT_FALSE(on_a_worker(before));
   mutex.unlock();
   const WorkLock next(mutex);
-  std::async(std::launch::async, [&] {
-    ThreadWork::current() = first;
-    EXPECT_FALSE(mutex.held_by_this_work());
-  }).get();
+  EXPECT_FALSE(on_a_worker(first)) << "a worker that was left behind is no part of the next work";
 }
 
 TEST(Work, aCircleOfWaitsIsBrokenByWhoeverIsNotStopping) NO_THREAD_SAFETY_ANALYSIS {
