@@ -41,6 +41,13 @@ def test_fields_given_by_the_host() -> None:
     assert (str(gone), gone.file_path, gone.status) == ("gone", "a/b", 404) and sync.PermanentDownloadError("x", status="x").status is None
 
 
+@pytest.mark.parametrize(("status", "error"), [(401.0, sync.AuthError), ("503", sync.SyncError), (403, sync.PermanentDownloadError), (None, sync.PermanentDownloadError)])
+def test_a_status_becomes_the_error_that_it_means(status: Any, error: type[Exception]) -> None:
+    with pytest.raises(Exception, match=f"^(Authentication|Download) failed .* a: HTTP {status}$") as caught:
+        sync._raise_download_http_status("a", status)
+    assert type(caught.value) is error and getattr(caught.value, "status", status) == status
+
+
 class Child(sync.SyncUnavailableError):
     pass
 

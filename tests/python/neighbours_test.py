@@ -1,6 +1,7 @@
 """The host's modules in the place of the built-in ones, back-off contexts, and the log."""
 
 import enum
+import json
 import logging
 import sys
 import threading
@@ -175,14 +176,14 @@ def test_builtin_backoff_context() -> None:
 
 
 def test_events_in_the_log(records: pytest.LogCaptureFixture) -> None:
-    sync._log_sync_event("range_resume", "f", "2", None, bytes_existing=5, nothing=None, note="\udcff")
-    sync._emit_brackenfen_sync_event({"event_type": "x", "next_action": "Action: contact_brackenfen"})
+    sync._log_sync_event("range_resume", "f", " 2 ", None, bytes_existing=5, nothing=None, note="\udcff", retryable=False)
+    sync._log_sync_event("x", "", "abc", "", next_action="Action: contact_brackenfen")
     first, second = records.records
     assert (first.name, first.levelno, first.msg) == ("brackenfen.sync", logging.INFO, "brackenfen_sync_event %s")
-    event = {"event_type": "range_resume", "file": "f", "count": 2, "reason": "", "bytes_existing": 5, "note": "\udcff"}
-    assert first.brackenfen_sync_event == event  # type: ignore[attr-defined]
-    assert first.args == ('{"bytes_existing": 5, "count": 2, "event_type": "range_resume", "file": "f", "note": "\\udcff", "reason": ""}',)
-    assert second.levelno == logging.WARNING
+    event = {"event_type": "range_resume", "file": "f", "count": 2, "reason": "", "bytes_existing": 5, "note": "\udcff", "retryable": False}
+    assert first.brackenfen_sync_event == event and list(event) == list(first.brackenfen_sync_event)  # type: ignore[attr-defined]
+    assert first.args == (json.dumps(event, sort_keys=True),)
+    assert second.levelno == logging.WARNING and second.brackenfen_sync_event["count"] == 0  # type: ignore[attr-defined]
 
 
 def test_outages_as_python_sees_them(records: pytest.LogCaptureFixture, neighbour: Install) -> None:
@@ -198,7 +199,7 @@ def test_outages_as_python_sees_them(records: pytest.LogCaptureFixture, neighbou
     assert [sync._should_emit_sync_event(event) for _ in range(12)] == [True] * 10 + [False] * 2
     assert counts[key] == 12 == dict(counts)[key] and len(counts) == len(list(counts)) and isinstance(counts, Mapping)
 
-    error = sync._sync_unavailable_from("https://h/p?q", 2, [503], [], {"error": "X", "retryable": None, "recovery": "later"})
+    error = sync._sync_unavailable_from("https://h/p?q", 2, [503], [], {"error_code": "", "error": "X", "retryable": None, "recovery": "later"})
     assert isinstance(error, sync.SyncUnavailableError) and sync._sync_unavailable_has_typed_details(error)
     assert (error.endpoint, error.attempts, error.server_error_code, error.retryable) == ("/p", 2, "X", None)
 

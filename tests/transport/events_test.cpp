@@ -14,24 +14,6 @@
 namespace brackenfen::sync {
 namespace {
 
-TEST(Events, reachTheLogAsOneLineAndAsThemselves) {
-  const RecordingLog log;
-  _log_sync_event("http_retry", "a/b.arrow", " 2 ", "http_503", {{"status", 503}, {"error_code", nullptr}, {"retryable", false}});
-  _log_sync_event("x", "", "abc", "");
-  ASSERT_EQ(log.entries().size(), 2U);
-  const RecordingLog::Entry first = log.entries().at(0);
-  EXPECT_EQ(first.level, LogLevel::Info);
-  EXPECT_EQ(first.message, R"(brackenfen_sync_event {"count": 2, "event_type": "http_retry", "file": "a/b.arrow", )"
-                           R"("reason": "http_503", "retryable": false, "status": 503})");
-  EXPECT_EQ(first.event, (Document{{"event_type", "http_retry"},
-                                   {"file", "a/b.arrow"},
-                                   {"count", 2},
-                                   {"reason", "http_503"},
-                                   {"status", 503},
-                                   {"retryable", false}}));
-  EXPECT_EQ(log.entries().at(1).event, (Document{{"event_type", "x"}, {"file", ""}, {"count", 0}, {"reason", ""}}));
-}
-
 TEST(Events, areWarningsWhereAnOperatorIsNeeded) {
   const std::vector<std::pair<Document, std::string>> rows{
       {{}, "info"},
