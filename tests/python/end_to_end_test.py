@@ -119,30 +119,6 @@ def test_nginx_serves_a_pass_and_the_next_asks_for_the_version_alone(
     assert logged()[asked:] == ["/data/manifest/version"]
 
 
-def test_an_artifact_that_the_server_has_lost_is_left_out_for_good(
-    serve: Any, tool: Callable[..., str], directory: pathlib.Path, tmp_path: pathlib.Path
-) -> None:
-    tree, log = tmp_path / "tree", tmp_path / "log"
-    tool("sample", tree, "--files", 40, "--bytes", "400kB", "--era", 5)
-    published = json.loads((tree / "data/manifest.json").read_bytes())["files"]
-    lost = {next(path for path in published if path.startswith(f"{section}/")) for section in ("found_signals", "found_strategies", "useful_signals")}
-    for path in lost:
-        (tree / "data/files" / path).unlink()
-    peer = serve(tree, "--token", TOKEN, "--log", log)
-    manager = open_manager(directory, peer.url)
-    manager.sync()
-
-    manifest, index = (json.loads((directory / name).read_bytes()) for name in ("manifest.json", "signals_index.json"))
-    assert manifest["files"].keys() == published.keys() - lost
-    for path, entry in manifest["files"].items():
-        assert hashlib.sha256((directory / path).read_bytes()).hexdigest() == entry["sha256"], path
-    named = {path for section in ("found_signals", "found_strategies", "useful_signals") for e in index[section].values() for path in e["files"]}
-    assert named == {path for path in manifest["files"] if path.endswith("/pnl.arrow")}
-    before = len(requests(log))
-    manager.sync()
-    assert [path for path, _ in requests(log)[before:]] == ["/data/manifest/version"]
-
-
 def test_a_client_killed_again_and_again_goes_on_where_it_was(
     serve: Any, data_set: DataSet, directory: pathlib.Path, tmp_path: pathlib.Path, wait_until: Any, texts: list[str]
 ) -> None:
@@ -184,63 +160,25 @@ def waits() -> int:
 
 
 @pytest.mark.usefixtures("short_waits")
-def test_nginx_is_stopped_and_started_in_the_middle_of_a_pass(
-    serve_with_nginx: Any, data_set: DataSet, directory: pathlib.Path, wait_until: Any, records: pytest.LogCaptureFixture
+def test_a_server_killed_in_the_middle_of_a_pass_and_back_on_its_port(
+    serve: Any, data_set: DataSet, directory: pathlib.Path, tmp_path: pathlib.Path, wait_until: Any, records: pytest.LogCaptureFixture
 ) -> None:
-    peer = serve_with_nginx(data_set.tree)
-    tokens: list[int] = []
-
-    def token() -> str:  # asked for once a request: the server goes away between two of them
-        tokens.append(1)
-        if len(tokens) == 30:
-            peer.stop()
-        return TOKEN
-
-    before = waits()
+    peer = serve(data_set.tree, "--token", TOKEN, "--fault", DRIP)
+    manager, earlier = open_manager(directory, peer.url), waits()
     with ThreadPoolExecutor(1) as pool:
-        running = pool.submit(sync.SyncManager.get_or_create(directory, peer.url, token).sync)
-        wait_until(lambda: waits() >= before + 40)
-        assert not running.done() and not (directory / "manifest.json").exists()
-        serve_with_nginx(data_set.tree, peer.port)
-        running.result(20)
+        running = pool.submit(manager.sync)
+        wait_until(lambda: len(data_set.landed(directory)) >= 8 and len(data_set.staged(directory)) >= 4)
+        peer.kill()
+        wait_until(lambda: waits() >= earlier + 40)
+        before = data_set.landed(directory), data_set.staged(directory)
+        assert not running.done() and not (directory / "manifest.json").exists() and manager._manifest is None
+        serve(data_set.tree, "--token", TOKEN, "--log", tmp_path / "log", "--port", peer.port)
+        running.result(10)
     data_set.assert_complete(directory)
+    data_set.assert_went_on(before, tmp_path / "log")
+    assert before[1] and "/data/manifest" not in dict(requests(tmp_path / "log"))
     events = [event for record in records.records if (event := getattr(record, "brackenfen_sync_event", None))]
     told = [event for event in events if event["event_type"] == "sync_unavailable_status"]
     back = [event for event in events if event["event_type"] == "sync_recovered_status"]
     assert 1 <= len(told) == len(back) <= 8  # once for each request that met the outage
     assert {event["exception_sequence"][-1] for event in back} <= {"ConnectionRefusedError", "ConnectionResetError"}
-
-
-@pytest.mark.usefixtures("short_waits")
-@pytest.mark.parametrize("during", ["files", "manifest"])
-def test_a_server_killed_in_the_middle_of_a_pass_and_back_on_its_port(
-    serve: Any, data_set: DataSet, directory: pathlib.Path, tmp_path: pathlib.Path, wait_until: Any,
-    records: pytest.LogCaptureFixture, texts: list[str], during: str,
-) -> None:  # fmt: skip
-    first, second = tmp_path / "first.log", tmp_path / "second.log"
-    peer = serve(data_set.tree, "--token", TOKEN, "--log", first, "--fault", DRIP if during == "files" else "/data/manifest:drip=5000")
-    manager, earlier = open_manager(directory, peer.url), waits()
-    with ThreadPoolExecutor(1) as pool:
-        running = pool.submit(manager.sync)
-        if during == "files":
-            wait_until(lambda: len(data_set.landed(directory)) >= 8 and len(data_set.staged(directory)) >= 4)
-        else:
-            wait_until(lambda: "/data/manifest" in dict(requests(first)))
-        peer.kill()
-        if during == "files":
-            wait_until(lambda: waits() >= earlier + 40)
-        else:
-            wait_until(lambda: running.done() or waits() > earlier)
-            if running.done():  # a document that ends early is no outage
-                with pytest.raises(sync.ManifestError, match="Invalid manifest JSON: ") as caught:
-                    running.result()
-                texts += [str(caught.value), repr(vars(caught.value))]
-        before = data_set.landed(directory), data_set.staged(directory)
-        assert not (directory / "manifest.json").exists() and manager._manifest is None
-        serve(data_set.tree, "--token", TOKEN, "--log", second, "--port", peer.port)
-        if running.done():
-            running = pool.submit(manager.sync)
-        running.result(10)
-    data_set.assert_complete(directory)
-    data_set.assert_went_on(before, second)
-    assert during == "manifest" or (before[1] and "/data/manifest" not in dict(requests(second)))

@@ -1,9 +1,8 @@
 """SyncManager: construction, its fields, and passes against a server."""
 
-import json
+import itertools
 import pathlib
 import threading
-import time
 import types
 from typing import Any
 
@@ -82,6 +81,42 @@ def test_what_a_pass_hands_to_python(manager: sync.SyncManager, server: Any) -> 
     assert manager._manifest.to_dict() == server.manifest()
 
 
+@pytest.mark.parametrize(("call", "error"), [(2, RuntimeError), (3, RuntimeError), (None, IsADirectoryError)], ids=["token for the manifest", "token for a file", "staging"])
+def test_a_pass_that_is_let_down_loses_nothing(manager: sync.SyncManager, server: Any, call: int | None, error: type[Exception]) -> None:
+    directory = pathlib.Path(manager._data_dir)
+    in_the_way = directory / "late.tmp"
+
+    def state() -> tuple[Any, ...]:
+        files = {path: path.read_bytes() for path in directory.rglob("*") if path.is_file() and path.suffix != ".tmp" and path.name != "sync-progress.json"}
+        return files, manager._manifest, manager._hash_cache
+
+    fill(server)
+    manager.sync()
+    before = state()
+    server.add("late", b"late")
+    server.version = 2
+    if call is None:
+        in_the_way.mkdir()
+    failure, asked = RuntimeError("the key ring is locked"), itertools.count(1)
+    manager._get_token = lambda: server.token if next(asked) != call else (_ for _ in ()).throw(failure)
+    with pytest.raises(error) as caught:
+        manager.sync()
+    assert caught.value is failure or caught.value.filename == str(in_the_way)  # type: ignore[attr-defined]
+    assert state() == before
+    if call is None:
+        in_the_way.rmdir()
+    manager.sync()
+    assert (directory / "late").read_bytes() == b"late" and not list(directory.rglob("*.tmp"))
+
+
+def test_a_directory_that_is_gone(manager: sync.SyncManager) -> None:
+    directory = pathlib.Path(manager._data_dir)
+    directory.rmdir()
+    with pytest.raises(FileNotFoundError, match=rf"^\[Errno 2\] No such file or directory: '{directory}/.sync_flock'$"):
+        manager.sync()
+    assert not directory.exists()
+
+
 def test_a_download_with_every_argument(manager: sync.SyncManager, server: Any, tmp_path: pathlib.Path, records: pytest.LogCaptureFixture) -> None:
     server.add("f", b"x")
     waits: list[float] = []
@@ -95,31 +130,6 @@ def test_a_download_with_every_argument(manager: sync.SyncManager, server: Any, 
     assert len(waits) == 1 and (result.bytes_downloaded, result.features_downloaded) == (4, 1) and (tmp_path / "staging/f").exists()
     with pytest.raises(sync.IntegrityError):
         manager._download_file("f", {"sha256": "00", "size_bytes": 1}, result, retry_checksum_mismatch=False)
-
-
-def test_a_stop_of_the_host_ends_every_worker_of_an_outage(manager: sync.SyncManager, server: Any, wait_until: Any) -> None:
-    for number in range(200):
-        server.add(f"f{number}", b"x" * number)
-        server.answers[f"/data/files/f{number}"] = (503, b'{"error": "DOWN"}')
-    stop, stopped_at = threading.Event(), 0.0
-
-    def run() -> None:
-        nonlocal stopped_at
-        with sync.backoff_context(data_dir=manager._data_dir, surface="host", stop_requested=stop.is_set):
-            with pytest.raises(sync.SyncBackoffCancelled):
-                manager.sync()
-        stopped_at = time.monotonic()
-
-    host = threading.Thread(target=run)
-    host.start()
-    wait_until(lambda: len({path for path, _ in server.requests if path.startswith("/data/files/")}) == 8)
-    progress = json.loads(pathlib.Path(manager._data_dir, "sync-progress.json").read_text())
-    stop.set()
-    asked_at = time.monotonic()
-    host.join()
-    assert stopped_at - asked_at < 1
-    assert {f"f{number}" for number in range(200)} <= set(progress["files"])
-    assert (progress["phase"], progress["backoff"]["surface"]) == ("backoff", "host")
 
 
 def test_requests_and_probes(manager: sync.SyncManager, server: Any) -> None:
@@ -184,8 +194,3 @@ def test_a_batch_with_callbacks_on_worker_threads(manager: sync.SyncManager, ser
         manager._download_files_parallel(server.entries, result)
     assert (caught.value.file_path, caught.value.status, result.bytes_downloaded) == ("f3", 410, 12)
     assert names and all(name.startswith("bf-sync") for name in names)
-    failure = RuntimeError("the key ring is locked")
-    manager._get_token = lambda: (_ for _ in ()).throw(failure)
-    with pytest.raises(RuntimeError) as raised:
-        manager._download_files_parallel(server.entries, result)
-    assert raised.value is failure
