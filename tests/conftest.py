@@ -53,11 +53,6 @@ class Peer:
         self.process.kill()
         self.process.wait()
 
-    def stop(self):
-        """Ends it as its operator would."""
-        self.process.terminate()
-        self.process.wait()
-
     def get(self, path, method="GET", **headers):
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=20)
         with contextlib.closing(connection):
@@ -100,11 +95,11 @@ def serve_with_nginx(tmp_path):
         pytest.skip("nginx is not installed")
     with contextlib.ExitStack() as stack:
 
-        def start(tree, port=0):
-            with socket.create_server(("127.0.0.1", port)) as probe:
+        def start(tree):
+            with socket.create_server(("127.0.0.1", 0)) as probe:
                 port = probe.getsockname()[1]
             prefix = tmp_path / "nginx"
-            prefix.mkdir(exist_ok=True)
+            prefix.mkdir()
             example = (ROOT / "examples" / "nginx.conf").read_text()
             (prefix / "nginx.conf").write_text(example.replace("@ROOT@", str(tree)).replace("@PORT@", str(port)))
             command = [nginx, "-p", str(prefix), "-c", str(prefix / "nginx.conf")]
