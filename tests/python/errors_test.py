@@ -32,11 +32,15 @@ def test_tree(name: str, bases: tuple[type, ...]) -> None:
 
 
 def test_fields_given_by_the_host() -> None:
-    error = sync.SyncUnavailableError(url="https://h/a?b", attempts="3", statuses=(503,), failures=["TimeoutError"], retryable=False)
+    said = {"server_error_code": "BUSY", "dependency": "db", "retryable": False, "recovery": "later", "reason": "r"}
+    error = sync.SyncUnavailableError(url="https://h/a?b", attempts="3", statuses=(503,), failures=["TimeoutError"], **said)
     assert str(error) == error._build_message() == (
-        "BrackenFen data sync unavailable after 3 attempt(s). endpoint=/a url=https://h/a?b statuses=[503] failures=['TimeoutError'] retryable=False"
+        "BrackenFen data sync unavailable after 3 attempt(s). endpoint=/a url=https://h/a?b statuses=[503] failures=['TimeoutError'] "
+        "server_error=BUSY dependency=db retryable=False recovery=later reason=r"
     )
-    assert (error.attempts, error.statuses, error.retryable, error.dependency, error.typed_details) == (3, [503], False, None, True)
+    assert (error.attempts, error.statuses, error.typed_details) == (3, [503], True) and {name: getattr(error, name) for name in said} == said
+    for fields in ({"server_error_code": "X"}, {"retryable": False, "typed_details": 0}):
+        assert sync.SyncUnavailableError(url="u", **fields).typed_details is False
     gone = sync.PermanentDownloadError("gone", "a/b", 404.9)
     assert (str(gone), gone.file_path, gone.status) == ("gone", "a/b", 404) and sync.PermanentDownloadError("x", status="x").status is None
 

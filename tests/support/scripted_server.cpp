@@ -11,7 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
+#include <cstdio>
 #include <stdexcept>
 
 #include "sync/base/text.hpp"
@@ -27,24 +27,12 @@ void require(bool success, const char* what) {
   if (!success) throw std::runtime_error(what);
 }
 
-void add_extension(X509* certificate, int kind, const char* value) {
-  X509_EXTENSION* const extension = X509V3_EXT_conf_nid(nullptr, nullptr, kind, value);
-  require(extension != nullptr && X509_add_ext(certificate, extension, -1) == 1, "certificate extension");
-  X509_EXTENSION_free(extension);
-}
-
-std::size_t number_in(std::string_view text, std::size_t otherwise) {
-  std::size_t number = otherwise;
-  std::from_chars(text.data(), text.data() + text.size(), number);
-  return number;
-}
-
 /// The part of `content` that a "bytes=first-last" range asks for.
 Reply ranged_reply(const std::string& content, const std::optional<std::string>& range) {
   if (!range) return {.body = content};
-  const std::vector<std::string_view> bounds = split(std::string_view(*range).substr(range->find('=') + 1), "-");
-  const std::size_t first = number_in(bounds.at(0), 0);
-  const std::size_t last = std::min(number_in(bounds.at(1), content.size() - 1), content.size() - 1);
+  std::size_t first = 0, last = content.size();
+  std::sscanf(range->c_str(), "bytes=%zu-%zu", &first, &last);
+  last = std::min(last, content.size() - 1);
   const std::string size = std::to_string(content.size());
   if (content.empty() || first > last) return {.status = 416, .headers = {{"Content-Range", "bytes */" + size}}};
   const std::string shown = "bytes " + std::to_string(first) + "-" + std::to_string(last) + "/" + size;
@@ -196,8 +184,9 @@ void ScriptedServer::set_up_tls() {
   X509_NAME* const name = X509_get_subject_name(certificate);
   X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("localhost"), -1, -1, 0);
   X509_set_issuer_name(certificate, name);
-  add_extension(certificate, NID_basic_constraints, "critical,CA:TRUE");
-  add_extension(certificate, NID_subject_alt_name, "DNS:localhost,IP:127.0.0.1");
+  X509_EXTENSION* const names = X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, "DNS:localhost,IP:127.0.0.1");
+  require(X509_add_ext(certificate, names, -1) == 1, "the names in the certificate");
+  X509_EXTENSION_free(names);
   require(X509_sign(certificate, key, EVP_sha256()) > 0, "signing the certificate");
 
   tls_.reset(SSL_CTX_new(TLS_server_method()));
@@ -236,8 +225,7 @@ void ScriptedServer::serve(Connection& connection) {
       request.headers.emplace_back(line.substr(0, colon), strip(line.substr(colon + 1)));
     }
   }
-  const Reply reply = reply_to(request);
-  send_reply(connection, reply);
+  send_reply(connection, reply_to(request));
 }
 
 Reply ScriptedServer::reply_to(const LoggedRequest& request) {

@@ -7,7 +7,6 @@
 #include "sync/base/json.hpp"
 #include "sync/transport/event_counts.hpp"
 #include "sync/transport/outage_status.hpp"
-#include "sync/transport/unavailable.hpp"
 #include "tests/support/fake_clock.hpp"
 #include "tests/support/recording_log.hpp"
 
@@ -52,28 +51,10 @@ TEST(Events, areHeldBackAfterTenOfAKindUnlessTheyMatter) {
   EXPECT_THAT(event_counts().all(), testing::IsEmpty());
 }
 
-TEST(Events, tellValuesOfDifferentTypesApart) {
-  const std::vector<std::pair<Value, std::string>> rows{
-      {nullptr, "null"},
-      {"null", "'null'"},
-      {true, "true"},
-      {1, "1"},
-      {"1", "'1'"},
-      {Value::integer_from_decimal("99999999999999999999"), "99999999999999999999"},
-      {1.0, "1.0"},
-      {List{1, "a"}, R"([1, "a"])"},
-      {Document{{"b", 1}, {"a", nullptr}}, R"({"a": null, "b": 1})"},
-  };
-  for (const auto& [value, text] : rows) EXPECT_EQ(_sync_event_stable_coalesce_value(value), text);
-}
-
 TEST(OutageStatus, saysWhatHappenedAndWhatToDo) {
-  const Seams seams = [] {
-    static FakeClock clock;
-    Seams with_clock = Seams::real();
-    with_clock.clock = &clock;
-    return with_clock;
-  }();
+  FakeClock clock;
+  Seams seams = Seams::real();
+  seams.clock = &clock;
   struct Row {
     const char* details;
     const char* action;
@@ -119,15 +100,6 @@ TEST(OutageStatus, saysWhatHappenedAndWhatToDo) {
                        "be done, the request is repeated until the server is back)."}}));
   EXPECT_TRUE(emit(R"({"retryable": 0})", 0).get("retryable").is_exactly(false));
   EXPECT_EQ(emit(R"({"reason": ""})", 0).get("reason"), Value(""));
-}
-
-TEST(SyncUnavailable, isTypedOnlyWhereTheServerSaysMoreThanACode) {
-  const auto typed = [](const SyncUnavailableError::Details& details) {
-    return SyncUnavailableError(details).fields().get("typed_details");
-  };
-  EXPECT_TRUE(typed({.server_error_code = "X"}).is_exactly(false));
-  EXPECT_TRUE(typed({.retryable = false}).is_exactly(true));
-  EXPECT_TRUE(typed({.retryable = false, .typed_details = 0}).is_exactly(false));
 }
 
 TEST(Events, shortenUrls) {
