@@ -1,4 +1,4 @@
-// The grammar of faults, and which fault decides a request.
+// The grammar of faults; which fault decides a request, serve_test.py tells.
 #include "tools/distribution/faults.hpp"
 
 #include <gmock/gmock.h>
@@ -42,22 +42,6 @@ TEST(FaultGrammar, saysWhatIsWrong) {
 TEST(FaultGrammar, namesTheLineOfAFile) {
   EXPECT_EQ(parse_fault_lines("# comment\n\n /x:reset \r\n*:status=500").size(), 2U);
   EXPECT_THAT(failure_of([] { return parse_fault_lines("/x:reset\n\n/y:oops\n"); }), HasSubstr(": line 3: bad fault '/y:oops'"));
-}
-
-TEST(FaultTable, firstFaultThatAppliesDecides) {
-  FaultTable table({parse_fault("/data/files/*.arrow:drip=5,times=1,skip=1"), parse_fault("/late:outage=1000+1"),
-                    parse_fault("/data/*:reset"), parse_fault("*:refuse,outage=1000+1")},
-                   "");
-  const auto decide = [&](const char* path) {
-    const std::shared_ptr<const Fault> fault = table.decide(path);
-    return fault ? fault->text : "";
-  };
-  EXPECT_EQ(decide("/data/files/a/b.arrow"), "/data/*:reset");  // skipped once
-  EXPECT_EQ(decide("/data/files/c.arrow"), "/data/files/*.arrow:drip=5,times=1,skip=1");
-  EXPECT_EQ(decide("/data/files/c.arrow"), "/data/*:reset");  // used up
-  EXPECT_EQ(decide("/late"), "");
-  EXPECT_EQ(decide("/era/current"), "");
-  EXPECT_FALSE(table.port_is_closed());
 }
 
 }  // namespace

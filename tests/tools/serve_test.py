@@ -126,9 +126,9 @@ def test_fault_file_steers_a_running_server(serve, tree, tmp_path):
     assert peer.get("/era/current").status == 503
     steer("*:status=oops")
     assert peer.get("/era/current").status == 503
-    steer("*:status=500,times=1", "/data/*:status=410")
-    assert [peer.get(path).status for path in ("/era/current", "/era/current", "/data/manifest")] == [500, 200, 410]
-    steer("*:status=500,times=1")
+    steer("/*/cur*nt:status=500,times=1", "/data/*:status=410", "*:status=404,outage=1000+1", "*:refuse,outage=1000+1")
+    assert [peer.get(path).status for path in ("/data/manifest", "/era/current", "/era/current")] == [410, 500, 200]
+    steer("/*/cur*nt:status=500,times=1")
     assert peer.get("/era/current").status == 200  # it goes on counting
     steering.unlink()
     assert peer.get("/data/manifest").status == 200
