@@ -1,10 +1,12 @@
-// Small rules of the distribution tool: ranges, kinds, paths.
-#include <gtest/gtest.h>
+// Small rules of the distribution tool: ranges, kinds, paths, the grammar of faults.
+#include <gmock/gmock.h>
 
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "tests/support/failures.hpp"
+#include "tools/distribution/faults.hpp"
 #include "tools/distribution/kinds.hpp"
 #include "tools/distribution/range.hpp"
 #include "tools/distribution/tree.hpp"
@@ -16,11 +18,7 @@ TEST(Range, answersAsHttpSays) {
   const RangeAnswer whole{RangeVerdict::Whole, {0, 100}};
   const RangeAnswer none{RangeVerdict::Unsatisfiable, {}};
   const auto part = [](std::int64_t first, std::int64_t length) { return RangeAnswer{RangeVerdict::Partial, {first, length}}; };
-  struct Row {
-    const char* header;
-    RangeAnswer answer;
-  };
-  const Row rows[] = {
+  const std::pair<const char*, RangeAnswer> rows[] = {
       {"bytes=0-9", part(0, 10)},
       {"bytes=10-", part(10, 90)},
       {"bytes=50-9999", part(50, 50)},
@@ -34,17 +32,13 @@ TEST(Range, answersAsHttpSays) {
       {"bytes=99999999999999999999-", whole},
       {"lines=1-2", whole},
   };
-  for (const Row& row : rows) EXPECT_EQ(answer_range(row.header, 100), row.answer) << row.header;
+  for (const auto& [header, answer] : rows) EXPECT_EQ(answer_range(header, 100), answer) << header;
   EXPECT_EQ(answer_range(std::nullopt, 100), whole);
   EXPECT_EQ(answer_range("bytes=0-", 0), none);
 }
 
 TEST(Kinds, followFromThePathAlone) {
-  struct Row {
-    const char* path;
-    const char* kind;
-  };
-  const Row rows[] = {
+  const std::pair<const char*, const char*> rows[] = {
       {"features/x", "feature"},
       {"found_signals/p/e/strategy_is/pnl.arrow", "data"},
       {"found_signals/signal_is/pnl.arrow", "found_signal_is_pnl"},
@@ -55,7 +49,7 @@ TEST(Kinds, followFromThePathAlone) {
       {"vault_linux_x86_64.so", "data"},
       {"vault-linux_mips.so", "data"},
   };
-  for (const Row& row : rows) EXPECT_EQ(classify_artifact(row.path).kind, row.kind) << row.path;
+  for (const auto& [path, kind] : rows) EXPECT_EQ(classify_artifact(path).kind, kind) << path;
 }
 
 TEST(Paths, thatClientsCannotFetchAreNamed) {
@@ -64,6 +58,35 @@ TEST(Paths, thatClientsCannotFetchAreNamed) {
        {"", "a//b", "/a", "a/", "a/../b", "./a", "a b", "a\tb", "a\\b", "a%20b", "a?b", "a#b", "\xc3\xa4", "a\x7f"}) {
     EXPECT_TRUE(path_objection(path)) << path;
   }
+}
+
+TEST(FaultGrammar, saysWhatIsWrong) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"", "a fault is PATTERN"},
+      {"/x", "a fault is PATTERN"},
+      {"x:reset", "a pattern starts with"},
+      {"/x:explode", "there is no setting 'explode'"},
+      {"/x:status", "status needs a value"},
+      {"/x:reset=1", "reset takes no value"},
+      {"/x:status=99", "status=99 is not a status from 200 to 599"},
+      {"/x:drop-after=-1", "drop-after=-1 is not a whole number from 0"},
+      {"/x:drip=0", "drip=0 is not a whole number from 1"},
+      {"/x:times=99999999999999999999", "is not a whole number"},
+      {"/x:delay=nan", "is not a number of seconds"},
+      {"/x:outage=5", "outage=5 is not START+DURATION"},
+      {"/x:retryable=maybe", "is not true or false"},
+      {"/x:times=1", "nothing is to happen"},
+      {"/x:refuse", "pattern must be *"},
+      {"*:refuse,times=1", "cannot count"},
+  };
+  for (const auto& [text, meaning] : rows) {
+    EXPECT_THAT(failure_of([&] { return parse_fault(text); }), testing::HasSubstr(meaning)) << text;
+  }
+}
+
+TEST(FaultGrammar, namesTheLineOfAFile) {
+  EXPECT_EQ(parse_fault_lines("# comment\n\n /x:reset \r\n*:status=500").size(), 2U);
+  EXPECT_THAT(failure_of([] { return parse_fault_lines("/x:reset\n\n/y:oops\n"); }), testing::HasSubstr(": line 3: bad fault '/y:oops'"));
 }
 
 }  // namespace
