@@ -87,11 +87,7 @@ class RetryTest : public testing::Test {
 };
 
 TEST(NextStep, followsFromWhatAnAttemptCameTo) {
-  struct Row {
-    AttemptEnd end;
-    NextStep step;
-  };
-  const Row rows[] = {
+  const std::pair<AttemptEnd, NextStep> rows[] = {
       {{.status = 200}, NextStep::HandBack},
       {{.status = 302}, NextStep::HandBack},
       {{.status = 404, .retryable = true}, NextStep::HandBack},
@@ -109,7 +105,7 @@ TEST(NextStep, followsFromWhatAnAttemptCameTo) {
       {{.error = &error_class::ValueError}, NextStep::Rethrow},
       {{.error = &error_class::SyncError}, NextStep::Rethrow},
   };
-  for (const Row& row : rows) EXPECT_EQ(next_step(row.end), row.step) << &row - rows;
+  for (const auto& row : rows) EXPECT_EQ(next_step(row.first), row.second) << &row - rows;
   for (const int status : {408, 425, 429, 500, 502, 503, 504}) EXPECT_EQ(next_step({.status = status}), NextStep::Wait) << status;
 }
 
@@ -225,11 +221,8 @@ TEST_F(RetryTest, tenMinutesOfOutageStaySmall) {
 
 TEST_F(RetryTest, holdsWhateverAnErrorBodySaysWithinBounds) {
   const std::string deep = std::string(900, '[') + std::string(900, ']');
-  const std::string umlauts = [] {
-    std::string text;
-    for (int count = 0; count < 30'000; ++count) text += "\u00fc";
-    return text;
-  }();
+  std::string umlauts;
+  for (int count = 0; count < 30'000; ++count) umlauts += "\u00fc";
   std::deque<Step> steps;
   for (const std::string& body : {std::string("\xff\xfe"), std::string("<html>"), std::string("[1]"), "{\"reason\": " + deep + deep + "}",
                                   R"({"error_code": )" + deep + R"(, "reason": ")" + umlauts + R"(", "dependency": {"a": 1e999}})"}) {
