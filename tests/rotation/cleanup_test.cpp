@@ -16,23 +16,19 @@ namespace {
 using testing::ElementsAre;
 
 TEST(CleanUp, deletesWhatNoRotationKeepsAndNothingElse) {
-  const TemporaryDirectory directory;
-  const TemporaryDirectory outside;
+  const TemporaryDirectory directory, outside;
   const std::string precious = outside.write("precious/data.arrow", "x");
-  const std::vector<std::string> kept = {"features/u/kept.arrow", "features/spelled/oddly.arrow",
-                                         "features/.hidden/file", "features/u/.hidden/deep/file",
-                                         ".features/file",        ".hidden_file",
-                                         "manifest.json",         "notes/mine.txt",
-                                         "featuresque/file",      "models/features/file"};
-  const std::vector<std::string> doomed = {"features/old.arrow",
-                                           "features/u/old.arrow",
-                                           "features/u/.hidden_file",
-                                           "features/u/old.arrow.tmp",
-                                           "named_universes/v/x.json",
-                                           "universe_masks/m.arrow",
-                                           "found_signals/a/b/c/pnl.arrow",
-                                           "found_strategies/s/x",
-                                           "useful_signals/deep/er/still/x"};
+  const std::vector<std::string> kept = {"features/u/kept.arrow",
+                                         "features/spelled/oddly.arrow",
+                                         "features/u/.hidden/deep/file",
+                                         ".features/file",
+                                         "manifest.json",
+                                         "notes/mine.txt",
+                                         "featuresque/file",
+                                         "models/features/file"};
+  const std::vector<std::string> doomed = {"features/old.arrow",       "features/u/.hidden_file",       "features/u/old.arrow.tmp",
+                                           "named_universes/v/x.json", "universe_masks/m.arrow",        "found_signals/a/b/pnl.arrow",
+                                           "found_strategies/s/x",     "useful_signals/deep/er/still/x"};
   for (const std::string& path : kept) directory.write(path, "x");
   for (const std::string& path : doomed) directory.write(path, "x");
   const auto link = [&](const std::string& target, const char* name) {
@@ -57,8 +53,7 @@ TEST(CleanUp, deletesWhatNoRotationKeepsAndNothingElse) {
 }
 
 TEST(CleanUp, doesNotLeaveTheDirectoryByATopFolderThatIsALink) {
-  const TemporaryDirectory directory;
-  const TemporaryDirectory outside;
+  const TemporaryDirectory directory, outside;
   outside.write("old.arrow", "x");
   ASSERT_EQ(::symlink(outside.path().c_str(), (directory / "features").c_str()), 0);
   directory.write("universe_masks", "a file where a folder is expected");
@@ -73,11 +68,7 @@ TEST(CleanUp, stopsAtTheFirstFileThatCannotBeDeleted) {
   directory.write("found_signals/b", "x");
   FaultFiles files;
   files.fail(FaultFiles::Call::Unlink, 1, EACCES);
-  EXPECT_THAT(failure_of([&] {
-                delete_files_not_kept(files, directory.path(), {});
-                return 0;
-              }),
-              testing::StartsWith("PermissionError: "));
+  EXPECT_THAT(failure_of([&] { return delete_files_not_kept(files, directory.path(), {}), 0; }), testing::StartsWith("PermissionError: "));
   EXPECT_TRUE(directory.contains("found_signals/b"));
 }
 

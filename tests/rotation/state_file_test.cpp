@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "sync/base/convert.hpp"
 #include "sync/base/json.hpp"
 #include "sync/neighbours/rotation_state.hpp"
 #include "sync/rotation/status.hpp"
@@ -12,7 +13,6 @@ namespace brackenfen::sync {
 namespace {
 
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::StartsWith;
 
 constexpr const char* GOOD_STATE =
@@ -41,8 +41,8 @@ TEST_F(RotationStateFileTest, aDamagedOneFailsTheConstructionOfAManager) {
     std::string content;
     const char* failure;
   };
-  const auto with = [](const char* key, Value value) {
-    return write_json(Value(parse_json(GOOD_STATE).if_document()->with(key, std::move(value))), JsonForm::Canonical);
+  const auto with = [](const char* key, const Value& value) {
+    return write_json(parse_json(GOOD_STATE).if_document()->with(key, value), JsonForm::Canonical);
   };
   const Row rows[] = {
       {"", "Expecting value: line 1 column 1 (char 0)"},
@@ -72,25 +72,14 @@ TEST_F(RotationStateFileTest, aDamagedOneFailsTheConstructionOfAManager) {
 }
 
 TEST_F(RotationStateFileTest, theNextRotationIsReckonedFromTheTimeOfTheFile) {
-  struct Row {
-    Value frequency;
-    std::optional<std::int64_t> seconds;
+  const auto seconds = [](const Value& frequency) {
+    return _rotation_frequency_seconds(Value(Document{{"rotation_frequency", frequency}}));
   };
-  const Row rows[] = {{"weekly", 604800},
-                      {" weekly ", 604800},
-                      {"Weekly", {}},
-                      {"PT12H", 43200},
-                      {"PT 1_0 H", 36000},
-                      {"PT0H", {}},
-                      {"PT-1H", {}},
-                      {"PTH", {}},
-                      {"PT1.5H", {}},
-                      {"P1D", {}},
-                      {"", {}},
-                      {7, {}},
-                      {Value(), {}},
-                      {"PT9999999999999999999H", {}}};
-  for (const Row& row : rows) EXPECT_EQ(_rotation_frequency_seconds(Value(Document{{"rotation_frequency", row.frequency}})), row.seconds);
+  EXPECT_EQ(seconds(" weekly "), 604800);
+  EXPECT_EQ(seconds("PT12H"), 43200);
+  EXPECT_EQ(seconds("PT 1_0 H"), 36000);
+  for (const Value& none : List{"Weekly", "PT0H", "PT-1H", "PTH", "PT1.5H", "P1D", "", 7, Value(), "PT9999999999999999999H"})
+    EXPECT_EQ(seconds(none), std::nullopt) << to_text(none);
   EXPECT_EQ(_rotation_frequency_seconds("weekly"), std::nullopt);
 
   const Value hourly(Document{{"rotation_frequency", "PT1H"}});
@@ -111,14 +100,11 @@ TEST_F(RotationStateFileTest, theNextRotationIsReckonedFromTheTimeOfTheFile) {
 
 TEST_F(RotationStateFileTest, aStatusTellsWhatIsMissingAndRefusesAManifestThatIsNone) {
   const auto status = [&] {
-    return write_json(Value(feature_rotation_status_payload(*neighbours(), files, clock, directory.path())), JsonForm::InsertionOrder);
+    return write_json(feature_rotation_status_payload(*neighbours(), files, clock, directory.path()), JsonForm::InsertionOrder);
   };
   directory.write(FEATURE_ROTATION_STATE_FILENAME, GOOD_STATE);
-  directory.write("manifest.json",
-                  write_json(Value(manifest(4, {{"features/a.arrow", "a"}, {"features/b.arrow", "b"}})), JsonForm::InsertionOrder));
-  EXPECT_THAT(
-      status(),
-      HasSubstr(R"({"state": "incomplete", "manifest_available": true, "era_number": 7, "manifest_version": 4, "generation": 3, )"));
+  directory.write("manifest.json", write_json(manifest(4, {{"features/a.arrow", "a"}}), JsonForm::InsertionOrder));
+  EXPECT_THAT(status(), StartsWith(R"({"state": "incomplete", "manifest_available": true, "era_number": 7, "manifest_version": 4, )"));
   directory.write("manifest.json", "[]");
   EXPECT_EQ(failure_of([&] { return status(); }),
             "FeatureRotationStateError: manifest.json for feature rotation status must contain a JSON object");
