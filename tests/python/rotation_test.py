@@ -2,19 +2,15 @@
 
 import dataclasses
 import datetime
-import gc
 import json
 import os
 import pathlib
-import weakref
+import types
 from collections.abc import Callable
 from typing import Any
 
 import brackenfen.sync as sync
 import pytest
-
-STATE = "feature-rotation-state.json"
-
 
 PNL, FUNCTIONS, VOCABULARY = "found_signals/p/one/signal_is/pnl.arrow", "functions.json", "named_universes/us/vocabulary.json"
 
@@ -27,13 +23,12 @@ def publish(server: Any, features: int = 12) -> None:
     server.add(VOCABULARY, json.dumps(vocabulary).encode(), kind="vocabulary")
 
 
-def set_budget(manager: sync.SyncManager, features: int) -> None:
-    settings = {"feature_budget_gb": (100 * features + 50) / 2**30, "rotation_seed": 7}
-    pathlib.Path(manager._data_dir, "feature-rotation-settings.json").write_text(json.dumps(settings))
-
-
 def held(manager: sync.SyncManager) -> set[str]:
-    return {path.name for path in pathlib.Path(manager._data_dir).glob("features/**/*.arrow")}
+    return {path.stem for path in pathlib.Path(manager._data_dir).glob("features/**/*.arrow")}
+
+
+def make_due(manager: sync.SyncManager) -> None:
+    os.utime(sync.feature_rotation_state_path(manager._data_dir), (0, 0))
 
 
 class Search:
@@ -48,31 +43,24 @@ class Search:
 
 def test_a_rotation_reaches_the_running_search(manager: sync.SyncManager, server: Any) -> None:
     publish(server)
-    set_budget(manager, 4)
+    settings = {"feature_budget_gb": 450 / 2**30, "rotation_seed": 7}
+    pathlib.Path(manager._data_dir, "feature-rotation-settings.json").write_text(json.dumps(settings))
     search = Search()
     manager.register_rotation_search_consumer(search)
     manager.register_rotation_search_consumer(object())
     result = manager.sync()
-    first = held(manager)
-    assert len(first) == 4 and (result.rotation_seed, result.feature_budget_bytes) == (7, 450)
-    state, vocabulary = search.told[-1]
-    assert state == manager._active_rotation_state == sync.load_feature_rotation_state(manager._data_dir)
-    assert {f"{name}.arrow" for name in vocabulary["features"]} == first
-
-    os.utime(sync.feature_rotation_state_path(manager._data_dir), (0, 0))
+    assert len(held(manager)) == 4 and (result.rotation_seed, result.feature_budget_bytes) == (7, 450)
+    make_due(manager)
+    manager._running = True
+    [wanted] = sorted({f"f{number:02}" for number in range(12)} - held(manager))[:1]
+    assert manager.request_feature_files_for_sync([wanted]) == [f"{manager._data_dir}/features/us/signal_is/{wanted}.arrow"]
     manager.sync()
-    assert held(manager) != first and len(held(manager)) == 4
-    state, vocabulary = search.told[-1]
-    assert state.generation == 2 and {f"{name}.arrow" for name in vocabulary["features"]} == held(manager)
+    for generation, (state, vocabulary) in enumerate(search.told, 1):
+        assert state.generation == generation and len(vocabulary["features"]) == 4
+    assert state == manager._active_rotation_state == sync.load_feature_rotation_state(manager._data_dir) and generation == 2
+    assert held(manager) == vocabulary["features"].keys() | {wanted}
     manager.unregister_rotation_search_consumer(search)
     assert [type(consumer) for consumer in manager._rotation_search_consumer_snapshot()] == [object]
-
-    manager._running = True
-    [wanted] = [name for name in sorted({f"f{number:02}" for number in range(12)} - {name.split(".")[0] for name in held(manager)})][:1]
-    assert manager.request_feature_files_for_sync([wanted]) == [str(pathlib.Path(manager._data_dir).resolve() / f"features/us/signal_is/{wanted}.arrow")]
-    os.utime(sync.feature_rotation_state_path(manager._data_dir), (0, 0))
-    manager.sync()
-    assert f"{wanted}.arrow" in held(manager) and wanted in {path.split("/")[-1].split(".")[0] for path in manager._prefetched_feature_relative_paths}
 
 
 def test_records_of_the_built_in_rotation(manager: sync.SyncManager, server: Any) -> None:
@@ -87,19 +75,19 @@ def test_records_of_the_built_in_rotation(manager: sync.SyncManager, server: Any
     settings, rotation_settings = manager._feature_rotation_settings_for_manifest(manifest, free_disk_bytes=10**6)
     assert settings.model_dump()["rotation_frequency"] == "weekly" and settings.named_universes == ("us",)
     assert rotation_settings.scope == sync.SelectionScope(named_universes=("us",)) and rotation_settings.free_disk_bytes == 10**6
-    plan, explicit = manager._plan_feature_rotation_for_manifest(manifest, free_disk_bytes=10**6)
-    assert not explicit and isinstance(plan, sync.RotationPlan)
-    assert [artifact.relative_path for artifact in plan.selection.selected_artifacts] == [f"features/us/signal_is/f0{n}.arrow" for n in range(3)]
-    assert plan.selection.mandatory_bytes == sum(manifest.files[path]["size_bytes"] for path in (PNL, FUNCTIONS, VOCABULARY)) and plan.candidate_state.generation == 1
-    assert manager._plan_feature_rotation_for_manifest(manifest, free_disk_bytes=10**6)[0].selection.seed == plan.selection.seed, "drawn once"
-    result = sync.SyncResult()
-    sync._apply_rotation_result_fields(result, plan.selection)
-    assert result.mandatory_relative_paths == (PNL, FUNCTIONS, VOCABULARY) and result.rotation_seed == plan.selection.seed
-    wanted = sync.SyncManager._rotation_scoped_files_to_download(manifest, plan.selection, existing_relative_paths={"features/us/signal_is/f00.arrow"})
-    assert list(wanted) == ["features/us/signal_is/f01.arrow", "features/us/signal_is/f02.arrow"]
     assert sync._rotation_feature_budget_bytes(dataclasses.replace(settings, feature_budget_gb=1.5)) == 3 * 2**29
+    plan, explicit = manager._plan_feature_rotation_for_manifest(manifest, free_disk_bytes=10**6)
+    selection, state = plan.selection, plan.candidate_state
+    assert not explicit and isinstance(plan, sync.RotationPlan) and state.generation == 1
+    assert [artifact.relative_path for artifact in selection.selected_artifacts] == [f"features/us/signal_is/f0{n}.arrow" for n in range(3)]
+    assert selection.mandatory_bytes == sum(manifest.files[path]["size_bytes"] for path in (PNL, FUNCTIONS, VOCABULARY))
+    assert manager._plan_feature_rotation_for_manifest(manifest, free_disk_bytes=10**6)[0].selection.seed == selection.seed, "drawn once"
+    result = sync.SyncResult()
+    sync._apply_rotation_result_fields(result, selection)
+    assert result.mandatory_relative_paths == (PNL, FUNCTIONS, VOCABULARY) and result.rotation_seed == selection.seed
+    wanted = sync.SyncManager._rotation_scoped_files_to_download(manifest, selection, existing_relative_paths={"features/us/signal_is/f00.arrow"})
+    assert list(wanted) == ["features/us/signal_is/f01.arrow", "features/us/signal_is/f02.arrow"]
 
-    state = plan.candidate_state
     assert sync.write_feature_rotation_state(manager._data_dir, state) == sync.feature_rotation_state_path(manager._data_dir)
     assert sync.load_feature_rotation_state(manager._data_dir) == state
     manager._active_rotation_state = dataclasses.replace(state, generation=9)
@@ -115,8 +103,7 @@ def test_the_status_is_what_the_documentation_shows(tmp_path: pathlib.Path) -> N
     state = sync.RotationState(shown["active_relative_paths"], shown["generation"], shown["seed"], shown["rng_state"])
     rotated_at = datetime.datetime.fromisoformat(shown["next_rotation_at"]).timestamp() - 604800
     os.utime(sync.write_feature_rotation_state(tmp_path, state), (rotated_at, rotated_at))
-    entry = {"kind": "feature", "size_bytes": 0}
-    files = {"features/a.arrow": entry, "features/b.arrow": entry}
+    files = dict.fromkeys(("features/a.arrow", "features/b.arrow"), {"kind": "feature", "size_bytes": 0})
     (tmp_path / "manifest.json").write_text(json.dumps({"era_number": 7, "version": 4, "files": files}))
     (tmp_path / "features").mkdir()
     (tmp_path / "features/a.arrow").touch()
@@ -131,17 +118,12 @@ def test_errors_are_classes_of_this_module_until_the_host_brings_its_own(manager
         manager._precheck_rotation_disk_budget(selection, free_disk_bytes=100)
     assert isinstance(caught.value, sync.DiskSpaceError) and (caught.value.mandatory_bytes, caught.value.available_bytes, caught.value.selected_paths) == (51, 50, ())
 
-    @dataclasses.dataclass
-    class TooLarge(Exception):
-        mandatory_bytes: int
-        available_bytes: int
-        selected_paths: tuple[str, ...]
-
-    neighbour("_artifact_rotation", MandatoryArtifactsTooLargeError=TooLarge)
-    assert sync.MandatoryArtifactsTooLargeError is TooLarge and issubclass(sync.VocabularyScopeError, sync.SyncError)
-    with pytest.raises(TooLarge) as theirs:
+    theirs = dataclasses.make_dataclass("TooLarge", ["mandatory_bytes", "available_bytes", "selected_paths"], bases=(Exception,))
+    neighbour("_artifact_rotation", MandatoryArtifactsTooLargeError=theirs)
+    assert sync.MandatoryArtifactsTooLargeError is theirs and issubclass(sync.VocabularyScopeError, sync.SyncError)
+    with pytest.raises(theirs) as raised:
         manager._precheck_rotation_disk_budget(selection, free_disk_bytes=100)
-    assert theirs.value == TooLarge(51, 50, ())
+    assert raised.value == theirs(51, 50, ())
     manager._precheck_rotation_disk_budget(object(), free_disk_bytes=0)  # what it lacks counts as nothing
 
 
@@ -155,33 +137,20 @@ def test_unusual_searches(manager: sync.SyncManager) -> None:
         def __eq__(self, other: object) -> bool:
             raise AssertionError("searches are told apart by identity")
 
-    state = sync.RotationState((), 1, 2, "")
+    state, vocabulary = sync.RotationState((), 1, 2, ""), {"features": {"a": 1}}
     assert manager._rotation_search_refresh_payloads(state, None) == ()
     with pytest.raises(LookupError, match="not now"):
-        manager._rotation_search_refresh_payloads(state, {"features": {}}, consumers=[Raising()])
+        manager._rotation_search_refresh_payloads(state, vocabulary, consumers=[Raising()])
     first, second = Equal(), Equal()
     for search in (first, second, first):
         manager.register_rotation_search_consumer(search)
-    manager.refresh_running_searches_for_rotation(state, {"features": {"a": 1}})
-    assert first.told == second.told == [(state, {"features": {"a": 1}})]
-    [payload] = manager._rotation_search_refresh_payloads(state, {"features": {}}, consumers=[first])
-    assert payload == (first.refresh_rotation_scope, state, {"features": {}})
+    manager.refresh_running_searches_for_rotation(state, vocabulary)
+    assert first.told == second.told == [(state, vocabulary)]
+    assert manager._rotation_search_refresh_payloads(state, vocabulary, consumers=[first]) == ((first.refresh_rotation_scope, state, vocabulary),)
     with pytest.raises(sync.VocabularyScopeError):
         manager.refresh_running_searches_for_rotation(state, 5)
-    vocabulary = {"features": {}}
     assert manager._rotation_vocabulary_for_consumer(vocabulary, object()) is vocabulary
     assert manager._rotation_consumer_named_universe(type("S", (), {"_named_universe": 5, "universe": "u"})) == "5"
-
-
-def test_a_search_that_refers_to_its_manager_is_no_leak(tmp_path: pathlib.Path) -> None:
-    manager = sync.SyncManager(tmp_path, "https://example.com", str)
-    search = Search()
-    search.manager = manager  # type: ignore[attr-defined]
-    manager.register_rotation_search_consumer(search)
-    gone = weakref.ref(search)
-    del manager, search
-    gc.collect()
-    assert gone() is None
 
 
 # A planner of the host's own: everything of kind "feature" whose number divides by the generation.
@@ -240,15 +209,6 @@ class HostPlan:
     candidate_state: HostState
 
 
-@dataclasses.dataclass
-class HostAccounting:
-    eligible_relative_paths: list[str]
-    selected_relative_paths: list[str]
-    skipped_relative_paths: list[str]
-    departed_relative_paths: list[str]
-    missing_active_relative_paths: list[str]
-
-
 class HostRotation:
     """The operations of `_artifact_rotation`; the calls that arrive are kept."""
 
@@ -256,15 +216,7 @@ class HostRotation:
     FULL_DOWNLOAD = object()
     ArtifactRotationSettings = HostSettings
     SelectionScope = HostScope
-
-    class RotationStatePayloadError(Exception):
-        pass
-
-    class ActiveRotationStateError(Exception):
-        pass
-
-    class VocabularyScopeError(Exception):
-        pass
+    RotationStatePayloadError, ActiveRotationStateError = type("PayloadError", (Exception,), {}), type("StateError", (Exception,), {})
 
     def __init__(self) -> None:
         self.described = 0
@@ -310,9 +262,11 @@ class HostRotation:
         return HostState(**{**payload, "active_relative_paths": tuple(payload["active_relative_paths"])})
 
     @staticmethod
-    def rotation_status_accounting(artifacts: Any, state: Any, settings: Any, *, existing_relative_paths: tuple[str, ...]) -> HostAccounting:
+    def rotation_status_accounting(artifacts: Any, state: Any, settings: Any, *, existing_relative_paths: tuple[str, ...]) -> Any:
         assert settings == {"feature_budget_gb": HostRotation.FULL_DOWNLOAD}
-        return HostAccounting(["e"], [], [], [], [path for path in state.active_relative_paths if path not in existing_relative_paths])
+        missing = [path for path in state.active_relative_paths if path not in existing_relative_paths]
+        others = dict.fromkeys(("eligible_relative_paths", "selected_relative_paths", "skipped_relative_paths", "departed_relative_paths"), ())
+        return types.SimpleNamespace(**others, missing_active_relative_paths=missing)
 
     @staticmethod
     def rotation_cleanup_keep_paths(files: dict[str, Any], protected: set[str], *, metadata_relative_paths: tuple[str, ...]) -> set[str]:
@@ -333,7 +287,7 @@ def test_a_planner_of_the_host(manager: sync.SyncManager, server: Any, neighbour
     search = Search()
     manager.register_rotation_search_consumer(search)
     result = manager.sync()
-    assert held(manager) == {f"f{number:02}.arrow" for number in (0, 2, 4, 6, 8, 10)} and result.rotation_seed == 5
+    assert held(manager) == {"f00", "f02", "f04", "f06", "f08", "f10"} and result.rotation_seed == 5
     [(settings, previous, reason)] = host.calls
     assert (settings.artifact_kind, settings.feature_budget_bytes, previous, reason) == ("feature", None, None, "sync")
     assert settings.scope.named_universes == ("us",) and settings.free_disk_bytes > 0
@@ -350,14 +304,14 @@ def test_a_planner_of_the_host(manager: sync.SyncManager, server: Any, neighbour
     status = sync.feature_rotation_status_payload(manager._data_dir, settings_payload={"feature_budget_gb": host.FULL_DOWNLOAD})
     assert status["missing_active_relative_paths"] == ["features/extra.arrow"]
 
-    os.utime(sync.feature_rotation_state_path(manager._data_dir), (0, 0))
+    make_due(manager)
     manager.sync()
-    assert held(manager) == {f"f{number:02}.arrow" for number in (0, 3, 6, 9)} and host.calls[1][1].generation == 2
+    assert held(manager) == {"f00", "f03", "f06", "f09"} and host.calls[1][1].generation == 2
 
     manager._active_rotation_state = dataclasses.replace(manager._active_rotation_state, note="broken")
     with pytest.raises(sync.SyncError, match="^no plan for this$"):
         manager.sync()
-    pathlib.Path(manager._data_dir, STATE).write_text("{}")
+    pathlib.Path(sync.feature_rotation_state_path(manager._data_dir)).write_text("{}")
     with pytest.raises(sync.FeatureRotationStateError, match="another version$"):
         sync.load_feature_rotation_state(manager._data_dir)
 
@@ -394,7 +348,7 @@ def test_settings_of_the_host(manager: sync.SyncManager, server: Any, neighbour:
     dumped = Settings().model_dump()
     assert sync._rotation_frequency_seconds(dumped) == 3600 and sync._rotation_next_at(manager._data_dir, dumped)[1] is False
     assert sync.feature_rotation_status_payload(manager._data_dir, settings_payload=dumped)["next_rotation_due"] is False
-    os.utime(sync.feature_rotation_state_path(manager._data_dir), (0, 0))
+    make_due(manager)
     assert manager._feature_rotation_should_rotate(manager._manifest)
     Settings.feature_budget_gb, Settings.rotation_seed = "FULL_DOWNLOAD", None
     assert manager._plan_feature_rotation_for_manifest(manager._manifest, free_disk_bytes=5)[0].candidate_state.seed == 3, "that of the state"
