@@ -131,24 +131,28 @@ class Holder:
         return "t"
 
 
-def owned_by_a_manager(holder: Holder, directory: pathlib.Path) -> Any:
-    manager = sync.SyncManager.get_or_create(directory, "http://127.0.0.1:1", str)
-    manager.register_era_callback(holder)
-    return manager
-
-
-def owned_by_a_watcher(holder: Holder, _: pathlib.Path) -> Any:
-    return sync.EraThread("http://127.0.0.1:1", holder, holder, 1, holder, holder)
-
-
-@pytest.mark.parametrize("own", [owned_by_a_manager, owned_by_a_watcher])
-def test_no_cycle_through_callbacks_survives(tmp_path: pathlib.Path, own: Callable[..., Any]) -> None:
-    holder = Holder()
-    holder.owner = own(holder, tmp_path)
+@pytest.mark.parametrize(
+    "own",
+    [
+        lambda manager, holder: setattr(manager, "_get_token", holder),
+        lambda manager, holder: setattr(manager, "runtime_freshness_guard", holder),
+        lambda manager, holder: setattr(manager, "_active_rotation_state", holder),
+        lambda manager, holder: manager.register_era_callback(holder),
+        lambda manager, holder: manager.register_rotation_search_consumer(holder),
+        lambda manager, holder: sync.EraThread(manager._server_url, holder, holder, 1, holder, holder),
+    ],
+)
+def test_no_cycle_through_the_host_survives(tmp_path: pathlib.Path, own: Callable[..., Any]) -> None:
+    manager, holder = sync.SyncManager.get_or_create(tmp_path, "http://127.0.0.1:1", str), Holder()
+    holder.owner = own(manager, holder) or manager
     gone = weakref.ref(holder), weakref.ref(holder.owner)
+    del manager
+    gc.collect()
+    assert holder in gc.get_referents(holder.owner), "what is still in use stays"
     del holder
     gc.collect()
     assert [reference() for reference in gone] == [None, None]
+    assert str(tmp_path) not in sync.SyncManager._instances
 
 
 def test_a_running_manager_outlives_its_last_reference_and_a_stopped_one_does_not(tmp_path: pathlib.Path, server: Any) -> None:
