@@ -50,44 +50,33 @@ def test_requests_of_the_host(running: sync.SyncManager, server: Any) -> None:
 
 class Worker:
     def __init__(self) -> None:
-        self.seen: list[tuple[str, int, str]] = []
+        self.seen: list[tuple[str, int, threading.Thread]] = []
+        self.failure: BaseException | None = None
 
     def on_era(self, event_type: str, era_number: int) -> None:
-        self.seen.append((event_type, era_number, threading.current_thread().name))
+        self.seen.append((event_type, era_number, threading.current_thread()))
+        if self.failure:
+            raise self.failure
 
 
 def test_era_callbacks(manager: sync.SyncManager, records: pytest.LogCaptureFixture) -> None:
-    worker, failure = Worker(), KeyError("no")
-
-    def fails(*_: object) -> None:
-        raise failure
-
-    def leaves(*_: object) -> None:
-        manager.unregister_era_callback(leaves)
-        worker.seen.append(("left", 0, ""))
-
-    for callback in (worker.on_era, fails, leaves, worker.on_era):
-        manager.register_era_callback(callback)
+    worker, here = Worker(), threading.current_thread()
+    for _ in range(2):
+        manager.register_era_callback(worker.on_era)
     manager._kill_fn()
     manager._manifest = sync.Manifest({"era_number": 7})
     manager.unregister_era_callback(callback=worker.on_era)  # another object, but an equal one
     manager.unregister_era_callback(print)
+    worker.failure = KeyError("no")
     manager._restart_fn()
-    here = threading.current_thread().name
-    assert worker.seen == [("kill", 0, here), ("left", 0, ""), ("kill", 0, here), ("restart", 7, here)]
-    first, _ = [record for record in records.records if record.levelno == logging.WARNING]
-    assert first.msg == "Era callback failed (%s): %s" and first.args == (str(fails), "'no'")
-    assert first.exc_info is not None and first.exc_info[1] is failure
-
-
-@pytest.mark.parametrize("interrupt", [KeyboardInterrupt, SystemExit])
-def test_an_interrupt_of_a_callback_is_no_failure(manager: sync.SyncManager, interrupt: type[BaseException]) -> None:
-    def raises(*_: object) -> None:
-        raise interrupt
-
-    manager.register_era_callback(raises)
-    with pytest.raises(interrupt):
-        manager._kill_fn()
+    assert worker.seen == [("kill", 0, here), ("kill", 0, here), ("restart", 7, here)]
+    [warning] = [record for record in records.records if record.levelno == logging.WARNING]
+    assert warning.msg == "Era callback failed (%s): %s" and warning.args == (str(worker.on_era), "'no'")
+    assert warning.exc_info is not None and warning.exc_info[1] is worker.failure
+    for interrupt in (KeyboardInterrupt, SystemExit):
+        worker.failure = interrupt()
+        with pytest.raises(interrupt):
+            manager._kill_fn()
 
 
 def test_a_failure_to_start_is_told_in_the_hosts_style(running: sync.SyncManager, neighbour: Callable[..., Any]) -> None:
@@ -158,7 +147,6 @@ def test_no_cycle_through_the_host_survives(tmp_path: pathlib.Path, own: Callabl
 def test_a_running_manager_outlives_its_last_reference_and_a_stopped_one_does_not(tmp_path: pathlib.Path, server: Any) -> None:
     holder = Holder()
     holder.owner = sync.SyncManager.get_or_create(tmp_path, server.url, holder)
-    holder.owner.register_era_callback(lambda *_: holder.owner.consumer_count())
     holder.owner.acquire()
     gone = weakref.ref(holder)
     del holder
@@ -182,12 +170,11 @@ def test_the_last_reference_may_go_in_a_callback(tmp_path: pathlib.Path) -> None
     assert not hasattr(holder, "owner")
 
 
-def count(directory: str) -> int:
-    return len(os.listdir(f"/proc/self/{directory}"))
-
-
 def test_acquire_and_release_leave_nothing_behind(tmp_path: pathlib.Path, server: Any, wait_until: Callable[..., None]) -> None:
     managers: list[weakref.ref[sync.SyncManager]] = []
+
+    def count(directory: str) -> int:
+        return len(os.listdir(f"/proc/self/{directory}"))
 
     def cycle() -> None:
         manager = sync.SyncManager.get_or_create(tmp_path, server.url, str)
