@@ -1,5 +1,6 @@
 """The documents of an era, called by name on records, on a manager, and with the host's own rules for tokens."""
 
+import copy
 import hashlib
 import json
 import pathlib
@@ -15,31 +16,17 @@ INDEX, VOCABULARY, FUNCTIONS = "signals_index.json", "named_universes/us/vocabul
 INDEX_BODY = b'{"era_number": 7, "found_signals": {"e": {"files": ["found_signals/p/e/signal_is/pnl.arrow"]}}}'
 
 
-def digest(body: bytes) -> str:
-    return hashlib.sha256(body).hexdigest()
-
-
-class Record:
-    """A host's own manifest record."""
-
-    def __init__(self, **fields: Any) -> None:
-        self.era_number, self.files, self.signals_index, self.functions = 7, {INDEX: {"kind": "signals_index"}}, None, None
-        self._data = {"files": dict(self.files)}
-        self.__dict__.update(fields)
-
-
-@pytest.mark.parametrize("make", [Record, lambda: sync.Manifest({"era_number": 7, "files": {INDEX: {"kind": "signals_index"}}})], ids=["host", "own"])
-def test_an_index_on_any_record(make: Callable[[], Any], manager: sync.SyncManager, server: Any, tmp_path: pathlib.Path) -> None:
-    record = make()
+@pytest.mark.parametrize("own", [True, False])
+def test_an_index_on_any_record(own: bool, manager: sync.SyncManager, server: Any, tmp_path: pathlib.Path) -> None:
+    data: dict[str, Any] = {"era_number": 7, "files": {INDEX: {"kind": "signals_index"}}}
+    record: Any = sync.Manifest(data) if own else types.SimpleNamespace(**copy.deepcopy(data), signals_index=None, functions=None, _data=data)
     assert sync._manifest_signals_index_path(manifest=record) == INDEX
     sync._validate_signals_index_bytes(body=INDEX_BODY, manifest=record)
     assert record.found_signals == json.loads(INDEX_BODY)["found_signals"] and record.useful_signals == {}
-    with pytest.raises(sync.ManifestError, match="^membership-referenced found PnL file 'found_signals/p/e/signal_is/pnl.arrow' in found_signals has "):
+    with pytest.raises(sync.ManifestError, match="^membership-referenced found PnL file "):
         sync._validate_membership_referenced_found_pnl_kinds(manifest=record)
     sync._apply_manifest_signals_index(manifest=record, index_data={"useful_signals": {"u": 1}})
     assert (record.found_signals, record.useful_signals) == ({}, {"u": 1})
-    with pytest.raises(sync.ManifestError, match="^signals_index.json must contain a JSON object$"):
-        sync._apply_manifest_signals_index(record, object())
     (tmp_path / INDEX).write_bytes(INDEX_BODY)
     assert sync._load_manifest_signals_index(tmp_path / "none", record, fallback_data_dir=tmp_path)
     assert "e" in record.found_signals
@@ -47,14 +34,14 @@ def test_an_index_on_any_record(make: Callable[[], Any], manager: sync.SyncManag
     server.files[INDEX] = INDEX_BODY
     result = sync.SyncResult()
     assert manager._download_signals_index(server_manifest=record, target_data_dir=tmp_path / "staged", result=result)
-    entry = {"kind": "signals_index", "relative_path": INDEX, "sha256": digest(INDEX_BODY), "size_bytes": len(INDEX_BODY)}
+    entry = {"kind": "signals_index", "relative_path": INDEX, "sha256": hashlib.sha256(INDEX_BODY).hexdigest(), "size_bytes": len(INDEX_BODY)}
     assert record.files[INDEX] == record._data["files"][INDEX] == entry and result.bytes_downloaded == len(INDEX_BODY)
     manager._repair_signals_index_manifest_entry(server_manifest=record, file_path=INDEX, body=b"x", reason=None)
     assert record.files[INDEX]["size_bytes"] == 1
-    with pytest.raises(sync.IntegrityError, match="^Refusing to repair vocabulary manifest hash for signals_index.json: expected "):
+    with pytest.raises(sync.IntegrityError, match="^Refusing to repair vocabulary manifest hash for "):
         manager._repair_vocabulary_manifest_entry(record, INDEX, b"yy", sync.IntegrityError("why"))
     manager._repair_vocabulary_manifest_entry(record, INDEX, b"yy", reason="why", allow_sha_mismatch=True)
-    assert record._data["files"][INDEX]["sha256"] == digest(b"yy")
+    assert record._data["files"][INDEX]["sha256"] == hashlib.sha256(b"yy").hexdigest()
 
 
 def test_a_scrub_hands_back_the_same_document_or_a_new_one(tmp_path: pathlib.Path) -> None:
@@ -65,7 +52,7 @@ def test_a_scrub_hands_back_the_same_document_or_a_new_one(tmp_path: pathlib.Pat
     kept, update = scrub(data_dir=tmp_path, manifest_data=data, missing_paths=["found_signals/p/e/signal_is/pnl.arrow"])
     written = (tmp_path / INDEX).read_bytes()
     assert json.loads(written)["found_signals"] == {} and kept["files"]["a"] is data["files"]["a"]
-    assert update == {"relative_path": INDEX, "local_path": str(tmp_path / INDEX), "kind": "signals_index", "sha256": digest(written)}
+    assert update == {"relative_path": INDEX, "local_path": str(tmp_path / INDEX), "kind": "signals_index", "sha256": hashlib.sha256(written).hexdigest()}
 
 
 def test_names_of_tokens_come_one_by_one() -> None:

@@ -297,8 +297,8 @@ def test_a_planner_of_the_host(manager: sync.SyncManager, server: Any, neighbour
 
     described = host.described
     assert not manager.needs_sync() and manager.sync().bytes_downloaded == 0
-    assert host.described == described, "descriptors are made once for a manifest"
-    assert len(host.calls) == 1 and sync.load_feature_rotation_state(manager._data_dir) == state
+    assert (host.described, len(host.calls)) == (described, 1), "descriptors are made once for a manifest"
+    assert sync.load_feature_rotation_state(manager._data_dir) == state
     assert manager.add_active_feature_paths(["features/extra.arrow"])[-1] == "features/extra.arrow"
     assert manager._active_rotation_state == dataclasses.replace(state, active_relative_paths=(*state.active_relative_paths, "features/extra.arrow"))
     status = sync.feature_rotation_status_payload(manager._data_dir, settings_payload={"feature_budget_gb": host.FULL_DOWNLOAD})
