@@ -103,7 +103,7 @@ TEST_F(RotationStateFileTest, aStatusTellsWhatIsMissingAndRefusesAManifestThatIs
     return write_json(feature_rotation_status_payload(*neighbours(), files, clock, directory.path()), JsonForm::InsertionOrder);
   };
   directory.write(FEATURE_ROTATION_STATE_FILENAME, GOOD_STATE);
-  directory.write("manifest.json", write_json(manifest(4, {{"features/a.arrow", "a"}}), JsonForm::InsertionOrder));
+  directory.write("manifest.json", write_json(manifest(4, {{"features/a.arrow", "a"}, {"gone", "b"}}), JsonForm::InsertionOrder));
   EXPECT_THAT(status(), StartsWith(R"({"state": "incomplete", "manifest_available": true, "era_number": 7, "manifest_version": 4, )"));
   directory.write("manifest.json", "[]");
   EXPECT_EQ(failure_of([&] { return status(); }),
