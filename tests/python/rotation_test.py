@@ -284,6 +284,12 @@ def test_a_planner_of_the_host(manager: sync.SyncManager, server: Any, neighbour
     publish(server)
     host = HostRotation()
     host.install(neighbour)
+    features = server.entries.copy()
+    server.entries["features/us/signal_is/f00.arrow"] = {**features["features/us/signal_is/f00.arrow"], "size_bytes": 10**30}
+    with pytest.raises(sync.DiskSpaceError, match=r"^Insufficient disk space: need 10{26}\d{4} bytes, have "):
+        manager.sync()
+    server.entries = features
+    host.calls.clear()
     search = Search()
     manager.register_rotation_search_consumer(search)
     result = manager.sync()
@@ -314,14 +320,6 @@ def test_a_planner_of_the_host(manager: sync.SyncManager, server: Any, neighbour
     pathlib.Path(sync.feature_rotation_state_path(manager._data_dir)).write_text("{}")
     with pytest.raises(sync.FeatureRotationStateError, match="another version$"):
         sync.load_feature_rotation_state(manager._data_dir)
-
-
-def test_what_a_planner_selects_must_fit_the_disk(manager: sync.SyncManager, server: Any, neighbour: Callable[..., Any]) -> None:
-    publish(server, 1)
-    server.entries["features/us/signal_is/f00.arrow"]["size_bytes"] = 10**30
-    HostRotation().install(neighbour)
-    with pytest.raises(sync.DiskSpaceError, match=r"^Insufficient disk space: need 10{27}\d{3} bytes, have "):
-        manager.sync()
 
 
 def test_settings_of_the_host(manager: sync.SyncManager, server: Any, neighbour: Callable[..., Any]) -> None:

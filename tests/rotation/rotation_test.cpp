@@ -27,11 +27,9 @@ struct Search : RotationSearchConsumer {
   bool is(const RotationSearchConsumer& other) const noexcept override { return this == &other; }
   SearchRefresh refresh_rotation_scope() const override {
     if (!callable) return nullptr;
-    return [this](const RotationStateRef& state, const ScopedVocabulary& vocabulary) {
+    return [this](const RotationStateRef& state, const ScopedVocabulary&) {
       told.push_back(state);
-      vocabularies.push_back(vocabulary.document);
-      if (look) look();
-      if (failure) throw *failure;
+      look();
     };
   }
   std::optional<std::string> attribute(const char* name) const override {
@@ -41,9 +39,7 @@ struct Search : RotationSearchConsumer {
   bool callable = true;
   std::map<std::string, std::string> attributes;
   std::function<void()> look;
-  std::optional<Error> failure;
   mutable std::vector<RotationStateRef> told;
-  mutable std::vector<Document> vocabularies;
 };
 
 class RotationTest : public testing::Test, protected SyncSetup {
@@ -141,9 +137,12 @@ TEST_F(RotationTest, theDiskIsCheckedBeforeAnythingIsFetched) {
   };
   const char* const too_large = "MandatoryArtifactsTooLargeError: ";
   const Row rows[] = {
-      {501, {}, 1000, too_large}, {500, 501, 1000, "DiskSpaceError: Insufficient disk space: need 1001 bytes, have 1000 bytes available"},
-      {500, 500, 1000, ""},       {500, {}, 1001, ""},
-      {501, 0, 1001, too_large},  {Value::integer_from_decimal("99999999999999999999"), 0, 1000, too_large}};
+      {501, {}, 1000, too_large},
+      {500, 501, 1000, "DiskSpaceError: Insufficient disk space: need 1001 bytes, have 1000 bytes available"},
+      {500, 500, 1000, ""},
+      {501, 0, 1001, too_large},
+      {Value::integer_from_decimal("99999999999999999999"), 0, 1000, too_large},
+  };
   for (const Row& row : rows) {
     RotationSelection selection;
     selection.mandatory_bytes = row.mandatory;
@@ -190,9 +189,8 @@ TEST_F(RotationTest, searchesAreToldOnceTheStateIsWrittenAndTheRestDeleted) {
   static_cast<void>(manager->sync());
   ASSERT_THAT(search->told, SizeIs(1));
   EXPECT_TRUE(equal_states(search->told[0], manager->_active_rotation_state.get()));
-  EXPECT_EQ(search->vocabularies[0].get("named_universe"), Value("us"));
 
-  search->failure = SyncError("the search is gone");
+  search->look = [] { throw SyncError("the search is gone"); };
   EXPECT_EQ(failure_of([&] { return manager->sync(); }), "SyncError: the search is gone");
   manager->unregister_rotation_search_consumer(*search);
   manager->unregister_rotation_search_consumer(*search);
