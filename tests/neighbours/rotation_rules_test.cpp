@@ -11,8 +11,6 @@
 namespace brackenfen::sync {
 namespace {
 
-using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::UnorderedElementsAre;
 
 const ArtifactRotation& rotation() { return ArtifactRotation::builtin(); }

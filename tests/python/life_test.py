@@ -5,12 +5,11 @@ import os
 import pathlib
 import signal
 import time
+from collections.abc import Callable
 from typing import Any
 
 import brackenfen.sync as sync
 import pytest
-
-REPEATS = 5
 
 # Programs start with this: a manager of the directory and server given, and ways to block in the library.
 PROLOGUE = """
@@ -44,10 +43,16 @@ def stalled(server: Any) -> Any:
     return server
 
 
-def assert_quiet_ends(program: Any, source: str, directory: pathlib.Path, server: Any, expected: int = 0, repeats: int = REPEATS) -> None:
-    for _ in range(repeats):
-        code, _, err, seconds = program(source, str(directory), server.url).finish()
-        assert (code, err) == (expected, "") and seconds < 4
+@pytest.fixture
+def ends_quietly(program: Any, stalled: Any, tmp_path: pathlib.Path) -> Callable[..., None]:
+    """ends_quietly(source, code): so does a program of that source after the prologue, again and again."""
+
+    def check(source: str, expected: int = 0, repeats: int = 5) -> None:
+        for _ in range(repeats):
+            code, _, err, seconds = program(PROLOGUE + source, str(tmp_path), stalled.url).finish()
+            assert (code, err) == (expected, "") and seconds < 4
+
+    return check
 
 
 BLOCKED = ["download", "batch", "fetch", "outage", "away", "lock", "audit"]
@@ -76,8 +81,8 @@ manager._acquire_flock(); manager._release_flock()
     assert float(out) - sent < 0.2
 
 
-def test_a_signal_handlers_own_exception_comes_out(program: Any, stalled: Any, tmp_path: pathlib.Path) -> None:
-    source = PROLOGUE + """
+def test_a_signal_handlers_own_exception_comes_out(ends_quietly: Callable[..., None]) -> None:
+    ends_quietly("""
 class Late(Exception): pass
 late = Late()
 def handler(*_): raise late
@@ -86,14 +91,13 @@ signal.setitimer(signal.ITIMER_REAL, 0.2)
 try: download()
 except Late as error: assert error is late and error.__traceback__ is not None
 else: raise SystemExit("not raised")
-"""
-    assert_quiet_ends(program, source, tmp_path, stalled)
+""")
 
 
 @pytest.mark.parametrize("daemon", [True, False], ids=["daemon", "joined"])
 @pytest.mark.parametrize("where", BLOCKED)
-def test_exit_with_blocked_threads(program: Any, stalled: Any, tmp_path: pathlib.Path, where: str, daemon: bool) -> None:
-    source = PROLOGUE + f"""
+def test_exit_with_blocked_threads(ends_quietly: Callable[..., None], where: str, daemon: bool) -> None:
+    source = f"""
 import atexit
 if "{where}" == "lock": manager._acquire_flock()
 def seen():
@@ -110,13 +114,13 @@ def late():
 atexit.register(late)
 sys.exit(7)
 """
-    assert_quiet_ends(program, source, tmp_path, stalled, 7)
+    ends_quietly(source, 7)
 
 
 @pytest.mark.parametrize("where", ["conversion", "caller", "worker", "poll_thread"])
-def test_exit_with_threads_in_code_of_the_host(program: Any, stalled: Any, tmp_path: pathlib.Path, where: str) -> None:
+def test_exit_with_threads_in_code_of_the_host(ends_quietly: Callable[..., None], where: str) -> None:
     """Finalisation ends these threads while frames of the library lie under the host's code on their stacks."""
-    source = PROLOGUE + f"""
+    source = f"""
 import logging
 class Lingering:  # time for the threads to ask for the interpreter after finalisation has begun
     def __del__(self, sleep=time.sleep): sleep(0.2)
@@ -139,11 +143,11 @@ else: threading.Thread(target={where}, daemon=True).start()
 if not inside.wait(10): raise SystemExit("nothing was called")
 sys.exit(7)
 """
-    assert_quiet_ends(program, source, tmp_path, stalled, 7, repeats=1)
+    ends_quietly(source, 7, repeats=1)
 
 
-def test_a_forked_child_builds_its_own_manager(program: Any, stalled: Any, tmp_path: pathlib.Path) -> None:
-    source = PROLOGUE + """
+def test_a_forked_child_builds_its_own_manager(ends_quietly: Callable[..., None]) -> None:
+    ends_quietly("""
 import fcntl, warnings
 warnings.simplefilter("ignore", DeprecationWarning)  # of fork in a threaded process
 manager._acquire_flock()
@@ -174,8 +178,7 @@ assert os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) == 0
 assert not free()
 manager._release_flock()
 assert free()
-"""
-    assert_quiet_ends(program, source, tmp_path, stalled)
+""")
 
 
 def resident_kb() -> int:

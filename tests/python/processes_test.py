@@ -18,7 +18,6 @@ from collections.abc import Callable, Iterator
 from typing import Any
 
 import brackenfen.sync as sync
-import pytest
 
 SECONDS = float(os.environ.get("BRACKENFEN_STRESS_SECONDS", "6"))
 PROCESSES = 8

@@ -2,7 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <functional>
+#include <map>
 #include <set>
 
 #include "sync/neighbours/rotation_settings.hpp"
