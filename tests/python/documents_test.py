@@ -23,7 +23,7 @@ def test_an_index_on_any_record(own: bool, manager: sync.SyncManager, server: An
     assert sync._manifest_signals_index_path(manifest=record) == INDEX
     sync._validate_signals_index_bytes(body=INDEX_BODY, manifest=record)
     assert record.found_signals == json.loads(INDEX_BODY)["found_signals"] and record.useful_signals == {}
-    with pytest.raises(sync.ManifestError, match="^membership-referenced found PnL file "):
+    with pytest.raises(sync.ManifestError, match="^membership-referenced found PnL file 'found_signals/p/e/signal_is/pnl.arrow' in found_signals has "):
         sync._validate_membership_referenced_found_pnl_kinds(manifest=record)
     sync._apply_manifest_signals_index(manifest=record, index_data={"useful_signals": {"u": 1}})
     assert (record.found_signals, record.useful_signals) == ({}, {"u": 1})
@@ -38,7 +38,7 @@ def test_an_index_on_any_record(own: bool, manager: sync.SyncManager, server: An
     assert record.files[INDEX] == record._data["files"][INDEX] == entry and result.bytes_downloaded == len(INDEX_BODY)
     manager._repair_signals_index_manifest_entry(server_manifest=record, file_path=INDEX, body=b"x", reason=None)
     assert record.files[INDEX]["size_bytes"] == 1
-    with pytest.raises(sync.IntegrityError, match="^Refusing to repair vocabulary manifest hash for "):
+    with pytest.raises(sync.IntegrityError, match="^Refusing to repair vocabulary manifest hash for signals_index.json: expected "):
         manager._repair_vocabulary_manifest_entry(record, INDEX, b"yy", sync.IntegrityError("why"))
     manager._repair_vocabulary_manifest_entry(record, INDEX, b"yy", reason="why", allow_sha_mismatch=True)
     assert record._data["files"][INDEX]["sha256"] == hashlib.sha256(b"yy").hexdigest()

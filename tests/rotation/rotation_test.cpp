@@ -138,11 +138,9 @@ TEST_F(RotationTest, theDiskIsCheckedBeforeAnythingIsFetched) {
   };
   const char* const too_large = "MandatoryArtifactsTooLargeError: ";
   const Row rows[] = {
-      {501, {}, 1000, too_large},
-      {500, 501, 1000, "DiskSpaceError: Insufficient disk space: need 1001 bytes, have 1000 bytes available"},
-      {500, 500, 1000, ""},
-      {501, 0, 1001, too_large},
-      {Value::integer_from_decimal("99999999999999999999"), 0, 1000, too_large},
+      {501, {}, 1000, too_large}, {500, 501, 1000, "DiskSpaceError: Insufficient disk space: need 1001 bytes, have 1000 bytes available"},
+      {500, 500, 1000, ""},       {500, {}, 1001, ""},
+      {501, 0, 1001, too_large},  {Value::integer_from_decimal("99999999999999999999"), 0, 1000, too_large},
   };
   for (const Row& row : rows) {
     RotationSelection selection;
