@@ -129,8 +129,7 @@ void SyncManager::Pass::fetch_manifest() {
 
   const Value* version = sanitised.find("version");
   manager_._missing_found_pnl.begin_version(version ? to_integer_or_absent(*version).value_or(Value()) : Value(0));
-  server_data_ = _drop_missing_found_pnl_paths(sanitised, manager_._missing_found_pnl.paths());
-  server_ = std::make_shared<Manifest>(*neighbours_, Value(server_data_));
+  server_ = std::make_shared<Manifest>(*neighbours_, Value(_drop_missing_found_pnl_paths(sanitised, manager_._missing_found_pnl.paths())));
 }
 
 void SyncManager::Pass::refuse_another_era() const {
@@ -258,20 +257,22 @@ bool SyncManager::Pass::download() {
   }
 }
 
-void SyncManager::Pass::land_documents() {
-  manager_._download_signals_index(*neighbours_, *server_, std::nullopt, &result_);
+void SyncManager::Pass::settle_signals_index() {
   const std::set<std::string> missing = manager_._missing_found_pnl.paths();
-  server_data_ = _drop_missing_found_pnl_paths(server_->data(), missing);
-  auto [scrubbed_data, update] =
-      _scrub_missing_found_pnl_paths_from_signals_index(*manager_.seams_.files, *manager_.seams_.clock, data_dir_, server_data_, missing);
-  server_data_ = std::move(scrubbed_data);
+  const auto [server_data, update] = _scrub_missing_found_pnl_paths_from_signals_index(
+      *manager_.seams_.files, *manager_.seams_.clock, data_dir_, _drop_missing_found_pnl_paths(server_->data(), missing), missing);
   if (update) {
     if (const auto guard = manager_.runtime_freshness_guard.get())
       guard->record_sync_update(update->relative_path, update->kind, update->sha256);
     manager_._hash_cache._remember_local_sha(update->relative_path, update->local_path, update->sha256);
   }
-  if (!server_data_.same_as(server_->data())) server_ = std::make_shared<Manifest>(*neighbours_, Value(server_data_));
+  if (!server_data.same_as(server_->data())) server_ = std::make_shared<Manifest>(*neighbours_, Value(server_data));
   _load_manifest_signals_index(data_dir_, *server_);
+}
+
+void SyncManager::Pass::land_documents() {
+  manager_._download_signals_index(*neighbours_, *server_, std::nullopt, &result_);
+  settle_signals_index();
 
   const EraConfig& era_config = neighbours_->era_config();
   result_.useful_signals_downloaded = count_groups(era_config, Value(files_to_download_), "useful_signals/");

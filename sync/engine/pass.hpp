@@ -56,6 +56,8 @@ class SyncManager::Pass {
   void require_active_files(const RotationSelection& selection, const Value& files);
 
   // Used by both.
+  /// Takes artifacts that storage has lost out of the local index and the manifest, and applies the index.
+  void settle_signals_index();
   [[nodiscard]] PlannedRotation plan_for(Manifest& manifest, bool force_new_candidate);
   /// Vocabularies have a stage of their own, where their bytes are validated; excluded files never land.
   [[nodiscard]] bool is_checked_elsewhere(const Text& file_path, const Value& file_info);
@@ -73,7 +75,6 @@ class SyncManager::Pass {
   const std::string data_dir_;
   const std::shared_ptr<Manifest> local_;  ///< the manifest committed before this pass; null for none
 
-  Document server_data_;
   std::shared_ptr<Manifest> server_;
   std::int64_t free_bytes_ = 0;  ///< taken once, before the download set is known
   bool same_version_ = false;

@@ -108,7 +108,7 @@ std::optional<SyncResult> SyncManager::Pass::end_on_same_version() {
     if (vocabulary_needs_repair || !manager_._vocabulary.get()) use_vocabularies(valid_vocabularies(*server_));
     add_vocabulary_metadata(result);
   }
-  _load_manifest_signals_index(data_dir_, *server_);
+  settle_signals_index();  // a loss may have been found out at this very version, by the run before
   manager_._manifest.set(server_);
   _write_manifest_json(*manager_.seams_.files, *manager_.seams_.clock, data_dir_, server_->data());
   promote_rotation(server_);

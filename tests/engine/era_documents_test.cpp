@@ -99,6 +99,12 @@ TEST_F(EraDocumentsTest, aLostArtifactLeavesIndexAndManifestInAgreement) {
   static_cast<void>(manager->sync());
   EXPECT_EQ(directory.read(INDEX), index.content) << "a new version gets a fresh try at every file";
   EXPECT_EQ(directory.read(LOST_PNL.path), LOST_PNL.content);
+
+  server.script(data_path(LOST_PNL.path), {{.status = 404}});
+  files.unlink(directory / LOST_PNL.path);
+  static_cast<void>(manager->sync());
+  EXPECT_EQ(directory.read(INDEX), written) << "also where the loss shows at a version that is here already";
+  EXPECT_EQ(committed_entry(INDEX).get("sha256"), Value(_sha256(written)));
 }
 
 TEST_F(EraDocumentsTest, aBadIndexNeverReplacesAGoodOne) {
