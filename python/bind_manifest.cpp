@@ -157,7 +157,7 @@ std::shared_ptr<Manifest> manifest_argument(nb::handle object) {
   if (nb::isinstance<ManifestObject>(object)) return nb::cast<const ManifestObject&>(object).record;
   Document data;
   for (const char* field : {"era_number", "version", "base_url", "pnl_column_count", "signals_index", "functions"}) {
-    if (Value value = attribute_of(object, field); !value.is_null()) data = data.with(field, std::move(value));
+    if (nb::hasattr(object, field)) data = data.with(field, attribute_of(object, field));
   }
   data = data.with("files", files_of(object));
   const Value whole = attribute_of(object, "_data");
@@ -190,11 +190,13 @@ void ManifestInOut::give_back_entries() const {
   const Value files = record_->files();
   if (nb::isinstance<ManifestObject>(object_) || files.same_as(files_before_)) return;
   const auto set_entry = [](nb::object mapping, const Member& member) { mapping[to_python(member.key)] = to_python(member.value); };
+  const auto is_mutable_mapping = [](nb::handle object) { return nb::hasattr(object, "setdefault"); };
   for (const Member& member : *files.if_document()) {
     if (files_before_.is_document() && member.value.same_as(files_before_.if_document()->get(member.key))) continue;
     set_entry(object_.attr("files"), member);
     const nb::object data = nb::getattr(object_, "_data", nb::none());
-    if (!data.is_none()) set_entry(data.attr("setdefault")("files", nb::dict()), member);
+    if (!is_mutable_mapping(data)) continue;
+    if (const nb::object listed = data.attr("setdefault")("files", nb::dict()); is_mutable_mapping(listed)) set_entry(listed, member);
   }
 }
 
