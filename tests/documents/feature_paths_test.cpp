@@ -7,32 +7,17 @@ namespace {
 
 const EraConfig& era_config() { return EraConfig::builtin(); }
 
-TEST(FeaturePaths, strategyInAnyLetterCasePicksItsEpoch) {
-  const std::pair<Value, const char*> rows[] = {
-      {"SIGNAL", "signal_is"}, {"my_STRATEGY_2", "strategy_is"},  {"", "signal_is"}, {nullptr, "signal_is"},
-      {5, "signal_is"},        {List{"Strategy"}, "strategy_is"},
-  };
-  for (const auto& [expression_type, epoch] : rows) EXPECT_EQ(_feature_epoch_for_expression_type(era_config(), expression_type), epoch);
-}
-
-struct LookUp {
-  const char* name;
-  const char* files;
-  Value feature, expression_type, universe;
-  std::optional<std::string> path;
-};
-
 TEST(FeaturePaths, findAFeatureByName) {
   const char* scoped_and_not =
       R"({"features/us/signal_is/f.arrow": {}, "features/signal_is/f.arrow": {}, "features/us/strategy_is/f.arrow": {}})";
   const char* deep = R"({"features/signal_is/deep/er/f.arrow": {}, "features/eu/x/signal_is/f.arrow": {}})";
-  const LookUp rows[] = {
+  const std::tuple<const char*, const char*, const char*, const char*, Value, std::optional<std::string>> rows[] = {
       {"ownUniverse", scoped_and_not, " f ", "SIGNAL", " us ", "features/us/signal_is/f.arrow"},
       {"otherUniverseIsNoFallBack", scoped_and_not, "f", "SIGNAL", "eu", std::nullopt},
       {"otherEpochIsNoOtherUniverse", R"({"features/us/strategy_is/f.arrow": {}, "features/signal_is/f.arrow": {}})", "f", "SIGNAL", "eu",
        "features/signal_is/f.arrow"},
       {"unscopedBeforeScoped", scoped_and_not, "f", "SIGNAL", nullptr, "features/signal_is/f.arrow"},
-      {"strategyEpoch", scoped_and_not, "f", "a strategy", nullptr, "features/us/strategy_is/f.arrow"},
+      {"strategyEpoch", scoped_and_not, "f", "a STRATEGY", nullptr, "features/us/strategy_is/f.arrow"},
       {"firstOfTheManifestWins", deep, "f", "SIGNAL", "  ", "features/signal_is/deep/er/f.arrow"},
       {"deepScopeCountsAsAnotherUniverse", deep, "f", "SIGNAL", "us", std::nullopt},
       {"entryMustBeADocument", R"({"features/us/signal_is/f.arrow": 1, "features/signal_is/f.arrow": null})", "f", "SIGNAL", "eu",
@@ -40,10 +25,8 @@ TEST(FeaturePaths, findAFeatureByName) {
       {"wholeFileName", R"({"features/signal_is/xf.arrow": {}})", "f", "SIGNAL", nullptr, std::nullopt},
       {"blankName", scoped_and_not, " ", "SIGNAL", nullptr, std::nullopt},
   };
-  for (const LookUp& row : rows) {
-    SCOPED_TRACE(row.name);
-    EXPECT_EQ(_manifest_feature_relative_path(era_config(), parse_json(row.files), row.feature, row.expression_type, row.universe),
-              row.path);
+  for (const auto& [name, files, feature, expression_type, universe, path] : rows) {
+    EXPECT_EQ(_manifest_feature_relative_path(era_config(), parse_json(files), feature, expression_type, universe), path) << name;
   }
 }
 

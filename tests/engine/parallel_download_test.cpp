@@ -19,19 +19,15 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::StartsWith;
 
-/// Ends waits, as a host does, on the threads that `concerns` picks, once `raised`.
+/// Ends every wait, as the exit of the host does, once `raised`.
 class HostInterrupt : public InterruptSource {
  public:
-  explicit HostInterrupt(bool only_this_thread) : only_this_thread_(only_this_thread) { set_interrupt_source(this); }
+  HostInterrupt() { set_interrupt_source(this); }
   ~HostInterrupt() override { set_interrupt_source(nullptr); }
   void check() override {
-    if (raised && (!only_this_thread_ || std::this_thread::get_id() == owner_)) throw Interrupted{std::make_shared<int>(1)};
+    if (raised) throw Interrupted{std::make_shared<int>(1)};
   }
   std::atomic<bool> raised{false};
-
- private:
-  const bool only_this_thread_;
-  const std::thread::id owner_ = std::this_thread::get_id();
 };
 
 /// Remembers on which threads it was asked.
@@ -72,10 +68,10 @@ class ParallelDownloadTest : public testing::Test, protected SyncSetup {
 };
 
 TEST_F(ParallelDownloadTest, oneFailureLetsTheOthersFinish) {
+  environment.set("BRACKENFEN_SYNC_MAX_CONCURRENCY", "3");
   plan({"a", "b"});
   plan({"lost"}, Reply{.status = 404});
   plan({"c", "d", "e"});
-  environment.set("BRACKENFEN_SYNC_MAX_CONCURRENCY", "3");
   EXPECT_EQ(run(), "PermanentDownloadError: Download failed for lost: HTTP 404");
   EXPECT_EQ(result.features_downloaded, 5);
   EXPECT_EQ(result.bytes_downloaded, static_cast<std::int64_t>(5 * file("a").content.size()));
@@ -109,71 +105,27 @@ TEST_F(ParallelDownloadTest, aNewerManifestEndsTheWholeBatch) {
 }
 
 TEST_F(ParallelDownloadTest, theDeadlineNamesWhatIsPending) {
-  struct Row {
-    std::vector<std::string> stalled;
-    const char* failure;
-  };
-  const Row rows[] = {
+  const std::pair<std::vector<std::string>, const char*> rows[] = {
       {{"p1", "p2", "p3", "p4", "p5"}, "SyncError: Timed out after 10.0s in parallel download with 5 file(s) pending: p1, p2, p3, ..."},
       {{"p1", "p2", "p3"}, "SyncError: Timed out after 10.0s in parallel download with 3 file(s) pending: p1, p2, p3"},
   };
   environment.set("BRACKENFEN_SYNC_PARALLEL_TIMEOUT_SECONDS", "10");
   environment.set("BRACKENFEN_SYNC_MAX_CONCURRENCY", "4");
-  HostInterrupt exit_of_the_process(false);
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.failure);
+  HostInterrupt exit_of_the_process;
+  for (const auto& [stalled, failure] : rows) {
     planned = Document();
-    plan(row.stalled, Reply{.delay = milliseconds(60'000)});
+    plan(stalled, Reply{.delay = milliseconds(60'000)});
     const std::size_t asked_before = requests("/data/files/p2");
     std::thread time([&] {
       while (requests("/data/files/p2") == asked_before) std::this_thread::yield();
       clock.advance(11);
     });
-    EXPECT_EQ(run(), row.failure);
+    EXPECT_EQ(run(), failure);
     time.join();
     exit_of_the_process.raised = true;  // nothing else ends the workers left behind
     EXPECT_TRUE(wait_for_worker_threads(milliseconds(2000)));
     exit_of_the_process.raised = false;
   }
-}
-
-TEST_F(ParallelDownloadTest, theCallersStopEndsSleepingWorkersAndTheQueue) {
-  for (int number = 0; number < 200; ++number) plan({std::to_string(number)}, Reply{.status = 503});
-  std::atomic<int> asked{0};
-  BackoffContext context;
-  context.surface = "the caller's";
-  context.stop_requested = [&]() -> bool {
-    if (++asked < 5) throw SyncError("a broken callback never stops anything");
-    return true;
-  };
-  const auto entered = SyncBackoff::builtin().enter_context(context);
-  EXPECT_THAT(run(), StartsWith("SyncBackoffCancelled"));
-  EXPECT_EQ(log.events("sync_backoff_wait").front().get("surface"), Value("the caller's"));
-  EXPECT_EQ(requests("/data/files/8"), 0U) << "not one more attempt of any file that was still queued";
-}
-
-TEST_F(ParallelDownloadTest, anInterruptEndsEveryRequestSoon) {
-  environment.set("BRACKENFEN_SYNC_MAX_CONCURRENCY", "2");
-  plan({"a", "b", "c"}, Reply{.delay = milliseconds(60'000)});
-  HostInterrupt interrupt(true);
-  std::chrono::steady_clock::time_point raised_at;
-  std::thread user([&] {
-    while (requests("/data/files/b") == 0) std::this_thread::yield();
-    raised_at = std::chrono::steady_clock::now();
-    interrupt.raised = true;
-  });
-  bool interrupted = false;
-  try {
-    static_cast<void>(run());
-  } catch (const Interrupted& what) {
-    interrupted = what.origin != nullptr;
-  }
-  const auto latency = std::chrono::steady_clock::now() - raised_at;
-  user.join();
-  EXPECT_TRUE(interrupted) << "with what the host wants raised";
-  EXPECT_LT(latency, milliseconds(500));  // 200 ms on an idle machine
-  EXPECT_EQ(requests("/data/files/c"), 0U);
-  EXPECT_TRUE(wait_for_worker_threads(milliseconds(1000)));
 }
 
 TEST_F(ParallelDownloadTest, keysOfOneFileNeverShareItsStagingFile) {

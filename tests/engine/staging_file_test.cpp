@@ -59,17 +59,5 @@ TEST_F(StagingFileTest, goesBackToWhereAResponseBeganHoweverMuchOfItWasWritten) 
   }
 }
 
-TEST_F(StagingFileTest, aRepeatedAttemptForgetsTheOneBefore) {
-  directory.write("file.tmp", "prefix");
-  staging.open();
-  staging.expect(1'000'000, 1'000'000);
-  respond(206, LARGE);
-  staging.roll_back();
-  respond(206, "-rest");
-  staging.flush();
-  EXPECT_EQ(content(), "prefix-rest");
-  EXPECT_EQ(staging.hex_digest(), _sha256("prefix-rest"));
-}
-
 }  // namespace
 }  // namespace brackenfen::sync

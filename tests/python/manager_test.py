@@ -1,8 +1,10 @@
 """SyncManager: construction, its fields, and passes against a server."""
 
 import itertools
+import json
 import pathlib
 import threading
+import time
 import types
 from typing import Any
 
@@ -130,6 +132,32 @@ def test_a_download_with_every_argument(manager: sync.SyncManager, server: Any, 
     assert len(waits) == 1 and (result.bytes_downloaded, result.features_downloaded) == (4, 1) and (tmp_path / "staging/f").exists()
     with pytest.raises(sync.IntegrityError):
         manager._download_file("f", {"sha256": "00", "size_bytes": 1}, result, retry_checksum_mismatch=False)
+
+
+def test_a_stop_of_the_host_ends_every_worker_of_an_outage(manager: sync.SyncManager, server: Any, wait_until: Any) -> None:
+    for number in range(200):
+        server.add(f"f{number}", b"x" * number)
+        server.answers[f"/data/files/f{number}"] = (503, b'{"error": "DOWN"}')
+    stop, stopped_at = threading.Event(), 0.0
+
+    def run() -> None:
+        nonlocal stopped_at
+        with sync.backoff_context(data_dir=manager._data_dir, surface="host", stop_requested=lambda: stop.is_set() or 1 / 0):  # a failing one stops nobody
+            with pytest.raises(sync.SyncBackoffCancelled):
+                manager.sync()
+        stopped_at = time.monotonic()
+
+    host = threading.Thread(target=run)
+    host.start()
+    wait_until(lambda: len({path for path, _ in server.requests if path.startswith("/data/files/")}) == 8)
+    progress = json.loads(pathlib.Path(manager._data_dir, "sync-progress.json").read_text())
+    stop.set()
+    asked_at = time.monotonic()
+    host.join()
+    assert stopped_at - asked_at < 1
+    assert len({path for path, _ in server.requests if path.startswith("/data/files/")}) == 8  # what was queued never begins
+    assert {f"f{number}" for number in range(200)} <= set(progress["files"])
+    assert (progress["phase"], progress["backoff"]["surface"]) == ("backoff", "host")
 
 
 def test_requests_and_probes(manager: sync.SyncManager, server: Any) -> None:

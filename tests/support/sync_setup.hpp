@@ -26,6 +26,9 @@ struct PublishedFile {
   std::string content;
   std::string kind = "feature";
 
+  /// Where the server has it.
+  [[nodiscard]] std::string url_path() const { return "/data/files/" + path; }
+
   [[nodiscard]] Document entry() const { return {{"kind", kind}, {"size_bytes", content.size()}, {"sha256", _sha256(content)}}; }
 };
 
@@ -98,6 +101,21 @@ class SyncSetup {
     return asked;
   }
   [[nodiscard]] std::size_t requests(const std::string& path) const { return server.requests(path).size(); }
+  /// The paths asked for since the call before, or since synced().
+  [[nodiscard]] std::vector<std::string> asked() {
+    std::vector<std::string> paths;
+    for (const std::vector<LoggedRequest> all = server.requests(); earlier_ < all.size(); ++earlier_) paths.push_back(all[earlier_].path);
+    return paths;
+  }
+  /// A manager in step with version 1 of these files.
+  [[nodiscard]] std::shared_ptr<SyncManager> synced(const std::vector<PublishedFile>& published) {
+    publish(1, published);
+    auto manager = open();
+    static_cast<void>(manager->sync());
+    static_cast<void>(asked());
+    return manager;
+  }
+  [[nodiscard]] std::vector<std::string> warnings() const { return log.messages(LogLevel::Warning); }
 
   TemporaryDirectory directory;
   FakeClock clock;
@@ -107,6 +125,9 @@ class SyncSetup {
   ScriptedServer server;
   std::shared_ptr<TokenSource> token_source = fixed_token("token");
   std::shared_ptr<RuntimeFreshnessGuard> guard;
+
+ private:
+  std::size_t earlier_ = 0;
 };
 
 }  // namespace brackenfen::sync
