@@ -36,9 +36,18 @@ bool BackgroundThread::is_alive() const noexcept { return alive_ && fork_generat
 
 bool BackgroundThread::is_current() const noexcept { return ThreadWork::current().is_part_of(work_); }
 
-void BackgroundThread::join(Clock& clock, double timeout_seconds) {
+void BackgroundThread::join(Clock& clock, double timeout_seconds, Patience patience) {
   if (is_current()) throw RuntimeError("cannot join current thread");
-  if (is_alive()) ended_.wait(clock, timeout_seconds);
+  const double end = clock.monotonic_seconds() + timeout_seconds;
+  try {
+    for (int slice = 0; is_alive(); ++slice) {
+      const double left_seconds = end - clock.monotonic_seconds();
+      if (!(left_seconds > 0.0)) return;
+      const WorkWait wait(work_, patience, slice);
+      if (ended_.wait_slice(left_seconds)) return;
+    }
+  } catch (const WouldWaitForItself&) {  // as when the time is up
+  }
 }
 
 }  // namespace brackenfen::sync

@@ -23,8 +23,10 @@ class BackgroundThread : public std::enable_shared_from_this<BackgroundThread> {
   [[nodiscard]] bool is_alive() const noexcept;
   /// Whether the caller is this thread, or a worker of what runs on it.
   [[nodiscard]] bool is_current() const noexcept;
-  /// Waits at most `timeout_seconds` for the end. Throws RuntimeError "cannot join current thread", and Interrupted.
-  void join(Clock& clock, double timeout_seconds);
+  /// Waits at most `timeout_seconds` for the end; no longer, either, than the thread itself waits for work that the
+  /// caller is part of. With no `patience` that is seen at once, and else given a little time to be refused there.
+  /// Throws RuntimeError "cannot join current thread", and Interrupted.
+  void join(Clock& clock, double timeout_seconds, Patience patience = Patience::Long);
 
  private:
   std::atomic<bool> alive_{false};

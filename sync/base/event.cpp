@@ -26,14 +26,20 @@ bool Event::is_set() const {
 bool Event::wait(Clock& clock, double timeout_seconds) {
   const double end = clock.monotonic_seconds() + timeout_seconds;
   for (;;) {
-    const std::chrono::duration<double> left(end - clock.monotonic_seconds());
-    {
-      std::unique_lock lock(mutex_);
-      if (set_ || !(left.count() > 0.0)) return set_;
-      if (changed_.wait_for(lock, std::min<std::chrono::duration<double>>(left, INTERRUPT_SLICE), [this] { return set_; })) return true;
-    }
-    check_interrupt();
+    const double left_seconds = end - clock.monotonic_seconds();
+    if (!(left_seconds > 0.0)) return is_set();
+    if (wait_slice(left_seconds)) return true;
   }
+}
+
+bool Event::wait_slice(double longest_seconds) {
+  {
+    const auto slice = std::min<std::chrono::duration<double>>(std::chrono::duration<double>(longest_seconds), INTERRUPT_SLICE);
+    std::unique_lock lock(mutex_);
+    if (changed_.wait_for(lock, slice, [this] { return set_; })) return true;
+  }
+  check_interrupt();
+  return false;
 }
 
 }  // namespace brackenfen::sync

@@ -16,6 +16,8 @@ class Event {
   [[nodiscard]] bool is_set() const;
   /// Waits until it is set, or until `timeout_seconds` of `clock` have passed; whether it is set. Throws Interrupted.
   bool wait(Clock& clock, double timeout_seconds);
+  /// One slice of such a wait, for a caller that has something of its own to look at in between.
+  bool wait_slice(double longest_seconds);
 
  private:
   mutable std::mutex mutex_;

@@ -413,7 +413,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   [[nodiscard]] bool in_own_process() const noexcept { return fork_generation_ == fork_generation(); }
 
   void notify_of_current_era(std::string_view event_type);
-  void stop_era_thread();
+  void stop_era_thread(Patience patience);
   void poll_until(const std::function<bool()>& ended);
 
   /// repair() once the directory lock is held.

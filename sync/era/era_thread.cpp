@@ -33,10 +33,10 @@ void EraThread::start() {
   thread->start("bf-era", [self = shared_from_this()] { self->_run(); });
 }
 
-void EraThread::stop() {
+void EraThread::stop(Patience patience) {
   if (fork_generation_ != fork_generation() || !_started) return;
   _stop_event.set();
-  if (const auto thread = _thread.get()) thread->join(*options_.seams.clock, JOIN_SECONDS);
+  if (const auto thread = _thread.get()) thread->join(*options_.seams.clock, JOIN_SECONDS, patience);
   _started = false;
 }
 

@@ -52,9 +52,9 @@ class EraThread : public std::enable_shared_from_this<EraThread> {
 
   /// Throws StateError "EraThread already started" until a stop, and in a child of fork().
   void start();
-  /// Waits at most 10 seconds for the thread; a poll that is under way goes on by itself. Throws RuntimeError on the
-  /// thread itself, and Interrupted.
-  void stop();
+  /// Waits at most 10 seconds for the thread, as BackgroundThread::join does; a poll that is under way goes on by itself.
+  /// Throws RuntimeError on the thread itself, and Interrupted.
+  void stop(Patience patience = Patience::Long);
   [[nodiscard]] bool is_alive() const;
   /// Tells the thread to end and waits for nothing.
   void abandon();

@@ -143,8 +143,10 @@ void SyncManager::_stop_internal() {
     }
   };
   _stop_event.set();
-  unless_interrupted([&] { stop_era_thread(); });
   const bool called_by_its_work = _directory_lock.held_by_this_work();
+  // Either thread may be waiting for that lock.
+  const Patience patience = called_by_its_work ? Patience::None : Patience::Long;
+  unless_interrupted([&] { stop_era_thread(patience); });
   unless_interrupted([&] {
     if (called_by_its_work) return;  // a transition cannot end before this call does
     for (int round = 0; round < TRANSITION_WAIT_ROUNDS && _in_transition; ++round) seams_.clock->sleep(TRANSITION_WAIT_SECONDS);
@@ -156,7 +158,7 @@ void SyncManager::_stop_internal() {
   });
   unless_interrupted([&] {
     const std::shared_ptr<BackgroundThread> thread = _sync_thread.get();
-    if (thread && !thread->is_current()) thread->join(*seams_.clock, JOIN_SECONDS);
+    if (thread && !thread->is_current()) thread->join(*seams_.clock, JOIN_SECONDS, patience);
   });
   _running = false;
   _consumer_lifecycle_started = false;
@@ -168,11 +170,11 @@ void SyncManager::_stop_internal() {
   if (interrupted) throw Interrupted(*interrupted);
 }
 
-void SyncManager::stop_era_thread() {
+void SyncManager::stop_era_thread(Patience patience) {
   const std::shared_ptr<EraThread> watcher = _era_thread.get();
   if (!watcher) return;
   try {
-    watcher->stop();
+    watcher->stop(patience);
   } catch (const Error& error) {
     log_warning("Failed to stop era thread: %s", error.text());
   } catch (const Interrupted&) {

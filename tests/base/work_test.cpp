@@ -179,5 +179,18 @@ TEST(BackgroundThread, livesFromItsStartToItsEndAndIsNotJoinedByItself) {
   EXPECT_EQ(owned.use_count(), 1) << "what the body owned goes before the thread counts as ended";
 }
 
+TEST(BackgroundThread, isNotJoinedByWhatItWaitsFor) NO_THREAD_SAFETY_ANALYSIS {
+  for (const Patience patience : {Patience::None, Patience::Long}) {
+    FakeClock clock;  // stands still: the join does not end by time
+    WorkMutex mutex;
+    mutex.lock();
+    const auto thread = std::make_shared<BackgroundThread>();
+    thread->start("name", [&] { failure_of([&] { return mutex.pass_through(), 0; }); });
+    thread->join(clock, 30.0, patience);
+    mutex.unlock();
+    thread->join(clock, 30.0);
+  }
+}
+
 }  // namespace
 }  // namespace brackenfen::sync

@@ -253,18 +253,22 @@ TEST_F(ConsumersTest, aCallbackThatWouldWaitForItsOwnPassIsRefused) {
   static_cast<void>(manager->sync());
   EXPECT_THAT(inside, StartsWith("StateError: "));
 
-  // A release on another thread waits for this pass under the registry's lock.
-  manager->acquire();
-  std::future<void> release;
-  token->call_once([&] {
-    release = std::async(std::launch::async, [&] { manager->release(); });
-    do inside = failure_of([&] { return SyncManager::get_or_create(options()); });
-    while (inside.empty());
-    manager->release();  // one too many does nothing, and waits for nothing
-  });
-  static_cast<void>(manager->sync());
-  release.get();
-  EXPECT_THAT(inside, StartsWith("StateError: "));
+  // A release on another thread waits for this pass, or for the poll thread's repair, under the registry's lock.
+  for (const bool in_repair : {false, true}) {
+    std::promise<std::future<void>> releasing;
+    token->call_once([&] {
+      auto release = std::async(std::launch::async, [&] { manager->release(); });
+      do inside = failure_of([&] { return SyncManager::get_or_create(options()); });
+      while (inside.empty());
+      manager->release();  // one too many does nothing, and waits for nothing
+      releasing.set_value(std::move(release));
+    });
+    if (in_repair) manager->_repair_queue.append(ALPHA.path);
+    manager->acquire();
+    if (!in_repair) static_cast<void>(manager->sync());
+    releasing.get_future().get().get();
+    EXPECT_THAT(inside, StartsWith("StateError: "));
+  }
 }
 
 }  // namespace
