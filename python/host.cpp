@@ -35,6 +35,23 @@ class Interrupts : public InterruptSource {
     if (raised) throw Interrupted{std::move(raised)};
   }
 
+  /// As any thread of Python ends that is left with an exception; SystemExit is silent there.
+  void unclaimed(const Interrupted& interrupted) override {
+    try {
+      const Attached guard;
+      try {
+        const nb::handle exception = static_cast<const PyRef*>(interrupted.origin.get())->get();
+        const nb::module_ threading = nb::module_::import_("threading");
+        const nb::tuple arguments =
+            nb::make_tuple(exception.type(), exception, exception.attr("__traceback__"), threading.attr("current_thread")());
+        threading.attr("excepthook")(threading.attr("ExceptHookArgs")(arguments));
+      } catch (nb::python_error& error) {
+        error.discard_as_unraisable("threading.excepthook");
+      }
+    } catch (const Interrupted&) {  // the interpreter is going
+    }
+  }
+
  private:
   static constexpr milliseconds SPACING = INTERRUPT_SLICE * 4 / 5;
   Clock::time_point next_;  // main thread only
@@ -60,20 +77,14 @@ class LoggingSink : public LogSink {
     return static_cast<int>(level) >= threshold_.load(std::memory_order_relaxed);
   }
 
+  /// A filter or handler that fails does not fail the caller, which may be a thread that nobody looks after.
   void write(const LogRecord& record) override {
     call_python([&] {
-      nb::list arguments;
-      arguments.append(static_cast<int>(record.level));
-      arguments.append(to_python(record.format));
-      for (const Value& argument : record.arguments) arguments.append(to_python(argument));
-      nb::dict keywords;
-      if (record.event != nullptr) {
-        nb::dict extra;
-        extra["brackenfen_sync_event"] = to_python(*record.event);
-        keywords["extra"] = extra;
+      try {
+        hand_over(record);
+      } catch (nb::python_error& error) {
+        tell_of_failure(error);
       }
-      if (record.error != nullptr) keywords["exc_info"] = exception_of(*record.error);
-      logger_.get().attr("log")(*arguments, **keywords);
     });
   }
 
@@ -89,8 +100,7 @@ class LoggingSink : public LogSink {
         break;
       }
     } catch (nb::python_error& error) {
-      if (!error.matches(PyExc_Exception)) throw;
-      error.discard_as_unraisable("logging");
+      tell_of_failure(error);
     }
     threshold_.store(threshold, std::memory_order_relaxed);
     refreshed_ns_.store(now_ns(), std::memory_order_relaxed);
@@ -100,6 +110,26 @@ class LoggingSink : public LogSink {
   static constexpr int OFF = 1000;
   static constexpr std::int64_t LONGEST_BELIEF_NS = 1'000'000'000;
   static std::int64_t now_ns() { return std::chrono::nanoseconds(Clock::now().time_since_epoch()).count(); }
+
+  void hand_over(const LogRecord& record) const {
+    nb::list arguments;
+    arguments.append(static_cast<int>(record.level));
+    arguments.append(to_python(record.format));
+    for (const Value& argument : record.arguments) arguments.append(to_python(argument));
+    nb::dict keywords;
+    if (record.event != nullptr) {
+      nb::dict extra;
+      extra["brackenfen_sync_event"] = to_python(*record.event);
+      keywords["extra"] = extra;
+    }
+    if (record.error != nullptr) keywords["exc_info"] = exception_of(*record.error);
+    logger_.get().attr("log")(*arguments, **keywords);
+  }
+
+  static void tell_of_failure(nb::python_error& error) {
+    if (!error.matches(PyExc_Exception)) throw;
+    error.discard_as_unraisable("logging");
+  }
 
   PyRef logger_;
   std::atomic<int> threshold_{OFF};

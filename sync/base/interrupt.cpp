@@ -26,4 +26,9 @@ void check_interrupt() {
   if (InterruptSource* const source = interrupt_source.load(std::memory_order_acquire)) source->check();
 }
 
+void report_unclaimed(const Interrupted& interrupted) {
+  if (!interrupted.origin) return;
+  if (InterruptSource* const source = interrupt_source.load(std::memory_order_acquire)) source->unclaimed(interrupted);
+}
+
 }  // namespace brackenfen::sync

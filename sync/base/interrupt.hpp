@@ -24,6 +24,8 @@ class InterruptSource {
  public:
   virtual ~InterruptSource() = default;
   virtual void check() = 0;
+  /// A callback of the host interrupted a thread of the library's own, which ends for it with nobody to raise it to.
+  virtual void unclaimed(const Interrupted& interrupted) { static_cast<void>(interrupted); }
 };
 
 /// Not owned; nullptr for none (the default). Returns the one before.
@@ -54,5 +56,8 @@ class InterruptScope {
 
 /// Throws Interrupted where the running thread's token is tripped or the host says so.
 void check_interrupt();
+
+/// Tells the host of what ended the running thread, if it came from there.
+void report_unclaimed(const Interrupted& interrupted);
 
 }  // namespace brackenfen::sync

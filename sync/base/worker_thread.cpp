@@ -55,8 +55,8 @@ void start_worker_thread(const std::string& name, std::function<void()> body) {
       pthread_setname_np(pthread_self(), system_name.c_str());
       try {
         body();
-      } catch (const Interrupted&) {
-        // The thread that owns the work raises what there is to raise.
+      } catch (const Interrupted& interrupted) {  // workers hand theirs to the thread that owns the work
+        report_unclaimed(interrupted);
       }
       body = nullptr;  // what the body owned goes before the thread counts as gone
       threads.fall();

@@ -4,6 +4,7 @@ import gc
 import logging
 import os
 import pathlib
+import sys
 import threading
 import types
 import weakref
@@ -47,33 +48,78 @@ def test_requests_of_the_host(running: sync.SyncManager, server: Any) -> None:
 
 class Worker:
     def __init__(self) -> None:
-        self.seen: list[tuple[str, int, threading.Thread]] = []
-        self.failure: BaseException | None = None
+        self.seen: list[tuple[str, int, str]] = []
 
     def on_era(self, event_type: str, era_number: int) -> None:
-        self.seen.append((event_type, era_number, threading.current_thread()))
-        if self.failure:
-            raise self.failure
+        self.seen.append((event_type, era_number, threading.current_thread().name))
 
 
 def test_era_callbacks(manager: sync.SyncManager, records: pytest.LogCaptureFixture) -> None:
-    worker, here = Worker(), threading.current_thread()
-    for _ in range(2):
-        manager.register_era_callback(worker.on_era)
+    worker, failure = Worker(), KeyError("no")
+
+    def fails(*_: object) -> None:
+        raise failure
+
+    def leaves(*_: object) -> None:
+        manager.unregister_era_callback(leaves)
+        manager.register_era_callback(lambda *_: worker.seen.append(("late", 0, "")))
+        worker.seen.append(("left", 0, ""))
+
+    for callback in (worker.on_era, fails, leaves, worker.on_era):
+        manager.register_era_callback(callback)
     manager._kill_fn()
     manager._manifest = sync.Manifest({"era_number": 7})
     manager.unregister_era_callback(callback=worker.on_era)  # another object, but an equal one
     manager.unregister_era_callback(print)
-    worker.failure = KeyError("no")
     manager._restart_fn()
-    assert worker.seen == [("kill", 0, here), ("kill", 0, here), ("restart", 7, here)]
-    [warning] = [record for record in records.records if record.levelno == logging.WARNING]
-    assert warning.msg == "Era callback failed (%s): %s" and warning.args == (str(worker.on_era), "'no'")
-    assert warning.exc_info is not None and warning.exc_info[1] is worker.failure
-    for interrupt in (KeyboardInterrupt, SystemExit):
-        worker.failure = interrupt()
-        with pytest.raises(interrupt):
-            manager._kill_fn()
+    here = threading.current_thread().name
+    assert worker.seen == [("kill", 0, here), ("left", 0, ""), ("kill", 0, here), ("restart", 7, here), ("late", 0, "")]
+    first, _ = [record for record in records.records if record.levelno == logging.WARNING]
+    assert first.msg == "Era callback failed (%s): %s" and first.args == (str(fails), "'no'")
+    assert first.exc_info is not None and first.exc_info[1] is failure
+
+
+@pytest.mark.parametrize("interrupt", [KeyboardInterrupt, SystemExit])
+def test_an_interrupt_of_a_callback_is_no_failure(manager: sync.SyncManager, interrupt: type[BaseException]) -> None:
+    def raises(*_: object) -> None:
+        raise interrupt
+
+    manager.register_era_callback(raises)
+    manager.register_era_callback(lambda *_: pytest.fail("called after an interrupt"))
+    with pytest.raises(interrupt):
+        manager._kill_fn()
+
+
+def test_what_ends_a_background_thread_is_told_as_threading_does(
+    manager: sync.SyncManager, monkeypatch: pytest.MonkeyPatch, wait_until: Callable[..., None]
+) -> None:
+    told: list[Any] = []
+    monkeypatch.setattr(threading, "excepthook", told.append)
+
+    def token() -> str:
+        if threading.current_thread().name == "bf-poll":
+            raise KeyboardInterrupt
+        return "t"
+
+    manager._get_token = token
+    manager.start()
+    wait_until(lambda: told and not manager.is_alive())
+    assert told[0].exc_type is KeyboardInterrupt and told[0].thread.name == "bf-poll"
+    manager.stop()
+
+
+def test_a_logger_that_fails_ends_nothing(
+    manager: sync.SyncManager, server: Any, monkeypatch: pytest.MonkeyPatch, wait_until: Callable[..., None]
+) -> None:
+    told: list[Any] = []
+    monkeypatch.setattr(sys, "unraisablehook", told.append)
+    monkeypatch.setattr(logging.getLogger("brackenfen.sync"), "filters", [lambda _: 1 / 0])
+    server.answers["/data/manifest"] = (404, b"")  # so that each round is a warning
+    manager._poll_interval = 0.01
+    manager.start()
+    wait_until(lambda: len(told) > 1)
+    assert manager.is_alive() and told[0].exc_type is ZeroDivisionError
+    manager.stop()
 
 
 def test_a_failure_to_start_is_told_in_the_hosts_style(running: sync.SyncManager, neighbour: Callable[..., Any]) -> None:
@@ -113,6 +159,8 @@ class Holder:
 
     def __call__(self, *_: object) -> str:
         return "t"
+
+    def record_sync_update(self, **_: str) -> None: ...
 
 
 @pytest.mark.parametrize(
