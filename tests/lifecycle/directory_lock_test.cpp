@@ -2,10 +2,8 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
 
-#include <atomic>
 #include <filesystem>
 
 #include "sync/base/interrupt.hpp"
@@ -139,53 +137,6 @@ TEST_F(DirectoryLockTest, leavesTheParentsLockToTheParent) {
   EXPECT_FALSE(Rival(file).takes());
   lock._release_flock();
   EXPECT_TRUE(free());
-}
-
-/// Counts across processes.
-struct Shared {
-  std::atomic<int> inside{0};
-  std::atomic<int> overlaps{0};
-  std::atomic<int> rounds{0};
-};
-
-void work(DirectoryLock& lock, Shared& shared, int rounds) {
-  for (int round = 0; round < rounds; ++round) {
-    const DirectoryLock::Hold hold(lock);
-    if (shared.inside.fetch_add(1) != 0) ++shared.overlaps;
-    std::this_thread::sleep_for(std::chrono::microseconds(200));
-    shared.inside.fetch_sub(1);
-    ++shared.rounds;
-  }
-}
-
-TEST_F(DirectoryLockTest, neverHasTwoHoldersAcrossProcessesAndThreads) {
-  constexpr int PROCESSES = 3;
-  constexpr int ROUNDS = 20;
-  void* memory = ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  ASSERT_NE(memory, MAP_FAILED);
-  Shared& shared = *new (memory) Shared;
-  std::vector<pid_t> children;
-  for (int process = 0; process < PROCESSES; ++process) {
-    children.push_back(::fork());
-    ASSERT_NE(children.back(), -1);
-    if (children.back() == 0) {
-      DirectoryLock own(data_dir, flock_path, Clock::real());
-      work(own, shared, ROUNDS);
-      ::_exit(0);
-    }
-  }
-  std::thread second([&] { work(lock, shared, ROUNDS); });
-  work(lock, shared, ROUNDS);
-  second.join();
-  for (const pid_t child : children) {
-    int status = -1;
-    EXPECT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
-  }
-  EXPECT_EQ(shared.overlaps, 0);
-  EXPECT_EQ(shared.rounds, (PROCESSES + 2) * ROUNDS);
-  EXPECT_TRUE(free());
-  ::munmap(memory, sizeof(Shared));
 }
 
 }  // namespace
