@@ -7,7 +7,7 @@ namespace brackenfen::sync {
 // The bodies are exempt from the annotations: what they hold is the identity of the work, under a lock of the
 // standard library.
 
-void WorkMutex::lock() NO_THREAD_SAFETY_ANALYSIS { wait_and_take(Patience::None); }
+void WorkMutex::lock(Patience patience) NO_THREAD_SAFETY_ANALYSIS { wait_and_take(patience); }
 
 void WorkMutex::pass_through() NO_THREAD_SAFETY_ANALYSIS {
   wait_and_take(Patience::Long);

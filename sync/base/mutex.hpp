@@ -51,7 +51,7 @@ class SCOPED_CAPABILITY MutexLock {
 /// the caller is part of, or waits for that work.
 class CAPABILITY("mutex") WorkMutex {
  public:
-  void lock() ACQUIRE();
+  void lock(Patience patience = Patience::None) ACQUIRE();
   [[nodiscard]] bool try_lock() TRY_ACQUIRE(true);
   void unlock() RELEASE();
   /// Waits until it is free, for a stop. Where threads wait for each other, another one of them is refused first.
@@ -70,7 +70,7 @@ class CAPABILITY("mutex") WorkMutex {
 
 class SCOPED_CAPABILITY WorkLock {
  public:
-  explicit WorkLock(WorkMutex& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+  explicit WorkLock(WorkMutex& mutex, Patience patience = Patience::None) ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(patience); }
   ~WorkLock() RELEASE() { mutex_.unlock(); }
   WorkLock(const WorkLock&) = delete;
   WorkLock& operator=(const WorkLock&) = delete;

@@ -33,6 +33,8 @@ class ThreadWork {
   [[nodiscard]] WorkId begin() noexcept;
   void end(WorkId work) noexcept;
   [[nodiscard]] bool is_part_of(WorkId work) const noexcept;
+  /// Whether it is part of anything: the running thread then is in a callback, or holds a lock.
+  [[nodiscard]] bool is_part_of_any() const noexcept { return size_ != 0; }
 
  private:
   // Far deeper than calls nest. What lies beyond is not followed, and waits as it would have.

@@ -72,9 +72,11 @@ void SyncManager::release() {
   if (_consumer_count <= 0) return;
   const std::string canonical = real_path(_data_dir.get());
   Registry& process = registry();
+  // A stop under way may wait for a callback that asks for the registry: the callback is the one to be refused.
+  const Patience patience = ThreadWork::current().is_part_of_any() ? Patience::None : Patience::Long;
   // Held through the whole stop: nobody is given a manager that is going away.
   const WorkLock lock(process.class_lock);
-  const WorkLock consumer_lock(_consumer_lock);
+  const WorkLock consumer_lock(_consumer_lock, patience);
   if (_consumer_count <= 0) return;
   --_consumer_count;
   _persist_consumer_count();

@@ -114,7 +114,7 @@ TEST(Work, aCircleOfWaitsIsBrokenByWhoeverIsNotStopping) NO_THREAD_SAFETY_ANALYS
   while (consumers.try_lock()) consumers.unlock();
   auto releasing = std::async(std::launch::async, [&] {
     const WorkLock held(registry);
-    consumers.pass_through();
+    const WorkLock second(consumers, Patience::Long);
   });
   while (registry.try_lock()) registry.unlock();
   EXPECT_THROW(registry.lock(), WouldWaitForItself);
