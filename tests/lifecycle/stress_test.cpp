@@ -6,6 +6,7 @@
 #include <functional>
 #include <thread>
 
+#include "sync/base/worker_thread.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
@@ -52,6 +53,7 @@ TEST(LifecycleStress, manyThreadsAndTwoManagersEndWithADirectoryThatVerifies) {
   for (int number = 0; number < 4; ++number) threads.emplace_back(worker, number);
   for (std::thread& thread : threads) thread.join();
   for (const auto& [directory, manager] : SyncManager::_instances()) manager->stop();
+  EXPECT_TRUE(wait_for_worker_threads(std::chrono::seconds(30)));  // repairs that were reported last need the server
   EXPECT_EQ(unexpected, 0);
 
   const auto manager = std::make_shared<SyncManager>(options);
