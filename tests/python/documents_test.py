@@ -46,11 +46,11 @@ def test_an_index_on_any_record(own: bool, manager: sync.SyncManager, server: An
 
 def test_a_record_of_the_host_in_an_unusual_shape(manager: sync.SyncManager) -> None:
     for data in (5, {"files": 5}):
-        record = Record(_data=data)
+        record = types.SimpleNamespace(files={}, _data=data)
         manager._repair_signals_index_manifest_entry(record, INDEX, b"x")
         assert record.files[INDEX]["size_bytes"] == 1 and record._data is data
     with pytest.raises(sync.EraError, match="^signals_index.json has invalid era_number=7$"):
-        sync._apply_manifest_signals_index(Record(era_number=None), {"era_number": 7})
+        sync._apply_manifest_signals_index(types.SimpleNamespace(era_number=None), {"era_number": 7})
 
 
 def test_a_scrub_hands_back_the_same_document_or_a_new_one(tmp_path: pathlib.Path) -> None:
