@@ -89,10 +89,9 @@ RotationStateRef BuiltinRotationState::with_active_relative_paths(std::vector<Te
 Document builtin_rotation_state_payload(const RotationState& state, int schema_version) {
   const std::vector<Text> paths = state.active_relative_paths();
   const auto* builtin = dynamic_cast<const BuiltinRotationState*>(&state);
-  const Document payload{
-      {"schema_version", schema_version}, {"active_relative_paths", List(std::vector<Value>(paths.begin(), paths.end()))},
-      {"generation", state.generation()}, {"seed", state.seed()},
-      {"rng_state", state.rng_state()},   {"rotated_at", builtin == nullptr ? Value() : builtin->rotated_at}};
+  Document payload{{"schema_version", schema_version}, {"active_relative_paths", List(std::vector<Value>(paths.begin(), paths.end()))},
+                   {"generation", state.generation()}, {"seed", state.seed()},
+                   {"rng_state", state.rng_state()},   {"rotated_at", builtin == nullptr ? Value() : builtin->rotated_at}};
   check_payload(payload, "feature rotation state cannot be written", schema_version);
   return payload;
 }

@@ -307,7 +307,8 @@ TEST_F(EraDocumentsTest, oneVocabularyIsReplacedExactlyAsStated) {
       {{.body = good}, {}, ""},
   };
   const std::string before = directory.read(VOCABULARY);
-  for (const auto& [reply, stated, failure] : rows) {
+  for (const auto& [reply, row_entry, failure] : rows) {
+    const Document& stated = row_entry;
     server.script(data_path(VOCABULARY), {reply});
     SyncResult result;
     EXPECT_THAT(failure_of([&] { return manager->_download_validated_vocabulary_repair(*neighbours(), VOCABULARY, stated, result); }),
