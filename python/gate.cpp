@@ -98,6 +98,8 @@ class WorkerState {
 
 bool attached() noexcept { return PyThreadState_GetDict() != nullptr; }
 
+bool on_own_thread() noexcept { return released_depth == 0 && !attached(); }
+
 namespace gate {
 
 void install() {

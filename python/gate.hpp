@@ -29,6 +29,9 @@ namespace brackenfen::sync::python {
 /// True where the running thread holds the interpreter lock.
 [[nodiscard]] bool attached() noexcept;
 
+/// True on a thread of the library's own, but for what a callback of the host runs there.
+[[nodiscard]] bool on_own_thread() noexcept;
+
 namespace gate {
 /// Creates the gate, once per process; a forked child finds it open and empty.
 void install();

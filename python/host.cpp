@@ -77,12 +77,14 @@ class LoggingSink : public LogSink {
     return static_cast<int>(level) >= threshold_.load(std::memory_order_relaxed);
   }
 
-  /// A filter or handler that fails does not fail the caller, which may be a thread that nobody looks after.
+  /// A filter or handler that fails, fails the caller; on a thread of the library's own there is none.
   void write(const LogRecord& record) override {
+    const bool has_caller = !on_own_thread();
     call_python([&] {
       try {
         hand_over(record);
       } catch (nb::python_error& error) {
+        if (has_caller) throw;
         tell_of_failure(error);
       }
     });
