@@ -8,8 +8,8 @@
 namespace brackenfen::sync {
 
 /// Starts a thread that the library may leave behind: it must own, by shared handles, everything it touches.
-/// `name` is cut to the 15 bytes that the system keeps. Interrupted out of `body` ends the thread, and
-/// the host is told of one that came from a callback; no other exception may leave it. Throws os_error where the system has no thread left.
+/// `name` is cut to the 15 bytes that the system keeps. Interrupted out of `body` ends the thread, and the host is told
+/// of one that came from a callback; no other exception may leave it. Throws os_error where the system has no thread left.
 void start_worker_thread(const std::string& name, std::function<void()> body);
 
 /// Waits until no thread started here runs any more; false where some still do after `timeout`. For the end
