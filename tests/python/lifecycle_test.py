@@ -108,7 +108,7 @@ def test_what_ends_a_background_thread_is_told_as_threading_does(
     manager.stop()
 
 
-def test_a_logger_that_fails_ends_nothing(
+def test_a_logger_that_fails_ends_no_background_thread_and_is_heard_by_a_host(
     manager: sync.SyncManager, server: Any, monkeypatch: pytest.MonkeyPatch, wait_until: Callable[..., None]
 ) -> None:
     told: list[Any] = []
@@ -119,6 +119,8 @@ def test_a_logger_that_fails_ends_nothing(
     manager.start()
     wait_until(lambda: len(told) > 1)
     assert manager.is_alive() and told[0].exc_type is ZeroDivisionError
+    with pytest.raises(ZeroDivisionError):
+        sync._log_sync_event("checksum_repair_exhausted", "f", 1, "")
     manager.stop()
 
 
