@@ -67,13 +67,7 @@ Document make_large_files(const std::string& directory) {
 
 std::shared_ptr<SyncManager> manager_of(const std::string& directory, bench::MemoryServer& server, const Document& manifest) {
   server.publish(manifest);
-  Seams seams = Seams::real();
-  seams.http = &server;
-  auto manager = std::make_shared<SyncManager>(SyncManager::Options{.data_dir = directory,
-                                                                    .server_url = "http://127.0.0.1",
-                                                                    .get_token = fixed_token("t"),
-                                                                    .runtime_freshness_guard = nullptr,
-                                                                    .seams = seams});
+  auto manager = server.manager_of(directory);
   static_cast<void>(manager->sync());  // fills the hash cache
   return manager;
 }

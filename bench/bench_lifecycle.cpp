@@ -35,14 +35,8 @@ int main(int argc, char** argv) {
   const Document manifest = bench::make_manifest(FILES, 1);
   bench::MemoryServer server;
   server.publish(manifest);
-  Seams seams = Seams::real();
-  seams.http = &server;
-  const auto manager = std::make_shared<SyncManager>(SyncManager::Options{.data_dir = directory,
-                                                                          .server_url = "http://127.0.0.1",
-                                                                          .get_token = fixed_token("t"),
-                                                                          .runtime_freshness_guard = nullptr,
-                                                                          .seams = seams});
-  manager->_manifest.set(std::make_shared<Manifest>(*seams.neighbours->bind(), Value(manifest)));
+  const auto manager = server.manager_of(directory);
+  manager->_manifest.set(std::make_shared<Manifest>(*Neighbours::builtin().bind(), Value(manifest)));
   static_cast<void>(manager->needs_sync());  // fills the hash cache
 
   // The poll thread's first round would be in flight: a transition keeps it idle, and is over before the release.

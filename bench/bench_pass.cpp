@@ -39,13 +39,7 @@ int main(int argc, char** argv) {
   bench::make_files(directory, FILES);
 
   bench::MemoryServer server;
-  Seams seams = Seams::real();
-  seams.http = &server;
-  const auto manager = std::make_shared<SyncManager>(SyncManager::Options{.data_dir = directory,
-                                                                          .server_url = "http://127.0.0.1",
-                                                                          .get_token = fixed_token("t"),
-                                                                          .runtime_freshness_guard = nullptr,
-                                                                          .seams = seams});
+  const auto manager = server.manager_of(directory);
   int version = 1;
   const auto run = [&] {
     server.publish(bench::make_manifest(FILES, ++version));

@@ -8,12 +8,23 @@
 
 #include "sync/base/convert.hpp"
 #include "sync/base/json.hpp"
+#include "sync/engine/sync_manager.hpp"
 #include "sync/transport/http_client.hpp"
 
 namespace brackenfen::sync::bench {
 
 class MemoryServer : public HttpClient {
  public:
+  /// A manager of that directory, which this server must outlive.
+  std::shared_ptr<SyncManager> manager_of(const std::string& directory) {
+    Seams seams = Seams::real();
+    seams.http = this;
+    return std::make_shared<SyncManager>(SyncManager::Options{.data_dir = directory,
+                                                              .server_url = "http://127.0.0.1",
+                                                              .get_token = fixed_token("t"),
+                                                              .runtime_freshness_guard = nullptr,
+                                                              .seams = seams});
+  }
   void publish(const Document& manifest) {
     manifest_ = write_json(Value(manifest), JsonForm::InsertionOrder);
     version_ = R"({"version": )" + to_text(manifest.get("version")) + R"(, "era_number": 12})";

@@ -13,6 +13,7 @@
 #include "sync/documents/signals_index.hpp"
 #include "sync/documents/vocabulary.hpp"
 #include "sync/engine/expected_files.hpp"
+#include "sync/engine/sync_failure.hpp"
 #include "sync/engine/sync_manager.hpp"
 
 namespace brackenfen::sync {
@@ -24,17 +25,6 @@ bool size_fits(const Document& file_info, std::int64_t size_bytes) {
   if (stated.is_null()) return true;
   const Value expected = to_integer_or_absent(stated).value_or(Value(-1));
   return compare_integers(expected, 0) < 0 || expected == Value(size_bytes);
-}
-
-template <typename Check>
-bool fails_with_sync_error(Check&& check) {
-  try {
-    check();
-    return false;
-  } catch (const Error& error) {
-    if (!error.is(error_class::SyncError)) throw;
-    return true;
-  }
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include "sync/documents/manifest_filters.hpp"
 #include "sync/documents/signals_index.hpp"
 #include "sync/engine/pass.hpp"
+#include "sync/engine/sync_failure.hpp"
 #include "sync/transport/progress.hpp"
 
 namespace brackenfen::sync {
@@ -74,20 +75,11 @@ void SyncManager::Pass::require_active_files(const RotationSelection& selection,
 }
 
 std::optional<SyncResult> SyncManager::Pass::end_on_same_version() {
-  const auto fails = [](auto&& check) {
-    try {
-      check();
-      return false;
-    } catch (const Error& error) {
-      if (!error.is(error_class::SyncError)) throw;
-      return true;
-    }
-  };
   const RotationSelection& selection = rotation_.plan.selection;
   Document local_vocabularies;
-  const bool vocabulary_needs_repair = fails([&] { local_vocabularies = valid_vocabularies(*server_); });
-  const bool seed_needs_repair = fails([&] { require_valid_seed(*server_); });
-  if (fails([&] { require_active_files(selection, server_->files()); })) {
+  const bool vocabulary_needs_repair = fails_with_sync_error([&] { local_vocabularies = valid_vocabularies(*server_); });
+  const bool seed_needs_repair = fails_with_sync_error([&] { require_valid_seed(*server_); });
+  if (fails_with_sync_error([&] { require_active_files(selection, server_->files()); })) {
     log_warning("Manifest version matched but local data files need repair");
     return std::nullopt;
   }

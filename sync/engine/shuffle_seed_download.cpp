@@ -3,6 +3,7 @@
 #include "sync/base/log.hpp"
 #include "sync/base/paths.hpp"
 #include "sync/documents/shuffle_seed.hpp"
+#include "sync/engine/sync_failure.hpp"
 #include "sync/engine/sync_manager.hpp"
 #include "sync/transport/backoff.hpp"
 
@@ -24,17 +25,6 @@ bool local_seed_is_valid(const std::string& path, const Value& era_number) {
     if (!error.is(error_class::SyncError)) throw;
     log_warning("Local shuffle seed failed validation; re-downloading: %s", error.text());
     return false;
-  }
-}
-
-/// Whether the transfer of a seed broke off: it is of another size then.
-bool broke_off(std::string_view seed) {
-  try {
-    _validate_shuffle_seed_bytes(seed);
-    return false;
-  } catch (const Error& error) {
-    if (!error.is(error_class::SyncError)) throw;
-    return true;
   }
 }
 
@@ -65,7 +55,8 @@ std::string SyncManager::fetch_shuffle_seed(NeighbourSet& neighbours, const Valu
     if (response.status == 401) throw neighbours.auth().auth_error("Authentication failed while downloading shuffle seed: HTTP 401");
     if (response.status != 200) throw SyncError("Failed to download shuffle seed: HTTP " + std::to_string(response.status));
     _validate_response_era_header(as_document(response.headers), expected_era_id, SHUFFLE_SEED_FILENAME);
-    if (!broke_off(response.body)) return std::move(response.body);
+    const bool broke_off = fails_with_sync_error([&] { _validate_shuffle_seed_bytes(response.body); });  // it is of another size
+    if (!broke_off) return std::move(response.body);
     _emit_sync_backoff_wait(seams_, "shuffle_seed_download", attempt, "partial_transfer", SHUFFLE_SEED_FILENAME, wait_seconds);
     _sleep_for_sync_backoff(seams_, wait_seconds);
   }
