@@ -4,6 +4,7 @@ import hashlib
 import json
 import logging
 import pathlib
+import signal
 import subprocess
 import sys
 import threading
@@ -15,6 +16,9 @@ from typing import Any
 
 import brackenfen.sync as sync
 import pytest
+
+# A run in the background of a shell ignores Ctrl-C, and so would every process that the tests start.
+signal.signal(signal.SIGINT, signal.default_int_handler)
 
 VOCABULARY, FUNCTIONS = "named_universes/us/vocabulary.json", "functions.json"
 
