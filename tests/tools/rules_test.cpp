@@ -80,7 +80,7 @@ TEST(FaultGrammar, saysWhatIsWrong) {
       {"*:refuse,times=1", "cannot count"},
   };
   for (const auto& [text, meaning] : rows) {
-    EXPECT_THAT(failure_of([&] { return parse_fault(text); }), testing::HasSubstr(meaning)) << text;
+    EXPECT_THAT(failure_of([&fault = text] { return parse_fault(fault); }), testing::HasSubstr(meaning)) << text;
   }
 }
 
