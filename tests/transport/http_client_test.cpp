@@ -120,7 +120,8 @@ TEST(HttpClient, refusesWhatHttpForbidsBeforeSendingAnythingAndWithoutNamingIt) 
       {{server.url("/"), {{"Bad name", "canary"}}}, "ValueError: a request header's name holds a character that HTTP forbids"},
   };
   for (const auto& [request, expected] : rows) {
-    const std::string failure = failure_of([&] { return HttpClient::real().open(request, 1.0, TransportSecurity::builtin()); });
+    const std::string failure =
+        failure_of([&forbidden = request] { return HttpClient::real().open(forbidden, 1.0, TransportSecurity::builtin()); });
     EXPECT_THAT(failure, AllOf(StartsWith(expected), Not(HasSubstr("canary")))) << request.url;
   }
   EXPECT_TRUE(server.requests().empty());
