@@ -30,6 +30,7 @@ class MemoryServer : public HttpClient {
     version_ = R"({"version": )" + to_text(manifest.get("version")) + R"(, "era_number": 12})";
   }
   std::unique_ptr<HttpResponse> open(const HttpRequest& request, double, const TransportSecurity&) override {
+    if (request.url.ends_with("/era/current")) return std::make_unique<Response>(R"({"era_number": 12, "state": "active"})");
     if (request.url.ends_with("/data/shuffle")) return std::make_unique<Response>(seed_, Headers{{"X-Era-Id", "12"}});
     return std::make_unique<Response>(request.url.ends_with("/version") ? version_ : manifest_);
   }
