@@ -137,6 +137,23 @@ std::string absolute_path(std::string_view path) {
   return fold(path.starts_with('/') ? std::string(path) : join_path(working_directory(), path));
 }
 
+std::optional<RelativePathFault> fault_of_relative_path(std::string_view path) {
+  constexpr std::string_view SEPARATORS = "/\\";
+  const std::string_view relative = strip(path);
+  if (relative.empty()) return RelativePathFault::Blank;
+  if (path.find('\0') != std::string_view::npos) return RelativePathFault::NulByte;
+  if (SEPARATORS.find(relative.front()) != std::string_view::npos) return RelativePathFault::Absolute;
+  bool named = false;
+  for (std::size_t begin = 0; begin <= relative.size();) {
+    const std::size_t end = std::min(relative.find_first_of(SEPARATORS, begin), relative.size());
+    const std::string_view segment = relative.substr(begin, end - begin);
+    if (segment == "..") return RelativePathFault::Unsafe;
+    named = named || (!segment.empty() && segment != ".");
+    begin = end + 1;
+  }
+  return named ? std::nullopt : std::optional(RelativePathFault::Unsafe);
+}
+
 std::string expand_user(std::string_view path) {
   if (!path.starts_with('~')) return std::string(path);
   const std::size_t end = std::min(path.find('/'), path.size());

@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <string_view>
+#include <vector>
 
 #include <tsl/robin_set.h>
 
@@ -19,6 +20,12 @@ struct TextEqual {
 };
 using TextSet = tsl::robin_set<Text, TextHash, TextEqual>;
 
+[[nodiscard]] inline TextSet set_of(const std::vector<Text>& texts) {
+  TextSet set;
+  set.reserve(texts.size());
+  set.insert(texts.begin(), texts.end());
+  return set;
+}
 [[nodiscard]] inline bool contains(const TextSet& set, std::string_view text) { return set.find(text) != set.end(); }
 
 }  // namespace brackenfen::sync

@@ -95,6 +95,7 @@ class Value {
 
   [[nodiscard]] Kind kind() const noexcept { return kind_; }
   [[nodiscard]] bool is_null() const noexcept { return kind_ == Kind::Null; }
+  [[nodiscard]] bool is_integer() const noexcept { return kind_ == Kind::Integer || kind_ == Kind::BigInteger; }  ///< of any size
   [[nodiscard]] bool is_text() const noexcept { return kind_ == Kind::Text; }
   [[nodiscard]] bool is_list() const noexcept { return kind_ == Kind::List; }
   [[nodiscard]] bool is_document() const noexcept { return kind_ == Kind::Document; }

@@ -18,13 +18,26 @@ ManifestError refusal(std::string_view problem, const Value& file_path) {
   return ManifestError("Manifest file path " + std::string(problem) + ": " + to_quoted(file_path));
 }
 
+void refuse_fault(std::optional<RelativePathFault> fault, const Value& file_path) {
+  if (!fault) return;
+  switch (*fault) {
+    case RelativePathFault::Blank:
+      throw ManifestError("Manifest file path must be a non-empty relative path");
+    case RelativePathFault::NulByte:
+      throw refusal("contains NUL byte", file_path);
+    case RelativePathFault::Absolute:
+      throw refusal("must be relative", file_path);
+    case RelativePathFault::Unsafe:
+      throw refusal("contains unsafe segments", file_path);
+  }
+}
+
 /// Whether `path` is `directory` or lies in it; both absolute and folded.
 bool lies_within(std::string_view path, std::string_view directory) {
   if (!path.starts_with(directory)) return false;
   return path.size() == directory.size() || directory.ends_with('/') || path[directory.size()] == '/';
 }
 
-/// The text stripped where it holds anything, else empty.
 std::optional<UrlParts> split_url_or_absent(std::string_view url) {
   try {
     return split_url(url);
@@ -54,20 +67,15 @@ bool is_plain_relative_path(std::string_view path) noexcept {
 std::string _safe_manifest_relative_path(const Value& file_path) {
   const std::optional<std::string_view> text = file_path.if_text();
   if (text && is_plain_relative_path(*text)) return std::string(*text);
-  if (!text || strip(*text).empty()) throw ManifestError("Manifest file path must be a non-empty relative path");
-  if (text->find('\0') != std::string_view::npos) throw refusal("contains NUL byte", file_path);
+  refuse_fault(text ? fault_of_relative_path(*text) : RelativePathFault::Blank, file_path);
 
-  const std::string slashed = replace_char(*text, '\\', '/');
-  const std::string_view path = strip(slashed);
-  if (path.starts_with('/')) throw refusal("must be relative", file_path);
+  const std::string path = replace_char(strip(*text), '\\', '/');
   std::string normalised;
   for (const std::string_view segment : split(path, "/")) {
     if (segment.empty() || segment == ".") continue;
-    if (segment == "..") throw refusal("contains unsafe segments", file_path);
     if (!normalised.empty()) normalised += '/';
     normalised += segment;
   }
-  if (normalised.empty()) throw refusal("contains unsafe segments", file_path);
   return normalised;
 }
 

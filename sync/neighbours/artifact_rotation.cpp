@@ -129,9 +129,7 @@ class BuiltinArtifactRotation final : public ArtifactRotation {
                                               const std::vector<Text>& available_relative_paths) const override {
     std::vector<Text> candidates = candidate_state->active_relative_paths();
     if (candidates == available_relative_paths) return candidate_state;
-    TextSet available;
-    available.reserve(available_relative_paths.size());
-    available.insert(available_relative_paths.begin(), available_relative_paths.end());
+    const TextSet available = set_of(available_relative_paths);
     const std::size_t all = candidates.size();
     std::erase_if(candidates, [&](const Text& path) { return !contains(available, path); });
     return candidates.size() == all ? candidate_state : candidate_state->with_active_relative_paths(std::move(candidates));

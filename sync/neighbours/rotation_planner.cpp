@@ -56,11 +56,7 @@ class Planner {
       : artifacts_(*artifacts), settings_(settings), previous_(previous), facts_(facts) {
     selection_.artifacts = artifacts;
     selection_.roles.assign(artifacts_.descriptors.size(), Role::OutOfScope);
-    if (previous_) {
-      const std::vector<Text> active = previous_->active_relative_paths();
-      previously_active_.reserve(active.size());
-      previously_active_.insert(active.begin(), active.end());
-    }
+    if (previous_) previously_active_ = set_of(previous_->active_relative_paths());
     sort_out_artifacts();
     set_budget();
   }

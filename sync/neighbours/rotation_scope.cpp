@@ -11,13 +11,6 @@ constexpr std::string_view ARROW = ".arrow";
 
 bool allows(const Value& limit, const Text& stated) { return !limit.truthy() || stated.view().empty() || limit.if_text() == stated.view(); }
 
-TextSet set_of(const std::vector<Text>& texts) {
-  TextSet set;
-  set.reserve(texts.size());
-  set.insert(texts.begin(), texts.end());
-  return set;
-}
-
 std::string_view feature_name(std::string_view relative_path) {
   std::string_view name = relative_path.substr(relative_path.rfind('/') + 1);
   if (name.ends_with(ARROW)) name.remove_suffix(ARROW.size());

@@ -20,7 +20,7 @@ constexpr std::int64_t MOST_GIGABYTES = std::int64_t{1} << 33;  // of 2^30 bytes
 constexpr const char* KEYS[] = {"feature_budget_gb", "algorithm", "rotation_seed", "market",
                                 "named_universes",   "family",    "subfamily",     "rotation_frequency"};
 
-bool is_integer(const Value& value) { return value.kind() == Value::Kind::Integer || value.kind() == Value::Kind::BigInteger; }
+bool is_integer(const Value& value) { return value.is_integer(); }
 
 bool is_size(const Value& value) {
   if (is_integer(value)) return compare_integers(value, 0) >= 0 && compare_integers(value, MOST_GIGABYTES) <= 0;

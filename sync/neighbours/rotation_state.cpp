@@ -1,9 +1,9 @@
 #include "sync/neighbours/rotation_state.hpp"
 
-#include <algorithm>
 #include <utility>
 
 #include "sync/base/convert.hpp"
+#include "sync/base/paths.hpp"
 #include "sync/base/text.hpp"
 
 namespace brackenfen::sync {
@@ -11,25 +11,6 @@ namespace {
 
 [[noreturn]] void refuse(const std::string& subject, const std::string& what) {
   throw Error(error_class::RotationStatePayloadError, subject + ": " + what);
-}
-
-bool is_integer(const Value& value) { return value.kind() == Value::Kind::Integer || value.kind() == Value::Kind::BigInteger; }
-
-/// Whether a manifest could name a file by it: a path that stays inside the directory.
-bool names_a_file(std::string_view path) {
-  constexpr std::string_view SEPARATORS = "/\\";
-  const std::string_view relative = strip(path);
-  if (relative.empty() || path.find('\0') != std::string_view::npos || SEPARATORS.find(relative.front()) != std::string_view::npos)
-    return false;
-  bool named = false;
-  for (std::size_t begin = 0; begin <= relative.size();) {
-    const std::size_t end = std::min(relative.find_first_of(SEPARATORS, begin), relative.size());
-    const std::string_view segment = relative.substr(begin, end - begin);
-    if (segment == "..") return false;
-    named = named || (!segment.empty() && segment != ".");
-    begin = end + 1;
-  }
-  return named;
 }
 
 /// Member `key` of the payload, which must pass `test`.
@@ -43,13 +24,14 @@ const Value& member(const Document& payload, const char* key, const std::string&
 
 /// Refuses what is no state of that version, in the name of `subject`.
 void check_payload(const Document& payload, const std::string& subject, int schema_version) {
+  const auto is_integer = [](const Value& value) { return value.is_integer(); };
   const Value& version = member(payload, "schema_version", subject, "an integer", is_integer);
   if (version != Value(schema_version)) refuse(subject, "schema_version " + to_text(version) + " is not " + std::to_string(schema_version));
   const auto is_list = [](const Value& value) { return value.is_list(); };
   std::size_t index = 0;
   for (const Value& element : *member(payload, "active_relative_paths", subject, "a list", is_list).if_list()) {
     const std::optional<std::string_view> path = element.if_text();
-    if (path && names_a_file(*path)) {
+    if (path && !fault_of_relative_path(*path)) {
       ++index;
       continue;
     }

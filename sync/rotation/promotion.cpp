@@ -12,13 +12,6 @@
 namespace brackenfen::sync {
 namespace {
 
-TextSet set_of(const std::vector<Text>& paths) {
-  TextSet set;
-  set.reserve(paths.size());
-  set.insert(paths.begin(), paths.end());
-  return set;
-}
-
 void require_state(const RotationStateRef& state) {
   if (!state) throw AttributeError("'NoneType' object has no attribute 'active_relative_paths'");
 }
