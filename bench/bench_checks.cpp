@@ -10,7 +10,7 @@
 
 #include "bench/dataset.hpp"
 #include "bench/memory_server.hpp"
-#include "sync/base/parallel.hpp"
+#include "sync/base/threads/parallel.hpp"
 #include "sync/engine/sync_manager.hpp"
 
 using namespace brackenfen::sync;

@@ -9,11 +9,11 @@
 #include <string_view>
 #include <vector>
 
-#include "sync/base/descriptor.hpp"
-#include "sync/base/json.hpp"
-#include "sync/base/paths.hpp"
-#include "sync/base/sha256.hpp"
-#include "sync/base/value.hpp"
+#include "sync/base/files/descriptor.hpp"
+#include "sync/base/files/paths.hpp"
+#include "sync/base/files/sha256.hpp"
+#include "sync/base/values/json.hpp"
+#include "sync/base/values/value.hpp"
 
 #include <fcntl.h>
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <utility>
 
-#include "sync/base/convert.hpp"
-#include "sync/base/json.hpp"
+#include "sync/base/values/convert.hpp"
+#include "sync/base/values/json.hpp"
 #include "sync/engine/sync_manager.hpp"
 #include "sync/transport/http_client.hpp"
 

@@ -6,7 +6,7 @@ endif()
 find_package(Python 3.12 REQUIRED COMPONENTS Interpreter Development.Module Development.SABIModule)
 find_package(nanobind CONFIG REQUIRED)
 
-file(GLOB module_sources CONFIGURE_DEPENDS python/*.cpp)
+file(GLOB_RECURSE module_sources CONFIGURE_DEPENDS python/*.cpp)
 nanobind_add_module(sync NB_STATIC STABLE_ABI NB_DOMAIN brackenfen NB_SUPPRESS_WARNINGS PROTECT_STACK NOMINSIZE ${module_sources})
 get_target_property(module_suffix sync SUFFIX)
 if(NOT module_suffix MATCHES "abi3")
@@ -16,7 +16,7 @@ endif()
 set(version_script ${PROJECT_SOURCE_DIR}/python/sync.map)
 target_link_libraries(sync PRIVATE brackenfen_sync_core)
 target_link_options(sync PRIVATE "-Wl,--version-script=${version_script}")
-target_link_options(sync PRIVATE "-Wl,--wrap=__gxx_personality_v0")  # python/gate.cpp says why
+target_link_options(sync PRIVATE "-Wl,--wrap=__gxx_personality_v0")  # python/interpreter/gate.cpp says why
 brackenfen_warnings(sync)
 
 # Importable from the build tree, with its types beside it.

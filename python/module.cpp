@@ -1,11 +1,11 @@
 // The module `brackenfen.sync`, which also imports as top-level `sync`: both names give the same objects.
 #include <nanobind/nanobind.h>
 
-#include "python/binding.hpp"
-#include "python/host.hpp"
-#include "python/neighbours_backoff.hpp"
-#include "python/neighbours_rotation.hpp"
-#include "python/rotation_records.hpp"
+#include "python/adapters/neighbours_backoff.hpp"
+#include "python/adapters/neighbours_rotation.hpp"
+#include "python/bindings/binding.hpp"
+#include "python/conversion/rotation_records.hpp"
+#include "python/interpreter/host.hpp"
 #include "sync/base/version.hpp"
 
 namespace brackenfen::sync::python {

@@ -21,7 +21,7 @@ ROOMS_OF_THE_MANAGER = {"lifecycle", "rotation", "era"}
 HOMES = {
     r"Python\.h|nanobind/.*": "python/",
     r"curl/.*": "sync/transport/",
-    r"openssl/(evp|sha)\.h": "sync/base/sha256.cpp",
+    r"openssl/(evp|sha)\.h": "sync/base/files/sha256.cpp",
     r"microhttpd\.h|CLI/.*": "tools/",
 }
 

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <string>
 
-#include "sync/base/convert.hpp"
+#include "sync/base/values/convert.hpp"
 
 namespace brackenfen::sync {
 

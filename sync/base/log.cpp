@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <optional>
 
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
+#include "sync/base/values/convert.hpp"
 
 namespace brackenfen::sync {
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "sync/base/value.hpp"
+#include "sync/base/values/value.hpp"
 
 namespace brackenfen::sync {
 

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/text.hpp"
+#include "sync/base/text/text.hpp"
+#include "sync/base/values/convert.hpp"
 #include "sync/documents/manifest_paths.hpp"
 
 namespace brackenfen::sync {

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "sync/base/value.hpp"
+#include "sync/base/values/value.hpp"
 #include "sync/neighbours/era_config.hpp"
 
 namespace brackenfen::sync {

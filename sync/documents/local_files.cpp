@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <functional>
 
-#include "sync/base/paths.hpp"
+#include "sync/base/files/paths.hpp"
 #include "sync/documents/manifest_paths.hpp"
 
 namespace brackenfen::sync {

@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-#include "sync/base/descriptor.hpp"
+#include "sync/base/files/descriptor.hpp"
 #include "sync/transport/files.hpp"
 
 namespace brackenfen::sync {

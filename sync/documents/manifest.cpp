@@ -5,9 +5,9 @@
 #include <cerrno>
 #include <utility>
 
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/text.hpp"
+#include "sync/base/text/text.hpp"
+#include "sync/base/values/convert.hpp"
 #include "sync/documents/manifest_filters.hpp"
 
 namespace brackenfen::sync {

@@ -6,8 +6,8 @@
 #include <string>
 #include <string_view>
 
-#include "sync/base/mutex.hpp"
-#include "sync/base/value.hpp"
+#include "sync/base/threads/mutex.hpp"
+#include "sync/base/values/value.hpp"
 #include "sync/neighbours/neighbours.hpp"
 
 namespace brackenfen::sync {

@@ -1,7 +1,7 @@
 #include "sync/documents/manifest_file.hpp"
 
-#include "sync/base/json.hpp"
-#include "sync/base/paths.hpp"
+#include "sync/base/files/paths.hpp"
+#include "sync/base/values/json.hpp"
 
 namespace brackenfen::sync {
 

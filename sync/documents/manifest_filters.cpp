@@ -5,8 +5,8 @@
 #include <utility>
 #include <vector>
 
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
+#include "sync/base/values/convert.hpp"
 #include "sync/documents/manifest.hpp"
 #include "sync/documents/removal.hpp"
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "sync/base/value.hpp"
+#include "sync/base/values/value.hpp"
 #include "sync/neighbours/neighbours.hpp"
 
 namespace brackenfen::sync {

@@ -2,11 +2,11 @@
 
 #include <optional>
 
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/paths.hpp"
-#include "sync/base/text.hpp"
-#include "sync/base/url.hpp"
+#include "sync/base/files/paths.hpp"
+#include "sync/base/text/text.hpp"
+#include "sync/base/text/url.hpp"
+#include "sync/base/values/convert.hpp"
 #include "sync/neighbours/transport_security.hpp"
 
 namespace brackenfen::sync {

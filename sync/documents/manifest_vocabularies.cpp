@@ -1,11 +1,11 @@
 // The vocabularies of a manifest, all together: the catalogue they share, and each merged with it.
-#include "sync/base/convert.hpp"
-#include "sync/base/descriptor.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/json.hpp"
-#include "sync/base/paths.hpp"
-#include "sync/base/sha256.hpp"
-#include "sync/base/text.hpp"
+#include "sync/base/files/descriptor.hpp"
+#include "sync/base/files/paths.hpp"
+#include "sync/base/files/sha256.hpp"
+#include "sync/base/text/text.hpp"
+#include "sync/base/values/convert.hpp"
+#include "sync/base/values/json.hpp"
 #include "sync/documents/manifest_paths.hpp"
 #include "sync/documents/vocabulary.hpp"
 

@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-#include "sync/base/value.hpp"
+#include "sync/base/values/value.hpp"
 
 namespace brackenfen::sync {
 

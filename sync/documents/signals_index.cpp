@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "sync/base/convert.hpp"
+#include "sync/base/values/convert.hpp"
 #include "sync/documents/manifest_paths.hpp"
 #include "sync/documents/removal.hpp"
 

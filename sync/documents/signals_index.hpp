@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "sync/base/error.hpp"
-#include "sync/base/value.hpp"
+#include "sync/base/values/value.hpp"
 #include "sync/documents/manifest.hpp"
 #include "sync/transport/files.hpp"
 

@@ -1,9 +1,9 @@
 // Finding, reading, applying and rewriting signals_index.json.
-#include "sync/base/convert.hpp"
-#include "sync/base/descriptor.hpp"
-#include "sync/base/json.hpp"
-#include "sync/base/paths.hpp"
-#include "sync/base/sha256.hpp"
+#include "sync/base/files/descriptor.hpp"
+#include "sync/base/files/paths.hpp"
+#include "sync/base/files/sha256.hpp"
+#include "sync/base/values/convert.hpp"
+#include "sync/base/values/json.hpp"
 #include "sync/documents/manifest_paths.hpp"
 #include "sync/documents/signals_index.hpp"
 

@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "sync/base/value.hpp"
+#include "sync/base/values/value.hpp"
 #include "sync/documents/manifest.hpp"
 #include "sync/neighbours/neighbours.hpp"
 

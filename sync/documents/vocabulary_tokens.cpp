@@ -3,7 +3,7 @@
 #include <set>
 
 #include "sync/base/error.hpp"
-#include "sync/base/text.hpp"
+#include "sync/base/text/text.hpp"
 #include "sync/documents/vocabulary.hpp"
 
 namespace brackenfen::sync {

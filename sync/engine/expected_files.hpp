@@ -5,8 +5,8 @@
 #include <string_view>
 #include <vector>
 
-#include "sync/base/interrupt.hpp"
-#include "sync/base/value.hpp"
+#include "sync/base/threads/interrupt.hpp"
+#include "sync/base/values/value.hpp"
 
 namespace brackenfen::sync {
 

@@ -2,9 +2,9 @@
 #include <algorithm>
 #include <limits>
 
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/paths.hpp"
+#include "sync/base/files/paths.hpp"
+#include "sync/base/values/convert.hpp"
 #include "sync/documents/manifest.hpp"
 #include "sync/documents/manifest_paths.hpp"
 #include "sync/documents/signals_index.hpp"

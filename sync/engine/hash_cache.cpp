@@ -8,11 +8,11 @@
 #include <fmt/compile.h>
 #include <fmt/format.h>
 
-#include "sync/base/convert.hpp"
-#include "sync/base/descriptor.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/json.hpp"
+#include "sync/base/files/descriptor.hpp"
 #include "sync/base/log.hpp"
+#include "sync/base/values/convert.hpp"
+#include "sync/base/values/json.hpp"
 
 namespace brackenfen::sync {
 namespace {

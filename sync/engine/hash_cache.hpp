@@ -12,9 +12,9 @@
 
 #include <tsl/robin_map.h>
 
-#include "sync/base/mutex.hpp"
-#include "sync/base/snapshot.hpp"
-#include "sync/base/value.hpp"
+#include "sync/base/threads/mutex.hpp"
+#include "sync/base/threads/snapshot.hpp"
+#include "sync/base/values/value.hpp"
 #include "sync/transport/files.hpp"
 
 namespace brackenfen::sync {

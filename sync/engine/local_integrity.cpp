@@ -2,11 +2,11 @@
 #include <algorithm>
 #include <exception>
 
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/member_cursor.hpp"
-#include "sync/base/parallel.hpp"
-#include "sync/base/paths.hpp"
+#include "sync/base/files/paths.hpp"
+#include "sync/base/threads/parallel.hpp"
+#include "sync/base/values/convert.hpp"
+#include "sync/base/values/member_cursor.hpp"
 #include "sync/documents/local_files.hpp"
 #include "sync/documents/manifest_filters.hpp"
 #include "sync/documents/shuffle_seed.hpp"

@@ -1,9 +1,9 @@
 // Bringing a manifest's entry into line with bytes that have been validated. What the server publishes about a
 // document can lag behind the bytes in its storage.
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
+#include "sync/base/files/sha256.hpp"
 #include "sync/base/log.hpp"
-#include "sync/base/sha256.hpp"
+#include "sync/base/values/convert.hpp"
 #include "sync/engine/sync_manager.hpp"
 
 namespace brackenfen::sync {

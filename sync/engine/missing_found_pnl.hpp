@@ -4,8 +4,8 @@
 #include <set>
 #include <string>
 
-#include "sync/base/mutex.hpp"
-#include "sync/base/value.hpp"
+#include "sync/base/threads/mutex.hpp"
+#include "sync/base/values/value.hpp"
 
 namespace brackenfen::sync {
 

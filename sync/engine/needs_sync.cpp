@@ -1,8 +1,8 @@
 // The cheap question: would a pass find something to do?
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/json.hpp"
-#include "sync/base/paths.hpp"
+#include "sync/base/files/paths.hpp"
+#include "sync/base/values/convert.hpp"
+#include "sync/base/values/json.hpp"
 #include "sync/engine/sync_manager.hpp"
 
 namespace brackenfen::sync {

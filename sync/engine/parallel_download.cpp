@@ -8,10 +8,10 @@
 #include <unordered_map>
 
 #include "sync/base/error.hpp"
-#include "sync/base/interrupt.hpp"
-#include "sync/base/text.hpp"
-#include "sync/base/work.hpp"
-#include "sync/base/worker_thread.hpp"
+#include "sync/base/text/text.hpp"
+#include "sync/base/threads/interrupt.hpp"
+#include "sync/base/threads/work.hpp"
+#include "sync/base/threads/worker_thread.hpp"
 #include "sync/documents/manifest_paths.hpp"
 #include "sync/engine/sync_manager.hpp"
 #include "sync/transport/backoff.hpp"

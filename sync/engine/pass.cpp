@@ -2,14 +2,14 @@
 
 #include <set>
 
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/integer_sum.hpp"
-#include "sync/base/interrupt.hpp"
-#include "sync/base/json.hpp"
+#include "sync/base/files/paths.hpp"
 #include "sync/base/log.hpp"
-#include "sync/base/member_cursor.hpp"
-#include "sync/base/paths.hpp"
+#include "sync/base/threads/interrupt.hpp"
+#include "sync/base/values/convert.hpp"
+#include "sync/base/values/integer_sum.hpp"
+#include "sync/base/values/json.hpp"
+#include "sync/base/values/member_cursor.hpp"
 #include "sync/documents/feature_paths.hpp"
 #include "sync/documents/manifest_file.hpp"
 #include "sync/documents/manifest_filters.hpp"

@@ -1,8 +1,8 @@
 // The two ways in which a pass ends early, because the directory already holds what the server publishes.
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
 #include "sync/base/log.hpp"
-#include "sync/base/member_cursor.hpp"
+#include "sync/base/values/convert.hpp"
+#include "sync/base/values/member_cursor.hpp"
 #include "sync/documents/manifest_file.hpp"
 #include "sync/documents/manifest_filters.hpp"
 #include "sync/documents/signals_index.hpp"

@@ -2,9 +2,9 @@
 #include <new>
 
 #include "sync/base/error.hpp"
-#include "sync/base/fork.hpp"
-#include "sync/base/interrupt.hpp"
-#include "sync/base/paths.hpp"
+#include "sync/base/files/paths.hpp"
+#include "sync/base/threads/fork.hpp"
+#include "sync/base/threads/interrupt.hpp"
 #include "sync/engine/sync_manager.hpp"
 
 namespace brackenfen::sync {

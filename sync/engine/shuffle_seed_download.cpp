@@ -1,7 +1,7 @@
 // The shuffle seed, from /data/shuffle to its place beside the companion that proves its era.
 #include "sync/base/error.hpp"
+#include "sync/base/files/paths.hpp"
 #include "sync/base/log.hpp"
-#include "sync/base/paths.hpp"
 #include "sync/documents/shuffle_seed.hpp"
 #include "sync/engine/sync_failure.hpp"
 #include "sync/engine/sync_manager.hpp"

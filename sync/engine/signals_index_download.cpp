@@ -1,8 +1,8 @@
 // The signals index: fetched, validated, and only then written.
-#include "sync/base/descriptor.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/paths.hpp"
-#include "sync/base/sha256.hpp"
+#include "sync/base/files/descriptor.hpp"
+#include "sync/base/files/paths.hpp"
+#include "sync/base/files/sha256.hpp"
 #include "sync/documents/manifest_paths.hpp"
 #include "sync/documents/signals_index.hpp"
 #include "sync/engine/sync_manager.hpp"

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "sync/base/error.hpp"
-#include "sync/base/interrupt.hpp"
+#include "sync/base/threads/interrupt.hpp"
 
 namespace brackenfen::sync {
 namespace {

@@ -7,9 +7,9 @@
 #include <string>
 #include <utility>
 
-#include "sync/base/clock.hpp"
-#include "sync/base/descriptor.hpp"
-#include "sync/base/sha256.hpp"
+#include "sync/base/files/descriptor.hpp"
+#include "sync/base/files/sha256.hpp"
+#include "sync/base/threads/clock.hpp"
 #include "sync/transport/http.hpp"
 
 namespace brackenfen::sync {

@@ -1,8 +1,8 @@
 // Has the server moved past the manifest generation that a file was taken from?
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/json.hpp"
 #include "sync/base/log.hpp"
+#include "sync/base/values/convert.hpp"
+#include "sync/base/values/json.hpp"
 #include "sync/engine/sync_manager.hpp"
 #include "sync/transport/settings.hpp"
 

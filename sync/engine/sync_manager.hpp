@@ -35,12 +35,12 @@
 #include <string_view>
 #include <vector>
 
-#include "sync/base/background_thread.hpp"
-#include "sync/base/event.hpp"
-#include "sync/base/fork.hpp"
-#include "sync/base/mutex.hpp"
-#include "sync/base/snapshot.hpp"
-#include "sync/base/value.hpp"
+#include "sync/base/threads/background_thread.hpp"
+#include "sync/base/threads/event.hpp"
+#include "sync/base/threads/fork.hpp"
+#include "sync/base/threads/mutex.hpp"
+#include "sync/base/threads/snapshot.hpp"
+#include "sync/base/values/value.hpp"
 #include "sync/documents/manifest.hpp"
 #include "sync/engine/hash_cache.hpp"
 #include "sync/engine/missing_found_pnl.hpp"

@@ -1,7 +1,7 @@
 // A full audit of the local files: every one is read, whatever the hash cache knows.
 #include "sync/base/error.hpp"
-#include "sync/base/parallel.hpp"
-#include "sync/base/paths.hpp"
+#include "sync/base/files/paths.hpp"
+#include "sync/base/threads/parallel.hpp"
 #include "sync/documents/local_files.hpp"
 #include "sync/documents/manifest_filters.hpp"
 #include "sync/documents/manifest_paths.hpp"

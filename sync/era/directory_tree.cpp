@@ -7,10 +7,10 @@
 #include <filesystem>
 #include <system_error>
 
-#include "sync/base/directory_reader.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/interrupt.hpp"
-#include "sync/base/paths.hpp"
+#include "sync/base/files/directory_reader.hpp"
+#include "sync/base/files/paths.hpp"
+#include "sync/base/threads/interrupt.hpp"
 
 namespace brackenfen::sync {
 namespace {

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "sync/base/descriptor.hpp"
+#include "sync/base/files/descriptor.hpp"
 
 namespace brackenfen::sync {
 

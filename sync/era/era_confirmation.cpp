@@ -1,6 +1,6 @@
 // The gates of a transition: each asks the server afresh which era is active, and gives one verdict.
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
+#include "sync/base/values/convert.hpp"
 #include "sync/engine/sync_manager.hpp"
 #include "sync/era/era_current.hpp"
 

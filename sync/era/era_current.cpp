@@ -2,9 +2,9 @@
 
 #include <optional>
 
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/json.hpp"
+#include "sync/base/values/convert.hpp"
+#include "sync/base/values/json.hpp"
 
 namespace brackenfen::sync {
 namespace {

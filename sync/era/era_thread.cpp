@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "sync/base/error.hpp"
-#include "sync/base/fork.hpp"
+#include "sync/base/threads/fork.hpp"
 
 namespace brackenfen::sync {
 namespace {

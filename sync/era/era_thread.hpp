@@ -8,10 +8,10 @@
 #include <optional>
 #include <string>
 
-#include "sync/base/background_thread.hpp"
-#include "sync/base/event.hpp"
-#include "sync/base/snapshot.hpp"
-#include "sync/base/value.hpp"
+#include "sync/base/threads/background_thread.hpp"
+#include "sync/base/threads/event.hpp"
+#include "sync/base/threads/snapshot.hpp"
+#include "sync/base/values/value.hpp"
 #include "sync/era/watcher_decision.hpp"
 #include "sync/transport/seams.hpp"
 #include "sync/transport/token_source.hpp"

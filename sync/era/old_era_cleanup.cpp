@@ -7,10 +7,10 @@
 #include <utility>
 #include <vector>
 
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/paths.hpp"
-#include "sync/base/text.hpp"
+#include "sync/base/files/paths.hpp"
+#include "sync/base/text/text.hpp"
+#include "sync/base/values/convert.hpp"
 #include "sync/era/directory_tree.hpp"
 
 namespace brackenfen::sync {

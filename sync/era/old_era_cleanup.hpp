@@ -8,9 +8,9 @@
 #include <string>
 #include <string_view>
 
-#include "sync/base/background_thread.hpp"
-#include "sync/base/mutex.hpp"
-#include "sync/base/value.hpp"
+#include "sync/base/threads/background_thread.hpp"
+#include "sync/base/threads/mutex.hpp"
+#include "sync/base/values/value.hpp"
 
 namespace brackenfen::sync {
 

@@ -1,7 +1,7 @@
 // Removing what earlier eras left in the directory.
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
 #include "sync/base/log.hpp"
+#include "sync/base/values/convert.hpp"
 #include "sync/engine/sync_manager.hpp"
 
 namespace brackenfen::sync {

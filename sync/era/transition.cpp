@@ -1,10 +1,10 @@
 // The frame of a transition and its gates: everything up to the point where files are fetched.
 #include "sync/era/transition.hpp"
 
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/json.hpp"
 #include "sync/base/log.hpp"
+#include "sync/base/values/convert.hpp"
+#include "sync/base/values/json.hpp"
 #include "sync/documents/manifest_filters.hpp"
 #include "sync/era/directory_tree.hpp"
 #include "sync/era/era_current.hpp"

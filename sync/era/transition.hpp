@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "sync/base/descriptor.hpp"
+#include "sync/base/files/descriptor.hpp"
 #include "sync/engine/sync_manager.hpp"
 
 namespace brackenfen::sync {

@@ -1,10 +1,10 @@
 // Promotion: the staged files go live, the commit records follow them, and then everybody is told.
 #include <unordered_set>
 
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
+#include "sync/base/files/paths.hpp"
 #include "sync/base/log.hpp"
-#include "sync/base/paths.hpp"
+#include "sync/base/values/convert.hpp"
 #include "sync/documents/manifest_file.hpp"
 #include "sync/documents/manifest_paths.hpp"
 #include "sync/documents/vocabulary.hpp"

@@ -3,11 +3,11 @@
 
 #include <exception>
 
-#include "sync/base/descriptor.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/interrupt.hpp"
+#include "sync/base/files/descriptor.hpp"
+#include "sync/base/files/paths.hpp"
 #include "sync/base/log.hpp"
-#include "sync/base/paths.hpp"
+#include "sync/base/threads/interrupt.hpp"
 #include "sync/era/directory_tree.hpp"
 #include "sync/era/transition.hpp"
 

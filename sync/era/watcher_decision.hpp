@@ -2,7 +2,7 @@
 // and what the watcher knew before.
 #pragma once
 
-#include "sync/base/value.hpp"
+#include "sync/base/values/value.hpp"
 
 namespace brackenfen::sync {
 

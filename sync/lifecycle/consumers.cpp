@@ -4,10 +4,10 @@
 #include <limits>
 #include <optional>
 
-#include "sync/base/descriptor.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/interrupt.hpp"
+#include "sync/base/files/descriptor.hpp"
 #include "sync/base/log.hpp"
+#include "sync/base/threads/interrupt.hpp"
 #include "sync/engine/sync_manager.hpp"
 
 namespace brackenfen::sync {

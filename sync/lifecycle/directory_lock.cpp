@@ -11,9 +11,9 @@
 #include <utility>
 
 #include "sync/base/error.hpp"
-#include "sync/base/fork.hpp"
-#include "sync/base/interrupt.hpp"
 #include "sync/base/log.hpp"
+#include "sync/base/threads/fork.hpp"
+#include "sync/base/threads/interrupt.hpp"
 
 namespace brackenfen::sync {
 namespace {

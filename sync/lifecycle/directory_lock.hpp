@@ -12,10 +12,10 @@
 #include <string>
 #include <thread>
 
-#include "sync/base/clock.hpp"
-#include "sync/base/descriptor.hpp"
-#include "sync/base/snapshot.hpp"
-#include "sync/base/work.hpp"
+#include "sync/base/files/descriptor.hpp"
+#include "sync/base/threads/clock.hpp"
+#include "sync/base/threads/snapshot.hpp"
+#include "sync/base/threads/work.hpp"
 
 namespace brackenfen::sync {
 

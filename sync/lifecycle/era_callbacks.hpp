@@ -6,8 +6,8 @@
 #include <string_view>
 #include <vector>
 
-#include "sync/base/mutex.hpp"
-#include "sync/base/value.hpp"
+#include "sync/base/threads/mutex.hpp"
+#include "sync/base/values/value.hpp"
 
 namespace brackenfen::sync {
 

@@ -3,9 +3,9 @@
 #include <utility>
 
 #include "sync/base/error.hpp"
-#include "sync/base/interrupt.hpp"
-#include "sync/base/paths.hpp"
-#include "sync/base/worker_thread.hpp"
+#include "sync/base/files/paths.hpp"
+#include "sync/base/threads/interrupt.hpp"
+#include "sync/base/threads/worker_thread.hpp"
 #include "sync/documents/local_files.hpp"
 #include "sync/documents/signals_index.hpp"
 #include "sync/engine/sync_manager.hpp"

@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "sync/base/mutex.hpp"
+#include "sync/base/threads/mutex.hpp"
 
 namespace brackenfen::sync {
 

@@ -3,8 +3,8 @@
 
 #include <memory>
 
-#include "sync/base/event.hpp"
-#include "sync/base/mutex.hpp"
+#include "sync/base/threads/event.hpp"
+#include "sync/base/threads/mutex.hpp"
 
 namespace brackenfen::sync {
 

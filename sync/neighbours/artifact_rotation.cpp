@@ -2,8 +2,8 @@
 
 #include <utility>
 
-#include "sync/base/convert.hpp"
-#include "sync/base/text.hpp"
+#include "sync/base/text/text.hpp"
+#include "sync/base/values/convert.hpp"
 #include "sync/neighbours/rotation_planner.hpp"
 #include "sync/neighbours/rotation_scope.hpp"
 #include "sync/neighbours/rotation_state.hpp"

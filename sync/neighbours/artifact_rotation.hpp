@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "sync/base/error.hpp"
-#include "sync/base/text_set.hpp"
-#include "sync/base/value.hpp"
+#include "sync/base/values/text_set.hpp"
+#include "sync/base/values/value.hpp"
 
 namespace brackenfen::sync {
 

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "sync/base/convert.hpp"
+#include "sync/base/values/convert.hpp"
 #include "sync/base/version.hpp"
 #include "sync/neighbours/release_version.hpp"
 

@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "sync/base/error.hpp"
-#include "sync/base/value.hpp"
+#include "sync/base/values/value.hpp"
 
 namespace brackenfen::sync {
 

@@ -3,7 +3,7 @@
 
 #include <string_view>
 
-#include "sync/base/value.hpp"
+#include "sync/base/values/value.hpp"
 
 namespace brackenfen::sync {
 

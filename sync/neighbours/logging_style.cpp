@@ -1,7 +1,7 @@
 #include "sync/neighbours/logging_style.hpp"
 
-#include "sync/base/json.hpp"
 #include "sync/base/log.hpp"
+#include "sync/base/values/json.hpp"
 
 namespace brackenfen::sync {
 namespace {

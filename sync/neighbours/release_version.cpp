@@ -7,9 +7,9 @@
 #include <utility>
 #include <vector>
 
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/text.hpp"
+#include "sync/base/text/text.hpp"
+#include "sync/base/values/convert.hpp"
 
 namespace brackenfen::sync {
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "sync/base/value.hpp"
+#include "sync/base/values/value.hpp"
 
 namespace brackenfen::sync {
 

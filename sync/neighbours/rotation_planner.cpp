@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "sync/base/convert.hpp"
+#include "sync/base/values/convert.hpp"
 #include "sync/neighbours/rotation_order.hpp"
 #include "sync/neighbours/rotation_scope.hpp"
 #include "sync/neighbours/rotation_state.hpp"

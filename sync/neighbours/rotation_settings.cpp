@@ -4,12 +4,12 @@
 #include <optional>
 #include <random>
 
-#include "sync/base/convert.hpp"
-#include "sync/base/descriptor.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/json.hpp"
-#include "sync/base/paths.hpp"
-#include "sync/base/text.hpp"
+#include "sync/base/files/descriptor.hpp"
+#include "sync/base/files/paths.hpp"
+#include "sync/base/text/text.hpp"
+#include "sync/base/values/convert.hpp"
+#include "sync/base/values/json.hpp"
 
 namespace brackenfen::sync {
 namespace {

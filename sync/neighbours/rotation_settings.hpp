@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "sync/base/value.hpp"
+#include "sync/base/values/value.hpp"
 #include "sync/neighbours/artifact_rotation.hpp"
 
 namespace brackenfen::sync {

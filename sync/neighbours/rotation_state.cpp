@@ -2,9 +2,9 @@
 
 #include <utility>
 
-#include "sync/base/convert.hpp"
-#include "sync/base/paths.hpp"
-#include "sync/base/text.hpp"
+#include "sync/base/files/paths.hpp"
+#include "sync/base/text/text.hpp"
+#include "sync/base/values/convert.hpp"
 
 namespace brackenfen::sync {
 namespace {

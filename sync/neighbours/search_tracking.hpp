@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "sync/base/value.hpp"
+#include "sync/base/values/value.hpp"
 #include "sync/neighbours/identity.hpp"
 
 namespace brackenfen::sync {

@@ -6,9 +6,9 @@
 #include <string>
 #include <string_view>
 
-#include "sync/base/clock.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/value.hpp"
+#include "sync/base/threads/clock.hpp"
+#include "sync/base/values/value.hpp"
 
 namespace brackenfen::sync {
 

@@ -3,7 +3,7 @@
 
 #include <optional>
 
-#include "sync/base/value.hpp"
+#include "sync/base/values/value.hpp"
 
 namespace brackenfen::sync {
 

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "sync/base/error.hpp"
-#include "sync/base/url.hpp"
+#include "sync/base/text/url.hpp"
 
 namespace brackenfen::sync {
 namespace {

@@ -5,7 +5,7 @@
 #include <set>
 #include <utility>
 
-#include "sync/base/convert.hpp"
+#include "sync/base/values/convert.hpp"
 #include "sync/documents/manifest_filters.hpp"
 
 namespace brackenfen::sync {

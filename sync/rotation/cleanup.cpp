@@ -5,10 +5,10 @@
 #include <utility>
 #include <vector>
 
-#include "sync/base/directory_reader.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/interrupt.hpp"
-#include "sync/base/paths.hpp"
+#include "sync/base/files/directory_reader.hpp"
+#include "sync/base/files/paths.hpp"
+#include "sync/base/threads/interrupt.hpp"
 #include "sync/documents/manifest_paths.hpp"
 
 namespace brackenfen::sync {

@@ -3,7 +3,7 @@
 
 #include <string_view>
 
-#include "sync/base/text_set.hpp"
+#include "sync/base/values/text_set.hpp"
 #include "sync/transport/files.hpp"
 
 namespace brackenfen::sync {

@@ -2,11 +2,11 @@
 #include <algorithm>
 #include <set>
 
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/integer_sum.hpp"
+#include "sync/base/files/paths.hpp"
 #include "sync/base/log.hpp"
-#include "sync/base/paths.hpp"
+#include "sync/base/values/convert.hpp"
+#include "sync/base/values/integer_sum.hpp"
 #include "sync/documents/feature_paths.hpp"
 #include "sync/documents/manifest_paths.hpp"
 #include "sync/engine/sync_manager.hpp"

@@ -1,10 +1,10 @@
 // Planning a rotation: what the neighbours are asked, and what the disk must hold.
 #include "sync/rotation/planning.hpp"
 
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/integer_sum.hpp"
-#include "sync/base/paths.hpp"
+#include "sync/base/files/paths.hpp"
+#include "sync/base/values/convert.hpp"
+#include "sync/base/values/integer_sum.hpp"
 #include "sync/documents/local_files.hpp"
 #include "sync/engine/sync_manager.hpp"
 #include "sync/rotation/artifacts.hpp"

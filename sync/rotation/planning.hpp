@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "sync/base/text_set.hpp"
-#include "sync/base/value.hpp"
+#include "sync/base/values/text_set.hpp"
+#include "sync/base/values/value.hpp"
 #include "sync/neighbours/artifact_rotation.hpp"
 
 namespace brackenfen::sync {

@@ -6,8 +6,8 @@
 #include <string_view>
 #include <vector>
 
-#include "sync/base/mutex.hpp"
-#include "sync/base/snapshot.hpp"
+#include "sync/base/threads/mutex.hpp"
+#include "sync/base/threads/snapshot.hpp"
 #include "sync/documents/manifest.hpp"
 #include "sync/transport/files.hpp"
 

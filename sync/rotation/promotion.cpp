@@ -1,8 +1,8 @@
 // From a candidate that has its files to the active state: the state file, the searches, the clean-up.
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
+#include "sync/base/files/paths.hpp"
 #include "sync/base/log.hpp"
-#include "sync/base/paths.hpp"
+#include "sync/base/values/convert.hpp"
 #include "sync/engine/sync_manager.hpp"
 #include "sync/neighbours/rotation_state.hpp"
 #include "sync/rotation/artifacts.hpp"

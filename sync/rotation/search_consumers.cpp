@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "sync/base/convert.hpp"
-#include "sync/base/text.hpp"
+#include "sync/base/text/text.hpp"
+#include "sync/base/values/convert.hpp"
 
 namespace brackenfen::sync {
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "sync/base/mutex.hpp"
+#include "sync/base/threads/mutex.hpp"
 #include "sync/neighbours/artifact_rotation.hpp"
 
 namespace brackenfen::sync {

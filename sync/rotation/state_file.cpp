@@ -4,13 +4,13 @@
 #include <ctime>
 #include <utility>
 
-#include "sync/base/convert.hpp"
-#include "sync/base/descriptor.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/interrupt.hpp"
-#include "sync/base/json.hpp"
-#include "sync/base/paths.hpp"
-#include "sync/base/text.hpp"
+#include "sync/base/files/descriptor.hpp"
+#include "sync/base/files/paths.hpp"
+#include "sync/base/text/text.hpp"
+#include "sync/base/threads/interrupt.hpp"
+#include "sync/base/values/convert.hpp"
+#include "sync/base/values/json.hpp"
 #include "sync/documents/local_files.hpp"
 #include "sync/documents/manifest_filters.hpp"
 

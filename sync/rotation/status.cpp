@@ -2,11 +2,11 @@
 
 #include <utility>
 
-#include "sync/base/convert.hpp"
-#include "sync/base/descriptor.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/json.hpp"
-#include "sync/base/paths.hpp"
+#include "sync/base/files/descriptor.hpp"
+#include "sync/base/files/paths.hpp"
+#include "sync/base/values/convert.hpp"
+#include "sync/base/values/json.hpp"
 #include "sync/rotation/artifacts.hpp"
 #include "sync/rotation/state_file.hpp"
 

@@ -4,10 +4,10 @@
 #include <utility>
 #include <vector>
 
-#include "sync/base/convert.hpp"
-#include "sync/base/descriptor.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/json.hpp"
+#include "sync/base/files/descriptor.hpp"
+#include "sync/base/values/convert.hpp"
+#include "sync/base/values/json.hpp"
 #include "sync/transport/events.hpp"
 #include "sync/transport/progress.hpp"
 

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "sync/base/error.hpp"
-#include "sync/base/fork.hpp"
-#include "sync/base/mutex.hpp"
+#include "sync/base/threads/fork.hpp"
+#include "sync/base/threads/mutex.hpp"
 
 namespace brackenfen::sync {
 namespace {

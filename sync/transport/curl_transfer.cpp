@@ -9,9 +9,9 @@
 
 #include "sync/base/environment.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/interrupt.hpp"
-#include "sync/base/text.hpp"
-#include "sync/base/url.hpp"
+#include "sync/base/text/text.hpp"
+#include "sync/base/text/url.hpp"
+#include "sync/base/threads/interrupt.hpp"
 #include "sync/neighbours/transport_security.hpp"
 #include "sync/transport/curl_errors.hpp"
 #include "sync/transport/header_rules.hpp"

@@ -6,10 +6,10 @@
 #include <new>
 #include <string_view>
 
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/fork.hpp"
-#include "sync/base/json.hpp"
+#include "sync/base/threads/fork.hpp"
+#include "sync/base/values/convert.hpp"
+#include "sync/base/values/json.hpp"
 #include "sync/transport/events.hpp"
 
 namespace brackenfen::sync {

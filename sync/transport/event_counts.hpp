@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include "sync/base/mutex.hpp"
-#include "sync/base/value.hpp"
+#include "sync/base/threads/mutex.hpp"
+#include "sync/base/values/value.hpp"
 
 namespace brackenfen::sync {
 

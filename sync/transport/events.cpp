@@ -4,12 +4,12 @@
 #include <optional>
 #include <vector>
 
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/json.hpp"
 #include "sync/base/log.hpp"
-#include "sync/base/text.hpp"
-#include "sync/base/url.hpp"
+#include "sync/base/text/text.hpp"
+#include "sync/base/text/url.hpp"
+#include "sync/base/values/convert.hpp"
+#include "sync/base/values/json.hpp"
 #include "sync/transport/event_counts.hpp"
 
 namespace brackenfen::sync {

@@ -13,9 +13,9 @@
 #include <utility>
 
 #include "sync/base/error.hpp"
-#include "sync/base/interrupt.hpp"
-#include "sync/base/paths.hpp"
-#include "sync/base/sha256.hpp"
+#include "sync/base/files/paths.hpp"
+#include "sync/base/files/sha256.hpp"
+#include "sync/base/threads/interrupt.hpp"
 
 namespace brackenfen::sync {
 namespace {

@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
-#include "sync/base/clock.hpp"
-#include "sync/base/descriptor.hpp"
+#include "sync/base/files/descriptor.hpp"
+#include "sync/base/threads/clock.hpp"
 
 namespace brackenfen::sync {
 

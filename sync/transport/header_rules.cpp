@@ -7,7 +7,7 @@
 #include <cstdint>
 
 #include "sync/base/error.hpp"
-#include "sync/base/text.hpp"
+#include "sync/base/text/text.hpp"
 
 namespace brackenfen::sync {
 namespace {

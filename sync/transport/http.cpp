@@ -5,11 +5,11 @@
 #include <memory>
 #include <unordered_map>
 
-#include "sync/base/convert.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/json.hpp"
-#include "sync/base/text.hpp"
-#include "sync/base/url.hpp"
+#include "sync/base/text/text.hpp"
+#include "sync/base/text/url.hpp"
+#include "sync/base/values/convert.hpp"
+#include "sync/base/values/json.hpp"
 #include "sync/base/version.hpp"
 #include "sync/transport/header_rules.hpp"
 #include "sync/transport/retry.hpp"

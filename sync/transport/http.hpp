@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "sync/base/value.hpp"
+#include "sync/base/values/value.hpp"
 #include "sync/transport/http_client.hpp"
 #include "sync/transport/seams.hpp"
 

@@ -4,8 +4,8 @@
 #include <utility>
 #include <vector>
 
-#include "sync/base/convert.hpp"
-#include "sync/base/text.hpp"
+#include "sync/base/text/text.hpp"
+#include "sync/base/values/convert.hpp"
 #include "sync/transport/events.hpp"
 
 namespace brackenfen::sync {

@@ -4,14 +4,14 @@
 #include <unordered_set>
 #include <utility>
 
-#include "sync/base/convert.hpp"
-#include "sync/base/directory_reader.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/integer_sum.hpp"
-#include "sync/base/interrupt.hpp"
-#include "sync/base/json.hpp"
+#include "sync/base/files/directory_reader.hpp"
+#include "sync/base/files/paths.hpp"
 #include "sync/base/log.hpp"
-#include "sync/base/paths.hpp"
+#include "sync/base/threads/interrupt.hpp"
+#include "sync/base/values/convert.hpp"
+#include "sync/base/values/integer_sum.hpp"
+#include "sync/base/values/json.hpp"
 #include "sync/documents/manifest_paths.hpp"
 #include "sync/neighbours/sync_progress.hpp"
 

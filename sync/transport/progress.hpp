@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "sync/base/value.hpp"
+#include "sync/base/values/value.hpp"
 #include "sync/transport/files.hpp"
 
 namespace brackenfen::sync {

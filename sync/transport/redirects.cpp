@@ -6,8 +6,8 @@
 #include <optional>
 
 #include "sync/base/error.hpp"
-#include "sync/base/text.hpp"
-#include "sync/base/url.hpp"
+#include "sync/base/text/text.hpp"
+#include "sync/base/text/url.hpp"
 #include "sync/transport/header_rules.hpp"
 
 namespace brackenfen::sync {

@@ -6,8 +6,8 @@
 #include <string>
 #include <string_view>
 
-#include "sync/base/json.hpp"
 #include "sync/base/log.hpp"
+#include "sync/base/values/json.hpp"
 #include "sync/transport/backoff.hpp"
 #include "sync/transport/events.hpp"
 #include "sync/transport/outage_status.hpp"

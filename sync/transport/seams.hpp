@@ -1,8 +1,8 @@
 // Everything outside the library that an operation touches, in one struct.
 #pragma once
 
-#include "sync/base/clock.hpp"
 #include "sync/base/environment.hpp"
+#include "sync/base/threads/clock.hpp"
 #include "sync/neighbours/neighbours.hpp"
 #include "sync/transport/files.hpp"
 #include "sync/transport/http_client.hpp"

@@ -6,8 +6,8 @@
 #include <limits>
 #include <string_view>
 
-#include "sync/base/convert.hpp"
 #include "sync/base/log.hpp"
+#include "sync/base/values/convert.hpp"
 
 namespace brackenfen::sync {
 namespace {

@@ -1,7 +1,7 @@
 #include "sync/transport/unavailable.hpp"
 
-#include "sync/base/convert.hpp"
-#include "sync/base/text.hpp"
+#include "sync/base/text/text.hpp"
+#include "sync/base/values/convert.hpp"
 #include "sync/transport/events.hpp"
 
 namespace brackenfen::sync {

@@ -4,9 +4,9 @@
 
 #include <string>
 
-#include "sync/base/descriptor.hpp"
-#include "sync/base/paths.hpp"
-#include "sync/base/sha256.hpp"
+#include "sync/base/files/descriptor.hpp"
+#include "sync/base/files/paths.hpp"
+#include "sync/base/files/sha256.hpp"
 #include "tests/support/failures.hpp"
 #include "tests/support/temporary_directory.hpp"
 

@@ -1,4 +1,4 @@
-#include "sync/base/parallel.hpp"
+#include "sync/base/threads/parallel.hpp"
 
 #include <gtest/gtest.h>
 
@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "sync/base/error.hpp"
-#include "sync/base/interrupt.hpp"
+#include "sync/base/threads/interrupt.hpp"
 #include "tests/support/failures.hpp"
 
 namespace brackenfen::sync {

@@ -1,5 +1,5 @@
 // What Python has no counterpart of; everything else is compared with Python itself by python_property_test.py.
-#include "sync/base/value.hpp"
+#include "sync/base/values/value.hpp"
 
 #include <gtest/gtest.h>
 
@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "sync/base/convert.hpp"
-#include "sync/base/json.hpp"
+#include "sync/base/values/convert.hpp"
+#include "sync/base/values/json.hpp"
 #include "tests/support/failures.hpp"
 
 namespace brackenfen::sync {

@@ -1,16 +1,16 @@
 // Every wait ends when it is interrupted, by the token of the thread's operation or by the host, and nothing waits for
 // itself, on whatever thread; and the threads and flags that waits are made of.
-#include "sync/base/work.hpp"
+#include "sync/base/threads/work.hpp"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <future>
 
-#include "sync/base/background_thread.hpp"
-#include "sync/base/clock.hpp"
-#include "sync/base/interrupt.hpp"
-#include "sync/base/mutex.hpp"
+#include "sync/base/threads/background_thread.hpp"
+#include "sync/base/threads/clock.hpp"
+#include "sync/base/threads/interrupt.hpp"
+#include "sync/base/threads/mutex.hpp"
 #include "tests/support/failures.hpp"
 #include "tests/support/fake_clock.hpp"
 

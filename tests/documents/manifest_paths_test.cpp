@@ -2,7 +2,7 @@
 
 #include <filesystem>
 
-#include "sync/base/paths.hpp"
+#include "sync/base/files/paths.hpp"
 #include "sync/documents/local_files.hpp"
 #include "sync/neighbours/transport_security.hpp"
 #include "tests/documents/values.hpp"

@@ -1,6 +1,6 @@
 #include "sync/neighbours/neighbours.hpp"
 
-#include "sync/base/convert.hpp"
+#include "sync/base/values/convert.hpp"
 #include "tests/documents/values.hpp"
 
 namespace brackenfen::sync {

@@ -1,6 +1,6 @@
 #include "sync/documents/signals_index.hpp"
 
-#include "sync/base/sha256.hpp"
+#include "sync/base/files/sha256.hpp"
 #include "tests/documents/values.hpp"
 #include "tests/support/temporary_directory.hpp"
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <string_view>
 
-#include "sync/base/json.hpp"
-#include "sync/base/value.hpp"
+#include "sync/base/values/json.hpp"
+#include "sync/base/values/value.hpp"
 #include "tests/support/failures.hpp"
 
 namespace brackenfen::sync {

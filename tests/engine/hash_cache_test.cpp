@@ -1,6 +1,6 @@
 #include "sync/engine/hash_cache.hpp"
 
-#include "sync/base/descriptor.hpp"
+#include "sync/base/files/descriptor.hpp"
 #include "tests/documents/values.hpp"
 #include "tests/support/recording_log.hpp"
 #include "tests/support/temporary_directory.hpp"

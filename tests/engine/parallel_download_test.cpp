@@ -7,8 +7,8 @@
 #include <set>
 #include <thread>
 
-#include "sync/base/interrupt.hpp"
-#include "sync/base/worker_thread.hpp"
+#include "sync/base/threads/interrupt.hpp"
+#include "sync/base/threads/worker_thread.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {

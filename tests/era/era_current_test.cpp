@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "sync/base/json.hpp"
+#include "sync/base/values/json.hpp"
 #include "sync/era/era_current.hpp"
 #include "tests/support/failures.hpp"
 

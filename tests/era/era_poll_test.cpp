@@ -1,7 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "sync/base/convert.hpp"
+#include "sync/base/values/convert.hpp"
 #include "sync/era/era_thread.hpp"
 #include "tests/support/sync_setup.hpp"
 

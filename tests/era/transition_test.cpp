@@ -7,8 +7,8 @@
 #include <functional>
 #include <map>
 
-#include "sync/base/convert.hpp"
-#include "sync/base/interrupt.hpp"
+#include "sync/base/threads/interrupt.hpp"
+#include "sync/base/values/convert.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {

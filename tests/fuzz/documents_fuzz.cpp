@@ -1,6 +1,6 @@
 // Any bytes either parse or are refused with the promised errors, and what was parsed survives every form. As a
 // manifest it is sanitised once and for all, and its record reads as the document that was written.
-#include "sync/base/json.hpp"
+#include "sync/base/values/json.hpp"
 #include "sync/documents/manifest.hpp"
 #include "sync/documents/manifest_filters.hpp"
 #include "tests/fuzz/fuzz.hpp"

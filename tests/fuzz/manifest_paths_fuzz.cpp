@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "sync/base/paths.hpp"
-#include "sync/base/text.hpp"
+#include "sync/base/files/paths.hpp"
+#include "sync/base/text/text.hpp"
 #include "sync/neighbours/transport_security.hpp"
 #include "tests/fuzz/fuzz.hpp"
 

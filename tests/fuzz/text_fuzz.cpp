@@ -1,10 +1,10 @@
 // Texts of any bytes are walked, quoted and taken apart inside their bounds, or refused with the promised errors.
-#include "sync/base/convert.hpp"
+#include "sync/base/values/convert.hpp"
 
 #include <string>
 
-#include "sync/base/text.hpp"
-#include "sync/base/url.hpp"
+#include "sync/base/text/text.hpp"
+#include "sync/base/text/url.hpp"
 #include "tests/fuzz/fuzz.hpp"
 
 namespace fuzz = brackenfen::sync::fuzz;

@@ -7,8 +7,8 @@
 #include <future>
 #include <sstream>
 
-#include "sync/base/descriptor.hpp"
-#include "sync/base/worker_thread.hpp"
+#include "sync/base/files/descriptor.hpp"
+#include "sync/base/threads/worker_thread.hpp"
 #include "tests/support/calling_token.hpp"
 #include "tests/support/sync_setup.hpp"
 

@@ -6,7 +6,7 @@
 
 #include <filesystem>
 
-#include "sync/base/interrupt.hpp"
+#include "sync/base/threads/interrupt.hpp"
 #include "tests/documents/values.hpp"
 #include "tests/support/temporary_directory.hpp"
 

@@ -6,7 +6,7 @@
 #include <functional>
 #include <thread>
 
-#include "sync/base/worker_thread.hpp"
+#include "sync/base/threads/worker_thread.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {

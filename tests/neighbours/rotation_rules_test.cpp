@@ -1,8 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "sync/base/convert.hpp"
-#include "sync/base/json.hpp"
+#include "sync/base/values/convert.hpp"
+#include "sync/base/values/json.hpp"
 #include "sync/neighbours/rotation_scope.hpp"
 #include "sync/neighbours/rotation_settings.hpp"
 #include "tests/support/failures.hpp"

@@ -3,8 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "sync/base/convert.hpp"
-#include "sync/base/json.hpp"
+#include "sync/base/values/convert.hpp"
+#include "sync/base/values/json.hpp"
 #include "sync/neighbours/rotation_state.hpp"
 #include "sync/rotation/status.hpp"
 #include "tests/support/sync_setup.hpp"

@@ -6,8 +6,8 @@
 #include <mutex>
 #include <vector>
 
-#include "sync/base/clock.hpp"
-#include "sync/base/interrupt.hpp"
+#include "sync/base/threads/clock.hpp"
+#include "sync/base/threads/interrupt.hpp"
 
 namespace brackenfen::sync {
 

@@ -14,7 +14,7 @@
 #include <cstdio>
 #include <stdexcept>
 
-#include "sync/base/text.hpp"
+#include "sync/base/text/text.hpp"
 
 namespace brackenfen::sync {
 namespace {

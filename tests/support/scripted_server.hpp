@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-#include "sync/base/descriptor.hpp"
+#include "sync/base/files/descriptor.hpp"
 #include "sync/transport/http_client.hpp"
 
 namespace brackenfen::sync {

@@ -8,8 +8,8 @@
 #include <string_view>
 #include <vector>
 
-#include "sync/base/json.hpp"
-#include "sync/base/sha256.hpp"
+#include "sync/base/files/sha256.hpp"
+#include "sync/base/values/json.hpp"
 #include "sync/engine/sync_manager.hpp"
 #include "tests/support/failures.hpp"
 #include "tests/support/fake_clock.hpp"

@@ -7,7 +7,7 @@
 #include <cmath>
 #include <set>
 
-#include "sync/base/json.hpp"
+#include "sync/base/values/json.hpp"
 #include "tests/support/failures.hpp"
 #include "tests/support/fake_clock.hpp"
 #include "tests/support/fault_files.hpp"

@@ -4,7 +4,7 @@
 
 #include <functional>
 
-#include "sync/base/json.hpp"
+#include "sync/base/values/json.hpp"
 #include "sync/transport/event_counts.hpp"
 #include "sync/transport/outage_status.hpp"
 #include "tests/support/fake_clock.hpp"

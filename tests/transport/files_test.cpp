@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <filesystem>
 
-#include "sync/base/sha256.hpp"
+#include "sync/base/files/sha256.hpp"
 #include "sync/neighbours/sync_progress.hpp"
 #include "sync/transport/progress.hpp"
 #include "tests/support/failures.hpp"

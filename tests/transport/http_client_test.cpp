@@ -15,7 +15,7 @@
 #include <tuple>
 
 #include "sync/base/error.hpp"
-#include "sync/base/interrupt.hpp"
+#include "sync/base/threads/interrupt.hpp"
 #include "sync/neighbours/transport_security.hpp"
 #include "tests/support/failures.hpp"
 #include "tests/support/scripted_server.hpp"

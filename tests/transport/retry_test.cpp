@@ -8,7 +8,7 @@
 #include <functional>
 #include <map>
 
-#include "sync/base/convert.hpp"
+#include "sync/base/values/convert.hpp"
 #include "sync/transport/event_counts.hpp"
 #include "tests/support/failures.hpp"
 #include "tests/support/fake_clock.hpp"

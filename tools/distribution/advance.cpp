@@ -8,10 +8,10 @@
 #include <cstdio>
 #include <utility>
 
-#include "sync/base/clock.hpp"
-#include "sync/base/descriptor.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/paths.hpp"
+#include "sync/base/files/descriptor.hpp"
+#include "sync/base/files/paths.hpp"
+#include "sync/base/threads/clock.hpp"
 #include "sync/era/era_current.hpp"
 #include "tools/distribution/check.hpp"
 #include "tools/distribution/publish.hpp"

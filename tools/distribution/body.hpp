@@ -9,7 +9,7 @@
 #include <memory>
 #include <mutex>
 
-#include "sync/base/descriptor.hpp"
+#include "sync/base/files/descriptor.hpp"
 #include "tools/distribution/faults.hpp"
 #include "tools/distribution/range.hpp"
 

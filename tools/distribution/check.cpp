@@ -6,10 +6,10 @@
 #include <optional>
 #include <string_view>
 
-#include "sync/base/convert.hpp"
-#include "sync/base/descriptor.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/json.hpp"
+#include "sync/base/files/descriptor.hpp"
+#include "sync/base/values/convert.hpp"
+#include "sync/base/values/json.hpp"
 #include "sync/documents/signals_index.hpp"
 #include "tools/distribution/kinds.hpp"
 

@@ -1,7 +1,7 @@
 #include "tools/distribution/era.hpp"
 
-#include "sync/base/clock.hpp"
-#include "sync/base/json.hpp"
+#include "sync/base/threads/clock.hpp"
+#include "sync/base/values/json.hpp"
 #include "sync/transport/files.hpp"
 
 namespace brackenfen::sync::distribution {

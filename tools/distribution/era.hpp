@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "sync/base/value.hpp"
+#include "sync/base/values/value.hpp"
 #include "tools/distribution/tree.hpp"
 
 namespace brackenfen::sync::distribution {

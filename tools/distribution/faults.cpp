@@ -11,10 +11,10 @@
 #include <functional>
 #include <map>
 
-#include "sync/base/convert.hpp"
-#include "sync/base/descriptor.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/text.hpp"
+#include "sync/base/files/descriptor.hpp"
+#include "sync/base/text/text.hpp"
+#include "sync/base/values/convert.hpp"
 
 namespace brackenfen::sync::distribution {
 namespace {

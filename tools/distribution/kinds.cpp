@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <array>
 
-#include "sync/base/text.hpp"
+#include "sync/base/text/text.hpp"
 #include "sync/documents/signals_index.hpp"
 #include "sync/neighbours/artifact_rotation.hpp"
 

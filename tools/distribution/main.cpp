@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "sync/base/error.hpp"
-#include "sync/base/url.hpp"
+#include "sync/base/text/url.hpp"
 #include "tools/distribution/advance.hpp"
 #include "tools/distribution/publish.hpp"
 #include "tools/distribution/sample.hpp"

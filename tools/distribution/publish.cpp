@@ -14,12 +14,12 @@
 #include <system_error>
 #include <vector>
 
-#include "sync/base/clock.hpp"
-#include "sync/base/descriptor.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/json.hpp"
-#include "sync/base/paths.hpp"
-#include "sync/base/sha256.hpp"
+#include "sync/base/files/descriptor.hpp"
+#include "sync/base/files/paths.hpp"
+#include "sync/base/files/sha256.hpp"
+#include "sync/base/threads/clock.hpp"
+#include "sync/base/values/json.hpp"
 #include "sync/documents/signals_index.hpp"
 #include "sync/transport/files.hpp"
 #include "tools/distribution/check.hpp"

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <charconv>
 
-#include "sync/base/text.hpp"
+#include "sync/base/text/text.hpp"
 
 namespace brackenfen::sync::distribution {
 namespace {

@@ -13,7 +13,7 @@
 #include <utility>
 
 #include "sync/base/error.hpp"
-#include "sync/base/paths.hpp"
+#include "sync/base/files/paths.hpp"
 #include "tools/distribution/kinds.hpp"
 
 namespace brackenfen::sync::distribution {

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "sync/base/descriptor.hpp"
+#include "sync/base/files/descriptor.hpp"
 #include "tools/distribution/tree.hpp"
 
 namespace brackenfen::sync::distribution {

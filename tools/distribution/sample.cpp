@@ -9,9 +9,9 @@
 #include <string_view>
 #include <system_error>
 
-#include "sync/base/descriptor.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/paths.hpp"
+#include "sync/base/files/descriptor.hpp"
+#include "sync/base/files/paths.hpp"
 #include "tools/distribution/generator.hpp"
 #include "tools/distribution/kinds.hpp"
 #include "tools/distribution/publish.hpp"

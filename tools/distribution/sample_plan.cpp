@@ -9,8 +9,8 @@
 #include <string_view>
 
 #include "sync/base/error.hpp"
-#include "sync/base/json.hpp"
-#include "sync/base/value.hpp"
+#include "sync/base/values/json.hpp"
+#include "sync/base/values/value.hpp"
 #include "sync/documents/signals_index.hpp"
 #include "sync/neighbours/era_config.hpp"
 #include "tools/distribution/generator.hpp"

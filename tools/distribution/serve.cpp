@@ -15,9 +15,9 @@
 #include <optional>
 #include <string_view>
 
-#include "sync/base/descriptor.hpp"
 #include "sync/base/error.hpp"
-#include "sync/base/json.hpp"
+#include "sync/base/files/descriptor.hpp"
+#include "sync/base/values/json.hpp"
 #include "tools/distribution/body.hpp"
 #include "tools/distribution/range.hpp"
 #include "tools/distribution/resource.hpp"

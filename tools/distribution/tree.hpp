@@ -16,7 +16,7 @@
 #include <string_view>
 #include <vector>
 
-#include "sync/base/value.hpp"
+#include "sync/base/values/value.hpp"
 
 namespace brackenfen::sync::distribution {
 

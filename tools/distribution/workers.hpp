@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "sync/base/error.hpp"
-#include "sync/base/mutex.hpp"
+#include "sync/base/threads/mutex.hpp"
 
 namespace brackenfen::sync::distribution {
 

@@ -1,0 +1,276 @@
+#include "python/adapters/neighbours_backoff.hpp"
+
+#include "python/adapters/callables.hpp"
+#include "python/adapters/neighbours_lookup.hpp"
+#include "python/conversion/errors.hpp"
+#include "python/conversion/values.hpp"
+
+namespace brackenfen::sync::python {
+namespace {
+
+/// All fields of a context as the host gave them.
+struct PythonFields : HostContextFields {
+  explicit PythonFields(nb::handle dict) : fields(dict) {}
+  PyRef fields;
+};
+
+/// A context of the host's module, left again on the thread that entered it.
+class HostScope {
+ public:
+  explicit HostScope(nb::handle manager) : manager_(manager) { manager.attr("__enter__")(); }
+  HostScope(const HostScope&) = delete;
+  HostScope& operator=(const HostScope&) = delete;
+  ~HostScope() {
+    try {
+      const Attached guard;
+      const nb::error_scope raised_meanwhile;
+      try {
+        manager_.get().attr("__exit__")(nb::none(), nb::none(), nb::none());
+      } catch (nb::python_error& error) {
+        error.discard_as_unraisable("brackenfen.sync_backoff.backoff_context");
+      }
+      manager_.clear();
+    } catch (const Interrupted&) {  // the interpreter is going, and the thread's context with it
+    }
+  }
+
+ private:
+  PyRef manager_;
+};
+
+class HostSyncBackoff : public SyncBackoff {
+ public:
+  explicit HostSyncBackoff(nb::handle module) : module_(module) {}
+  [[nodiscard]] nb::handle module() const { return module_.get(); }
+
+  double delay_seconds(int attempt_index) override {
+    return call_python([&] { return real_argument(policy().attr("delay_seconds")(attempt_index), "delay_seconds"); });
+  }
+
+  bool sleep(double wait_seconds, Clock& clock, const std::function<bool()>& stop_requested) override {
+    return call_python([&] {
+      const nb::object system_sleep = nb::cpp_function([&clock](double seconds) {
+        const Released released;
+        clock.sleep(seconds);
+      });
+      return truth(
+          policy().attr("sleep")(wait_seconds, nb::arg("sleep") = system_sleep, nb::arg("stop_requested") = stop_callable(stop_requested)));
+    });
+  }
+
+  BackoffContext current_context() override {
+    return call_python([&] { return context_from_python(module_.get().attr("current_context")()); });
+  }
+
+  std::shared_ptr<void> enter_context(BackoffContext context) override {
+    return call_python([&]() -> std::shared_ptr<void> {
+      return std::make_shared<HostScope>(module_.get().attr("backoff_context")(**context_to_python(context)));
+    });
+  }
+
+  Document sync_backoff_event_fields(std::string_view surface, int attempt, double wait_seconds, std::string_view reason,
+                                     std::string_view file_path) override {
+    return call_python([&] {
+      return document_argument(
+          module_.get().attr("sync_backoff_event_fields")(nb::arg("surface") = to_python(surface), nb::arg("attempt") = attempt,
+                                                          nb::arg("wait_seconds") = wait_seconds, nb::arg("reason") = to_python(reason),
+                                                          nb::arg("file_path") = to_python(file_path)),
+          "event");
+    });
+  }
+
+  Error cancelled_error() override {
+    return call_python([&] { return to_error(nb::object(module_.get().attr("SyncBackoffCancelled")())); });
+  }
+
+ private:
+  nb::object policy() const { return module_.get().attr("SyncBackoffPolicy")(); }
+  PyRef module_;
+};
+
+/// The provider bound first, which stays when its module leaves sys.modules.
+struct FirstBound {
+  NeighbourModule module{"sync_backoff"};
+  bool looked = false;
+  SharedRef provider;  // empty: the built-in one
+};
+FirstBound& first_bound() {
+  static FirstBound& instance = *new FirstBound;
+  return instance;
+}
+
+/// The host's module in force, or nothing. Attached threads only.
+nb::object host_module() {
+  FirstBound& first = first_bound();
+  if (nb::object loaded = first.module.loaded(); loaded.is_valid()) {
+    if (!first.looked) first.provider = share(loaded);
+    first.looked = true;
+    return loaded;
+  }
+  if (!first.looked) {
+    const nb::object found = first.module.find();
+    if (found.is_valid()) first.provider = share(found);
+    first.looked = true;
+  }
+  return first.provider ? nb::borrow(first.provider->get()) : nb::object();
+}
+
+/// Owned by nobody: the built-in provider lives for the whole process.
+std::shared_ptr<SyncBackoff> builtin_backoff() { return {std::shared_ptr<void>(), &SyncBackoff::builtin()}; }
+
+// ---- the built-in provider in Python's terms -------------------------------------------------------------
+
+/// `with backoff_context(...)` around the built-in provider.
+struct ContextManager {
+  explicit ContextManager(nb::handle given) : fields(given) {}
+  PyRef fields;
+  std::vector<std::shared_ptr<void>> scopes;  // one for each time it was entered
+};
+
+PyObject* builtin_namespace = nullptr;  // owned for ever
+
+/// Stateless: made anew for every delay and every sleep.
+struct Policy {};
+
+/// While the running thread asks the host's module on behalf of a caller. A module that in turn hands on to the
+/// functions below means the built-in provider, and must not be asked again.
+class Forwarding {
+ public:
+  Forwarding() { active_ = true; }
+  Forwarding(const Forwarding&) = delete;
+  Forwarding& operator=(const Forwarding&) = delete;
+  ~Forwarding() { active_ = false; }
+  [[nodiscard]] static nb::object target() { return active_ ? nb::object() : host_module(); }
+
+ private:
+  static inline thread_local bool active_ = false;
+};
+
+nb::object backoff_context(nb::kwargs fields) {
+  if (const nb::object module = Forwarding::target(); module.is_valid()) {
+    const Forwarding forwarding;
+    return module.attr("backoff_context")(**fields);
+  }
+  return nb::cast(new ContextManager(fields), nb::rv_policy::take_ownership);
+}
+
+nb::dict current_context() {
+  if (const nb::object module = Forwarding::target(); module.is_valid()) {
+    const Forwarding forwarding;
+    nb::dict copy;
+    copy.update(nb::object(module.attr("current_context")()));
+    return copy;
+  }
+  return context_to_python(SyncBackoff::builtin().current_context());
+}
+
+bool policy_sleep(const Policy&, double wait_seconds, nb::object sleep, nb::object stop_requested) {
+  std::function<bool()> stop;
+  if (!stop_requested.is_none()) stop = StopCallback{share(stop_requested)};
+  /// Sleeps as the caller asks, if it brings its own way.
+  struct CallerClock : Clock {
+    SharedRef sleeper;
+    std::int64_t monotonic_ns() override { return Clock::real().monotonic_ns(); }
+    double wall_seconds() override { return Clock::real().wall_seconds(); }
+    void sleep(double seconds) override {
+      call_python([&] { sleeper->get()(seconds); });
+    }
+  };
+  CallerClock caller;
+  if (!sleep.is_none()) caller.sleeper = share(sleep);
+  const Released released;
+  return SyncBackoff::builtin().sleep(wait_seconds, caller.sleeper ? static_cast<Clock&>(caller) : Clock::real(), stop);
+}
+
+nb::object event_fields(nb::object surface, std::int64_t attempt, double wait_seconds, nb::object reason, nb::object file_path) {
+  return to_python(SyncBackoff::builtin().sync_backoff_event_fields(text_form(surface), static_cast<int>(attempt), wait_seconds,
+                                                                    text_form(reason), text_form(file_path)));
+}
+
+}  // namespace
+
+std::shared_ptr<SyncBackoff> backoff_in_force() {
+  return call_python([]() -> std::shared_ptr<SyncBackoff> {
+    const nb::object module = host_module();
+    if (!module.is_valid()) return builtin_backoff();
+    return std::make_shared<HostSyncBackoff>(module);
+  });
+}
+
+nb::object backoff_module() {
+  const nb::object module = host_module();
+  return module.is_valid() ? module : nb::borrow(builtin_namespace);
+}
+
+nb::object backoff_cancelled_class() {
+  const nb::object module = host_module();
+  return module.is_valid() ? nb::object(module.attr("SyncBackoffCancelled")) : nb::borrow(python_class(error_class::SyncBackoffCancelled));
+}
+
+nb::dict context_to_python(const BackoffContext& context) {
+  nb::dict fields;
+  if (const auto* host = dynamic_cast<const PythonFields*>(context.host_fields.get()))
+    fields.update(nb::borrow<nb::dict>(host->fields.get()));
+  if (!context.data_dir.empty() && !truth(mapping_item(fields, "data_dir"))) fields["data_dir"] = path_to_python(context.data_dir);
+  if (!context.surface.empty() && text_form(mapping_item(fields, "surface")) != context.surface)
+    fields["surface"] = to_python(context.surface);
+  if (context.stop_requested) fields["stop_requested"] = stop_callable(context.stop_requested);
+  return fields;
+}
+
+BackoffContext context_from_python(nb::handle mapping) {
+  nb::dict fields;
+  fields.update(mapping);
+  BackoffContext context;
+  if (const nb::object data_dir = mapping_item(fields, "data_dir"); truth(data_dir)) context.data_dir = path_argument(data_dir, "data_dir");
+  if (const nb::object surface = mapping_item(fields, "surface"); truth(surface)) context.surface = text_form(surface);
+  if (const nb::object stop = mapping_item(fields, "stop_requested"); PyCallable_Check(stop.ptr()) != 0)
+    context.stop_requested = StopCallback{share(stop)};
+  context.host_fields = std::make_shared<const PythonFields>(fields);
+  return context;
+}
+
+void bind_backoff(nb::module_& module) {
+  nb::class_<ContextManager>(module, "_BackoffContext", "The context manager that backoff_context returns.")
+      .def("__enter__",
+           [](ContextManager& self) {
+             nb::dict fields = context_to_python(SyncBackoff::builtin().current_context());
+             fields.update(nb::borrow<nb::dict>(self.fields.get()));
+             self.scopes.push_back(SyncBackoff::builtin().enter_context(context_from_python(fields)));
+             return nb::borrow(self.fields.get());
+           })
+      .def(
+          "__exit__",
+          [](ContextManager& self, nb::handle, nb::handle, nb::handle) {
+            if (!self.scopes.empty()) self.scopes.pop_back();
+          },
+          nb::arg().none(), nb::arg().none(), nb::arg().none());
+
+  module.def("backoff_context", backoff_context, nb::arg("fields"),
+             nb::sig("def backoff_context(**fields: object) -> contextlib.AbstractContextManager[dict[str, object]]"),
+             "Make `fields` the running thread's back-off context for a `with` block. Those that are not given, or are None,\n"
+             "stay as in the block around it.\n\n"
+             "data_dir: the directory whose sync-progress.json shows a wait. surface: the name of the waiting operation.\n"
+             "stop_requested: a callable; true ends the wait with SyncBackoffCancelled. Other fields are carried along.");
+  module.def("current_context", current_context, nb::sig("def current_context() -> dict[str, object]"),
+             "A copy of the running thread's back-off context.");
+
+  nb::class_<Policy>(module, "_SyncBackoffPolicy", "0.5 s doubled per attempt, capped at 30 s, with a jitter of 20 %.")
+      .def(nb::init<>())
+      .def(
+          "delay_seconds",
+          [](const Policy&, std::int64_t attempt_index) { return SyncBackoff::builtin().delay_seconds(static_cast<int>(attempt_index)); },
+          nb::arg("attempt_index"))
+      .def("sleep", policy_sleep, nb::arg("wait_seconds"), nb::arg("sleep") = nb::none(), nb::arg("stop_requested") = nb::none());
+
+  nb::object builtin = nb::module_::import_("types").attr("SimpleNamespace")();
+  builtin.attr("SyncBackoffPolicy") = module.attr("_SyncBackoffPolicy");
+  builtin.attr("SyncBackoffCancelled") = python_class(error_class::SyncBackoffCancelled);
+  builtin.attr("backoff_context") = module.attr("backoff_context");
+  builtin.attr("current_context") = module.attr("current_context");
+  builtin.attr("sync_backoff_event_fields") = nb::cpp_function(event_fields, nb::arg("surface"), nb::arg("attempt"),
+                                                               nb::arg("wait_seconds"), nb::arg("reason"), nb::arg("file_path"));
+  builtin_namespace = builtin.release().ptr();
+}
+
+}  // namespace brackenfen::sync::python

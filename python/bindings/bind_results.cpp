@@ -1,0 +1,124 @@
+// SyncResult and VerifyResult: dataclasses, so that they compare, print, copy and pickle as every host knows it.
+#include "python/bindings/binding.hpp"
+#include "sync/engine/results.hpp"
+
+namespace brackenfen::sync::python {
+namespace {
+
+PyObject* sync_result_class = nullptr;  // owned for ever, as is the next
+PyObject* verify_result_class = nullptr;
+
+void assign(std::int64_t& field, nb::handle value, const char* name) { field = integer_argument(value, name); }
+void assign(bool& field, nb::handle value, const char*) { field = truth(value); }
+void assign(Value& field, nb::handle value, const char* name) { field = value_argument(value, name); }
+void assign(std::vector<Text>& field, nb::handle value, const char* name) {
+  const std::vector<std::string> texts = texts_argument(value, name);
+  field.assign(texts.begin(), texts.end());
+}
+// Local paths are bytes of the file system and not texts.
+void assign(std::vector<std::string>& field, nb::handle value, const char* name) {
+  field.clear();
+  for (nb::handle path : nb::iter(value)) field.push_back(path_argument(path, name));
+}
+
+nb::object read(std::int64_t field) { return nb::int_(field); }
+nb::object read(bool field) { return nb::bool_(field); }
+nb::object read(const Value& field) { return to_python(field); }
+nb::object read(const std::vector<Text>& field) { return tuple_of_texts(field); }
+nb::object read(const std::vector<std::string>& field) {
+  nb::list paths;
+  for (const std::string& path : field) paths.append(path_to_python(path));
+  return nb::steal(PyList_AsTuple(paths.ptr()));
+}
+
+struct Field {
+  const char* name;
+  const char* type;
+  nb::object (*get)(const SyncResult&);
+  void (*set)(SyncResult&, nb::handle, const char* name);
+};
+
+template <auto MEMBER>
+constexpr Field field(const char* name, const char* type) {
+  return {name, type, [](const SyncResult& result) { return read(result.*MEMBER); },
+          [](SyncResult& result, nb::handle value, const char* label) { assign(result.*MEMBER, value, label); }};
+}
+
+constexpr Field FIELDS[] = {
+    field<&SyncResult::features_downloaded>("features_downloaded", "int"),
+    field<&SyncResult::useful_signals_downloaded>("useful_signals_downloaded", "int"),
+    field<&SyncResult::bytes_downloaded>("bytes_downloaded", "int"),
+    field<&SyncResult::era_number>("era_number", "int"),
+    field<&SyncResult::t_signal_is>("t_signal_is", "int"),
+    field<&SyncResult::t_strategy_is>("t_strategy_is", "int"),
+    field<&SyncResult::n_instruments>("n_instruments", "int"),
+    field<&SyncResult::n_features>("n_features", "int"),
+    field<&SyncResult::n_useful_signals>("n_useful_signals", "int"),
+    field<&SyncResult::n_found_strategies>("n_found_strategies", "int"),
+    field<&SyncResult::pnl_column_count>("pnl_column_count", "int"),
+    field<&SyncResult::vocabulary_downloaded>("vocabulary_downloaded", "bool"),
+    field<&SyncResult::shuffle_seed_downloaded>("shuffle_seed_downloaded", "bool"),
+    field<&SyncResult::active_relative_paths>("active_relative_paths", "tuple[str, ...]"),
+    field<&SyncResult::skipped_relative_paths>("skipped_relative_paths", "tuple[str, ...]"),
+    field<&SyncResult::mandatory_relative_paths>("mandatory_relative_paths", "tuple[str, ...]"),
+    field<&SyncResult::found_pnl_paths_downloaded>("found_pnl_paths_downloaded", "tuple[str, ...]"),
+    field<&SyncResult::rotation_seed>("rotation_seed", "int | None"),
+    field<&SyncResult::feature_budget_bytes>("feature_budget_bytes", "int | None"),
+};
+
+nb::object make_dataclass(nb::module_& module, const char* name, const nb::list& fields, const char* documentation) {
+  nb::dict members;
+  members["__doc__"] = documentation;
+  nb::object made = nb::module_::import_("dataclasses")
+                        .attr("make_dataclass")(name, fields, nb::arg("namespace") = members, nb::arg("module") = "brackenfen.sync");
+  module.attr(name) = made;
+  return made;
+}
+
+}  // namespace
+
+nb::object sync_result_to_python(const SyncResult& result) {
+  nb::dict arguments;
+  for (const Field& field : FIELDS) arguments[field.name] = field.get(result);
+  return nb::handle(sync_result_class)(**arguments);
+}
+
+SyncResult sync_result_argument(nb::handle object) {
+  SyncResult result;
+  for (const Field& field : FIELDS) field.set(result, object.attr(field.name), field.name);
+  return result;
+}
+
+void update_sync_result(nb::handle object, const SyncResult& result) {
+  for (const Field& field : FIELDS) object.attr(field.name) = field.get(result);
+}
+
+nb::object verify_result_to_python(const VerifyResult& result) {
+  return nb::handle(verify_result_class)(result.valid, list_of_texts(result.corrupted_files), list_of_texts(result.missing_files));
+}
+
+void bind_results(nb::module_& module) {
+  nb::list fields;
+  const SyncResult empty{};
+  for (const Field& field : FIELDS) fields.append(nb::make_tuple(field.name, field.type, field.get(empty)));
+  sync_result_class =
+      make_dataclass(module, "SyncResult", fields,
+                     "What a sync came to. Every field has a default.\n\n"
+                     "bytes_downloaded counts whole files, resumed bytes included. Relative paths are those of the manifest;\n"
+                     "found_pnl_paths_downloaded holds local paths.")
+          .release()
+          .ptr();
+
+  // One for each field: a dataclass writes the name into it.
+  const auto fresh_list = [make_field = nb::module_::import_("dataclasses").attr("field")] {
+    return nb::object(make_field(nb::arg("default_factory") = nb::handle(reinterpret_cast<PyObject*>(&PyList_Type))));
+  };
+  nb::list verify_fields;
+  verify_fields.append(nb::make_tuple("valid", "bool", true));
+  verify_fields.append(nb::make_tuple("corrupted_files", "list[str]", fresh_list()));
+  verify_fields.append(nb::make_tuple("missing_files", "list[str]", fresh_list()));
+  verify_result_class =
+      make_dataclass(module, "VerifyResult", verify_fields, "What an audit of the local files found, by relative path.").release().ptr();
+}
+
+}  // namespace brackenfen::sync::python

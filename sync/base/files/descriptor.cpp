@@ -1,0 +1,81 @@
+#include "sync/base/files/descriptor.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "sync/base/error.hpp"
+
+namespace brackenfen::sync {
+
+Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
+  Descriptor taken(std::move(other));  // so that what was held here is closed at once
+  std::swap(number_, taken.number_);
+  return *this;
+}
+
+Descriptor::~Descriptor() {
+  if (number_ < 0) return;
+  const int saved_errno = errno;
+  ::close(number_);
+  errno = saved_errno;
+}
+
+void Descriptor::close() {
+  const int number = std::exchange(number_, -1);
+  // After EINTR the descriptor is closed on Linux; trying again could close another thread's.
+  if (number >= 0 && ::close(number) != 0 && errno != EINTR) throw os_error(errno);
+}
+
+Descriptor open_file(const std::string& path, int flags, unsigned mode) {
+  // The system would stop reading at the NUL and open another file.
+  if (path.find('\0') != std::string::npos) throw ValueError("embedded null byte");
+  for (;;) {
+    const int number = ::open(path.c_str(), flags | O_CLOEXEC, mode);
+    if (number >= 0) return Descriptor(number);
+    if (errno != EINTR) throw os_error(errno, path);
+  }
+}
+
+std::size_t read_some(const Descriptor& file, char* buffer, std::size_t size, const std::string& path) {
+  for (;;) {
+    const ssize_t count = ::read(file.get(), buffer, size);
+    if (count >= 0) return static_cast<std::size_t>(count);
+    if (errno != EINTR) throw os_error(errno, path);
+  }
+}
+
+void write_all(const Descriptor& file, std::string_view bytes, const std::string& path) {
+  while (!bytes.empty()) {
+    const ssize_t count = ::write(file.get(), bytes.data(), bytes.size());
+    if (count >= 0) {
+      bytes.remove_prefix(static_cast<std::size_t>(count));
+    } else if (errno != EINTR) {
+      throw os_error(errno, path);
+    }
+  }
+}
+
+std::string read_file(const std::string& path) {
+  constexpr std::size_t STEP_BYTES = 64 * 1024;
+  const Descriptor file = open_file(path, O_RDONLY);
+  struct stat status {};
+  if (::fstat(file.get(), &status) != 0) throw os_error(errno, path);
+  std::string content;
+  std::size_t filled = 0;
+  // One byte more than the size, so that the end of an ordinary file shows without growing.
+  std::size_t room = S_ISREG(status.st_mode) ? static_cast<std::size_t>(status.st_size) + 1 : STEP_BYTES;
+  for (;;) {
+    content.resize(filled + room);
+    const std::size_t count = read_some(file, content.data() + filled, room, path);
+    filled += count;
+    if (count == 0) break;
+    room = room > count ? room - count : STEP_BYTES;
+  }
+  content.resize(filled);
+  return content;
+}
+
+}  // namespace brackenfen::sync

@@ -1,0 +1,76 @@
+#include "sync/base/threads/worker_thread.hpp"
+
+#include <pthread.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <new>
+#include <system_error>
+#include <thread>
+
+#include "sync/base/error.hpp"
+#include "sync/base/threads/fork.hpp"
+#include "sync/base/threads/interrupt.hpp"
+
+namespace brackenfen::sync {
+namespace {
+
+constexpr std::size_t SYSTEM_NAME_BYTES = 15;
+
+/// How many threads run. Leaked: a thread that outlives main() still counts itself out.
+struct Count {
+  std::mutex mutex;
+  std::condition_variable fell;
+  int running = 0;
+
+  void rise() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    ++running;
+  }
+  void fall() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    --running;
+    fell.notify_all();
+  }
+};
+
+alignas(Count) unsigned char count_storage[sizeof(Count)];
+
+Count& count() {
+  static Count* const instance = [] {
+    auto* made = new (count_storage) Count;
+    at_fork_child([] { new (count_storage) Count; });  // none of the parent's threads run in the child
+    return made;
+  }();
+  return *instance;
+}
+
+}  // namespace
+
+void start_worker_thread(const std::string& name, std::function<void()> body) {
+  Count& threads = count();
+  threads.rise();
+  try {
+    std::thread([body = std::move(body), system_name = name.substr(0, SYSTEM_NAME_BYTES), &threads]() mutable {
+      pthread_setname_np(pthread_self(), system_name.c_str());
+      try {
+        body();
+      } catch (const Interrupted& interrupted) {  // workers hand theirs to the thread that owns the work
+        report_unclaimed(interrupted);
+      }
+      body = nullptr;  // what the body owned goes before the thread counts as gone
+      threads.fall();
+    }).detach();
+  } catch (const std::system_error& failure) {
+    threads.fall();
+    throw os_error(failure.code().value(), name);
+  }
+}
+
+bool wait_for_worker_threads(std::chrono::milliseconds timeout) {
+  Count& threads = count();
+  std::unique_lock<std::mutex> lock(threads.mutex);
+  return threads.fell.wait_for(lock, timeout, [&] { return threads.running == 0; });
+}
+
+}  // namespace brackenfen::sync

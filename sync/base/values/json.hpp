@@ -1,0 +1,31 @@
+// JSON in and out. The bytes written are those of Python's json module for the same value.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "sync/base/values/value.hpp"
+
+namespace brackenfen::sync {
+
+/// Objects and lists may lie this deep in each other; one level more is refused, on reading and on writing.
+inline constexpr int JSON_MAX_DEPTH = 1000;
+
+/// The three forms in which documents lie on disk or travel in events.
+enum class JsonForm {
+  InsertionOrder,  ///< keys as they stand, separators ", " and ": "
+  SortedKeys,      ///< keys sorted by code point, separators ", " and ": "
+  Canonical,       ///< keys sorted, separators "," and ":"
+};
+
+/// Parses UTF-8 JSON with the dialect of Python's json module: NaN and infinities, integers of any size,
+/// duplicate keys (the last value wins, at the first position). A byte order mark and a lone surrogate
+/// escape are refused.
+/// Throws UnicodeDecodeError where the bytes are not UTF-8 and JSONDecodeError for anything else, with
+/// Python's wording: "Expecting value: line 1 column 1 (char 0)".
+[[nodiscard]] Value parse_json(std::string_view bytes);
+
+/// Non-ASCII characters are escaped, so the result is ASCII. Throws ValueError beyond JSON_MAX_DEPTH.
+[[nodiscard]] std::string write_json(const Value& value, JsonForm form);
+
+}  // namespace brackenfen::sync

@@ -1,0 +1,31 @@
+// Sets of paths that are asked with whatever text is at hand.
+#pragma once
+
+#include <functional>
+#include <string_view>
+#include <vector>
+
+#include <tsl/robin_set.h>
+
+#include "sync/base/values/value.hpp"
+
+namespace brackenfen::sync {
+
+struct TextHash {
+  std::size_t operator()(std::string_view text) const noexcept { return std::hash<std::string_view>()(text); }
+};
+struct TextEqual {
+  using is_transparent = void;
+  bool operator()(std::string_view left, std::string_view right) const noexcept { return left == right; }
+};
+using TextSet = tsl::robin_set<Text, TextHash, TextEqual>;
+
+[[nodiscard]] inline TextSet set_of(const std::vector<Text>& texts) {
+  TextSet set;
+  set.reserve(texts.size());
+  set.insert(texts.begin(), texts.end());
+  return set;
+}
+[[nodiscard]] inline bool contains(const TextSet& set, std::string_view text) { return set.find(text) != set.end(); }
+
+}  // namespace brackenfen::sync
