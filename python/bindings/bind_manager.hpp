@@ -51,7 +51,7 @@ void into_result(nb::handle result, Download&& download) {
   SyncResult record = sync_result_argument(result);
   try {
     detached([&] { download(record); });
-  } catch (const Error&) {
+  } catch (...) {  // an interrupt too
     update_sync_result(result, record);
     throw;
   }

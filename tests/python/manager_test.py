@@ -222,3 +222,15 @@ def test_a_batch_with_callbacks_on_worker_threads(manager: sync.SyncManager, ser
         manager._download_files_parallel(server.entries, result)
     assert (caught.value.file_path, caught.value.status, result.bytes_downloaded) == ("f3", 410, 12)
     assert names and all(name.startswith("bf-sync") for name in names)
+    server.add("a", b"a"), server.add("b", b"b")
+    for interrupt in (KeyboardInterrupt, SystemExit):  # of one worker: what the others bring counts all the same
+
+        def token(once: Any = iter([interrupt])) -> str:
+            for raised in once:
+                raise raised
+            return server.token
+
+        manager._get_token, result = token, sync.SyncResult()
+        with pytest.raises(interrupt):
+            manager._download_files_parallel({path: server.entries[path] for path in ("f1", "a", "b")}, result)
+        assert result.bytes_downloaded == 2
