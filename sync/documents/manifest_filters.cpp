@@ -174,6 +174,13 @@ bool _manifest_has_retired_found_pnl_long_files(const Value& files) {
   return entries != nullptr && std::ranges::any_of(*entries, [](const Member& file) { return _is_retired_found_pnl_long_file(file.key); });
 }
 
+std::optional<std::string> artifact_row_path(const Value& row) {
+  const Document* stated = row.if_document();
+  if (stated == nullptr) return std::nullopt;
+  const Value& path = stated->get("relative_path").truthy() ? stated->get("relative_path") : stated->get("path");
+  return path.truthy() ? std::optional(to_text(path)) : std::nullopt;
+}
+
 bool _rotation_file_is_platform_excluded(NeighbourSet& neighbours, const Value& file_info) {
   return RuntimeModules(neighbours).is_for_another_platform(file_info);
 }

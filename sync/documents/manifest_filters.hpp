@@ -35,6 +35,9 @@ class Manifest;
 [[nodiscard]] bool _manifest_has_agent_bundle_declarations(const Value& files);
 [[nodiscard]] bool _manifest_has_retired_found_pnl_long_files(const Value& files);
 
+/// The path that a row of the manifest's `artifacts` list is about; absent for a row that names none.
+[[nodiscard]] std::optional<std::string> artifact_row_path(const Value& row);
+
 /// A runtime module that was built for another platform.
 [[nodiscard]] bool _rotation_file_is_platform_excluded(NeighbourSet& neighbours, const Value& file_info);
 /// A file that is listed but never fetched here.

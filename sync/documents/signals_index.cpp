@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "sync/base/values/convert.hpp"
+#include "sync/documents/manifest_filters.hpp"
 #include "sync/documents/manifest_paths.hpp"
 #include "sync/documents/removal.hpp"
 
@@ -89,6 +90,15 @@ Document _drop_missing_found_pnl_paths(const Document& manifest_data, const std:
       return _found_pnl_section_for_path(path) && missing.contains(path.str());  // the cheap question first
     });
     if (!kept.same_as(*files)) result = result.with("files", std::move(kept));
+  }
+  if (const List* artifacts = manifest_data.get("artifacts").if_list()) {
+    std::vector<Value> kept;
+    kept.reserve(artifacts->size());
+    for (const Value& row : *artifacts) {
+      const std::optional<std::string> path = artifact_row_path(row);
+      if (!path || !missing.contains(*path)) kept.push_back(row);
+    }
+    if (kept.size() != artifacts->size()) result = result.with("artifacts", List(std::move(kept)));
   }
   for (const std::string_view section_name : SIGNALS_INDEX_SECTIONS) {
     const Value& section = manifest_data.get(section_name);

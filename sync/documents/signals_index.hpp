@@ -41,7 +41,8 @@ inline constexpr std::string_view FOUND_PNL_FILE_KINDS[] = {FOUND_SIGNAL_PNL_KIN
 [[nodiscard]] std::set<std::string> _normalize_found_pnl_paths(const std::vector<Value>& file_paths);
 /// The section without the missing files and without entities that end with no files.
 [[nodiscard]] Value _drop_found_pnl_paths_from_membership(const Value& section_data, const std::set<std::string>& missing_paths);
-/// The manifest document without the missing paths; the same one where nothing was removed.
+/// The manifest document without the missing paths, rows of an `artifacts` list included; the same one where nothing was
+/// removed.
 [[nodiscard]] Document _drop_missing_found_pnl_paths(const Document& manifest_data, const std::set<std::string>& missing_paths);
 /// The path of a recoverable download failure (a 404 on a PnL artifact), or absent.
 [[nodiscard]] std::optional<std::string> _missing_found_pnl_download_path(const Error& error, const Document& files_to_download);

@@ -4,16 +4,15 @@
 
 namespace brackenfen::sync {
 
-void MissingFoundPnl::begin_version(const Value& version) {
+void MissingFoundPnl::begin(const Value& era, const Value& version) {
   MutexLock lock(mutex_);
-  if (version_ == version) return;
-  paths_.clear();
+  if (version_ != version || (era_ && *era_ != era)) paths_.clear();
+  era_ = era;
   version_ = version;
 }
 
-bool MissingFoundPnl::add(const std::string& path, const Value& version) {
+bool MissingFoundPnl::add(const std::string& path) {
   MutexLock lock(mutex_);
-  version_ = version;
   return paths_.insert(path).second;
 }
 
@@ -35,6 +34,7 @@ void MissingFoundPnl::set_paths(std::set<std::string> paths) {
 void MissingFoundPnl::set_version(Value version) {
   MutexLock lock(mutex_);
   std::swap(version_, version);
+  era_.reset();
 }
 
 }  // namespace brackenfen::sync

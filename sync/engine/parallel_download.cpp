@@ -258,6 +258,32 @@ std::vector<Task> tasks_for(const std::string& data_dir, const std::vector<Item>
                   std::to_string(pending_paths.size()) + " file(s) pending: " + preview);
 }
 
+/// Whether the caller, who is told, can do without the file that failed.
+bool is_tolerated(const std::exception_ptr& failure, const DownloadFailureFn& tolerates) {
+  try {
+    std::rethrow_exception(failure);
+  } catch (const Error& error) {
+    return tolerates && tolerates(error);
+  } catch (const Interrupted&) {
+    return false;
+  }
+}
+
+/// The form for one worker: on the calling thread, in order. What is not tolerated ends it at once.
+void download_one_by_one(SyncManager& manager, NeighbourSet& neighbours, const std::vector<Item>& items, SyncResult& result,
+                         const DownloadFailureFn& tolerates) {
+  std::exception_ptr first_error;
+  for (const Item& item : items) {
+    try {
+      manager._download_file(neighbours, item.file_path, item.file_info, result);
+    } catch (const Error&) {
+      if (!is_tolerated(std::current_exception(), tolerates)) throw;
+      if (!first_error) first_error = std::current_exception();
+    }
+  }
+  if (first_error) std::rethrow_exception(first_error);
+}
+
 /// Adds a worker's record to the caller's. Only the calling thread writes to `total`.
 void add_result(SyncResult& total, const SyncResult& part) {
   total.bytes_downloaded += part.bytes_downloaded;
@@ -269,16 +295,13 @@ void add_result(SyncResult& total, const SyncResult& part) {
 }  // namespace
 
 void SyncManager::_download_files_parallel(const std::shared_ptr<NeighbourSet>& neighbours, const Document& files_to_download,
-                                           SyncResult& result) {
+                                           SyncResult& result, const DownloadFailureFn& tolerates) {
   if (files_to_download.empty()) return;
   std::vector<Item> items;
   for (const Member& member : files_to_download) items.push_back({member.key.str(), *member.value.if_document()});
   const auto item_count = static_cast<std::int64_t>(items.size());
   const std::int64_t worker_count = std::min(item_count, _sync_max_concurrency(*seams_.environment));
-  if (worker_count <= 1) {
-    for (const Item& item : items) _download_file(*neighbours, item.file_path, item.file_info, result);
-    return;
-  }
+  if (worker_count <= 1) return download_one_by_one(*this, *neighbours, items, result, tolerates);
 
   const std::optional<double> timeout_seconds = _sync_parallel_timeout_seconds(*seams_.environment, item_count, worker_count);
   std::optional<double> deadline_seconds;
@@ -298,8 +321,9 @@ void SyncManager::_download_files_parallel(const std::shared_ptr<NeighbourSet>& 
         superseded = true;
         batch->cancel();
         break;
-      } else if (!first_error) {
-        first_error = outcome->failure;
+      } else {
+        static_cast<void>(is_tolerated(outcome->failure, tolerates));
+        if (!first_error) first_error = outcome->failure;
       }
     }
     const bool timed_out = !superseded && !batch->finished();
@@ -310,6 +334,9 @@ void SyncManager::_download_files_parallel(const std::shared_ptr<NeighbourSet>& 
     batch->drop_queue();
     batch->interrupt_workers();
     batch->wait_for_workers();
+    while (const std::optional<Outcome> outcome = batch->next_outcome({})) {
+      if (!outcome->failure) add_result(result, outcome->result);
+    }
     throw;
   }
   if (first_error) std::rethrow_exception(first_error);

@@ -127,8 +127,11 @@ void SyncManager::Pass::fetch_manifest() {
   }
   const Document sanitised = _sanitize_manifest_data_for_sync(*neighbours_, parsed);
 
-  const Value* version = sanitised.find("version");
-  manager_._missing_found_pnl.begin_version(version ? to_integer_or_absent(*version).value_or(Value()) : Value(0));
+  const auto integer = [&sanitised](std::string_view key) {
+    const Value* stated = sanitised.find(key);
+    return stated ? to_integer_or_absent(*stated).value_or(Value()) : Value(0);
+  };
+  manager_._missing_found_pnl.begin(integer("era_number"), integer("version"));
   server_ = std::make_shared<Manifest>(*neighbours_, Value(_drop_missing_found_pnl_paths(sanitised, manager_._missing_found_pnl.paths())));
 }
 
@@ -242,19 +245,31 @@ void SyncManager::Pass::check_disk() const {
 }
 
 bool SyncManager::Pass::download() {
+  std::vector<std::string> lost;
   try {
-    manager_._download_files_parallel(neighbours_, files_to_download_, result_);
+    manager_._download_files_parallel(neighbours_, files_to_download_, result_, [&](const Error& failure) {
+      const std::optional<std::string> path = _missing_found_pnl_download_path(failure, files_to_download_);
+      if (path) lost.push_back(*path);
+      return path.has_value();
+    });
     return true;
   } catch (const Error& error) {
-    const std::optional<std::string> missing = _missing_found_pnl_download_path(error, files_to_download_);
-    if (!missing) throw;
-    // A path that came back although it is excluded (one in an unusual spelling) would come back for ever.
-    if (!manager_._missing_found_pnl.add(*missing, manifest_integer(server_->version(), "version"))) throw;
-    _remove_manifest_tmp_file(*manager_.seams_.files, data_dir_, Value(*missing));
+    // One that came back although it is excluded (a path in an unusual spelling) would come back for ever.
+    if (!exclude(lost) || !_missing_found_pnl_download_path(error, files_to_download_)) throw;
     _remove_sync_progress_json(*manager_.seams_.files, data_dir_);
-    log_warning("Manifest signal PnL artifact is missing from storage; excluding stale membership entry and retrying sync: %s", *missing);
     return false;
   }
+}
+
+bool SyncManager::Pass::exclude(const std::vector<std::string>& lost) {
+  bool any_is_new = false;
+  for (const std::string& path : lost) {
+    if (!manager_._missing_found_pnl.add(path)) continue;
+    any_is_new = true;
+    _remove_manifest_tmp_file(*manager_.seams_.files, data_dir_, Value(path));
+    log_warning("Manifest signal PnL artifact is missing from storage; excluding stale membership entry and retrying sync: %s", path);
+  }
+  return any_is_new;
 }
 
 void SyncManager::Pass::settle_signals_index() {
@@ -271,7 +286,7 @@ void SyncManager::Pass::settle_signals_index() {
 }
 
 void SyncManager::Pass::land_documents() {
-  manager_._download_signals_index(*neighbours_, *server_, std::nullopt, &result_);
+  documents_fetched_ = manager_._download_signals_index(*neighbours_, *server_, std::nullopt, &result_);
   settle_signals_index();
 
   const EraConfig& era_config = neighbours_->era_config();
@@ -280,9 +295,11 @@ void SyncManager::Pass::land_documents() {
   for (const Member& member : files_to_download_) {
     vocabulary_in_download_set = vocabulary_in_download_set || _vocabulary_named_universe_from_path(*neighbours_, Value(member.key));
   }
-  vocabulary_landed_ = manager_._download_vocabulary(*neighbours_, *server_);
-  result_.vocabulary_downloaded = vocabulary_in_download_set || vocabulary_landed_;
+  const bool vocabulary_fetched = manager_.land_vocabularies(*neighbours_, *server_, data_dir_).fetched;
+  result_.vocabulary_downloaded = vocabulary_in_download_set || vocabulary_fetched;
   result_.shuffle_seed_downloaded = manager_._download_shuffle_seed(*neighbours_, *server_);
+  documents_fetched_ = documents_fetched_ || vocabulary_fetched || result_.shuffle_seed_downloaded;
+  vocabularies_ = valid_vocabularies(*server_);
 }
 
 void SyncManager::Pass::commit() {
@@ -290,10 +307,10 @@ void SyncManager::Pass::commit() {
   manager_._hash_cache._persist_hash_cache();
   _remove_sync_progress_json(*manager_.seams_.files, data_dir_);
   manager_._manifest.set(server_);
+  use_vocabularies();
 }
 
 void SyncManager::Pass::finish() {
-  if (vocabulary_landed_ || !manager_._vocabulary.get()) use_vocabularies(valid_vocabularies(*server_));
   add_vocabulary_metadata(result_);
   promote_rotation(server_);
   note_stage("rotation promotion");
@@ -307,7 +324,7 @@ void SyncManager::Pass::finish() {
 
 void SyncManager::Pass::promote_rotation(const std::shared_ptr<Manifest>& manifest) {
   // What the walk found a moment ago is here; downloads may have taken hours since, and then everything is looked at.
-  if (!files_to_download_.empty()) seen_here_.clear();
+  if (!files_to_download_.empty() || documents_fetched_) seen_here_.clear();
   LocalFiles local_files(data_dir_);
   const std::vector<Text>& active_paths = rotation_.plan.selection.active_relative_paths;
   std::vector<Text> available;
@@ -328,14 +345,10 @@ void SyncManager::Pass::require_valid_seed(const Manifest& manifest) const {
   _validate_shuffle_seed_file(join_path(data_dir_, SHUFFLE_SEED_FILENAME), manifest_integer(manifest.era_number(), "era_number"));
 }
 
-void SyncManager::Pass::use_vocabularies(Document vocabularies) {
-  manager_._vocabulary.set(std::make_shared<const Document>(std::move(vocabularies)));
-}
+void SyncManager::Pass::use_vocabularies() { manager_._vocabulary.set(std::make_shared<const Document>(vocabularies_)); }
 
 void SyncManager::Pass::add_vocabulary_metadata(SyncResult& result) const {
-  const std::shared_ptr<const Document> vocabularies = manager_._vocabulary.get();
-  if (!vocabularies) return;
-  const Document metadata = _first_vocabulary_metadata(*vocabularies);
+  const Document metadata = _first_vocabulary_metadata(vocabularies_);
   if (const Value* value = metadata.find("t_signal_is")) result.t_signal_is = *value;
   if (const Value* value = metadata.find("t_strategy_is")) result.t_strategy_is = *value;
   if (const Value* value = metadata.find("n_instruments")) result.n_instruments = *value;

@@ -21,7 +21,7 @@ class SyncManager::Pass {
  public:
   explicit Pass(SyncManager& manager);
 
-  /// The pass's result, or nothing where an artifact turned out to be missing from storage: it is excluded
+  /// The pass's result, or nothing where artifacts turned out to be missing from storage: they are excluded
   /// now, and a fresh pass must run.
   [[nodiscard]] std::optional<SyncResult> run();
 
@@ -41,8 +41,10 @@ class SyncManager::Pass {
   void collect_downloads();
   [[nodiscard]] bool must_download(const Text& file_path, const Document& file_info, const Value* local_entry, LocalFiles& local_files);
   void check_disk() const;
-  /// False where a lost artifact was excluded.
+  /// False where artifacts turned out to be lost, and were excluded.
   [[nodiscard]] bool download();
+  /// Remembers the artifacts as lost. False where all of them were known.
+  bool exclude(const std::vector<std::string>& lost);
   void land_documents();
   void commit();
   void finish();
@@ -65,7 +67,7 @@ class SyncManager::Pass {
   void require_valid_seed(const Manifest& manifest) const;
   [[nodiscard]] SyncResult result_for_era(const Manifest& manifest, const RotationSelection& selection) const;
   void promote_rotation(const std::shared_ptr<Manifest>& manifest);
-  void use_vocabularies(Document vocabularies);
+  void use_vocabularies();
   void add_vocabulary_metadata(SyncResult& result) const;
   /// Logs at debug level how long the step since the last call took.
   void note_stage(const char* stage);
@@ -82,7 +84,8 @@ class SyncManager::Pass {
   std::vector<bool> seen_here_;  ///< for each active path, whether the walk has just found its file
   SyncResult result_;
   Document files_to_download_;
-  bool vocabulary_landed_ = false;
+  Document vocabularies_;           ///< merged; of the manifest that is about to be committed
+  bool documents_fetched_ = false;  ///< so that an outage may have been waited out since the walk
   std::int64_t stage_began_ns_ = 0;
 };
 

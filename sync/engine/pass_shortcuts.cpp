@@ -26,16 +26,15 @@ std::optional<SyncResult> SyncManager::Pass::end_on_version_hint(const VersionHi
   free_bytes_ = manager_.seams_.files->free_bytes(data_dir_);
   rotation_ = plan_for(*local_, manager_._feature_rotation_should_rotate(*neighbours_, *local_));
   const RotationSelection& selection = rotation_.plan.selection;
-  Document local_vocabularies;
   try {
-    local_vocabularies = check_local_directory(selection);
+    vocabularies_ = check_local_directory(selection);
   } catch (const Error& error) {
     if (!error.is(error_class::SyncError)) throw;
     log_warning("Manifest version matched but local metadata needs repair: %s", error.text());
     return std::nullopt;
   }
 
-  use_vocabularies(std::move(local_vocabularies));
+  use_vocabularies();
   SyncResult result = result_for_era(*local_, selection);
   promote_rotation(local_);
   result.pnl_column_count = local_->pnl_column_count();
@@ -76,8 +75,7 @@ void SyncManager::Pass::require_active_files(const RotationSelection& selection,
 
 std::optional<SyncResult> SyncManager::Pass::end_on_same_version() {
   const RotationSelection& selection = rotation_.plan.selection;
-  Document local_vocabularies;
-  const bool vocabulary_needs_repair = fails_with_sync_error([&] { local_vocabularies = valid_vocabularies(*server_); });
+  const bool vocabulary_needs_repair = fails_with_sync_error([&] { vocabularies_ = valid_vocabularies(*server_); });
   const bool seed_needs_repair = fails_with_sync_error([&] { require_valid_seed(*server_); });
   if (fails_with_sync_error([&] { require_active_files(selection, server_->files()); })) {
     log_warning("Manifest version matched but local data files need repair");
@@ -85,11 +83,10 @@ std::optional<SyncResult> SyncManager::Pass::end_on_same_version() {
   }
 
   SyncResult result = result_for_era(*server_, selection);
-  if (!vocabulary_needs_repair && !seed_needs_repair) {
-    use_vocabularies(std::move(local_vocabularies));
-  } else {
+  if (vocabulary_needs_repair || seed_needs_repair) {
+    documents_fetched_ = true;
     if (vocabulary_needs_repair) {
-      manager_._download_vocabulary(*neighbours_, *server_);
+      static_cast<void>(manager_.land_vocabularies(*neighbours_, *server_, data_dir_));
       result.vocabulary_downloaded = true;
     }
     if (seed_needs_repair) {
@@ -97,11 +94,12 @@ std::optional<SyncResult> SyncManager::Pass::end_on_same_version() {
       result.shuffle_seed_downloaded = true;
     }
     manager_._download_signals_index(*neighbours_, *server_, std::nullopt, &result);
-    if (vocabulary_needs_repair || !manager_._vocabulary.get()) use_vocabularies(valid_vocabularies(*server_));
+    if (vocabulary_needs_repair) vocabularies_ = valid_vocabularies(*server_);
     add_vocabulary_metadata(result);
   }
   settle_signals_index();  // a loss may have been found out at this very version, by the run before
   manager_._manifest.set(server_);
+  use_vocabularies();
   _write_manifest_json(*manager_.seams_.files, *manager_.seams_.clock, data_dir_, server_->data());
   promote_rotation(server_);
   _cleanup_sync_tmp_files(*manager_.seams_.files, data_dir_);

@@ -2,6 +2,7 @@
 #include "sync/base/error.hpp"
 #include "sync/base/log.hpp"
 #include "sync/documents/manifest_filters.hpp"
+#include "sync/documents/vocabulary.hpp"
 #include "sync/engine/sync_manager.hpp"
 
 namespace brackenfen::sync {
@@ -27,20 +28,31 @@ SyncResult SyncManager::repair_files(const std::vector<std::string>& corrupted_f
   if (!manifest) return result;
   const std::shared_ptr<NeighbourSet> neighbours = seams_.neighbours->bind();
   result.era_number = manifest_integer(manifest->era_number(), "era_number");
-  for (const std::string& file_path : corrupted_files) {
-    const Value files = manifest->files();  // anew each time: a vocabulary's repair may change an entry
-    const Document* entries = files.if_document();
-    const Value* entry = entries ? entries->find(file_path) : nullptr;
-    if (!entry || _manifest_file_is_sync_excluded(*neighbours, *entry)) continue;
-    const Document* stated = entry->if_document();
-    if (!stated) throw TypeError("the manifest's entry of " + file_path + " is not a JSON object");
-    const Document file_info = stated->with("_manifest_version", manifest_integer(manifest->version(), "version"))
-                                   .with("_manifest_era_id", manifest_integer(manifest->era_number(), "era_number"));
-    if (!_download_validated_vocabulary_repair(*neighbours, file_path, file_info, result))
-      _download_file(*neighbours, file_path, file_info, result);
+  bool vocabulary_changed = false;
+  try {
+    for (const std::string& file_path : corrupted_files)
+      vocabulary_changed = repair_file(*neighbours, *manifest, file_path, result) || vocabulary_changed;
+  } catch (...) {
+    if (vocabulary_changed) restore_vocabulary(*neighbours);
+    throw;
   }
+  if (vocabulary_changed) restore_vocabulary(*neighbours);
   _hash_cache._persist_hash_cache();
   return result;
+}
+
+bool SyncManager::repair_file(NeighbourSet& neighbours, const Manifest& manifest, const std::string& file_path, SyncResult& result) {
+  const Value files = manifest.files();
+  const Document* entries = files.if_document();
+  const Value* entry = entries ? entries->find(file_path) : nullptr;
+  if (!entry || _manifest_file_is_sync_excluded(neighbours, *entry)) return false;
+  const Document* stated = entry->if_document();
+  if (!stated) throw TypeError("the manifest's entry of " + file_path + " is not a JSON object");
+  const Document file_info = stated->with("_manifest_version", manifest_integer(manifest.version(), "version"))
+                                 .with("_manifest_era_id", manifest_integer(manifest.era_number(), "era_number"));
+  if (replace_vocabulary(neighbours, file_path, file_info, result)) return true;
+  _download_file(neighbours, file_path, file_info, result);
+  return file_path == FUNCTIONS_RELATIVE_PATH;
 }
 
 SyncResult SyncManager::ensure_manifest_file_available(const std::string& file_path, const Document& file_info) {

@@ -72,6 +72,10 @@ inline constexpr const char* TRANSITION_LOCK_FILENAME = ".transition_lock";
 /// Called with the wait in seconds before each back-off of a download.
 using RetryStatusCallback = std::function<void(double wait_seconds)>;
 
+/// Told of each failed file of a download set but a superseded one, on the calling thread; whether the caller can do
+/// without it.
+using DownloadFailureFn = std::function<bool(const Error& failure)>;
+
 /// Held by shared_ptr only: the workers of a download set share in it, and may outlive the operation that started
 /// them. Operations throw Interrupted besides what they name, and StateError in a child of fork().
 class SyncManager : public std::enable_shared_from_this<SyncManager> {
@@ -148,9 +152,10 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   void _download_file(NeighbourSet& neighbours, const std::string& file_path, const Document& file_info, SyncResult& result) {
     _download_file(neighbours, file_path, file_info, result, DownloadOptions{});
   }
-  /// Fetches independent files at once. The first error is thrown when the others have finished;
-  /// ManifestSupersededError ends the batch at once.
-  void _download_files_parallel(const std::shared_ptr<NeighbourSet>& neighbours, const Document& files_to_download, SyncResult& result);
+  /// Fetches independent files at once. The first error is thrown when the others have finished (with one worker at once,
+  /// unless the failure is tolerated); ManifestSupersededError ends the batch at once.
+  void _download_files_parallel(const std::shared_ptr<NeighbourSet>& neighbours, const Document& files_to_download, SyncResult& result,
+                                const DownloadFailureFn& tolerates = {});
 
   /// One bounded request without retries, or absent where the network failed. Throws ValueError for a refused URL.
   [[nodiscard]] std::optional<HttpResult> _manifest_version_probe_once(NeighbourSet& neighbours, const std::string& url);
@@ -382,7 +387,10 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   Snapshot<RuntimeFreshnessGuard> runtime_freshness_guard;
   Snapshot<Manifest> _manifest;                          ///< null before the first commit
   Snapshot<const RotationState> _active_rotation_state;  ///< null where none is persisted
-  Snapshot<const Document> _vocabulary;                  ///< by universe; null until vocabularies were validated
+  /// By universe, merged with the catalogue: what the files of _manifest said when it was committed, or they were repaired.
+  /// Null until they were validated. _download_vocabulary and _download_validated_vocabulary_repair, called alone, leave
+  /// what they brought.
+  Snapshot<const Document> _vocabulary;
   Snapshot<const Value> _status_message;
   MissingFoundPnl _missing_found_pnl;
 
@@ -406,6 +414,15 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   void restore_manifest(NeighbourSet& neighbours);
   void restore_vocabulary(NeighbourSet& neighbours);
   [[nodiscard]] std::string directory_or_live(const std::optional<std::string>& target_data_dir) const;
+  /// _download_vocabulary but for _vocabulary: the documents by universe, as they lie in the files.
+  struct LandedVocabularies {
+    Document by_universe;
+    bool fetched = false;
+  };
+  [[nodiscard]] LandedVocabularies land_vocabularies(NeighbourSet& neighbours, Manifest& server_manifest, const std::string& data_dir);
+  /// _download_validated_vocabulary_repair but for _vocabulary: the document under its universe.
+  [[nodiscard]] std::optional<Member> replace_vocabulary(NeighbourSet& neighbours, const std::string& file_path, const Document& file_info,
+                                                         SyncResult& result);
   [[nodiscard]] std::string fetch_signals_index(NeighbourSet& neighbours, const std::string& file_path, const Value& base_url);
   [[nodiscard]] std::string fetch_shuffle_seed(NeighbourSet& neighbours, const Value& expected_era_id);
   /// Throws StateError in a child process that inherited this object by fork().
@@ -418,6 +435,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
 
   /// repair() once the directory lock is held.
   [[nodiscard]] SyncResult repair_files(const std::vector<std::string>& corrupted_files);
+  /// True where the file has a part in _vocabulary.
+  bool repair_file(NeighbourSet& neighbours, const Manifest& manifest, const std::string& file_path, SyncResult& result);
 
   /// A fresh token. Throws TypeError where there is no source, and what the source throws.
   [[nodiscard]] std::string bearer_token() const;

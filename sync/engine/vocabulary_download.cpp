@@ -105,9 +105,8 @@ class VocabularyDownload {
 
 }  // namespace
 
-bool SyncManager::_download_vocabulary(NeighbourSet& neighbours, Manifest& server_manifest,
-                                       const std::optional<std::string>& target_data_dir) {
-  const std::string data_dir = directory_or_live(target_data_dir);
+SyncManager::LandedVocabularies SyncManager::land_vocabularies(NeighbourSet& neighbours, Manifest& server_manifest,
+                                                               const std::string& data_dir) {
   const std::vector<std::string> paths = _vocabulary_manifest_paths(neighbours, server_manifest);
   if (paths.empty()) throw SyncError("manifest is missing per-universe vocabulary.json entries");
   std::vector<Member> vocabularies;
@@ -121,14 +120,20 @@ bool SyncManager::_download_vocabulary(NeighbourSet& neighbours, Manifest& serve
     }
     vocabularies.push_back({download.universe(), *std::move(vocabulary)});
   }
-  if (!target_data_dir) _vocabulary.set(std::make_shared<const Document>(std::move(vocabularies)));
-  return fetched;
+  return {Document(std::move(vocabularies)), fetched};
 }
 
-bool SyncManager::_download_validated_vocabulary_repair(NeighbourSet& neighbours, const std::string& file_path, const Document& file_info,
-                                                        SyncResult& result) {
+bool SyncManager::_download_vocabulary(NeighbourSet& neighbours, Manifest& server_manifest,
+                                       const std::optional<std::string>& target_data_dir) {
+  LandedVocabularies landed = land_vocabularies(neighbours, server_manifest, directory_or_live(target_data_dir));
+  if (!target_data_dir) _vocabulary.set(std::make_shared<const Document>(std::move(landed.by_universe)));
+  return landed.fetched;
+}
+
+std::optional<Member> SyncManager::replace_vocabulary(NeighbourSet& neighbours, const std::string& file_path, const Document& file_info,
+                                                      SyncResult& result) {
   const std::optional<std::string> universe = _vocabulary_named_universe_from_path(neighbours, file_path);
-  if (!universe) return false;
+  if (!universe) return std::nullopt;
   const std::shared_ptr<Manifest> manifest = _manifest.get();
   if (!manifest) throw AttributeError("no manifest is committed: 'NoneType' object has no attribute 'era_number'");
   const Value base_url = first_base_url(file_info, manifest->base_url());
@@ -136,7 +141,7 @@ bool SyncManager::_download_validated_vocabulary_repair(NeighbourSet& neighbours
       _http_get(neighbours, _manifest_file_url(neighbours.transport_security(), _server_url.get(), file_path, base_url));
   if (response.status != 200) _raise_download_http_status(neighbours.auth(), file_path, response.status);
 
-  const Document vocabulary =
+  Document vocabulary =
       _validate_vocabulary_bytes(neighbours, response.body, manifest_integer(manifest->era_number(), "era_number"), *universe);
   const std::string actual_sha = _sha256(response.body);
   if (const Value& expected_sha = file_info.get("sha256"); expected_sha.truthy() && expected_sha != actual_sha) {
@@ -153,10 +158,17 @@ bool SyncManager::_download_validated_vocabulary_repair(NeighbourSet& neighbours
   const std::string local_path = _manifest_local_path(_data_dir.get(), file_path);
   _atomic_write(*seams_.files, *seams_.clock, local_path, response.body);
   _hash_cache._remember_local_sha(file_path, local_path, actual_sha);
-  const std::shared_ptr<const Document> present = _vocabulary.get();
-  _vocabulary.set(std::make_shared<const Document>((present ? *present : Document()).with(*universe, vocabulary)));
   result.bytes_downloaded += static_cast<std::int64_t>(response.body.size());
   result.vocabulary_downloaded = true;
+  return Member{*universe, std::move(vocabulary)};
+}
+
+bool SyncManager::_download_validated_vocabulary_repair(NeighbourSet& neighbours, const std::string& file_path, const Document& file_info,
+                                                        SyncResult& result) {
+  const std::optional<Member> replaced = replace_vocabulary(neighbours, file_path, file_info, result);
+  if (!replaced) return false;
+  const std::shared_ptr<const Document> present = _vocabulary.get();
+  _vocabulary.set(std::make_shared<const Document>((present ? *present : Document()).with(replaced->key, replaced->value)));
   return true;
 }
 

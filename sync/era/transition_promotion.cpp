@@ -34,6 +34,7 @@ void SyncManager::Transition::promote() {
   const std::shared_ptr<Manifest> old_manifest = manager_._manifest.get();
   _write_manifest_json(*manager_.seams_.files, *manager_.seams_.clock, data_dir_, new_manifest_->data());
   manager_._manifest.set(new_manifest_);
+  manager_._vocabulary.set(std::make_shared<const Document>(staged_vocabularies_));
   confirm_active_era(manifest_era_id_);
   manager_._write_promoted_rotation_state(*neighbours_, promoted_rotation_state_);
   if (old_manifest) delete_departed_files(*old_manifest);

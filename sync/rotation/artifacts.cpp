@@ -15,16 +15,16 @@ std::vector<ArtifactRow> rows_of_list(const List& artifacts, const Document* ent
   std::vector<ArtifactRow> rows;
   rows.reserve(artifacts.size());
   for (const Value& element : artifacts) {
-    const Document* stated = element.if_document();
-    if (stated == nullptr) continue;
-    const Value& path = stated->get("relative_path").truthy() ? stated->get("relative_path") : stated->get("path");
-    if (!path.truthy()) continue;
-    const Text file_path(to_text(path));
+    const std::optional<std::string> path = artifact_row_path(element);
+    if (!path) continue;
+    const Text file_path(*path);
     const Value* entry = entries == nullptr ? nullptr : entries->find(file_path);
     const Document* record = entry == nullptr ? nullptr : entry->if_document();
-    Document merged = record == nullptr ? Document() : *record;
-    for (const Member& member : *stated) merged = merged.with(member.key, member.value);
-    rows.push_back({file_path, merged.with("relative_path", file_path)});
+    std::vector<Member> merged;
+    if (record != nullptr) merged.assign(record->begin(), record->end());
+    merged.insert(merged.end(), element.if_document()->begin(), element.if_document()->end());
+    merged.push_back({"relative_path", file_path});
+    rows.push_back({file_path, Document(std::move(merged))});
   }
   return rows;
 }

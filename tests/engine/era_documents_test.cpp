@@ -5,6 +5,7 @@
 
 #include "sync/documents/signals_index.hpp"
 #include "tests/documents/values.hpp"
+#include "tests/support/calling_token.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
@@ -14,6 +15,7 @@ using namespace std::string_literals;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Not;
 using testing::StartsWith;
 
 constexpr const char* INDEX = "signals_index.json";
@@ -42,10 +44,10 @@ struct Guard : RuntimeFreshnessGuard {
 
 class EraDocumentsTest : public testing::Test, protected SyncSetup {
  protected:
-  /// Publishes `body` for `path`, which the manifest of version 2 lists with `changes` to its entry; null takes one out.
-  void publish_document(const std::string& path, const std::string& body, const Document& changes = {}) {
-    publish_version(2);
-    const Document manifest_data = manifest(2, {});
+  /// Publishes `body` for `path`, which the manifest lists with `changes` to its entry; null takes one out.
+  void publish_document(const std::string& path, const std::string& body, const Document& changes = {}, int version = 2) {
+    publish_version(version);
+    const Document manifest_data = manifest(version, {});
     Document entry = PublishedFile{path, body, path == INDEX ? "signals_index" : "vocabulary"}.entry();
     for (const Member& change : changes) entry = change.value.is_null() ? entry.without(change.key) : entry.with(change.key, change.value);
     publish_manifest(manifest_data.with("files", manifest_data.get("files").if_document()->with(path, entry)));
@@ -99,6 +101,87 @@ TEST_F(EraDocumentsTest, lostArtifactsLeaveIndexAndManifestInAgreement) {
   }
   static_cast<void>(manager->sync());
   expect_agreement();  // also where the loss shows at a version that is here already
+}
+
+TEST_F(EraDocumentsTest, aBatchOfLostArtifactsCostsOnePassAndCountsInItsEraAlone) {
+  const std::vector<PublishedFile> all{ALPHA, KEPT_PNL, LOST_PNL, LOST_PNL_2};
+  const auto manager = open();
+  for (const auto& [era, workers, lost] : {std::tuple(ERA, "1", true), {ERA + 1, "8", true}, {ERA + 2, "8", false}}) {
+    SCOPED_TRACE(era);
+    environment.set("BRACKENFEN_SYNC_MAX_CONCURRENCY", workers);
+    publish_documents(era);
+    publish(1, all, era);
+    const Document published = manifest(1, all, era);
+    std::vector<Value> rows;
+    for (const Member& file : *published.get("files").if_document()) rows.emplace_back(Document{{"relative_path", file.key}});
+    publish_manifest(published.with("artifacts", List(std::move(rows))));
+    if (lost) {
+      for (const PublishedFile& file : {LOST_PNL, LOST_PNL_2}) server.script(file.url_path(), {{.status = 404}});
+    }
+    manager->_manifest.set(nullptr);  // as after a transition, whose new manifest another process has committed
+    static_cast<void>(asked());
+    static_cast<void>(manager->sync());
+    EXPECT_EQ(std::ranges::count(asked(), MANIFEST_PATH), lost ? 2 : 1);
+    EXPECT_EQ(directory.contains(LOST_PNL.path), !lost);
+    EXPECT_EQ(directory.read("manifest.json").find("/lost/") == std::string::npos, lost);
+  }
+}
+
+TEST_F(EraDocumentsTest, whatIsHeldIsTheMergedVocabularyOfWhatIsCommitted) {
+  const auto manager = synced({ALPHA});
+  const std::string second = vocabulary_with("edition", 2);
+  Document expected = *manager->_vocabulary.get();
+  EXPECT_TRUE(expected.get("us").if_document()->contains("rotations"));
+  const auto sync = [&] { return manager->sync(); };
+  const auto repair_both = [&] { return manager->repair({VOCABULARY, ALPHA.path}); };
+  const std::tuple<const char*, std::function<void()>, std::function<SyncResult()>, const char*> rows[] = {
+      {"nothing is fetched", [&] { publish_version(2), publish_manifest(manifest(2, {ALPHA})); }, sync, ""},
+      {"a pass fails behind the vocabulary",
+       [&] {
+         publish_document(VOCABULARY, second, {}, 3);
+         files.unlink(directory / "shuffle_seed.enc");
+         server.script(SHUFFLE_PATH, {{.status = 404}});
+       },
+       sync, "SyncError: Failed to download shuffle seed: HTTP 404"},
+      {"the pass succeeds",
+       [&] {
+         publish_documents();
+         expected = expected.with("us", document(second).with("rotations", List{"weekly"}));
+       },
+       sync, ""},
+      {"a repair", [&] { publish(4, {ALPHA}), static_cast<void>(sync()), expected = *manager->_vocabulary.get(); }, repair_both, ""},
+      {"a repair that fails", [&] { server.script(ALPHA.url_path(), {{.status = 403}}); }, repair_both, "PermanentDownloadError: "},
+  };
+  for (const auto& [name, prepare, operation, failure] : rows) {
+    SCOPED_TRACE(name);
+    prepare();
+    EXPECT_THAT(failure_of(operation), StartsWith(failure));
+    EXPECT_EQ(json_of(*manager->_vocabulary.get()), json_of(expected));
+  }
+}
+
+TEST_F(EraDocumentsTest, whatGoesWhileADocumentIsFetchedIsNotPromoted) {
+  const auto token = std::make_shared<CallingToken>();
+  token_source = token;
+  const PublishedFile index = index_of({KEPT_PNL});
+  const auto manager = synced({ALPHA, KEPT_PNL, index});
+  for (const int version : {1, 2}) {
+    for (const std::string_view fetched : {"shuffle_seed.enc", VOCABULARY, INDEX}) {
+      SCOPED_TRACE(std::string(fetched) + std::to_string(version));
+      publish(version, {ALPHA, KEPT_PNL, index});
+      directory.write(ALPHA.path, ALPHA.content);
+      files.unlink(directory / fetched);
+      const std::size_t manifests = requests(MANIFEST_PATH);
+      const std::function<void()> remove_after_the_walk = [&] {
+        if (requests(MANIFEST_PATH) == manifests) return token->call_once(remove_after_the_walk);
+        files.unlink(directory / ALPHA.path);
+      };
+      token->call_once(remove_after_the_walk);
+      static_cast<void>(manager->sync());
+      EXPECT_FALSE(directory.contains(ALPHA.path));
+      EXPECT_THAT(manager->_active_rotation_state.get()->active_relative_paths(), Not(Contains(Text(ALPHA.path))));
+    }
+  }
 }
 
 TEST_F(EraDocumentsTest, aBadIndexNeverReplacesAGoodOne) {

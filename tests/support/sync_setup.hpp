@@ -82,9 +82,9 @@ class SyncSetup {
     server.script(SHUFFLE_PATH, {{.headers = {{"X-Era-Id", std::to_string(era)}}, .body = std::string(60, 's')}});
   }
   /// The version endpoint, the manifest and the files, all consistent.
-  void publish(int version, const std::vector<PublishedFile>& published) {
-    publish_version(version);
-    publish_manifest(manifest(version, published));
+  void publish(int version, const std::vector<PublishedFile>& published, int era = ERA) {
+    publish_version(version, era);
+    publish_manifest(manifest(version, published, era));
     for (const PublishedFile& file : published) server.serve_file("/data/files/" + file.path, file.content);
   }
   void publish_version(int version, int era = ERA) {
