@@ -48,7 +48,9 @@ Value manifest_integer(const Value& value, std::string_view key) {
   try {
     return to_integer(value);
   } catch (const Error& error) {
-    throw Error(error.error_class(), "manifest " + std::string(key) + ": " + error.text());
+    const std::string text = "manifest " + std::string(key) + ": " + error.text();
+    if (value.if_real()) throw ManifestError(text);
+    throw Error(error.error_class(), text);
   }
 }
 

@@ -19,7 +19,7 @@ namespace brackenfen::sync {
 [[nodiscard]] std::string platform_name(std::string_view system, std::string_view machine);
 
 /// int(value), for a number that a manifest holds under `key`, whose name stands in the text of what it throws:
-/// ValueError, TypeError or OverflowError.
+/// ValueError or TypeError, and ManifestError for an infinity or nan.
 [[nodiscard]] Value manifest_integer(const Value& value, std::string_view key);
 
 /// The record of one manifest. The document is sanitised on the way in; no field is converted or checked, so

@@ -40,7 +40,7 @@ void require_index_era(const Value& index_era, const Value& manifest_era) {
     same_era = to_integer(index_era) == to_integer(manifest_era);
   } catch (const Error& error) {
     // Whichever of the two does not convert: the index is what is being judged.
-    if (!error.is(error_class::TypeError) && !error.is(error_class::ValueError)) throw;
+    if (!error.is(error_class::TypeError) && !error.is(error_class::ValueError) && !error.is(error_class::OverflowError)) throw;
     throw EraError("signals_index.json has invalid era_number=" + to_quoted(index_era));
   }
   if (same_era) return;

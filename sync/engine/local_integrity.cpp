@@ -1,5 +1,6 @@
 // Does a local file match its manifest entry, and is the whole directory complete?
 #include <algorithm>
+#include <cmath>
 #include <exception>
 
 #include "sync/base/error.hpp"
@@ -19,10 +20,12 @@
 namespace brackenfen::sync {
 namespace {
 
-/// Whether the entry's size lets the file pass: it is the same, or the entry states none that counts.
+/// Whether the entry's size lets the file pass: it is the same, or the entry states none that counts. No file has a size
+/// that is infinite or nan.
 bool size_fits(const Document& file_info, std::int64_t size_bytes) {
   const Value& stated = file_info.get("size_bytes");
   if (stated.is_null()) return true;
+  if (const auto real = stated.if_real(); real && !std::isfinite(*real)) return false;
   const Value expected = to_integer_or_absent(stated).value_or(Value(-1));
   return compare_integers(expected, 0) < 0 || expected == Value(size_bytes);
 }

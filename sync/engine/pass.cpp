@@ -125,14 +125,14 @@ void SyncManager::Pass::fetch_manifest() {
     if (!error.is(error_class::JSONDecodeError)) throw;
     throw ManifestError("Invalid manifest JSON: " + error.text());
   }
-  const Document sanitised = _sanitize_manifest_data_for_sync(*neighbours_, parsed);
+  fetched_ = _sanitize_manifest_data_for_sync(*neighbours_, parsed);
 
-  const auto integer = [&sanitised](std::string_view key) {
-    const Value* stated = sanitised.find(key);
+  const auto integer = [this](std::string_view key) {
+    const Value* stated = fetched_.find(key);
     return stated ? to_integer_or_absent(*stated).value_or(Value()) : Value(0);
   };
   manager_._missing_found_pnl.begin(integer("era_number"), integer("version"));
-  server_ = std::make_shared<Manifest>(*neighbours_, Value(_drop_missing_found_pnl_paths(sanitised, manager_._missing_found_pnl.paths())));
+  server_ = std::make_shared<Manifest>(*neighbours_, Value(_drop_missing_found_pnl_paths(fetched_, manager_._missing_found_pnl.paths())));
 }
 
 void SyncManager::Pass::refuse_another_era() const {
@@ -193,6 +193,8 @@ void SyncManager::Pass::collect_downloads() {
     if (!file_info) throw SyncError("Active rotation path is missing from manifest: " + file_path.str());
     // The signals index is fetched, validated and written by a stage of its own.
     if (file_path.view() == SIGNALS_INDEX_RELATIVE_PATH || is_checked_elsewhere(file_path, *entry)) continue;
+    if (const Value& size = file_info->get("size_bytes"); size.if_real())  // one that no file can have is never committed
+      static_cast<void>(manifest_integer(size, "size_bytes of " + file_path.str()));
     if (must_download(file_path, *file_info, local_entries.find(file_path), local_files)) {
       wanted.push_back({file_path, Value(generation_stamped(*file_info, *server_))});
     } else {

@@ -24,6 +24,8 @@ class SyncManager::Pass {
   /// The pass's result, or nothing where artifacts turned out to be missing from storage: they are excluded
   /// now, and a fresh pass must run.
   [[nodiscard]] std::optional<SyncResult> run();
+  /// The manifest that the server gave to this pass, sanitised; empty before.
+  [[nodiscard]] const Document& fetched() const noexcept { return fetched_; }
 
  private:
   /// What the version endpoint said; absent where it said nothing usable.
@@ -77,7 +79,8 @@ class SyncManager::Pass {
   const std::string data_dir_;
   const std::shared_ptr<Manifest> local_;  ///< the manifest committed before this pass; null for none
 
-  std::shared_ptr<Manifest> server_;
+  Document fetched_;
+  std::shared_ptr<Manifest> server_;  ///< without what storage has lost
   std::int64_t free_bytes_ = 0;  ///< taken once, before the download set is known
   bool same_version_ = false;
   PlannedRotation rotation_;

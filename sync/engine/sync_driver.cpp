@@ -1,16 +1,26 @@
 // Running passes: the locks around one, and how often one that became stale is run again.
 #include "sync/base/error.hpp"
 #include "sync/base/log.hpp"
+#include "sync/base/threads/interrupt.hpp"
 #include "sync/engine/pass.hpp"
+#include "sync/transport/backoff.hpp"
 
 namespace brackenfen::sync {
 namespace {
 
-/// Restarts of a superseded pass. An excluded artifact starts a count of its own on top of the one below;
-/// a count that reaches the limit goes and counts as one restart of the level below.
+/// Restarts of a superseded pass. Excluded artifacts start a count of their own on top of the one below; a count that
+/// reaches the limit goes and counts as one restart of the level below.
 class RestartCounts {
  public:
-  void push() { levels_.push_back(0); }
+  /// The pass excluded artifacts of the manifest that it fetched. Throws ManifestSupersededError where that is another one
+  /// than at the exclusion before: what was excluded then is forgotten, and no end would be in sight.
+  void exclude(const Document& fetched) {
+    const bool moved_on = excluded_from_ && !(*excluded_from_ == fetched);
+    excluded_from_ = fetched;
+    if (!moved_on) return levels_.push_back(0);
+    levels_.resize(1);
+    throw ManifestSupersededError("Manifest advanced while lost artifacts were excluded; refreshing before retry");
+  }
 
   /// False where no restart is left anywhere.
   [[nodiscard]] bool restart(const Error& superseded) {
@@ -26,6 +36,7 @@ class RestartCounts {
 
  private:
   std::vector<int> levels_{0};
+  std::optional<Document> excluded_from_;
 };
 
 }  // namespace
@@ -44,11 +55,14 @@ SyncResult SyncManager::_sync_with_manifest_refresh() {
   RestartCounts restarts;
   while (true) {
     try {
-      if (auto result = Pass(*this).run()) return *std::move(result);
-      restarts.push();
+      Pass pass(*this);
+      if (auto result = pass.run()) return *std::move(result);
+      restarts.exclude(pass.fetched());
     } catch (const Error& error) {
       if (!error.is(error_class::ManifestSupersededError) || !restarts.restart(error)) throw;
     }
+    check_interrupt();
+    if (_sync_backoff_stop_requested(seams_)) throw _sync_backoff_module(seams_)->cancelled_error();
   }
 }
 

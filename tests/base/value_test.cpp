@@ -71,9 +71,8 @@ TEST(ToInteger, narrowsAndForgivesWhereAsked) {
   EXPECT_EQ(Value(std::uint64_t{9223372036854775808U}), Value::integer_from_decimal("9223372036854775808"));
   EXPECT_EQ(to_int64("-9223372036854775808"), std::numeric_limits<std::int64_t>::min());
   EXPECT_THROW((void)to_int64("9223372036854775808"), OverflowError);
-  for (const Value& none : {Value("x"), Value(), Value(std::nan(""))}) EXPECT_EQ(to_integer_or_absent(none), std::nullopt);
+  for (const Value& none : {Value("x"), Value(), Value(std::nan("")), Value(HUGE_VAL)}) EXPECT_EQ(to_integer_or_absent(none), std::nullopt);
   EXPECT_EQ(to_integer_or_absent("7"), Value(7));
-  EXPECT_THROW((void)to_integer_or_absent(HUGE_VAL), OverflowError);
 }
 
 TEST(Json, refusesLoneSurrogatesAndWritesThemBack) {

@@ -1,7 +1,10 @@
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cmath>
 
+#include "sync/neighbours/sync_backoff.hpp"
 #include "tests/documents/values.hpp"
 #include "tests/support/sync_setup.hpp"
 
@@ -13,6 +16,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 
 const PublishedFile ALPHA{"features/alpha.arrow", "alpha, first edition"};
@@ -55,6 +59,9 @@ TEST_F(PassTest, aManifestThatIsNoneLeavesFilesAndMemoryAsTheyWere) {
       {reply(manifest(2, {BETA}, ERA + 1)), "EraError: Era mismatch: local era_number=7, server era_number=8"},
       {with_entry("../outside", ALPHA.entry()), "ManifestError: "},
       {reply(manifest(2, {BETA}).with("version", "two")), "ValueError: manifest version: invalid literal"},
+      {reply(manifest(2, {}).with("version", HUGE_VAL)), "ManifestError: manifest version: cannot convert float infinity to integer"},
+      {with_entry(ALPHA.path.c_str(), ALPHA.entry().with("size_bytes", HUGE_VAL)), "ManifestError: manifest size_bytes of features/alpha"},
+      {with_entry(ALPHA.path.c_str(), ALPHA.entry().with("size_bytes", std::nan(""))), "ManifestError: manifest size_bytes of features/al"},
       {with_entry("x", endless), "MandatoryArtifactsTooLargeError: mandatory artifacts need 9223372036854775807 more bytes, "},
       {{.status = 404}, "SyncError: Failed to fetch manifest: HTTP 404"},
       {{.status = 401}, "AuthError: Authentication failed: HTTP 401"},
@@ -73,6 +80,14 @@ TEST_F(PassTest, aManifestThatIsNoneLeavesFilesAndMemoryAsTheyWere) {
   }
   publish(1, {ALPHA});
   EXPECT_EQ(manager->sync().n_features, 1) << "the next good answer is taken as ever";
+
+  Document committed_files = *document(committed).get("files").if_document();
+  for (const char* path : {ALPHA.path.c_str(), FUNCTIONS})
+    committed_files = committed_files.with(path, committed_files.get(path).if_document()->with("size_bytes", HUGE_VAL));
+  directory.write("manifest.json", json_of(document(committed).with("files", committed_files)));
+  directory.write("shuffle_seed.enc.meta.json", R"({"era_number": Infinity})");
+  EXPECT_EQ(open()->sync().bytes_downloaded, 0) << "numbers that no integer holds match nothing, and are replaced";
+  EXPECT_THAT(directory.read("manifest.json") + directory.read("shuffle_seed.enc.meta.json"), Not(HasSubstr("Infinity")));
 }
 
 TEST_F(PassTest, theVersionHintDecidesWhetherTheManifestIsFetched) {
@@ -136,6 +151,23 @@ TEST_F(PassTest, aSupersededPassIsRunThreeTimes) {
   server.script(MANIFEST_PATH, {reply(manifest(1, {promised})), reply(manifest(2, {ALPHA}))});
   EXPECT_EQ(manager->sync().features_downloaded, 1);
   EXPECT_EQ(manager->get_manifest()->version(), Value(2));
+}
+
+TEST_F(PassTest, artifactsLostFromOneManifestAfterTheOtherEndThePass) {
+  std::vector<Reply> rising, changing;
+  for (int number = 1; number < 20; ++number) {
+    rising.push_back(reply(manifest(number, {PNL})));
+    changing.push_back(reply(manifest(1, {{"found_signals/pool/" + std::to_string(number) + "/signal_is/pnl.arrow", "", PNL.kind}})));
+  }
+  const auto manager = open();
+  for (const std::vector<Reply>& manifests : {rising, changing}) {
+    server.script(MANIFEST_PATH, manifests);
+    EXPECT_THAT(failure_of([&] { return manager->sync(); }), StartsWith("ManifestSupersededError: Manifest advanced while lost"));
+    EXPECT_EQ(std::ranges::count(asked(), MANIFEST_PATH), 1 + SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT);
+  }
+  const auto stopped = SyncBackoff::builtin().enter_context({{}, {}, [] { return true; }, {}});
+  EXPECT_THAT(failure_of([&] { return manager->sync(); }), StartsWith("SyncBackoffCancelled"));
+  EXPECT_EQ(std::ranges::count(asked(), MANIFEST_PATH), 1);
 }
 
 TEST_F(PassTest, whatCannotBeLeftOutEndsThePass) {

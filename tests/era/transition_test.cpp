@@ -229,6 +229,7 @@ TEST_F(TransitionTest, aFailureWhileFilesMoveIsMendedByTheNextAttempt) {
     row.set_up();
     EXPECT_NE(failure(), "");
     EXPECT_EQ(manager->get_manifest()->era_number(), Value(row.era_after));
+    EXPECT_EQ(manager->_vocabulary.get()->get("us").if_document()->get("era_number"), Value(row.era_after));
     EXPECT_THAT(calls, ElementsAre("kill"));
     expect_nothing_left();
 

@@ -165,7 +165,7 @@ std::int64_t to_int64(const Value& value) {
 }
 
 std::optional<Value> to_integer_or_absent(const Value& value) {
-  if (const auto real = value.if_real(); real && std::isnan(*real)) return std::nullopt;
+  if (const auto real = value.if_real(); real && !std::isfinite(*real)) return std::nullopt;
   return integer_of(value);
 }
 

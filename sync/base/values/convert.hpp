@@ -20,7 +20,7 @@ namespace brackenfen::sync {
 /// The same where only 64 bits are of use. A larger integer throws OverflowError.
 [[nodiscard]] std::int64_t to_int64(const Value& value);
 
-/// The integer, or absent where the conversion fails by the value's type or form. An infinity still throws.
+/// The integer, or absent where there is none: by the value's type or form, nan or an infinity.
 [[nodiscard]] std::optional<Value> to_integer_or_absent(const Value& value);
 
 /// float(value). Throws ValueError or TypeError.
