@@ -1,5 +1,5 @@
-// A pass over 100,000 files that all match, warm: the server has a new version of the same files.
-// Limits: the walk at most 2 times a bare loop of one statx per file, the whole pass at most 6 times.
+// A pass over 100,000 files that all match, warm, beside a bare loop of one statx per file. The server tells of the version
+// that is here; or it tells none and its manifest is the one that is here; or it has a new version of the same files.
 #include <sys/stat.h>
 
 #include <map>
@@ -40,14 +40,17 @@ int main(int argc, char** argv) {
 
   bench::MemoryServer server;
   const auto manager = server.manager_of(directory);
-  int version = 1;
   const auto run = [&] {
-    server.publish(bench::make_manifest(FILES, ++version));
     const auto began = std::chrono::steady_clock::now();
     if (manager->sync().bytes_downloaded != 0) std::fprintf(stderr, "the pass downloaded something\n");
     return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - began).count();
   };
-  run();  // fills the hash cache
+  int version = 1;
+  const auto run_over_new_version = [&] {
+    server.publish(bench::make_manifest(FILES, ++version));
+    return run();
+  };
+  run_over_new_version();  // fills the hash cache
 
   std::vector<std::string> paths;
   for (int index = 0; index < FILES; ++index) paths.push_back(join_path(real_path(directory), bench::feature_path(index)));
@@ -61,13 +64,18 @@ int main(int argc, char** argv) {
   set_log_sink(&times);
   double bare_ms = 1e9;
   double pass_ms = 1e9;
+  double same_version_ms = 1e9;
+  double same_manifest_ms = 1e9;
   for (int round = 0; round < 7; ++round) {
     bare_ms = std::min(bare_ms, bench::best_seconds(1, bare_loop) * 1e3);
-    pass_ms = std::min(pass_ms, run());
+    pass_ms = std::min(pass_ms, run_over_new_version());
+    same_version_ms = std::min(same_version_ms, run());
+    server.hide_version();
+    same_manifest_ms = std::min(same_manifest_ms, run());
   }
-  std::printf(
-      R"({"files": %d, "bare_statx_ms": %.1f, "walk_ratio": %.2f, "pass_ms": %.1f, "pass_ratio": %.2f, "peak_resident_mib": %.1f, "stages_ms": {)",
-      FILES, bare_ms, times.milliseconds["walk"] / bare_ms, pass_ms, pass_ms / bare_ms, bench::peak_resident_mib());
+  std::printf(R"({"files": %d, "statx_ms": %.1f, "walk_ms": %.1f, "same_version_ms": %.1f, "same_manifest_ms": %.1f, "pass_ms": %.1f, )",
+              FILES, bare_ms, times.milliseconds["walk"], same_version_ms, same_manifest_ms, pass_ms);
+  std::printf(R"("peak_resident_mib": %.1f, "stages_ms": {)", bench::peak_resident_mib());
   const char* separator = "";
   for (const auto& [stage, milliseconds] : times.milliseconds) {
     std::printf(R"(%s"%s": %.1f)", separator, stage.c_str(), milliseconds);

@@ -6,13 +6,12 @@ import json
 import os
 import random
 import shutil
-import statistics
 import subprocess
-from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
-from downloads import embedded
+from measure import Ground, Samples
+from servers import embedded
 
 FILES = 10_000
 CHANGED = FILES // 20
@@ -46,36 +45,38 @@ def write_era(source: Path, era: int) -> None:
         replace(source / path, json.dumps({"era_number": era, **document}).encode())
 
 
-def measure_transitions(root: Path, work: Path, rounds: int) -> dict[str, float]:
-    """Medians of the rounds, and how many live files a reader found missing or torn."""
-    binaries = root / "build" / "release" / "bin"
-    source, tree, directory, scratch = (work / name for name in ("eras-source", "eras-tree", "eras-data", "eras-scratch"))
+def transitions(ground: Ground) -> Samples:
+    """Transitions beside their parts, and how many live files a reader found missing or torn in one more."""
+    tool = ground.program("brackenfen-distribution")
+    source, tree, directory, scratch = (ground.work / name for name in ("eras-source", "eras-tree", "eras-data", "eras-scratch"))
     for folder in (source, tree, directory):
         shutil.rmtree(folder, ignore_errors=True)
     directory.mkdir(parents=True)
 
     def publish(era: int) -> None:
         write_era(source, era)
-        command: list[str | Path] = [binaries / "brackenfen-distribution", "publish", source, tree, "--link", "--era", str(era), "--version", str(era)]
+        command: list[str | Path] = [tool, "publish", source, tree, "--link", "--era", str(era), "--version", str(era)]
         subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
 
     def run(url: str, era: int, *more: Path) -> Any:
-        command: list[str | Path] = [binaries / "bench_transition", directory, url, str(era), *more]
+        command: list[str | Path] = [ground.program("bench_transition"), directory, url, str(era), *more]
         done = subprocess.run(command, check=True, capture_output=True, text=True)
         return json.loads(done.stdout or "null")
 
+    rounds = min(ground.rounds, 3)
+    samples = Samples()
     publish(1)
-    seen = []
-    with embedded(root, tree) as url:
-        run(url, 1)
+    with embedded(ground, tree) as place:
+        run(place.url, 1)
         for era in range(2, 2 + rounds):
             publish(era)
             shutil.rmtree(scratch, ignore_errors=True)
             scratch.mkdir()
-            seen.append(run(url, era, scratch))
+            seen = run(place.url, era, scratch)
+            seen["parts_s"] = seen["requests_s"] + seen["hash_s"] + seen["download_s"]
+            samples.add("transition", seen)
         publish(2 + rounds)
-        wrong = run(url, 2 + rounds)["wrong"]
+        samples.add("reader", run(place.url, 2 + rounds))
     for folder in (source, tree, directory, scratch):
         shutil.rmtree(folder)
-    median: Callable[[str], float] = lambda figure: statistics.median(round[figure] for round in seen)
-    return {figure: median(figure) for figure in seen[0]} | {"wrong": wrong}
+    return samples

@@ -1,5 +1,7 @@
-"""A plain thread pool that downloads and verifies every file of a manifest: the peer that the library is measured
-against. Usage: peer_threads.py SERVER_URL DIRECTORY"""
+"""A plain thread pool that downloads and verifies every file of a manifest, a connection for each.
+
+    threads_fetch.py SERVER_URL DIRECTORY
+"""
 
 from __future__ import annotations
 
@@ -7,23 +9,33 @@ import hashlib
 import http.client
 import json
 import os
+import ssl
 import sys
 import urllib.parse
 from concurrent.futures import ThreadPoolExecutor
 from typing import Any
 
 BLOCK_BYTES = 1 << 20
+SERVER = urllib.parse.urlsplit(sys.argv[1])
+DIRECTORY = sys.argv[2]
+TRUST = ssl.create_default_context() if SERVER.scheme == "https" else None
 
 
-def fetch(server: urllib.parse.SplitResult, directory: str, path: str, entry: dict[str, Any]) -> None:
-    assert server.hostname is not None
-    target = os.path.join(directory, path)
+def connect() -> http.client.HTTPConnection:
+    assert SERVER.hostname is not None
+    if TRUST is None:
+        return http.client.HTTPConnection(SERVER.hostname, SERVER.port)
+    return http.client.HTTPSConnection(SERVER.hostname, SERVER.port, context=TRUST)
+
+
+def fetch(path: str, entry: dict[str, Any]) -> None:
+    target = os.path.join(DIRECTORY, path)
     os.makedirs(os.path.dirname(target), exist_ok=True)
-    connection = http.client.HTTPConnection(server.hostname, server.port)
+    connection = connect()
     connection.request("GET", "/data/files/" + path)
     response = connection.getresponse()
     digest = hashlib.sha256()
-    block = bytearray(BLOCK_BYTES)
+    block = bytearray(min(BLOCK_BYTES, entry["size_bytes"] + 1))
     view = memoryview(block)
     with open(target + ".tmp", "wb") as staging:
         while count := response.readinto(block):
@@ -36,13 +48,11 @@ def fetch(server: urllib.parse.SplitResult, directory: str, path: str, entry: di
 
 
 def main() -> None:
-    server, directory = urllib.parse.urlsplit(sys.argv[1]), sys.argv[2]
-    assert server.hostname is not None
-    connection = http.client.HTTPConnection(server.hostname, server.port)
+    connection = connect()
     connection.request("GET", "/data/manifest")
     files = json.load(connection.getresponse())["files"]
     with ThreadPoolExecutor(8) as pool:
-        for _ in pool.map(lambda item: fetch(server, directory, *item), files.items()):
+        for _ in pool.map(lambda item: fetch(*item), files.items()):
             pass
 
 
