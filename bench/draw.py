@@ -1,0 +1,149 @@
+"""Makes tables and plots of runs that ./dev bench left.
+
+    ./dev bench draw [RUN.json ...] [--into FOLDER]
+
+Without a name it takes the newest run. Of several, a later one counts where both have a measurement. FOLDER
+(build/bench/drawn) gets tables.md and an SVG for each measurement that compares whole processes.
+"""
+
+from __future__ import annotations
+
+import argparse
+import json
+import statistics
+from collections.abc import Iterator
+from pathlib import Path
+from typing import Any
+
+import matplotlib  # type: ignore[import-not-found]
+from matplotlib import pyplot
+
+from measure import INTERPRETER
+
+WORK = Path(__file__).resolve().parent.parent / "build" / "bench"
+LIBRARY, LIMITS = "brackenfen-sync", ("limit", "statx loop", "simdjson", "nginx")
+COLOURS = {"limit": "#9a9a9a", "library": "#1f5fa8", "peer": "#c9b458"}
+Measured = dict[str, Any]
+
+
+def kind(contender: str) -> str:
+    if contender.startswith(LIBRARY):
+        return "library"
+    return "limit" if contender.startswith(LIMITS) else "peer"
+
+
+def contenders(measured: Measured) -> list[str]:
+    return [name for name in measured["seen"] if name != INTERPRETER]
+
+
+# --- tables ----------------------------------------------------------------------------------------------------------
+
+
+def told(values: list[float] | None) -> str:
+    """A median, and between which values it lies."""
+    if not values:
+        return ""
+    middle = f"{statistics.median(values):.3g}"
+    return middle if len(values) == 1 else f"{middle} ({min(values):.3g}–{max(values):.3g})"
+
+
+def table(measured: Measured) -> Iterator[str]:
+    yield f"### {measured['name']}: {measured['title']}\n"
+    yield "| | seconds | processor time, s | its own figures |\n|---|---|---|---|"
+    for name in contenders(measured):
+        figures = measured["seen"][name]
+        own = [
+            f"{figure} {statistics.median(values):.4g}"
+            for figure, values in figures.items()
+            if figure not in ("seconds", "cpu_seconds") and isinstance(values[0], (int, float))
+        ]
+        yield f"| {name} | {told(figures.get('seconds'))} | {told(figures.get('cpu_seconds'))} | {', '.join(own)} |"
+    for name, reason in measured["left_out"].items():
+        yield f"| {name} | left out, {reason} | | |"
+    if measured["checks"]:
+        yield "\n| asked | figure | bound | |\n|---|---|---|---|"
+    for check in measured["checks"]:
+        bound = f"{'≥' if check['at_least'] else '≤'} {check['bound']:.3g} {check['unit']}"
+        yield f"| {check['what']} | {check['value']:.3g} {check['unit']} | {bound} | {'met' if check['met'] else 'not met'} |"
+    yield ""
+
+
+# --- plots -----------------------------------------------------------------------------------------------------------
+
+
+def bars(measured: Measured, path: Path) -> None:
+    """Whole processes side by side: medians with their ranges, and within each bar the client's processor time."""
+    names = contenders(measured)
+    figure, axes = pyplot.subplots(figsize=(8, 0.9 + 0.36 * len(names)), layout="constrained")
+    for row, name in enumerate(names):
+        seconds, processor = (measured["seen"][name][wanted] for wanted in ("seconds", "cpu_seconds"))
+        middle = statistics.median(seconds)
+        colour = COLOURS[kind(name)]
+        axes.barh(row, middle, color=colour, height=0.7)
+        axes.plot([min(seconds), max(seconds)], [row, row], color="black", linewidth=1)
+        axes.plot(statistics.median(processor), row, marker="|", color="white", markersize=10, markeredgewidth=2)
+        axes.annotate(f" {middle:.2f}", (max(seconds), row), va="center", fontsize=9)
+    axes.set_yticks(range(len(names)), names)
+    axes.invert_yaxis()
+    axes.margins(x=0.1)
+    axes.set_xlim(left=0)
+    axes.set_xlabel(f"seconds: median of {len(seconds)}; black: from fastest to slowest; white: the client's processor time")
+    axes.set_title(measured["title"], fontsize=10)
+    axes.spines[["top", "right"]].set_visible(False)
+    save(figure, path)
+
+
+def lines(measured: Measured, path: Path) -> None:
+    """How the cost grows with the number of files."""
+    figure, axes = pyplot.subplots(figsize=(8, 4.5), layout="constrained")
+    curves: dict[str, list[tuple[int, float]]] = {}
+    for contender, figures in measured["seen"].items():
+        name, files = contender.removesuffix(" files").rsplit(", ", 1)
+        for wanted, label in (("statx_ms", name), ("call_ms", name), ("construct_ms", f"{LIBRARY}, construction")):
+            if wanted in figures and not (wanted == "construct_ms" and name.endswith("pass")):
+                curves.setdefault(label, []).append((int(files), statistics.median(figures[wanted])))
+    for label, points in curves.items():
+        axes.plot(*zip(*points, strict=True), marker="o", label=label, color=COLOURS["limit"] if kind(label) == "limit" else None)
+    axes.set(xscale="log", yscale="log", xlabel="files", ylabel="milliseconds", title=measured["title"])
+    axes.grid(which="both", linewidth=0.3)
+    axes.legend()
+    save(figure, path)
+
+
+def save(figure: Any, path: Path) -> None:
+    figure.savefig(path, metadata={"Date": None})
+    pyplot.close(figure)
+
+
+plots = {"processes": bars, "growth": lines}
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("runs", nargs="*", type=Path, metavar="RUN.json")
+    parser.add_argument("--into", type=Path, default=WORK / "drawn", metavar="FOLDER")
+    options = parser.parse_args()
+    paths = options.runs or sorted(WORK.glob("run-*.json"))[-1:]
+    if not paths:
+        raise SystemExit("there is no run: ./dev bench makes one")
+    runs = [json.loads(path.read_text()) for path in paths]
+    measurements = {measured["name"]: measured for run in runs for measured in run["measurements"]}
+
+    matplotlib.use("svg")
+    # The same run gives the same bytes, and text stays text.
+    matplotlib.rcParams.update({"svg.hashsalt": "brackenfen", "svg.fonttype": "none", "font.size": 9})
+    options.into.mkdir(parents=True, exist_ok=True)
+    text = []
+    for run in runs:
+        machine = ", ".join(f"{what} {value}" for what, value in run["machine"].items())
+        text.append(f"{run['rounds']} rounds, {run['scale']:g} of each set's files. {machine}.\n")
+    for name, measured in measurements.items():
+        text.extend(table(measured))
+        if measured["plot"] and measured["seen"]:
+            plots[measured["plot"]](measured, options.into / f"{name}.svg")
+    (options.into / "tables.md").write_text("\n".join(text))
+    print(f"{options.into}: tables.md and {len(list(options.into.glob('*.svg')))} plots")
+
+
+if __name__ == "__main__":
+    main()
