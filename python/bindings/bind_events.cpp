@@ -1,6 +1,7 @@
 #include "python/adapters/neighbours_backoff.hpp"
 #include "python/bindings/binding.hpp"
 #include "sync/transport/backoff.hpp"
+#include "sync/transport/backoff_progress.hpp"
 #include "sync/transport/event_counts.hpp"
 #include "sync/transport/events.hpp"
 

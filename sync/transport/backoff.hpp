@@ -22,8 +22,6 @@ namespace brackenfen::sync {
 /// file's write leaves this function.
 Document _emit_sync_backoff_wait(const Seams& seams, std::string_view default_surface, int attempt_index, std::string_view reason,
                                  std::string_view file_path, float wait_seconds);
-/// Puts the wait into the sync-progress.json of the context's data directory, keeping what a pass wrote there.
-void _write_sync_backoff_progress_json(const Seams& seams, const Document& event);
 /// Waits; throws SyncBackoffCancelled when stopped.
 void _sleep_for_sync_backoff(const Seams& seams, float wait_seconds);
 

@@ -14,6 +14,7 @@
 #include "sync/base/values/json.hpp"
 #include "sync/documents/manifest_paths.hpp"
 #include "sync/neighbours/sync_progress.hpp"
+#include "sync/transport/backoff_progress.hpp"
 
 namespace brackenfen::sync {
 namespace {
@@ -110,6 +111,7 @@ void _write_sync_progress_json(Files& files, Clock& clock, const SyncProgress& s
 
 void _remove_sync_progress_json(Files& files, std::string_view data_dir) {
   const std::string path = _sync_progress_path(data_dir);
+  forget_backoff_progress(path);
   try {
     files.unlink(path);
   } catch (const Error& error) {
