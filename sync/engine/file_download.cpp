@@ -44,14 +44,16 @@ class FileDownload {
   [[nodiscard]] bool is_long_enough();
   [[nodiscard]] bool may_retry(const Error& error) const;
   [[nodiscard]] bool checksum_fits(const std::string& actual_sha);
+  /// Whether one more transfer may bring other bytes under the same manifest. Throws IntegrityError where none may.
+  void require_repair_left(const std::string& actual_sha);
   void land(const std::string& actual_sha);
 
   void announce_wait(std::string_view reason);
-  void close_and_sleep();
   [[nodiscard]] bool superseded() { return manager_._download_manifest_superseded(neighbours_, file_info_); }
   void log_event(std::string_view event_type, std::string_view reason, const Document& fields) const;
   /// What every report about this file's generation says, with the range where one was asked for.
   [[nodiscard]] Document generation_fields(std::optional<std::int64_t> range_start = {}, std::optional<std::int64_t> range_end = {}) const;
+  /// The file on the server ends before the bytes that are here, or before those that the manifest promises.
   [[noreturn]] void reset_after_416(const Document& fields);
   [[noreturn]] void leave_superseded(std::string_view reason, const Document& fields);
 
@@ -75,7 +77,9 @@ class FileDownload {
   const std::string local_path_;
   const std::int64_t max_unchanged_checksum_repairs_;
 
-  int attempt_ = 0;  ///< counts retries of every kind
+  int attempt_ = 0;         ///< counts retries of every kind
+  bool was_reset_ = false;  ///< after a 416
+  bool exhausted_ = false;  ///< no repair is left: what is thrown is final
   float wait_seconds_ = 0;
   StagingFile staging_;
 };
@@ -126,7 +130,7 @@ bool FileDownload::attempt() {
   }
   if (!wait_reason.empty()) {
     announce_wait(wait_reason);
-    close_and_sleep();
+    _sleep_for_sync_backoff(seams_, wait_seconds_);
     return false;
   }
   const std::string actual_sha = staging_.hex_digest();
@@ -136,7 +140,7 @@ bool FileDownload::attempt() {
 }
 
 void FileDownload::open_staging() {
-  staging_.open();
+  staging_.open(!options_.is_abandoned || !options_.is_abandoned());
   if (staging_.size_bytes() > 0)
     _log_sync_event("range_resume", file_path_, 1, "partial_tmp", Document{{"bytes_existing", staging_.size_bytes()}});
 }
@@ -223,6 +227,7 @@ bool FileDownload::is_long_enough() {
 }
 
 bool FileDownload::may_retry(const Error& error) const {
+  if (exhausted_) return false;
   if (error.is(error_class::SyncUnavailableError)) return !error.fields().get("retryable").is_exactly(false);
   if (error.is(error_class::ManifestSupersededError) || error.is(error_class::PermanentDownloadError)) return false;
   if (error.is(error_class::IntegrityError)) return options_.retry_partial_transfer && options_.retry_checksum_mismatch;
@@ -231,35 +236,39 @@ bool FileDownload::may_retry(const Error& error) const {
 
 bool FileDownload::checksum_fits(const std::string& actual_sha) {
   if (expected_sha_.empty() || expected_sha_ == actual_sha) return true;
-  const Document digests{{"expected_sha", expected_sha_}, {"actual_sha", actual_sha}};
-  const std::string expected_and_got = "expected " + expected_sha_ + ", got " + actual_sha;
   if (superseded()) {
     leave_superseded("sha256_mismatch", generation_fields().with("expected_sha", expected_sha_).with("actual_sha", actual_sha));
   }
-  if (!options_.retry_checksum_mismatch) throw IntegrityError("Checksum failure for " + file_path_ + ": " + expected_and_got);
-  if (attempt_ >= max_unchanged_checksum_repairs_) {
-    log_event("checksum_repair_exhausted",
-              "server data inconsistent: checksum mismatch after unchanged manifest repair bound; contact BrackenFen",
-              digests.with("manifest_version", file_info_.get("_manifest_version"))
-                  .with("manifest_era_id", file_info_.get("_manifest_era_id"))
-                  .with("retryable", false)
-                  .with("recovery", "operator_fix_required")
-                  .with("next_action", "Action: contact_brackenfen"));
-    staging_.clear();
-    throw IntegrityError("Checksum failure for " + file_path_ +
-                         ": server data inconsistent after unchanged manifest repair bound; contact BrackenFen. " + expected_and_got);
-  }
-  log_event("checksum_repair", "sha256_mismatch", digests);
+  require_repair_left(actual_sha);
+  log_event("checksum_repair", "sha256_mismatch", Document{{"expected_sha", expected_sha_}, {"actual_sha", actual_sha}});
   announce_wait("sha256_mismatch");
   staging_.clear();
-  close_and_sleep();
+  _sleep_for_sync_backoff(seams_, wait_seconds_);
   return false;
+}
+
+void FileDownload::require_repair_left(const std::string& actual_sha) {
+  const std::string expected_and_got = "expected " + expected_sha_ + ", got " + actual_sha;
+  if (!options_.retry_checksum_mismatch) throw IntegrityError("Checksum failure for " + file_path_ + ": " + expected_and_got);
+  if (attempt_ < max_unchanged_checksum_repairs_) return;
+  log_event("checksum_repair_exhausted",
+            "server data inconsistent: checksum mismatch after unchanged manifest repair bound; contact BrackenFen",
+            Document{{"expected_sha", expected_sha_},
+                     {"actual_sha", actual_sha},
+                     {"manifest_version", file_info_.get("_manifest_version")},
+                     {"manifest_era_id", file_info_.get("_manifest_era_id")},
+                     {"retryable", false},
+                     {"recovery", "operator_fix_required"},
+                     {"next_action", "Action: contact_brackenfen"}});
+  staging_.clear();
+  exhausted_ = true;
+  throw IntegrityError("Checksum failure for " + file_path_ +
+                       ": server data inconsistent after unchanged manifest repair bound; contact BrackenFen. " + expected_and_got);
 }
 
 void FileDownload::land(const std::string& actual_sha) {
   const std::int64_t total_written = staging_.size_bytes();
-  staging_.close();
-  seams_.files->rename(staging_.path(), local_path_);
+  staging_.land(*seams_.files, local_path_);
   const bool target_is_live = !options_.target_data_dir || *options_.target_data_dir == live_data_dir_;
   if (target_is_live) {
     if (const auto guard = manager_.runtime_freshness_guard.get()) guard->record_sync_update(file_path_, kind_, actual_sha);
@@ -273,11 +282,6 @@ void FileDownload::land(const std::string& actual_sha) {
 void FileDownload::announce_wait(std::string_view reason) {
   if (options_.retry_status_callback) options_.retry_status_callback(static_cast<double>(wait_seconds_));
   _emit_sync_backoff_wait(seams_, options_.backoff_surface, attempt_, reason, file_path_, wait_seconds_);
-}
-
-void FileDownload::close_and_sleep() {
-  staging_.close();
-  _sleep_for_sync_backoff(seams_, wait_seconds_);
 }
 
 void FileDownload::log_event(std::string_view event_type, std::string_view reason, const Document& fields) const {
@@ -294,6 +298,11 @@ Document FileDownload::generation_fields(std::optional<std::int64_t> range_start
 }
 
 void FileDownload::reset_after_416(const Document& fields) {
+  // A server whose file has another size than the manifest says would answer so for ever.
+  if (std::exchange(was_reset_, true)) {
+    if (superseded()) leave_superseded("http_416", fields);
+    require_repair_left(staging_.hex_digest());
+  }
   log_event("range_resume_reset", "http_416", fields);
   staging_.clear();
   throw SyncError("Download resume reset for " + file_path_ + ": HTTP 416");
@@ -302,7 +311,6 @@ void FileDownload::reset_after_416(const Document& fields) {
 void FileDownload::leave_superseded(std::string_view reason, const Document& fields) {
   log_event("manifest_superseded", reason, fields);
   staging_.clear();  // its bytes belong to a dead generation
-  staging_.close();
   throw ManifestSupersededError("Manifest advanced while downloading " + file_path_ + "; refreshing before retry");
 }
 

@@ -54,6 +54,8 @@ class Batch : public std::enable_shared_from_this<Batch> {
   [[nodiscard]] bool finished() const;
   /// Ends every back-off sleep of the batch.
   void cancel() { cancelled_.store(true); }
+  /// The caller does not wait for the workers.
+  void abandon() { abandoned_.store(true); }
   void interrupt_workers() { interrupt_->trip(); }
   void wait_for_workers();
   [[nodiscard]] std::vector<std::string> pending_paths() const;
@@ -73,6 +75,7 @@ class Batch : public std::enable_shared_from_this<Batch> {
   const ThreadWork work_ = ThreadWork::current();  // so that a callback on a worker knows which pass it is part of
   const std::shared_ptr<InterruptToken> interrupt_ = std::make_shared<InterruptToken>();
   std::atomic<bool> cancelled_{false};
+  std::atomic<bool> abandoned_{false};
   std::atomic<bool> parent_stopped_{false};  // the caller's own stop callback has said so to a worker
 
   mutable std::mutex mutex_;  // a leaf; guards what follows
@@ -151,7 +154,9 @@ Outcome Batch::run_item(std::size_t index) {
     BackoffContext context = parent_context_;
     context.stop_requested = [self = shared_from_this()] { return self->worker_stop_requested(); };  // a host may keep it
     const std::shared_ptr<void> entered = _sync_backoff_module(manager_->seams())->enter_context(std::move(context));
-    manager_->_download_file(*neighbours_, item.file_path, item.file_info, outcome.result);
+    SyncManager::DownloadOptions options;
+    options.is_abandoned = [this] { return abandoned_.load(); };  // kept no longer than the call
+    manager_->_download_file(*neighbours_, item.file_path, item.file_info, outcome.result, options);
   } catch (const Error& error) {
     outcome.failure = std::current_exception();
     outcome.superseded = error.is(error_class::ManifestSupersededError);
@@ -328,7 +333,10 @@ void SyncManager::_download_files_parallel(const std::shared_ptr<NeighbourSet>& 
     }
     const bool timed_out = !superseded && !batch->finished();
     batch->drop_queue();
-    if (timed_out) throw_timed_out(batch->pending_paths(), timeout_seconds);  // running workers go on by themselves
+    if (timed_out) {
+      batch->abandon();  // running workers go on by themselves
+      throw_timed_out(batch->pending_paths(), timeout_seconds);
+    }
     batch->wait_for_workers();
   } catch (const Interrupted&) {
     batch->drop_queue();

@@ -1,5 +1,9 @@
 // The staging file of a download: "{local path}.tmp", always a prefix of the file being fetched, with the
 // running digest of exactly those bytes.
+//
+// A worker that its caller left behind may still have the file open when a later download begins on it, in this process
+// or another. An advisory lock on the open file tells: who finds it taken goes on in a copy under the same name. So no
+// two downloads ever write to one file, and a worker whose name leads to another file, or nowhere, touches nothing more.
 #pragma once
 
 #include <cstdint>
@@ -10,6 +14,7 @@
 #include "sync/base/files/descriptor.hpp"
 #include "sync/base/files/sha256.hpp"
 #include "sync/base/threads/clock.hpp"
+#include "sync/transport/files.hpp"
 #include "sync/transport/http.hpp"
 
 namespace brackenfen::sync {
@@ -20,13 +25,14 @@ class StagingFile : public ResponseSink {
  public:
   StagingFile(std::string path, Clock& clock) : path_(std::move(path)), clock_(clock) {}
 
-  /// Opens the file, creating it empty, and digests what it holds. A link in its place is removed, never
-  /// followed. Throws os_error.
-  void open();
-  /// Closes the file where it is open. Throws os_error.
-  void close() { file_.close(); }
-  /// Empties file and digest.
+  /// For each attempt: digests what the file holds. One that was open before stays, as long as it has its name. Else the
+  /// file is opened, or made empty, if this download `may_begin`. A link in its place is removed, never followed. Throws
+  /// os_error, FileNotFoundError for a file that has gone to another download.
+  void open(bool may_begin = true);
+  /// Empties file and digest; a file that has lost its name stays as it is.
   void clear();
+  /// Closes the file and renames it to `target`. Throws os_error, FileNotFoundError as with open.
+  void land(Files& files, const std::string& target);
 
   [[nodiscard]] const std::string& path() const noexcept { return path_; }
   [[nodiscard]] std::int64_t size_bytes() const noexcept { return size_bytes_; }
@@ -38,7 +44,8 @@ class StagingFile : public ResponseSink {
   void expect(std::optional<std::uint64_t> partial_limit, std::optional<std::uint64_t> whole_limit);
   /// Bytes of that response that were kept.
   [[nodiscard]] std::uint64_t received_bytes() const noexcept { return received_bytes_; }
-  /// After a response: writes what is still held back. Nothing else may be asked of the file before.
+  /// After a response: writes what is still held back. Nothing else may be asked of the file before. This, keep_whole and
+  /// roll_back throw FileNotFoundError as open does.
   void flush();
   /// After a 200: cuts off what an older, longer content left behind it.
   void keep_whole();
@@ -49,6 +56,12 @@ class StagingFile : public ResponseSink {
   void accept(std::string_view bytes) override;
 
  private:
+  void take_file();
+  /// Makes a new file under the name, with the bytes of `other`, which another download has open.
+  void take_copy(const Descriptor& other);
+  [[nodiscard]] bool has_its_name(const Descriptor& file) const;
+  void require_name() const;
+  /// Digests the file from its beginning, as far as it goes or up to `size_bytes`.
   void digest_prefix(std::int64_t size_bytes);
   void seek(std::int64_t offset);
   void truncate(std::int64_t size_bytes);

@@ -142,11 +142,15 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
     std::string backoff_surface = "file_download";
     bool retry_partial_transfer = true;
     bool retry_checksum_mismatch = true;
+    /// Whether the operation that asked for the file has ended without waiting for it: the download may then finish
+    /// the staging file that it has, and begin no other. Empty: never.
+    std::function<bool()> is_abandoned = {};
   };
   /// Brings one manifest file to its local path: streamed into "{local path}.tmp" under a running digest,
   /// resumed by Range, moved into place. A failure that may pass is waited out, without limit. `result` must be
   /// private to the caller. Throws ManifestSupersededError, PermanentDownloadError, IntegrityError, AuthError,
-  /// ManifestError for a refused path, SyncBackoffCancelled and os_error; a partial staging file stays for the next try.
+  /// ManifestError for a refused path, SyncBackoffCancelled and os_error (FileNotFoundError where another download took the
+  /// staging file); a partial staging file stays for the next try.
   void _download_file(NeighbourSet& neighbours, const std::string& file_path, const Document& file_info, SyncResult& result,
                       const DownloadOptions& options);
   void _download_file(NeighbourSet& neighbours, const std::string& file_path, const Document& file_info, SyncResult& result) {

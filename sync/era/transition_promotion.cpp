@@ -1,4 +1,6 @@
 // Promotion: the staged files go live, the commit records follow them, and then everybody is told.
+#include <unistd.h>
+
 #include <unordered_set>
 
 #include "sync/base/error.hpp"
@@ -45,6 +47,8 @@ void SyncManager::Transition::promote() {
 }
 
 void SyncManager::Transition::move_staged_files() {
+  // A download that an earlier pass left behind loses its staging file, so that it cannot land over what goes live here.
+  for (const std::string& live_path : live_paths_) ::unlink((live_path + ".tmp").c_str());
   Files& files = *manager_.seams_.files;
   const std::shared_ptr<RuntimeFreshnessGuard> guard = manager_.runtime_freshness_guard.get();
   std::unordered_set<std::string> moved;  // a manifest may name one file by two keys

@@ -218,6 +218,38 @@ TEST(FileDownloadTest, theRepairBoundCountsEveryRetryBefore) {
   }
 }
 
+TEST(FileDownloadTest, aFileOfAnotherSizeThanStatedIsNotAskedForForEver) {
+  const std::string shrunk = content().substr(0, 600), at_bound = "IntegrityError: Checksum failure for features/f.arrow: server data inc";
+  struct Row {
+    std::int64_t chunk_bytes;
+    int version;
+    bool checksum_retries;
+    std::string failure;
+    std::vector<std::string> events;  ///< the reason of each
+  };
+  const Row rows[] = {
+      {400, 1, true, at_bound, {"http_416", "http_416", "http_416", "checksum_repair_exhausted"}},
+      {400, 2, true, "ManifestSupersededError: ", {"http_416", "manifest_superseded"}},
+      {400, 1, false, "IntegrityError: Checksum failure for features/f.arrow: expected ", {"http_416"}},
+      {1000, 1, true, at_bound, {"http_416", "checksum_repair_exhausted"}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(std::to_string(row.chunk_bytes) + row.failure);
+    Download download(row.chunk_bytes);
+    download.options.retry_checksum_mismatch = row.checksum_retries;
+    download.server.serve_file(DATA_PATH, shrunk);
+    download.publish_version(row.version);
+    EXPECT_THAT(download.run(), StartsWith(row.failure));
+    std::vector<std::string> told;
+    for (const Document& event : download.log.events("range_resume_reset")) told.emplace_back(*event.get("reason").if_text());
+    for (const char* type : {"manifest_superseded", "checksum_repair_exhausted"}) {
+      told.insert(told.end(), download.log.events(type).size(), type);
+    }
+    EXPECT_EQ(told, row.events);
+    EXPECT_EQ(download.staging(), row.checksum_retries ? "" : shrunk);
+  }
+}
+
 TEST(FileDownloadTest, whatTheEntryDoesNotStateIsNotChecked) {
   const std::pair<Document, std::string> rows[] = {
       {{}, content()},

@@ -128,6 +128,31 @@ TEST_F(ParallelDownloadTest, theDeadlineNamesWhatIsPending) {
   }
 }
 
+TEST_F(ParallelDownloadTest, aWorkerLeftBehindSpoilsNothingOfALaterBatch) {
+  environment.set("BRACKENFEN_SYNC_PARALLEL_TIMEOUT_SECONDS", "10");
+  environment.set("BRACKENFEN_SYNC_MAX_CONCURRENCY", "2");
+  const std::string content = file("late").content, url_path = "/data/files/late";
+  const auto run_until_late = [&] {
+    std::thread time([&, asked_before = requests(url_path)] {
+      while (requests(url_path) == asked_before) std::this_thread::yield();
+      clock.advance(11);
+    });
+    const std::string failure = run();
+    time.join();
+    return failure;
+  };
+  plan({"early", "late"});
+  // Breaks off when the next batch is over, so that the worker would go back to where the file was empty.
+  server.script(url_path, {{.body = content, .cut_after = 3, .reset = true, .delay = milliseconds(300)}});
+  EXPECT_THAT(run_until_late(), StartsWith("SyncError: Timed out"));
+  server.serve_file(url_path, content);
+  EXPECT_EQ(run(), "");
+  server.script(url_path, {{.status = 404}});
+  EXPECT_TRUE(wait_for_worker_threads(milliseconds(2000)));
+  EXPECT_EQ(directory.read("late"), content);
+  EXPECT_THAT(directory.files(), ElementsAre("early", "late"));
+}
+
 TEST_F(ParallelDownloadTest, keysOfOneFileNeverShareItsStagingFile) {
   environment.set("BRACKENFEN_SYNC_HTTP_CHUNK_BYTES", "50");
   const std::string content(1000, 'x');

@@ -1,8 +1,12 @@
 // The staging file by itself: what is held back, and going back to where a response began.
 #include "sync/engine/staging_file.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
+
+#include "tests/support/failures.hpp"
 #include "tests/support/fake_clock.hpp"
 #include "tests/support/temporary_directory.hpp"
 
@@ -53,8 +57,36 @@ TEST_F(StagingFileTest, goesBackToWhereAResponseBeganHoweverMuchOfItWasWritten) 
       EXPECT_EQ(content().size(), before.size());
       // The digest is that of the bytes which lie there, even where a 200 went over them.
       EXPECT_EQ(staging.hex_digest(), _sha256(content()));
-      staging.close();
       directory.write("file.tmp", "prefix");
+    }
+  }
+}
+
+TEST_F(StagingFileTest, whatALaterDownloadHasTakenOverIsNotTouchedAnyMore) {
+  const std::pair<const char*, std::function<void(StagingFile&)>> touches[] = {
+      {"another attempt", [](StagingFile& file) { file.open(false); }},
+      {"a write", [](StagingFile& file) { file.flush(); }},
+      {"going back", [](StagingFile& file) { file.roll_back(); }},
+      {"the rest of a 200", [](StagingFile& file) { file.keep_whole(); }},
+      {"landing", [this](StagingFile& file) { file.land(Files::real(), directory / "file"); }},
+  };
+  for (const auto& [name, touch] : touches) {
+    for (const bool landed : {false, true}) {
+      SCOPED_TRACE(std::string(name) + (landed ? ", landed" : ", under way"));
+      directory.write("file", "before");
+      directory.write("file.tmp", "prefix");
+      StagingFile left_behind{directory / "file.tmp", clock}, later{directory / "file.tmp", clock};
+      left_behind.open();
+      left_behind.expect(1'000'000, 1'000'000);
+      later.open();
+      (void)left_behind.begin(200);
+      left_behind.accept("x");
+      EXPECT_EQ(later.size_bytes(), 6) << "resumes where the other one was";
+      if (landed) later.land(Files::real(), directory / "file");
+      left_behind.clear();
+      EXPECT_THAT(failure_of([&] { touch(left_behind); }), testing::StartsWith("FileNotFoundError: "));
+      EXPECT_EQ(directory.read(landed ? "file" : "file.tmp"), "prefix");
+      EXPECT_EQ(directory.read("file"), landed ? "prefix" : "before");
     }
   }
 }

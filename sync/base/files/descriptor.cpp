@@ -39,6 +39,12 @@ Descriptor open_file(const std::string& path, int flags, unsigned mode) {
   }
 }
 
+Descriptor duplicate(const Descriptor& file, const std::string& path) {
+  const int number = ::fcntl(file.get(), F_DUPFD_CLOEXEC, 0);
+  if (number < 0) throw os_error(errno, path);
+  return Descriptor(number);
+}
+
 std::size_t read_some(const Descriptor& file, char* buffer, std::size_t size, const std::string& path) {
   for (;;) {
     const ssize_t count = ::read(file.get(), buffer, size);

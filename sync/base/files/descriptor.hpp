@@ -28,6 +28,8 @@ class Descriptor {
 
 /// open(2) with O_CLOEXEC added and EINTR looped. Throws os_error, or ValueError for a path with a NUL in it.
 [[nodiscard]] Descriptor open_file(const std::string& path, int flags, unsigned mode = 0666);
+/// Another descriptor of the same open file, close-on-exec. Throws os_error naming `path`.
+[[nodiscard]] Descriptor duplicate(const Descriptor& file, const std::string& path);
 /// Up to `size` bytes; 0 at the end. EINTR is looped. Throws os_error naming `path`.
 [[nodiscard]] std::size_t read_some(const Descriptor& file, char* buffer, std::size_t size, const std::string& path);
 /// All bytes, however many write(2) calls it takes. Throws os_error naming `path`.
