@@ -450,7 +450,8 @@ class SyncManager:
     def add_active_feature_paths(self, relative_paths: Iterable[str]) -> tuple[str, ...]:
         """Add to the active paths of the rotation state on disk; returns all of them, or () where there is no state.
 
-        The added paths stay active until the next rotation. Raises FeatureRotationStateError and OSError.
+        The added paths stay active until the next rotation, also beside a pass that rotates already. Waits for passes of
+        other threads and processes; a callback of a pass may call it. Raises FeatureRotationStateError and OSError.
         """
 
     def register_rotation_search_consumer(self, consumer: RotationSearchConsumer | object) -> None:

@@ -12,12 +12,6 @@ namespace {
 constexpr const ErrorClass* ROTATION_ERRORS[] = {&error_class::RotationStatePayloadError, &error_class::ActiveRotationStateError,
                                                  &error_class::VocabularyScopeError, &error_class::MandatoryArtifactsTooLargeError};
 
-TextSet text_set(nb::handle iterable, const char* name) {
-  TextSet set;
-  for (std::string& text : texts_argument(iterable, name)) set.insert(Text(text));
-  return set;
-}
-
 /// Made attached, keeps the module for one operation, and serves any thread of it.
 class HostArtifactRotation : public ArtifactRotation {
  public:
@@ -75,15 +69,16 @@ class HostArtifactRotation : public ArtifactRotation {
                                                   nb::arg("candidate_state") = rotation_state_to_python(candidate_state),
                                                   nb::arg("available_relative_paths") = tuple_of_texts(available_relative_paths)));
       if (!promoted) throw TypeError("promote_rotation_candidate must return a rotation state, not NoneType");
+      static_cast<void>(promoted->active_relative_paths());  // raises here for one that lists none, before it is written
       return promoted;
     });
   }
 
   Value rotation_state_payload(const RotationStateRef& state, int schema_version) const override {
     return call_python([&] {
-      return value_argument(
+      return Value(document_argument(
           operation("rotation_state_payload")(rotation_state_to_python(state), nb::arg("schema_version") = schema_version),
-          "rotation state payload");
+          "rotation_state_payload"));
     });
   }
   RotationStateRef rotation_state_from_payload(const Value& payload, const std::string& source, int schema_version) const override {
@@ -101,7 +96,11 @@ class HostArtifactRotation : public ArtifactRotation {
       const nb::object accounting = operation("rotation_status_accounting")(
           artifacts_to_python(artifacts), rotation_state_to_python(state), own.is_valid() ? own : to_python(settings_payload),
           nb::arg("existing_relative_paths") = tuple_of_texts(existing_relative_paths));
-      const auto paths = [&](const char* name) { return text_list_argument(accounting.attr(name), name); };
+      const auto paths = [&](const char* name) {
+        const nb::object listed = accounting.attr(name);
+        require_collection(listed, name);
+        return text_list_argument(listed, name);
+      };
       return RotationStatusAccounting{paths("eligible_relative_paths"), paths("selected_relative_paths"), paths("skipped_relative_paths"),
                                       paths("departed_relative_paths"), paths("missing_active_relative_paths")};
     });
@@ -111,7 +110,8 @@ class HostArtifactRotation : public ArtifactRotation {
     return call_python([&] {
       const nb::object keep = operation("rotation_cleanup_keep_paths")(
           to_python(files), set_of_texts(protected_paths), nb::arg("metadata_relative_paths") = tuple_of_texts(metadata_relative_paths));
-      return text_set(keep, "rotation_cleanup_keep_paths");
+      require_collection(keep, "rotation_cleanup_keep_paths");
+      return set_of(text_list_argument(keep, "rotation_cleanup_keep_paths"));
     });
   }
   ScopedVocabulary scope_vocabulary_to_active_rotation(const Document& vocabulary, const TextSet& active_relative_paths,
@@ -185,10 +185,10 @@ class HostRotationSettings : public RotationSettings {
       settings.algorithm = field("algorithm");
       settings.rotation_seed = field("rotation_seed");
       settings.market = field("market");
-      if (const nb::object universes = loaded.attr("named_universes"); !universes.is_none()) {
-        const std::vector<std::string> names = texts_argument(universes, "named_universes");
-        settings.named_universes = List(std::vector<Value>(names.begin(), names.end()));
-      }
+      const nb::object universes = loaded.attr("named_universes");
+      require_collection(universes, "named_universes", Reading::Again);
+      const std::vector<std::string> names = texts_argument(universes, "named_universes");
+      settings.named_universes = List(std::vector<Value>(names.begin(), names.end()));
       settings.family = field("family");
       settings.subfamily = field("subfamily");
       settings.own = own_record(loaded);

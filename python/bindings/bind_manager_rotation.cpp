@@ -122,7 +122,8 @@ void bind_promotion(nb::class_<ManagerObject>& bound) {
           any("relative_paths"),
           nb::sig("def add_active_feature_paths(self, relative_paths: collections.abc.Iterable[str]) -> tuple[str, ...]"),
           "Add to the active paths of the rotation state on disk; returns all of them, or () where there is no state.\n\n"
-          "The added paths stay active until the next rotation. Raises FeatureRotationStateError and OSError.");
+          "The added paths stay active until the next rotation, also beside a pass that rotates already. Waits for passes of\n"
+          "other threads and processes; a callback of a pass may call it. Raises FeatureRotationStateError and OSError.");
 }
 
 nb::object refresh_payloads(const ManagerObject& self, nb::handle state, nb::handle vocabulary, nb::handle manifest, nb::handle consumers) {

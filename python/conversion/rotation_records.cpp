@@ -57,11 +57,19 @@ nb::object selection_to_python(const RotationSelection& selection) {
               to_python(selection.mandatory_bytes), to_python(selection.feature_budget_bytes), to_python(selection.seed));
 }
 
-std::vector<Text> relative_paths_of(nb::handle artifacts) {
+std::vector<Text> relative_paths_of(nb::handle selection, const char* name) {
+  const nb::object artifacts = selection.attr(name);
+  require_collection(artifacts, name);
   std::vector<Text> paths;
-  for (nb::handle artifact : nb::iter(artifacts.is_none() ? nb::object(nb::tuple()) : nb::borrow(artifacts)))
-    paths.emplace_back(text_form(artifact.attr("relative_path")));
+  for (nb::handle artifact : nb::iter(artifacts)) paths.emplace_back(text_form(artifact.attr("relative_path")));
   return paths;
+}
+
+std::vector<Text> active_paths_of(nb::handle record, Reading reading = Reading::Once) {
+  const char* const name = "active_relative_paths";
+  const nb::object paths = record.attr(name);
+  require_collection(paths, name, reading);
+  return text_list_argument(paths, name);
 }
 
 /// One field of a dataclass: a name, a type and, where it has one, a default.
@@ -103,6 +111,13 @@ nb::object attribute_or_none(nb::handle object, const char* name) {
   return nb::none();
 }
 
+void require_collection(nb::handle given, const char* name, Reading reading) {
+  const bool is_text = PyUnicode_Check(given.ptr()) || PyBytes_Check(given.ptr());
+  const bool ends = reading == Reading::Again && PyIter_Check(given.ptr()) != 0;
+  if (!given.is_none() && !is_text && !ends && PyObject_HasAttrString(given.ptr(), "__iter__") != 0) return;
+  throw TypeError(std::string(name) + " must be a collection, not " + text_form(given.type().attr("__name__")));
+}
+
 std::vector<Text> text_list_argument(nb::handle iterable, const char* name) {
   const std::vector<std::string> texts = texts_argument(iterable, name);
   return {texts.begin(), texts.end()};
@@ -117,7 +132,7 @@ class HostRotationState : public RotationState, public HostObject {
  public:
   using HostObject::HostObject;
   std::vector<Text> active_relative_paths() const override {
-    return call_python([&] { return text_list_argument(object().attr("active_relative_paths"), "active_relative_paths"); });
+    return call_python([&] { return active_paths_of(object(), Reading::Again); });
   }
   Value generation() const override {
     return call_python([&] { return value_argument(object().attr("generation"), "generation"); });
@@ -152,7 +167,7 @@ class HostRotationState : public RotationState, public HostObject {
 
 RotationStateRef builtin_state_of(nb::handle record) {
   auto state = std::make_shared<BuiltinRotationState>();
-  state->active_paths = text_list_argument(record.attr("active_relative_paths"), "active_relative_paths");
+  state->active_paths = active_paths_of(record);
   state->generation_number = value_argument(record.attr("generation"), "generation");
   state->seed_number = value_argument(record.attr("seed"), "seed");
   state->generator = text_form(record.attr("rng_state"));
@@ -207,11 +222,11 @@ nb::object artifacts_to_python(const Artifacts& artifacts) {
 
 RotationSelection selection_argument(nb::handle given) {
   RotationSelection selection;
-  selection.active_relative_paths = text_list_argument(given.attr("active_relative_paths"), "active_relative_paths");
-  selection.mandatory_relative_paths = relative_paths_of(given.attr("mandatory_artifacts"));
+  selection.active_relative_paths = active_paths_of(given);
+  selection.mandatory_relative_paths = relative_paths_of(given, "mandatory_artifacts");
   TextSet active;
   active.insert(selection.active_relative_paths.begin(), selection.active_relative_paths.end());
-  for (Text& path : relative_paths_of(given.attr("eligible_artifacts"))) {
+  for (Text& path : relative_paths_of(given, "eligible_artifacts")) {
     if (!contains(active, path)) selection.skipped_relative_paths.push_back(std::move(path));
   }
   const nb::object mandatory_bytes = attribute_or_none(given, "mandatory_bytes");

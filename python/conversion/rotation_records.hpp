@@ -45,6 +45,12 @@ class HostRecord : public OwnRecord, public HostObject {
 /// Made with the classes and the sentinel of `module`, or with the built-in ones for an empty object.
 [[nodiscard]] nb::object rotation_settings_to_python(const ArtifactRotationSettings& settings, const nb::object& module);
 
+/// How often what a host's module returned is read: an iterator has nothing left for a second time.
+enum class Reading : bool { Once, Again };
+/// Throws TypeError for what is no collection although one is expected of a host's module: None and a text above all, which
+/// would read as no paths, or as wrong ones, and have the files of the right ones deleted.
+void require_collection(nb::handle given, const char* name, Reading reading = Reading::Once);
+
 /// The elements' text forms as shared texts.
 [[nodiscard]] std::vector<Text> text_list_argument(nb::handle iterable, const char* name);
 

@@ -12,7 +12,6 @@
 #include "sync/documents/signals_index.hpp"
 #include "sync/documents/vocabulary.hpp"
 #include "sync/engine/sync_manager.hpp"
-#include "sync/rotation/state_file.hpp"
 
 namespace brackenfen::sync {
 
@@ -40,7 +39,7 @@ SyncManager::SyncManager(Options options)
   runtime_freshness_guard.set(std::move(options.runtime_freshness_guard));
   _hash_cache.set_entries(HashCache::_load_hash_cache(_hash_cache.path()));
   restore_consumer_count();
-  _active_rotation_state.set(load_feature_rotation_state(*neighbours, _data_dir.get()));
+  load_active_rotation_state(*neighbours);
   restore_manifest(*neighbours);
   restore_vocabulary(*neighbours);
 }

@@ -54,7 +54,8 @@ SyncManager::Pass::Pass(SyncManager& manager)
 
 std::optional<SyncResult> SyncManager::Pass::run() {
   _remove_sync_progress_json(*manager_.seams_.files, data_dir_);
-  manager_.adopt_later_rotation(*neighbours_);
+  const StateChanges::PlanScope plan_scope(manager_.rotation_state_changes_);
+  manager_.adopt_stored_rotation(*neighbours_);
   if (auto result = end_on_version_hint(read_version_hint())) return result;
   note_stage("version hint");
   fetch_manifest();

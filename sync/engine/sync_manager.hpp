@@ -54,6 +54,7 @@
 #include "sync/rotation/planning.hpp"
 #include "sync/rotation/prefetched_features.hpp"
 #include "sync/rotation/search_consumers.hpp"
+#include "sync/rotation/state_changes.hpp"
 #include "sync/transport/http.hpp"
 #include "sync/transport/seams.hpp"
 #include "sync/transport/token_source.hpp"
@@ -304,7 +305,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   /// The last clean-up thread; null before the first.
   [[nodiscard]] std::shared_ptr<BackgroundThread> _cleanup_thread() const { return _old_era_cleanup._cleanup_thread(); }
 
-  // ---- the rotation of features: rotation/planning.cpp, rotation/promotion.cpp ------------------------
+  // ---- the rotation of features: rotation/planning.cpp, rotation/promotion.cpp, rotation/active_state.cpp
 
   struct RotationSettingsForManifest {
     LoadedRotationSettings settings;
@@ -330,8 +331,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
 
   RotationStateRef _promote_rotation_candidate(NeighbourSet& neighbours, const RotationStateRef& candidate_state,
                                                const std::vector<Text>& available_relative_paths);
-  /// The file first, so that a failed write leaves memory on the old state. A state that is active already is not written;
-  /// one that only lists other paths for the same rotation leaves the time of the file as it was.
+  /// A state that is active already is not written; one that only lists other paths for the same rotation leaves the time
+  /// of the file as it was. With it goes what was added since the running pass made its plan.
   void _write_promoted_rotation_state(NeighbourSet& neighbours, const RotationStateRef& promoted);
   /// Takes retired paths out of the active state, which it returns.
   RotationStateRef _normalize_active_rotation_state_for_manifest(NeighbourSet& neighbours, const Manifest& manifest);
@@ -343,8 +344,9 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
                                                 const std::shared_ptr<Manifest>& manifest);
   void _cleanup_inactive_rotation_artifacts(NeighbourSet& neighbours, const Manifest& manifest,
                                             const std::vector<Text>& active_relative_paths);
-  /// Adds to the active paths of the state on disk and returns all of them; empty where there is no state. Throws
-  /// FeatureRotationStateError and os_error.
+  /// Adds to the active paths of the state on disk and returns all of them; empty where there is no state. Waits for the
+  /// directory lock, unless the caller is part of the work that holds it: a pass that has its plan keeps what a callback
+  /// of its own adds. Throws FeatureRotationStateError and os_error.
   std::vector<Text> add_active_feature_paths(const std::vector<Text>& relative_paths);
 
   void register_rotation_search_consumer(SearchConsumerRef consumer) {
@@ -464,12 +466,23 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   /// The entry with the base URL, version and era of its manifest, by which a download notices a newer one.
   [[nodiscard]] static Document generation_stamped(const Document& file_info, const Manifest& manifest);
 
-  /// Takes the state on disk for the active one where it is of a later rotation: another process with this directory made
-  /// it, and its files are here. Under the directory lock.
-  void adopt_later_rotation(NeighbourSet& neighbours);
+  /// For the constructor. Throws FeatureRotationStateError.
+  void load_active_rotation_state(NeighbourSet& neighbours);
+  /// Takes the state on disk for the active one where another process with this directory has stored it since, for a later
+  /// rotation or for the same one: its files are here. Under the directory lock.
+  void adopt_stored_rotation(NeighbourSet& neighbours);
+  /// The file first, so that a failed write leaves memory on the old state; its time stays where `previous` is of the same
+  /// rotation. False, with nothing written, where there were other changes than `changes`.
+  [[nodiscard]] bool commit_rotation_state(NeighbourSet& neighbours, std::uint64_t changes, const RotationStateRef& previous,
+                                           const RotationStateRef& next, const std::vector<Text>& added = {});
+  /// The state with the paths that were added since the running pass made its plan.
+  [[nodiscard]] RotationStateRef with_added_paths(const RotationStateRef& state) const;
+  /// _write_promoted_rotation_state with these paths; what is active then.
+  RotationStateRef store_rotation_state(NeighbourSet& neighbours, const RotationStateRef& promoted);
 
   Guarded<Value> planned_seed_;  ///< kept until a state stores it, so that a pass which failed selects the same again
-  Guarded<std::optional<FileStat>> rotation_state_seen_;  ///< the state file as adopt_later_rotation last saw it
+  Guarded<std::optional<FileStat>> rotation_state_seen_;  ///< the state file as it was last read or written here
+  StateChanges rotation_state_changes_;
   HashCache _hash_cache;
   PrefetchedFeatures _prefetched_features;
   SearchConsumers _rotation_search_consumers;

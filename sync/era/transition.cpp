@@ -38,6 +38,7 @@ std::optional<Value> SyncManager::Transition::run() {
   if (kill_searches_fn_) kill_searches_fn_();
   check_library();
   fetch_manifest();
+  const StateChanges::PlanScope plan_scope(manager_.rotation_state_changes_);
   plan();
   if (stage_files(scope)) {
     stage_documents();
@@ -111,7 +112,7 @@ void SyncManager::Transition::fetch_manifest() {
 }
 
 void SyncManager::Transition::plan() {
-  manager_.adopt_later_rotation(*neighbours_);
+  manager_.adopt_stored_rotation(*neighbours_);
   const std::int64_t free_disk_bytes = manager_.seams_.files->free_bytes(data_dir_);
   rotation_ = manager_._plan_feature_rotation_for_manifest(*neighbours_, *new_manifest_, free_disk_bytes);
   const RotationSelection& selection = rotation_.plan.selection;

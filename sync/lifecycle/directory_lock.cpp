@@ -162,6 +162,11 @@ bool DirectoryLock::held_by_this_work() {
   return holds_ > 0 && ThreadWork::current().is_part_of(work_);
 }
 
+bool DirectoryLock::is_held_around_this_call() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return ThreadWork::current().is_part_of(work_);
+}
+
 void DirectoryLock::count_hold(int change) noexcept {
   const std::lock_guard<std::mutex> lock(mutex_);
   holds_ = std::max(holds_ + change, 0);  // a forked child started from 0

@@ -39,6 +39,8 @@ class DirectoryLock {
   void close_leftover();
   /// Whether the running thread is part of a unit of work that is under way: the thread of a Hold, or a worker of it.
   [[nodiscard]] bool held_by_this_work();
+  /// The same where a bare _acquire_flock() counts too: a unit of work inside this call would end the one around it.
+  [[nodiscard]] bool is_held_around_this_call();
   /// In the child of a fork, before anything else there touches the lock: closes the inherited descriptors,
   /// which leaves the parent's locks as they are, and makes the lock in the process free again. A Hold that
   /// the child inherited on its stack finds nothing left to release.

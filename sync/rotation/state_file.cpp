@@ -51,8 +51,7 @@ RotationStateRef load_feature_rotation_state(NeighbourSet& neighbours, std::stri
   }
 }
 
-std::string write_feature_rotation_state(NeighbourSet& neighbours, Files& files, Clock& clock, std::string_view data_dir,
-                                         const RotationStateRef& state) {
+std::string rotation_state_document(NeighbourSet& neighbours, const RotationStateRef& state) {
   const ArtifactRotation& rotation = neighbours.artifact_rotation();
   Value payload;
   try {
@@ -61,8 +60,13 @@ std::string write_feature_rotation_state(NeighbourSet& neighbours, Files& files,
     if (!error.is(rotation.rotation_state_payload_error_class())) throw;
     throw FeatureRotationStateError(error.text());
   }
+  return write_json(payload, JsonForm::Canonical);
+}
+
+std::string write_feature_rotation_state(NeighbourSet& neighbours, Files& files, Clock& clock, std::string_view data_dir,
+                                         const RotationStateRef& state) {
   std::string path = feature_rotation_state_path(data_dir);
-  _atomic_write(files, clock, path, write_json(payload, JsonForm::Canonical));
+  _atomic_write(files, clock, path, rotation_state_document(neighbours, state));
   return path;
 }
 

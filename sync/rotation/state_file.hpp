@@ -20,8 +20,9 @@ inline constexpr int FEATURE_ROTATION_STATE_VERSION = 1;
 [[nodiscard]] std::string feature_rotation_state_path(std::string_view data_dir);
 /// Null where there is no file. Throws FeatureRotationStateError for one that cannot be read or is none.
 [[nodiscard]] RotationStateRef load_feature_rotation_state(NeighbourSet& neighbours, std::string_view data_dir);
-/// Writes the file atomically, keys sorted, and returns its path. Throws FeatureRotationStateError for a state that has no
-/// such form, and os_error.
+/// What the file holds of a state: JSON, keys sorted. Throws FeatureRotationStateError for a state that has no such form.
+[[nodiscard]] std::string rotation_state_document(NeighbourSet& neighbours, const RotationStateRef& state);
+/// Writes the file atomically and returns its path. Throws FeatureRotationStateError, and os_error.
 std::string write_feature_rotation_state(NeighbourSet& neighbours, Files& files, Clock& clock, std::string_view data_dir,
                                          const RotationStateRef& state);
 

@@ -2,9 +2,12 @@
 
 import dataclasses
 import datetime
+import functools
 import json
 import os
 import pathlib
+import subprocess
+import sys
 import types
 from collections.abc import Callable
 from typing import Any
@@ -61,6 +64,34 @@ def test_a_rotation_reaches_the_running_search(manager: sync.SyncManager, server
     assert held(manager) == vocabulary["features"].keys() | {wanted}
     manager.unregister_rotation_search_consumer(search)
     assert [type(consumer) for consumer in manager._rotation_search_consumer_snapshot()] == [object]
+
+
+ADDER = """
+import sys, threading
+import brackenfen.sync as sync
+manager = sync.SyncManager(sys.argv[1], "http://127.0.0.1:1", str)
+def add(paths):
+    for path in paths: assert path in manager.add_active_feature_paths([path])
+threads = [threading.Thread(target=add, args=(sys.argv[first::4],)) for first in range(2, 6)]
+for thread in threads: thread.start()
+for thread in threads: thread.join()
+"""
+
+
+def test_no_addition_is_lost_between_threads_processes_and_passes(manager: sync.SyncManager, server: Any) -> None:
+    publish(server, 80)
+    pathlib.Path(manager._data_dir, "feature-rotation-settings.json").write_text('{"feature_budget_gb": 0}')
+    manager.sync()
+    features = [path for path in server.entries if path.startswith("features/")]
+    rotated_at = os.stat(sync.feature_rotation_state_path(manager._data_dir)).st_mtime_ns
+    adders = [subprocess.Popen([sys.executable, "-c", ADDER, manager._data_dir, *features[half::2]]) for half in range(2)]
+    while any(adder.poll() is None for adder in adders):
+        manager.sync()
+    assert [adder.wait() for adder in adders] == [0, 0]
+    manager.sync()
+    state = sync.load_feature_rotation_state(manager._data_dir)
+    assert state == manager._active_rotation_state and set(features) < set(state.active_relative_paths) and len(held(manager)) == 80
+    assert os.stat(sync.feature_rotation_state_path(manager._data_dir)).st_mtime_ns == rotated_at
 
 
 def test_records_of_the_built_in_rotation(manager: sync.SyncManager, server: Any) -> None:
@@ -320,6 +351,35 @@ def test_a_planner_of_the_host(manager: sync.SyncManager, server: Any, neighbour
     pathlib.Path(sync.feature_rotation_state_path(manager._data_dir)).write_text("{}")
     with pytest.raises(sync.FeatureRotationStateError, match="another version$"):
         sync.load_feature_rotation_state(manager._data_dir)
+
+
+def odd_plan(field: str, odd: object) -> HostPlan:
+    fields: dict[str, Any] = {"active_relative_paths": (), "selected_artifacts": (), "mandatory_artifacts": (), "eligible_artifacts": (), field: odd}
+    return HostPlan(HostSelection(**fields, mandatory_bytes=0, feature_budget_bytes=0, seed=5), HostState((), 2, 5, "g"))
+
+
+def test_a_collection_that_is_none_deletes_nothing(manager: sync.SyncManager, server: Any, neighbour: Callable[..., Any]) -> None:
+    publish(server)
+    manager.sync()
+    state_path = pathlib.Path(sync.feature_rotation_state_path(manager._data_dir))
+    state_path.unlink()
+    paths = ("active_relative_paths", "mandatory_artifacts", "eligible_artifacts")
+    rows: list[tuple[str, Callable[[Any], object], str]] = [
+        ("rotation_state_payload", lambda odd: odd, "rotation_state_payload"),
+        ("promote_rotation_candidate", lambda odd: HostState(odd, 2, 5, "g"), paths[0]),
+        ("promote_rotation_candidate", lambda _: HostState(iter(()), 2, 5, "g"), paths[0]),  # type: ignore[arg-type]
+        *(("plan_rotation", functools.partial(odd_plan, name), name) for name in paths),
+        ("rotation_cleanup_keep_paths", lambda odd: odd, "rotation_cleanup_keep_paths"),
+    ]
+    for operation, result, named in rows:
+        for odd in (None, "features/us/signal_is/f00.arrow", 5):
+            manager._active_rotation_state = None
+            host = HostRotation()
+            setattr(host, operation, lambda *_, made=result(odd), **__: made)
+            host.install(neighbour)
+            with pytest.raises(TypeError, match=f"^{named} must be a "):
+                manager.sync()
+            assert len(held(manager)) == 12 and state_path.exists() == (named == "rotation_cleanup_keep_paths")
 
 
 def test_settings_of_the_host(manager: sync.SyncManager, server: Any, neighbour: Callable[..., Any]) -> None:

@@ -9,6 +9,7 @@
 #include "sync/neighbours/rotation_settings.hpp"
 #include "sync/neighbours/rotation_state.hpp"
 #include "sync/rotation/state_file.hpp"
+#include "tests/support/calling_token.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
@@ -116,6 +117,42 @@ TEST_F(RotationTest, aBudgetSelectsForAWeekWhateverIsPublishedMeanwhile) {
   EXPECT_TRUE(equal_states(other_process->_active_rotation_state.get(), active));
   directory.write(FEATURE_ROTATION_STATE_FILENAME, "{");
   EXPECT_EQ(failure_of([&] { return manager->sync(); }), "") << "what is in memory goes on";
+}
+
+TEST_F(RotationTest, whatIsAddedDuringAPassOutlivesItsPlan) {
+  publish(1, data_set(20));
+  set_budget(5);
+  const auto token = std::make_shared<CallingToken>();
+  token_source = token;
+  const auto manager = open();
+  const auto other_process = open();
+  static_cast<void>(manager->sync());
+  const std::set<std::string> rotated_out = held();
+  const std::vector<Text> added(rotated_out.begin(), rotated_out.end());
+  set_rotated_at(0);
+  const auto search = std::make_shared<Search>();
+  search->look = [] {};
+  manager->register_rotation_search_consumer(search);
+  // Asked for with the version, with the manifest, and then by a download worker.
+  const auto add = [&] { static_cast<void>(manager->add_active_feature_paths(added)); };
+  token->call_once([&] { token->call_once([&] { token->call_once(add); }); });
+  static_cast<void>(manager->sync());
+  const RotationStateRef active = manager->_active_rotation_state.get();
+  EXPECT_EQ(active->generation(), Value(2));
+  EXPECT_THAT(active->active_relative_paths(), testing::IsSupersetOf(added)) << "also what was active all along";
+  EXPECT_THAT(held(), testing::IsSupersetOf(rotated_out));
+  ASSERT_THAT(search->told, SizeIs(1));
+  EXPECT_TRUE(equal_states(search->told[0], active));
+
+  const std::int64_t rotated_at = state_mtime();
+  std::vector<Text> others;
+  for (const PublishedFile& file : data_set(20)) others.emplace_back(file.path);
+  static_cast<void>(other_process->add_active_feature_paths(others));
+  const RotationStateRef all = other_process->_active_rotation_state.get();
+  EXPECT_EQ(all->generation(), Value(2)) << "what another process has promoted goes on";
+  EXPECT_EQ(state_mtime(), rotated_at);
+  static_cast<void>(manager->sync());
+  EXPECT_THAT(held(), SizeIs(20)) << "and what it has added";
 }
 
 TEST_F(RotationTest, aDataSetWithoutOptionalFeaturesNeedsNoState) {
