@@ -52,11 +52,11 @@ def workers(name: str) -> Callable[[Ground], Samples]:
         published = publish(ground, SETS[name])
         with servers.plain(ground, published.tree) as place:
             default = library(ground, published, place)[0]
-            counted = [
-                replace(default, name=workers_name(count), environment={**default.environment, "BRACKENFEN_SYNC_MAX_CONCURRENCY": str(count)})
-                for count in WORKERS
-            ]
-            return race([default, *counted], ground.rounds)
+            wanted = [default]
+            for count in WORKERS:
+                environment = {**default.environment, "BRACKENFEN_SYNC_MAX_CONCURRENCY": str(count)}
+                wanted.append(replace(default, name=workers_name(count), environment=environment))
+            return race(wanted, ground.rounds)
 
     return measure
 
@@ -91,7 +91,8 @@ def landing(ground: Ground, published: Published, contender: Contender, place: P
         target.mkdir()
 
     def look() -> None:
-        landed = [path.stat().st_size for folder in ("features", "named_universes") for path in (target / folder).rglob("*") if path.is_file()]
+        found = (path for folder in ("features", "named_universes") for path in (target / folder).rglob("*"))
+        landed = [path.stat().st_size for path in found if path.is_file()]
         if len(landed) < published.files - 1 or sum(landed) < 0.999 * published.bytes:
             raise SystemExit(f"{contender.name} landed {len(landed)} files of {published.files}, {sum(landed)} bytes of {published.bytes}")
         shutil.rmtree(target)
@@ -101,7 +102,8 @@ def landing(ground: Ground, published: Published, contender: Contender, place: P
 
 
 def limits(ground: Ground, published: Published, place: Place) -> list[Contender]:
-    command: list[Word] = [ground.program("fetch_limit"), published.sums, f"{place.url}/data/files/", ground.landing / "landed", str(AT_ONCE)]
+    program, target = ground.program("fetch_limit"), ground.landing / "landed"
+    command: list[Word] = [program, published.sums, f"{place.url}/data/files/", target, str(AT_ONCE)]
     return [
         landing(ground, published, Contender(LIMIT, command, trust(place)), place),
         landing(ground, published, Contender(LIMIT_KEPT, [*command, "keep"], trust(place)), place),

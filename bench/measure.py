@@ -105,15 +105,16 @@ def median(contender: str, figure: str = "seconds", less: str | None = None) -> 
     return value
 
 
-def ratio(contender: str, other: str, figure: str = "seconds", other_figure: str | None = None) -> Figure:
+def ratio(contender: str, other: str, figure: str = "seconds", other_figure: str | None = None, whole: bool = False) -> Figure:
     """The median over the rounds of one contender's figure divided by the other's.
 
-    Where an interpreter's start was measured too, whole processes of Python count without it.
+    Where an interpreter's start was measured too, processes of Python count without it unless they are to count `whole`.
     """
 
     def of_the_work(samples: Samples, name: str, wanted: str) -> list[float]:
         values: list[float] = samples.seen[name][wanted]
-        if INTERPRETER not in samples.seen or wanted not in ("seconds", "cpu_seconds") or not runs_in_python(name):
+        is_process = wanted in ("seconds", "cpu_seconds")
+        if whole or not is_process or not runs_in_python(name) or INTERPRETER not in samples.seen:
             return values
         return [value - start for value, start in zip(values, samples.seen[INTERPRETER][wanted], strict=True)]
 

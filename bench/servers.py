@@ -5,6 +5,7 @@ from __future__ import annotations
 
 import json
 import os
+import shutil
 import socket
 import subprocess
 import tempfile
@@ -64,7 +65,12 @@ def wait_until_answered(port: int, log: Path, address: str = "127.0.0.1", inside
 
 @contextmanager
 def nginx(
-    ground: Ground, tree: Path, certificate: Path | None = None, address: str = "127.0.0.1", at_server: Sequence[str] = (), at_client: Sequence[str] = ()
+    ground: Ground,
+    tree: Path,
+    certificate: Path | None = None,
+    address: str = "127.0.0.1",
+    at_server: Sequence[str] = (),
+    at_client: Sequence[str] = (),
 ) -> Iterator[str]:
     """Yields the URL of the tree, served with the configuration that the examples give, and TLS where there is a certificate."""
     port = free_port()
@@ -102,10 +108,12 @@ def encrypted(ground: Ground, tree: Path) -> Iterator[Place]:
 @contextmanager
 def delayed(ground: Ground, tree: Path) -> Iterator[Place]:
     """From one network namespace to another, half a round trip each way; with TLS, as plain HTTP stays on one machine."""
+    missing = [program for program in ("ip", "nsenter") if shutil.which(program) is None]
+    if missing:
+        raise NotPossibleHere(f"not installed: {', '.join(missing)}")
     with ExitStack() as stack:
-        link = subprocess.Popen(
-            [ground.program("delayed_link"), str(ROUND_TRIP_MS)], stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True
-        )
+        command: list[Word] = [ground.program("delayed_link"), str(ROUND_TRIP_MS)]
+        link = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         stack.callback(link.wait)
         assert link.stdin is not None and link.stdout is not None and link.stderr is not None
         stack.callback(link.stdin.close)
@@ -124,12 +132,12 @@ def delayed(ground: Ground, tree: Path) -> Iterator[Place]:
 def make_certificate(folder: Path) -> Path:
     """A certificate for the addresses of the benchmarks, with its key beside it."""
     certificate = folder / "server.pem"
-    subprocess.run(
-        ["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-noenc", "-days", "2", "-subj", "/CN=bench"]
-        + ["-addext", f"subjectAltName=IP:127.0.0.1,IP:{SERVER_ADDRESS}", "-keyout", certificate.with_suffix(".key"), "-out", certificate],
-        check=True,
-        stderr=subprocess.DEVNULL,
-    )
+    command: list[Word] = [
+        *("openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-noenc", "-days", "2"),
+        *("-subj", "/CN=bench", "-addext", f"subjectAltName=IP:127.0.0.1,IP:{SERVER_ADDRESS}"),
+        *("-keyout", certificate.with_suffix(".key"), "-out", certificate),
+    ]
+    subprocess.run(command, check=True, stderr=subprocess.DEVNULL)
     return certificate
 
 

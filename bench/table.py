@@ -147,7 +147,7 @@ TABLE = [
         "new processes over 100,000 files that all match",
         unchanged.new_process,
         [
-            Check("needs_sync over rsync -an, whole processes", lambda samples: samples.median(NEEDS_SYNC) / samples.median(RSYNC), 1),
+            Check("needs_sync over rsync -an, whole processes", ratio(NEEDS_SYNC, RSYNC, whole=True), 1),
             Check("resident memory with 100,000 files held", median(NEEDS_SYNC, "held_mib"), 90e6 / MIB, "MiB"),
         ],
         quick=True,

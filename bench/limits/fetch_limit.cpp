@@ -153,7 +153,7 @@ class Worker {
       left -= count;
     }
     ::close(file);
-    if (!keep_) connection_.close();
+    if (last_) connection_.close();
     if (digest() != wanted.digest) fail("checksum failure for " + wanted.path);
     if (rename(staging.c_str(), wanted.path.c_str()) != 0) fail("rename");
   }
@@ -176,6 +176,7 @@ class Worker {
     if (!text.starts_with("HTTP/1.1 200")) fail(std::string(text.substr(0, text.find('\r'))));
     const std::size_t length = text.find("Content-Length: ");
     if (length >= end) fail("no Content-Length");
+    last_ = text.substr(0, end).find("\r\nConnection: close") != text.npos;
     return std::strtoull(text.data() + length + 16, nullptr, 10);
   }
   void take(int file, const char* data, std::size_t size) {
@@ -196,6 +197,7 @@ class Worker {
 
   const Server& server_;
   const bool keep_;
+  bool last_ = false;  ///< the server closes the connection after this response
   Connection connection_;
   std::vector<char> block_;
   EVP_MD_CTX* const hash_ = EVP_MD_CTX_new();

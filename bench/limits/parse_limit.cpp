@@ -5,7 +5,7 @@
 #include <chrono>
 #include <cstdio>
 
-#if __has_include(<simdjson.h>)
+#ifdef BRACKENFEN_SIMDJSON
 #include <simdjson.h>
 
 int main(int count, char** arguments) {
