@@ -51,8 +51,6 @@ EventKey unpack(std::string_view packed) {
   return key;
 }
 
-alignas(EventCounts) unsigned char counts_storage[sizeof(EventCounts)];
-
 }  // namespace
 
 std::int64_t EventCounts::add(const EventKey& key) {
@@ -75,12 +73,8 @@ void EventCounts::clear() {
 }
 
 EventCounts& event_counts() {
-  static EventCounts* const instance = [] {
-    auto* made = new (counts_storage) EventCounts;
-    at_fork_child([] { new (counts_storage) EventCounts; });  // another thread may have been at it
-    return made;
-  }();
-  return *instance;
+  static EventCounts& instance = *new EventCounts;
+  return instance;
 }
 
 bool _sync_event_is_coalescible(const Document& event) {

@@ -3,6 +3,8 @@
 #include "sync/base/threads/work.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <future>
@@ -11,6 +13,7 @@
 #include "sync/base/threads/clock.hpp"
 #include "sync/base/threads/interrupt.hpp"
 #include "sync/base/threads/mutex.hpp"
+#include "sync/base/threads/snapshot.hpp"
 #include "tests/support/failures.hpp"
 #include "tests/support/fake_clock.hpp"
 
@@ -190,6 +193,26 @@ TEST(BackgroundThread, isNotJoinedByWhatItWaitsFor) NO_THREAD_SAFETY_ANALYSIS {
     mutex.unlock();
     thread->join(clock, 30.0);
   }
+}
+
+TEST(Fork, findsLeafLocksFreeAndWhatTheyGuardWhole) {
+  Snapshot<const std::string> shared;
+  std::atomic<bool> over{false};
+  const auto hammer = std::async(std::launch::async, [&] {
+    while (!over) shared.set(std::make_shared<const std::string>(100, 'x'));
+  });
+  while (!shared.get()) continue;
+  for (int fork = 0; fork < 200; ++fork) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      ::alarm(10);  // ends one that waits for ever
+      ::_exit(*shared.get() == std::string(100, 'x') ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  }
+  over = true;
 }
 
 }  // namespace

@@ -9,18 +9,13 @@ namespace brackenfen::sync {
 
 void Event::set() {
   const std::lock_guard lock(mutex_);
-  set_ = true;
+  set_.store(true, std::memory_order_release);
   changed_.notify_all();
 }
 
 void Event::clear() {
   const std::lock_guard lock(mutex_);
-  set_ = false;
-}
-
-bool Event::is_set() const {
-  const std::lock_guard lock(mutex_);
-  return set_;
+  set_.store(false, std::memory_order_release);
 }
 
 bool Event::wait(Clock& clock, double timeout_seconds) {
@@ -36,7 +31,7 @@ bool Event::wait_slice(double longest_seconds) {
   {
     const auto slice = std::min<std::chrono::duration<double>>(std::chrono::duration<double>(longest_seconds), INTERRUPT_SLICE);
     std::unique_lock lock(mutex_);
-    if (changed_.wait_for(lock, slice, [this] { return set_; })) return true;
+    if (changed_.wait_for(lock, slice, [this] { return is_set(); })) return true;
   }
   check_interrupt();
   return false;

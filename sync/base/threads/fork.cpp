@@ -4,9 +4,43 @@
 
 #include <atomic>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 namespace brackenfen::sync {
+
+/// All that live, newest first.
+class ForkSafeMutexes {
+ public:
+  void add(ForkSafeMutex& added) noexcept {
+    added.next_ = newest_;
+    if (newest_ != nullptr) newest_->previous_ = &added;
+    newest_ = &added;
+  }
+  void remove(ForkSafeMutex& removed) noexcept {
+    (removed.previous_ != nullptr ? removed.previous_->next_ : newest_) = removed.next_;
+    if (removed.next_ != nullptr) removed.next_->previous_ = removed.previous_;
+  }
+
+  /// Takes them all, or none where one is held.
+  [[nodiscard]] bool try_lock() noexcept {
+    for (ForkSafeMutex* each = newest_; each != nullptr; each = each->next_) {
+      if (each->mutex_.try_lock()) continue;
+      unlock_before(each);
+      return false;
+    }
+    return true;
+  }
+  void unlock() noexcept { unlock_before(nullptr); }
+
+ private:
+  void unlock_before(const ForkSafeMutex* end) noexcept {
+    for (ForkSafeMutex* each = newest_; each != end; each = each->next_) each->mutex_.unlock();
+  }
+
+  ForkSafeMutex* newest_ = nullptr;
+};
+
 namespace {
 
 /// Leaked. The parent holds `no_fork` across the fork, so the child finds everything under it whole.
@@ -14,15 +48,27 @@ struct Hooks {
   std::atomic<std::uint64_t> generation{0};
   std::mutex no_fork;
   std::vector<void (*)()> repairs;
+  ForkSafeMutexes mutexes;
 };
 
 Hooks& hooks();
 
-void before_fork() { hooks().no_fork.lock(); }
-void in_parent() { hooks().no_fork.unlock(); }
+/// Waits for none of the mutexes while it holds others: their holders may be about to make or to destroy one.
+void before_fork() {
+  Hooks& process = hooks();
+  for (process.no_fork.lock(); !process.mutexes.try_lock(); process.no_fork.lock()) {
+    process.no_fork.unlock();
+    std::this_thread::yield();
+  }
+}
+void in_parent() {
+  hooks().mutexes.unlock();
+  hooks().no_fork.unlock();
+}
 void in_child() {
   Hooks& forked = hooks();
   forked.generation.fetch_add(1, std::memory_order_relaxed);
+  forked.mutexes.unlock();
   for (void (*repair)() : forked.repairs) repair();
   forked.no_fork.unlock();
 }
@@ -49,5 +95,15 @@ void at_fork_child(void (*repair)()) {
 NoFork::NoFork() { hooks().no_fork.lock(); }
 
 NoFork::~NoFork() { hooks().no_fork.unlock(); }
+
+ForkSafeMutex::ForkSafeMutex() {
+  const NoFork changing;
+  hooks().mutexes.add(*this);
+}
+
+ForkSafeMutex::~ForkSafeMutex() {
+  const NoFork changing;
+  hooks().mutexes.remove(*this);
+}
 
 }  // namespace brackenfen::sync

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
 
 namespace brackenfen::sync {
 
@@ -21,6 +22,25 @@ class NoFork {
   NoFork(const NoFork&) = delete;
   NoFork& operator=(const NoFork&) = delete;
   ~NoFork();
+};
+
+/// A leaf lock that a fork waits for: in the child it is free, and what it guards is whole. Not for use with a condition
+/// variable, whose waiters the child would still count.
+class ForkSafeMutex {
+ public:
+  ForkSafeMutex();
+  ForkSafeMutex(const ForkSafeMutex&) = delete;
+  ForkSafeMutex& operator=(const ForkSafeMutex&) = delete;
+  ~ForkSafeMutex();
+
+  void lock() { mutex_.lock(); }
+  void unlock() { mutex_.unlock(); }
+
+ private:
+  friend class ForkSafeMutexes;
+  std::mutex mutex_;
+  ForkSafeMutex* previous_ = nullptr;
+  ForkSafeMutex* next_ = nullptr;
 };
 
 }  // namespace brackenfen::sync

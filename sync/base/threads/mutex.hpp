@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <mutex>
 
+#include "sync/base/threads/fork.hpp"
 #include "sync/base/threads/work.hpp"
 
 #if defined(__clang__)
@@ -25,14 +26,14 @@
 
 namespace brackenfen::sync {
 
-/// A leaf lock: held for a few instructions, nothing else is taken, logged or called under it.
+/// A leaf lock: held for a few instructions, nothing else is taken, logged or called under it. Forks wait for it.
 class CAPABILITY("mutex") Mutex {
  public:
   void lock() ACQUIRE() { mutex_.lock(); }
   void unlock() RELEASE() { mutex_.unlock(); }
 
  private:
-  std::mutex mutex_;
+  ForkSafeMutex mutex_;
 };
 
 class SCOPED_CAPABILITY MutexLock {
