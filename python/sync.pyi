@@ -583,12 +583,14 @@ class EraThread:
 
 # ---- back-off -----------------------------------------------------------------------------------------------
 
-def backoff_context(**fields: object) -> AbstractContextManager[object]:
-    """Make `fields` the running thread's back-off context for a `with` block. Those that are not given, or are None,
-    stay as in the block around it.
+def backoff_context(
+    *, data_dir: _Path | None = None, surface: str | None = None, stop_requested: Callable[[], object] | None = None
+) -> AbstractContextManager[object]:
+    """Make this the running thread's back-off context for a `with` block. What is not given, or is None, stays as in the
+    block around it. The block may end on another thread than it began on.
 
     data_dir: the directory whose sync-progress.json shows a wait. surface: the name of the waiting operation.
-    stop_requested: a callable; true ends the wait with SyncBackoffCancelled. Other fields are carried along.
+    stop_requested: a callable; true ends the wait with SyncBackoffCancelled.
     """
 
 def current_context() -> dict[str, Any]:

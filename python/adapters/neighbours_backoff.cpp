@@ -1,5 +1,9 @@
 #include "python/adapters/neighbours_backoff.hpp"
 
+#include <algorithm>
+#include <thread>
+#include <vector>
+
 #include "python/adapters/callables.hpp"
 #include "python/adapters/neighbours_lookup.hpp"
 #include "python/conversion/errors.hpp"
@@ -49,7 +53,7 @@ class HostSyncBackoff : public SyncBackoff {
 
   bool sleep(double wait_seconds, Clock& clock, const std::function<bool()>& stop_requested) override {
     return call_python([&] {
-      const nb::object system_sleep = nb::cpp_function([&clock](double seconds) {
+      const nb::object system_sleep = nb::cpp_function([&clock](double seconds) {  // the policy may keep it, as it may keep what follows
         const Released released;
         clock.sleep(seconds);
       });
@@ -120,11 +124,36 @@ std::shared_ptr<SyncBackoff> builtin_backoff() { return {std::shared_ptr<void>()
 
 // ---- the built-in provider in Python's terms -------------------------------------------------------------
 
-/// `with backoff_context(...)` around the built-in provider.
-struct ContextManager {
-  explicit ContextManager(nb::handle given) : fields(given) {}
-  PyRef fields;
-  std::vector<std::shared_ptr<void>> scopes;  // one for each time it was entered
+/// `with backoff_context(...)` around the built-in provider. Attached threads only.
+class ContextManager {
+ public:
+  explicit ContextManager(nb::handle given) : fields_(given) {}
+
+  nb::object enter() {
+    nb::dict fields = context_to_python(SyncBackoff::builtin().current_context());
+    fields.update(nb::borrow<nb::dict>(fields_.get()));
+    entered_.push_back({std::this_thread::get_id(), SyncBackoff::builtin().enter_context(context_from_python(fields))});
+    return nb::borrow(fields_.get());
+  }
+
+  /// What the running thread entered last; where it entered nothing, what any other did: a generator or a task may go on
+  /// elsewhere.
+  void leave() {
+    if (entered_.empty()) return;
+    const auto own =
+        std::find_if(entered_.rbegin(), entered_.rend(), [](const Entered& each) { return each.thread == std::this_thread::get_id(); });
+    const auto left = own == entered_.rend() ? entered_.end() - 1 : own.base() - 1;
+    const std::shared_ptr<void> scope = std::move(left->scope);  // its end may run code of the host, which may come back here
+    entered_.erase(left);
+  }
+
+ private:
+  struct Entered {
+    std::thread::id thread;
+    std::shared_ptr<void> scope;
+  };
+  PyRef fields_;
+  std::vector<Entered> entered_;
 };
 
 PyObject* builtin_namespace = nullptr;  // owned for ever
@@ -146,7 +175,17 @@ class Forwarding {
   static inline thread_local bool active_ = false;
 };
 
-nb::object backoff_context(nb::kwargs fields) {
+nb::object backoff_context(nb::handle data_dir, nb::handle surface, nb::handle stop_requested) {
+  nb::dict fields;
+  if (!data_dir.is_none()) {
+    static_cast<void>(path_argument(data_dir, "data_dir"));
+    fields["data_dir"] = data_dir;
+  }
+  if (!surface.is_none()) fields["surface"] = to_python(text_argument(surface, "surface"));
+  if (!stop_requested.is_none()) {
+    if (PyCallable_Check(stop_requested.ptr()) == 0) throw TypeError("stop_requested must be callable");
+    fields["stop_requested"] = stop_requested;
+  }
   if (const nb::object module = Forwarding::target(); module.is_valid()) {
     const Forwarding forwarding;
     return module.attr("backoff_context")(**fields);
@@ -218,12 +257,29 @@ nb::dict context_to_python(const BackoffContext& context) {
   return fields;
 }
 
+namespace {
+
+/// One field, or the empty text where the host gave what cannot be used: the others hold all the same.
+template <typename Convert>
+std::string usable_field(nb::handle fields, const char* name, Convert convert) {
+  try {
+    return call_python([&] {
+      const nb::object field = mapping_item(fields, name);
+      return truth(field) ? convert(field) : std::string();
+    });
+  } catch (const Error&) {
+    return {};
+  }
+}
+
+}  // namespace
+
 BackoffContext context_from_python(nb::handle mapping) {
   nb::dict fields;
   fields.update(mapping);
   BackoffContext context;
-  if (const nb::object data_dir = mapping_item(fields, "data_dir"); truth(data_dir)) context.data_dir = path_argument(data_dir, "data_dir");
-  if (const nb::object surface = mapping_item(fields, "surface"); truth(surface)) context.surface = text_form(surface);
+  context.data_dir = usable_field(fields, "data_dir", [](nb::handle field) { return path_argument(field, "data_dir"); });
+  context.surface = usable_field(fields, "surface", [](nb::handle field) { return text_form(field); });
   if (const nb::object stop = mapping_item(fields, "stop_requested"); PyCallable_Check(stop.ptr()) != 0)
     context.stop_requested = StopCallback{share(stop)};
   context.host_fields = std::make_shared<const PythonFields>(fields);
@@ -232,26 +288,19 @@ BackoffContext context_from_python(nb::handle mapping) {
 
 void bind_backoff(nb::module_& module) {
   nb::class_<ContextManager>(module, "_BackoffContext", "The context manager that backoff_context returns.")
-      .def("__enter__",
-           [](ContextManager& self) {
-             nb::dict fields = context_to_python(SyncBackoff::builtin().current_context());
-             fields.update(nb::borrow<nb::dict>(self.fields.get()));
-             self.scopes.push_back(SyncBackoff::builtin().enter_context(context_from_python(fields)));
-             return nb::borrow(self.fields.get());
-           })
+      .def("__enter__", &ContextManager::enter)
       .def(
-          "__exit__",
-          [](ContextManager& self, nb::handle, nb::handle, nb::handle) {
-            if (!self.scopes.empty()) self.scopes.pop_back();
-          },
-          nb::arg().none(), nb::arg().none(), nb::arg().none());
+          "__exit__", [](ContextManager& self, nb::handle, nb::handle, nb::handle) { self.leave(); }, nb::arg().none(), nb::arg().none(),
+          nb::arg().none());
 
-  module.def("backoff_context", backoff_context, nb::arg("fields"),
-             nb::sig("def backoff_context(**fields: object) -> contextlib.AbstractContextManager[dict[str, object]]"),
-             "Make `fields` the running thread's back-off context for a `with` block. Those that are not given, or are None,\n"
-             "stay as in the block around it.\n\n"
+  module.def("backoff_context", backoff_context, nb::kw_only(), nb::arg("data_dir") = nb::none(), nb::arg("surface") = nb::none(),
+             nb::arg("stop_requested") = nb::none(),
+             nb::sig("def backoff_context(*, data_dir: object = None, surface: object = None, stop_requested: object = None)"
+                     " -> contextlib.AbstractContextManager[dict[str, object]]"),
+             "Make this the running thread's back-off context for a `with` block. What is not given, or is None, stays as in the\n"
+             "block around it. The block may end on another thread than it began on.\n\n"
              "data_dir: the directory whose sync-progress.json shows a wait. surface: the name of the waiting operation.\n"
-             "stop_requested: a callable; true ends the wait with SyncBackoffCancelled. Other fields are carried along.");
+             "stop_requested: a callable; true ends the wait with SyncBackoffCancelled.");
   module.def("current_context", current_context, nb::sig("def current_context() -> dict[str, object]"),
              "A copy of the running thread's back-off context.");
 

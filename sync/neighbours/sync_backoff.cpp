@@ -5,7 +5,11 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <optional>
 #include <utility>
+#include <vector>
+
+#include "sync/base/threads/snapshot.hpp"
 
 namespace brackenfen::sync {
 namespace {
@@ -27,24 +31,60 @@ double random_fraction() {
   return static_cast<double>(bits >> 11U) * 0x1p-53;
 }
 
-/// A context in force, linked to the one it covers. Owned by whoever entered it.
+/// A context in force, until it is left: by any thread. Shared by whoever entered it and the thread it was entered on,
+/// which drops it when it next looks.
+class EnteredContext {
+ public:
+  explicit EnteredContext(BackoffContext context) : context_(std::move(context)) {}
+  /// Absent once it was left.
+  [[nodiscard]] std::optional<BackoffContext> get() const { return context_.get(); }
+  /// Drops what it holds of the host's here and now, since the thread it was entered on may never look again.
+  void leave() { context_.set(std::nullopt); }
+
+ private:
+  Guarded<std::optional<BackoffContext>> context_;
+};
+
+/// Those of the running thread, the innermost last.
+using EnteredContexts = std::vector<std::shared_ptr<const EnteredContext>>;
+
+// A plain pointer, so that a thread in its last steps can still ask. Freed as the thread ends.
+constinit thread_local EnteredContexts* entered_contexts = nullptr;
+
+EnteredContexts& entered_here() {
+  struct Owner {
+    EnteredContexts contexts;
+    Owner() { entered_contexts = &contexts; }
+    Owner(const Owner&) = delete;
+    Owner& operator=(const Owner&) = delete;
+    ~Owner() { entered_contexts = nullptr; }
+  };
+  static thread_local Owner owner;
+  return owner.contexts;
+}
+
+/// Leaves its context at its end.
 class ContextScope {
  public:
-  explicit ContextScope(BackoffContext context) : context_(over_current(std::move(context))), covered_(std::exchange(innermost, this)) {}
+  explicit ContextScope(BackoffContext context) : entered_(std::make_shared<EnteredContext>(over_current(std::move(context)))) {
+    entered_here().push_back(entered_);
+  }
   ContextScope(const ContextScope&) = delete;
   ContextScope& operator=(const ContextScope&) = delete;
   ~ContextScope() {
-    // Scopes that end out of order unlink themselves alone.
-    ContextScope** link = &innermost;
-    while (*link != nullptr && *link != this) link = &(*link)->covered_;
-    if (*link == this) *link = covered_;
+    entered_->leave();
+    if (entered_contexts != nullptr) std::erase(*entered_contexts, entered_);
   }
 
-  [[nodiscard]] static BackoffContext current() { return innermost != nullptr ? innermost->context_ : BackoffContext(); }
+  [[nodiscard]] static BackoffContext current() {
+    while (entered_contexts != nullptr && !entered_contexts->empty()) {
+      if (std::optional<BackoffContext> context = entered_contexts->back()->get()) return *std::move(context);
+      entered_contexts->pop_back();
+    }
+    return {};
+  }
 
  private:
-  static thread_local ContextScope* innermost;
-
   /// What an inner scope leaves open stays as it is outside: naming a surface must not end the host's power to stop.
   static BackoffContext over_current(BackoffContext context) {
     BackoffContext outer = current();
@@ -55,11 +95,8 @@ class ContextScope {
     return context;
   }
 
-  BackoffContext context_;
-  ContextScope* covered_;
+  const std::shared_ptr<EnteredContext> entered_;
 };
-
-constinit thread_local ContextScope* ContextScope::innermost = nullptr;
 
 class BuiltinSyncBackoff final : public SyncBackoff {
  public:

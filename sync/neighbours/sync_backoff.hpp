@@ -41,12 +41,13 @@ class SyncBackoff {
   /// attempt, capped at 30 s, with a jitter of +-20 % drawn per call.
   [[nodiscard]] virtual double delay_seconds(int attempt_index) = 0;
   /// Waits in slices of at most 50 ms, asking `stop_requested` between them. True when the wait ran to its
-  /// end, false when it was stopped. Throws Interrupted.
+  /// end, false when it was stopped. Throws Interrupted. A host's policy may keep both and use them later: `clock` lives
+  /// as long as the process, and `stop_requested` owns what it touches.
   [[nodiscard]] virtual bool sleep(double wait_seconds, Clock& clock, const std::function<bool()>& stop_requested) = 0;
 
   [[nodiscard]] virtual BackoffContext current_context() = 0;
-  /// Makes `context` the running thread's until the returned scope is destroyed, on the same thread. Built in, fields
-  /// that are empty are those of the enclosing scope.
+  /// Makes `context` the running thread's until the returned scope is destroyed: by any thread where it is built in, by
+  /// the same one where it is the host's. Built in, fields that are empty are those of the enclosing scope.
   [[nodiscard]] virtual std::shared_ptr<void> enter_context(BackoffContext context) = 0;
 
   /// The event "sync_backoff_wait" with `surface`, `attempt`, `wait_seconds`, `reason` and `file`.

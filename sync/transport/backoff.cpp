@@ -46,8 +46,9 @@ Document _emit_sync_backoff_wait(const Seams& seams, std::string_view default_su
 
 void _sleep_for_sync_backoff(const Seams& seams, float wait_seconds) {
   const std::shared_ptr<SyncBackoff> backoff = _sync_backoff_module(seams);
+  // A copy of the seams: what is handed to a host's policy may be called once the manager is gone.
   const bool completed =
-      backoff->sleep(static_cast<double>(wait_seconds), *seams.clock, [&] { return _sync_backoff_stop_requested(seams); });
+      backoff->sleep(static_cast<double>(wait_seconds), *seams.clock, [seams] { return _sync_backoff_stop_requested(seams); });
   if (!completed) throw backoff->cancelled_error();
 }
 

@@ -101,6 +101,7 @@ def backoff_module(**changes: Any) -> dict[str, Any]:
 
     class Policy:
         slept: list[tuple[float, bool]] = []
+        kept: list[Callable[[], bool]] = []
 
         def delay_seconds(self, attempt_index: int) -> float:
             return attempt_index + 0.5
@@ -108,6 +109,7 @@ def backoff_module(**changes: Any) -> dict[str, Any]:
         def sleep(self, wait_seconds: float, *, sleep: Any, stop_requested: Any) -> bool:
             sleep(0.0)
             self.slept.append((wait_seconds, stop_requested()))
+            self.kept += [stop_requested, lambda: sleep(0.0)]
             return not stop_requested()
 
     class Cancelled(Exception):
@@ -127,7 +129,7 @@ def test_backoff_of_the_host_at_every_use(neighbour: Install, monkeypatch: pytes
     assert sync._sync_backoff_module() is module and sync.SyncBackoffCancelled is module.SyncBackoffCancelled
     assert sync._backoff_delay_seconds(2) == 2.5
     stop = threading.Event()
-    with sync.backoff_context(data_dir=tmp_path, surface="mine", stop_requested=stop.is_set, more=1):
+    with module.backoff_context(data_dir=tmp_path, surface="mine", stop_requested=stop.is_set, more=1):
         context = sync.current_context()
         assert context == {"data_dir": tmp_path, "surface": "mine", "stop_requested": stop.is_set, "more": 1}
         assert sync._current_sync_backoff_context() == context and sync._sync_backoff_surface("d") == "mine"
@@ -139,6 +141,9 @@ def test_backoff_of_the_host_at_every_use(neighbour: Install, monkeypatch: pytes
         with pytest.raises(module.SyncBackoffCancelled):
             sync._sleep_for_sync_backoff(2.5)
     assert module.SyncBackoffPolicy.slept == [(1.5, False), (2.5, True)]
+    assert not any(called() for called in module.SyncBackoffPolicy.kept)  # the waits are over
+    module.current_context = lambda: {"data_dir": 5, "surface": types.SimpleNamespace(__str__=None), "stop_requested": stop.is_set}
+    assert sync._sync_backoff_stop_requested()  # whatever else of the context cannot be used
     monkeypatch.delitem(sys.modules, "brackenfen.sync_backoff")
     assert sync._sync_backoff_module() is builtin  # the one bound first
 
@@ -156,7 +161,7 @@ def test_builtin_backoff_context() -> None:
     calls: list[int] = []
     other: list[dict[str, Any]] = []
     broken = lambda: 1 / 0  # noqa: E731
-    with sync.backoff_context(surface="a", stop_requested=broken, host=[1]):
+    with sync.backoff_context(surface="a", stop_requested=broken):
         thread = threading.Thread(target=lambda: other.append(sync.current_context()))
         thread.start()
         thread.join()
@@ -166,14 +171,45 @@ def test_builtin_backoff_context() -> None:
             with pytest.raises(sync.SyncBackoffCancelled):
                 sync._sleep_for_sync_backoff(60)
             assert (sync.current_context()["surface"], sync._sync_backoff_surface("d")) == ("a", "a")  # as in the scope around it
-            with sync.backoff_context(surface="b", stop_requested=None, host=[2]), pytest.raises(sync.SyncBackoffCancelled):
-                assert (sync.current_context()["surface"], sync.current_context()["host"]) == ("b", [2])
+            with sync.backoff_context(surface="b", stop_requested=None), pytest.raises(sync.SyncBackoffCancelled):
+                assert sync.current_context()["surface"] == "b"
                 sync._sleep_for_sync_backoff(60)
-        assert sync.current_context()["stop_requested"] is broken and sync.current_context()["host"] == [1]
+        assert sync.current_context()["stop_requested"] is broken
     assert other == [{}] == [sync.current_context()] and len(calls) == 4
     with pytest.raises(KeyError), sync.backoff_context(surface="b"):
         raise KeyError
     assert sync._current_sync_backoff_context() == {}
+    for wrong in ({"host": 1}, {"data_dir": 1}, {"surface": 1}, {"stop_requested": 1}):
+        with pytest.raises(TypeError, match=next(iter(wrong))):
+            sync.backoff_context(**wrong)
+
+
+def test_a_context_ends_on_whichever_thread_leaves_it() -> None:
+    def elsewhere(action: Callable[[], object]) -> None:
+        thread = threading.Thread(target=action)
+        thread.start()
+        thread.join()
+
+    def surface() -> Any:
+        return sync.current_context().get("surface")
+
+    def entering(*surfaces: str) -> Iterator[None]:
+        for each in surfaces:
+            with sync.backoff_context(surface=each, stop_requested=lambda: 1 / 0):
+                yield
+
+    outer, inner = entering("outer", "second"), entering("inner")
+    next(outer), next(inner)
+    elsewhere(outer.close)
+    assert surface() == "inner"
+    elsewhere(inner.close)
+    assert surface() is None
+    shared = sync.backoff_context(surface="shared")
+    with shared:
+        elsewhere(lambda: shared.__enter__())
+        assert surface() == "shared"
+    assert surface() is None
+    shared.__exit__(None, None, None)  # what the other thread has left behind
 
 
 def test_events_in_the_log(records: pytest.LogCaptureFixture) -> None:
