@@ -16,7 +16,7 @@ void bind_http(nb::module_& module) {
         const std::string bearer = text_argument(token, "token");
         const std::int64_t start = integer_argument(range_start, "range_start");
         const std::int64_t end = integer_argument(range_end, "range_end");
-        return to_python(detached([&] { return _http_get(host_seams(), *host_neighbours().bind(), address, bearer, start, end); }));
+        return to_python(detached([&] { return _http_get(host_seams(), *host_neighbours().bind(), address, {bearer}, start, end); }));
       },
       any("url"), any("token"), nb::arg("range_start").none() = 0, nb::arg("range_end").none() = -1);
   module.def(
@@ -33,7 +33,7 @@ void bind_http(nb::module_& module) {
       [](nb::handle url, nb::handle token) {
         const std::string address = text_argument(url, "url");
         const std::string bearer = text_argument(token, "token");
-        return to_python(detached([&] { return _http_get_manifest_version(host_seams(), *host_neighbours().bind(), address, bearer); }));
+        return to_python(detached([&] { return _http_get_manifest_version(host_seams(), *host_neighbours().bind(), address, {bearer}); }));
       },
       any("url"), any("token"));
 

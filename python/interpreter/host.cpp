@@ -7,8 +7,11 @@
 
 #include "python/conversion/errors.hpp"
 #include "python/conversion/values.hpp"
+#include "sync/base/environment.hpp"
+#include "sync/base/files/sha256.hpp"
 #include "sync/base/log.hpp"
 #include "sync/base/threads/fork.hpp"
+#include "sync/transport/http_client.hpp"
 
 namespace brackenfen::sync::python {
 namespace {
@@ -173,6 +176,14 @@ void install_host() {
   the_sink = new LoggingSink(nb::module_::import_("logging").attr("getLogger")(LOGGER_NAME));
   gate::set_before_release([] { the_sink->refresh(); });
   set_log_sink(the_sink);
+  // Python changes the environment under its own lock.
+  set_environment_guard([](const std::function<void()>& reading) {
+    const Attached guard;
+    reading();
+  });
+  // Read by the libraries below once, and here under that lock.
+  HttpClient::set_up_real();
+  static_cast<void>(_sha256(""));
 
   main_thread = static_cast<pthread_t>(PyLong_AsUnsignedLong(nb::module_::import_("threading").attr("main_thread")().attr("ident").ptr()));
   at_fork_child([] { main_thread = pthread_self(); });

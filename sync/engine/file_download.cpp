@@ -33,9 +33,11 @@ class FileDownload {
  private:
   /// False where an attempt must be followed by another.
   [[nodiscard]] bool attempt();
+  /// What an attempt goes by, in one visit to the host.
+  void read_settings();
   void open_staging();
   void transfer();
-  void transfer_chunks(std::int64_t chunk_bytes);
+  void transfer_chunks();
   void resume_to_end();
   void fetch_whole();
   [[nodiscard]] HttpResult request(std::int64_t range_start, std::int64_t range_end);
@@ -75,12 +77,13 @@ class FileDownload {
   const std::string url_;
   const bool is_public_;
   const std::string local_path_;
-  const std::int64_t max_unchanged_checksum_repairs_;
 
   int attempt_ = 0;         ///< counts retries of every kind
   bool was_reset_ = false;  ///< after a 416
   bool exhausted_ = false;  ///< no repair is left: what is thrown is final
-  float wait_seconds_ = 0;
+  double wait_seconds_ = 0;
+  std::int64_t chunk_bytes_ = 0;
+  std::optional<std::int64_t> max_unchanged_checksum_repairs_;  ///< as the first attempt found it
   StagingFile staging_;
 };
 
@@ -108,7 +111,6 @@ FileDownload::FileDownload(SyncManager& manager, NeighbourSet& neighbours, const
       is_public_(_manifest_base_url_uses_public_download(server_url_, base_url_)),
       local_path_(
           _manifest_local_path(options.target_data_dir.value_or("").empty() ? live_data_dir_ : *options.target_data_dir, Value(file_path))),
-      max_unchanged_checksum_repairs_(_sync_max_unchanged_checksum_repairs(*seams_.environment)),
       staging_(local_path_ + ".tmp", *seams_.clock) {
   if (const std::string parent = directory_of(local_path_); !parent.empty()) make_directories(parent);
 }
@@ -118,7 +120,7 @@ void FileDownload::run() {
 }
 
 bool FileDownload::attempt() {
-  wait_seconds_ = static_cast<float>(_backoff_delay_seconds(seams_, attempt_));
+  read_settings();
   open_staging();
   std::string_view wait_reason;
   try {
@@ -130,13 +132,24 @@ bool FileDownload::attempt() {
   }
   if (!wait_reason.empty()) {
     announce_wait(wait_reason);
-    _sleep_for_sync_backoff(seams_, wait_seconds_);
+    _sleep_for_sync_backoff(seams_, static_cast<float>(wait_seconds_));
     return false;
   }
   const std::string actual_sha = staging_.hex_digest();
   if (!checksum_fits(actual_sha)) return false;
   land(actual_sha);
   return true;
+}
+
+void FileDownload::read_settings() {
+  constexpr const char* VARIABLES[] = {"BRACKENFEN_SYNC_HTTP_CHUNK_BYTES", "BRACKENFEN_SYNC_MAX_UNCHANGED_CHECKSUM_REPAIRS"};
+  std::optional<EnvironmentCopy> variables;
+  seams_.environment->together([&] {
+    wait_seconds_ = _backoff_delay_seconds(seams_, attempt_);
+    variables.emplace(*seams_.environment, VARIABLES);
+  });
+  chunk_bytes_ = _sync_http_chunk_bytes(*variables);
+  if (!max_unchanged_checksum_repairs_) max_unchanged_checksum_repairs_ = _sync_max_unchanged_checksum_repairs(*variables);
 }
 
 void FileDownload::open_staging() {
@@ -146,9 +159,8 @@ void FileDownload::open_staging() {
 }
 
 void FileDownload::transfer() {
-  const std::int64_t chunk_bytes = _sync_http_chunk_bytes(*seams_.environment);
-  if (expected_size_ > chunk_bytes) {
-    transfer_chunks(chunk_bytes);
+  if (expected_size_ > chunk_bytes_) {
+    transfer_chunks();
   } else if (staging_.size_bytes() > 0) {
     resume_to_end();
   } else {
@@ -156,10 +168,10 @@ void FileDownload::transfer() {
   }
 }
 
-void FileDownload::transfer_chunks(std::int64_t chunk_bytes) {
+void FileDownload::transfer_chunks() {
   while (staging_.size_bytes() < expected_size_) {
     const std::int64_t start = staging_.size_bytes();
-    const std::int64_t size = std::min(expected_size_ - start, chunk_bytes);
+    const std::int64_t size = std::min(expected_size_ - start, chunk_bytes_);
     const std::int64_t end = start + size - 1;
     staging_.expect(static_cast<std::uint64_t>(size) + BODY_SLACK_BYTES, start == 0 ? std::optional(whole_limit()) : std::nullopt);
     const HttpResult response = request(start, end);
@@ -243,7 +255,7 @@ bool FileDownload::checksum_fits(const std::string& actual_sha) {
   log_event("checksum_repair", "sha256_mismatch", Document{{"expected_sha", expected_sha_}, {"actual_sha", actual_sha}});
   announce_wait("sha256_mismatch");
   staging_.clear();
-  _sleep_for_sync_backoff(seams_, wait_seconds_);
+  _sleep_for_sync_backoff(seams_, static_cast<float>(wait_seconds_));
   return false;
 }
 
@@ -280,8 +292,8 @@ void FileDownload::land(const std::string& actual_sha) {
 }
 
 void FileDownload::announce_wait(std::string_view reason) {
-  if (options_.retry_status_callback) options_.retry_status_callback(static_cast<double>(wait_seconds_));
-  _emit_sync_backoff_wait(seams_, options_.backoff_surface, attempt_, reason, file_path_, wait_seconds_);
+  if (options_.retry_status_callback) options_.retry_status_callback(wait_seconds_);
+  _emit_sync_backoff_wait(seams_, options_.backoff_surface, attempt_, reason, file_path_, static_cast<float>(wait_seconds_));
 }
 
 void FileDownload::log_event(std::string_view event_type, std::string_view reason, const Document& fields) const {

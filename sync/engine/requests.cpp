@@ -4,15 +4,15 @@
 
 namespace brackenfen::sync {
 
-std::string SyncManager::bearer_token() const {
+RequestStart SyncManager::start_request() const {
   const std::shared_ptr<TokenSource> source = _get_token.get();
   if (!source) throw TypeError("get_token must be callable, got nothing");  // a later get_or_create may put nothing there
-  return source->token();
+  return sync::start_request(*seams_.environment, *source);
 }
 
 HttpResult SyncManager::_http_get(NeighbourSet& neighbours, const std::string& url, std::int64_t range_start, std::int64_t range_end,
                                   ResponseSink* sink) {
-  return sync::_http_get(seams_, neighbours, url, bearer_token(), range_start, range_end, sink);
+  return sync::_http_get(seams_, neighbours, url, start_request(), range_start, range_end, sink);
 }
 
 HttpResult SyncManager::_http_get_public(NeighbourSet& neighbours, const std::string& url, std::int64_t range_start, std::int64_t range_end,

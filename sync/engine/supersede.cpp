@@ -12,8 +12,8 @@ std::optional<HttpResult> SyncManager::_manifest_version_probe_once(NeighbourSet
   neighbours.transport_security().validate_bearer_transport_url(url);
   // Past the retry loop on purpose: a check made from inside a failing download must not wait through a
   // second back-off.
-  const HttpRequest request = authenticated_request(url, bearer_token());
-  const auto timeout_seconds = static_cast<float>(_sync_manifest_version_http_timeout_seconds(*seams_.environment));
+  const HttpRequest request = authenticated_request(url, start_request());
+  const auto timeout_seconds = static_cast<float>(_sync_manifest_version_http_timeout_seconds(*request.environment));
   try {
     const std::unique_ptr<HttpResponse> response = _open_request(seams_, neighbours, request, timeout_seconds);
     const bool is_error = response->status() >= 400;

@@ -444,8 +444,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   /// True where the file has a part in _vocabulary.
   bool repair_file(NeighbourSet& neighbours, const Manifest& manifest, const std::string& file_path, SyncResult& result);
 
-  /// A fresh token. Throws TypeError where there is no source, and what the source throws.
-  [[nodiscard]] std::string bearer_token() const;
+  /// With a fresh token. Throws TypeError where there is no source, and what the source throws.
+  [[nodiscard]] RequestStart start_request() const;
 
   /// _local_file_matches_manifest for a caller with the stat in hand; `local_path` is asked for only where the file must
   /// be read.

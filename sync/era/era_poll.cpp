@@ -10,9 +10,9 @@ namespace brackenfen::sync {
 
 void EraThread::_poll_once() {
   try {
-    const std::string token = options_.get_token->token();
+    const RequestStart start = start_request(*options_.seams.environment, *options_.get_token);
     const std::shared_ptr<NeighbourSet> neighbours = options_.seams.neighbours->bind();
-    const HttpResult response = _http_get(options_.seams, *neighbours, _server_url.get() + std::string(ERA_CURRENT_PATH), token);
+    const HttpResult response = _http_get(options_.seams, *neighbours, _server_url.get() + std::string(ERA_CURRENT_PATH), start);
     if (response.status != 200) return;
     follow(*neighbours, read_era_report(parse_era_current(response.body)));
   } catch (const Error& error) {

@@ -1,6 +1,7 @@
 #include "sync/transport/curl_handles.hpp"
 
 #include <openssl/crypto.h>
+#include <resolv.h>
 
 #include <array>
 #include <atomic>
@@ -20,13 +21,16 @@ constexpr std::size_t MAX_IDLE_HANDLES = 16;
 
 [[noreturn]] void out_of_memory() { throw Error(error_class::MemoryError, "the HTTP library could not be set up"); }
 
-void initialise_library() {
+CURLcode initialise_library() {
   static const CURLcode outcome = [] {
     // A thread that is lost at exit may still be in a transfer, so the TLS library must not be torn down.
     OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+    // The resolver reads its variables where its configuration is read, which the threads of look-ups then share.
+    struct __res_state resolver = {};
+    if (res_ninit(&resolver) == 0) res_nclose(&resolver);
     return curl_global_init(CURL_GLOBAL_DEFAULT);
   }();
-  if (outcome != CURLE_OK) out_of_memory();
+  return outcome;
 }
 
 }  // namespace
@@ -75,7 +79,7 @@ void unlock_share(CURL*, curl_lock_data data, void* process) {
 
 detail::CurlProcess& process_in_force() {
   if (detail::CurlProcess* const made = current_process.load(std::memory_order_acquire)) return *made;
-  initialise_library();
+  if (initialise_library() != CURLE_OK) out_of_memory();
   static const bool hooked = (at_fork_child([] { current_process.store(nullptr, std::memory_order_release); }), true);
   static_cast<void>(hooked);
   auto* const mine = new detail::CurlProcess;
@@ -95,6 +99,8 @@ detail::CurlProcess::CurlProcess() : share(curl_share_init()) {
   curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
   curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
 }
+
+void set_up_curl() noexcept { static_cast<void>(initialise_library()); }
 
 CurlLease::CurlLease() : process_(process_in_force()), easy_(curl_easy_init()), multi_(process_.take_idle()) {
   if (multi_ == nullptr) multi_ = curl_multi_init();

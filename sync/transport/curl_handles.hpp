@@ -9,6 +9,9 @@ namespace detail {
 struct CurlProcess;
 }
 
+/// What happens once in a process, where it has not yet: see HttpClient::set_up_real.
+void set_up_curl() noexcept;
+
 /// An easy handle of its own and a multi handle that drives it, for one transfer on one thread. The multi
 /// handle goes back to the process when the lease ends: it keeps the parsed certificate store, and reading
 /// that anew costs more than a handshake. No connection is ever kept.

@@ -10,12 +10,11 @@
 #include "sync/base/environment.hpp"
 #include "sync/base/error.hpp"
 #include "sync/base/text/text.hpp"
-#include "sync/base/text/url.hpp"
 #include "sync/base/threads/interrupt.hpp"
-#include "sync/neighbours/transport_security.hpp"
 #include "sync/transport/curl_errors.hpp"
 #include "sync/transport/header_rules.hpp"
 #include "sync/transport/redirects.hpp"
+#include "sync/transport/request_environment.hpp"
 #include "sync/transport/settings.hpp"
 
 namespace brackenfen::sync {
@@ -55,29 +54,13 @@ CURLcode accept_abrupt_close(CURL*, void* context, void*) {
 
 /// Where the certificate authorities of this machine lie: looked up at run time, since the place is the
 /// system's affair and not that of the machine this was built on.
-std::string certificate_file() {
-  if (auto given = Environment::real().get("SSL_CERT_FILE"); given && !given->empty()) return *given;
+std::string certificate_file(Environment& environment) {
+  if (auto given = environment.get("SSL_CERT_FILE"); given && !given->empty()) return *given;
   for (const char* known : {"/etc/ssl/certs/ca-certificates.crt", "/etc/pki/tls/certs/ca-bundle.crt", "/etc/ssl/ca-bundle.pem",
                             "/etc/pki/ca-trust/extracted/pem/tls-ca-bundle.pem", "/etc/ssl/cert.pem"}) {
     if (::access(known, R_OK) == 0) return known;
   }
   return {};
-}
-
-/// Whether the proxy that curl takes for plain http, if any, stands on another machine; true also where that
-/// cannot be told.
-bool plain_proxy_is_elsewhere() {
-  for (const char* name : {"http_proxy", "all_proxy", "ALL_PROXY"}) {
-    const std::string proxy = Environment::real().get(name).value_or("");
-    if (proxy.empty()) continue;
-    try {
-      return !names_this_machine(split_url(proxy.find("://") == std::string::npos ? "//" + proxy : proxy).host());
-    } catch (const Error& error) {
-      if (error.is(error_class::ValueError)) return true;
-      throw;
-    }
-  }
-  return false;
 }
 
 }  // namespace
@@ -97,15 +80,16 @@ int Deadline::slice_milliseconds() const {
 
 // --- setting up ---------------------------------------------------------------------------------------------
 
-CurlTransfer::CurlTransfer(const RequestRoute& route, double timeout_seconds) : timeout_seconds_(timeout_seconds) {
-  set_request(route);
-  if (route.is_encrypted()) set_certificates();
+CurlTransfer::CurlTransfer(const RequestRoute& route, Environment& environment, double timeout_seconds)
+    : timeout_seconds_(timeout_seconds) {
+  set_request(route, environment);
+  if (route.is_encrypted()) set_certificates(environment);
   if (curl_multi_add_handle(handles_.multi(), handles_.easy()) != CURLM_OK) throw network_error(CURLE_OUT_OF_MEMORY, 0, {});
 }
 
 CurlTransfer::~CurlTransfer() { curl_multi_remove_handle(handles_.multi(), handles_.easy()); }
 
-void CurlTransfer::set_request(const RequestRoute& route) {
+void CurlTransfer::set_request(const RequestRoute& route, Environment& environment) {
   CURL* const easy = handles_.easy();
   set_option(easy, CURLOPT_ERRORBUFFER, error_text_.data());
   set_option(easy, CURLOPT_NOSIGNAL, 1L);
@@ -117,16 +101,16 @@ void CurlTransfer::set_request(const RequestRoute& route) {
   set_option(easy, CURLOPT_FRESH_CONNECT, 1L);
   set_option(easy, CURLOPT_FORBID_REUSE, 1L);
   set_option(easy, CURLOPT_OPENSOCKETFUNCTION, &open_socket);
-  const std::int64_t read_bytes = _sync_http_response_read_bytes(Environment::real());
+  const std::int64_t read_bytes = _sync_http_response_read_bytes(environment);
   set_option(easy, CURLOPT_BUFFERSIZE, static_cast<long>(std::clamp(read_bytes, SMALLEST_READ_BYTES, LARGEST_READ_BYTES)));
   // The deadlines are kept here; curl's own would end a longer connection attempt at 300 s.
   set_option(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(INT32_MAX));
   // A name look-up cannot be called off: its thread is left behind rather than waited for.
   set_option(easy, CURLOPT_QUICK_EXIT, 1L);
-  // The token may go in clear to this machine, so not by way of another one.
-  if (!route.is_encrypted() && names_this_machine(split_url(route.url()).host()) && plain_proxy_is_elsewhere()) {
-    set_option(easy, CURLOPT_PROXY, "");
-  }
+  // Set even where they are empty: what is not set, curl reads from the environment itself.
+  const ProxyChoice way = proxy_for(environment, route.url(), route.is_encrypted());
+  set_option(easy, CURLOPT_PROXY, way.proxy.c_str());
+  set_option(easy, CURLOPT_NOPROXY, way.exempt_hosts.c_str());
   // A proxy sees what is meant for it alone.
   set_option(easy, CURLOPT_HEADEROPT, static_cast<long>(CURLHEADER_SEPARATE));
   set_option(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
@@ -154,15 +138,15 @@ void CurlTransfer::set_request(const RequestRoute& route) {
   set_option(easy, CURLOPT_PREREQDATA, this);
 }
 
-void CurlTransfer::set_certificates() {
+void CurlTransfer::set_certificates(Environment& environment) {
   CURL* const easy = handles_.easy();
   set_option(easy, CURLOPT_SSL_VERIFYPEER, 1L);
   set_option(easy, CURLOPT_SSL_VERIFYHOST, 2L);
   set_option(easy, CURLOPT_SSL_CTX_FUNCTION, &accept_abrupt_close);
   set_option(easy, CURLOPT_CA_CACHE_TIMEOUT, CERTIFICATE_STORE_SECONDS);
-  if (const std::string file = certificate_file(); !file.empty()) set_option(easy, CURLOPT_CAINFO, file.c_str());
+  if (const std::string file = certificate_file(environment); !file.empty()) set_option(easy, CURLOPT_CAINFO, file.c_str());
   // Without a directory the parsed store can be kept from one transfer to the next.
-  const std::optional<std::string> directory = Environment::real().get("SSL_CERT_DIR");
+  const std::optional<std::string> directory = environment.get("SSL_CERT_DIR");
   set_option(easy, CURLOPT_CAPATH, directory && !directory->empty() ? directory->c_str() : nullptr);
 }
 

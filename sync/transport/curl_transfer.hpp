@@ -37,7 +37,7 @@ class Deadline {
 /// (one receive buffer at most), and everything else waits in the socket.
 class CurlTransfer final : public HttpResponse {
  public:
-  CurlTransfer(const RequestRoute& route, double timeout_seconds);
+  CurlTransfer(const RequestRoute& route, Environment& environment, double timeout_seconds);
   CurlTransfer(const CurlTransfer&) = delete;
   CurlTransfer& operator=(const CurlTransfer&) = delete;
   ~CurlTransfer() override;
@@ -55,8 +55,8 @@ class CurlTransfer final : public HttpResponse {
     void operator()(curl_slist* list) const noexcept { curl_slist_free_all(list); }
   };
 
-  void set_request(const RequestRoute& route);
-  void set_certificates();
+  void set_request(const RequestRoute& route, Environment& environment);
+  void set_certificates(Environment& environment);
   /// Lets curl work once.
   void step();
   void wait_for_network(const Deadline& deadline);

@@ -12,6 +12,7 @@
 #include "sync/base/values/json.hpp"
 #include "sync/base/version.hpp"
 #include "sync/transport/header_rules.hpp"
+#include "sync/transport/request_environment.hpp"
 #include "sync/transport/retry.hpp"
 #include "sync/transport/settings.hpp"
 
@@ -39,6 +40,13 @@ void add_range(HttpRequest& request, std::int64_t range_start, std::int64_t rang
   request.headers.emplace_back("Range", std::move(range));
 }
 
+HttpResult send(const Seams& seams, NeighbourSet& neighbours, HttpRequest request, double (*timeout_seconds)(Environment&),
+                ResponseSink* sink) {
+  if (!request.environment) request.environment = request_environment(*seams.environment);
+  const float timeout = in_single_precision(timeout_seconds(*request.environment));
+  return _request_with_sync_retries(seams, neighbours, std::move(request), timeout, sink);
+}
+
 class TextSink final : public BodySink {
  public:
   void accept(std::string_view bytes) override { text.append(bytes); }
@@ -47,13 +55,22 @@ class TextSink final : public BodySink {
 
 }  // namespace
 
-HttpResult _http_get(const Seams& seams, NeighbourSet& neighbours, const std::string& url, const std::string& token,
+RequestStart start_request(Environment& environment, TokenSource& source) {
+  RequestStart start;
+  environment.together([&] {
+    start.token = source.token();
+    start.environment = request_environment(environment);
+  });
+  return start;
+}
+
+HttpResult _http_get(const Seams& seams, NeighbourSet& neighbours, const std::string& url, const RequestStart& start,
                      std::int64_t range_start, std::int64_t range_end, ResponseSink* sink) {
-  if (range_start == 0 && range_end < 0 && _is_manifest_version_url(url)) return _http_get_manifest_version(seams, neighbours, url, token);
+  if (range_start == 0 && range_end < 0 && _is_manifest_version_url(url)) return _http_get_manifest_version(seams, neighbours, url, start);
   neighbours.transport_security().validate_bearer_transport_url(url);
-  HttpRequest request = authenticated_request(url, token);
+  HttpRequest request = authenticated_request(url, start);
   add_range(request, range_start, range_end);
-  return _request_with_sync_retries(seams, neighbours, request, in_single_precision(_sync_http_timeout_seconds(*seams.environment)), sink);
+  return send(seams, neighbours, std::move(request), _sync_http_timeout_seconds, sink);
 }
 
 HttpResult _http_get_public(const Seams& seams, NeighbourSet& neighbours, const std::string& url, std::int64_t range_start,
@@ -61,22 +78,22 @@ HttpResult _http_get_public(const Seams& seams, NeighbourSet& neighbours, const 
   neighbours.transport_security().validate_bearer_transport_url(url);
   HttpRequest request = public_request(url);
   add_range(request, range_start, range_end);
-  return _request_with_sync_retries(seams, neighbours, request, in_single_precision(_sync_http_timeout_seconds(*seams.environment)), sink);
+  return send(seams, neighbours, std::move(request), _sync_http_timeout_seconds, sink);
 }
 
-HttpResult _http_get_manifest_version(const Seams& seams, NeighbourSet& neighbours, const std::string& url, const std::string& token) {
+HttpResult _http_get_manifest_version(const Seams& seams, NeighbourSet& neighbours, const std::string& url, const RequestStart& start) {
   neighbours.transport_security().validate_bearer_transport_url(url);
-  const HttpRequest request = authenticated_request(url, token);
-  return _request_with_sync_retries(seams, neighbours, request,
-                                    in_single_precision(_sync_manifest_version_http_timeout_seconds(*seams.environment)));
+  return send(seams, neighbours, authenticated_request(url, start), _sync_manifest_version_http_timeout_seconds, nullptr);
 }
 
 bool _is_manifest_version_url(std::string_view url) { return rstrip_char(url, '/').ends_with("/data/manifest/version"); }
 
-HttpRequest authenticated_request(const std::string& url, const std::string& token) {
+HttpRequest authenticated_request(const std::string& url, const RequestStart& start) {
+  const std::string& token = start.token;
   if (!header_value_bytes(token) || token.find(' ') != std::string::npos) throw ValueError("the token holds a character that HTTP forbids");
   HttpRequest request = public_request(url);
   request.headers.emplace(request.headers.begin(), "Authorization", "Bearer " + token);
+  request.environment = start.environment;
   return request;
 }
 

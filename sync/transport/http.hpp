@@ -9,6 +9,7 @@
 #include "sync/base/values/value.hpp"
 #include "sync/transport/http_client.hpp"
 #include "sync/transport/seams.hpp"
+#include "sync/transport/token_source.hpp"
 
 namespace brackenfen::sync {
 
@@ -37,23 +38,31 @@ class ResponseSink : public BodySink {
   virtual void roll_back() = 0;
 };
 
+/// What a request begins with. Where the environment is absent, the request reads it when it needs it.
+struct RequestStart {
+  std::string token;
+  std::shared_ptr<Environment> environment = nullptr;
+};
+/// A token and the environment, in one visit to the host. Throws what the source throws.
+[[nodiscard]] RequestStart start_request(Environment& environment, TokenSource& source);
+
 /// GET with the bearer token. `range_end` below 0 means open-ended; a range with its end below its start
 /// degrades to the open-ended form. The version URL without a range goes to _http_get_manifest_version.
 /// Throws ValueError for a URL or token that must not be sent, before anything is sent, and without the
 /// token in its text; else what _request_with_sync_retries throws.
-[[nodiscard]] HttpResult _http_get(const Seams& seams, NeighbourSet& neighbours, const std::string& url, const std::string& token,
+[[nodiscard]] HttpResult _http_get(const Seams& seams, NeighbourSet& neighbours, const std::string& url, const RequestStart& start,
                                    std::int64_t range_start = 0, std::int64_t range_end = -1, ResponseSink* sink = nullptr);
 /// The same without credentials. The URL must satisfy the same transport rule.
 [[nodiscard]] HttpResult _http_get_public(const Seams& seams, NeighbourSet& neighbours, const std::string& url,
                                           std::int64_t range_start = 0, std::int64_t range_end = -1, ResponseSink* sink = nullptr);
 /// The version poll, under its own shorter timeout.
 [[nodiscard]] HttpResult _http_get_manifest_version(const Seams& seams, NeighbourSet& neighbours, const std::string& url,
-                                                    const std::string& token);
+                                                    const RequestStart& start);
 
 /// Whether the URL, without trailing slashes, ends in "/data/manifest/version".
 [[nodiscard]] bool _is_manifest_version_url(std::string_view url);
 
-[[nodiscard]] HttpRequest authenticated_request(const std::string& url, const std::string& token);
+[[nodiscard]] HttpRequest authenticated_request(const std::string& url, const RequestStart& start);
 [[nodiscard]] std::unique_ptr<HttpResponse> _open_request(const Seams& seams, NeighbourSet& neighbours, const HttpRequest& request,
                                                           float timeout_seconds);
 /// Header pairs as a map; of a repeated name the last value stays.

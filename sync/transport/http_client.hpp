@@ -10,6 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include "sync/base/environment.hpp"
+
 namespace brackenfen::sync {
 
 /// Header names and values in the order of the message, names as the sender spelled them.
@@ -19,6 +21,7 @@ using Headers = std::vector<std::pair<std::string, std::string>>;
 struct HttpRequest {
   std::string url;
   Headers headers;
+  std::shared_ptr<Environment> environment = nullptr;  ///< what it goes by; nullptr: as it stands when the request is opened
 };
 
 /// Takes the bytes of one body as they arrive.
@@ -62,6 +65,9 @@ class HttpClient {
 
   /// libcurl. One instance per process, never destroyed.
   static HttpClient& real();
+  /// Sets libcurl, the TLS library and the name look-up up, which otherwise the first request does. They read variables
+  /// and files of the system in doing so. What fails, fails the first request.
+  static void set_up_real() noexcept;
 };
 
 }  // namespace brackenfen::sync

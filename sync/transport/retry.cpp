@@ -11,6 +11,7 @@
 #include "sync/transport/backoff.hpp"
 #include "sync/transport/events.hpp"
 #include "sync/transport/outage_status.hpp"
+#include "sync/transport/request_environment.hpp"
 #include "sync/transport/unavailable.hpp"
 
 namespace brackenfen::sync {
@@ -77,8 +78,8 @@ Document network_failure_details(const std::string& reason) {
 /// One call of _request_with_sync_retries.
 class RetryLoop {
  public:
-  RetryLoop(const Seams& seams, NeighbourSet& neighbours, const HttpRequest& request, float timeout_seconds, ResponseSink* sink)
-      : seams_(seams), neighbours_(neighbours), request_(request), timeout_seconds_(timeout_seconds), sink_(sink) {}
+  RetryLoop(const Seams& seams, NeighbourSet& neighbours, HttpRequest request, float timeout_seconds, ResponseSink* sink)
+      : seams_(seams), neighbours_(neighbours), request_(std::move(request)), timeout_seconds_(timeout_seconds), sink_(sink) {}
 
   HttpResult run();
 
@@ -106,7 +107,7 @@ class RetryLoop {
 
   const Seams& seams_;
   NeighbourSet& neighbours_;
-  const HttpRequest& request_;
+  HttpRequest request_;
   const float timeout_seconds_;
   ResponseSink* const sink_;
 
@@ -123,6 +124,7 @@ class RetryLoop {
 
 HttpResult RetryLoop::run() {
   for (;; ++attempt_index_) {
+    if (attempt_index_ > 0) request_.environment = request_environment(*seams_.environment);
     Attempt made = attempt();
     switch (next_step(made.end())) {
       case NextStep::HandBack:
@@ -230,9 +232,9 @@ NextStep next_step(const AttemptEnd& end) {
   return end.retryable.is_exactly(false) ? NextStep::GiveUp : NextStep::Wait;
 }
 
-HttpResult _request_with_sync_retries(const Seams& seams, NeighbourSet& neighbours, const HttpRequest& request, float timeout_seconds,
+HttpResult _request_with_sync_retries(const Seams& seams, NeighbourSet& neighbours, HttpRequest request, float timeout_seconds,
                                       ResponseSink* sink) {
-  return RetryLoop(seams, neighbours, request, timeout_seconds, sink).run();
+  return RetryLoop(seams, neighbours, std::move(request), timeout_seconds, sink).run();
 }
 
 }  // namespace brackenfen::sync

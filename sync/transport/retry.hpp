@@ -44,9 +44,9 @@ void _append_limited(std::vector<T>& values, T value, std::size_t limit = 20) {
 /// status, that retrying cannot help, SyncBackoffCancelled where the back-off context asks to stop, and at once
 /// whatever else fails: a request that must not be sent, the progress file, the log, the sink.
 ///
-/// `timeout_seconds` bounds connecting, the wait for the headers and the whole body of one attempt, each counted
-/// anew. Blocks the calling thread; any thread.
-[[nodiscard]] HttpResult _request_with_sync_retries(const Seams& seams, NeighbourSet& neighbours, const HttpRequest& request,
+/// The first attempt goes by the request's environment, each later one reads it anew. `timeout_seconds` bounds connecting, the wait for the
+/// headers and the whole body of one attempt, each counted anew. Blocks the calling thread; any thread.
+[[nodiscard]] HttpResult _request_with_sync_retries(const Seams& seams, NeighbourSet& neighbours, HttpRequest request,
                                                     float timeout_seconds, ResponseSink* sink = nullptr);
 
 }  // namespace brackenfen::sync

@@ -55,6 +55,40 @@ def ends_quietly(program: Any, stalled: Any, tmp_path: pathlib.Path) -> Callable
     return check
 
 
+SECONDS = int(os.environ.get("BRACKENFEN_STRESS_SECONDS", "1"))
+
+
+def test_requests_while_the_host_changes_its_environment(program: Any) -> None:
+    source = """
+import logging, os, threading, time
+import brackenfen.sync as sync
+logging.getLogger("brackenfen.sync").setLevel(logging.ERROR)
+end = time.monotonic() + 1
+def change():
+    blocks, number = [], len(os.environ)
+    while time.monotonic() < end:
+        os.environ["no_proxy"] = "localhost"
+        # Each name makes the table of variables longer. One block lands where the table was, the other where it would grow.
+        for number in range(number, number + 20):
+            os.environ[f"NAME_{number}"] = "x"
+            blocks += [b"\\xff" * (8 * number - 100), b"\\xff" * (8 * number + 100)]
+        del os.environ["no_proxy"]
+        if number > 2000: blocks.clear()
+        time.sleep(0.001)
+def ask():
+    with sync.backoff_context(stop_requested=lambda: True):
+        while time.monotonic() < end:
+            try: sync._http_get("http://127.0.0.1:1/", "t")
+            except sync.SyncBackoffCancelled: continue
+threads = [threading.Thread(target=each) for each in (change, ask, ask, ask)]
+for thread in threads: thread.start()
+for thread in threads: thread.join()
+"""
+    for _ in range(SECONDS):
+        code, _, err, _ = program(source).finish()
+        assert (code, err) == (0, "")
+
+
 BLOCKED = ["download", "batch", "fetch", "outage", "away", "lock", "audit"]
 
 
@@ -201,7 +235,7 @@ def test_nothing_leaks(tmp_path: pathlib.Path, manager: sync.SyncManager, server
                 call()
             except sync.SyncError as raised:
                 raised.__traceback__ = None
-        with sync.backoff_context(surface="s", data=data):
+        with sync.backoff_context(surface="s", stop_requested=lambda: data):
             sync.current_context()
 
     for _ in range(200):

@@ -11,13 +11,15 @@
 #include <cmath>
 #include <cstdlib>
 #include <functional>
+#include <map>
 #include <thread>
-#include <tuple>
 
 #include "sync/base/error.hpp"
 #include "sync/base/threads/interrupt.hpp"
 #include "sync/neighbours/transport_security.hpp"
+#include "sync/transport/request_environment.hpp"
 #include "tests/support/failures.hpp"
+#include "tests/support/fake_environment.hpp"
 #include "tests/support/scripted_server.hpp"
 #include "tests/support/temporary_directory.hpp"
 
@@ -156,23 +158,31 @@ TEST(HttpClient, readsInPiecesOfTheSizeThatTheSettingGives) {
   EXPECT_GT(largest_piece("99999999999999999999"), 2000U);
 }
 
-TEST(HttpClient, sendsATokenInClearThroughNoProxyOfAnotherMachine) {
+/// The variables are the request's own; libcurl is to look at none of the process.
+TEST(HttpClient, goesByTheProxyOfItsEnvironmentAndWithATokenInClearByNoneOfAnotherMachine) {
+  const Variable of_the_process("http_proxy", "http://127.0.0.1:1");
   ScriptedServer server;
   ScriptedServer proxy;
   server.script("/", {{.body = "direct"}});
   proxy.script(server.url("/"), {{.body = "by proxy"}});
   const std::string port = proxy.url().substr(proxy.url().rfind(':'));
-  const std::tuple<const char*, std::string, const char*> rows[] = {
-      {"http_proxy", proxy.url(), "by proxy"},
-      {"all_proxy", "user:secret@localhost" + port, "by proxy"},
-      {"http_proxy", "http://proxy.invalid" + port, "direct"},
-      {"http_proxy", "user:[secret@proxy.invalid", "direct"},
-      {"ALL_PROXY", "socks5h://proxy.invalid", "direct"},
+  const std::pair<std::map<std::string, std::string>, const char*> rows[] = {
+      {{}, "direct"},
+      {{{"http_proxy", proxy.url()}}, "by proxy"},
+      {{{"http_proxy", proxy.url()}, {"no_proxy", ""}, {"NO_PROXY", "x.invalid,127.0.0.1"}}, "direct"},
+      {{{"HTTP_PROXY", proxy.url()}}, "direct"},
+      {{{"http_proxy", ""}, {"all_proxy", "user:secret@localhost" + port}}, "by proxy"},
+      {{{"http_proxy", "http://proxy.invalid" + port}}, "direct"},
+      {{{"http_proxy", "user:[secret@proxy.invalid"}}, "direct"},
+      {{{"ALL_PROXY", "socks5h://proxy.invalid"}}, "direct"},
   };
-  for (const auto& [name, value, expected] : rows) {
-    const Variable setting(name, value);
-    EXPECT_EQ(body_of(*open(server.url("/"), {{"Authorization", "Bearer canary"}})), expected) << name << '=' << value;
+  for (const auto& [variables, expected] : rows) {
+    const HttpRequest request{server.url("/"), {{"Authorization", "Bearer canary"}}, std::make_shared<FakeEnvironment>(variables)};
+    const auto response = HttpClient::real().open(request, PATIENCE_SECONDS, TransportSecurity::builtin());
+    EXPECT_EQ(body_of(*response), expected) << testing::PrintToString(variables);
   }
+  FakeEnvironment both({{"https_proxy", ""}, {"HTTPS_PROXY", "capitals"}, {"http_proxy", "plain"}, {"all_proxy", "all"}});
+  EXPECT_EQ(proxy_for(both, "https://data.example.com/", true).proxy, "capitals");
 }
 
 TEST(HttpClient, tellsAConnectionClosedEarlyFromOneThatBroke) {

@@ -41,7 +41,7 @@ class HttpTest : public testing::Test {
   }
 
   HttpResult get(const std::string& path, std::int64_t range_start = 0, std::int64_t range_end = -1) {
-    return _http_get(seams_, *neighbours_, server_.url(path), "canary", range_start, range_end);
+    return _http_get(seams_, *neighbours_, server_.url(path), {"canary"}, range_start, range_end);
   }
 
   NotingClient client_;
@@ -96,10 +96,10 @@ TEST_F(HttpTest, boundsErrorBodiesAndTakesTheirFailureForSilence) {
 
 TEST_F(HttpTest, refusesTokensWithoutShowingThem) {
   for (const char* token : {"canary\n", "canary canary", "canary\tx", "canary\u20ac", "canary\x7f", "canary\xff"}) {
-    EXPECT_EQ(failure_of([&] { return _http_get(seams_, *neighbours_, server_.url("/"), token); }),
+    EXPECT_EQ(failure_of([&] { return _http_get(seams_, *neighbours_, server_.url("/"), {token}); }),
               "ValueError: the token holds a character that HTTP forbids");
   }
-  EXPECT_THAT(failure_of([&] { return _http_get(seams_, *neighbours_, "http://data.example.com/", "canary"); }),
+  EXPECT_THAT(failure_of([&] { return _http_get(seams_, *neighbours_, "http://data.example.com/", {"canary"}); }),
               AllOf(HasSubstr("ValueError: "), Not(HasSubstr("canary"))));
   EXPECT_TRUE(server_.requests().empty());
 }
