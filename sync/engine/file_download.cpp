@@ -19,7 +19,11 @@ namespace {
 
 std::int64_t stated_size(const Document& file_info, const std::string& file_path) {
   const Value* stated = file_info.find("size_bytes");
-  return stated ? to_int64(manifest_integer(*stated, "size_bytes of " + file_path)) : 0;
+  if (!stated) return 0;
+  const Value size = manifest_integer(*stated, "size_bytes of " + file_path);
+  if (compare_integers(size, 0) <= 0) return 0;  // says nothing, and may have any number of digits
+  if (const auto bytes = size.if_integer()) return *bytes;
+  throw ManifestError("manifest size_bytes of " + file_path + ": no file has " + to_text(size) + " bytes");
 }
 
 /// One call of _download_file. One thread.

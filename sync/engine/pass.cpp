@@ -211,8 +211,9 @@ bool SyncManager::Pass::must_download(const Text& file_path, const Document& fil
   const auto local_path = [&] { return local_files.local_path(file_path); };
   const bool vault_module = file_info.get("kind").if_text() == "vault_module";
 
-  // Within an era, a file that still is what the local manifest promised is kept, whatever the new entry says.
-  if (local_entry && !vault_module) {
+  // Within an era, a file that still is what the local manifest promised is kept, whatever the new entry says. But for the
+  // catalogue: the vocabularies are merged with it, and must be right together when the new manifest is committed.
+  if (local_entry && !vault_module && file_path.view() != FUNCTIONS_RELATIVE_PATH) {
     const Document* local_info = local_entry->if_document();
     if (local_info && manager_.file_matches(file_path, *stat, local_path, *local_info, true)) return false;
     log_warning("Manifest-tracked local file failed integrity check; re-downloading: %s", file_path);

@@ -48,7 +48,7 @@ class EraDocumentsTest : public testing::Test, protected SyncSetup {
   void publish_document(const std::string& path, const std::string& body, const Document& changes = {}, int version = 2) {
     publish_version(version);
     const Document manifest_data = manifest(version, {});
-    Document entry = PublishedFile{path, body, path == INDEX ? "signals_index" : "vocabulary"}.entry();
+    Document entry = PublishedFile{path, body, path == INDEX ? "signals_index" : path == FUNCTIONS ? "functions" : "vocabulary"}.entry();
     for (const Member& change : changes) entry = change.value.is_null() ? entry.without(change.key) : entry.with(change.key, change.value);
     publish_manifest(manifest_data.with("files", manifest_data.get("files").if_document()->with(path, entry)));
     server.script(data_path(path), {{.body = body}});
@@ -136,9 +136,16 @@ TEST_F(EraDocumentsTest, whatIsHeldIsTheMergedVocabularyOfWhatIsCommitted) {
   const auto repair_both = [&] { return manager->repair({VOCABULARY, ALPHA.path}); };
   const std::tuple<const char*, std::function<void()>, std::function<SyncResult()>, const char*> rows[] = {
       {"nothing is fetched", [&] { publish_version(2), publish_manifest(manifest(2, {ALPHA})); }, sync, ""},
+      {"a new catalogue",
+       [&] {
+         publish_document(FUNCTIONS, json_of(Document{{"era_number", ERA}, {"rotations", List{"daily"}}}), {}, 3);
+         expected = expected.with("us", expected.get("us").if_document()->with("rotations", List{"daily"}));
+       },
+       sync, ""},
       {"a pass fails behind the vocabulary",
        [&] {
-         publish_document(VOCABULARY, second, {}, 3);
+         publish_documents();
+         publish_document(VOCABULARY, second, {}, 4);
          files.unlink(directory / "shuffle_seed.enc");
          server.script(SHUFFLE_PATH, {{.status = 404}});
        },
@@ -149,7 +156,7 @@ TEST_F(EraDocumentsTest, whatIsHeldIsTheMergedVocabularyOfWhatIsCommitted) {
          expected = expected.with("us", document(second).with("rotations", List{"weekly"}));
        },
        sync, ""},
-      {"a repair", [&] { publish(4, {ALPHA}), static_cast<void>(sync()), expected = *manager->_vocabulary.get(); }, repair_both, ""},
+      {"a repair", [&] { publish(5, {ALPHA}), static_cast<void>(sync()), expected = *manager->_vocabulary.get(); }, repair_both, ""},
       {"a repair that fails", [&] { server.script(ALPHA.url_path(), {{.status = 403}}); }, repair_both, "PermanentDownloadError: "},
   };
   for (const auto& [name, prepare, operation, failure] : rows) {
