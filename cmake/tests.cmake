@@ -16,7 +16,6 @@ if(TARGET brackenfen_distribution)
   target_link_libraries(core_tests PRIVATE brackenfen_distribution)
   add_dependencies(core_tests brackenfen-distribution)
 endif()
-target_compile_definitions(core_tests PRIVATE BRACKENFEN_SOURCE_DIR="${PROJECT_SOURCE_DIR}" BRACKENFEN_BINARY_DIR="${CMAKE_BINARY_DIR}")
 brackenfen_warnings(core_tests)
 gtest_discover_tests(core_tests DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120)
 
