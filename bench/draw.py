@@ -60,6 +60,8 @@ def table(measured: Measured) -> Iterator[str]:
         yield f"| {name} | {told(figures.get('seconds'))} | {told(figures.get('cpu_seconds'))} | {', '.join(own)} |"
     for name, reason in measured["left_out"].items():
         yield f"| {name} | left out, {reason} | | |"
+    for name, reason in measured["failed"].items():
+        yield f"| {name} | failed: {reason} | | |"
     if measured["checks"]:
         yield "\n| asked | figure | bound | |\n|---|---|---|---|"
     for check in measured["checks"]:
@@ -142,7 +144,7 @@ def main() -> None:
         if measured["plot"] and measured["seen"]:
             plots[measured["plot"]](measured, options.into / f"{name}.svg")
     (options.into / "tables.md").write_text("\n".join(text))
-    print(f"{options.into}: tables.md and {len(list(options.into.glob('*.svg')))} plots")
+    print(f"{options.into}: tables.md, and plots where processes are compared")
 
 
 if __name__ == "__main__":

@@ -11,7 +11,7 @@ from dataclasses import replace
 from pathlib import Path
 
 import servers
-from measure import INTERPRETER, Contender, Ground, Samples, Word, race
+from measure import INTERPRETER, Contender, Ground, RunFailed, Samples, Word, race
 from servers import Place
 from sets import SETS, Published, publish
 
@@ -94,7 +94,7 @@ def landing(ground: Ground, published: Published, contender: Contender, place: P
         found = (path for folder in ("features", "named_universes") for path in (target / folder).rglob("*"))
         landed = [path.stat().st_size for path in found if path.is_file()]
         if len(landed) < published.files - 1 or sum(landed) < 0.999 * published.bytes:
-            raise SystemExit(f"{contender.name} landed {len(landed)} files of {published.files}, {sum(landed)} bytes of {published.bytes}")
+            raise RunFailed(f"landed {len(landed)} files of {published.files}, {sum(landed)} bytes of {published.bytes}")
         shutil.rmtree(target)
 
     inside = [] if place is None else place.inside

@@ -17,6 +17,10 @@ from typing import Any, Literal
 Word = str | Path  # of a command
 
 
+class RunFailed(Exception):
+    """A contender ended with an error or has not done its work."""
+
+
 @dataclass(frozen=True)
 class Contender:
     """A command that does the work of a measurement as a whole process.
@@ -29,7 +33,7 @@ class Contender:
     environment: Mapping[str, str] = field(default_factory=dict)
     needs: Sequence[str] = ()
     before: Callable[[], None] = lambda: None  # not timed
-    check: Callable[[], None] = lambda: None  # raises where a run has not done the work; not timed
+    check: Callable[[], None] = lambda: None  # raises RunFailed where a run has not done the work; not timed
 
 
 def run_once(contender: Contender) -> dict[str, Any]:
@@ -48,7 +52,7 @@ def run_once(contender: Contender) -> dict[str, Any]:
     seconds = time.monotonic() - began
     process.returncode = os.waitstatus_to_exitcode(status)
     if process.returncode != 0:
-        raise SystemExit(f"{contender.name} failed with {process.returncode}")
+        raise RunFailed(f"ended with {process.returncode}")
     contender.check()
     own: dict[str, Any] = json.loads(printed) if printed.startswith("{") else {}
     return {"seconds": seconds, "cpu_seconds": usage.ru_utime + usage.ru_stime, **own}
@@ -60,6 +64,7 @@ class Samples:
 
     seen: dict[str, dict[str, list[Any]]] = field(default_factory=dict)
     left_out: dict[str, str] = field(default_factory=dict)
+    failed: dict[str, str] = field(default_factory=dict)
 
     def add(self, contender: str, sample: Mapping[str, Any]) -> None:
         figures = self.seen.setdefault(contender, {})
@@ -70,9 +75,12 @@ class Samples:
         return float(statistics.median(self.seen[contender][figure]))
 
 
-def race(contenders: Sequence[Contender], rounds: int) -> Samples:
-    """All contenders once in each round, each round begun by another, so that all of them see the same machine."""
-    samples = Samples()
+def race(contenders: Sequence[Contender], rounds: int, into: Samples | None = None) -> Samples:
+    """All contenders once in each round, each round begun by another, so that all of them see the same machine.
+
+    One that fails takes no further part, and what it did before does not count.
+    """
+    samples = Samples() if into is None else into
     present = []
     for contender in contenders:
         missing = [program for program in contender.needs if shutil.which(program) is None]
@@ -83,7 +91,12 @@ def race(contenders: Sequence[Contender], rounds: int) -> Samples:
     for number in range(rounds):
         first = number % len(present)
         for contender in present[first:] + present[:first]:
-            samples.add(contender.name, run_once(contender))
+            if contender.name not in samples.failed:
+                try:
+                    samples.add(contender.name, run_once(contender))
+                except RunFailed as reason:
+                    samples.failed[contender.name] = str(reason)
+                    samples.seen.pop(contender.name, None)
     return samples
 
 
@@ -132,7 +145,7 @@ def runs_in_python(contender: str) -> bool:
 
 @dataclass(frozen=True)
 class Check:
-    """A figure and the bound that it must keep. One whose contenders were left out is not checked."""
+    """A figure and the bound that it must keep. One whose contenders were left out, or failed, is not checked."""
 
     what: str
     figure: Figure

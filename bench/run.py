@@ -54,6 +54,8 @@ def show_samples(samples: Samples) -> None:
         print(f"    {name:<60} {', '.join(told)}")
     for name, reason in samples.left_out.items():
         print(f"    {name:<60} left out, {reason}")
+    for name, reason in samples.failed.items():
+        print(f"    {name:<60} FAILED: {reason}")
 
 
 def show_check(check: dict[str, Any]) -> None:
@@ -80,6 +82,7 @@ def run(measurement: Measurement, ground: Ground) -> dict[str, Any]:
         "plot": measurement.plot,
         "seen": samples.seen,
         "left_out": samples.left_out,
+        "failed": samples.failed,
         "checks": checks,
     }
 
@@ -128,7 +131,8 @@ def main() -> int:
     finally:
         shutil.rmtree(landing, ignore_errors=True)
     print(f"the run: {path.relative_to(ROOT)}")
-    return 0 if all(check["met"] for measurement in record["measurements"] for check in measurement["checks"]) else 1
+    met = all(check["met"] for measurement in record["measurements"] for check in measurement["checks"])
+    return 0 if met and not any(measurement["failed"] for measurement in record["measurements"]) else 1
 
 
 if __name__ == "__main__":

@@ -79,9 +79,8 @@ def growth(ground: Ground) -> Samples:
             directory = up_to_date(ground, published, place.url)
             limit = Contender(STATX, [ground.program("statx_limit"), published.sums, directory, "3"])
             calls = [checking(ground, name, call, place.url, directory) for name, call in ((NEEDS_SYNC, "needs_sync"), (PASS, "sync"))]
-            seen = race([limit, *calls], ground.rounds).seen
-        for name, figures in seen.items():
-            samples.seen[f"{name}, {round(count * ground.scale)} files"] = figures
+            sized = [replace(contender, name=f"{contender.name}, {round(count * ground.scale)} files") for contender in (limit, *calls)]
+            race(sized, ground.rounds, samples)
         shutil.rmtree(directory)
     return samples
 
