@@ -211,7 +211,8 @@ class Manifest:
     """
 
     def __init__(self, data: Mapping[str, Any]) -> None:
-        """Raises AttributeError where `data` is no mapping."""
+        """Raises TypeError where `data` is None or holds what JSON does not know, AttributeError where it is another value
+        that is no mapping."""
 
     @staticmethod
     def from_dict(data: Mapping[str, Any]) -> Manifest:

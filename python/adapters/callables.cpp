@@ -1,5 +1,6 @@
 #include "python/adapters/callables.hpp"
 
+#include "python/conversion/arguments.hpp"
 #include "python/conversion/errors.hpp"
 #include "python/conversion/values.hpp"
 

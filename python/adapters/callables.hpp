@@ -40,6 +40,9 @@ template <typename T>
 [[nodiscard]] std::shared_ptr<RuntimeFreshnessGuard> freshness_guard(nb::handle object);
 /// A built-in state for a `RotationState`, an adapter for any other object: rotation_records.cpp.
 [[nodiscard]] std::shared_ptr<const RotationState> rotation_state(nb::handle object);
+/// The same where it is an argument called `name`, and must have active paths.
+[[nodiscard]] std::shared_ptr<const RotationState> rotation_state_argument(nb::handle object, std::string_view name);
+[[nodiscard]] std::shared_ptr<const RotationState> rotation_state_or_none(nb::handle object, std::string_view name);
 [[nodiscard]] RetryStatusCallback retry_status_callback(nb::handle callable);
 
 /// Equal where the host's callables are.

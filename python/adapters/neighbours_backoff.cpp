@@ -6,6 +6,7 @@
 
 #include "python/adapters/callables.hpp"
 #include "python/adapters/neighbours_lookup.hpp"
+#include "python/conversion/arguments.hpp"
 #include "python/conversion/errors.hpp"
 #include "python/conversion/values.hpp"
 
@@ -79,7 +80,7 @@ class HostSyncBackoff : public SyncBackoff {
           module_.get().attr("sync_backoff_event_fields")(nb::arg("surface") = to_python(surface), nb::arg("attempt") = attempt,
                                                           nb::arg("wait_seconds") = wait_seconds, nb::arg("reason") = to_python(reason),
                                                           nb::arg("file_path") = to_python(file_path)),
-          "event");
+          "the result of sync_backoff_event_fields");
     });
   }
 

@@ -2,20 +2,12 @@
 
 #include <utility>
 
+#include "python/conversion/arguments.hpp"
 #include "python/conversion/errors.hpp"
 #include "python/conversion/values.hpp"
 
 namespace brackenfen::sync::python {
 namespace {
-
-/// The attribute, or nothing where the object has none.
-nb::object optional_attribute(nb::handle object, const char* name) {
-  nb::object found = nb::steal(PyObject_GetAttrString(object.ptr(), name));
-  if (found.is_valid()) return found;
-  if (PyErr_ExceptionMatches(PyExc_AttributeError) == 0) throw nb::python_error();
-  PyErr_Clear();
-  return {};
-}
 
 class HostTrackerIdentity : public TrackerIdentity {
  public:

@@ -7,6 +7,7 @@
 #include "python/adapters/neighbours_era.hpp"
 #include "python/adapters/neighbours_lookup.hpp"
 #include "python/adapters/neighbours_rotation.hpp"
+#include "python/conversion/arguments.hpp"
 #include "python/conversion/errors.hpp"
 #include "python/conversion/values.hpp"
 
@@ -66,9 +67,12 @@ class HostSyncProgress : public SyncProgress {
   explicit HostSyncProgress(nb::handle module) : module_(module) {}
   std::optional<Value> manifest_file_size(const Value& file_info) const override {
     return call_python([&]() -> std::optional<Value> {
-      const nb::object pair = module_.get().attr("manifest_file_size")(to_python(file_info));
+      const char* const label = "the result of manifest_file_size";
+      const nb::object result = module_.get().attr("manifest_file_size")(to_python(file_info));
+      const std::vector<nb::object> pair = elements_of(result, label);
+      if (pair.size() != 2) refuse(label, "a pair", result);
       if (!truth(pair[0])) return std::nullopt;
-      return value_argument(pair[1], "size_bytes");
+      return value_argument(pair[1], label);
     });
   }
 
@@ -98,6 +102,7 @@ class HostReasonDescriptions : public ReasonDescriptions {
       const nb::object described = module_.get().attr("describe_reason")(
           to_python(error_class_name), nb::arg("recovery") = to_python(recovery), nb::arg("error_code") = to_python(error_code),
           nb::arg("dependency") = to_python(dependency), nb::arg("reason") = to_python(reason));
+      if (!is_mapping(described)) refuse("the result of describe_reason", "a mapping", described);
       const auto text = [&](const char* key) {
         const nb::object found = mapping_item(described, key);
         return truth(found) ? text_form(found) : std::string();
@@ -130,7 +135,7 @@ class HostFunctionsVocabulary : public FunctionsVocabulary {
       const nb::object merged = module_.get().attr("merge_functions_vocabulary")(
           nb::arg("functions") = to_python(functions), nb::arg("vocabulary") = to_python(vocabulary),
           nb::arg("named_universe") = to_python(named_universe), nb::arg("expected_era_number") = to_python(expected_era_number));
-      return value_argument(merged, "the result of merge_functions_vocabulary");
+      return document_argument(merged, "the result of merge_functions_vocabulary");
     });
   }
 

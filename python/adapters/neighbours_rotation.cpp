@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "python/conversion/arguments.hpp"
 #include "python/conversion/errors.hpp"
 #include "python/conversion/rotation_records.hpp"
 #include "python/conversion/values.hpp"
@@ -12,13 +13,20 @@ namespace {
 constexpr const ErrorClass* ROTATION_ERRORS[] = {&error_class::RotationStatePayloadError, &error_class::ActiveRotationStateError,
                                                  &error_class::VocabularyScopeError, &error_class::MandatoryArtifactsTooLargeError};
 
+/// What an operation of the host's module gave back, as errors call it.
+std::string result_of(const char* operation) { return std::string("the result of ") + operation; }
+
+/// Refused here, before anything is written or removed by it.
+RotationStateRef state_from(nb::handle result, const char* operation) { return rotation_state_argument(result, result_of(operation)); }
+
 /// Made attached, keeps the module for one operation, and serves any thread of it.
 class HostArtifactRotation : public ArtifactRotation {
  public:
   explicit HostArtifactRotation(nb::handle module) : module_(module), identity_(module.ptr()) {}
 
   std::string manifest_file_kind(const Value& file_info) const override {
-    return call_python([&] { return text_form(operation("manifest_file_kind")(to_python(file_info))); });
+    return call_python(
+        [&] { return text_argument(operation("manifest_file_kind")(to_python(file_info)), result_of("manifest_file_kind")); });
   }
   std::optional<std::string> vocabulary_named_universe_from_path(std::string_view relative_path) const override {
     return call_python([&]() -> std::optional<std::string> {
@@ -38,6 +46,7 @@ class HostArtifactRotation : public ArtifactRotation {
       nb::list own;
       for (const ArtifactRow& row : rows) {
         const nb::object descriptor = describe(to_python(row.relative_path), to_python(row.file_info), nb::arg("feature_kinds") = kinds);
+        if (descriptor.is_none()) refuse(result_of("artifact_descriptor_from_manifest_file"), "a descriptor", descriptor);
         artifacts->descriptors.push_back(artifact_argument(descriptor));
         own.append(descriptor);
       }
@@ -51,40 +60,41 @@ class HostArtifactRotation : public ArtifactRotation {
     return call_python([&] {
       return plan_argument(operation("plan_rotation")(artifacts_to_python(*artifacts), own_settings(settings),
                                                       nb::arg("previous_state") = rotation_state_to_python(previous_state),
-                                                      nb::arg("reason") = to_python(reason)));
+                                                      nb::arg("reason") = to_python(reason)),
+                           result_of("plan_rotation"));
     });
   }
   RotationPlan plan_from_active_rotation_state(const ArtifactsRef& artifacts, const ArtifactRotationSettings& settings,
                                                const RotationStateRef& active_state, const PlanningFacts&) const override {
     return call_python([&] {
       return plan_argument(operation("plan_from_active_rotation_state")(artifacts_to_python(*artifacts), own_settings(settings),
-                                                                        rotation_state_to_python(active_state)));
+                                                                        rotation_state_to_python(active_state)),
+                           result_of("plan_from_active_rotation_state"));
     });
   }
   RotationStateRef promote_rotation_candidate(const RotationStateRef& active_state, const RotationStateRef& candidate_state,
                                               const std::vector<Text>& available_relative_paths) const override {
     return call_python([&] {
-      RotationStateRef promoted = rotation_state(
+      return state_from(
           operation("promote_rotation_candidate")(nb::arg("active_state") = rotation_state_to_python(active_state),
                                                   nb::arg("candidate_state") = rotation_state_to_python(candidate_state),
-                                                  nb::arg("available_relative_paths") = tuple_of_texts(available_relative_paths)));
-      if (!promoted) throw TypeError("promote_rotation_candidate must return a rotation state, not NoneType");
-      static_cast<void>(promoted->active_relative_paths());  // raises here for one that lists none, before it is written
-      return promoted;
+                                                  nb::arg("available_relative_paths") = tuple_of_texts(available_relative_paths)),
+          "promote_rotation_candidate");
     });
   }
 
   Value rotation_state_payload(const RotationStateRef& state, int schema_version) const override {
     return call_python([&] {
-      return Value(document_argument(
+      return document_argument(
           operation("rotation_state_payload")(rotation_state_to_python(state), nb::arg("schema_version") = schema_version),
-          "rotation_state_payload"));
+          result_of("rotation_state_payload"));
     });
   }
   RotationStateRef rotation_state_from_payload(const Value& payload, const std::string& source, int schema_version) const override {
     return call_python([&] {
-      return rotation_state(operation("rotation_state_from_payload")(to_python(payload), nb::arg("source") = path_to_python(source),
-                                                                     nb::arg("schema_version") = schema_version));
+      return state_from(operation("rotation_state_from_payload")(to_python(payload), nb::arg("source") = path_to_python(source),
+                                                                 nb::arg("schema_version") = schema_version),
+                        "rotation_state_from_payload");
     });
   }
 
@@ -96,10 +106,9 @@ class HostArtifactRotation : public ArtifactRotation {
       const nb::object accounting = operation("rotation_status_accounting")(
           artifacts_to_python(artifacts), rotation_state_to_python(state), own.is_valid() ? own : to_python(settings_payload),
           nb::arg("existing_relative_paths") = tuple_of_texts(existing_relative_paths));
+      const std::string label = result_of("rotation_status_accounting");
       const auto paths = [&](const char* name) {
-        const nb::object listed = accounting.attr(name);
-        require_collection(listed, name);
-        return text_list_argument(listed, name);
+        return text_list_argument(required_attribute(accounting, name, label), label + '.' + name);
       };
       return RotationStatusAccounting{paths("eligible_relative_paths"), paths("selected_relative_paths"), paths("skipped_relative_paths"),
                                       paths("departed_relative_paths"), paths("missing_active_relative_paths")};
@@ -110,8 +119,7 @@ class HostArtifactRotation : public ArtifactRotation {
     return call_python([&] {
       const nb::object keep = operation("rotation_cleanup_keep_paths")(
           to_python(files), set_of_texts(protected_paths), nb::arg("metadata_relative_paths") = tuple_of_texts(metadata_relative_paths));
-      require_collection(keep, "rotation_cleanup_keep_paths");
-      return set_of(text_list_argument(keep, "rotation_cleanup_keep_paths"));
+      return set_of(text_list_argument(keep, result_of("rotation_cleanup_keep_paths")));
     });
   }
   ScopedVocabulary scope_vocabulary_to_active_rotation(const Document& vocabulary, const TextSet& active_relative_paths,
@@ -170,24 +178,26 @@ class HostRotationSettings : public RotationSettings {
     return call_python([&] {
       const nb::object loaded =
           module_.get().attr("load_rotation_settings")(path_to_python(data_dir), nb::arg("catalog_context") = to_python(catalog_context));
-      const auto field = [&](const char* name) { return loose_value(loaded.attr(name)); };
+      const std::string label = result_of("load_rotation_settings");
+      const auto attribute = [&](const char* name) { return required_attribute(loaded, name, label); };
+      const auto field = [&](const char* name) { return value_or_text(attribute(name)); };
       LoadedRotationSettings settings;
-      const nb::object budget = loaded.attr("feature_budget_gb");
+      const nb::object budget = attribute("feature_budget_gb");
       if (!budget.is_none()) {
         if (equal_objects(budget, full_download_sentinel())) {
           settings.feature_budget_gb = FULL_DOWNLOAD;
         } else if (PyLong_Check(budget.ptr())) {
-          settings.feature_budget_gb = value_argument(budget, "feature_budget_gb");
+          settings.feature_budget_gb = value_argument(budget, label + ".feature_budget_gb");
         } else {
-          settings.feature_budget_gb = real_argument(budget, "feature_budget_gb");
+          settings.feature_budget_gb = real_argument(budget, label + ".feature_budget_gb");
         }
       }
       settings.algorithm = field("algorithm");
       settings.rotation_seed = field("rotation_seed");
       settings.market = field("market");
-      const nb::object universes = loaded.attr("named_universes");
-      require_collection(universes, "named_universes", Reading::Again);
-      const std::vector<std::string> names = texts_argument(universes, "named_universes");
+      const nb::object universes = attribute("named_universes");
+      require_collection(universes, label + ".named_universes", Reading::Again);
+      const std::vector<std::string> names = texts_argument(universes, label + ".named_universes");
       settings.named_universes = List(std::vector<Value>(names.begin(), names.end()));
       settings.family = field("family");
       settings.subfamily = field("subfamily");

@@ -1,5 +1,6 @@
 #include "python/adapters/search_consumers.hpp"
 
+#include "python/conversion/arguments.hpp"
 #include "python/conversion/errors.hpp"
 #include "python/conversion/rotation_records.hpp"
 #include "python/conversion/values.hpp"

@@ -75,10 +75,13 @@ void construct(nb::pointer_and_handle<EraThreadObject> self, nb::handle server_u
                              .get_token = token_source(get_token),
                              .sync_manager = era_manager(sync_manager),
                              .era_poll_interval_s = real_argument(era_poll_interval_s, "era_poll_interval_s"),
-                             .kill_searches_fn = searches_fn(kill_searches_fn),
-                             .restart_searches_fn = searches_fn(restart_searches_fn),
+                             .kill_searches_fn = searches_fn(callable_or_none(kill_searches_fn, "kill_searches_fn")),
+                             .restart_searches_fn = searches_fn(callable_or_none(restart_searches_fn, "restart_searches_fn")),
                              .seams = host_seams()};
   auto core = detached([&] { return std::make_shared<EraThread>(std::move(options)); });
+  // The URL comes first, whatever else is wrong.
+  if (PyCallable_Check(get_token.ptr()) == 0) refuse("get_token", "callable", get_token);
+  if (sync_manager.is_none()) refuse("sync_manager", "an object with trigger_era_transition", sync_manager);
   new (self.p) EraThreadObject(std::move(core));
   instances().add(self.p->core.get(), self.h);
 }
@@ -149,7 +152,7 @@ void bind_era_thread(nb::module_& module) {
       .def(
           "_mark_transition_failed",
           [](const EraThreadObject& self, nb::handle context, nb::handle exc) {
-            const std::string text = text_form(context);
+            const std::string text = text_argument(context, "context");
             const std::string failure = text_form(exc);
             self.run([&](EraThread& core) { core._mark_transition_failed(text, failure); });
           },

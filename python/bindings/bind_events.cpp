@@ -20,17 +20,15 @@ void bind_waits(nb::module_& module) {
   module.def("_sync_backoff_stop_requested", [] { return _sync_backoff_stop_requested(host_seams()); });
   module.def(
       "_backoff_delay_seconds",
-      [](nb::handle attempt_index) {
-        return _backoff_delay_seconds(host_seams(), static_cast<int>(integer_argument(attempt_index, "attempt_index")));
-      },
+      [](nb::handle attempt_index) { return _backoff_delay_seconds(host_seams(), count_argument(attempt_index, "attempt_index")); },
       any("attempt_index"));
   module.def(
       "_emit_sync_backoff_wait",
       [](nb::handle default_surface, nb::handle attempt_index, nb::handle reason, nb::handle file_path, nb::handle wait_seconds) {
         const std::string surface = text_argument(default_surface, "default_surface");
-        const auto attempt = static_cast<int>(integer_argument(attempt_index, "attempt_index"));
+        const auto attempt = count_argument(attempt_index, "attempt_index");
         const std::string cause = text_argument(reason, "reason");
-        const std::string path = file_path.is_none() ? std::string() : text_form(file_path);
+        const std::string path = text_or_empty(file_path, "file_path");
         const auto seconds = static_cast<float>(real_argument(wait_seconds, "wait_seconds"));
         return to_python(detached([&] { return _emit_sync_backoff_wait(host_seams(), surface, attempt, cause, path, seconds); }));
       },
@@ -51,14 +49,6 @@ void bind_waits(nb::module_& module) {
       any("wait_seconds"));
 }
 
-std::vector<std::pair<nb::object, nb::object>> event_items(nb::handle event) {
-  nb::dict items;
-  items.update(event);
-  std::vector<std::pair<nb::object, nb::object>> found;
-  for (const auto& [key, value] : items) found.emplace_back(nb::borrow(key), nb::borrow(value));
-  return found;
-}
-
 /// Absent for an object that is no JSON value.
 std::optional<Value> json_value(nb::handle object) {
   try {
@@ -71,10 +61,7 @@ std::optional<Value> json_value(nb::handle object) {
 /// The event as far as the core can read it: an object that is no JSON value counts by its text.
 Document readable_event(nb::handle event) {
   std::vector<Member> members;
-  for (const auto& [key, value] : event_items(event)) {
-    std::optional<Value> readable = json_value(value);
-    members.push_back({text_form(key), readable ? *std::move(readable) : Value(text_form(value))});
-  }
+  for (const auto& [key, value] : mapping_items(event, "event")) members.push_back({text_form(key), value_or_text(value)});
   return Document(std::move(members));
 }
 
@@ -86,7 +73,7 @@ std::string stable_value(nb::handle value) {
 
 EventKey key_of(nb::handle event) {
   EventKey members;
-  for (const auto& [key, value] : event_items(event)) members.emplace_back(text_form(key), stable_value(value));
+  for (const auto& [key, value] : mapping_items(event, "event")) members.emplace_back(text_form(key), stable_value(value));
   return coalesce_key_of(std::move(members));
 }
 
@@ -143,8 +130,8 @@ void bind_events(nb::module_& module) {
   module.def(
       "_log_sync_event",
       [](nb::handle event_type, nb::handle file_path, nb::handle count, nb::handle reason, const nb::kwargs& fields) {
-        const auto text = [](nb::handle value) { return value.is_none() ? std::string() : text_form(value); };
-        _log_sync_event(text(event_type), text(file_path), loose_value(count), text(reason), document_argument(fields, "fields"));
+        _log_sync_event(text_argument(event_type, "event_type"), text_or_empty(file_path, "file_path"), value_or_text(count),
+                        text_or_empty(reason, "reason"), document_argument(fields, "fields"));
       },
       any("event_type"), any("file_path"), any("count"), any("reason"), nb::arg("fields"));
   module.def(

@@ -34,18 +34,22 @@ void bind_found_pnl(nb::module_& module) {
       any("file_path"));
   module.def(
       "_is_manifest_found_pnl_file",
-      [](nb::handle file_path, nb::handle file_info) { return _is_manifest_found_pnl_file(text_form(file_path), loose_value(file_info)); },
+      [](nb::handle file_path, nb::handle file_info) {
+        const Value entry = file_info.is_none() ? Value() : Value(document_argument(file_info, "file_info"));
+        return _is_manifest_found_pnl_file(text_form(file_path), entry);
+      },
       any("file_path"), any("file_info"));
   module.def(
       "_normalize_found_pnl_paths",
-      [](nb::handle file_paths) { return set_of_texts(_normalize_found_pnl_paths(values_argument(file_paths, "file_paths"))); },
+      [](nb::handle file_paths) { return set_of_texts(_normalize_found_pnl_paths(values_argument(or_empty(file_paths), "file_paths"))); },
       any("file_paths"));
   module.def(
       "_drop_found_pnl_paths_from_membership",
       [](nb::handle section_data, nb::handle missing_paths) {
-        Origins origins;
-        const Value section = value_argument(section_data, "section_data", &origins);
         const std::set<std::string> missing = text_set_argument(missing_paths, "missing_paths");
+        if (!is_mapping(section_data)) return nb::borrow(section_data);
+        Origins origins;
+        const Value section = document_argument(section_data, "section_data", &origins);
         const Value result = detached([&] { return _drop_found_pnl_paths_from_membership(section, missing); });
         return result.same_as(section) ? nb::borrow(section_data) : to_python(result, &origins);
       },
@@ -53,15 +57,17 @@ void bind_found_pnl(nb::module_& module) {
   module.def(
       "_drop_missing_found_pnl_paths",
       [](nb::handle manifest_data, nb::handle missing_paths) {
-        const std::set<std::string> missing = text_set_argument(missing_paths, "missing_paths");
+        const std::set<std::string> missing = text_set_argument(or_empty(missing_paths), "missing_paths");
         return filtered(manifest_data, "manifest_data", [&](const Document& data) { return _drop_missing_found_pnl_paths(data, missing); });
       },
       any("manifest_data"), any("missing_paths"));
   module.def(
       "_missing_found_pnl_download_path",
       [](nb::handle exc, nb::handle files_to_download) {
-        if (PyExceptionInstance_Check(exc.ptr()) == 0) throw TypeError("exc must be an exception");
-        return to_python(_missing_found_pnl_download_path(to_error(exc), document_argument(files_to_download, "files_to_download")));
+        const Document plan = document_argument(files_to_download, "files_to_download");
+        const int lost = PyObject_IsInstance(exc.ptr(), python_class(error_class::PermanentDownloadError).ptr());
+        if (lost < 0) throw nb::python_error();
+        return lost == 0 ? nb::none() : to_python(_missing_found_pnl_download_path(to_error(exc), plan));
       },
       any("exc"), any("files_to_download"));
 }

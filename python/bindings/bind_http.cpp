@@ -47,12 +47,12 @@ void bind_http(nb::module_& module) {
       },
       any("body"));
   module.def(
-      "_should_retry_http_status", [](nb::handle status) { return _should_retry_http_status(loose_value(status)); }, any("status"));
+      "_should_retry_http_status", [](nb::handle status) { return _should_retry_http_status(value_or_text(status)); }, any("status"));
   module.def(
       "_raise_download_http_status",
       [](nb::handle file_path, nb::handle status) {
-        const std::string path = text_form(file_path);
-        const Value number = loose_value(status);
+        const std::string path = text_argument(file_path, "file_path");
+        const Value number = value_or_text(status);
         _raise_download_http_status(host_neighbours().bind()->auth(), path, number);
       },
       any("file_path"), any("status"));

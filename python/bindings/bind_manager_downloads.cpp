@@ -10,7 +10,7 @@ void download_file(const ManagerObject& self, nb::handle file_path, nb::handle f
   const std::string path = text_argument(file_path, "file_path");
   const Document info = document_argument(file_info, "file_info");
   SyncManager::DownloadOptions options;
-  options.retry_status_callback = python::retry_status_callback(retry_status_callback);
+  options.retry_status_callback = python::retry_status_callback(callable_or_none(retry_status_callback, "retry_status_callback"));
   if (!target_data_dir.is_none()) options.target_data_dir = path_argument(target_data_dir, "target_data_dir");
   options.backoff_surface = text_argument(backoff_surface, "backoff_surface");
   options.retry_partial_transfer = truth(retry_partial_transfer);
@@ -48,7 +48,7 @@ void bind_manager_downloads(nb::class_<ManagerObject>& bound) {
       .def(
           "_download_files_parallel",
           [](const ManagerObject& self, nb::handle files_to_download, nb::handle result) {
-            const Document files = document_argument(files_to_download, "files_to_download");
+            const Document files = entries_argument(files_to_download, "files_to_download");
             into_result(result, [&](SyncResult& record) { self.core->_download_files_parallel(host_neighbours().bind(), files, record); });
           },
           any("files_to_download"), any("result"))

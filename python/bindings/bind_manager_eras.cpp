@@ -10,8 +10,8 @@ using Bound = nb::class_<ManagerObject>;
 
 void trigger_era_transition(const ManagerObject& self, nb::handle new_era_id, nb::handle kill_searches_fn, nb::handle restart_searches_fn) {
   const Value era = value_argument(new_era_id, "new_era_id");
-  const SearchesFn kill = searches_fn(kill_searches_fn);
-  const SearchesFn restart = searches_fn(restart_searches_fn);
+  const SearchesFn kill = searches_fn(callable_or_none(kill_searches_fn, "kill_searches_fn"));
+  const SearchesFn restart = searches_fn(callable_or_none(restart_searches_fn, "restart_searches_fn"));
   self.run([&](SyncManager& core) { core.trigger_era_transition(era, kill, restart); });
 }
 
@@ -37,7 +37,7 @@ nb::object check_transition_superseded(const ManagerObject& self, nb::handle exp
 nb::object parse_era_directory_id(nb::handle name) { return to_python(_parse_era_directory_id(text_argument(name, "name"))); }
 
 nb::object normalize_era_current_response(nb::handle data) {
-  const Value given = loose_value(data);
+  const Value given = any_value(data, "data");
   const Document flat = _normalize_era_current_response(given);
   return given.is_document() && flat.same_as(*given.if_document()) ? nb::borrow(data) : to_python(flat);
 }

@@ -20,7 +20,7 @@ bool file_matches(const ManagerObject& self, nb::handle file_path, nb::handle lo
 
 bool files_complete(const ManagerObject& self, nb::handle manifest, nb::handle active_rotation_state) {
   const std::shared_ptr<Manifest> record = manifest_argument(manifest);
-  const std::shared_ptr<const RotationState> state = rotation_state(active_rotation_state);
+  const std::shared_ptr<const RotationState> state = rotation_state_or_none(active_rotation_state, "active_rotation_state");
   return self.run([&](SyncManager& core) { return core._local_manifest_files_complete(*host_neighbours().bind(), *record, state.get()); });
 }
 

@@ -87,7 +87,10 @@ void bind_callbacks(Bound& bound) {
   bound
       .def(
           "register_era_callback",
-          [](const ManagerObject& self, nb::handle callback) { self.core->era_callbacks().register_era_callback(era_callback(callback)); },
+          [](const ManagerObject& self, nb::handle callback) {
+            if (PyCallable_Check(callback.ptr()) == 0) refuse("callback", "callable", callback);
+            self.core->era_callbacks().register_era_callback(era_callback(callback));
+          },
           any("callback"), nb::sig("def register_era_callback(self, callback: collections.abc.Callable[[str, int], object]) -> None"),
           "Register a callback for era change events.\n\n"
           "callback(event_type, era_number) with \"kill\" (stop workers), \"restart\" or \"abort\" (resume), on the thread that\n"

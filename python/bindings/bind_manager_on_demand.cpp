@@ -14,16 +14,16 @@ nb::object paths_to_python(const std::vector<std::string>& local_paths) {
 }
 
 nb::object request_files(const ManagerObject& self, nb::handle feature_names, nb::handle expression_type, nb::handle named_universe) {
-  const std::vector<Value> names = loose_values_argument(feature_names, "feature_names");
+  const std::vector<Value> names = texts_or_nulls_argument(or_empty(feature_names), "feature_names");
   const Value type = expression_type_argument(expression_type);
-  const Value universe = loose_value(named_universe);
+  const Value universe = text_or_null(named_universe);
   return paths_to_python(self.run([&](SyncManager& core) { return core.request_feature_files_for_sync(names, type, universe); }));
 }
 
 nb::object request_files_impl(const ManagerObject& self, nb::handle feature_names, nb::handle expression_type, nb::handle named_universe) {
   const std::vector<std::string> names = texts_argument(feature_names, "feature_names");
   const Value type = expression_type_argument(expression_type);
-  const Value universe = loose_value(named_universe);
+  const Value universe = text_or_null(named_universe);
   return paths_to_python(self.run([&](SyncManager& core) { return core._request_feature_files_for_sync_impl(names, type, universe); }));
 }
 
@@ -51,7 +51,7 @@ void bind_manager_on_demand(nb::class_<ManagerObject>& bound) {
           "_remember_prefetched_feature_relative_paths",
           [](const ManagerObject& self, nb::handle manifest, nb::handle relative_paths) {
             const std::shared_ptr<Manifest> record = manifest_argument(manifest);
-            const std::vector<Value> paths = loose_values_argument(relative_paths, "relative_paths");
+            const std::vector<Value> paths = texts_or_nulls_argument(or_empty(relative_paths), "relative_paths");
             self.run([&](SyncManager& core) {
               core.prefetched_features()._remember_prefetched_feature_relative_paths(*neighbours(), *record, paths);
             });

@@ -31,19 +31,20 @@ nb::object plan_for_manifest(const ManagerObject& self, nb::handle manifest, nb:
 void precheck(const ManagerObject& self, nb::handle given, nb::handle free_disk_bytes, nb::handle enforce_default_cap) {
   RotationSelection selection;
   const nb::object mandatory_bytes = attribute_or_none(given, "mandatory_bytes");
-  selection.mandatory_bytes = mandatory_bytes.is_none() ? Value(0) : value_argument(mandatory_bytes, "mandatory_bytes");
-  selection.feature_budget_bytes = value_argument(attribute_or_none(given, "feature_budget_bytes"), "feature_budget_bytes");
+  selection.mandatory_bytes = mandatory_bytes.is_none() ? Value(0) : value_argument(mandatory_bytes, "selection.mandatory_bytes");
+  selection.feature_budget_bytes = value_argument(attribute_or_none(given, "feature_budget_bytes"), "selection.feature_budget_bytes");
   const std::int64_t free_bytes = integer_argument(free_disk_bytes, "free_disk_bytes");
   const bool cap = truth(enforce_default_cap);
   self.run([&](SyncManager& core) { core._precheck_rotation_disk_budget(*neighbours(), selection, free_bytes, cap); });
 }
 
 nb::object scoped_files_to_download(nb::handle manifest, nb::handle selection, nb::handle existing_relative_paths) {
-  const std::vector<Text> existing = text_list_argument(existing_relative_paths, "existing_relative_paths");
+  const std::vector<Text> existing = text_list_argument(or_empty(existing_relative_paths), "existing_relative_paths");
   TextSet existing_set;
   existing_set.insert(existing.begin(), existing.end());
-  return to_python(
-      _rotation_scoped_files_to_download(files_of(manifest), artifacts_argument(selection.attr("selected_artifacts")), existing_set));
+  const Value files = files_of(manifest);
+  const nb::object selected = required_attribute(selection, "selected_artifacts", "selection");
+  return to_python(_rotation_scoped_files_to_download(files, artifacts_argument(selected, "selection.selected_artifacts"), existing_set));
 }
 
 void bind_planning(nb::class_<ManagerObject>& bound) {
@@ -71,7 +72,7 @@ void bind_planning(nb::class_<ManagerObject>& bound) {
 }
 
 nb::object promote(const ManagerObject& self, nb::handle candidate_state, nb::handle available_relative_paths) {
-  const RotationStateRef candidate = rotation_state(candidate_state);
+  const RotationStateRef candidate = rotation_state_argument(candidate_state, "candidate_state");
   const std::vector<Text> available = text_list_argument(available_relative_paths, "available_relative_paths");
   return rotation_state_to_python(
       self.run([&](SyncManager& core) { return core._promote_rotation_candidate(*neighbours(), candidate, available); }));
@@ -79,7 +80,7 @@ nb::object promote(const ManagerObject& self, nb::handle candidate_state, nb::ha
 
 nb::object complete_promotion(const ManagerObject& self, nb::handle candidate_state, nb::handle available_relative_paths,
                               nb::handle manifest) {
-  const RotationStateRef candidate = rotation_state(candidate_state);
+  const RotationStateRef candidate = rotation_state_or_none(candidate_state, "candidate_state");
   const std::vector<Text> available = text_list_argument(available_relative_paths, "available_relative_paths");
   const std::shared_ptr<Manifest> record = manifest_argument(manifest);
   return rotation_state_to_python(
@@ -91,7 +92,7 @@ void bind_promotion(nb::class_<ManagerObject>& bound) {
       .def(
           "_write_promoted_rotation_state",
           [](const ManagerObject& self, nb::handle promoted) {
-            const RotationStateRef state = rotation_state(promoted);
+            const RotationStateRef state = rotation_state_argument(promoted, "promoted");
             self.run([&](SyncManager& core) { core._write_promoted_rotation_state(*neighbours(), state); });
           },
           any("promoted"))
@@ -127,13 +128,13 @@ void bind_promotion(nb::class_<ManagerObject>& bound) {
 }
 
 nb::object refresh_payloads(const ManagerObject& self, nb::handle state, nb::handle vocabulary, nb::handle manifest, nb::handle consumers) {
-  const RotationStateRef given = rotation_state(state);
-  const Value loaded = loose_value(vocabulary);
+  const RotationStateRef given = rotation_state_argument(state, "rotation_state");
+  const Value loaded = any_value(vocabulary, "vocabulary");
   const std::shared_ptr<Manifest> record = manifest.is_none() ? nullptr : manifest_argument(manifest);
   std::optional<std::vector<SearchConsumerRef>> searches;
   if (!consumers.is_none()) {
     searches.emplace();
-    for (nb::handle consumer : nb::iter(consumers)) searches->push_back(search_consumer(consumer));
+    for (const nb::object& consumer : elements_of(consumers, "consumers")) searches->push_back(search_consumer(consumer));
   }
   nb::list payloads;
   for (const SearchRefreshPayload& payload :
@@ -143,8 +144,8 @@ nb::object refresh_payloads(const ManagerObject& self, nb::handle state, nb::han
 }
 
 void refresh_running_searches(const ManagerObject& self, nb::handle state, nb::handle vocabulary, nb::handle manifest) {
-  const RotationStateRef given = rotation_state(state);
-  const Value loaded = loose_value(vocabulary);
+  const RotationStateRef given = rotation_state_argument(state, "rotation_state");
+  const Value loaded = any_value(vocabulary, "vocabulary");
   const std::shared_ptr<Manifest> record = manifest.is_none() ? nullptr : manifest_argument(manifest);
   self.run([&](SyncManager& core) { core.refresh_running_searches_for_rotation(given, loaded, record); });
 }
@@ -180,12 +181,7 @@ void bind_searches(nb::class_<ManagerObject>& bound) {
           "_rotation_vocabulary_for_consumer",
           [](nb::handle vocabulary, nb::handle consumer) {
             Origins origins;
-            Value loaded;
-            try {
-              loaded = value_argument(vocabulary, "vocabulary", &origins);
-            } catch (const Error& error) {
-              if (!error.is(error_class::TypeError)) throw;
-            }
+            const Value loaded = any_value(vocabulary, "vocabulary", &origins);
             return to_python(_rotation_vocabulary_for_consumer(neighbours()->artifact_rotation(), loaded, *search_consumer(consumer)),
                              &origins);
           },
@@ -195,9 +191,10 @@ void bind_searches(nb::class_<ManagerObject>& bound) {
       .def_static(
           "_deliver_rotation_search_refresh_payloads",
           [](nb::handle payloads) {
-            for (nb::handle payload : nb::iter(payloads)) {
-              const nb::object refresh = payload[0];
-              refresh(payload[1], payload[2]);
+            for (const nb::object& payload : elements_of(payloads, "refresh_payloads")) {
+              const std::vector<nb::object> triple = elements_of(payload, "refresh_payloads[...]");
+              if (triple.size() != 3) refuse("refresh_payloads[...]", "a triple", payload);
+              triple[0](triple[1], triple[2]);
             }
           },
           any("refresh_payloads"))

@@ -24,8 +24,8 @@ Instances<Manifest>& instances() {
 ManifestObject::~ManifestObject() { instances().forget(record.get()); }
 
 std::shared_ptr<Manifest> make_record(nb::handle data) {
-  const Value document = value_argument(data, "data");
-  return detached([&] { return std::make_shared<Manifest>(*host_neighbours().bind(), document); });
+  const Document document = manifest_document(data, "data");
+  return detached([&] { return std::make_shared<Manifest>(*host_neighbours().bind(), Value(document)); });
 }
 
 template <typename Read>
@@ -38,9 +38,9 @@ template <Document Manifest::Sections::*SECTION>
 void add_section(nb::class_<ManifestObject>& bound, const char* name) {
   bound.def_prop_rw(
       name, [](const ManifestObject& self) { return to_python(self.record->sections().*SECTION); },
-      [](ManifestObject& self, nb::handle section) {
+      [name](ManifestObject& self, nb::handle section) {
         Manifest::Sections sections = self.record->sections();
-        sections.*SECTION = document_argument(section, "section");
+        sections.*SECTION = document_argument(section, name);
         self.record->set_sections(std::move(sections));
       },
       "Entity id to membership entry. Empty until a signals index is applied.");
@@ -59,7 +59,8 @@ void bind_record(nb::module_& module) {
             instances().add(self.p->record.get(), self.h);
           },
           any("data"), nb::sig("def __init__(self, data: collections.abc.Mapping[str, object]) -> None"),
-          "Build the record of a manifest document. Raises AttributeError where `data` is no mapping.")
+          "Build the record of a manifest document.\n\nRaises TypeError where `data` is None or holds what JSON does not know, "
+          "AttributeError where it is another value\nthat is no mapping.")
       .def_static(
           "from_dict", [](nb::handle data) { return manifest_to_python(make_record(data)); }, any("data"),
           nb::sig("def from_dict(data: collections.abc.Mapping[str, object]) -> Manifest"), "The same as Manifest(data).")
@@ -83,7 +84,7 @@ template <typename Test>
 auto entry_test(Test test) {
   return [test](nb::handle file_path, nb::handle file_info) {
     const std::string path = text_form(file_path);
-    const Value entry = loose_value(file_info);
+    const Value entry = value_argument(file_info, "file_info");
     return test(path, entry);
   };
 }
@@ -129,11 +130,13 @@ void bind_file_tests(nb::module_& module) {
              any("_file_path"), any("file_info"));
   module.def(
       "_rotation_file_is_platform_excluded",
-      [neighbours](nb::handle file_info) { return _rotation_file_is_platform_excluded(*neighbours(), loose_value(file_info)); },
+      [neighbours](nb::handle file_info) {
+        return _rotation_file_is_platform_excluded(*neighbours(), value_argument(file_info, "file_info"));
+      },
       any("file_info"));
   module.def(
       "_manifest_file_is_sync_excluded",
-      [neighbours](nb::handle file_info) { return _manifest_file_is_sync_excluded(*neighbours(), loose_value(file_info)); },
+      [neighbours](nb::handle file_info) { return _manifest_file_is_sync_excluded(*neighbours(), value_argument(file_info, "file_info")); },
       any("file_info"));
 
   module.def(
@@ -153,11 +156,19 @@ void bind_file_tests(nb::module_& module) {
 
 }  // namespace
 
+Document manifest_document(nb::handle object, const char* name, Origins* origins) {
+  if (object.is_none()) refuse(name, "a mapping", object);
+  const Value given = value_argument(object, name, origins);
+  if (!given.is_document()) throw AttributeError(std::string(name) + " is no mapping");
+  return *given.if_document();
+}
+
 std::shared_ptr<Manifest> manifest_argument(nb::handle object) {
   if (nb::isinstance<ManifestObject>(object)) return nb::cast<const ManifestObject&>(object).record;
   Document data;
   for (const char* field : {"era_number", "version", "base_url", "pnl_column_count", "signals_index", "functions"}) {
-    if (nb::hasattr(object, field)) data = data.with(field, attribute_of(object, field));
+    const nb::object given = optional_attribute(object, field);
+    if (given.is_valid()) data = data.with(field, value_argument(given, std::string("manifest.") + field));
   }
   data = data.with("files", files_of(object));
   const Value whole = attribute_of(object, "_data");
@@ -181,20 +192,26 @@ ManifestInOut::ManifestInOut(nb::handle object) : object_(object), record_(manif
 void ManifestInOut::give_back_sections() const {
   if (nb::isinstance<ManifestObject>(object_)) return;
   const Manifest::Sections sections = record_->sections();
-  nb::setattr(object_, "found_signals", to_python(sections.found_signals));
-  nb::setattr(object_, "found_strategies", to_python(sections.found_strategies));
-  nb::setattr(object_, "useful_signals", to_python(sections.useful_signals));
+  const auto assign = [this](const char* name, const Document& section) {
+    if (PyObject_SetAttrString(object_.ptr(), name, to_python(section).ptr()) == 0) return;
+    const nb::python_error raised;
+    if (!raised.matches(PyExc_AttributeError) && !raised.matches(PyExc_TypeError)) throw nb::python_error(raised);
+    refuse("manifest", std::string("an object that takes ") + name, object_);
+  };
+  assign("found_signals", sections.found_signals);
+  assign("found_strategies", sections.found_strategies);
+  assign("useful_signals", sections.useful_signals);
 }
 
 void ManifestInOut::give_back_entries() const {
   const Value files = record_->files();
   if (nb::isinstance<ManifestObject>(object_) || files.same_as(files_before_)) return;
   const auto set_entry = [](nb::object mapping, const Member& member) { mapping[to_python(member.key)] = to_python(member.value); };
-  const auto is_mutable_mapping = [](nb::handle object) { return nb::hasattr(object, "setdefault"); };
+  const auto is_mutable_mapping = [](nb::handle object) { return optional_attribute(object, "setdefault").is_valid(); };
   for (const Member& member : *files.if_document()) {
     if (files_before_.is_document() && member.value.same_as(files_before_.if_document()->get(member.key))) continue;
-    set_entry(object_.attr("files"), member);
-    const nb::object data = nb::getattr(object_, "_data", nb::none());
+    set_entry(required_attribute(object_, "files", "manifest"), member);
+    const nb::object data = attribute_or_none(object_, "_data");
     if (!is_mutable_mapping(data)) continue;
     if (const nb::object listed = data.attr("setdefault")("files", nb::dict()); is_mutable_mapping(listed)) set_entry(listed, member);
   }
@@ -210,12 +227,13 @@ nb::object manifest_to_python(const std::shared_ptr<Manifest>& record) {
 
 Value files_of(nb::handle manifest) {
   if (nb::isinstance<ManifestObject>(manifest)) return nb::cast<const ManifestObject&>(manifest).record->files();
-  const nb::object files = nb::getattr(manifest, "files", nb::none());
-  if (files.is_none()) return nb::hasattr(manifest, "files") ? Value() : Value(Document());
-  return PyMapping_Check(files.ptr()) != 0 && !PyList_Check(files.ptr()) ? value_argument(files, "manifest.files") : Value();
+  const nb::object files = optional_attribute(manifest, "files");
+  return files.is_valid() ? any_value(files, "manifest.files") : Value(Document());
 }
 
-Value attribute_of(nb::handle manifest, const char* name) { return loose_value(nb::getattr(manifest, name, nb::none())); }
+Value attribute_of(nb::handle manifest, const char* name) {
+  return any_value(attribute_or_none(manifest, name), std::string("manifest.") + name);
+}
 
 void bind_manifest(nb::module_& module) {
   module.attr("CURRENT_PLATFORM") = to_python(current_platform());

@@ -9,13 +9,16 @@ namespace {
 
 /// Of any iterable, its elements as they are.
 List list_argument(nb::handle iterable, const char* name) {
-  return *value_argument(checked(PySequence_List(iterable.ptr())), name).if_list();
+  std::vector<Value> elements;
+  for (const nb::object& element : elements_of(iterable, name)) elements.push_back(value_argument(element, name));
+  return List(std::move(elements));
 }
 
 std::string url_argument(nb::handle url) { return url.is_none() ? std::string() : text_form(url); }
 
 /// Changes the list it is given.
 void append_limited(nb::handle values, nb::handle value, nb::handle limit) {
+  if (!PyList_Check(values.ptr())) refuse("values", "a list", values);
   const std::int64_t kept = std::max<std::int64_t>(integer_argument(limit, "limit"), 0);
   values.attr("append")(value);
   const auto size = static_cast<std::int64_t>(nb::len(values));
@@ -48,14 +51,13 @@ void bind_outages(nb::module_& module) {
   module.def(
       "_sync_unavailable_from",
       [](nb::handle url, nb::handle attempts, nb::handle statuses, nb::handle failures, nb::handle details) {
-        return make_exception(_sync_unavailable_from(url_argument(url), static_cast<int>(integer_argument(attempts, "attempts")),
-                                                     list_argument(statuses, "statuses"), list_argument(failures, "failures"),
-                                                     document_argument(details, "details")));
+        return make_exception(_sync_unavailable_from(url_argument(url), count_argument(attempts, "attempts"),
+                                                     list_argument(or_empty(statuses), "statuses"),
+                                                     list_argument(or_empty(failures), "failures"), document_argument(details, "details")));
       },
       any("url"), any("attempts"), any("statuses"), any("failures"), any("details"));
   module.def(
-      "_sync_unavailable_has_typed_details", [](nb::handle err) { return truth(nb::getattr(err, "typed_details", nb::none())); },
-      any("err"));
+      "_sync_unavailable_has_typed_details", [](nb::handle err) { return truth(attribute_or_none(err, "typed_details")); }, any("err"));
   module.def(
       "_sync_unavailable_action_recovery",
       [](nb::handle details) { return to_python(_sync_unavailable_action_recovery(document_argument(details, "details"))); },

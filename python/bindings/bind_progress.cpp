@@ -12,8 +12,8 @@ void bind_progress(nb::module_& module) {
       "_write_sync_progress_json",
       [](nb::handle data_dir, nb::handle manifest, nb::handle files_to_download) {
         const std::string directory = path_argument(data_dir, "data_dir");
-        const Value era_number = attribute_of(manifest, "era_number");
-        const Value version = attribute_of(manifest, "version");
+        const Value era_number = value_argument(attribute_or_none(manifest, "era_number"), "manifest.era_number");
+        const Value version = value_argument(attribute_or_none(manifest, "version"), "manifest.version");
         const Document files = document_argument(files_to_download, "files_to_download");
         const Seams seams = host_seams();
         detached([&] {
@@ -33,7 +33,7 @@ void bind_progress(nb::module_& module) {
       "_remove_manifest_tmp_file",
       [](nb::handle data_dir, nb::handle file_path) {
         const std::string directory = path_argument(data_dir, "data_dir");
-        const Value path = loose_value(file_path);
+        const Value path = text_or_null(file_path);
         detached([&] { _remove_manifest_tmp_file(*host_seams().files, directory, path); });
       },
       any("data_dir"), any("file_path"));
@@ -41,7 +41,7 @@ void bind_progress(nb::module_& module) {
       "_cleanup_sync_tmp_files",
       [](nb::handle data_dir, nb::handle preserve_relative_paths) {
         const std::string directory = path_argument(data_dir, "data_dir");
-        const std::vector<Value> preserved = values_argument(preserve_relative_paths, "preserve_relative_paths");
+        const std::vector<Value> preserved = values_argument(or_empty(preserve_relative_paths), "preserve_relative_paths");
         detached([&] { _cleanup_sync_tmp_files(*host_seams().files, directory, preserved); });
       },
       any("data_dir"), nb::arg("preserve_relative_paths") = nb::none());

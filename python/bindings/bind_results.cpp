@@ -1,5 +1,6 @@
-// SyncResult and VerifyResult: dataclasses, so that they compare, print, copy and pickle as every host knows it.
+// SyncResult and VerifyResult.
 #include "python/bindings/binding.hpp"
+#include "python/conversion/dataclasses.hpp"
 #include "sync/engine/results.hpp"
 
 namespace brackenfen::sync::python {
@@ -8,17 +9,14 @@ namespace {
 PyObject* sync_result_class = nullptr;  // owned for ever, as is the next
 PyObject* verify_result_class = nullptr;
 
-void assign(std::int64_t& field, nb::handle value, const char* name) { field = integer_argument(value, name); }
-void assign(bool& field, nb::handle value, const char*) { field = truth(value); }
-void assign(Value& field, nb::handle value, const char* name) { field = value_argument(value, name); }
-void assign(std::vector<Text>& field, nb::handle value, const char* name) {
-  const std::vector<std::string> texts = texts_argument(value, name);
-  field.assign(texts.begin(), texts.end());
-}
+void assign(std::int64_t& field, nb::handle value, std::string_view name) { field = integer_argument(value, name); }
+void assign(bool& field, nb::handle value, std::string_view) { field = truth(value); }
+void assign(Value& field, nb::handle value, std::string_view name) { field = value_argument(value, name); }
+void assign(std::vector<Text>& field, nb::handle value, std::string_view name) { field = text_list_argument(value, name); }
 // Local paths are bytes of the file system and not texts.
-void assign(std::vector<std::string>& field, nb::handle value, const char* name) {
+void assign(std::vector<std::string>& field, nb::handle value, std::string_view name) {
   field.clear();
-  for (nb::handle path : nb::iter(value)) field.push_back(path_argument(path, name));
+  for (const nb::object& path : elements_of(value, name)) field.push_back(path_argument(path, name));
 }
 
 nb::object read(std::int64_t field) { return nb::int_(field); }
@@ -35,13 +33,13 @@ struct Field {
   const char* name;
   const char* type;
   nb::object (*get)(const SyncResult&);
-  void (*set)(SyncResult&, nb::handle, const char* name);
+  void (*set)(SyncResult&, nb::handle, std::string_view name);
 };
 
 template <auto MEMBER>
 constexpr Field field(const char* name, const char* type) {
   return {name, type, [](const SyncResult& result) { return read(result.*MEMBER); },
-          [](SyncResult& result, nb::handle value, const char* label) { assign(result.*MEMBER, value, label); }};
+          [](SyncResult& result, nb::handle value, std::string_view label) { assign(result.*MEMBER, value, label); }};
 }
 
 constexpr Field FIELDS[] = {
@@ -66,15 +64,6 @@ constexpr Field FIELDS[] = {
     field<&SyncResult::feature_budget_bytes>("feature_budget_bytes", "int | None"),
 };
 
-nb::object make_dataclass(nb::module_& module, const char* name, const nb::list& fields, const char* documentation) {
-  nb::dict members;
-  members["__doc__"] = documentation;
-  nb::object made = nb::module_::import_("dataclasses")
-                        .attr("make_dataclass")(name, fields, nb::arg("namespace") = members, nb::arg("module") = "brackenfen.sync");
-  module.attr(name) = made;
-  return made;
-}
-
 }  // namespace
 
 nb::object sync_result_to_python(const SyncResult& result) {
@@ -85,7 +74,8 @@ nb::object sync_result_to_python(const SyncResult& result) {
 
 SyncResult sync_result_argument(nb::handle object) {
   SyncResult result;
-  for (const Field& field : FIELDS) field.set(result, object.attr(field.name), field.name);
+  for (const Field& field : FIELDS)
+    field.set(result, required_attribute(object, field.name, "result"), std::string("result.") + field.name);
   return result;
 }
 
@@ -98,14 +88,15 @@ nb::object verify_result_to_python(const VerifyResult& result) {
 }
 
 void bind_results(nb::module_& module) {
-  nb::list fields;
+  std::vector<DataclassField> fields;
   const SyncResult empty{};
-  for (const Field& field : FIELDS) fields.append(nb::make_tuple(field.name, field.type, field.get(empty)));
+  for (const Field& field : FIELDS) fields.push_back({field.name, field.type, field.get(empty)});
   sync_result_class =
       make_dataclass(module, "SyncResult", fields,
                      "What a sync came to. Every field has a default.\n\n"
                      "bytes_downloaded counts whole files, resumed bytes included. Relative paths are those of the manifest;\n"
-                     "found_pnl_paths_downloaded holds local paths.")
+                     "found_pnl_paths_downloaded holds local paths.",
+                     Mutability::Mutable)
           .release()
           .ptr();
 
@@ -113,12 +104,13 @@ void bind_results(nb::module_& module) {
   const auto fresh_list = [make_field = nb::module_::import_("dataclasses").attr("field")] {
     return nb::object(make_field(nb::arg("default_factory") = nb::handle(reinterpret_cast<PyObject*>(&PyList_Type))));
   };
-  nb::list verify_fields;
-  verify_fields.append(nb::make_tuple("valid", "bool", true));
-  verify_fields.append(nb::make_tuple("corrupted_files", "list[str]", fresh_list()));
-  verify_fields.append(nb::make_tuple("missing_files", "list[str]", fresh_list()));
-  verify_result_class =
-      make_dataclass(module, "VerifyResult", verify_fields, "What an audit of the local files found, by relative path.").release().ptr();
+  verify_result_class = make_dataclass(module, "VerifyResult",
+                                       {{"valid", "bool", nb::bool_(true)},
+                                        {"corrupted_files", "list[str]", fresh_list()},
+                                        {"missing_files", "list[str]", fresh_list()}},
+                                       "What an audit of the local files found, by relative path.", Mutability::Mutable)
+                            .release()
+                            .ptr();
 }
 
 }  // namespace brackenfen::sync::python

@@ -32,7 +32,7 @@ ArtifactsRef artifacts_of(nb::handle manifest) {
 }
 
 nb::object budget_bytes(nb::handle settings) {
-  nb::object gigabytes = settings.attr("feature_budget_gb");
+  nb::object gigabytes = required_attribute(settings, "feature_budget_gb", "settings");
   if (gigabytes.is_none()) return gigabytes;
   nb::object full_download = full_download_sentinel();
   if (equal_objects(gigabytes, full_download)) return full_download;
@@ -42,13 +42,14 @@ nb::object budget_bytes(nb::handle settings) {
 }
 
 void apply_result_fields(nb::handle result, nb::handle given) {
-  const RotationSelection selection = selection_argument(given);
+  const RotationSelection selection = selection_argument(given, "selection");
+  static_cast<void>(required_attribute(result, "active_relative_paths", "result"));
   result.attr("active_relative_paths") = tuple_of_texts(selection.active_relative_paths);
   result.attr("mandatory_relative_paths") = tuple_of_texts(selection.mandatory_relative_paths);
   result.attr("skipped_relative_paths") = tuple_of_texts(selection.skipped_relative_paths);
   const auto integer_or_none = [&](const char* name) {
-    const nb::object value = given.attr(name);
-    return value.is_none() ? value : checked(PyNumber_Long(value.ptr()));
+    const nb::object value = required_attribute(given, name, "selection");
+    return value.is_none() ? value : whole_number(value, std::string("selection.") + name);
   };
   result.attr("rotation_seed") = integer_or_none("seed");
   result.attr("feature_budget_bytes") = integer_or_none("feature_budget_bytes");
@@ -66,7 +67,7 @@ nb::object next_at(nb::handle data_dir, nb::handle settings_payload) {
 bool is_due(nb::handle data_dir, nb::handle settings_payload, nb::handle active_state) {
   const std::string directory = path_argument(data_dir, "data_dir");
   const Value settings = settings_payload_argument(settings_payload);
-  const RotationStateRef state = rotation_state(active_state);
+  const RotationStateRef state = rotation_state_or_none(active_state, "active_state");
   const Seams seams = host_seams();
   return detached([&] { return _rotation_is_due(*seams.files, *seams.clock, directory, settings, state); });
 }
@@ -99,8 +100,7 @@ void bind_state_file(nb::module_& module) {
       "write_feature_rotation_state",
       [](nb::handle data_dir, nb::handle state) {
         const std::string directory = path_argument(data_dir, "data_dir");
-        const RotationStateRef given = rotation_state(state);
-        if (!given) throw TypeError("state must be a rotation state, not NoneType");
+        const RotationStateRef given = rotation_state_argument(state, "state");
         const Seams seams = host_seams();
         return path_to_python(
             detached([&] { return write_feature_rotation_state(*neighbours(), *seams.files, *seams.clock, directory, given); }));
@@ -113,7 +113,7 @@ void bind_state_file(nb::module_& module) {
   module.def(
       "_drop_retired_unsupported_runtime_paths_from_state",
       [](nb::handle state, nb::handle manifest) {
-        const RotationStateRef given = rotation_state(state);
+        const RotationStateRef given = rotation_state_or_none(state, "state");
         const RotationStateRef kept = _drop_retired_unsupported_runtime_paths_from_state(given, files_of(manifest));
         return kept == given ? nb::borrow(state) : rotation_state_to_python(kept);
       },
@@ -161,7 +161,7 @@ void bind_planning(nb::module_& module) {
   module.def(
       "_rotation_artifacts_require_scoped_settings",
       [](nb::handle artifacts) {
-        return _rotation_artifacts_require_scoped_settings({artifacts_argument(artifacts), nullptr});
+        return _rotation_artifacts_require_scoped_settings({artifacts_argument(artifacts, "artifacts"), nullptr});
       },
       any("artifacts"));
   module.def(
@@ -186,7 +186,8 @@ void bind_prefetched(nb::module_& module) {
   module.def(
       "_manifest_prefetched_feature_paths",
       [](nb::handle manifest, nb::handle paths) {
-        return tuple_of_texts(_manifest_prefetched_feature_paths(*neighbours(), files_of(manifest), loose_values_argument(paths, "paths")));
+        return tuple_of_texts(
+            _manifest_prefetched_feature_paths(*neighbours(), files_of(manifest), texts_or_nulls_argument(or_empty(paths), "paths")));
       },
       any("manifest"), any("paths"));
 }

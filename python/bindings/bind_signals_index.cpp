@@ -18,7 +18,7 @@ nb::object scrub(nb::handle data_dir, nb::handle manifest_data, nb::handle missi
   const std::string directory = path_argument(data_dir, "data_dir");
   Origins origins;
   const Document data = document_argument(manifest_data, "manifest_data", &origins);
-  const std::set<std::string> missing = text_set_argument(missing_paths, "missing_paths");
+  const std::set<std::string> missing = text_set_argument(or_empty(missing_paths), "missing_paths");
   const Seams seams = host_seams();
   const auto [kept, update] =
       detached([&] { return _scrub_missing_found_pnl_paths_from_signals_index(*seams.files, *seams.clock, directory, data, missing); });
@@ -40,12 +40,12 @@ void bind_signals_index(nb::module_& module) {
       [](nb::handle manifest) { return to_python(_manifest_signals_index_path(*manifest_argument(manifest))); }, any("manifest"));
   module.def(
       "_manifest_data_signals_index_path",
-      [](nb::handle manifest_data) { return to_python(_manifest_data_signals_index_path(loose_value(manifest_data))); },
+      [](nb::handle manifest_data) { return to_python(_manifest_data_signals_index_path(any_value(manifest_data, "manifest_data"))); },
       any("manifest_data"));
   module.def(
       "_apply_manifest_signals_index",
       [](nb::handle manifest, nb::handle index_data) {
-        const Value index = loose_value(index_data);
+        const Value index = any_value(index_data, "index_data");
         ManifestInOut(manifest).run([&](Manifest& record) { _apply_manifest_signals_index(record, index); });
       },
       any("manifest"), any("index_data"));
@@ -59,7 +59,8 @@ void bind_signals_index(nb::module_& module) {
   module.def("_load_manifest_signals_index", load, any("data_dir"), any("manifest"), nb::arg("fallback_data_dir") = nb::none());
   module.def(
       "_membership_referenced_files",
-      [](nb::handle membership) { return set_of_texts(_membership_referenced_files(loose_value(membership))); }, any("membership"));
+      [](nb::handle membership) { return set_of_texts(_membership_referenced_files(any_value(membership, "membership"))); },
+      any("membership"));
   module.def("_scrub_missing_found_pnl_paths_from_signals_index", scrub, any("data_dir"), any("manifest_data"), any("missing_paths"));
   module.def(
       "_validate_membership_referenced_found_pnl_kinds",

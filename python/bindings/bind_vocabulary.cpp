@@ -6,19 +6,13 @@ namespace {
 
 std::shared_ptr<NeighbourSet> neighbours() { return host_neighbours().bind(); }
 
-/// A value that counts by its text where it is anything else.
-Value value_or_text(nb::handle object) {
-  const Value value = loose_value(object);
-  return value.is_null() && !object.is_none() ? Value(text_form(object)) : value;
-}
-
 void bind_paths_of_vocabularies(nb::module_& module) {
   module.def(
       "_validate_named_universe",
       [](nb::handle named_universe) { return to_python(_validate_named_universe(value_or_text(named_universe))); }, any("named_universe"));
   module.def(
       "_vocabulary_named_universe_from_path",
-      [](nb::handle file_path) { return to_python(_vocabulary_named_universe_from_path(*neighbours(), loose_value(file_path))); },
+      [](nb::handle file_path) { return to_python(_vocabulary_named_universe_from_path(*neighbours(), text_or_null(file_path))); },
       any("file_path"));
   module.def(
       "_vocabulary_manifest_paths",
@@ -38,7 +32,8 @@ void bind_tokens(nb::module_& module) {
         return to_python(*name);
       });
   module.def(
-      "_iter_vocabulary_entry_names", [](nb::handle value) { return _iter_vocabulary_entry_names(loose_value(value)); }, any("value"));
+      "_iter_vocabulary_entry_names", [](nb::handle value) { return _iter_vocabulary_entry_names(any_value(value, "value")); },
+      any("value"));
   module.def(
       "_is_retired_function_token_name",
       [](nb::handle name) {
@@ -65,7 +60,7 @@ void bind_validation(nb::module_& module) {
   module.def(
       "_validate_vocabulary_data",
       [](nb::handle vocabulary, nb::handle expected_era_number, nb::handle named_universe) {
-        const Value data = loose_value(vocabulary);
+        const Value data = any_value(vocabulary, "vocabulary");
         const Value era = value_argument(expected_era_number, "expected_era_number");
         const Value universe = value_or_text(named_universe);
         return to_python(detached([&] { return _validate_vocabulary_data(*neighbours(), data, era, universe); }));
@@ -115,7 +110,8 @@ void bind_vocabulary(nb::module_& module) {
   add_directory_validation(module, "_validate_manifest_vocabulary_files", _validate_manifest_vocabulary_files);
   module.def(
       "_first_vocabulary_metadata",
-      [](nb::handle vocabularies) { return to_python(_first_vocabulary_metadata(loose_value(vocabularies))); }, any("vocabularies"));
+      [](nb::handle vocabularies) { return to_python(_first_vocabulary_metadata(any_value(vocabularies, "vocabularies"))); },
+      any("vocabularies"));
 }
 
 }  // namespace brackenfen::sync::python

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "python/adapters/neighbours_host.hpp"
+#include "python/conversion/arguments.hpp"
 #include "python/conversion/errors.hpp"
 #include "python/conversion/values.hpp"
 #include "python/interpreter/gate.hpp"
@@ -44,14 +45,16 @@ auto detached(Work&& work) {
   return std::forward<Work>(work)();
 }
 
+/// Document of a manifest. Throws TypeError for None, as for what is no value at all, and AttributeError for another
+/// value that has no keys to look up.
+[[nodiscard]] Document manifest_document(nb::handle object, const char* name, Origins* origins = nullptr);
+
 /// Applies a filter of the core to a document of Python: what the filter passes through, the document itself
-/// included, comes back as the very object it was. Throws AttributeError for an object that is no mapping.
+/// included, comes back as the very object it was.
 template <typename Filter>
 nb::object filtered(nb::handle object, const char* name, Filter&& filter) {
   Origins origins;
-  const Value given = value_argument(object, name, &origins);
-  if (!given.is_document()) throw AttributeError(std::string(name) + " is no mapping");
-  const Document& document = *given.if_document();
+  const Document document = manifest_document(object, name, &origins);
   const Document result = detached([&] { return filter(document); });
   return result.same_as(document) ? nb::borrow(object) : to_python(result, &origins);
 }
@@ -114,7 +117,7 @@ class ManifestInOut {
 [[nodiscard]] Value files_of(nb::handle manifest);
 /// A text, or the `value` of a member of an enumeration.
 [[nodiscard]] Value expression_type_argument(nb::handle expression_type);
-/// The attribute `name` of any object, or null.
+/// The attribute `name` of any object; null where it has none, or one that is no value.
 [[nodiscard]] Value attribute_of(nb::handle manifest, const char* name);
 
 }  // namespace brackenfen::sync::python

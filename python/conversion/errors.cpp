@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "python/conversion/arguments.hpp"
 #include "python/conversion/values.hpp"
 #include "sync/neighbours/artifact_rotation.hpp"
 #include "sync/neighbours/auth.hpp"
@@ -99,16 +100,9 @@ constexpr NamedClass NAMED_CLASSES[] = {
 
 /// A field as the core prints and reads it: any object that is no JSON value counts by its text.
 Value printable(nb::handle object) {
-  try {
-    return value_argument(object, "field");
-  } catch (const Error&) {
-    return text_form(object);
-  }
-}
-
-Value printable_list(nb::handle list) {
+  if (!PyList_Check(object.ptr())) return value_or_text(object);
   std::vector<Value> elements;
-  for (nb::handle element : nb::iter(list)) elements.push_back(printable(element));
+  for (const nb::object& element : elements_of(object, "field")) elements.push_back(value_or_text(element));
   return List(std::move(elements));
 }
 
@@ -127,7 +121,7 @@ Document read_fields(nb::handle exception, std::span<const char* const> names) {
       PyErr_Clear();
       continue;
     }
-    members.push_back({name, PyList_Check(value.ptr()) ? printable_list(value) : printable(value)});
+    members.push_back({name, printable(value)});
   }
   return Document(std::move(members));
 }
@@ -155,7 +149,12 @@ void init_too_large(nb::handle self, nb::object mandatory_bytes, nb::object avai
   self.attr("selected_paths") = selected_paths;
 }
 
-nb::object list_copy(nb::handle list) { return truth(list) ? checked(PySequence_List(list.ptr())) : nb::object(nb::list()); }
+nb::object list_copy(nb::handle list, std::string_view name) {
+  nb::list copy;
+  if (!truth(list)) return copy;
+  for (const nb::object& element : elements_of(list, name)) copy.append(element);
+  return copy;
+}
 
 std::string unavailable_message(nb::handle self) { return SyncUnavailableError::_build_message(read_fields(self, UNAVAILABLE_FIELDS)); }
 
@@ -166,9 +165,9 @@ void init_unavailable(nb::handle self, nb::object url, nb::object attempts, nb::
   const std::string url_text = truth(url) ? text_form(url) : std::string();
   self.attr("url") = to_python(url_text);
   self.attr("endpoint") = to_python(_sync_endpoint_from_url(url_text));
-  self.attr("attempts") = checked(PyNumber_Long(attempts.ptr()));
-  self.attr("statuses") = list_copy(statuses);
-  self.attr("failures") = list_copy(failures);
+  self.attr("attempts") = whole_number(attempts, "attempts");
+  self.attr("statuses") = list_copy(statuses, "statuses");
+  self.attr("failures") = list_copy(failures, "failures");
   self.attr("server_error_code") = server_error_code;
   self.attr("dependency") = dependency;
   self.attr("retryable") = retryable;

@@ -3,6 +3,8 @@
 #include <unordered_set>
 #include <utility>
 
+#include "python/conversion/arguments.hpp"
+#include "python/conversion/dataclasses.hpp"
 #include "python/conversion/errors.hpp"
 #include "python/conversion/values.hpp"
 #include "sync/neighbours/rotation_state.hpp"
@@ -57,43 +59,25 @@ nb::object selection_to_python(const RotationSelection& selection) {
               to_python(selection.mandatory_bytes), to_python(selection.feature_budget_bytes), to_python(selection.seed));
 }
 
-std::vector<Text> relative_paths_of(nb::handle selection, const char* name) {
-  const nb::object artifacts = selection.attr(name);
-  require_collection(artifacts, name);
+/// The paths of the descriptors in one attribute of the object called `name`.
+std::vector<Text> relative_paths_of(nb::handle given, const char* attribute, const std::string& name) {
+  const std::string label = name + '.' + attribute;
   std::vector<Text> paths;
-  for (nb::handle artifact : nb::iter(artifacts)) paths.emplace_back(text_form(artifact.attr("relative_path")));
+  for (const nb::object& artifact : elements_of(required_attribute(given, attribute, name), label))
+    paths.emplace_back(text_form(required_attribute(artifact, "relative_path", label)));
   return paths;
 }
 
-std::vector<Text> active_paths_of(nb::handle record, Reading reading = Reading::Once) {
-  const char* const name = "active_relative_paths";
-  const nb::object paths = record.attr(name);
-  require_collection(paths, name, reading);
-  return text_list_argument(paths, name);
+std::vector<Text> active_paths_of(nb::handle record, std::string_view name, Reading reading = Reading::Once) {
+  const std::string label = std::string(name) + ".active_relative_paths";
+  const nb::object paths = required_attribute(record, "active_relative_paths", name);
+  require_collection(paths, label, reading);
+  return text_list_argument(paths, label);
 }
 
-/// One field of a dataclass: a name, a type and, where it has one, a default.
-struct Field {
-  const char* name;
-  const char* type;
-  nb::object otherwise = {};
-};
-
-PyObject* make_record(nb::module_& module, const char* name, const std::vector<Field>& fields, const char* documentation,
+PyObject* make_record(nb::module_& module, const char* name, const std::vector<DataclassField>& fields, const char* documentation,
                       const nb::dict& members = nb::dict()) {
-  nb::list given;
-  for (const Field& field : fields) {
-    given.append(field.otherwise.is_valid() ? nb::make_tuple(field.name, field.type, field.otherwise)
-                                            : nb::make_tuple(field.name, field.type));
-  }
-  nb::dict namespace_members;
-  namespace_members.update(members);
-  namespace_members["__doc__"] = documentation;
-  nb::object made = nb::module_::import_("dataclasses")
-                        .attr("make_dataclass")(name, given, nb::arg("namespace") = namespace_members,
-                                                nb::arg("module") = "brackenfen.sync", nb::arg("frozen") = true);
-  module.attr(name) = made;
-  return made.release().ptr();
+  return make_dataclass(module, name, fields, documentation, Mutability::Frozen, members).release().ptr();
 }
 
 }  // namespace
@@ -101,26 +85,6 @@ PyObject* make_record(nb::module_& module, const char* name, const std::vector<F
 nb::object object_of(const OwnRecordRef& own) {
   const HostObject* host = host_object(own);
   return host == nullptr ? nb::object() : nb::borrow(host->object());
-}
-
-nb::object attribute_or_none(nb::handle object, const char* name) {
-  nb::object value = nb::steal(PyObject_GetAttrString(object.ptr(), name));
-  if (value.is_valid()) return value;
-  if (PyErr_ExceptionMatches(PyExc_AttributeError) == 0) throw nb::python_error();
-  PyErr_Clear();
-  return nb::none();
-}
-
-void require_collection(nb::handle given, const char* name, Reading reading) {
-  const bool is_text = PyUnicode_Check(given.ptr()) || PyBytes_Check(given.ptr());
-  const bool ends = reading == Reading::Again && PyIter_Check(given.ptr()) != 0;
-  if (!given.is_none() && !is_text && !ends && PyObject_HasAttrString(given.ptr(), "__iter__") != 0) return;
-  throw TypeError(std::string(name) + " must be a collection, not " + text_form(given.type().attr("__name__")));
-}
-
-std::vector<Text> text_list_argument(nb::handle iterable, const char* name) {
-  const std::vector<std::string> texts = texts_argument(iterable, name);
-  return {texts.begin(), texts.end()};
 }
 
 // ---- states ----------------------------------------------------------------------------------------------
@@ -132,16 +96,16 @@ class HostRotationState : public RotationState, public HostObject {
  public:
   using HostObject::HostObject;
   std::vector<Text> active_relative_paths() const override {
-    return call_python([&] { return active_paths_of(object(), Reading::Again); });
+    return call_python([&] { return active_paths_of(object(), "rotation_state", Reading::Again); });
   }
   Value generation() const override {
-    return call_python([&] { return value_argument(object().attr("generation"), "generation"); });
+    return call_python([&] { return value_argument(field("generation"), "rotation_state.generation"); });
   }
   Value seed() const override {
-    return call_python([&] { return value_argument(object().attr("seed"), "seed"); });
+    return call_python([&] { return value_argument(field("seed"), "rotation_state.seed"); });
   }
   std::string rng_state() const override {
-    return call_python([&] { return text_form(object().attr("rng_state")); });
+    return call_python([&] { return text_form(field("rng_state")); });
   }
   bool equals(const RotationState& other) const override {
     return call_python([&] {
@@ -163,15 +127,18 @@ class HostRotationState : public RotationState, public HostObject {
       return rotation_state(copy);
     });
   }
+
+ private:
+  [[nodiscard]] nb::object field(const char* name) const { return required_attribute(object(), name, "rotation_state"); }
 };
 
-RotationStateRef builtin_state_of(nb::handle record) {
+RotationStateRef builtin_state_of(nb::handle record, std::string_view name) {
   auto state = std::make_shared<BuiltinRotationState>();
-  state->active_paths = active_paths_of(record);
-  state->generation_number = value_argument(record.attr("generation"), "generation");
-  state->seed_number = value_argument(record.attr("seed"), "seed");
+  state->active_paths = active_paths_of(record, name);
+  state->generation_number = value_argument(record.attr("generation"), "rotation_state.generation");
+  state->seed_number = value_argument(record.attr("seed"), "rotation_state.seed");
   state->generator = text_form(record.attr("rng_state"));
-  state->rotated_at = value_argument(record.attr("rotated_at"), "rotated_at");
+  state->rotated_at = value_argument(record.attr("rotated_at"), "rotation_state.rotated_at");
   return state;
 }
 
@@ -179,8 +146,18 @@ RotationStateRef builtin_state_of(nb::handle record) {
 
 RotationStateRef rotation_state(nb::handle object) {
   if (object.is_none()) return nullptr;
-  if (object.type().ptr() == records.state) return builtin_state_of(object);
+  if (object.type().ptr() == records.state) return builtin_state_of(object, "rotation_state");
   return std::make_shared<HostRotationState>(object);
+}
+
+RotationStateRef rotation_state_argument(nb::handle object, std::string_view name) {
+  if (object.type().ptr() == records.state) return builtin_state_of(object, name);
+  static_cast<void>(active_paths_of(object, name, Reading::Again));
+  return std::make_shared<HostRotationState>(object);
+}
+
+RotationStateRef rotation_state_or_none(nb::handle object, std::string_view name) {
+  return object.is_none() ? nullptr : rotation_state_argument(object, name);
 }
 
 nb::object rotation_state_to_python(const RotationStateRef& state) {
@@ -198,7 +175,7 @@ ArtifactDescriptor artifact_argument(nb::handle descriptor) {
   artifact.relative_path = text_attribute(descriptor, "relative_path");
   artifact.kind = text_attribute(descriptor, "kind");
   artifact.artifact_kind = text_attribute(descriptor, "artifact_kind");
-  artifact.size_bytes = loose_value(attribute_or_none(descriptor, "size_bytes"));
+  artifact.size_bytes = value_argument(attribute_or_none(descriptor, "size_bytes"), "size_bytes");
   artifact.mandatory = truth(attribute_or_none(descriptor, "mandatory"));
   artifact.market = text_attribute(descriptor, "market");
   artifact.named_universe = text_attribute(descriptor, "named_universe");
@@ -207,9 +184,9 @@ ArtifactDescriptor artifact_argument(nb::handle descriptor) {
   return artifact;
 }
 
-std::vector<ArtifactDescriptor> artifacts_argument(nb::handle descriptors) {
+std::vector<ArtifactDescriptor> artifacts_argument(nb::handle descriptors, std::string_view name) {
   std::vector<ArtifactDescriptor> artifacts;
-  for (nb::handle descriptor : nb::iter(descriptors)) artifacts.push_back(artifact_argument(descriptor));
+  for (const nb::object& descriptor : elements_of(descriptors, name)) artifacts.push_back(artifact_argument(descriptor));
   return artifacts;
 }
 
@@ -220,25 +197,27 @@ nb::object artifacts_to_python(const Artifacts& artifacts) {
   return checked(PyList_AsTuple(descriptors.ptr()));
 }
 
-RotationSelection selection_argument(nb::handle given) {
+RotationSelection selection_argument(nb::handle given, std::string_view name) {
+  const std::string prefix(name);
   RotationSelection selection;
-  selection.active_relative_paths = active_paths_of(given);
-  selection.mandatory_relative_paths = relative_paths_of(given, "mandatory_artifacts");
+  selection.active_relative_paths = active_paths_of(given, name);
+  selection.mandatory_relative_paths = relative_paths_of(given, "mandatory_artifacts", prefix);
   TextSet active;
   active.insert(selection.active_relative_paths.begin(), selection.active_relative_paths.end());
-  for (Text& path : relative_paths_of(given, "eligible_artifacts")) {
+  for (Text& path : relative_paths_of(given, "eligible_artifacts", prefix)) {
     if (!contains(active, path)) selection.skipped_relative_paths.push_back(std::move(path));
   }
   const nb::object mandatory_bytes = attribute_or_none(given, "mandatory_bytes");
-  selection.mandatory_bytes = mandatory_bytes.is_none() ? Value(0) : value_argument(mandatory_bytes, "mandatory_bytes");
-  selection.feature_budget_bytes = value_argument(attribute_or_none(given, "feature_budget_bytes"), "feature_budget_bytes");
-  selection.seed = value_argument(attribute_or_none(given, "seed"), "seed");
+  selection.mandatory_bytes = mandatory_bytes.is_none() ? Value(0) : value_argument(mandatory_bytes, prefix + ".mandatory_bytes");
+  selection.feature_budget_bytes = value_argument(attribute_or_none(given, "feature_budget_bytes"), prefix + ".feature_budget_bytes");
+  selection.seed = value_argument(attribute_or_none(given, "seed"), prefix + ".seed");
   selection.own = own_record(given);
   return selection;
 }
 
-RotationPlan plan_argument(nb::handle given) {
-  return {selection_argument(given.attr("selection")), rotation_state(given.attr("candidate_state")), own_record(given)};
+RotationPlan plan_argument(nb::handle given, std::string_view name) {
+  return {selection_argument(required_attribute(given, "selection", name), std::string(name) + ".selection"),
+          rotation_state(required_attribute(given, "candidate_state", name)), own_record(given)};
 }
 
 nb::object plan_to_python(const RotationPlan& plan) {
@@ -256,13 +235,12 @@ nb::object loaded_settings_to_python(const LoadedRotationSettings& settings) {
 }
 
 Value settings_payload_argument(nb::handle payload) {
-  if (!is_mapping(payload)) return loose_value(payload);
+  if (!is_mapping(payload)) return {};
   std::vector<Member> members;
-  const nb::object items = checked(PyMapping_Items(payload.ptr()));
-  for (nb::handle item : nb::iter(items)) {
-    const nb::object value = item[1];
-    const std::string key = text_form(item[0]);
-    members.push_back({key, key == "rotation_frequency" && truth(value) ? Value(text_form(value)) : loose_value(value)});
+  for (const Item& item : mapping_items(payload, "settings_payload")) {
+    const std::string key = text_form(item.key);
+    const bool by_its_text = key == "rotation_frequency" && truth(item.value);
+    members.push_back({key, by_its_text ? Value(text_form(item.value)) : value_or_text(item.value)});
   }
   return Document(std::move(members));
 }

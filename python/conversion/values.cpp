@@ -1,7 +1,9 @@
 #include "python/conversion/values.hpp"
 
 #include <array>
+#include <utility>
 
+#include "python/conversion/arguments.hpp"
 #include "sync/base/error.hpp"
 #include "sync/base/values/json.hpp"
 
@@ -11,20 +13,6 @@ namespace {
 /// Decimal text and Python integers are converted in blocks of this many digits: Python refuses more than
 /// 4,300 at once.
 constexpr std::size_t BLOCK_DIGITS = 4000;
-
-std::string class_name(nb::handle object) { return text_form(object.type().attr("__name__")); }
-
-[[noreturn]] void refuse(const char* name, const std::string& expected, nb::handle object) {
-  throw TypeError(std::string(name) + " must be " + expected + ", not " + class_name(object));
-}
-
-/// The same after a conversion that failed in Python. What else an object's own conversion raised goes on.
-[[noreturn]] void refuse_or_raise(const char* name, const std::string& expected, nb::handle object) {
-  const nb::python_error raised;
-  for (PyObject* unconvertible : {PyExc_TypeError, PyExc_OverflowError, PyExc_BufferError})
-    if (raised.matches(unconvertible)) refuse(name, expected, object);
-  throw nb::python_error(raised);
-}
 
 /// Enters one level of recursion, as Python counts them.
 class Level {
@@ -37,18 +25,11 @@ class Level {
   ~Level() { Py_LeaveRecursiveCall(); }
 };
 
-Text text_of(nb::handle text) {
-  Py_ssize_t size = 0;
-  if (const char* bytes = PyUnicode_AsUTF8AndSize(text.ptr(), &size)) return std::string_view(bytes, static_cast<std::size_t>(size));
-  PyErr_Clear();
-  const nb::object bytes = checked(PyUnicode_AsEncodedString(text.ptr(), "utf-8", "surrogatepass"));
-  return std::string_view(PyBytes_AsString(bytes.ptr()), static_cast<std::size_t>(PyBytes_Size(bytes.ptr())));
-}
-
 nb::object power_of_ten(std::size_t exponent) { return checked(PyNumber_Power(nb::int_(10).ptr(), nb::int_(exponent).ptr(), Py_None)); }
 
 /// Decimal text of an integer of any size.
-std::string decimal_of(nb::handle integer) {
+std::string decimal_of(nb::handle given) {
+  const nb::object integer = checked(PyNumber_Index(given.ptr()));  // a subclass may print itself as it likes
   if (const nb::object text = nb::steal(PyObject_Str(integer.ptr())); text.is_valid()) return text_form(text);
   PyErr_Clear();
   nb::object rest = checked(PyNumber_Absolute(integer.ptr()));
@@ -81,10 +62,17 @@ nb::object integer_from(std::string_view decimal) {
   return negative ? checked(PyNumber_Negative(result.ptr())) : result;
 }
 
+/// Whether it is a value itself, whatever it holds.
+bool is_value(nb::handle object) {
+  PyObject* const raw = object.ptr();
+  return raw == Py_None || PyUnicode_Check(raw) || PyFloat_Check(raw) || PyIndex_Check(raw) != 0 || PyList_Check(raw) ||
+         PyTuple_Check(raw) || is_mapping(object);
+}
+
 /// One conversion of one argument.
 class Reader {
  public:
-  Reader(const char* name, Origins* origins) : name_(name), origins_(origins) {}
+  Reader(std::string_view name, Origins* origins) : name_(name), origins_(origins) {}
 
   Value read(nb::handle object) {
     PyObject* const raw = object.ptr();
@@ -100,27 +88,13 @@ class Reader {
   }
 
   Document document(nb::handle object) {
-    if (!is_mapping(object)) refuse(name_, "a mapping", object);
     const Nesting nesting(*this);
+    const std::vector<Item> items = mapping_items(object, name_);
     std::vector<Member> members;
-    if (PyDict_CheckExact(object.ptr())) {
-      members.reserve(static_cast<std::size_t>(PyDict_Size(object.ptr())));
-      PyObject* key = nullptr;
-      PyObject* item = nullptr;
-      Py_ssize_t position = 0;
-      while (PyDict_Next(object.ptr(), &position, &key, &item) != 0) {
-        // Owned for the moment: converting a foreign mapping runs Python code, which may change the dict.
-        const nb::object owned_key = nb::borrow(key);
-        const nb::object owned_item = nb::borrow(item);
-        members.push_back({this->key(owned_key), read(owned_item)});
-      }
-    } else {
-      // Any other mapping tells its own order.
-      const nb::object items = checked(PyMapping_Items(object.ptr()));
-      for (nb::handle pair : nb::borrow<nb::list>(items)) members.push_back({key(pair[0]), read(pair[1])});
-    }
+    members.reserve(items.size());
+    for (const Item& item : items) members.push_back({key(item.key), read(item.value)});
     Document result(std::move(members));
-    if (origins_ != nullptr && !result.empty()) origins_->remember(result.begin(), object.ptr());
+    if (origins_ != nullptr) origins_->remember(result, object);
     return result;
   }
 
@@ -153,16 +127,17 @@ class Reader {
 
   List list(nb::handle object) {
     const Nesting nesting(*this);
+    const nb::object snapshot = checked(PySequence_Tuple(object.ptr()));
+    const Py_ssize_t size = PyTuple_Size(snapshot.ptr());
     std::vector<Value> elements;
-    const Py_ssize_t size = PySequence_Size(object.ptr());
-    elements.reserve(static_cast<std::size_t>(std::max<Py_ssize_t>(size, 0)));
-    for (nb::handle element : nb::iter(object)) elements.push_back(read(element));
+    elements.reserve(static_cast<std::size_t>(size));
+    for (Py_ssize_t index = 0; index < size; ++index) elements.push_back(read(PyTuple_GetItem(snapshot.ptr(), index)));
     List result(std::move(elements));
-    if (origins_ != nullptr && !result.empty()) origins_->remember(result.begin(), object.ptr());
+    if (origins_ != nullptr) origins_->remember(result, object);
     return result;
   }
 
-  const char* name_;
+  std::string_view name_;
   Origins* origins_;
   int depth_ = 0;
 };
@@ -251,21 +226,31 @@ nb::object checked(PyObject* object) {
   return nb::steal(object);
 }
 
-PyObject* Origins::find(const void* node) const noexcept {
-  const auto found = objects_.find(node);
-  return found == objects_.end() ? nullptr : found->second;
+void Origins::add(const void* address, Value node, nb::handle object) {
+  // An empty container has no address of its own, and one that a repeated key dropped is gone.
+  if (address != nullptr) origins_.insert_or_assign(address, Origin{std::move(node), nb::borrow(object)});
 }
 
-Value value_argument(nb::handle object, const char* name, Origins* origins) { return Reader(name, origins).read(object); }
+PyObject* Origins::find(const void* node) const noexcept {
+  const auto found = origins_.find(node);
+  return found == origins_.end() ? nullptr : found->second.object.ptr();
+}
 
-Document document_argument(nb::handle object, const char* name, Origins* origins) { return Reader(name, origins).document(object); }
+// ---- Python to core --------------------------------------------------------------------------------------
 
-Value loose_value(nb::handle object) {
+Value value_argument(nb::handle object, std::string_view name, Origins* origins) { return Reader(name, origins).read(object); }
+
+Document document_argument(nb::handle object, std::string_view name, Origins* origins) { return Reader(name, origins).document(object); }
+
+Value any_value(nb::handle object, std::string_view name, Origins* origins) {
+  return is_value(object) ? value_argument(object, name, origins) : Value();
+}
+
+Value value_or_text(nb::handle object) {
   try {
     return value_argument(object, "value");
-  } catch (const Error& error) {
-    if (error.is(error_class::TypeError)) return {};
-    throw;
+  } catch (const Error&) {
+    return text_form(object);
   }
 }
 
@@ -277,91 +262,47 @@ bool is_mapping(nb::handle object) {
   return answer == 1;
 }
 
-std::string text_argument(nb::handle object, const char* name) {
-  if (!PyUnicode_Check(object.ptr())) refuse(name, "a str", object);
-  return text_of(object).str();
+std::vector<Item> mapping_items(nb::handle mapping, std::string_view name) {
+  if (!PyDict_CheckExact(mapping.ptr())) {
+    if (!is_mapping(mapping)) refuse(name, "a mapping", mapping);
+    // Any mapping but a plain dict tells its own order, and may make its values when it is asked.
+    return items_of_pairs(checked(PyMapping_Items(mapping.ptr())), name);
+  }
+  std::vector<Item> items;
+  items.reserve(static_cast<std::size_t>(PyDict_Size(mapping.ptr())));
+  PyObject* key = nullptr;
+  PyObject* value = nullptr;
+  // No code of Python's runs in this loop, hence no other thread's either.
+  for (Py_ssize_t position = 0; PyDict_Next(mapping.ptr(), &position, &key, &value) != 0;)
+    items.push_back({nb::borrow(key), nb::borrow(value)});
+  return items;
 }
 
-std::string path_argument(nb::handle object, const char* name) {
-  nb::object path = nb::steal(PyOS_FSPath(object.ptr()));
-  if (!path.is_valid()) refuse_or_raise(name, "a str or os.PathLike", object);
-  if (PyUnicode_Check(path.ptr())) path = checked(PyUnicode_EncodeFSDefault(path.ptr()));
-  std::string bytes(PyBytes_AsString(path.ptr()), static_cast<std::size_t>(PyBytes_Size(path.ptr())));
-  if (bytes.find('\0') != std::string::npos) throw ValueError(std::string(name) + " holds a null byte");
-  return bytes;
+std::vector<Item> items_of_pairs(nb::handle pairs, std::string_view name) {
+  std::vector<Item> items;
+  for (const nb::object& given : elements_of(pairs, name)) {
+    const nb::object pair = nb::steal(PySequence_Tuple(given.ptr()));
+    if (!pair.is_valid() && PyErr_ExceptionMatches(PyExc_TypeError) == 0) throw nb::python_error();
+    PyErr_Clear();
+    if (!pair.is_valid() || PyTuple_Size(pair.ptr()) != 2) refuse(name, "a mapping whose items are pairs", given);
+    items.push_back({nb::borrow(PyTuple_GetItem(pair.ptr(), 0)), nb::borrow(PyTuple_GetItem(pair.ptr(), 1))});
+  }
+  return items;
 }
 
-std::int64_t integer_argument(nb::handle object, const char* name) {
-  const nb::object index = nb::steal(PyNumber_Index(object.ptr()));
-  if (!index.is_valid()) refuse_or_raise(name, "an int", object);
-  int overflow = 0;
-  const long long number = PyLong_AsLongLongAndOverflow(index.ptr(), &overflow);
-  if (overflow != 0) throw OverflowError(std::string(name) + " does not fit 64 bits");
-  return number;
-}
-
-double real_argument(nb::handle object, const char* name) {
-  const double number = PyFloat_AsDouble(object.ptr());
-  if (number == -1.0 && PyErr_Occurred() != nullptr) refuse_or_raise(name, "a float", object);
-  return number;
-}
-
-bool truth(nb::handle object) {
-  const int answer = PyObject_IsTrue(object.ptr());
-  if (answer < 0) throw nb::python_error();
-  return answer == 1;
-}
-
-nb::object mapping_item(nb::handle mapping, const char* key) {
-  nb::object found = nb::steal(PyMapping_GetItemString(mapping.ptr(), key));
-  if (found.is_valid()) return found;
-  if (PyErr_ExceptionMatches(PyExc_KeyError) == 0) throw nb::python_error();
+Text text_of(nb::handle text) {
+  Py_ssize_t size = 0;
+  if (const char* bytes = PyUnicode_AsUTF8AndSize(text.ptr(), &size)) return std::string_view(bytes, static_cast<std::size_t>(size));
   PyErr_Clear();
-  return nb::none();
+  const nb::object bytes = checked(PyUnicode_AsEncodedString(text.ptr(), "utf-8", "surrogatepass"));
+  return std::string_view(PyBytes_AsString(bytes.ptr()), static_cast<std::size_t>(PyBytes_Size(bytes.ptr())));
 }
 
 std::string text_form(nb::handle object) {
   return text_of(PyUnicode_CheckExact(object.ptr()) ? nb::borrow(object) : checked(PyObject_Str(object.ptr()))).str();
 }
 
-namespace {
-template <typename Take>
-void each(nb::handle iterable, const char* name, Take take) {
-  if (iterable.is_none()) return;
-  const nb::object iterator = nb::steal(PyObject_GetIter(iterable.ptr()));
-  if (!iterator.is_valid()) refuse_or_raise(name, "an iterable", iterable);
-  while (PyObject* element = PyIter_Next(iterator.ptr())) take(nb::steal(element));
-  if (PyErr_Occurred() != nullptr) throw nb::python_error();
-}
-}  // namespace
-
-std::vector<std::string> texts_argument(nb::handle iterable, const char* name) {
-  std::vector<std::string> texts;
-  each(iterable, name, [&](const nb::object& element) { texts.push_back(text_form(element)); });
-  return texts;
-}
-
-std::vector<Value> values_argument(nb::handle iterable, const char* name) {
-  std::vector<Value> values;
-  each(iterable, name, [&](const nb::object& element) { values.emplace_back(text_form(element)); });
-  return values;
-}
-
-std::vector<Value> loose_values_argument(nb::handle iterable, const char* name) {
-  std::vector<Value> values;
-  each(iterable, name, [&](const nb::object& element) { values.push_back(loose_value(element)); });
-  return values;
-}
-
-std::set<std::string> text_set_argument(nb::handle iterable, const char* name) {
-  std::set<std::string> texts;
-  each(iterable, name, [&](const nb::object& element) { texts.insert(text_form(element)); });
-  return texts;
-}
-
-BytesArgument::BytesArgument(nb::handle object, const char* name) {
-  if (PyObject_GetBuffer(object.ptr(), &buffer_, PyBUF_SIMPLE) != 0) refuse_or_raise(name, "bytes-like", object);
-}
+// ---- core to Python --------------------------------------------------------------------------------------
 
 nb::object to_python(const Value& value, const Origins* origins) { return Writer(origins).write(value); }
 nb::object to_python(const Document& document, const Origins* origins) { return Writer(origins).write(document); }

@@ -1,11 +1,8 @@
-// Values between Python and the core, and the arguments of bound functions.
-//
-// Attached threads only. An argument that does not convert is a TypeError that names it.
+// Values between Python and the core. Attached threads only.
 #pragma once
 
 #include <cstdint>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -18,59 +15,54 @@
 namespace brackenfen::sync::python {
 
 /// Which Python object each converted list and document came from, so that what a function of the core
-/// passes through comes back as the very same object. For the life of one call: it keeps nothing alive.
+/// passes through comes back as the very same object. Keeps both sides alive, so that neither the object nor the
+/// address by which it is found can become another's while the core works without the interpreter lock.
 class Origins {
  public:
-  void remember(const void* node, PyObject* object) { objects_.emplace(node, object); }
+  void remember(const Document& document, nb::handle object) { add(document.begin(), document, object); }
+  void remember(const List& list, nb::handle object) { add(list.begin(), list, object); }
   /// Borrowed, or nullptr.
   [[nodiscard]] PyObject* find(const void* node) const noexcept;
 
  private:
-  std::unordered_map<const void*, PyObject*> objects_;
+  struct Origin {
+    Value node;
+    nb::object object;
+  };
+  void add(const void* address, Value node, nb::handle object);
+
+  std::unordered_map<const void*, Origin> origins_;
 };
 
 // ---- Python to core --------------------------------------------------------------------------------------
+// What is not such a value is a TypeError that begins with `name`.
 
 /// What Python's json module would write: None, bool, int of any size, float, str, list, tuple and any
 /// Mapping with str keys. Subclasses count as their base. Lone surrogates are kept.
-[[nodiscard]] Value value_argument(nb::handle object, const char* name, Origins* origins = nullptr);
-[[nodiscard]] Document document_argument(nb::handle object, const char* name, Origins* origins = nullptr);
-/// The same for arguments that may be anything: null for an object that is no such value.
-[[nodiscard]] Value loose_value(nb::handle object);
+[[nodiscard]] Value value_argument(nb::handle object, std::string_view name, Origins* origins = nullptr);
+[[nodiscard]] Document document_argument(nb::handle object, std::string_view name, Origins* origins = nullptr);
+/// For arguments that may be anything: null for an object of none of these kinds. One that only holds such an object
+/// is refused all the same.
+[[nodiscard]] Value any_value(nb::handle object, std::string_view name, Origins* origins = nullptr);
+/// The same where an object that is no such value counts by its text.
+[[nodiscard]] Value value_or_text(nb::handle object);
 
-[[nodiscard]] std::string text_argument(nb::handle object, const char* name);
-/// A local path: str or os.PathLike, in the file system's encoding. Throws ValueError for a NUL inside.
-[[nodiscard]] std::string path_argument(nb::handle object, const char* name);
-[[nodiscard]] std::int64_t integer_argument(nb::handle object, const char* name);
-[[nodiscard]] double real_argument(nb::handle object, const char* name);
-/// Python's truth of any object.
-[[nodiscard]] bool truth(nb::handle object);
+[[nodiscard]] bool is_mapping(nb::handle object);
+
+/// One key of a mapping with what it leads to.
+struct Item {
+  nb::object key;
+  nb::object value;
+};
+/// What a mapping holds, owned: as it stood at one moment if it is a dict.
+[[nodiscard]] std::vector<Item> mapping_items(nb::handle mapping, std::string_view name);
+/// The same of an iterable of pairs.
+[[nodiscard]] std::vector<Item> items_of_pairs(nb::handle pairs, std::string_view name);
+
+/// The text of a str.
+[[nodiscard]] Text text_of(nb::handle text);
 /// str(object).
 [[nodiscard]] std::string text_form(nb::handle object);
-[[nodiscard]] bool is_mapping(nb::handle object);
-/// The value at `key` of any mapping; None where it has none.
-[[nodiscard]] nb::object mapping_item(nb::handle mapping, const char* key);
-/// str(object) of each element; none for None.
-[[nodiscard]] std::vector<std::string> texts_argument(nb::handle iterable, const char* name);
-[[nodiscard]] std::vector<Value> values_argument(nb::handle iterable, const char* name);
-/// The elements as they are; null for one that is no JSON value. None for None.
-[[nodiscard]] std::vector<Value> loose_values_argument(nb::handle iterable, const char* name);
-[[nodiscard]] std::set<std::string> text_set_argument(nb::handle iterable, const char* name);
-
-/// The bytes of a bytes-like object, held for the life of this scope.
-class BytesArgument {
- public:
-  BytesArgument(nb::handle object, const char* name);
-  BytesArgument(const BytesArgument&) = delete;
-  BytesArgument& operator=(const BytesArgument&) = delete;
-  ~BytesArgument() { PyBuffer_Release(&buffer_); }
-  [[nodiscard]] std::string_view view() const noexcept {
-    return {static_cast<const char*>(buffer_.buf), static_cast<std::size_t>(buffer_.len)};
-  }
-
- private:
-  Py_buffer buffer_{};
-};
 
 // ---- core to Python --------------------------------------------------------------------------------------
 

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 
+#include "python/conversion/arguments.hpp"
 #include "python/conversion/errors.hpp"
 #include "python/conversion/values.hpp"
 #include "sync/base/environment.hpp"

@@ -149,16 +149,18 @@ def test_the_stub_tells_the_truth() -> None:
     assert all(inspect.getdoc(getattr(sync, name)) for name in public if callable(getattr(sync, name)))
 
 
-def test_both_import_names_give_the_same_objects() -> None:
-    source = """
-import os, sys
-import brackenfen.sync as first
-sys.path.insert(0, os.path.dirname(first.__file__))
-import sync as second
-assert second.__name__ == "sync" and second.__version__ == "0.0.3"
+@pytest.mark.parametrize("names", ["sync", "sync brackenfen.sync", "brackenfen.sync sync"])
+def test_every_import_name_gives_the_same_objects(names: str) -> None:
+    source = f"""
+import importlib, sys
+sys.path.insert(0, {str(pathlib.Path(sync.__file__).parent)!r})
+modules = [importlib.import_module(name) for name in {names.split()!r}]
+first, last = modules[0], modules[-1]
+assert [module.__name__ for module in modules] == {names.split()!r} and last.__version__ == "0.0.3"
 for name in vars(first):
-    assert name.startswith("__") or getattr(second, name) is getattr(first, name), name
-assert second.AuthError is first.AuthError and second.SyncManager.__module__ == "brackenfen.sync"
+    assert name.startswith("__") or getattr(last, name) is getattr(first, name), name
+assert last.AuthError is first.AuthError and last.SyncManager.__module__ == last.SyncResult.__module__ == "brackenfen.sync"
+assert last.SyncResult(bytes_downloaded=3) == first.SyncResult(0, 0, 3) and last.RotationSettings().market is None
 assert not [name for name in sys.modules if name.startswith("brackenfen.") and name != "brackenfen.sync"]
 """
     done = subprocess.run([sys.executable, "-c", source], capture_output=True, text=True, timeout=60)

@@ -366,9 +366,9 @@ def test_a_collection_that_is_none_deletes_nothing(manager: sync.SyncManager, se
     paths = ("active_relative_paths", "mandatory_artifacts", "eligible_artifacts")
     rows: list[tuple[str, Callable[[Any], object], str]] = [
         ("rotation_state_payload", lambda odd: odd, "rotation_state_payload"),
-        ("promote_rotation_candidate", lambda odd: HostState(odd, 2, 5, "g"), paths[0]),
-        ("promote_rotation_candidate", lambda _: HostState(iter(()), 2, 5, "g"), paths[0]),  # type: ignore[arg-type]
-        *(("plan_rotation", functools.partial(odd_plan, name), name) for name in paths),
+        ("promote_rotation_candidate", lambda odd: HostState(odd, 2, 5, "g"), f"promote_rotation_candidate.{paths[0]}"),
+        ("promote_rotation_candidate", lambda _: HostState(iter(()), 2, 5, "g"), f"promote_rotation_candidate.{paths[0]}"),  # type: ignore[arg-type]
+        *(("plan_rotation", functools.partial(odd_plan, name), f"plan_rotation.selection.{name}") for name in paths),
         ("rotation_cleanup_keep_paths", lambda odd: odd, "rotation_cleanup_keep_paths"),
     ]
     for operation, result, named in rows:
@@ -377,7 +377,7 @@ def test_a_collection_that_is_none_deletes_nothing(manager: sync.SyncManager, se
             host = HostRotation()
             setattr(host, operation, lambda *_, made=result(odd), **__: made)
             host.install(neighbour)
-            with pytest.raises(TypeError, match=f"^{named} must be a "):
+            with pytest.raises(TypeError, match=f"^the result of {named} must be a "):
                 manager.sync()
             assert len(held(manager)) == 12 and state_path.exists() == (named == "rotation_cleanup_keep_paths")
 

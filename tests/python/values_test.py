@@ -3,6 +3,8 @@
 import collections
 import math
 import pathlib
+import re
+import threading
 import types
 from typing import Any
 
@@ -105,6 +107,37 @@ def test_a_filter_returns_the_same_objects(drop: Any, removed: tuple[str, Any], 
     assert cleaned["other"] is DOCUMENT["other"] and cleaned["artifacts"] is DOCUMENT["artifacts"]
 
 
+def test_a_filter_owns_what_it_looks_at() -> None:
+    class Made(collections.UserDict[str, Any]):
+        """Makes its values when it is asked."""
+
+        def __getitem__(self, key: str) -> Any:
+            value = self.data[key]
+            return Made(value) if isinstance(value, dict) else list(value) if isinstance(value, list) else value
+
+    def cleaned(given: Any) -> dict[str, Any]:
+        return {path: dict(entry) for path, entry in sync._drop_agent_bundle_declaration_files(given)["files"].items()}
+
+    files: dict[str, Any] = {f"f{number}": {"sha256": f"f{number}", "more": [{"deep": number}]} for number in range(500)}
+    shared: dict[str, Any] = {"files": {**files, "b.pxd": {}}}
+    done = threading.Event()
+
+    def replace() -> None:
+        while not done.is_set():
+            shared["files"].update({path: dict(entry) for path, entry in files.items()})
+
+    changer = threading.Thread(target=replace)
+    changer.start()
+    try:
+        assert all(cleaned(shared) == files for _ in range(60)), "an entry is never another path's"
+    finally:
+        done.set()
+        changer.join()
+    assert cleaned(Made(shared)) == files
+    again = type("Again", (Made,), {"items": lambda self: [("files", {"x": {"gone": 1}}), *Made.items(self), ("files", shared["files"])]})(shared)
+    assert cleaned(again) == files, "the last of repeated keys counts"
+
+
 def test_manifest_record() -> None:
     data = {"era_number": "7", "files": {"a": {"kind": "feature"}, "b.pxd": {}}, "found_signals": {"e": {}}, "extra": 1}
     record = sync.Manifest(data)
@@ -142,21 +175,60 @@ def test_paths_bytes_and_iterables(tmp_path: pathlib.Path) -> None:
     assert sync._normalize_found_pnl_paths(None) == set()
 
 
-@pytest.mark.parametrize(
-    ("call", "name"),
-    [
-        (lambda: sync._sha256("text"), "data"),
-        (lambda: sync._sync_progress_path(5), "data_dir"),
-        (lambda: sync._http_get("http://127.0.0.1:1", "t", range_start="x"), "range_start"),
-        (lambda: sync._atomic_write(3, b""), "filepath"),
-        (lambda: sync._drop_missing_found_pnl_paths({}, 5), "missing_paths"),
-        (lambda: sync._sync_parallel_timeout_description("x"), "timeout_seconds"),
-        (lambda: sync._emit_brackenfen_sync_event({"event_type": object()}), "event"),
-    ],
-)
-def test_an_argument_of_the_wrong_type_is_named(call: Any, name: str) -> None:
-    with pytest.raises(TypeError, match=f"^{name} "):
-        call()
+STATE, SELECTION, Bare = sync.RotationState((), 1, 2, ""), sync.RotationSelection((), (), (), (), 0, 0, None), types.SimpleNamespace
+
+# By the kind of an argument: one that it takes, those that it refuses, and the arguments of that kind. "?" takes None besides,
+# and "operation.argument" is one that is not of the kind that others of its name are.
+KINDS: dict[str, tuple[Any, list[Any], str]] = {
+    "any": (None, [], "SyncManager.token __getattr__.name _write_sync_progress_json.manifest _manifest_era_id_or_none.manifest unregister_era_callback.callback "
+            "_apply_rotation_result_fields.result _download_signals_index.result _precheck_rotation_disk_budget.selection _rotation_scoped_files_to_download.selection"),
+    "text": ("http://127.0.0.1:1", [5, b"x"], "server_url token artifact prefix name event_type default_surface backoff_surface context SyncManager.file_path SyncManager.url "
+             "_http_get.url _http_get_public.url _http_get_manifest_version.url _is_manifest_version_url.url _raise_download_http_status.file_path _emit_sync_backoff_wait.reason"),
+    "text?": ("x", [5, b"x"], "SyncManager.server_url _log_sync_event.file_path _log_sync_event.reason _emit_sync_backoff_wait.file_path expected_sha actual_sha"),
+    "path": ("/dev/null/x", [5], "data_dir path filepath local_path"), "path?": ("/dev/null/x", [5], "target_data_dir fallback_data_dir backoff_context.data_dir"),
+    "integer": (1, ["x", 1.5], "attempt_index limit range_start range_end chunk_bytes file_count max_workers free_disk_bytes"),
+    "number": (1, [[]], "_write_shuffle_seed_metadata.era_number"), "real": (0.01, ["x"], "wait_seconds started_at poll_interval_s era_poll_interval_s"),
+    "bytes": (b"", ["x"], "body data"), "callable": (str, [5], "callback get_token"), "watched": (Bare(), [], "sync_manager"),
+    "callable?": (None, [5], "kill_searches_fn restart_searches_fn retry_status_callback"),
+    "value?": ({}, [object(), {1: 2}, [{"a": object()}]], "file_info era_number expected_era_id expected_era_number new_era_id"),
+    "inside?": ({}, [{1: 2}, [object()]], "index_data membership vocabularies vocabulary _manifest_data_signals_index_path.manifest_data _normalize_era_current_response.data"),
+    "mapping": ({}, [5, {1: 2}, {"a": object()}], "details files_to_download SyncManager.file_info _write_manifest_json.manifest_data _emit_brackenfen_sync_event.event"),
+    "document": ({}, [object(), {1: 2}], "manifest_data Manifest.data from_dict.data"), "event": ({}, [5, []], "event"),
+    "entries": ({}, [5, {"a": 1}, {"a": None}, {"a": {1: 2}}], "_download_files_parallel.files_to_download"),
+    "iterable": ((), [5, "x"], "statuses failures relative_paths artifacts corrupted_files active_relative_paths available_relative_paths refresh_payloads "
+                 "_drop_found_pnl_paths_from_membership.missing_paths _request_feature_files_for_sync_impl.feature_names"),
+    "iterable?": ((), [5, b"x"], "missing_paths paths file_paths preserve_relative_paths existing_relative_paths feature_names consumers _sync_unavailable_from.statuses "
+                  "_sync_unavailable_from.failures _remember_prefetched_feature_relative_paths.relative_paths"),
+    "list": ([], [5, ()], "values"), "manifest?": (None, [Bare(files={"a": object()})], "manifest"),
+    "state": (STATE, [5, Bare(active_relative_paths=None)], "rotation_state promoted candidate_state write_feature_rotation_state.state"),
+    "state?": (STATE, [5, Bare(active_relative_paths=None)], "active_state active_rotation_state state _complete_rotation_promotion.candidate_state"),
+    "selection": (SELECTION, [5, Bare(**{**vars(SELECTION), "mandatory_artifacts": None})], "selection"),
+    "result": (sync.SyncResult(), [5, Bare(**{**vars(sync.SyncResult()), "bytes_downloaded": "x"})], "result"),
+}  # fmt: skip
+
+
+def test_an_argument_of_the_wrong_type_is_named_by_every_operation(manager: sync.SyncManager, server: Any) -> None:
+    kinds = {argument: kind for kind, (_, _, arguments) in KINDS.items() for argument in arguments.split()}
+    watcher = sync.EraThread(server.url, str, manager)
+    wrong: list[str] = []
+    for owner, target in ((sync, sync), (sync.SyncManager, manager), (sync.EraThread, watcher), (sync.Manifest, sync.Manifest)):
+        for name, signature in [(name, member.__nb_signature__[0][0]) for name, member in vars(owner).items() if hasattr(member, "__nb_signature__")]:
+            call = owner if name == "__init__" else getattr(target, name)
+            found = {argument: (f"{name}.{argument}", f"{owner.__name__}.{argument}", argument) for argument in re.findall(r"(\w+): ", signature)}
+            given = {argument: next((kinds[key] for key in keys if key in kinds), "any") for argument, keys in found.items()}
+            for argument, kind in given.items():
+                for value in KINDS[kind][1] + [None] * (kind != "any" and not kind.endswith("?")):
+                    try:
+                        with sync.backoff_context(stop_requested=lambda: True):
+                            outcome: Any = call(**{other: KINDS[kind][0] for other, kind in given.items()} | {argument: value})
+                    except Exception as error:
+                        outcome = error
+                    if not isinstance(outcome, TypeError) or not re.match(rf"{argument}\b", str(outcome)):
+                        wrong.append(f"{name}({argument}={value!r}): {outcome!r}")
+    for field in ("_missing_found_pnl_paths", "_repair_queue", "_prefetched_feature_relative_paths", "_hash_cache"):
+        with pytest.raises(TypeError, match=f"^{field} "):
+            setattr(manager, field, None)
+    assert wrong == [], "\n".join(wrong)
 
 
 @pytest.mark.parametrize("raised", [KeyboardInterrupt, ZeroDivisionError])
