@@ -2,14 +2,12 @@
 
 #include <map>
 #include <memory>
-#include <new>
 #include <optional>
 #include <string_view>
 #include <utility>
 
 #include "sync/base/error.hpp"
 #include "sync/base/files/descriptor.hpp"
-#include "sync/base/threads/fork.hpp"
 #include "sync/base/threads/mutex.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/base/values/json.hpp"
@@ -53,16 +51,10 @@ class LastWait {
   std::shared_ptr<const MemberTexts> kept_ GUARDED_BY(mutex_);
 };
 
-alignas(LastWait) unsigned char last_wait_storage[sizeof(LastWait)];
-
-/// That of the process; it starts anew in a forked child.
+/// That of the process. Leaked: a wait may outlive main().
 LastWait& last_wait() {
-  static LastWait* const instance = [] {
-    auto* made = new (last_wait_storage) LastWait;
-    at_fork_child([] { new (last_wait_storage) LastWait; });  // another thread may have been at it
-    return made;
-  }();
-  return *instance;
+  static LastWait& leaked = *new LastWait;
+  return leaked;
 }
 
 std::string text_of(const Value& value) { return write_json(value, JsonForm::SortedKeys); }

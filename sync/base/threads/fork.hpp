@@ -11,7 +11,8 @@ namespace brackenfen::sync {
 [[nodiscard]] std::uint64_t fork_generation() noexcept;
 
 /// Runs `repair` in the child after every fork from now on, in the order of registration. It must only
-/// re-create locks in place and forget what belongs to the parent: no allocation is safe to free there.
+/// re-create locks in place and forget what belongs to the parent: no allocation is safe to free there, and a ForkSafeMutex,
+/// which needs no repair, cannot be made.
 void at_fork_child(void (*repair)());
 
 /// No fork happens while one of these lives: for changing what a repair walks over. A leaf lock; not to be held
