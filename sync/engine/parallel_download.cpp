@@ -13,6 +13,7 @@
 #include "sync/base/threads/work.hpp"
 #include "sync/base/threads/worker_thread.hpp"
 #include "sync/documents/manifest_paths.hpp"
+#include "sync/engine/expected_files.hpp"
 #include "sync/engine/sync_manager.hpp"
 #include "sync/transport/backoff.hpp"
 #include "sync/transport/settings.hpp"
@@ -248,6 +249,7 @@ std::vector<Task> tasks_for(const std::string& data_dir, const std::vector<Item>
   std::vector<Task> tasks;
   std::unordered_map<std::string, std::size_t> task_by_key;
   for (std::size_t index = 0; index < items.size(); ++index) {
+    if (index % FILES_PER_INTERRUPT_CHECK == 0) check_interrupt();
     const auto [entry, is_new] = task_by_key.try_emplace(exclusion_key(data_dir, items[index].file_path), tasks.size());
     if (is_new) tasks.emplace_back();
     tasks[entry->second].push_back(index);

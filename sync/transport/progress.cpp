@@ -19,6 +19,9 @@
 namespace brackenfen::sync {
 namespace {
 
+/// Each path is resolved in full, which takes the system a while for 100,000 of them.
+constexpr std::size_t PATHS_PER_INTERRUPT_CHECK = 1024;
+
 Value integer_or_zero(const Value& value) { return value.truthy() ? to_integer(value) : Value(0); }
 
 std::string staging_path(std::string_view data_dir, const Value& file_path) { return _manifest_local_path(data_dir, file_path) + ".tmp"; }
@@ -42,6 +45,7 @@ void clean_directory(Files& files, const std::string& directory, const std::unor
 std::unordered_set<std::string> staging_paths(std::string_view data_dir, const std::vector<Value>& relative_paths) {
   std::unordered_set<std::string> paths;
   for (const Value& relative_path : relative_paths) {
+    if (paths.size() % PATHS_PER_INTERRUPT_CHECK == 0) check_interrupt();
     try {
       paths.insert(staging_path(data_dir, to_text(relative_path)));
     } catch (const Error& error) {
