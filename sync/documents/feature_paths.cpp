@@ -1,9 +1,13 @@
 #include "sync/documents/feature_paths.hpp"
 
 #include <algorithm>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
 
 #include "sync/base/error.hpp"
 #include "sync/base/text/text.hpp"
+#include "sync/base/threads/interrupt.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/documents/manifest_paths.hpp"
 
@@ -11,6 +15,7 @@ namespace brackenfen::sync {
 namespace {
 
 constexpr std::string_view ARROW = ".arrow";
+constexpr std::size_t FILES_PER_INTERRUPT_CHECK = 1024;
 constexpr std::size_t SCOPED_SEGMENTS = 4;  // features/{universe}/{epoch}/{name}.arrow
 
 /// Empty for anything but a text.
@@ -45,6 +50,120 @@ std::string_view normalised_or_empty(const Value& path, std::string& buffer) {
   return buffer;
 }
 
+/// The files that any of some features may have: one walk over a manifest for all of them.
+class FeatureFiles {
+ public:
+  FeatureFiles(const EraConfig& era_config, const Value& files, const std::vector<std::string>& names, const Value& expression_type,
+               const Value& named_universe)
+      : entries_(files.if_document()),
+        epoch_(_feature_epoch_for_expression_type(era_config, expression_type)),
+        universe_(stripped_text(named_universe)) {
+    if (entries_ == nullptr) return;
+    for (const std::string& name : names) by_file_name_[file_name_of(name)];
+    for (std::size_t index = 0; index < entries_->size(); ++index) {
+      if (index % FILES_PER_INTERRUPT_CHECK == 0) check_interrupt();
+      const Member& file = entries_->begin()[index];
+      const auto wanted = by_file_name_.find(std::string(last_segment(file.key)));
+      if (wanted != by_file_name_.end() && file.value.is_document()) wanted->second.push_back(file.key);
+    }
+  }
+
+  /// Of one of the names, stripped; absent where it has none for the universe that is asked for.
+  [[nodiscard]] std::optional<std::string> path_of(std::string_view name) const {
+    name = strip(name);
+    if (entries_ == nullptr || name.empty()) return std::nullopt;
+    const std::vector<std::string_view>& candidates = by_file_name_.at(file_name_of(name));
+    const std::string file_suffix = "/" + std::string(name) + std::string(ARROW);
+    const std::string epoch_suffix = "/" + epoch_ + file_suffix;
+    if (!universe_.empty()) {
+      std::string scoped = "features/" + universe_ + epoch_suffix;
+      if (holds_entry(*entries_, scoped)) return scoped;
+      // A feature that exists for another universe must not be answered with the file of none.
+      const auto of_another = [&](std::string_view path) { return path.ends_with(epoch_suffix) && is_scoped_feature(path, epoch_); };
+      if (std::ranges::any_of(candidates, of_another)) return std::nullopt;
+    }
+
+    std::string unscoped = "features" + epoch_suffix;
+    if (holds_entry(*entries_, unscoped)) return unscoped;
+    const std::string unscoped_root = "features/" + epoch_ + "/";
+    const auto first = std::ranges::find_if(candidates, [&](std::string_view path) {
+      return path.ends_with(file_suffix) && (is_scoped_feature(path, epoch_) || path.starts_with(unscoped_root));
+    });
+    if (first == candidates.end()) return std::nullopt;
+    return std::string(*first);
+  }
+
+ private:
+  static std::string file_name_of(std::string_view name) { return std::string(last_segment(strip(name))) + std::string(ARROW); }
+
+  const Document* entries_;
+  const std::string epoch_;
+  const std::string universe_;
+  std::unordered_map<std::string, std::vector<std::string_view>> by_file_name_;  ///< in the order of the manifest
+};
+
+/// Which features of a manifest belong together: one walk over it for all families that were added before.
+class FeatureFamilies {
+ public:
+  class Members {
+   public:
+    void add(std::string_view path) { paths_.emplace_back(path); }
+    /// Sorted, and each only once in the life of the family: features of one family are each other's companions.
+    [[nodiscard]] std::vector<std::string> take_all_but(std::string_view own_path) {
+      std::vector<std::string> taken = std::exchange(paths_, {});
+      std::ranges::sort(taken);
+      const auto own = std::ranges::equal_range(taken, own_path);
+      paths_.assign(own.begin(), own.end());
+      taken.erase(own.begin(), own.end());
+      return taken;
+    }
+
+   private:
+    std::vector<std::string> paths_;
+  };
+
+  /// The family of a feature's file, whose path is normalised; null where it belongs to none.
+  Members* add(std::string_view path) {
+    if (segment_count(path) < SCOPED_SEGMENTS || first_segment(path) != "features" || !path.ends_with(ARROW)) return nullptr;
+    const std::optional<std::string> family = _feature_artifact_family_prefix(stem_of(path));
+    return family ? &families_[*family][std::string(directory_of(path))] : nullptr;
+  }
+
+  void gather(const Value& files) {
+    const Document* entries = files.if_document();
+    if (entries == nullptr || families_.empty()) return;
+    std::string buffer;
+    for (std::size_t index = 0; index < entries->size(); ++index) {
+      if (index % FILES_PER_INTERRUPT_CHECK == 0) check_interrupt();
+      const auto& [key, file_info] = entries->begin()[index];
+      if (!file_info.is_document()) continue;
+      const std::string_view path = normalised_or_empty(key, buffer);
+      if (!path.ends_with(ARROW)) continue;
+      const auto family = families_.find(first_two_fields(stem_of(path)));
+      if (family == families_.end()) continue;
+      // A family's folder holds those of its own folders too.
+      for (std::string_view folder = directory_of(path); !folder.empty(); folder = directory_of(folder.substr(0, folder.size() - 1))) {
+        if (const auto members = family->second.find(std::string(folder)); members != family->second.end()) members->second.add(path);
+      }
+    }
+  }
+
+ private:
+  static std::string_view directory_of(std::string_view path) { return path.substr(0, path.rfind('/') + 1); }
+  static std::string_view stem_of(std::string_view path) {
+    const std::string_view name = last_segment(path);
+    return name.substr(0, name.size() - ARROW.size());
+  }
+  /// With the "__" behind each of them; empty for less.
+  static std::string first_two_fields(std::string_view stem) {
+    const std::size_t first = stem.find("__");
+    const std::size_t second = first == std::string_view::npos ? first : stem.find("__", first + 2);
+    return second == std::string_view::npos ? std::string() : std::string(stem.substr(0, second + 2));
+  }
+
+  std::unordered_map<std::string, std::unordered_map<std::string, Members>> families_;  ///< by fields, then by folder
+};
+
 std::optional<std::string_view> current_epoch(const EpochNames& epochs, std::string_view root) {
   if (root == "found_signals") return epochs.signal_is;
   if (root == "found_strategies") return epochs.strategy_is;
@@ -62,32 +181,8 @@ std::string _feature_epoch_for_expression_type(const EraConfig& era_config, cons
 
 std::optional<std::string> _manifest_feature_relative_path(const EraConfig& era_config, const Value& files, const Value& feature_name,
                                                            const Value& expression_type, const Value& named_universe) {
-  const Document* entries = files.if_document();
-  const std::string_view name = stripped_text(feature_name);
-  if (entries == nullptr || name.empty()) return std::nullopt;
-  const std::string epoch = _feature_epoch_for_expression_type(era_config, expression_type);
-  const std::string file_suffix = "/" + std::string(name) + std::string(ARROW);
-  const std::string epoch_suffix = "/" + epoch + file_suffix;
-
-  if (const std::string_view universe = stripped_text(named_universe); !universe.empty()) {
-    std::string scoped = "features/" + std::string(universe) + epoch_suffix;
-    if (holds_entry(*entries, scoped)) return scoped;
-    // A feature that exists for another universe must not be answered with the file of none.
-    const bool other_universe = std::ranges::any_of(*entries, [&](const Member& file) {
-      return file.key.view().ends_with(epoch_suffix) && file.value.is_document() && is_scoped_feature(file.key, epoch);
-    });
-    if (other_universe) return std::nullopt;
-  }
-
-  std::string unscoped = "features" + epoch_suffix;
-  if (holds_entry(*entries, unscoped)) return unscoped;
-  const std::string unscoped_root = "features/" + epoch + "/";
-  const Member* first = std::ranges::find_if(*entries, [&](const Member& file) {
-    const std::string_view path = file.key;
-    return path.ends_with(file_suffix) && file.value.is_document() && (is_scoped_feature(path, epoch) || path.starts_with(unscoped_root));
-  });
-  if (first == entries->end()) return std::nullopt;
-  return first->key.str();
+  const std::string name(stripped_text(feature_name));
+  return FeatureFiles(era_config, files, {name}, expression_type, named_universe).path_of(name);
 }
 
 std::optional<std::string> _feature_artifact_family_prefix(const Value& feature_name) {
@@ -100,39 +195,51 @@ std::optional<std::string> _feature_artifact_family_prefix(const Value& feature_
 }
 
 std::vector<std::string> _manifest_feature_companion_relative_paths(const Value& files, const Value& relative_path) {
-  const Document* entries = files.if_document();
-  std::string own_buffer;
-  const std::string_view own_path = entries == nullptr ? std::string_view() : normalised_or_empty(relative_path, own_buffer);
-  if (segment_count(own_path) < SCOPED_SEGMENTS || first_segment(own_path) != "features" || !own_path.ends_with(ARROW)) return {};
-  std::string_view own_stem = last_segment(own_path);
-  own_stem.remove_suffix(ARROW.size());
-  const std::optional<std::string> family = _feature_artifact_family_prefix(own_stem);
-  if (!family) return {};
-
-  const std::string_view directory = own_path.substr(0, own_path.rfind('/') + 1);
-  std::vector<std::string> companions;
   std::string buffer;
-  for (const auto& [key, file_info] : *entries) {
-    if (!file_info.is_document()) continue;
-    const std::string_view path = normalised_or_empty(key, buffer);
-    if (path == own_path || !path.starts_with(directory)) continue;
-    const std::string_view file_name = last_segment(path);
-    if (file_name.ends_with(ARROW) && file_name.substr(0, file_name.size() - ARROW.size()).starts_with(*family)) {
-      companions.emplace_back(path);
-    }
-  }
-  std::ranges::sort(companions);
-  return companions;
+  const std::string own_path(normalised_or_empty(relative_path, buffer));
+  FeatureFamilies families;
+  FeatureFamilies::Members* const family = families.add(own_path);
+  families.gather(files);
+  return family ? family->take_all_but(own_path) : std::vector<std::string>();
 }
 
 std::vector<std::string> _manifest_feature_prefetch_relative_paths(const EraConfig& era_config, const Value& files,
                                                                    const Value& feature_name, const Value& expression_type,
                                                                    const Value& named_universe) {
-  std::optional<std::string> own_path = _manifest_feature_relative_path(era_config, files, feature_name, expression_type, named_universe);
-  if (!own_path) return {};
-  std::vector<std::string> paths{*std::move(own_path)};
-  for (std::string& companion : _manifest_feature_companion_relative_paths(files, paths.front())) {
-    if (std::ranges::find(paths, companion) == paths.end()) paths.push_back(std::move(companion));
+  return feature_prefetch_relative_paths(era_config, files, {std::string(stripped_text(feature_name))}, expression_type, named_universe);
+}
+
+std::vector<std::string> feature_prefetch_relative_paths(const EraConfig& era_config, const Value& files,
+                                                         const std::vector<std::string>& feature_names, const Value& expression_type,
+                                                         const Value& named_universe) {
+  struct Found {
+    std::string path, normalised;
+    FeatureFamilies::Members* family;
+  };
+  const FeatureFiles features(era_config, files, feature_names, expression_type, named_universe);
+  FeatureFamilies families;
+  std::vector<Found> found;
+  std::string buffer;
+  for (const std::string& name : feature_names) {
+    check_interrupt();
+    std::optional<std::string> path = features.path_of(name);
+    if (!path) continue;
+    std::string normalised(normalised_or_empty(Value(*path), buffer));
+    FeatureFamilies::Members* const family = families.add(normalised);
+    found.push_back({*std::move(path), std::move(normalised), family});
+  }
+  families.gather(files);
+
+  std::vector<std::string> paths;
+  std::unordered_set<std::string> seen;
+  const auto add = [&](std::string path) {
+    if (seen.insert(path).second) paths.push_back(std::move(path));
+  };
+  for (Found& own : found) {
+    check_interrupt();
+    add(std::move(own.path));
+    if (own.family == nullptr) continue;
+    for (std::string& companion : own.family->take_all_but(own.normalised)) add(std::move(companion));
   }
   return paths;
 }

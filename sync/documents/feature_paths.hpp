@@ -33,6 +33,13 @@ namespace brackenfen::sync {
                                                                                  const Value& expression_type = "SIGNAL",
                                                                                  const Value& named_universe = {});
 
+/// The same of several features, one after the other: each path once, where it comes first. Two walks over the manifest,
+/// however many features and companions there are. Throws Interrupted.
+[[nodiscard]] std::vector<std::string> feature_prefetch_relative_paths(const EraConfig& era_config, const Value& files,
+                                                                       const std::vector<std::string>& feature_names,
+                                                                       const Value& expression_type = "SIGNAL",
+                                                                       const Value& named_universe = {});
+
 /// The first three segments of a current artifact path under `prefix` ("found_signals/", ...).
 [[nodiscard]] std::optional<std::string> _agent_signal_group_key(const EraConfig& era_config, const Value& file_path,
                                                                  std::string_view prefix);

@@ -52,7 +52,8 @@ bool SyncManager::needs_sync() {
 
   if (_feature_rotation_needs_sync_for_manifest(*neighbours, *manifest)) return true;
   const std::shared_ptr<const RotationState> active_rotation_state = _active_rotation_state.get();
-  return !_local_manifest_files_complete(*neighbours, *manifest, active_rotation_state.get());
+  const bool rotates = active_rotation_state && !active_rotation_state->active_relative_paths().empty();
+  return !_local_manifest_files_complete(*neighbours, *manifest, rotates ? active_rotation_state.get() : nullptr);
 }
 
 }  // namespace brackenfen::sync

@@ -70,6 +70,7 @@ VerifyResult SyncManager::verify() {
   const Document* entries = files.if_document();
   std::optional<std::vector<Text>> active_paths;
   if (const auto state = _active_rotation_state.get()) active_paths = state->active_relative_paths();
+  if (active_paths && active_paths->empty()) active_paths.reset();  // nothing rotates: every file counts
 
   const ExpectedFiles expected = files_to_judge(*neighbours, entries ? *entries : Document(), active_paths);
   std::vector<Verdict> verdicts(expected.size());

@@ -107,6 +107,7 @@ class SyncManager::Transition {
   std::optional<Value> superseded_era_id_;
   Document staged_vocabularies_;              ///< by universe
   RotationStateRef promoted_rotation_state_;  ///< null where nothing rotates
+  RotationStateRef search_scope_;             ///< what searches are told
   std::vector<SearchRefreshPayload> refresh_payloads_;
 };
 

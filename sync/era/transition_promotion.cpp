@@ -11,6 +11,7 @@
 #include "sync/documents/manifest_paths.hpp"
 #include "sync/documents/vocabulary.hpp"
 #include "sync/era/transition.hpp"
+#include "sync/rotation/search_scope.hpp"
 
 namespace brackenfen::sync {
 namespace {
@@ -22,12 +23,13 @@ constexpr const char* SEED_FILES[] = {"shuffle_seed.enc", "shuffle_seed.enc.meta
 
 /// A vocabulary that is no good, or a search that cannot be matched with one, must show before a file moves.
 void SyncManager::Transition::prepare_promotion() {
+  const std::vector<Text>& active_paths = rotation_.plan.selection.active_relative_paths;
   if (const RotationStateRef& candidate = rotation_.plan.candidate_state) {
-    promoted_rotation_state_ = manager_.with_added_paths(neighbours_->artifact_rotation().promote_rotation_candidate(
-        manager_._active_rotation_state.get(), candidate, rotation_.plan.selection.active_relative_paths));
-    refresh_payloads_ =
-        manager_._rotation_search_refresh_payloads(*neighbours_, promoted_rotation_state_, Value(staged_vocabularies_), new_manifest_);
+    promoted_rotation_state_ =
+        neighbours_->artifact_rotation().promote_rotation_candidate(manager_._active_rotation_state.get(), candidate, active_paths);
   }
+  search_scope_ = manager_.with_added_paths(search_scope(*neighbours_, promoted_rotation_state_, active_paths, *new_manifest_));
+  refresh_payloads_ = manager_._rotation_search_refresh_payloads(*neighbours_, search_scope_, Value(staged_vocabularies_), new_manifest_);
   confirm_active_era(manifest_era_id_);
 }
 
@@ -38,11 +40,9 @@ void SyncManager::Transition::promote() {
   manager_._manifest.set(new_manifest_);
   manager_._vocabulary.set(std::make_shared<const Document>(staged_vocabularies_));
   confirm_active_era(manifest_era_id_);
-  if (promoted_rotation_state_) promoted_rotation_state_ = manager_.store_rotation_state(*neighbours_, promoted_rotation_state_);
+  manager_._write_promoted_rotation_state(*neighbours_, promoted_rotation_state_);
   if (old_manifest) delete_departed_files(*old_manifest);
-  manager_._cleanup_inactive_rotation_artifacts(
-      *neighbours_, *new_manifest_,
-      promoted_rotation_state_ ? promoted_rotation_state_->active_relative_paths() : rotation_.plan.selection.active_relative_paths);
+  manager_._cleanup_inactive_rotation_artifacts(*neighbours_, *new_manifest_, search_scope_->active_relative_paths());
   manager_._schedule_cleanup_old_eras(true);
 }
 

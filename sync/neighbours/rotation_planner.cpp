@@ -62,10 +62,18 @@ class Planner {
   }
 
   RotationPlan from_active_state() {
-    for (const std::uint32_t index : eligible_) {
-      if (held(index)) take(index);
+    const Value generation = previous_ ? previous_->generation() : Value(0);
+    const Value seed = previous_ ? previous_->seed() : Value();
+    disk_decides_ = held_bytes() > room_for_held_;
+    if (disk_decides_) {
+      count_what_is_here();
+      keep_held(units_in(RotationOrder(seed, generation)));
+    } else {
+      for (const std::uint32_t index : eligible_) {
+        if (held(index)) take(index);
+      }
     }
-    return finish(previous_ ? previous_->generation() : Value(0), previous_ ? previous_->seed() : Value(), {});
+    return finish(generation, seed, {});
   }
 
   RotationPlan next() {
@@ -108,9 +116,19 @@ class Planner {
       budget_ = planned_size(settings_.feature_budget_bytes);
       capacity_ = budget_;
       room_for_new_ = std::min(budget_, room_);
+      room_for_held_ = room_;
     } else {
       room_for_new_ = room_ - room_ / RESERVE_DIVISOR;
+      room_for_held_ = room_for_new_;
     }
+  }
+
+  [[nodiscard]] WideBytes held_bytes() const {
+    WideBytes bytes = 0;
+    for (const std::uint32_t index : eligible_) {
+      if (held(index)) bytes += planned_size(artifact(index).size_bytes);
+    }
+    return bytes;
   }
 
   [[nodiscard]] bool is_due() const {
@@ -135,7 +153,7 @@ class Planner {
       for (const std::uint32_t index : eligible_) take(index);
       return;
     }
-    disk_decides_ = !explicit_ || budget_ > room_for_new_;
+    disk_decides_ = !explicit_ || budget_ > room_for_new_ || (!rotates && held_bytes() > room_for_held_);
     if (disk_decides_) {
       const WideBytes here = count_what_is_here();
       const bool all_within_budget = !explicit_ || eligible_bytes_ <= budget_;
@@ -154,7 +172,7 @@ class Planner {
     }
   }
 
-  [[nodiscard]] WideBytes count_what_is_here() {
+  WideBytes count_what_is_here() {
     WideBytes bytes = 0;
     here_.assign(artifacts_.descriptors.size(), false);
     for (const std::uint32_t index : eligible_) {
@@ -190,14 +208,13 @@ class Planner {
     return merged;
   }
 
-  /// Within a generation nothing goes but what departed, what a smaller explicit budget no longer covers, and what must be
-  /// fetched anew and finds no room (a new era may replace every file, on a disk that is full of the old ones).
+  /// Within a generation nothing goes but what departed, and what must be fetched anew and finds no room on the disk (a new
+  /// era may replace every file, on a disk that is full of the old ones).
   void keep_held(const std::vector<Unit>& units) {
     for (const Unit& unit : units) {
       for (const std::uint32_t index : unit.members) {
         if (!held(index)) continue;
-        if (explicit_ && taken_bytes_ + planned_size(artifact(index).size_bytes) > budget_) continue;
-        if (arriving_bytes_ + arriving_bytes(index) > room_for_new_) continue;
+        if (arriving_bytes_ + arriving_bytes(index) > room_for_held_) continue;
         arriving_bytes_ += arriving_bytes(index);
         take(index);
       }
@@ -240,7 +257,9 @@ class Planner {
     RotationPlan plan{std::move(selection_), nullptr, nullptr};
     if (!settings_.scoped && !previous_) return plan;
     if (previous_ && rotated_at.is_null()) {
-      plan.candidate_state = previous_->with_active_relative_paths(plan.selection.active_relative_paths);
+      // Where nothing rotates any more it only keeps generation and seed, for the day when something does.
+      plan.candidate_state =
+          previous_->with_active_relative_paths(settings_.scoped ? plan.selection.active_relative_paths : std::vector<Text>());
       return plan;
     }
     auto candidate = std::make_shared<BuiltinRotationState>();
@@ -265,9 +284,10 @@ class Planner {
   WideBytes eligible_bytes_ = 0;
   WideBytes room_ = 0;  ///< free on the disk once the mandatory files are here
   bool explicit_ = false;
-  WideBytes budget_ = 0;        ///< where it is explicit
-  WideBytes capacity_ = 0;      ///< for all selected features together
-  WideBytes room_for_new_ = 0;  ///< for those of them that are still to come
+  WideBytes budget_ = 0;         ///< where it is explicit
+  WideBytes capacity_ = 0;       ///< for all selected features together
+  WideBytes room_for_new_ = 0;   ///< for those of them that are still to come
+  WideBytes room_for_held_ = 0;  ///< for those to come that are active already: a budget counts from the next rotation on
   WideBytes taken_bytes_ = 0;
   WideBytes arriving_bytes_ = 0;
   bool disk_decides_ = false;  ///< else the budget alone does, and no file need be looked at

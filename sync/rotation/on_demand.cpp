@@ -5,6 +5,7 @@
 #include "sync/base/error.hpp"
 #include "sync/base/files/paths.hpp"
 #include "sync/base/log.hpp"
+#include "sync/base/threads/interrupt.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/base/values/integer_sum.hpp"
 #include "sync/documents/feature_paths.hpp"
@@ -93,18 +94,16 @@ std::vector<std::string> SyncManager::_request_feature_files_for_sync_impl(const
 
   std::vector<Member> wanted;
   std::vector<Value> relative_paths;
-  std::set<std::string> seen;
   std::vector<std::string> local_paths;
-  for (const std::string& name : feature_names) {
-    for (const std::string& path :
-         _manifest_feature_prefetch_relative_paths(neighbours->era_config(), files, Value(name), expression_type, named_universe)) {
-      const Document* file_info = entries ? entries->get(path).if_document() : nullptr;
-      if (!file_info || !seen.insert(path).second) continue;
-      local_paths.push_back(_manifest_local_path(data_dir, Value(path)));
-      relative_paths.emplace_back(path);
-      if (!_local_file_matches_manifest(path, local_paths.back(), *file_info))
-        wanted.push_back({path, Value(generation_stamped(*file_info, *manifest))});
-    }
+  for (const std::string& path :
+       feature_prefetch_relative_paths(neighbours->era_config(), files, feature_names, expression_type, named_universe)) {
+    check_interrupt();
+    const Document* file_info = entries ? entries->get(path).if_document() : nullptr;
+    if (!file_info) continue;
+    local_paths.push_back(_manifest_local_path(data_dir, Value(path)));
+    relative_paths.emplace_back(path);
+    if (!_local_file_matches_manifest(path, local_paths.back(), *file_info))
+      wanted.push_back({path, Value(generation_stamped(*file_info, *manifest))});
   }
   const Document files_to_download(std::move(wanted));
   if (!files_to_download.empty()) {

@@ -4,9 +4,9 @@
 #include "sync/base/log.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/engine/sync_manager.hpp"
-#include "sync/neighbours/rotation_state.hpp"
 #include "sync/rotation/artifacts.hpp"
 #include "sync/rotation/cleanup.hpp"
+#include "sync/rotation/search_scope.hpp"
 #include "sync/rotation/state_file.hpp"
 
 namespace brackenfen::sync {
@@ -65,19 +65,19 @@ void SyncManager::_cleanup_inactive_rotation_artifacts(NeighbourSet& neighbours,
 RotationStateRef SyncManager::_complete_rotation_promotion(NeighbourSet& neighbours, const RotationStateRef& candidate_state,
                                                            const std::vector<Text>& available_relative_paths,
                                                            const std::shared_ptr<Manifest>& manifest) {
-  if (!candidate_state) {  // nothing rotates here, and no search has a scope that could change
-    _cleanup_inactive_rotation_artifacts(neighbours, *manifest, available_relative_paths);
-    return nullptr;
+  RotationStateRef promoted;
+  if (candidate_state) {
+    promoted =
+        neighbours.artifact_rotation().promote_rotation_candidate(_active_rotation_state.get(), candidate_state, available_relative_paths);
   }
-  const RotationStateRef promoted = with_added_paths(
-      neighbours.artifact_rotation().promote_rotation_candidate(_active_rotation_state.get(), candidate_state, available_relative_paths));
+  const RotationStateRef scope = with_added_paths(search_scope(neighbours, promoted, available_relative_paths, *manifest));
   const std::shared_ptr<const Document> vocabulary = _vocabulary.get();
   const std::vector<SearchRefreshPayload> refresh_payloads =
-      _rotation_search_refresh_payloads(neighbours, promoted, vocabulary ? Value(*vocabulary) : Value(), manifest);
-  RotationStateRef stored = store_rotation_state(neighbours, promoted);
-  _cleanup_inactive_rotation_artifacts(neighbours, *manifest, stored->active_relative_paths());
+      _rotation_search_refresh_payloads(neighbours, scope, vocabulary ? Value(*vocabulary) : Value(), manifest);
+  if (promoted) promoted = store_rotation_state(neighbours, promoted);
+  _cleanup_inactive_rotation_artifacts(neighbours, *manifest, scope->active_relative_paths());
   _deliver_rotation_search_refresh_payloads(refresh_payloads);
-  return stored;
+  return promoted;
 }
 
 void SyncManager::refresh_running_searches_for_rotation(const RotationStateRef& rotation_state, const Value& vocabulary,

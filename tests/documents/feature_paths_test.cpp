@@ -1,5 +1,10 @@
 #include "sync/documents/feature_paths.hpp"
 
+#include <algorithm>
+#include <chrono>
+#include <random>
+
+#include "sync/base/threads/interrupt.hpp"
 #include "tests/documents/values.hpp"
 
 namespace brackenfen::sync {
@@ -58,6 +63,51 @@ TEST(FeaturePaths, companionsShareFamilyAndFolder) {
   prefetch.insert(prefetch.end(), family.begin(), family.end());
   EXPECT_EQ(_manifest_feature_prefetch_relative_paths(era_config(), files, "a__b__x__1", "SIGNAL", "us"), prefetch);
   EXPECT_TRUE(_manifest_feature_prefetch_relative_paths(era_config(), files, "gone", "SIGNAL", "us").empty());
+}
+
+TEST(FeaturePaths, manyNamesGiveWhatOneAfterTheOtherGives) {
+  std::vector<Member> entries;
+  std::vector<std::string> names;
+  std::mt19937 draw(5);
+  for (int number = 0; number < 3000; ++number) {
+    static const char* const folders[] = {"features/us/signal_is/", "features/us//signal_is/", "features/us/signal_is/sub/",
+                                          "features/signal_is/"};
+    const std::string family = "a" + std::to_string(draw() % 40) + "__b__";
+    const std::string name = family + std::to_string(draw() % 50) + (draw() % 2 == 0 ? "__c" : "");
+    entries.push_back({folders[draw() % 4] + name + ".arrow", Document()});
+    if (number % 20 == 0) names.push_back(draw() % 9 == 0 ? "sub/" + name : name);
+  }
+  const Value files = Document(std::move(entries));
+  for (const Value& universe : {Value(), Value("us"), Value("eu")}) {
+    std::vector<std::string> expected;
+    for (const std::string& name : names) {
+      for (std::string& path : _manifest_feature_prefetch_relative_paths(era_config(), files, Value(name), "SIGNAL", universe)) {
+        if (std::ranges::find(expected, path) == expected.end()) expected.push_back(std::move(path));
+      }
+    }
+    EXPECT_EQ(feature_prefetch_relative_paths(era_config(), files, names, "SIGNAL", universe), expected) << json_of(universe);
+  }
+}
+
+TEST(FeaturePaths, aThousandNamesOfALargeFamilyAreAnsweredAtOnceOrInterrupted) {
+  std::vector<Member> entries;
+  std::vector<std::string> names;
+  for (int number = 0; number < 100'000; ++number) {
+    std::string name = "a__b__c__" + std::to_string(number);
+    entries.push_back({"features/us/signal_is/" + name + ".arrow", Document()});
+    if (number % 100 == 0) names.push_back(std::move(name));
+  }
+  const Value files = Document(std::move(entries));
+  const auto began = std::chrono::steady_clock::now();
+  EXPECT_EQ(feature_prefetch_relative_paths(era_config(), files, names).size(), 100'000U);
+  EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(5)) << "some 0.2 s on a quiet machine";
+
+  struct Exit : InterruptSource {
+    void check() override { throw Interrupted{}; }
+  } exit;
+  InterruptSource* const before = set_interrupt_source(&exit);
+  EXPECT_THROW(feature_prefetch_relative_paths(era_config(), files, names), Interrupted);
+  set_interrupt_source(before);
 }
 
 TEST(FeaturePaths, groupSignalsByTheirCurrentEpoch) {

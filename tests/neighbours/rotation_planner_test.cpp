@@ -198,11 +198,23 @@ TEST(RotationPlanner, anActiveStateIsHeldAsFarAsItIsStillThere) {
   state->rotated_at = 17;
   ArtifactRotationSettings settings = budget_of(0);
   settings.scope.named_universes = List{"v"};
-  const RotationPlan plan = builtin_plan_from_active_rotation_state(
-      make_artifacts({{"features/a", 5}, {"features/b", 5}, {"features/u/e/other", 5}, {"new", 9, true}}), settings, state, {});
+  PlanningFacts facts;
+  facts.free_disk_bytes = 14;
+  const ArtifactsRef artifacts = make_artifacts({{"features/a", 5}, {"features/b", 5}, {"features/u/e/other", 5}, {"new", 9, true}});
+  const RotationPlan plan = builtin_plan_from_active_rotation_state(artifacts, settings, state, facts);
   EXPECT_THAT(texts(plan.selection.active_relative_paths), ElementsAre("features/a", "new"));
   EXPECT_THAT(texts(plan.selection.skipped_relative_paths), ElementsAre("features/b"));
   EXPECT_TRUE(equal_states(plan.candidate_state, state->with_active_relative_paths({"features/a", "new"})));
+  EXPECT_TRUE(equal_states(builtin_plan_rotation(artifacts, settings, state, facts).candidate_state, plan.candidate_state))
+      << "whatever the budget, until the rotation is due";
+
+  facts.free_disk_bytes = 13;
+  for (const auto plan_for : {builtin_plan_rotation, builtin_plan_from_active_rotation_state}) {
+    facts.present = {};
+    EXPECT_THAT(texts(plan_for(artifacts, settings, state, facts).selection.active_relative_paths), ElementsAre("new")) << "no room";
+    facts.present = [](const Text& path, std::int64_t, const Value&) { return path.view() == "features/a"; };
+    EXPECT_THAT(texts(plan_for(artifacts, settings, state, facts).selection.active_relative_paths), ElementsAre("features/a", "new"));
+  }
 }
 
 TEST(RotationPlanner, sizesOfAnyKindAddUpWithoutWrappingAround) {

@@ -94,6 +94,45 @@ def test_no_addition_is_lost_between_threads_processes_and_passes(manager: sync.
     assert os.stat(sync.feature_rotation_state_path(manager._data_dir)).st_mtime_ns == rotated_at
 
 
+@pytest.mark.parametrize("rotated_before", [False, True])
+def test_where_nothing_rotates_searches_hear_all_and_files_still_count(manager: sync.SyncManager, server: Any, rotated_before: bool) -> None:
+    publish(server, 2)
+    if rotated_before:
+        manager.sync()
+        server.version += 1
+
+    def publish_mandatory() -> None:
+        publish(server, 2)
+        for entry in server.entries.values():
+            entry["mandatory"] = True
+
+    search = Search()
+    manager.register_rotation_search_consumer(search)
+    publish_mandatory()
+    manager.sync()
+    manager.sync()
+    assert not manager.needs_sync(), "no poll runs a pass"
+    search.named_universe = "nowhere"
+    with pytest.raises(sync.VocabularyScopeError, match="unknown vocabulary universe: 'nowhere'$"):
+        manager.sync()
+    lost = pathlib.Path(manager._data_dir, "features/us/signal_is/f01.arrow")
+    lost.unlink()
+    assert manager.needs_sync() and manager.verify().missing_files == ["features/us/signal_is/f01.arrow"]
+
+    server.era_number = server.version = 8
+    publish_mandatory()
+    server.answers["/era/current"] = (200, b'{"era_number": 8, "state": "active"}')
+    with pytest.raises(sync.VocabularyScopeError):
+        manager.trigger_era_transition(8)
+    assert manager.get_manifest().era_number == 7
+    search.named_universe = "us"
+    manager.trigger_era_transition(8)
+    assert len(search.told) == 3 and lost.exists()
+    for state, vocabulary in search.told:
+        assert held(manager) == vocabulary["features"].keys() == {pathlib.Path(path).stem for path in state.active_relative_paths if "features/" in path}
+    assert [vocabulary["era_number"] for _, vocabulary in search.told] == [7, 7, 8]
+
+
 def test_records_of_the_built_in_rotation(manager: sync.SyncManager, server: Any) -> None:
     publish(server, 3)
     manifest = sync.Manifest(server.manifest())
