@@ -1,20 +1,28 @@
 #include "sync/documents/local_files.hpp"
 
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <functional>
+#include <utility>
 
+#include "sync/base/error.hpp"
 #include "sync/base/files/paths.hpp"
 #include "sync/documents/manifest_paths.hpp"
 
 namespace brackenfen::sync {
-LocalFiles::LocalFiles(std::string_view data_dir)
-    : data_dir_(data_dir), base_(real_path(expand_user(data_dir))), root_(::open(base_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
+namespace {
+
+/// Of a link that others make and remove again.
+constexpr int MOST_TRIES = 8;
+
+}  // namespace
+
+LocalFiles::LocalFiles(std::string_view data_dir) : LocalFiles(data_dir, RootDirectory(real_path(expand_user(data_dir)))) {}
+
+LocalFiles::LocalFiles(std::string_view data_dir, RootDirectory root) : data_dir_(data_dir), root_(std::move(root)), base_(root_.path()) {}
 
 std::optional<FileStat> LocalFiles::stat(std::string_view file_path) {
   FileStat found;
@@ -28,7 +36,7 @@ std::optional<FileStat> LocalFiles::stat(std::string_view file_path) {
 
 std::optional<LocalFiles::Opened> LocalFiles::open(std::string_view file_path) {
   const bool is_plain = is_plain_relative_path(file_path);
-  const int folder = !root_ ? -1 : open_parent(is_plain ? file_path : std::string_view(_safe_manifest_relative_path(file_path)));
+  const int folder = root_.get() < 0 ? -1 : open_parent(is_plain ? file_path : std::string_view(_safe_manifest_relative_path(file_path)));
   if (folder < 0) return std::nullopt;
   // Not blocking, since a pipe would wait here for its other end.
   Opened opened{Descriptor(::openat(folder, name_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)), {}};
@@ -46,7 +54,7 @@ std::string LocalFiles::local_path(std::string_view file_path) {
 }
 
 LocalFiles::Look LocalFiles::look(std::string_view relative_path, FileStat& found) {
-  if (!root_) return Look::NotDecided;
+  if (root_.get() < 0) return Look::NotDecided;
   const int folder = open_parent(relative_path);
   if (folder < 0) return errno == ENOENT ? Look::Missing : Look::NotDecided;
   struct stat status {};
@@ -66,22 +74,32 @@ int LocalFiles::open_parent(std::string_view relative_path) {
 int LocalFiles::open_folder(std::string_view folder_path) {
   Folder& folder = folders_[std::hash<std::string_view>()(folder_path) % MAX_OPEN_FOLDERS];
   if (folder.descriptor && folder.path == folder_path) return folder.descriptor.get();
-  if (!kernel_proves_) {
-    errno = ENOSYS;
-    return -1;
-  }
   folder.descriptor = Descriptor();
   folder.path.assign(folder_path);
-  open_how how{};
-  how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
-  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
-  const long opened = ::syscall(SYS_openat2, root_.get(), folder.path.c_str(), &how, sizeof how);
-  if (opened < 0) {
-    if (errno == ENOSYS || errno == EPERM) kernel_proves_ = false;
-    return -1;
-  }
-  folder.descriptor = Descriptor(static_cast<int>(opened));
+  folder.descriptor = Descriptor(open_beneath(root_.get(), folder.path, O_PATH | O_DIRECTORY));
   return folder.descriptor.get();
+}
+
+Place LocalFiles::place(std::string_view file_path, Parents parents) {
+  std::string relative_path = _safe_manifest_relative_path(file_path);
+  for (int tries = 1;; ++tries) {
+    const std::string folder_path = directory_of(relative_path);
+    const std::shared_ptr<const Descriptor> folder = root_.folder(folder_path);
+    const int reason = errno;
+    if (folder) {
+      Place place(folder, join_path(base_, relative_path));
+      const std::optional<struct stat> found = look_at(place);
+      // What a link leads to takes its place; a link that leads nowhere at all is one to be replaced.
+      if (!found || !S_ISLNK(found->st_mode) || tries > 1) return place;
+    } else if (reason == ENOENT && parents == Parents::Make) {
+      return {root_.make_folder(folder_path), join_path(base_, relative_path)};
+    } else if (reason != ELOOP || tries == MOST_TRIES) {
+      throw os_error(reason, join_path(base_, folder_path));
+    }
+    const std::string resolved = _manifest_local_path(data_dir_, file_path);
+    if (!resolved.starts_with(base_ + "/")) throw os_error(resolved == base_ ? EISDIR : ENOENT, resolved);
+    relative_path = resolved.substr(base_.size() + 1);
+  }
 }
 
 }  // namespace brackenfen::sync

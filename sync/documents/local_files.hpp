@@ -1,4 +1,4 @@
-// Looking at many local files of one data directory within one operation.
+// Looking at many local files of one data directory within one operation, and their places for writing.
 //
 // The answers are those of _manifest_local_path followed by a stat of its result, at the price of one system
 // call per file. A folder is opened once, in a way that proves it lies inside the directory with no link on
@@ -13,6 +13,8 @@
 #include <string_view>
 
 #include "sync/base/files/descriptor.hpp"
+#include "sync/base/files/place.hpp"
+#include "sync/base/files/root_directory.hpp"
 #include "sync/transport/files.hpp"
 
 namespace brackenfen::sync {
@@ -22,6 +24,8 @@ class LocalFiles {
  public:
   /// Throws nothing for a directory that does not exist: no file is found then.
   explicit LocalFiles(std::string_view data_dir);
+  /// The same of a directory that is open, so that several threads look at one whatever becomes of its path.
+  LocalFiles(std::string_view data_dir, RootDirectory root);
 
   /// The file's stat, links followed; absent where it does not exist or cannot be looked at. Throws
   /// ManifestError for a path that is refused or leads out of the directory.
@@ -33,6 +37,11 @@ class LocalFiles {
     FileStat stat;
   };
   [[nodiscard]] std::optional<Opened> open(std::string_view file_path);
+  enum class Parents : char { Make, Leave };
+  /// Where the file is to be written or removed: its folder is opened anew, without a link and inside the directory, and
+  /// made where it is missing. A link that stays inside the directory is followed. Throws ManifestError as above, and
+  /// os_error.
+  [[nodiscard]] Place place(std::string_view file_path, Parents parents = Parents::Make);
   /// _manifest_local_path of it.
   [[nodiscard]] std::string local_path(std::string_view file_path);
 
@@ -58,10 +67,9 @@ class LocalFiles {
   int open_folder(std::string_view folder_path);
 
   const std::string data_dir_;
-  const std::string base_;  // data_dir_ resolved
-  Descriptor root_;
-  bool kernel_proves_ = true;  // false from the first refusal of the system call on
-  std::string name_;           // reused: the file name with its terminator
+  const RootDirectory root_;
+  const std::string& base_;  // data_dir_ resolved
+  std::string name_;         // reused: the file name with its terminator
   std::array<Folder, MAX_OPEN_FOLDERS> folders_;
 };
 

@@ -1,5 +1,7 @@
 #include "sync/documents/shuffle_seed.hpp"
 
+#include <cerrno>
+
 #include "sync/base/error.hpp"
 #include "sync/base/files/descriptor.hpp"
 #include "sync/base/files/paths.hpp"
@@ -23,6 +25,17 @@ Document read_metadata(const std::string& path) {
   } catch (const Error&) {  // unreadable or not JSON: told below, as is any other value
   }
   throw SyncError("shuffle_seed.enc era metadata is invalid");
+}
+
+/// What is no regular file in the seed's place is a damaged seed, which a new one replaces.
+std::string read_seed(const std::string& path) {
+  try {
+    return read_file(path);
+  } catch (const Error& error) {
+    const Value& reason = error.fields().get("errno");
+    if (reason != Value(EISDIR) && reason != Value(EINVAL) && reason != Value(ENXIO) && reason != Value(EFBIG)) throw;
+    throw SyncError("shuffle_seed.enc is no regular file: " + error.text());
+  }
 }
 
 }  // namespace
@@ -60,7 +73,7 @@ void _validate_shuffle_seed_bytes(std::string_view data) {
 
 void _validate_shuffle_seed_file(const std::string& path, const std::optional<Value>& expected_era_id) {
   if (!path_exists(path)) throw SyncError("shuffle_seed.enc is missing");
-  _validate_shuffle_seed_bytes(read_file(path));
+  _validate_shuffle_seed_bytes(read_seed(path));
   if (!expected_era_id) return;
   const std::string meta_path = _shuffle_seed_meta_path(path);
   if (!path_exists(meta_path)) throw SyncError("shuffle_seed.enc era metadata is missing");

@@ -4,6 +4,7 @@
 #include "sync/base/files/sha256.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/base/values/json.hpp"
+#include "sync/documents/local_files.hpp"
 #include "sync/documents/manifest_paths.hpp"
 #include "sync/documents/signals_index.hpp"
 
@@ -131,7 +132,7 @@ std::pair<Document, std::optional<SignalsIndexUpdate>> _scrub_missing_found_pnl_
   const Document cleaned = scrubbed(index, missing);
   if (cleaned.same_as(index)) return {manifest_data, std::nullopt};
   const std::string bytes = write_json(cleaned, JsonForm::SortedKeys);
-  _atomic_write(files, clock, local_path, bytes);
+  _atomic_write(files, clock, LocalFiles(data_dir).place(*relative_path), bytes);
 
   const Document* entries = manifest_data.get("files").if_document();
   const Document listed = entries == nullptr ? Document() : *entries;

@@ -14,6 +14,11 @@
 #include "sync/engine/sync_manager.hpp"
 
 namespace brackenfen::sync {
+namespace {
+
+constexpr std::size_t LARGEST_COUNT_BYTES = 64;
+
+}  // namespace
 
 SyncManager::SyncManager(Options options)
     : _data_dir(options.data_dir),
@@ -54,7 +59,7 @@ void SyncManager::restore_consumer_count() {
   const std::string path = _consumer_count_path.get();
   if (!path_exists(path)) return;
   try {
-    _consumer_count.store(to_int64(Value(strip(read_file(path)))));
+    _consumer_count.store(to_int64(Value(strip(read_file(path, LARGEST_COUNT_BYTES)))));
   } catch (const Error& error) {
     log_warning("Failed to read consumer count: %s", error.text());
   }

@@ -1,10 +1,13 @@
 // One file, from its URL to its place: streamed, resumed, checked, moved.
 #include <algorithm>
+#include <cerrno>
 #include <limits>
 
 #include "sync/base/error.hpp"
 #include "sync/base/files/paths.hpp"
+#include "sync/base/files/place.hpp"
 #include "sync/base/values/convert.hpp"
+#include "sync/documents/local_files.hpp"
 #include "sync/documents/manifest.hpp"
 #include "sync/documents/manifest_paths.hpp"
 #include "sync/documents/signals_index.hpp"
@@ -30,7 +33,7 @@ std::int64_t stated_size(const Document& file_info, const std::string& file_path
 class FileDownload {
  public:
   FileDownload(SyncManager& manager, NeighbourSet& neighbours, const std::string& file_path, const Document& file_info, SyncResult& result,
-               const SyncManager::DownloadOptions& options);
+               const SyncManager::DownloadOptions& options, LocalFiles& local_files);
 
   void run();
 
@@ -80,7 +83,8 @@ class FileDownload {
   const Value base_url_;
   const std::string url_;
   const bool is_public_;
-  const std::string local_path_;
+  LocalFiles& local_files_;
+  Place place_;  ///< looked up anew for each attempt: a folder may have become a link meanwhile
 
   int attempt_ = 0;         ///< counts retries of every kind
   bool was_reset_ = false;  ///< after a 416
@@ -97,7 +101,7 @@ Value base_url_for(const Document& file_info, const SyncManager& manager) {
 }
 
 FileDownload::FileDownload(SyncManager& manager, NeighbourSet& neighbours, const std::string& file_path, const Document& file_info,
-                           SyncResult& result, const SyncManager::DownloadOptions& options)
+                           SyncResult& result, const SyncManager::DownloadOptions& options, LocalFiles& local_files)
     : manager_(manager),
       neighbours_(neighbours),
       seams_(manager.seams()),
@@ -113,11 +117,9 @@ FileDownload::FileDownload(SyncManager& manager, NeighbourSet& neighbours, const
       base_url_(base_url_for(file_info, manager)),
       url_(_manifest_file_url(neighbours.transport_security(), server_url_, Value(file_path), base_url_)),
       is_public_(_manifest_base_url_uses_public_download(server_url_, base_url_)),
-      local_path_(
-          _manifest_local_path(options.target_data_dir.value_or("").empty() ? live_data_dir_ : *options.target_data_dir, Value(file_path))),
-      staging_(local_path_ + ".tmp", *seams_.clock) {
-  if (const std::string parent = directory_of(local_path_); !parent.empty()) make_directories(parent);
-}
+      local_files_(local_files),
+      place_(local_files.place(file_path)),
+      staging_(place_.beside(".tmp"), *seams_.clock) {}
 
 void FileDownload::run() {
   while (!attempt()) ++attempt_;
@@ -157,6 +159,10 @@ void FileDownload::read_settings() {
 }
 
 void FileDownload::open_staging() {
+  if (attempt_ > 0) {
+    place_ = local_files_.place(file_path_);
+    staging_.set_place(place_.beside(".tmp"));
+  }
   staging_.open(!options_.is_abandoned || !options_.is_abandoned());
   if (staging_.size_bytes() > 0)
     _log_sync_event("range_resume", file_path_, 1, "partial_tmp", Document{{"bytes_existing", staging_.size_bytes()}});
@@ -284,15 +290,17 @@ void FileDownload::require_repair_left(const std::string& actual_sha) {
 
 void FileDownload::land(const std::string& actual_sha) {
   const std::int64_t total_written = staging_.size_bytes();
-  staging_.land(*seams_.files, local_path_);
+  // Not into a folder that was moved away while the bytes came.
+  if (!in_same_folder(place_, local_files_.place(file_path_))) throw os_error(ENOENT, place_.path());
+  staging_.land(*seams_.files, place_);
   const bool target_is_live = !options_.target_data_dir || *options_.target_data_dir == live_data_dir_;
   if (target_is_live) {
     if (const auto guard = manager_.runtime_freshness_guard.get()) guard->record_sync_update(file_path_, kind_, actual_sha);
-    if (kind_ != "vault_module") manager_.hash_cache()._remember_local_sha(file_path_, local_path_, actual_sha);
+    if (kind_ != "vault_module") manager_.hash_cache()._remember_local_sha(file_path_, place_.path(), actual_sha);
   }
   result_.bytes_downloaded += total_written;
   if (kind_ == "feature") ++result_.features_downloaded;
-  if (is_found_pnl_file_kind(kind_)) result_.found_pnl_paths_downloaded.push_back(local_path_);
+  if (is_found_pnl_file_kind(kind_)) result_.found_pnl_paths_downloaded.push_back(place_.path());
 }
 
 void FileDownload::announce_wait(std::string_view reason) {
@@ -334,7 +342,14 @@ void FileDownload::leave_superseded(std::string_view reason, const Document& fie
 
 void SyncManager::_download_file(NeighbourSet& neighbours, const std::string& file_path, const Document& file_info, SyncResult& result,
                                  const DownloadOptions& options) {
-  FileDownload(*this, neighbours, file_path, file_info, result, options).run();
+  std::optional<LocalFiles> opened;
+  if (!options.local_files) {
+    const std::string target = directory_or_live(options.target_data_dir);
+    // A directory of the library's own choosing may be missing still; the live one is never made.
+    if (target != _data_dir.get()) make_directories(target);
+    opened.emplace(target);
+  }
+  FileDownload(*this, neighbours, file_path, file_info, result, options, opened ? *opened : *options.local_files).run();
 }
 
 }  // namespace brackenfen::sync

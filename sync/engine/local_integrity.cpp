@@ -47,7 +47,7 @@ bool SyncManager::_local_file_matches_manifest(const std::string& file_path, con
 
 bool SyncManager::file_matches(std::string_view file_path, const FileStat& stat, const std::function<std::string()>& local_path,
                                const Document& file_info, bool cache_allowed) {
-  if (!size_fits(file_info, stat.size_bytes)) return false;
+  if (!stat.is_regular || !size_fits(file_info, stat.size_bytes)) return false;
   const Value& stated = file_info.get("sha256");
   if (!stated.truthy()) return true;
   const auto expected_sha = stated.if_text();

@@ -8,11 +8,12 @@
 #include <unordered_map>
 
 #include "sync/base/error.hpp"
+#include "sync/base/files/paths.hpp"
 #include "sync/base/text/text.hpp"
 #include "sync/base/threads/interrupt.hpp"
 #include "sync/base/threads/work.hpp"
 #include "sync/base/threads/worker_thread.hpp"
-#include "sync/documents/manifest_paths.hpp"
+#include "sync/documents/local_files.hpp"
 #include "sync/engine/expected_files.hpp"
 #include "sync/engine/sync_manager.hpp"
 #include "sync/transport/backoff.hpp"
@@ -43,7 +44,7 @@ struct Outcome {
 /// alive until they are done.
 class Batch : public std::enable_shared_from_this<Batch> {
  public:
-  Batch(std::shared_ptr<SyncManager> manager, std::shared_ptr<NeighbourSet> neighbours, std::vector<Item> items, std::vector<Task> tasks);
+  Batch(std::shared_ptr<SyncManager> manager, std::shared_ptr<NeighbourSet> neighbours, std::vector<Item> items);
 
   void start(std::int64_t worker_count);
   /// The next outcome in order of completion. Absent once there is none to come or, with a deadline, at it.
@@ -63,14 +64,16 @@ class Batch : public std::enable_shared_from_this<Batch> {
 
  private:
   void work();
-  void run_task(const Task& task);
-  [[nodiscard]] Outcome run_item(std::size_t index);
+  void run_task(const Task& task, std::optional<LocalFiles>& local_files);
+  [[nodiscard]] Outcome run_item(std::size_t index, std::optional<LocalFiles>& local_files);
   [[nodiscard]] bool worker_stop_requested();
   [[nodiscard]] bool nothing_to_come() const;
 
   const std::shared_ptr<SyncManager> manager_;
   const std::shared_ptr<NeighbourSet> neighbours_;
   const std::vector<Item> items_;
+  const std::string data_dir_;
+  const RootDirectory directory_;  // for all workers, as it was when the batch began
   const std::vector<Task> tasks_;
   const BackoffContext parent_context_;
   const ThreadWork work_ = ThreadWork::current();  // so that a callback on a worker knows which pass it is part of
@@ -89,12 +92,37 @@ class Batch : public std::enable_shared_from_this<Batch> {
   std::int64_t running_workers_ = 0;
 };
 
-Batch::Batch(std::shared_ptr<SyncManager> manager, std::shared_ptr<NeighbourSet> neighbours, std::vector<Item> items,
-             std::vector<Task> tasks)
+/// What two items must not touch at the same time: the local path, without the endings that staging adds.
+std::string exclusion_key(LocalFiles& local_files, const std::string& file_path) {
+  std::string key;
+  try {
+    key = local_files.local_path(file_path);
+  } catch (const Error&) {
+    key = file_path;  // refused again, with the error that counts, when it is its turn
+  }
+  while (key.ends_with(".tmp")) key.resize(key.size() - 4);
+  return key;
+}
+
+std::vector<Task> tasks_for(LocalFiles&& local_files, const std::vector<Item>& items) {
+  std::vector<Task> tasks;
+  std::unordered_map<std::string, std::size_t> task_by_key;
+  for (std::size_t index = 0; index < items.size(); ++index) {
+    if (index % FILES_PER_INTERRUPT_CHECK == 0) check_interrupt();
+    const auto [entry, is_new] = task_by_key.try_emplace(exclusion_key(local_files, items[index].file_path), tasks.size());
+    if (is_new) tasks.emplace_back();
+    tasks[entry->second].push_back(index);
+  }
+  return tasks;
+}
+
+Batch::Batch(std::shared_ptr<SyncManager> manager, std::shared_ptr<NeighbourSet> neighbours, std::vector<Item> items)
     : manager_(std::move(manager)),
       neighbours_(std::move(neighbours)),
       items_(std::move(items)),
-      tasks_(std::move(tasks)),
+      data_dir_(manager_->_data_dir.get()),
+      directory_(real_path(expand_user(data_dir_))),
+      tasks_(tasks_for(LocalFiles(data_dir_, directory_), items_)),
       parent_context_(_current_sync_backoff_context(manager_->seams())),
       done_(items_.size()) {}
 
@@ -117,6 +145,7 @@ void Batch::start(std::int64_t worker_count) {
 void Batch::work() {
   ThreadWork::current() = work_;
   const InterruptScope scope(interrupt_);
+  std::optional<LocalFiles> local_files;
   while (true) {
     const Task* task = nullptr;
     {
@@ -124,20 +153,20 @@ void Batch::work() {
       if (!queue_dropped_ && next_task_ < tasks_.size()) task = &tasks_[next_task_++];
     }
     if (!task) break;
-    run_task(*task);
+    run_task(*task, local_files);
   }
   const std::lock_guard<std::mutex> lock(mutex_);
   --running_workers_;
   changed_.notify_all();
 }
 
-void Batch::run_task(const Task& task) {
+void Batch::run_task(const Task& task, std::optional<LocalFiles>& local_files) {
   for (const std::size_t index : task) {
     {
       const std::lock_guard<std::mutex> lock(mutex_);
       if (queue_dropped_ && index != task.front()) return;
     }
-    Outcome outcome = run_item(index);
+    Outcome outcome = run_item(index, local_files);
     const std::lock_guard<std::mutex> lock(mutex_);
     // Whoever asked for the stop would else wait for an attempt of every file that is still queued.
     if (outcome.failure && parent_stopped_.load()) queue_dropped_ = true;
@@ -147,7 +176,7 @@ void Batch::run_task(const Task& task) {
   }
 }
 
-Outcome Batch::run_item(std::size_t index) {
+Outcome Batch::run_item(std::size_t index, std::optional<LocalFiles>& local_files) {
   Outcome outcome;
   outcome.item = index;
   const Item& item = items_[index];
@@ -156,6 +185,8 @@ Outcome Batch::run_item(std::size_t index) {
     context.stop_requested = [self = shared_from_this()] { return self->worker_stop_requested(); };  // a host may keep it
     const std::shared_ptr<void> entered = _sync_backoff_module(manager_->seams())->enter_context(std::move(context));
     SyncManager::DownloadOptions options;
+    if (!local_files) local_files.emplace(data_dir_, directory_);  // here, where a failure is the file's
+    options.local_files = &*local_files;
     options.is_abandoned = [this] { return abandoned_.load(); };  // kept no longer than the call
     manager_->_download_file(*neighbours_, item.file_path, item.file_info, outcome.result, options);
   } catch (const Error& error) {
@@ -233,30 +264,6 @@ std::vector<std::string> Batch::pending_paths() const {
   return paths;
 }
 
-/// What two items must not touch at the same time: the local path, without the endings that staging adds.
-std::string exclusion_key(const std::string& data_dir, const std::string& file_path) {
-  std::string key;
-  try {
-    key = _manifest_local_path(data_dir, Value(file_path));
-  } catch (const Error&) {
-    key = file_path;  // refused again, with the error that counts, when it is its turn
-  }
-  while (key.ends_with(".tmp")) key.resize(key.size() - 4);
-  return key;
-}
-
-std::vector<Task> tasks_for(const std::string& data_dir, const std::vector<Item>& items) {
-  std::vector<Task> tasks;
-  std::unordered_map<std::string, std::size_t> task_by_key;
-  for (std::size_t index = 0; index < items.size(); ++index) {
-    if (index % FILES_PER_INTERRUPT_CHECK == 0) check_interrupt();
-    const auto [entry, is_new] = task_by_key.try_emplace(exclusion_key(data_dir, items[index].file_path), tasks.size());
-    if (is_new) tasks.emplace_back();
-    tasks[entry->second].push_back(index);
-  }
-  return tasks;
-}
-
 [[noreturn]] void throw_timed_out(const std::vector<std::string>& pending_paths, std::optional<double> timeout_seconds) {
   const std::size_t shown = std::min(pending_paths.size(), PREVIEWED_PATHS);
   std::string preview = join({pending_paths.begin(), pending_paths.begin() + static_cast<std::ptrdiff_t>(shown)}, ", ");
@@ -279,10 +286,13 @@ bool is_tolerated(const std::exception_ptr& failure, const DownloadFailureFn& to
 /// The form for one worker: on the calling thread, in order. What is not tolerated ends it at once.
 void download_one_by_one(SyncManager& manager, NeighbourSet& neighbours, const std::vector<Item>& items, SyncResult& result,
                          const DownloadFailureFn& tolerates) {
+  LocalFiles local_files(manager._data_dir.get());
+  SyncManager::DownloadOptions options;
+  options.local_files = &local_files;
   std::exception_ptr first_error;
   for (const Item& item : items) {
     try {
-      manager._download_file(neighbours, item.file_path, item.file_info, result);
+      manager._download_file(neighbours, item.file_path, item.file_info, result, options);
     } catch (const Error&) {
       if (!is_tolerated(std::current_exception(), tolerates)) throw;
       if (!first_error) first_error = std::current_exception();
@@ -313,8 +323,7 @@ void SyncManager::_download_files_parallel(const std::shared_ptr<NeighbourSet>& 
   const std::optional<double> timeout_seconds = _sync_parallel_timeout_seconds(*seams_.environment, item_count, worker_count);
   std::optional<double> deadline_seconds;
   if (timeout_seconds) deadline_seconds = seams_.clock->monotonic_seconds() + *timeout_seconds;
-  std::vector<Task> tasks = tasks_for(_data_dir.get(), items);
-  const auto batch = std::make_shared<Batch>(shared_from_this(), neighbours, std::move(items), std::move(tasks));
+  const auto batch = std::make_shared<Batch>(shared_from_this(), neighbours, std::move(items));
 
   std::exception_ptr first_error;
   bool superseded = false;

@@ -207,7 +207,7 @@ void SyncManager::Pass::collect_downloads() {
 
 bool SyncManager::Pass::must_download(const Text& file_path, const Document& file_info, const Value* local_entry, LocalFiles& local_files) {
   const std::optional<FileStat> stat = local_files.stat(file_path);
-  if (!stat) return true;
+  if (!stat || !stat->is_regular) return true;
   const auto local_path = [&] { return local_files.local_path(file_path); };
   const bool vault_module = file_info.get("kind").if_text() == "vault_module";
 
@@ -290,6 +290,7 @@ void SyncManager::Pass::settle_signals_index() {
 }
 
 void SyncManager::Pass::land_documents() {
+  manager_._directory_lock.require_directory();
   documents_fetched_ = manager_._download_signals_index(*neighbours_, *server_, std::nullopt, &result_);
   settle_signals_index();
 
@@ -307,6 +308,7 @@ void SyncManager::Pass::land_documents() {
 }
 
 void SyncManager::Pass::commit() {
+  manager_._directory_lock.require_directory();
   _write_manifest_json(*manager_.seams_.files, *manager_.seams_.clock, data_dir_, server_->data());
   manager_._hash_cache._persist_hash_cache();
   _remove_sync_progress_json(*manager_.seams_.files, data_dir_);

@@ -100,6 +100,7 @@ std::optional<SyncResult> SyncManager::Pass::end_on_same_version() {
   settle_signals_index();  // a loss may have been found out at this very version, by the run before
   manager_._manifest.set(server_);
   use_vocabularies();
+  manager_._directory_lock.require_directory();
   _write_manifest_json(*manager_.seams_.files, *manager_.seams_.clock, data_dir_, server_->data());
   promote_rotation(server_);
   _cleanup_sync_tmp_files(*manager_.seams_.files, data_dir_);

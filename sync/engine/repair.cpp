@@ -42,6 +42,7 @@ SyncResult SyncManager::repair_files(const std::vector<std::string>& corrupted_f
 }
 
 bool SyncManager::repair_file(NeighbourSet& neighbours, const Manifest& manifest, const std::string& file_path, SyncResult& result) {
+  _directory_lock.require_directory();
   const Value files = manifest.files();
   const Document* entries = files.if_document();
   const Value* entry = entries ? entries->find(file_path) : nullptr;

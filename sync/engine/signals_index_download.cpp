@@ -3,6 +3,7 @@
 #include "sync/base/files/descriptor.hpp"
 #include "sync/base/files/paths.hpp"
 #include "sync/base/files/sha256.hpp"
+#include "sync/documents/local_files.hpp"
 #include "sync/documents/manifest_paths.hpp"
 #include "sync/documents/signals_index.hpp"
 #include "sync/engine/sync_manager.hpp"
@@ -10,9 +11,9 @@
 namespace brackenfen::sync {
 namespace {
 
-void unlink_if_there(Files& files, const std::string& path) {
+void unlink_if_there(Files& files, const Place& place) {
   try {
-    files.unlink(path);
+    files.unlink(place);
   } catch (const Error& error) {
     if (!error.is(error_class::FileNotFoundError)) throw;
   }
@@ -34,11 +35,12 @@ bool SyncManager::_download_signals_index(NeighbourSet& neighbours, Manifest& se
     return false;
   }
 
-  unlink_if_there(*seams_.files, local_path + ".tmp");
+  LocalFiles local_files(data_dir);
+  unlink_if_there(*seams_.files, local_files.place(*file_path).beside(".tmp"));
   const std::string body = fetch_signals_index(neighbours, *file_path, first_base_url(entry, server_manifest.base_url()));
   _validate_signals_index_bytes(body, server_manifest);
   _repair_signals_index_manifest_entry(server_manifest, *file_path, body, "validated signals_index bytes from storage");
-  _atomic_write(*seams_.files, *seams_.clock, local_path, body);
+  _atomic_write(*seams_.files, *seams_.clock, local_files.place(*file_path), body);
   if (data_dir == _data_dir.get()) {
     const std::string sha256 = _sha256(body);
     if (const auto guard = runtime_freshness_guard.get()) guard->record_sync_update(*file_path, "signals_index", sha256);

@@ -24,7 +24,6 @@ constexpr std::size_t READ_BLOCK_BYTES = 1048576;
 /// processor's cache in between, or after a moment, so that a kill on a slow link loses little.
 constexpr std::size_t WRITE_BLOCK_BYTES = 262144;
 constexpr std::int64_t LONGEST_HELD_BACK_NS = 50'000'000;
-constexpr int OPEN_FLAGS = O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK;  // a pipe would wait for its other end
 /// Of opening a file that is replaced or removed each time before it is locked.
 constexpr int MOST_TRIES = 100;
 
@@ -46,67 +45,56 @@ bool try_lock(const Descriptor& file) noexcept { return ::flock(file.get(), LOCK
 }  // namespace
 
 void StagingFile::open(bool may_begin) {
-  if (!file_ || !has_its_name(file_)) {
-    if (!may_begin) throw os_error(ENOENT, path_);
+  if (!file_ || !is_named(file_, place_)) {
+    if (!may_begin) throw os_error(ENOENT, place_.path());
     take_file();
   }
   digest_prefix(std::numeric_limits<std::int64_t>::max());
 }
 
 void StagingFile::take_file() {
-  for (int tries = 1;; ++tries) {
+  for (int tries = 0; tries < MOST_TRIES; ++tries) {
     Descriptor found;
-    struct stat status {};
     try {
-      found = open_file(path_, OPEN_FLAGS);
-      if (::fstat(found.get(), &status) != 0) throw os_error(errno, path_);
+      found = open_own_file(place_, O_RDWR);
     } catch (const Error& error) {
-      if (error.fields().get("errno") != Value(ELOOP)) throw;
+      // A folder that holds something belongs to somebody; while an empty one stays, no pass can succeed.
+      const bool is_folder = error.fields().get("errno") == Value(EISDIR);
+      if (!is_folder || ::unlinkat(place_.folder(), place_.name(), AT_REMOVEDIR) != 0) throw;
+      continue;
     }
-    // A link holds nothing of this download, and while it stays no pass can succeed; what is written to a file with
-    // further names changes these too.
-    if (!found || !S_ISREG(status.st_mode) || status.st_nlink > 1) {
-      if (::unlink(path_.c_str()) != 0 && errno != ENOENT) throw os_error(errno, path_);
-    } else if (!try_lock(found)) {
-      return take_copy(found);
-    } else if (has_its_name(found)) {  // and has not just landed
-      file_ = std::move(found);
-      return;
-    }
-    if (tries == MOST_TRIES) throw os_error(EBUSY, path_);
+    if (!try_lock(found)) return take_copy(found);
+    if (!is_named(found, place_)) continue;  // it has just landed
+    file_ = std::move(found);
+    return;
   }
+  throw os_error(EBUSY, place_.path());
 }
 
 void StagingFile::take_copy(const Descriptor& other) {
   {
     const std::lock_guard lock(names_mutex());
-    if (::unlink(path_.c_str()) != 0 && errno != ENOENT) throw os_error(errno, path_);
-    file_ = open_file(path_, OPEN_FLAGS | O_EXCL);
+    if (::unlinkat(place_.folder(), place_.name(), 0) != 0 && errno != ENOENT) throw os_error(errno, place_.path());
+    file_ = open_own_file(place_, O_RDWR);
     static_cast<void>(try_lock(file_));
   }
   std::vector<char> block(READ_BLOCK_BYTES);
-  while (const std::size_t count = read_some(other, block.data(), block.size(), path_)) {
-    write_all(file_, {block.data(), count}, path_);
+  while (const std::size_t count = read_some(other, block.data(), block.size(), place_.path())) {
+    write_all(file_, {block.data(), count}, place_.path());
     check_interrupt();
   }
 }
 
-bool StagingFile::has_its_name(const Descriptor& file) const {
-  struct stat own {};
-  struct stat named {};
-  return ::fstat(file.get(), &own) == 0 && ::lstat(path_.c_str(), &named) == 0 && own.st_dev == named.st_dev && own.st_ino == named.st_ino;
-}
-
 void StagingFile::require_name() const {
-  if (!has_its_name(file_)) throw os_error(ENOENT, path_);
+  if (!is_named(file_, place_)) throw os_error(ENOENT, place_.path());
 }
 
-void StagingFile::land(Files& files, const std::string& target) {
-  const Descriptor locked = duplicate(file_, path_);  // so that nobody takes the file over before it has moved
+void StagingFile::land(Files& files, const Place& target) {
+  const Descriptor locked = duplicate(file_, place_.path());  // so that nobody takes the file over before it has moved
   file_.close();
   const std::lock_guard lock(names_mutex());
-  if (!has_its_name(locked)) throw os_error(ENOENT, path_);
-  files.rename(path_, target);
+  if (!is_named(locked, place_)) throw os_error(ENOENT, place_.path());
+  files.rename(place_, target);
 }
 
 void StagingFile::digest_prefix(std::int64_t size_bytes) {
@@ -117,7 +105,7 @@ void StagingFile::digest_prefix(std::int64_t size_bytes) {
   while (size_bytes_ < size_bytes) {
     if (block.empty()) block.resize(READ_BLOCK_BYTES);
     const auto wanted = static_cast<std::size_t>(std::min<std::int64_t>(size_bytes - size_bytes_, READ_BLOCK_BYTES));
-    const std::size_t count = read_some(file_, block.data(), wanted, path_);
+    const std::size_t count = read_some(file_, block.data(), wanted, place_.path());
     if (count == 0) return;
     digest_.update(block.data(), count);
     size_bytes_ += static_cast<std::int64_t>(count);
@@ -126,7 +114,7 @@ void StagingFile::digest_prefix(std::int64_t size_bytes) {
 }
 
 void StagingFile::clear() {
-  if (has_its_name(file_)) truncate(0);
+  if (is_named(file_, place_)) truncate(0);
   seek(0);
   digest_.reset();
   size_bytes_ = 0;
@@ -172,7 +160,7 @@ void StagingFile::accept(std::string_view bytes) {
 void StagingFile::flush() {
   if (block_.empty()) return;
   require_name();
-  write_all(file_, block_, path_);
+  write_all(file_, block_, place_.path());
   digest_.update(block_);
   block_.clear();
 }
@@ -196,13 +184,13 @@ void StagingFile::roll_back() {
 }
 
 void StagingFile::seek(std::int64_t offset) {
-  if (::lseek(file_.get(), offset, SEEK_SET) < 0) throw os_error(errno, path_);
+  if (::lseek(file_.get(), offset, SEEK_SET) < 0) throw os_error(errno, place_.path());
 }
 
 void StagingFile::truncate(std::int64_t size_bytes) {
   require_name();
   while (::ftruncate(file_.get(), size_bytes) < 0) {
-    if (errno != EINTR) throw os_error(errno, path_);
+    if (errno != EINTR) throw os_error(errno, place_.path());
   }
 }
 

@@ -23,18 +23,19 @@ namespace brackenfen::sync {
 /// file. One thread.
 class StagingFile : public ResponseSink {
  public:
-  StagingFile(std::string path, Clock& clock) : path_(std::move(path)), clock_(clock) {}
+  StagingFile(Place place, Clock& clock) : place_(std::move(place)), clock_(clock) {}
 
+  /// Where the next attempt looks for the file.
+  void set_place(Place place) { place_ = std::move(place); }
   /// For each attempt: digests what the file holds. One that was open before stays, as long as it has its name. Else the
-  /// file is opened, or made empty, if this download `may_begin`. A link in its place is removed, never followed. Throws
+  /// file is opened, or made empty, if this download `may_begin`. What else stands in its place gives way. Throws
   /// os_error, FileNotFoundError for a file that has gone to another download.
   void open(bool may_begin = true);
   /// Empties file and digest; a file that has lost its name stays as it is.
   void clear();
   /// Closes the file and renames it to `target`. Throws os_error, FileNotFoundError as with open.
-  void land(Files& files, const std::string& target);
+  void land(Files& files, const Place& target);
 
-  [[nodiscard]] const std::string& path() const noexcept { return path_; }
   [[nodiscard]] std::int64_t size_bytes() const noexcept { return size_bytes_; }
   /// Ends the digest; the file must not be written any more.
   [[nodiscard]] std::string hex_digest() { return digest_.hex_digest(); }
@@ -59,14 +60,13 @@ class StagingFile : public ResponseSink {
   void take_file();
   /// Makes a new file under the name, with the bytes of `other`, which another download has open.
   void take_copy(const Descriptor& other);
-  [[nodiscard]] bool has_its_name(const Descriptor& file) const;
   void require_name() const;
   /// Digests the file from its beginning, as far as it goes or up to `size_bytes`.
   void digest_prefix(std::int64_t size_bytes);
   void seek(std::int64_t offset);
   void truncate(std::int64_t size_bytes);
 
-  const std::string path_;
+  Place place_;
   Clock& clock_;
   Descriptor file_;
   Sha256 digest_;

@@ -146,6 +146,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
     /// Whether the operation that asked for the file has ended without waiting for it: the download may then finish
     /// the staging file that it has, and begin no other. Empty: never.
     std::function<bool()> is_abandoned = {};
+    LocalFiles* local_files = nullptr;  ///< of the target directory, as the caller opened it; null: opened for this file
   };
   /// Brings one manifest file to its local path: streamed into "{local path}.tmp" under a running digest,
   /// resumed by Range, moved into place. A failure that may pass is waited out, without limit. `result` must be

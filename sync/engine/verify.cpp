@@ -33,7 +33,7 @@ class Auditor {
   template <typename Digest>
   static Verdict judge(const Document& file_info, const FileStat& stat, Digest&& digest) {
     const Value* size_bytes = file_info.find("size_bytes");
-    if ((size_bytes ? *size_bytes : Value(0)) != Value(stat.size_bytes)) return Verdict::Corrupted;
+    if (!stat.is_regular || (size_bytes ? *size_bytes : Value(0)) != Value(stat.size_bytes)) return Verdict::Corrupted;
     const Value& sha256 = file_info.get("sha256");
     return !sha256.truthy() || sha256.if_text() == digest() ? Verdict::Good : Verdict::Corrupted;
   }

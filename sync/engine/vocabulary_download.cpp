@@ -5,6 +5,7 @@
 #include "sync/base/files/sha256.hpp"
 #include "sync/base/log.hpp"
 #include "sync/base/values/convert.hpp"
+#include "sync/documents/local_files.hpp"
 #include "sync/documents/manifest_paths.hpp"
 #include "sync/documents/vocabulary.hpp"
 #include "sync/engine/sync_manager.hpp"
@@ -13,9 +14,9 @@ namespace brackenfen::sync {
 namespace {
 
 /// Removes a file that must not stay; a file system that refuses has no say.
-void discard(Files& files, const std::string& path) {
+void discard(Files& files, const Place& place) {
   try {
-    files.unlink(path);
+    files.unlink(place);
   } catch (const Error& error) {
     if (!error.is(error_class::OSError)) throw;
   }
@@ -66,7 +67,7 @@ class VocabularyDownload {
     try {
       return accept(local_path_);
     } catch (const Error&) {
-      discard(files(), local_path_);
+      discard(files(), place());
       throw;
     }
   }
@@ -82,16 +83,18 @@ class VocabularyDownload {
 
   /// The bytes may be good although they are not the ones that the manifest states.
   void accept_staged(const std::string& failure) {
-    const std::string staged = local_path_ + ".tmp";
+    const Place target = place();
+    const Place staged = target.beside(".tmp");
     try {
-      (void)accept(staged, failure);
-      files().rename(staged, local_path_);
+      (void)accept(staged.path(), failure);
+      files().rename(staged, target);
     } catch (const Error&) {
       discard(files(), staged);
       throw;
     }
   }
 
+  [[nodiscard]] Place place() const { return LocalFiles(data_dir_).place(file_path_); }
   [[nodiscard]] Files& files() const { return *manager_.seams().files; }
 
   SyncManager& manager_;
@@ -155,9 +158,9 @@ std::optional<Member> SyncManager::replace_vocabulary(NeighbourSet& neighbours, 
     }
   }
 
-  const std::string local_path = _manifest_local_path(_data_dir.get(), file_path);
-  _atomic_write(*seams_.files, *seams_.clock, local_path, response.body);
-  _hash_cache._remember_local_sha(file_path, local_path, actual_sha);
+  const Place place = LocalFiles(_data_dir.get()).place(file_path);
+  _atomic_write(*seams_.files, *seams_.clock, place, response.body);
+  _hash_cache._remember_local_sha(file_path, place.path(), actual_sha);
   result.bytes_downloaded += static_cast<std::int64_t>(response.body.size());
   result.vocabulary_downloaded = true;
   return Member{*universe, std::move(vocabulary)};

@@ -10,6 +10,7 @@
 #include "sync/base/error.hpp"
 #include "sync/base/files/directory_reader.hpp"
 #include "sync/base/files/paths.hpp"
+#include "sync/base/files/root_directory.hpp"
 #include "sync/base/threads/interrupt.hpp"
 
 namespace brackenfen::sync {
@@ -73,10 +74,13 @@ void remove_tree(const std::string& path) {
 }
 
 void delete_tmp_files(const std::string& directory) {
-  walk(directory, [&](const fs::directory_entry& entry) {
-    const std::string path = entry.path();
-    if (path.ends_with(".tmp") && ::unlink(path.c_str()) != 0) throw os_error(errno, path);
-  });
+  RootDirectory(real_path(directory))
+      .walk(
+          [](const Place& place, const DirectoryReader&, const dirent&) {
+            const bool doomed = place.path().ends_with(".tmp");
+            if (doomed && ::unlinkat(place.folder(), place.name(), 0) != 0) throw os_error(errno, place.path());
+          },
+          [](const Error& error) { throw error; });
 }
 
 }  // namespace brackenfen::sync

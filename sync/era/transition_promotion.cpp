@@ -7,8 +7,8 @@
 #include "sync/base/files/paths.hpp"
 #include "sync/base/log.hpp"
 #include "sync/base/values/convert.hpp"
+#include "sync/documents/local_files.hpp"
 #include "sync/documents/manifest_file.hpp"
-#include "sync/documents/manifest_paths.hpp"
 #include "sync/documents/vocabulary.hpp"
 #include "sync/era/transition.hpp"
 #include "sync/rotation/search_scope.hpp"
@@ -34,8 +34,10 @@ void SyncManager::Transition::prepare_promotion() {
 }
 
 void SyncManager::Transition::promote() {
+  manager_._directory_lock.require_directory();
   move_staged_files();
   const std::shared_ptr<Manifest> old_manifest = manager_._manifest.get();
+  manager_._directory_lock.require_directory();
   _write_manifest_json(*manager_.seams_.files, *manager_.seams_.clock, data_dir_, new_manifest_->data());
   manager_._manifest.set(new_manifest_);
   manager_._vocabulary.set(std::make_shared<const Document>(staged_vocabularies_));
@@ -48,15 +50,23 @@ void SyncManager::Transition::promote() {
 
 void SyncManager::Transition::move_staged_files() {
   // A download that an earlier pass left behind loses its staging file, so that it cannot land over what goes live here.
-  for (const std::string& live_path : live_paths_) ::unlink((live_path + ".tmp").c_str());
+  LocalFiles live(data_dir_);
+  for (const auto& [file_path, file_info] : transition_download_items_) {
+    try {
+      const Place staging = live.place(file_path, LocalFiles::Parents::Leave).beside(".tmp");
+      ::unlinkat(staging.folder(), staging.name(), 0);
+    } catch (const Error& error) {  // no folder, no staging file
+      if (!error.is(error_class::OSError)) throw;
+    }
+  }
+  LocalFiles staged(transition_staging_dir_);
   Files& files = *manager_.seams_.files;
   const std::shared_ptr<RuntimeFreshnessGuard> guard = manager_.runtime_freshness_guard.get();
   std::unordered_set<std::string> moved;  // a manifest may name one file by two keys
   for (const std::string& file_path : staged_file_paths_) {
-    const std::string live_path = _manifest_local_path(data_dir_, file_path);
-    if (!moved.insert(live_path).second) continue;
-    if (const std::string parent = directory_of(live_path); !parent.empty()) make_directories(parent);
-    files.rename(_manifest_local_path(transition_staging_dir_, file_path), live_path);
+    const Place place = live.place(file_path);
+    if (!moved.insert(place.path()).second) continue;
+    files.rename(staged.place(file_path, LocalFiles::Parents::Leave), place);
     if (!guard) continue;
     const Value entry = new_manifest_->file(file_path);
     const Document* staged_info = entry.if_document();
@@ -75,10 +85,12 @@ void SyncManager::Transition::delete_departed_files(const Manifest& old_manifest
   const Document* departed = old_files.if_document();
   const Document* present = new_files.if_document();
   if (!departed) return;
+  LocalFiles live(data_dir_);
   for (const Member& member : *departed) {
     if (present && present->contains(member.key)) continue;
-    const std::string live_path = _manifest_local_path(data_dir_, member.key);
-    if (!live_paths_.contains(live_path) && path_exists(live_path)) manager_.seams_.files->unlink(live_path);
+    if (!live.stat(member.key)) continue;
+    const Place place = live.place(member.key, LocalFiles::Parents::Leave);
+    if (!live_paths_.contains(place.path())) manager_.seams_.files->unlink(place);
   }
 }
 

@@ -1,11 +1,13 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <exception>
 
 #include "sync/base/error.hpp"
 #include "sync/base/files/descriptor.hpp"
 #include "sync/base/files/paths.hpp"
+#include "sync/base/files/place.hpp"
 #include "sync/base/log.hpp"
 #include "sync/base/threads/interrupt.hpp"
 #include "sync/era/directory_tree.hpp"
@@ -41,7 +43,8 @@ SyncManager::TransitionScope::TransitionScope(SyncManager& manager)
 /// over.
 void SyncManager::TransitionScope::write_transition_lock() {
   try {
-    Descriptor file = open_file(lock_path_, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW);
+    Descriptor file = open_own_file(lock_path_, O_WRONLY);
+    if (::ftruncate(file.get(), 0) != 0) throw os_error(errno, lock_path_);
     write_all(file, std::to_string(::getpid()), lock_path_);
     file.close();
   } catch (const Error& error) {
@@ -50,6 +53,7 @@ void SyncManager::TransitionScope::write_transition_lock() {
 }
 
 void SyncManager::TransitionScope::make_staging_directory(const std::string& path) {
+  manager_._directory_lock.require_directory();
   remove_leftover(path);
   make_directories(path);
   staging_dir_ = path;

@@ -42,7 +42,8 @@ bool SyncManager::Transition::stage_file(const std::string& file_path, const Doc
   const std::string local_path = _manifest_local_path(data_dir_, file_path);
   live_paths_.insert(local_path);
   // The file itself is read, whatever the hash cache says of it: what goes live must be what the manifest names.
-  if (path_exists(local_path) && file_info.get("sha256") == Value(_sha256_file(local_path))) {
+  const std::optional<FileStat> stat = manager_.seams_.files->stat(local_path);
+  if (stat && stat->is_regular && file_info.get("sha256") == Value(_sha256_file(local_path))) {
     ++completed_files_;
     return true;
   }

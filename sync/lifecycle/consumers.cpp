@@ -1,11 +1,13 @@
 // Who wants the background work: counting consumers, and starting and stopping the threads.
 #include <fcntl.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <limits>
 #include <optional>
 
 #include "sync/base/error.hpp"
-#include "sync/base/files/descriptor.hpp"
+#include "sync/base/files/place.hpp"
 #include "sync/base/log.hpp"
 #include "sync/base/threads/interrupt.hpp"
 #include "sync/engine/sync_manager.hpp"
@@ -81,7 +83,9 @@ bool SyncManager::is_alive() const {
 void SyncManager::_persist_consumer_count() {
   const std::string path = _consumer_count_path.get();
   try {
-    write_all(open_file(path, O_WRONLY | O_CREAT | O_TRUNC), std::to_string(_consumer_count.load()), path);
+    const Descriptor file = open_own_file(path, O_WRONLY);
+    if (::ftruncate(file.get(), 0) != 0) throw os_error(errno, path);
+    write_all(file, std::to_string(_consumer_count.load()), path);
   } catch (const Error& error) {
     log_warning("Failed to persist consumer count: %s", error.text());
   }

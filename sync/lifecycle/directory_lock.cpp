@@ -101,6 +101,7 @@ void DirectoryLock::_release_flock() {
     if (::unlink(flock_path.c_str()) != 0 && errno != ENOENT) unlink_error = errno;
   }
   unlock_directory();
+  directory_id_.reset();
   // Logging runs code of the host, which may end this call: everything is free by now.
   if (unlink_error != 0) log_debug("Failed to remove flock file: %s", os_error(unlink_error, flock_path).text());
   if (unlock_error != 0) throw os_error(unlock_error);
@@ -115,6 +116,7 @@ void DirectoryLock::close_leftover() {
     log_debug("Failed to close file descriptor: %s", error.text());
   }
   unlock_directory();
+  directory_id_.reset();
 }
 
 void DirectoryLock::abandon_after_fork() noexcept {
@@ -124,6 +126,7 @@ void DirectoryLock::abandon_after_fork() noexcept {
   new (&freed_) std::condition_variable;
   flock_file_ = Descriptor();
   directory_ = Descriptor();
+  directory_id_.reset();
   owner_ = std::thread::id();
   work_ = 0;
   depth_ = 0;
@@ -178,9 +181,16 @@ bool DirectoryLock::is_owner() {
 }
 
 void DirectoryLock::lock_descriptors() {
-  if (!flock_file_) flock_file_ = open_file(flock_path_.get(), O_APPEND | O_RDWR | O_CREAT, 0666);
+  if (!flock_file_) flock_file_ = open_own_file(flock_path_.get(), O_APPEND | O_RDWR);
   if (const int error_number = wait_for_flock(flock_file_); error_number != 0) throw os_error(error_number);
   if (!directory_) lock_directory();
+  if (!directory_id_) directory_id_ = file_id(data_dir_.get());
+}
+
+void DirectoryLock::require_directory() {
+  if (!is_owner() || !directory_id_) return;
+  const std::string data_dir = data_dir_.get();
+  if (file_id(data_dir) != directory_id_) throw os_error(ENOENT, data_dir);
 }
 
 void DirectoryLock::lock_directory() {

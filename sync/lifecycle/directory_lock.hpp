@@ -9,10 +9,11 @@
 
 #include <condition_variable>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
-#include "sync/base/files/descriptor.hpp"
+#include "sync/base/files/place.hpp"
 #include "sync/base/threads/clock.hpp"
 #include "sync/base/threads/snapshot.hpp"
 #include "sync/base/threads/work.hpp"
@@ -41,6 +42,9 @@ class DirectoryLock {
   [[nodiscard]] bool held_by_this_work();
   /// The same where a bare _acquire_flock() counts too: a unit of work inside this call would end the one around it.
   [[nodiscard]] bool is_held_around_this_call();
+  /// For the thread of a Hold, before it commits anything. Throws FileNotFoundError where the data directory's path does
+  /// not lead any more to the directory that it led to when the lock was taken.
+  void require_directory();
   /// In the child of a fork, before anything else there touches the lock: closes the inherited descriptors,
   /// which leaves the parent's locks as they are, and makes the lock in the process free again. A Hold that
   /// the child inherited on its stack finds nothing left to release.
@@ -91,6 +95,7 @@ class DirectoryLock {
   // Touched only by the owner.
   Descriptor flock_file_;
   Descriptor directory_;
+  std::optional<FileId> directory_id_;  ///< of the directory when it was locked, or would have been
 };
 
 }  // namespace brackenfen::sync

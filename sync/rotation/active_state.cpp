@@ -50,6 +50,7 @@ std::vector<Text> united(const std::vector<Text>& first, const std::vector<Text>
 
 bool SyncManager::commit_rotation_state(NeighbourSet& neighbours, std::uint64_t changes, const RotationStateRef& previous,
                                         const RotationStateRef& next, const std::vector<Text>& added) {
+  _directory_lock.require_directory();
   const std::string path = feature_rotation_state_path(_data_dir.get());
   const std::string document = rotation_state_document(neighbours, next);
   const bool keeps_time = same_rotation(previous, next);

@@ -1,13 +1,16 @@
 #include "sync/rotation/cleanup.hpp"
 
+#include <fcntl.h>
+
 #include <cerrno>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "sync/base/error.hpp"
-#include "sync/base/files/directory_reader.hpp"
 #include "sync/base/files/paths.hpp"
+#include "sync/base/files/root_directory.hpp"
 #include "sync/base/threads/interrupt.hpp"
 #include "sync/documents/manifest_paths.hpp"
 
@@ -20,7 +23,7 @@ constexpr const char* ARTIFACT_FOLDERS[] = {"features",      "named_universes", 
 /// A walk below one base directory; folders and files by their path relative to it.
 class Walk {
  public:
-  Walk(Files& files, std::string base, const TextSet& keep) : files_(files), base_(std::move(base)), keep_(keep) {}
+  Walk(Files& files, std::string base, const TextSet& keep) : files_(files), root_(std::move(base)), keep_(keep) {}
 
   void run(const char* top_folder) {
     pending_.emplace_back(top_folder);
@@ -35,8 +38,10 @@ class Walk {
  private:
   void clean(const std::string& folder) {
     std::vector<std::string> doomed;  // deleted once the folder is read: some file systems skip names otherwise
+    const auto opened = std::make_shared<const Descriptor>(open_beneath(root_.get(), folder, O_RDONLY | O_DIRECTORY));
     try {
-      DirectoryReader reader(join_path(base_, folder));
+      if (!*opened) throw os_error(errno, join_path(root_.path(), folder));
+      DirectoryReader reader(*opened, join_path(root_.path(), folder));
       std::string path = folder + "/";
       const std::size_t prefix = path.size();
       while (const dirent* const entry = reader.next()) {
@@ -51,7 +56,7 @@ class Walk {
     } catch (const Error& error) {
       if (!is_no_folder(error, folder)) throw;
     }
-    for (const std::string& path : doomed) files_.unlink(join_path(base_, path));
+    for (const std::string& path : doomed) files_.unlink(Place(opened, join_path(root_.path(), path)));
   }
 
   /// A folder that does not exist, and at the top a link or a file in its place, hold nothing to delete.
@@ -62,7 +67,7 @@ class Walk {
   }
 
   Files& files_;
-  const std::string base_;
+  const RootDirectory root_;
   const TextSet& keep_;
   std::vector<std::string> pending_;
 };

@@ -118,6 +118,7 @@ std::vector<std::string> SyncManager::_request_feature_files_for_sync_impl(const
     }
     _hash_cache._persist_hash_cache();
   }
+  _directory_lock.require_directory();
   _prefetched_features._remember_prefetched_feature_relative_paths(*neighbours, *manifest, relative_paths);
   return local_paths;
 }

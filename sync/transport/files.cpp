@@ -27,17 +27,20 @@ std::int64_t nanoseconds(const timespec& time) { return static_cast<std::int64_t
 
 class SystemFiles final : public Files {
  public:
-  void rename(const std::string& from, const std::string& to) override {
-    if (::rename(from.c_str(), to.c_str()) != 0) throw os_error(errno, from, to);
+  void rename(const Place& from, const Place& to) override {
+    while (::renameat(from.folder(), from.name(), to.folder(), to.name()) != 0) {
+      const int reason = errno;
+      if (reason != EISDIR || ::unlinkat(to.folder(), to.name(), AT_REMOVEDIR) != 0) throw os_error(reason, from.path(), to.path());
+    }
   }
 
-  void unlink(const std::string& path) override {
-    if (::unlink(path.c_str()) != 0) throw os_error(errno, path);
+  void unlink(const Place& place) override {
+    if (::unlinkat(place.folder(), place.name(), 0) != 0) throw os_error(errno, place.path());
   }
 
-  void write_new(const std::string& path, std::string_view data) override {
-    Descriptor file = open_file(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW);
-    write_all(file, data, path);
+  void write_new(const Place& place, std::string_view data) override {
+    Descriptor file = open_at(place, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW);
+    write_all(file, data, place.path());
     file.close();
   }
 
@@ -88,7 +91,8 @@ FileStat file_stat(const struct stat& status) noexcept {
           .mtime_ns = nanoseconds(status.st_mtim),
           .ctime_ns = nanoseconds(status.st_ctim),
           .inode = static_cast<std::int64_t>(status.st_ino),
-          .is_directory = S_ISDIR(status.st_mode)};
+          .is_directory = S_ISDIR(status.st_mode),
+          .is_regular = S_ISREG(status.st_mode)};
 }
 
 Files& Files::real() {
@@ -96,13 +100,15 @@ Files& Files::real() {
   return files;
 }
 
-void _atomic_write(Files& files, Clock& clock, const std::string& filepath, std::string_view data) {
-  const std::string temporary = filepath + "." + std::to_string(::getpid()) + "." + std::to_string(::pthread_self()) + "." +
-                                std::to_string(clock.monotonic_ns()) + ".tmp";
-  if (const std::string directory = directory_of(filepath); !directory.empty()) make_directories(directory);
+void _atomic_write(Files& files, Clock& clock, const Place& target, std::string_view data) {
+  const Place temporary = target.beside("." + std::to_string(::getpid()) + "." + std::to_string(::pthread_self()) + "." +
+                                        std::to_string(clock.monotonic_ns()) + ".tmp");
+  if (!target.has_folder()) {
+    if (const std::string directory = directory_of(target.path()); !directory.empty()) make_directories(directory);
+  }
   try {
     files.write_new(temporary, data);
-    files.rename(temporary, filepath);
+    files.rename(temporary, target);
   } catch (const Error&) {
     try {
       files.unlink(temporary);
@@ -113,7 +119,7 @@ void _atomic_write(Files& files, Clock& clock, const std::string& filepath, std:
 }
 
 std::string _sha256_file(const std::string& filepath, std::int64_t chunk_bytes) {
-  return sha256_of_open_file(open_file(filepath, O_RDONLY), filepath, chunk_bytes);
+  return sha256_of_open_file(open_regular_file(filepath), filepath, chunk_bytes);
 }
 
 std::string sha256_of_open_file(const Descriptor& file, const std::string& filepath, std::int64_t chunk_bytes) {

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "sync/base/files/descriptor.hpp"
+#include "sync/base/files/place.hpp"
 #include "sync/base/threads/clock.hpp"
 
 namespace brackenfen::sync {
@@ -22,6 +23,7 @@ struct FileStat {
   std::int64_t ctime_ns = 0;
   std::int64_t inode = 0;
   bool is_directory = false;
+  bool is_regular = true;  ///< no directory, pipe, socket or device
 };
 /// Of what stat(2) gave.
 [[nodiscard]] FileStat file_stat(const struct stat& status) noexcept;
@@ -30,11 +32,12 @@ struct FileStat {
 class Files {
  public:
   virtual ~Files() = default;
-  virtual void rename(const std::string& from, const std::string& to) = 0;
-  virtual void unlink(const std::string& path) = 0;
-  /// Creates `path`, which must not exist, and writes `data`; no flush to stable storage. A failed write leaves a
+  /// Replaces a file, a link, and also an empty folder.
+  virtual void rename(const Place& from, const Place& to) = 0;
+  virtual void unlink(const Place& place) = 0;
+  /// Creates a file, which must not exist, and writes `data`; no flush to stable storage. A failed write leaves a
   /// part behind.
-  virtual void write_new(const std::string& path, std::string_view data) = 0;
+  virtual void write_new(const Place& place, std::string_view data) = 0;
   /// Follows links. Absent where the file does not exist.
   [[nodiscard]] virtual std::optional<FileStat> stat(const std::string& path) = 0;
   /// Bytes that an unprivileged process may still write on the volume of `directory`.
@@ -45,14 +48,15 @@ class Files {
   static Files& real();
 };
 
-/// Writes `data` to a name of its own beside `filepath` ("{filepath}.{pid}.{thread}.{monotonic ns}.tmp"),
-/// creating missing parents, and renames it over. A reader sees the old content or the new, never a part.
+/// Writes `data` to a name of its own beside `target` ("{target}.{pid}.{thread}.{monotonic ns}.tmp") and renames it over,
+/// creating missing parents of a plain path. A reader sees the old content or the new, never a part.
 /// Not flushed to stable storage: atomic against readers and a crash of the process, not a power failure.
 /// Throws os_error; the temporary file is gone then and the target untouched.
-void _atomic_write(Files& files, Clock& clock, const std::string& filepath, std::string_view data);
+void _atomic_write(Files& files, Clock& clock, const Place& target, std::string_view data);
 
 /// Lower-case hexadecimal SHA-256 of a file, read in blocks: memory stays bounded by the smaller of
-/// `chunk_bytes` and the block size that hashes fastest. Throws os_error; Interrupted between two blocks.
+/// `chunk_bytes` and the block size that hashes fastest. Throws os_error, also for what is no regular file; Interrupted
+/// between two blocks.
 [[nodiscard]] std::string _sha256_file(const std::string& filepath, std::int64_t chunk_bytes = SYNC_HASH_FILE_CHUNK_BYTES);
 /// The same for a file that is open at its beginning; errors name `filepath`.
 [[nodiscard]] std::string sha256_of_open_file(const Descriptor& file, const std::string& filepath,

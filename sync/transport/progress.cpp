@@ -1,12 +1,14 @@
 #include "sync/transport/progress.hpp"
 
+#include <algorithm>
+#include <cerrno>
 #include <optional>
 #include <unordered_set>
 #include <utility>
 
 #include "sync/base/error.hpp"
-#include "sync/base/files/directory_reader.hpp"
 #include "sync/base/files/paths.hpp"
+#include "sync/base/files/root_directory.hpp"
 #include "sync/base/log.hpp"
 #include "sync/base/threads/interrupt.hpp"
 #include "sync/base/values/convert.hpp"
@@ -19,37 +21,58 @@
 namespace brackenfen::sync {
 namespace {
 
-/// Each path is resolved in full, which takes the system a while for 100,000 of them.
+/// Looking at 100,000 of them takes the system a while.
 constexpr std::size_t PATHS_PER_INTERRUPT_CHECK = 1024;
 
 Value integer_or_zero(const Value& value) { return value.truthy() ? to_integer(value) : Value(0); }
 
-std::string staging_path(std::string_view data_dir, const Value& file_path) { return _manifest_local_path(data_dir, file_path) + ".tmp"; }
+/// Finds the staging files of many manifest paths: a folder is looked at once for the files in it that follow each other.
+class StagingPlaces {
+ public:
+  explicit StagingPlaces(std::string_view data_dir) : data_dir_(data_dir), root_(real_path(expand_user(data_dir))) {}
 
-/// Unlinks what ends in ".tmp" in one directory, appends its subdirectories to `pending`.
-void clean_directory(Files& files, const std::string& directory, const std::unordered_set<std::string>& preserved,
-                     std::vector<std::string>& pending) {
-  DirectoryReader reader(directory);
-  while (const dirent* const entry = reader.next()) {
-    const std::string path = join_path(directory, entry->d_name);
-    if (reader.is_directory(*entry)) pending.push_back(path);
-    if (!path.ends_with(".tmp") || preserved.contains(path)) continue;
-    try {
-      files.unlink(path);
-    } catch (const Error& error) {
-      log_debug("best-effort tmp cleanup failed for %s: %s", path, error.text());
+  /// Throws ManifestError, and os_error where the folder cannot be opened.
+  [[nodiscard]] Place of(const Value& file_path) {
+    std::string relative_path = _safe_manifest_relative_path(file_path);
+    enter(directory_of(relative_path));
+    Place place(folder_, join_path(root_.path(), relative_path));
+    if (folder_) {
+      const std::optional<struct stat> found = look_at(place);
+      if (!found || !S_ISLNK(found->st_mode)) return place.beside(".tmp");
+    } else if (reason_ != ELOOP) {
+      throw os_error(reason_, place.path());
     }
+    std::string resolved = _manifest_local_path(data_dir_, file_path);
+    enter(directory_of(resolved.substr(std::min(resolved.size(), root_.path().size() + 1))));
+    if (!folder_) throw os_error(reason_, resolved);
+    return Place(folder_, std::move(resolved)).beside(".tmp");
   }
-}
+
+ private:
+  void enter(std::string folder_path) {
+    if (folder_ && folder_path == folder_path_) return;
+    folder_ = root_.folder(folder_path);
+    reason_ = errno;
+    folder_path_ = std::move(folder_path);
+  }
+
+  const std::string data_dir_;
+  const RootDirectory root_;
+  std::string folder_path_;
+  std::shared_ptr<const Descriptor> folder_;
+  int reason_ = 0;
+};
 
 std::unordered_set<std::string> staging_paths(std::string_view data_dir, const std::vector<Value>& relative_paths) {
   std::unordered_set<std::string> paths;
+  StagingPlaces places(data_dir);
   for (const Value& relative_path : relative_paths) {
     if (paths.size() % PATHS_PER_INTERRUPT_CHECK == 0) check_interrupt();
     try {
-      paths.insert(staging_path(data_dir, to_text(relative_path)));
-    } catch (const Error& error) {
-      const bool unusable = error.is(error_class::ManifestError) || error.is(error_class::ValueError) || error.is(error_class::TypeError);
+      paths.insert(places.of(to_text(relative_path)).path());
+    } catch (const Error& error) {  // what has no folder has no staging file either
+      const bool unusable = error.is(error_class::ManifestError) || error.is(error_class::ValueError) || error.is(error_class::TypeError) ||
+                            error.is(error_class::OSError);
       if (!unusable) throw;
     }
   }
@@ -124,34 +147,29 @@ void _remove_sync_progress_json(Files& files, std::string_view data_dir) {
 }
 
 void _remove_manifest_tmp_file(Files& files, std::string_view data_dir, const Value& file_path) {
-  std::string path;
   try {
-    path = staging_path(data_dir, file_path);
+    files.unlink(StagingPlaces(data_dir).of(file_path));
   } catch (const Error& error) {
-    if (error.is(error_class::ManifestError)) return;  // an unsafe path never had a staging file
-    throw;
-  }
-  try {
-    files.unlink(path);
-  } catch (const Error& error) {
-    if (!error.is(error_class::FileNotFoundError)) log_warning("Failed to remove stale sync tmp file %s: %s", path, error.text());
+    if (error.is(error_class::ManifestError) || error.is(error_class::FileNotFoundError)) return;  // an unsafe path never had one
+    if (!error.is(error_class::OSError)) throw;
+    log_warning("Failed to remove stale sync tmp file %s: %s", join_path(data_dir, to_text(file_path)) + ".tmp", error.text());
   }
 }
 
 void _cleanup_sync_tmp_files(Files& files, std::string_view data_dir, const std::vector<Value>& preserve_relative_paths) {
   const std::unordered_set<std::string> preserved = staging_paths(data_dir, preserve_relative_paths);
   // The walk starts where the links of `data_dir` lead, as staging paths do, and follows none below.
-  std::vector<std::string> pending{real_path(data_dir)};
-  while (!pending.empty()) {
-    const std::string directory = std::move(pending.back());
-    pending.pop_back();
-    check_interrupt();
-    try {
-      clean_directory(files, directory, preserved, pending);
-    } catch (const Error& error) {
-      log_debug("best-effort tmp scan failed for %s: %s", data_dir, error.text());
-    }
-  }
+  RootDirectory(real_path(expand_user(data_dir)))
+      .walk(
+          [&](const Place& place, const DirectoryReader&, const dirent&) {
+            if (!place.path().ends_with(".tmp") || preserved.contains(place.path())) return;
+            try {
+              files.unlink(place);
+            } catch (const Error& error) {
+              log_debug("best-effort tmp cleanup failed for %s: %s", place.path(), error.text());
+            }
+          },
+          [&](const Error& error) { log_debug("best-effort tmp scan failed for %s: %s", data_dir, error.text()); });
 }
 
 }  // namespace brackenfen::sync

@@ -1,9 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <csignal>
 #include <filesystem>
+#include <functional>
 
 #include "sync/transport/http.hpp"
 #include "tests/support/sync_setup.hpp"
@@ -277,16 +279,56 @@ TEST(FileDownloadTest, anEndlessBodyEndsBehindTheStatedSize) {
   EXPECT_EQ(download.staging().size(), 1000 + BODY_SLACK_BYTES);
 }
 
-TEST(FileDownloadTest, aLinkInThePlaceOfTheStagingFileIsRemovedAndNotFollowed) {
-  Download download;
+TEST(FileDownloadTest, whatStandsInTheWayOfTheFileIsReplacedAndNotFollowed) {
   const TemporaryDirectory elsewhere;
-  const std::string target = elsewhere.write("victim", "untouched");
-  std::filesystem::create_directories(download.directory / "features");
-  std::filesystem::create_symlink(target, download.directory / STAGING);
-  download.server.serve_file(DATA_PATH, content());
-  EXPECT_EQ(download.run(), "");
-  EXPECT_TRUE(download.landed());
-  EXPECT_EQ(elsewhere.read("victim"), "untouched");
+  const std::string victim = elsewhere.write("victim", "untouched");
+  const auto folder = [](const std::string& path) { std::filesystem::create_directory(path); };
+  const auto full_folder = [&](const std::string& path) { folder(path), folder(path + "/content"); };
+  const auto pipe = [](const std::string& path) { ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0); };
+  const std::tuple<const char*, std::function<void(const std::string&)>, std::string> rows[] = {
+      {STAGING, [&](const std::string& path) { std::filesystem::create_symlink(victim, path); }, ""},
+      {STAGING, [&](const std::string& path) { std::filesystem::create_hard_link(victim, path); }, ""},
+      {STAGING, pipe, ""},
+      {STAGING, folder, ""},
+      {STAGING, full_folder, "IsADirectoryError: "},
+      {PATH, pipe, ""},
+      {PATH, folder, ""},
+      {PATH, full_folder, "IsADirectoryError: "},
+  };
+  for (const auto& [name, put, failure] : rows) {
+    Download download;
+    folder(download.directory / "features");
+    put(download.directory / name);
+    download.server.serve_file(DATA_PATH, content());
+    EXPECT_THAT(download.run(), StartsWith(failure));
+    EXPECT_TRUE(!failure.empty() || download.landed());
+    EXPECT_EQ(elsewhere.read("victim"), "untouched");
+  }
+}
+
+TEST(FileDownloadTest, aFolderThatBecomesALinkLeadsNowhere) {
+  const TemporaryDirectory elsewhere;
+  for (const bool inside : {false, true}) {
+    Download download(1000);
+    const std::string folder = download.directory / "features", target = inside ? download.directory / "moved" : elsewhere.path();
+    download.server.script(DATA_PATH, {{.body = "short"}, {.body = content()}});
+    download.options.retry_status_callback = [&](double) {
+      std::filesystem::rename(folder, download.directory / "moved");
+      std::filesystem::create_directory_symlink(target, folder);
+    };
+    EXPECT_THAT(download.run(), StartsWith(inside ? "" : "ManifestError: Manifest file path escapes data directory"));
+    EXPECT_EQ(download.directory.contains("moved/f.arrow"), inside);
+    EXPECT_THAT(elsewhere.files(), IsEmpty());
+
+    Download landing(1000);
+    landing.server.serve_file(DATA_PATH, content());
+    landing.files.before(FaultFiles::Call::Rename, [&] {
+      std::filesystem::rename(landing.directory / "features", landing.directory / "moved");
+      std::filesystem::create_directory_symlink(elsewhere.path(), landing.directory / "features");
+    });
+    EXPECT_EQ(landing.run(), "");
+    EXPECT_THAT(elsewhere.files(), IsEmpty());
+  }
 }
 
 TEST(FileDownloadTest, aFullDiskIsNoOutageOfTheServer) {

@@ -11,11 +11,11 @@ namespace {
 /// Files whose stat is data and whose writes can fail.
 class FakeFiles final : public Files {
  public:
-  void rename(const std::string& from, const std::string& to) override { Files::real().rename(from, to); }
-  void unlink(const std::string& path) override { Files::real().unlink(path); }
-  void write_new(const std::string& path, std::string_view data) override {
-    if (full) throw os_error(ENOSPC, path);
-    Files::real().write_new(path, data);
+  void rename(const Place& from, const Place& to) override { Files::real().rename(from, to); }
+  void unlink(const Place& place) override { Files::real().unlink(place); }
+  void write_new(const Place& place, std::string_view data) override {
+    if (full) throw os_error(ENOSPC, place.path());
+    Files::real().write_new(place, data);
   }
   std::optional<FileStat> stat(const std::string&) override { return present; }
   std::int64_t free_bytes(const std::string&) override { return 0; }

@@ -1,8 +1,10 @@
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <filesystem>
 
 #include "sync/neighbours/sync_backoff.hpp"
 #include "tests/documents/values.hpp"
@@ -88,6 +90,48 @@ TEST_F(PassTest, aManifestThatIsNoneLeavesFilesAndMemoryAsTheyWere) {
   directory.write("shuffle_seed.enc.meta.json", R"({"era_number": Infinity})");
   EXPECT_EQ(open()->sync().bytes_downloaded, 0) << "numbers that no integer holds match nothing, and are replaced";
   EXPECT_THAT(directory.read("manifest.json") + directory.read("shuffle_seed.enc.meta.json"), Not(HasSubstr("Infinity")));
+}
+
+TEST_F(PassTest, whatIsNoFileWhereOneBelongsIsFetchedAnew) {
+  const auto manager = synced({ALPHA});
+  for (const char* name : {ALPHA.path.c_str(), FUNCTIONS, VOCABULARY, "shuffle_seed.enc", "shuffle_seed.enc.meta.json"}) {
+    for (const bool pipe : {true, false}) {
+      std::filesystem::remove(directory / name);
+      ASSERT_EQ(pipe ? ::mkfifo((directory / name).c_str(), 0600) : ::mkdir((directory / name).c_str(), 0700), 0);
+      EXPECT_EQ(failure_of([&] { return manager->sync(); }), "") << name;
+      EXPECT_TRUE(std::filesystem::is_regular_file(directory / name)) << name;
+    }
+  }
+  std::filesystem::remove(directory / ALPHA.path);
+  ASSERT_EQ(::mkfifo((directory / ALPHA.path).c_str(), 0600), 0);
+  EXPECT_THAT(manager->verify().corrupted_files, ElementsAre(ALPHA.path));
+}
+
+TEST_F(PassTest, aDirectoryThatIsNotTheOneItBeganInEndsIt) {
+  struct Mover : RuntimeFreshnessGuard {
+    explicit Mover(std::function<void()> move) : act(std::move(move)) {}
+    void record_sync_update(std::string_view, std::string_view, std::string_view) override {
+      std::exchange(act, [] {})();
+    }
+    std::function<void()> act;
+  };
+  for (const bool made_anew : {false, true}) {
+    const TemporaryDirectory scratch;
+    const std::string live = scratch / "live", moved = scratch / "moved";
+    std::filesystem::create_directory(live);
+    guard = std::make_shared<Mover>([&] {
+      std::filesystem::rename(live, moved);
+      if (made_anew) std::filesystem::create_directory(live);
+    });
+    SyncManager::Options elsewhere = options();
+    elsewhere.data_dir = live;
+    publish(1, {ALPHA, BETA});
+    EXPECT_EQ(failure_of([&] { return std::make_shared<SyncManager>(elsewhere)->sync(); }),
+              "FileNotFoundError: [Errno 2] No such file or directory: '" + live + "'");
+    EXPECT_EQ(std::filesystem::exists(live), made_anew);
+    EXPECT_FALSE(std::filesystem::exists(live + "/manifest.json"));
+    EXPECT_FALSE(std::filesystem::exists(live + "/features"));
+  }
 }
 
 TEST_F(PassTest, theVersionHintDecidesWhetherTheManifestIsFetched) {

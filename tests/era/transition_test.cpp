@@ -106,7 +106,7 @@ class TransitionTest : public testing::Test, protected SyncSetup {
 
 TEST_F(TransitionTest, movesTheDirectoryToTheNextEra) {
   directory.write("era_6/old", "12345");
-  for (const PublishedFile& file : {KEPT, NEW}) directory.write(file.path + ".tmp", "of a download that goes on by itself");
+  for (const PublishedFile& file : {KEPT, NEW, FRESH}) directory.write(file.path + ".tmp", "of a download that goes on by itself");
   transit();
   // The gates; a question before each file; then one before files move, one behind manifest.json, one before the searches.
   std::vector<std::string> expected = {ERA_PATH, "/data/manifest"};

@@ -1,10 +1,12 @@
 // The real file operations, of which chosen calls fail.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "sync/base/error.hpp"
@@ -21,6 +23,11 @@ class FaultFiles final : public Files {
     const std::lock_guard lock(mutex_);
     faults_[call] = {calls_[call].size() + nth, error_number};
   }
+  /// Runs once, before the next call of this kind.
+  void before(Call call, std::function<void()> action) {
+    const std::lock_guard lock(mutex_);
+    actions_[call] = std::move(action);
+  }
   /// What free_bytes answers instead of asking the volume.
   void set_free_bytes(std::int64_t bytes) { free_bytes_ = bytes; }
   /// Paths of the calls of one kind so far, in order; of a rename the target.
@@ -29,19 +36,19 @@ class FaultFiles final : public Files {
     return calls_[call];
   }
 
-  void rename(const std::string& from, const std::string& to) override {
-    if (const int error_number = count(Call::Rename, to)) throw os_error(error_number, to);
+  void rename(const Place& from, const Place& to) override {
+    if (const int error_number = count(Call::Rename, to.path())) throw os_error(error_number, to.path());
     real().rename(from, to);
   }
-  void unlink(const std::string& path) override {
-    if (const int error_number = count(Call::Unlink, path)) throw os_error(error_number, path);
-    real().unlink(path);
+  void unlink(const Place& place) override {
+    if (const int error_number = count(Call::Unlink, place.path())) throw os_error(error_number, place.path());
+    real().unlink(place);
   }
   /// A failing call leaves half of the data behind, as a full disk does.
-  void write_new(const std::string& path, std::string_view data) override {
-    const int error_number = count(Call::WriteNew, path);
-    real().write_new(path, error_number != 0 ? data.substr(0, data.size() / 2) : data);
-    if (error_number != 0) throw os_error(error_number, path);
+  void write_new(const Place& place, std::string_view data) override {
+    const int error_number = count(Call::WriteNew, place.path());
+    real().write_new(place, error_number != 0 ? data.substr(0, data.size() / 2) : data);
+    if (error_number != 0) throw os_error(error_number, place.path());
   }
   [[nodiscard]] std::optional<FileStat> stat(const std::string& path) override { return real().stat(path); }
   [[nodiscard]] std::int64_t free_bytes(const std::string& directory) override {
@@ -56,7 +63,12 @@ class FaultFiles final : public Files {
   };
   /// Counts the call; the errno it shall fail with, or 0.
   int count(Call call, const std::string& path) {
-    const std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
+    if (const auto action = std::exchange(actions_[call], nullptr)) {
+      lock.unlock();
+      action();
+      lock.lock();
+    }
     calls_[call].push_back(path);
     const auto fault = faults_.find(call);
     return fault != faults_.end() && fault->second.number == calls_[call].size() ? fault->second.error_number : 0;
@@ -65,6 +77,7 @@ class FaultFiles final : public Files {
   std::mutex mutex_;
   std::map<Call, Fault> faults_;
   std::map<Call, std::vector<std::string>> calls_;
+  std::map<Call, std::function<void()>> actions_;
   std::optional<std::int64_t> free_bytes_;
 };
 

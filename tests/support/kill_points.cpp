@@ -90,6 +90,11 @@ HOOK int rename(const char* from, const char* to) {
   return real<int(const char*, const char*)>("rename")(from, to);
 }
 
+HOOK int renameat(int from_directory, const char* from, int to_directory, const char* to) {
+  point("rename", to_directory, to);
+  return real<int(int, const char*, int, const char*)>("renameat")(from_directory, from, to_directory, to);
+}
+
 HOOK int unlink(const char* path) {
   point("unlink", AT_FDCWD, path);
   return real<int(const char*)>("unlink")(path);
@@ -108,6 +113,11 @@ HOOK int remove(const char* path) {
 HOOK int rmdir(const char* path) {
   point("unlink", AT_FDCWD, path);
   return real<int(const char*)>("rmdir")(path);
+}
+
+HOOK int mkdirat(int directory, const char* path, mode_t mode) {
+  point("create", directory, path);
+  return real<int(int, const char*, mode_t)>("mkdirat")(directory, path, mode);
 }
 
 HOOK int mkdir(const char* path, mode_t mode) {

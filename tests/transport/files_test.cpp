@@ -128,6 +128,19 @@ TEST_F(FilesTest, cleansTemporaryFilesUpButNeverThroughLinks) {
   EXPECT_THAT(log.entries(), SizeIs(1));
 }
 
+TEST_F(FilesTest, cleansNothingBehindAFolderThatBecomesALinkMeanwhile) {
+  const TemporaryDirectory elsewhere;
+  elsewhere.write("inner/precious.tmp", "x");
+  for (const char* name : {"deep/a.tmp", "deep/inner/precious.tmp"}) directory_.write(name, "x");
+  files_.before(Call::Unlink, [&] {
+    std::filesystem::rename(directory_ / "deep", directory_ / "moved");
+    std::filesystem::create_directory_symlink(elsewhere.path(), directory_ / "deep");
+  });
+  _cleanup_sync_tmp_files(files_, directory_.path());
+  EXPECT_THAT(elsewhere.files(), ElementsAre("inner/precious.tmp"));
+  EXPECT_FALSE(directory_.contains("moved/a.tmp"));
+}
+
 TEST_F(FilesTest, goesOnCleaningAfterAFailure) {
   for (const char* name : {"a.tmp", "b.tmp", "c.tmp"}) directory_.write(name, "x");
   std::filesystem::create_directories(directory_ / "folder/c.tmp");

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "sync/base/error.hpp"
@@ -64,24 +65,35 @@ void write_all(const Descriptor& file, std::string_view bytes, const std::string
   }
 }
 
-std::string read_file(const std::string& path) {
-  constexpr std::size_t STEP_BYTES = 64 * 1024;
-  const Descriptor file = open_file(path, O_RDONLY);
+Descriptor open_regular_file(const std::string& path) {
+  Descriptor file = open_file(path, O_RDONLY | O_NONBLOCK);  // a pipe would wait for its other end
   struct stat status {};
   if (::fstat(file.get(), &status) != 0) throw os_error(errno, path);
+  if (!S_ISREG(status.st_mode)) throw os_error(S_ISDIR(status.st_mode) ? EISDIR : EINVAL, path);
+  return file;
+}
+
+std::string read_file(const std::string& path, std::size_t most_bytes) {
+  constexpr std::size_t STEP_BYTES = 64 * 1024;
+  const Descriptor file = open_regular_file(path);
+  struct stat status {};
+  if (::fstat(file.get(), &status) != 0) throw os_error(errno, path);
+  const auto size_bytes = static_cast<std::size_t>(status.st_size);
   std::string content;
   std::size_t filled = 0;
   // One byte more than the size, so that the end of an ordinary file shows without growing.
-  std::size_t room = S_ISREG(status.st_mode) ? static_cast<std::size_t>(status.st_size) + 1 : STEP_BYTES;
-  for (;;) {
+  std::size_t room = std::min(size_bytes, most_bytes) + 1;
+  while (size_bytes <= most_bytes && filled <= most_bytes) {
     content.resize(filled + room);
     const std::size_t count = read_some(file, content.data() + filled, room, path);
     filled += count;
-    if (count == 0) break;
+    if (count == 0) {
+      content.resize(filled);
+      return content;
+    }
     room = room > count ? room - count : STEP_BYTES;
   }
-  content.resize(filled);
-  return content;
+  throw os_error(EFBIG, path);
 }
 
 }  // namespace brackenfen::sync

@@ -19,6 +19,8 @@ class Descriptor {
 
   [[nodiscard]] int get() const noexcept { return number_; }
   [[nodiscard]] explicit operator bool() const noexcept { return number_ >= 0; }
+  /// Gives the descriptor away.
+  [[nodiscard]] int release() noexcept { return std::exchange(number_, -1); }
   /// Closes now. Throws the system's error (errno kept) where close fails; the descriptor is gone all the same.
   void close();
 
@@ -34,7 +36,10 @@ class Descriptor {
 [[nodiscard]] std::size_t read_some(const Descriptor& file, char* buffer, std::size_t size, const std::string& path);
 /// All bytes, however many write(2) calls it takes. Throws os_error naming `path`.
 void write_all(const Descriptor& file, std::string_view bytes, const std::string& path);
-/// The whole file. Throws os_error.
-[[nodiscard]] std::string read_file(const std::string& path);
+inline constexpr std::size_t LARGEST_READ_FILE_BYTES = 256 * 1024 * 1024;
+/// Opens a regular file for reading. Throws os_error, also where something else stands there, which is never waited for.
+[[nodiscard]] Descriptor open_regular_file(const std::string& path);
+/// The whole of a regular file. Throws os_error, EFBIG for one with more than `most_bytes`.
+[[nodiscard]] std::string read_file(const std::string& path, std::size_t most_bytes = LARGEST_READ_FILE_BYTES);
 
 }  // namespace brackenfen::sync

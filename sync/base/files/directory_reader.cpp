@@ -2,8 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <string_view>
 
@@ -11,15 +9,14 @@
 
 namespace brackenfen::sync {
 
-DirectoryReader::DirectoryReader(const std::string& path) : path_(path) {
-  const int number = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  if (number < 0) throw os_error(errno, path);
-  stream_.reset(::fdopendir(number));
-  if (!stream_) {
-    const int reason = errno;
-    ::close(number);
-    throw os_error(reason, path);
-  }
+DirectoryReader::DirectoryReader(const std::string& path) : path_(path) { read_from(open_file(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW)); }
+
+DirectoryReader::DirectoryReader(const Descriptor& folder, const std::string& path) : path_(path) { read_from(duplicate(folder, path)); }
+
+void DirectoryReader::read_from(Descriptor folder) {
+  stream_.reset(::fdopendir(folder.get()));
+  if (!stream_) throw os_error(errno, path_);
+  static_cast<void>(folder.release());  // the stream closes it
 }
 
 const dirent* DirectoryReader::next() {

@@ -6,6 +6,8 @@
 #include <memory>
 #include <string>
 
+#include "sync/base/files/descriptor.hpp"
+
 namespace brackenfen::sync {
 
 /// An open directory and the way to it. One thread.
@@ -13,6 +15,8 @@ class DirectoryReader {
  public:
   /// Throws os_error, also where `path` is a link.
   explicit DirectoryReader(const std::string& path);
+  /// Of an open folder, which must not be read by another at the same time; errors name `path`.
+  DirectoryReader(const Descriptor& folder, const std::string& path);
 
   /// The next name but "." and ".."; nullptr at the end. Valid until the next call. Throws os_error.
   [[nodiscard]] const dirent* next();
@@ -25,6 +29,8 @@ class DirectoryReader {
   struct Close {
     void operator()(DIR* stream) const noexcept { ::closedir(stream); }
   };
+  void read_from(Descriptor folder);
+
   std::string path_;
   std::unique_ptr<DIR, Close> stream_;
 };
