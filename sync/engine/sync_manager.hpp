@@ -339,7 +339,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   RotationStateRef _normalize_active_rotation_state_for_manifest(NeighbourSet& neighbours, const Manifest& manifest);
   /// Makes the candidate the active state as far as its files are available, deletes what no longer belongs here and tells
   /// the running searches. An error of the vocabulary comes before anything is written; later ones find the state kept.
-  /// Without a candidate, where nothing rotates, only the clean-up runs.
+  /// Where nothing rotates, the searches are told all that is available.
   RotationStateRef _complete_rotation_promotion(NeighbourSet& neighbours, const RotationStateRef& candidate_state,
                                                 const std::vector<Text>& available_relative_paths,
                                                 const std::shared_ptr<Manifest>& manifest);
