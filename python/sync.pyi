@@ -489,8 +489,8 @@ class SyncManager:
     def release(self) -> None:
         """Deregister as consumer, stop threads if last; the manager then leaves the process's registry.
 
-        The last one waits for a sync that is under way, however long that takes; Ctrl-C ends the wait, and the manager
-        counts as stopped then. Does nothing without consumers.
+        The last one waits for a sync that is under way, however long that takes, and for an era transition 10 seconds;
+        Ctrl-C ends the wait, and the manager counts as stopped then. Does nothing without consumers.
         """
 
     def trigger_era_transition(

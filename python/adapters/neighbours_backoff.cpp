@@ -9,6 +9,7 @@
 #include "python/conversion/arguments.hpp"
 #include "python/conversion/errors.hpp"
 #include "python/conversion/values.hpp"
+#include "sync/base/threads/failure.hpp"
 
 namespace brackenfen::sync::python {
 namespace {
@@ -26,7 +27,8 @@ class HostScope {
   HostScope(const HostScope&) = delete;
   HostScope& operator=(const HostScope&) = delete;
   ~HostScope() {
-    try {
+    // Where the interpreter is going, the thread's context goes with it.
+    drop_failure([this] {
       const Attached guard;
       const nb::error_scope raised_meanwhile;
       try {
@@ -35,8 +37,7 @@ class HostScope {
         error.discard_as_unraisable("brackenfen.sync_backoff.backoff_context");
       }
       manager_.clear();
-    } catch (const Interrupted&) {  // the interpreter is going, and the thread's context with it
-    }
+    });
   }
 
  private:

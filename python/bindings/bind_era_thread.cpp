@@ -171,7 +171,7 @@ void bind_era_thread(nb::module_& module) {
           "start",
           [](const EraThreadObject& self) {
             require_running_interpreter();
-            self.run([](EraThread& core) { core.start(); });
+            self.run([host_handle = share(era_thread_to_python(self.core))](EraThread& core) { core.start(host_handle); });
           },
           nb::sig("def start(self) -> None"), "Start the thread.\n\nRaises StateError where it was started and not stopped.")
       .def(

@@ -83,20 +83,51 @@ nb::object key_to_python(const EventKey& key) {
   return nb::steal(PyList_AsTuple(pairs.ptr()));
 }
 
-/// `_SYNC_EVENT_COALESCE_COUNTS`: a mapping whose every look reads the counts as they are then.
+/// The key as the core counts it; absent for an object that key_to_python never gives.
+std::optional<EventKey> key_from_python(nb::handle object) {
+  if (!nb::isinstance<nb::tuple>(object)) return std::nullopt;
+  EventKey key;
+  for (nb::handle pair : nb::borrow<nb::tuple>(object)) {
+    if (!nb::isinstance<nb::tuple>(pair) || nb::len(pair) != 2) return std::nullopt;
+    std::string texts[2];
+    for (std::size_t part = 0; part < 2; ++part) {
+      const nb::object text = pair[part];
+      if (!nb::isinstance<nb::str>(text)) return std::nullopt;
+      texts[part] = text_form(text);
+    }
+    key.emplace_back(std::move(texts[0]), std::move(texts[1]));
+  }
+  return key;
+}
+
+/// `_SYNC_EVENT_COALESCE_COUNTS`: a mapping whose every look reads the counts as they are then. A look at one key costs
+/// no more for all the others.
 struct LiveCounts {
   static nb::dict read() {
     nb::dict counts;
     for (const auto& [key, count] : event_counts().all()) counts[key_to_python(key)] = count;
     return counts;
   }
+  /// What read() says of that key alone.
+  static nb::dict read(nb::handle key) {
+    nb::dict counts;
+    const std::optional<EventKey> known = key_from_python(key);
+    if (const std::int64_t count = known ? event_counts().count(*known) : 0; count > 0) counts[key] = count;
+    return counts;
+  }
 };
 
 void bind_coalescing(nb::module_& module) {
   nb::class_<LiveCounts> counts(module, "_CoalesceCounts", "How many events were seen, by coalescing key; read-only and live.");
-  for (const char* name : {"__getitem__", "__contains__", "__iter__", "__len__", "__eq__", "__repr__", "get", "keys", "items", "values"}) {
+  for (const char* name : {"__iter__", "__len__", "__eq__", "__repr__", "keys", "items", "values"}) {
     counts.def(name,
                [name](const LiveCounts&, const nb::args& arguments) { return nb::object(LiveCounts::read().attr(name)(*arguments)); });
+  }
+  for (const char* name : {"__getitem__", "__contains__", "get"}) {
+    counts.def(name, [name](const LiveCounts&, const nb::args& arguments) {
+      const nb::dict asked = arguments.size() > 0 ? LiveCounts::read(arguments[0]) : nb::dict();
+      return nb::object(asked.attr(name)(*arguments));
+    });
   }
   nb::module_::import_("collections.abc").attr("Mapping").attr("register")(counts);
   module.attr("_SYNC_EVENT_COALESCE_COUNTS") = nb::cast(LiveCounts());

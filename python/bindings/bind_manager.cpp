@@ -4,6 +4,8 @@
 // token source which refers back to the manager is no leak.
 #include "python/bindings/bind_manager.hpp"
 
+#include <new>
+
 #include "python/adapters/callables.hpp"
 #include "python/interpreter/instances.hpp"
 #include "sync/base/threads/fork.hpp"
@@ -39,11 +41,8 @@ int traverse(PyObject* self, visitproc visit, void* arg) noexcept {
   };
   if (const int stop = follow(handle.core->_get_token.get()); stop != 0) return stop;
   if (const int stop = follow(handle.core->runtime_freshness_guard.get()); stop != 0) return stop;
-  for (const auto& callback : handle.core->era_callbacks().list())
-    if (const int stop = follow(callback); stop != 0) return stop;
-  for (const SearchConsumerRef& consumer : handle.core->_rotation_search_consumer_snapshot()) {
-    if (const int stop = follow(consumer); stop != 0) return stop;
-  }
+  if (const int stop = handle.core->era_callbacks().visit_each(follow); stop != 0) return stop;
+  if (const int stop = handle.core->rotation_search_consumers().visit_each(follow); stop != 0) return stop;
   return follow(handle.core->_active_rotation_state.get());
 }
 
@@ -51,7 +50,11 @@ int clear(PyObject* self) noexcept {
   if (!nb::inst_ready(self)) return 0;
   const ManagerObject& handle = *nb::inst_ptr<ManagerObject>(self);
   if (!collectable(handle)) return 0;
-  handle.core->_get_token.set(std::make_shared<CollectedTokenSource>());
+  try {
+    handle.core->_get_token.set(std::make_shared<CollectedTokenSource>());
+  } catch (const std::bad_alloc&) {
+    handle.core->_get_token.set(nullptr);
+  }
   handle.core->runtime_freshness_guard.set(nullptr);
   handle.core->_active_rotation_state.set(nullptr);
   handle.core->era_callbacks().clear();

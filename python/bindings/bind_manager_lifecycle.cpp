@@ -7,12 +7,12 @@ namespace {
 
 using Bound = nb::class_<ManagerObject>;
 
-/// A method without arguments or result that has no business on its own once the interpreter is going.
-template <typename Work>
-auto starting(Work work) {
-  return [work](const ManagerObject& self) {
+/// A method that starts threads, which keep alive what the host knows the manager by: a weak reference to one that runs
+/// holds. Nothing is started once the interpreter is going.
+auto starting(void (SyncManager::*start)(std::shared_ptr<const void>)) {
+  return [start](const ManagerObject& self) {
     require_running_interpreter();
-    self.run(work);
+    self.run([start, host_handle = share(manager_to_python(self.core))](SyncManager& core) { (core.*start)(host_handle); });
   };
 }
 
@@ -29,17 +29,17 @@ nb::object paths_to_python(const std::vector<std::string>& paths) {
 
 void bind_consumers(Bound& bound) {
   bound
-      .def("acquire", starting([](SyncManager& core) { core.acquire(); }), nb::sig("def acquire(self) -> None"),
+      .def("acquire", starting(&SyncManager::acquire), nb::sig("def acquire(self) -> None"),
            "Register as consumer, start threads if first.\n\n"
            "Raises StateError once the interpreter is shutting down.")
       .def("release", ending([](SyncManager& core) { core.release(); }), nb::sig("def release(self) -> None"),
            "Deregister as consumer, stop threads if last.\n\n"
-           "The last one waits for a sync that is under way, however long that takes; Ctrl-C ends the wait. Does nothing\n"
-           "without consumers.")
+           "The last one waits for a sync that is under way, however long that takes, and for an era transition 10 seconds;\n"
+           "Ctrl-C ends the wait. Does nothing without consumers.")
       .def(
           "consumer_count", [](const ManagerObject& self) { return self.core->consumer_count(); },
           nb::sig("def consumer_count(self) -> int"), "Return the current number of active consumers.")
-      .def("start", starting([](SyncManager& core) { core.start(); }), nb::sig("def start(self) -> None"),
+      .def("start", starting(&SyncManager::start), nb::sig("def start(self) -> None"),
            "Start background sync polling loop.\n\nRaises StateError where it runs.")
       .def("stop", ending([](SyncManager& core) { core.stop(); }), nb::sig("def stop(self) -> None"),
            "Stop background sync polling loop.\n\nWaits as release does.")
@@ -48,8 +48,8 @@ void bind_consumers(Bound& bound) {
           "Health check returning thread responsiveness.")
       .def("_persist_consumer_count",
            [](const ManagerObject& self) { self.run([](SyncManager& core) { core._persist_consumer_count(); }); })
-      .def("_start_sync_thread", starting([](SyncManager& core) { core._start_sync_thread(); }))
-      .def("_start_internal", starting([](SyncManager& core) { core._start_internal(); }))
+      .def("_start_sync_thread", starting(&SyncManager::_start_sync_thread))
+      .def("_start_internal", starting(&SyncManager::_start_internal))
       .def("_stop_internal", ending([](SyncManager& core) { core._stop_internal(); }))
       .def("_poll_loop", [](const ManagerObject& self) { self.run([](SyncManager& core) { core._poll_loop(); }); })
       .def("_poll_once", [](const ManagerObject& self) { self.run([](SyncManager& core) { core._poll_once(); }); })

@@ -1,6 +1,7 @@
 #include "python/conversion/errors.hpp"
 
 #include <map>
+#include <new>
 #include <span>
 #include <utility>
 #include <vector>
@@ -333,8 +334,12 @@ void raise_in_python(const Error& error) noexcept {
     PyErr_SetObject(exception.type().ptr(), exception.ptr());
   } catch (nb::python_error& failure) {
     failure.restore();
-  } catch (const Error& failure) {
+  } catch (const std::bad_alloc&) {
+    PyErr_NoMemory();
+  } catch (const std::exception& failure) {
     PyErr_SetString(PyExc_RuntimeError, failure.what());
+  } catch (const Interrupted& interrupted) {
+    raise_interrupted(interrupted);
   }
 }
 

@@ -10,8 +10,8 @@
 #include <new>
 #include <thread>
 
+#include "sync/base/threads/failure.hpp"
 #include "sync/base/threads/fork.hpp"
-#include "sync/base/threads/interrupt.hpp"
 #include "sync/base/threads/worker_thread.hpp"
 
 namespace brackenfen::sync::python {
@@ -87,7 +87,7 @@ class WorkerState {
     if (pthread_getname_np(pthread_self(), name, sizeof(name)) != 0) return;
     try {
       nb::module_::import_("threading").attr("current_thread")().attr("name") = nb::str(name);
-    } catch (nb::python_error&) {  // a name is a convenience
+    } catch (const std::exception&) {  // a name is a convenience
     }
   }
 
@@ -204,11 +204,11 @@ PyRef::~PyRef() {
     clear();
     return;
   }
-  try {
+  // Where the interpreter is going, or has no memory for this thread, the object is left behind.
+  drop_failure([this] {
     const Attached guard;
     clear();
-  } catch (const Interrupted&) {  // the interpreter is going: the object goes with it
-  }
+  });
 }
 
 void PyRef::clear() noexcept { Py_CLEAR(object_); }

@@ -4,7 +4,6 @@
 #include <deque>
 #include <exception>
 #include <mutex>
-#include <new>
 #include <unordered_map>
 
 #include "sync/base/error.hpp"
@@ -40,6 +39,35 @@ struct Outcome {
   bool superseded = false;
 };
 
+/// How many workers of a batch have not ended. Apart from the batch, so that one counts itself out when it has let go of
+/// that and of the manager: nothing of a set that has returned keeps them alive.
+class WorkerCount {
+ public:
+  void rise() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    ++running_;
+  }
+  void fall() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    --running_;
+    fell_.notify_all();
+  }
+  [[nodiscard]] bool is_zero() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return running_ == 0;
+  }
+  /// Waits for one slice; whether none runs.
+  bool wait_slice() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return fell_.wait_for(lock, INTERRUPT_SLICE, [&] { return running_ == 0; });
+  }
+
+ private:
+  mutable std::mutex mutex_;  // a leaf
+  std::condition_variable fell_;
+  std::int64_t running_ = 0;
+};
+
 /// What the caller and its workers share. Workers that a timeout leaves behind keep it, and the manager,
 /// alive until they are done.
 class Batch : public std::enable_shared_from_this<Batch> {
@@ -54,6 +82,8 @@ class Batch : public std::enable_shared_from_this<Batch> {
   void drop_queue();
   /// No outcome is to come any more.
   [[nodiscard]] bool finished() const;
+  /// What ended a worker that could not hand over an outcome; null for nothing.
+  [[nodiscard]] std::exception_ptr lost_outcome() const;
   /// Ends every back-off sleep of the batch.
   void cancel() { cancelled_.store(true); }
   /// The caller does not wait for the workers.
@@ -64,6 +94,8 @@ class Batch : public std::enable_shared_from_this<Batch> {
 
  private:
   void work();
+  /// Null where there is none left.
+  [[nodiscard]] const Task* next_task();
   void run_task(const Task& task, std::optional<LocalFiles>& local_files);
   [[nodiscard]] Outcome run_item(std::size_t index, std::optional<LocalFiles>& local_files);
   [[nodiscard]] bool worker_stop_requested();
@@ -89,7 +121,9 @@ class Batch : public std::enable_shared_from_this<Batch> {
   std::size_t next_task_ = 0;
   bool queue_dropped_ = false;
   std::size_t consumed_ = 0;
-  std::int64_t running_workers_ = 0;
+  std::exception_ptr lost_outcome_;
+
+  const std::shared_ptr<WorkerCount> workers_ = std::make_shared<WorkerCount>();
 };
 
 /// What two items must not touch at the same time: the local path, without the endings that staging adds.
@@ -128,15 +162,16 @@ Batch::Batch(std::shared_ptr<SyncManager> manager, std::shared_ptr<NeighbourSet>
 
 void Batch::start(std::int64_t worker_count) {
   for (std::int64_t number = 0; number < worker_count; ++number) {
-    {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      ++running_workers_;
-    }
+    workers_->rise();
     try {
-      start_worker_thread(WORKER_NAME_PREFIX + ("_" + std::to_string(number)), [self = shared_from_this()] { self->work(); });
-    } catch (const Error&) {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      if (--running_workers_ == 0) throw;  // fewer workers do as well, none does not
+      start_worker_thread(WORKER_NAME_PREFIX + ("_" + std::to_string(number)), [self = shared_from_this(), workers = workers_]() mutable {
+        self->work();
+        self.reset();
+        workers->fall();
+      });
+    } catch (const std::exception&) {
+      workers_->fall();
+      if (number == 0) throw;  // fewer workers do as well, none does not
       return;
     }
   }
@@ -145,19 +180,19 @@ void Batch::start(std::int64_t worker_count) {
 void Batch::work() {
   ThreadWork::current() = work_;
   const InterruptScope scope(interrupt_);
-  std::optional<LocalFiles> local_files;
-  while (true) {
-    const Task* task = nullptr;
-    {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      if (!queue_dropped_ && next_task_ < tasks_.size()) task = &tasks_[next_task_++];
-    }
-    if (!task) break;
-    run_task(*task, local_files);
+  try {
+    std::optional<LocalFiles> local_files;
+    while (const Task* task = next_task()) run_task(*task, local_files);
+  } catch (...) {  // run_item holds what a download throws; this is a lack of memory for the outcome
+    const std::lock_guard<std::mutex> lock(mutex_);
+    lost_outcome_ = std::current_exception();
+    queue_dropped_ = true;
   }
+}
+
+const Task* Batch::next_task() {
   const std::lock_guard<std::mutex> lock(mutex_);
-  --running_workers_;
-  changed_.notify_all();
+  return !queue_dropped_ && next_task_ < tasks_.size() ? &tasks_[next_task_++] : nullptr;
 }
 
 void Batch::run_task(const Task& task, std::optional<LocalFiles>& local_files) {
@@ -192,10 +227,8 @@ Outcome Batch::run_item(std::size_t index, std::optional<LocalFiles>& local_file
   } catch (const Error& error) {
     outcome.failure = std::current_exception();
     outcome.superseded = error.is(error_class::ManifestSupersededError);
-  } catch (const Interrupted&) {
+  } catch (...) {
     outcome.failure = std::current_exception();
-  } catch (const std::bad_alloc&) {
-    outcome.failure = std::make_exception_ptr(Error(error_class::MemoryError, "out of memory while downloading " + item.file_path));
   }
   return outcome;
 }
@@ -231,13 +264,16 @@ std::optional<Outcome> Batch::next_outcome(std::optional<double> deadline_second
 }
 
 /// With mutex_ held.
-bool Batch::nothing_to_come() const {
-  return outcomes_.empty() && (consumed_ == items_.size() || (queue_dropped_ && running_workers_ == 0));
-}
+bool Batch::nothing_to_come() const { return outcomes_.empty() && (consumed_ == items_.size() || (queue_dropped_ && workers_->is_zero())); }
 
 bool Batch::finished() const {
   const std::lock_guard<std::mutex> lock(mutex_);
   return nothing_to_come();
+}
+
+std::exception_ptr Batch::lost_outcome() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return lost_outcome_;
 }
 
 void Batch::drop_queue() {
@@ -247,10 +283,7 @@ void Batch::drop_queue() {
 
 void Batch::wait_for_workers() {
   while (true) {
-    {
-      std::unique_lock<std::mutex> lock(mutex_);
-      if (changed_.wait_for(lock, INTERRUPT_SLICE, [&] { return running_workers_ == 0; })) return;
-    }
+    if (workers_->wait_slice()) return;
     if (!interrupt_->tripped()) check_interrupt();
   }
 }
@@ -278,7 +311,7 @@ bool is_tolerated(const std::exception_ptr& failure, const DownloadFailureFn& to
     std::rethrow_exception(failure);
   } catch (const Error& error) {
     return tolerates && tolerates(error);
-  } catch (const Interrupted&) {
+  } catch (...) {  // an interrupt, or a lack of memory
     return false;
   }
 }
@@ -327,6 +360,7 @@ void SyncManager::_download_files_parallel(const std::shared_ptr<NeighbourSet>& 
 
   std::exception_ptr first_error;
   bool superseded = false;
+  bool timed_out = false;
   try {
     batch->start(worker_count);
     while (const std::optional<Outcome> outcome = batch->next_outcome(deadline_seconds)) {
@@ -342,14 +376,14 @@ void SyncManager::_download_files_parallel(const std::shared_ptr<NeighbourSet>& 
         if (!first_error) first_error = outcome->failure;
       }
     }
-    const bool timed_out = !superseded && !batch->finished();
+    timed_out = !superseded && !batch->finished();
     batch->drop_queue();
     if (timed_out) {
       batch->abandon();  // running workers go on by themselves
-      throw_timed_out(batch->pending_paths(), timeout_seconds);
+    } else {
+      batch->wait_for_workers();
     }
-    batch->wait_for_workers();
-  } catch (const Interrupted&) {
+  } catch (...) {  // an interrupt, or no memory to go on: nobody must work on without the locks that the caller now drops
     batch->drop_queue();
     batch->interrupt_workers();
     batch->wait_for_workers();
@@ -358,6 +392,8 @@ void SyncManager::_download_files_parallel(const std::shared_ptr<NeighbourSet>& 
     }
     throw;
   }
+  if (timed_out) throw_timed_out(batch->pending_paths(), timeout_seconds);
+  if (!first_error) first_error = batch->lost_outcome();
   if (first_error) std::rethrow_exception(first_error);
 }
 

@@ -3,6 +3,7 @@
 
 #include "sync/base/error.hpp"
 #include "sync/base/files/paths.hpp"
+#include "sync/base/threads/failure.hpp"
 #include "sync/base/threads/fork.hpp"
 #include "sync/base/threads/interrupt.hpp"
 #include "sync/engine/sync_manager.hpp"
@@ -79,20 +80,15 @@ void SyncManager::release() {
   const WorkLock consumer_lock(_consumer_lock, patience);
   if (_consumer_count <= 0) return;
   --_consumer_count;
-  _persist_consumer_count();
-  if (_consumer_count != 0) return;
-  const auto leave = [&]() REQUIRES(process.class_lock) {
+  FirstFailure failure;
+  failure.run([this] { _persist_consumer_count(); });
+  if (_consumer_count == 0) {
+    failure.run([this] { _stop_internal(); });
     _consumer_lifecycle_started = false;
     const auto entry = process.instances.find(canonical);
     if (entry != process.instances.end() && entry->second.lock().get() == this) process.instances.erase(entry);
-  };
-  try {
-    _stop_internal();
-  } catch (const Interrupted&) {
-    leave();
-    throw;
   }
-  leave();
+  failure.rethrow();
 }
 
 std::map<std::string, std::shared_ptr<SyncManager>> SyncManager::_instances() {

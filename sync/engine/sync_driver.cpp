@@ -41,8 +41,13 @@ class RestartCounts {
 
 }  // namespace
 
+void SyncManager::require_outside_own_pass() {
+  if (_directory_lock.held_by_this_work() || _sync_lock.held_by_this_work()) throw InsideOwnWork();
+}
+
 SyncResult SyncManager::sync() {
   require_own_process();
+  require_outside_own_pass();
   WorkLock one_pass(_sync_lock);
   DirectoryLock::Hold unit_of_work(_directory_lock);
   SyncResult result = _sync_with_manifest_refresh();

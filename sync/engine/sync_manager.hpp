@@ -7,7 +7,7 @@
 //   _sync_thread                 _poll_loop, from start or acquire to stop         lifecycle/poll_loop.cpp
 //   _era_thread                  EraThread::_run, from acquire to stop             era/era_thread.hpp
 //   _cleanup_thread              removes old eras, at most one                     era/old_era_cleanup.hpp
-//   repair threads               _process_repair_queue, one per report_corruption  lifecycle/host_requests.cpp
+//   repair threads               one per report_corruption, at work in turn        lifecycle/poll_loop.cpp
 //   download workers             for one set of files; they write nothing of the manager but the hash cache
 // Their callbacks of the host may call any operation; one that would wait for the work it is part of throws
 // WouldWaitForItself, or skips the wait where it stops the manager.
@@ -227,14 +227,16 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   // ---- consumers: lifecycle/consumers.cpp, lifecycle/poll_loop.cpp; release: registry.cpp --------------
 
   /// One more consumer; the first starts the poll thread and the era thread, whatever count the directory held.
-  /// Throws what starting throws; the count stays increased then.
-  void acquire();
+  /// Throws what starting throws; the count stays increased then, and the next call starts again. `host_handle` is what
+  /// the host knows the manager by: the poll thread keeps it alive, and lets go of it at its end.
+  void acquire(std::shared_ptr<const void> host_handle = {});
   /// One consumer less; with the last one, waits for running work, stops the threads and leaves the registry. Does
-  /// nothing without consumers. Interrupted is thrown when all that is done, but for the waits.
+  /// nothing without consumers. A transition is waited for 10 seconds, and left to itself then, with what waits for it.
+  /// Interrupted, and what a log raises, are thrown when all that is done; an interrupt ends the waits.
   void release();
   [[nodiscard]] std::int64_t consumer_count() const noexcept { return _consumer_count.load(); }
   /// The poll thread alone. Throws StateError where it runs.
-  void start();
+  void start(std::shared_ptr<const void> host_handle = {});
   /// Waits for running work and stops the threads, whoever started them. Does nothing where none runs. Interrupted as
   /// with release.
   void stop();
@@ -242,8 +244,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   [[nodiscard]] bool is_alive() const;
   /// Never fails: a directory that cannot be written to does not stop the lifecycle.
   void _persist_consumer_count();
-  void _start_sync_thread();
-  void _start_internal();
+  void _start_sync_thread(std::shared_ptr<const void> host_handle = {});
+  void _start_internal(std::shared_ptr<const void> host_handle = {});
   void _stop_internal();
   /// Until _stop_event is set: a round, then a pause of _poll_interval.
   void _poll_loop();
@@ -339,7 +341,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   RotationStateRef _normalize_active_rotation_state_for_manifest(NeighbourSet& neighbours, const Manifest& manifest);
   /// Makes the candidate the active state as far as its files are available, deletes what no longer belongs here and tells
   /// the running searches. An error of the vocabulary comes before anything is written; later ones find the state kept.
-  /// Where nothing rotates, the searches are told all that is available.
+  /// Without a candidate, where nothing rotates, only the clean-up runs.
   RotationStateRef _complete_rotation_promotion(NeighbourSet& neighbours, const RotationStateRef& candidate_state,
                                                 const std::vector<Text>& available_relative_paths,
                                                 const std::shared_ptr<Manifest>& manifest);
@@ -437,7 +439,17 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   [[nodiscard]] bool in_own_process() const noexcept { return fork_generation_ == fork_generation(); }
 
   void notify_of_current_era(std::string_view event_type);
+  /// Repairs what was reported, or leaves it to the thread that is at it already.
+  void repair_in_turn();
+  /// A failure is a warning.
+  void repair_reported(const std::vector<std::string>& reported);
+  /// Throws InsideOwnWork on a thread that is part of a pass, or of another unit of work on this directory.
+  void require_outside_own_pass();
+
+  void start_era_thread();
   void stop_era_thread(Patience patience);
+  /// As stopped, but for the poll thread itself, which ends by itself where it runs.
+  void abandon_sync_thread();
   void poll_until(const std::function<bool()>& ended);
 
   /// repair() once the directory lock is held.
@@ -481,7 +493,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   /// _write_promoted_rotation_state with these paths; what is active then.
   RotationStateRef store_rotation_state(NeighbourSet& neighbours, const RotationStateRef& promoted);
 
-  Guarded<Value> planned_seed_;  ///< kept until a state stores it, so that a pass which failed selects the same again
+  std::atomic<bool> transition_has_directory_{false};  ///< from the lock of a transition to its release
+  Guarded<Value> planned_seed_;                        ///< kept until a state stores it, so that a pass which failed selects the same again
   Guarded<std::optional<FileStat>> rotation_state_seen_;  ///< the state file as it was last read or written here
   StateChanges rotation_state_changes_;
   HashCache _hash_cache;
@@ -491,6 +504,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   EraCallbacks _era_callbacks;
   RequestCoalescing _request_coalescing;
   WorkMutex _consumer_lock;
+  RepairTurns repair_turns_;
   OldEraCleanup _old_era_cleanup;
   WorkMutex _sync_lock;  ///< one pass at a time; taken before the directory lock
   Event _stop_event;     ///< ends the poll loop and its pauses, and nothing else

@@ -1,6 +1,7 @@
 // One poll of the watcher: what the server says, the decision, and what follows from it.
 #include "sync/base/error.hpp"
 #include "sync/base/log.hpp"
+#include "sync/base/threads/failure.hpp"
 #include "sync/era/era_current.hpp"
 #include "sync/era/era_thread.hpp"
 #include "sync/era/watcher_decision.hpp"
@@ -9,15 +10,13 @@
 namespace brackenfen::sync {
 
 void EraThread::_poll_once() {
-  try {
+  warn_of_failure("Era poll failed: %s", [this] {
     const RequestStart start = start_request(*options_.seams.environment, *options_.get_token);
     const std::shared_ptr<NeighbourSet> neighbours = options_.seams.neighbours->bind();
     const HttpResult response = _http_get(options_.seams, *neighbours, _server_url.get() + std::string(ERA_CURRENT_PATH), start);
     if (response.status != 200) return;
     follow(*neighbours, read_era_report(parse_era_current(response.body)));
-  } catch (const Error& error) {
-    log_warning("Era poll failed: %s", error.text());
-  }
+  });
 }
 
 void EraThread::follow(NeighbourSet& neighbours, const EraReport& report) {
@@ -40,12 +39,7 @@ void EraThread::follow(NeighbourSet& neighbours, const EraReport& report) {
 void EraThread::cancel_close() {
   log_info("Era transition cancelled — resuming normal operation.");
   _in_closing = false;
-  if (!options_.restart_searches_fn) return;
-  try {
-    options_.restart_searches_fn();
-  } catch (const Error& error) {
-    log_warning("Restart searches callback failed: %s", error.text());
-  }
+  if (options_.restart_searches_fn) warn_of_failure("Restart searches callback failed: %s", options_.restart_searches_fn);
 }
 
 void EraThread::transit_to_closing(const Value& era_number) {
@@ -53,8 +47,8 @@ void EraThread::transit_to_closing(const Value& era_number) {
   try {
     options_.sync_manager->trigger_era_transition(era_number, options_.kill_searches_fn, options_.restart_searches_fn);
     _clear_transition_failed();
-  } catch (const Error& error) {
-    _mark_transition_failed("closing", error.text());
+  } catch (const std::exception& failure) {
+    _mark_transition_failed("closing", error_of(failure).text());
   }
 }
 
@@ -63,17 +57,14 @@ void EraThread::transit_to_new_era(NeighbourSet& neighbours, const Value& era_nu
   _in_closing = false;  // whatever comes of the transition
   try {
     options_.sync_manager->trigger_era_transition(era_number, options_.kill_searches_fn, options_.restart_searches_fn);
-  } catch (const Error& error) {
-    _mark_transition_failed("new era", error.text());
+  } catch (const std::exception& failure) {
+    _mark_transition_failed("new era", error_of(failure).text());
     return;
   }
   _last_known_era_id.set(era_number);
   _clear_transition_failed();
-  try {
-    neighbours.agent_onboarding().update_nudge("era_change", era_number, previous_era_id);
-  } catch (const Error& error) {
-    log_warning("update_nudge call failed: %s", error.text());
-  }
+  warn_of_failure("update_nudge call failed: %s",
+                  [&] { neighbours.agent_onboarding().update_nudge("era_change", era_number, previous_era_id); });
 }
 
 void EraThread::_mark_transition_failed(std::string_view context, std::string_view failure) {

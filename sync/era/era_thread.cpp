@@ -22,15 +22,20 @@ EraThread::EraThread(Options options) : options_(validated(std::move(options))),
   _poll_interval.set(options_.era_poll_interval_s);
 }
 
-void EraThread::start() {
+void EraThread::start(std::shared_ptr<const void> host_handle) {
   if (fork_generation_ != fork_generation()) throw StateError("this EraThread was created before fork(): build one in this process");
   if (!options_.sync_manager) throw StateError("EraThread was garbage-collected");
   if (_started.exchange(true)) throw StateError("EraThread already started");
   _stop_event.clear();
-  if (auto era = options_.sync_manager->manifest_era()) _last_known_era_id.set(*std::move(era));
-  auto thread = std::make_shared<BackgroundThread>();
-  _thread.set(thread);
-  thread->start("bf-era", [self = shared_from_this()] { self->_run(); });
+  try {
+    if (auto era = options_.sync_manager->manifest_era()) _last_known_era_id.set(*std::move(era));
+    const auto thread = std::make_shared<BackgroundThread>();
+    _thread.set(thread);
+    thread->start("bf-era", [self = shared_from_this(), host_handle = std::move(host_handle)] { self->_run(); });
+  } catch (...) {
+    _started = false;
+    throw;
+  }
 }
 
 void EraThread::stop(Patience patience) {

@@ -51,7 +51,8 @@ class EraThread : public std::enable_shared_from_this<EraThread> {
   explicit EraThread(Options options);
 
   /// Throws StateError "EraThread already started" until a stop, and in a child of fork().
-  void start();
+  /// `host_handle` is what the host knows it by: the thread keeps it alive, and lets go of it at its end.
+  void start(std::shared_ptr<const void> host_handle = {});
   /// Waits at most 10 seconds for the thread, as BackgroundThread::join does; a poll that is under way goes on by itself.
   /// Throws RuntimeError on the thread itself, and Interrupted.
   void stop(Patience patience = Patience::Long);

@@ -134,6 +134,7 @@ void SyncManager::Transition::set_status(const Value& status) const {
 void SyncManager::trigger_era_transition(const Value& new_era_id, const SearchesFn& kill_searches_fn,
                                          const SearchesFn& restart_searches_fn) {
   require_own_process();
+  if (_directory_lock.held_by_this_work()) throw InsideOwnWork();  // before anything shows that a transition runs
   Value era = new_era_id;
   while (std::optional<Value> superseding = Transition(*this, era, kill_searches_fn, restart_searches_fn).run()) {
     try {

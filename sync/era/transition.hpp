@@ -36,6 +36,7 @@ class SyncManager::TransitionScope {
 
  private:
   void write_transition_lock();
+  void remove_staging_directory();
   void remove_transition_lock();
 
   SyncManager& manager_;

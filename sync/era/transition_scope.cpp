@@ -2,14 +2,13 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <exception>
 
 #include "sync/base/error.hpp"
 #include "sync/base/files/descriptor.hpp"
 #include "sync/base/files/paths.hpp"
 #include "sync/base/files/place.hpp"
 #include "sync/base/log.hpp"
-#include "sync/base/threads/interrupt.hpp"
+#include "sync/base/threads/failure.hpp"
 #include "sync/era/directory_tree.hpp"
 #include "sync/era/transition.hpp"
 
@@ -37,6 +36,7 @@ SyncManager::TransitionScope::TransitionScope(SyncManager& manager)
   manager_._in_transition = true;
   write_transition_lock();
   unit_of_work_.emplace(manager_._directory_lock);
+  manager_.transition_has_directory_ = true;
 }
 
 /// A signal for requests, here and in other processes; it excludes nobody. The file of a transition that died is taken
@@ -63,22 +63,23 @@ void SyncManager::TransitionScope::make_staging_directory(const std::string& pat
 void SyncManager::TransitionScope::close() {
   manager_._status_message.set(nullptr);
   manager_._in_transition = false;
-  std::exception_ptr failed_release;
-  try {
-    unit_of_work_->release();
-  } catch (...) {  // an interrupt too: the rest must not stay
-    failed_release = std::current_exception();
-  }
+  manager_.transition_has_directory_ = false;
+  FirstFailure failure;
+  failure.run([this] { unit_of_work_->release(); });
   unit_of_work_.reset();
+  failure.run([this] { remove_staging_directory(); });
+  failure.run([this] { remove_transition_lock(); });
+  failure.rethrow();
+}
+
+void SyncManager::TransitionScope::remove_staging_directory() {
+  if (staging_dir_.empty()) return;
   // Whoever waited for the lock may be staging under the same name by now.
-  if (!staging_dir_.empty() && (!staging_ || is_directory_at(staging_, staging_dir_))) {
-    try {
-      remove_tree(staging_dir_);
-    } catch (const Error&) {  // a later transition to this era removes it
-    }
+  if (staging_ && !is_directory_at(staging_, staging_dir_)) return;
+  try {
+    remove_tree(staging_dir_);
+  } catch (const Error&) {  // a later transition to this era removes it
   }
-  remove_transition_lock();
-  if (failed_release) std::rethrow_exception(failed_release);
 }
 
 void SyncManager::TransitionScope::remove_transition_lock() {
@@ -92,15 +93,13 @@ void SyncManager::TransitionScope::remove_transition_lock() {
 
 SyncManager::TransitionScope::~TransitionScope() {
   if (!unit_of_work_) return;
-  try {
+  drop_failure([this] {
     try {
       close();
     } catch (const Error& error) {
       log_debug("Releasing the directory lock after a failed transition: %s", error.text());
     }
-  } catch (const Error&) {  // logging runs code of the host, and nothing may leave a destructor
-  } catch (const Interrupted&) {
-  }
+  });
 }
 
 }  // namespace brackenfen::sync

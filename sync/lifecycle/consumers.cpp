@@ -9,6 +9,7 @@
 #include "sync/base/error.hpp"
 #include "sync/base/files/place.hpp"
 #include "sync/base/log.hpp"
+#include "sync/base/threads/failure.hpp"
 #include "sync/base/threads/interrupt.hpp"
 #include "sync/engine/sync_manager.hpp"
 
@@ -17,7 +18,30 @@ namespace {
 
 constexpr int TRANSITION_WAIT_ROUNDS = 100;
 constexpr double TRANSITION_WAIT_SECONDS = 0.1;  // a round
+constexpr double LONGEST_TRANSITION_WAIT_SECONDS = TRANSITION_WAIT_ROUNDS * TRANSITION_WAIT_SECONDS;
 constexpr double JOIN_SECONDS = 30.0;
+
+/// Whether a transition has held the directory for longer than a stop waits for it. One thread.
+class LastingTransition {
+ public:
+  LastingTransition(Clock& clock, const std::atomic<bool>& has_directory) : clock_(clock), has_directory_(has_directory) {}
+
+  /// Counts from the first call that found it.
+  [[nodiscard]] bool lasts() {
+    if (!has_directory_) {
+      since_seconds_.reset();
+      return false;
+    }
+    const double now_seconds = clock_.monotonic_seconds();
+    if (!since_seconds_) since_seconds_ = now_seconds;
+    return now_seconds - *since_seconds_ >= LONGEST_TRANSITION_WAIT_SECONDS * (1.0 - 1e-9);
+  }
+
+ private:
+  Clock& clock_;
+  const std::atomic<bool>& has_directory_;
+  std::optional<double> since_seconds_;
+};
 
 /// The manager as its own watcher sees it. Owns nothing: the watcher belongs to the manager.
 class OwnManager : public EraManager {
@@ -46,7 +70,7 @@ SearchesFn notifier(std::weak_ptr<SyncManager> manager, void (SyncManager::*noti
 
 }  // namespace
 
-void SyncManager::acquire() {
+void SyncManager::acquire(std::shared_ptr<const void> host_handle) {
   require_own_process();
   const WorkLock lock(_consumer_lock);
   if (_consumer_count == std::numeric_limits<std::int64_t>::max()) throw OverflowError("too many consumers");
@@ -54,15 +78,15 @@ void SyncManager::acquire() {
   _persist_consumer_count();
   // The flags decide, not the count: that may have been left behind by a process that died.
   if (_running || _consumer_lifecycle_started) return;
-  _start_internal();
+  _start_internal(std::move(host_handle));
   _consumer_lifecycle_started = true;
 }
 
-void SyncManager::start() {
+void SyncManager::start(std::shared_ptr<const void> host_handle) {
   require_own_process();
   const WorkLock lock(_consumer_lock);
   if (_running) throw StateError("SyncManager already running");
-  _start_sync_thread();
+  _start_sync_thread(std::move(host_handle));
 }
 
 void SyncManager::stop() {
@@ -91,20 +115,40 @@ void SyncManager::_persist_consumer_count() {
   }
 }
 
-void SyncManager::_start_sync_thread() {
+void SyncManager::_start_sync_thread(std::shared_ptr<const void> host_handle) {
   require_own_process();
+  const auto thread = std::make_shared<BackgroundThread>();
   _stop_event.clear();
   _running = true;
-  const auto thread = std::make_shared<BackgroundThread>();
   _sync_thread.set(thread);
-  thread->start("bf-poll", [self = shared_from_this(), thread] {
-    // Also ends where it outlived its stop and another has taken its place since.
-    self->poll_until([&] { return self->_stop_event.is_set() || self->_sync_thread.get() != thread; });
-  });
+  try {
+    thread->start("bf-poll", [self = shared_from_this(), thread, host_handle = std::move(host_handle)] {
+      // Also ends where it outlived its stop and another has taken its place since.
+      self->poll_until([&] { return self->_stop_event.is_set() || self->_sync_thread.get() != thread; });
+    });
+  } catch (...) {
+    abandon_sync_thread();
+    throw;
+  }
 }
 
-void SyncManager::_start_internal() {
-  _start_sync_thread();
+void SyncManager::abandon_sync_thread() {
+  _running = false;
+  _sync_thread.set(nullptr);
+  _stop_event.set();
+}
+
+void SyncManager::_start_internal(std::shared_ptr<const void> host_handle) {
+  _start_sync_thread(std::move(host_handle));
+  try {
+    start_era_thread();
+  } catch (...) {
+    abandon_sync_thread();  // the next acquire begins with both again
+    throw;
+  }
+}
+
+void SyncManager::start_era_thread() {
   std::shared_ptr<EraThread> watcher = _era_thread.get();
   if (!watcher) {
     EraThread::Options options;
@@ -134,33 +178,39 @@ void SyncManager::_start_internal() {
 }
 
 void SyncManager::_stop_internal() {
-  // An interrupt ends the waits; it is thrown when the flags are right again. Work that this call is part of, because a
-  // callback of it makes the call, is not waited for.
-  std::optional<Interrupted> interrupted;
-  const auto unless_interrupted = [&](const auto& wait) {
+  // An interrupt ends the waits; it, or what else fails, is thrown when the flags are right again. Work that this call is
+  // part of, because a callback of it makes the call, is not waited for.
+  FirstFailure failure;
+  bool interrupted = false;
+  const auto wait_for = [&](const auto& wait) {
     if (interrupted) return;
-    try {
-      wait();
-    } catch (const WouldWaitForItself&) {
-    } catch (const Interrupted& interrupt) {
-      interrupted = interrupt;
-    }
+    failure.run([&] {
+      try {
+        wait();
+      } catch (const WouldWaitForItself&) {
+      } catch (const Interrupted&) {
+        interrupted = true;
+        throw;
+      }
+    });
   };
   _stop_event.set();
   const bool called_by_its_work = _directory_lock.held_by_this_work();
   // Either thread may be waiting for that lock.
   const Patience patience = called_by_its_work ? Patience::None : Patience::Long;
-  unless_interrupted([&] { stop_era_thread(patience); });
-  unless_interrupted([&] {
+  LastingTransition transition(*seams_.clock, transition_has_directory_);
+  wait_for([&] { stop_era_thread(patience); });
+  wait_for([&] {
     if (called_by_its_work) return;  // a transition cannot end before this call does
+    static_cast<void>(transition.lasts());
     for (int round = 0; round < TRANSITION_WAIT_ROUNDS && _in_transition; ++round) seams_.clock->sleep(TRANSITION_WAIT_SECONDS);
   });
-  unless_interrupted([&] {
-    // Until a pass that is under way has ended. While the caller's own work holds the directory lock there is none, or
-    // it waits for that lock.
-    if (!called_by_its_work) _sync_lock.pass_through();
+  wait_for([&] {
+    // Until a pass that is under way has ended, unless it waits for a transition that lasts. While the caller's own work
+    // holds the directory lock there is none, or it waits for that lock.
+    if (!called_by_its_work) _sync_lock.pass_through([&] { return transition.lasts(); });
   });
-  unless_interrupted([&] {
+  wait_for([&] {
     const std::shared_ptr<BackgroundThread> thread = _sync_thread.get();
     if (thread && !thread->is_current()) thread->join(*seams_.clock, JOIN_SECONDS, patience);
   });
@@ -168,24 +218,17 @@ void SyncManager::_stop_internal() {
   _consumer_lifecycle_started = false;
   _sync_thread.set(nullptr);
   // What the caller's own unit of work holds is no leftover.
-  unless_interrupted([&] {
-    if (!called_by_its_work) _directory_lock.close_leftover();
-  });
-  if (interrupted) throw Interrupted(*interrupted);
+  if (!called_by_its_work) failure.run([this] { _directory_lock.close_leftover(); });
+  failure.rethrow();
 }
 
 void SyncManager::stop_era_thread(Patience patience) {
   const std::shared_ptr<EraThread> watcher = _era_thread.get();
   if (!watcher) return;
-  try {
-    watcher->stop(patience);
-  } catch (const Error& error) {
-    log_warning("Failed to stop era thread: %s", error.text());
-  } catch (const Interrupted&) {
-    _era_thread.set(nullptr);
-    throw;
-  }
+  FirstFailure failure;
+  failure.run([&] { warn_of_failure("Failed to stop era thread: %s", [&] { watcher->stop(patience); }); });
   _era_thread.set(nullptr);
+  failure.rethrow();
 }
 
 void SyncManager::notify_of_current_era(std::string_view event_type) {

@@ -12,6 +12,7 @@
 
 #include "sync/base/error.hpp"
 #include "sync/base/log.hpp"
+#include "sync/base/threads/failure.hpp"
 #include "sync/base/threads/fork.hpp"
 #include "sync/base/threads/interrupt.hpp"
 
@@ -35,6 +36,10 @@ int flock_once(const Descriptor& descriptor, int operation) noexcept {
 /// comes from a directory that may be written but not read.
 bool means_not_available(int error_number) {
   return error_number == EBADF || error_number == ENOLCK || error_number == EOPNOTSUPP || error_number == EACCES;
+}
+
+void log_failed_close(int error_number) {
+  if (error_number != 0) log_debug("Failed to close flock file descriptor: %s", os_error(error_number).text());
 }
 
 /// Every lock of this process, so that a forked child can let go of what it inherited. Leaked; changed under
@@ -80,43 +85,50 @@ void DirectoryLock::_acquire_flock() {
   try {
     lock_descriptors();
   } catch (...) {
-    const OwnerDrop drop(*this);
-    if (flock_file_) flock_once(flock_file_, LOCK_UN);
-    close_flock_file();
-    unlock_directory();
+    int close_error = 0;
+    {
+      const OwnerDrop drop(*this);
+      if (flock_file_) flock_once(flock_file_, LOCK_UN);
+      close_error = flock_file_.try_close();
+      unlock_directory();
+    }
+    drop_failure([&] { log_failed_close(close_error); });
     throw;
   }
 }
 
 void DirectoryLock::_release_flock() {
   if (!is_owner()) throw RuntimeError("cannot release un-acquired lock");
-  const OwnerDrop drop(*this);
   int unlock_error = 0;
+  int close_error = 0;
   int unlink_error = 0;
-  std::string flock_path;
-  if (flock_file_) {
-    unlock_error = flock_once(flock_file_, LOCK_UN);
-    close_flock_file();
-    flock_path = flock_path_.get();
-    if (::unlink(flock_path.c_str()) != 0 && errno != ENOENT) unlink_error = errno;
+  const std::string flock_path = flock_path_.get();
+  {
+    const OwnerDrop drop(*this);
+    if (flock_file_) {
+      unlock_error = flock_once(flock_file_, LOCK_UN);
+      close_error = flock_file_.try_close();
+      if (::unlink(flock_path.c_str()) != 0 && errno != ENOENT) unlink_error = errno;
+    }
+    unlock_directory();
+    directory_id_.reset();
   }
-  unlock_directory();
-  directory_id_.reset();
   // Logging runs code of the host, which may end this call: everything is free by now.
+  log_failed_close(close_error);
   if (unlink_error != 0) log_debug("Failed to remove flock file: %s", os_error(unlink_error, flock_path).text());
   if (unlock_error != 0) throw os_error(unlock_error);
 }
 
 void DirectoryLock::close_leftover() {
-  take_owner();
-  const OwnerDrop drop(*this);
-  try {
-    if (flock_file_) flock_file_.close();
-  } catch (const Error& error) {
-    log_debug("Failed to close file descriptor: %s", error.text());
+  int close_error = 0;
+  {
+    if (!try_take_owner()) return;
+    const OwnerDrop drop(*this);
+    close_error = flock_file_.try_close();
+    unlock_directory();
+    directory_id_.reset();
   }
-  unlock_directory();
-  directory_id_.reset();
+  if (close_error != 0) log_debug("Failed to close file descriptor: %s", os_error(close_error).text());
 }
 
 void DirectoryLock::abandon_after_fork() noexcept {
@@ -144,8 +156,19 @@ void DirectoryLock::take_owner() {
     check_interrupt();
     lock.lock();
   }
+  own_once_more();
+}
+
+bool DirectoryLock::try_take_owner() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (depth_ > 0 && owner_ != std::this_thread::get_id()) return false;
+  own_once_more();
+  return true;
+}
+
+void DirectoryLock::own_once_more() noexcept {
   if (depth_++ > 0) return;
-  owner_ = self;
+  owner_ = std::this_thread::get_id();
   work_ = ThreadWork::current().begin();
 }
 
@@ -217,16 +240,8 @@ void DirectoryLock::unlock_directory() noexcept {
   directory_ = Descriptor();
 }
 
-void DirectoryLock::close_flock_file() {
-  if (!flock_file_) return;
-  try {
-    flock_file_.close();
-  } catch (const Error& error) {
-    log_debug("Failed to close flock file descriptor: %s", error.text());
-  }
-}
-
 DirectoryLock::Hold::Hold(DirectoryLock& lock) : lock_(lock) {
+  if (lock_.held_by_this_work()) throw InsideOwnWork();
   lock_._acquire_flock();
   lock_.count_hold(1);
 }
@@ -238,15 +253,13 @@ void DirectoryLock::Hold::release() {
 }
 
 DirectoryLock::Hold::~Hold() {
-  try {
+  drop_failure([this] {
     try {
       release();
     } catch (const Error& error) {
       log_debug("Failed to release directory lock: %s", error.text());
     }
-  } catch (const Error&) {  // logging runs code of the host, and nothing may leave a destructor
-  } catch (const Interrupted&) {
-  }
+  });
 }
 
 }  // namespace brackenfen::sync

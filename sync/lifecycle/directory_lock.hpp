@@ -36,7 +36,8 @@ class DirectoryLock {
   /// Throws RuntimeError "cannot release un-acquired lock" on a thread that does not hold it, and os_error
   /// where unlocking fails; the lock is free then all the same.
   void _release_flock();
-  /// Closes descriptors left behind by a unit of work that never released. Waits for the in-process lock.
+  /// Closes descriptors left behind by a unit of work of this thread that never released. One of another thread is left
+  /// alone: it may be under way.
   void close_leftover();
   /// Whether the running thread is part of a unit of work that is under way: the thread of a Hold, or a worker of it.
   [[nodiscard]] bool held_by_this_work();
@@ -53,6 +54,7 @@ class DirectoryLock {
   /// One unit of work.
   class Hold {
    public:
+    /// Throws what _acquire_flock throws, and InsideOwnWork inside another one, which it leaves as it is.
     explicit Hold(DirectoryLock& lock);
     Hold(const Hold&) = delete;
     Hold& operator=(const Hold&) = delete;
@@ -70,6 +72,10 @@ class DirectoryLock {
   class OwnerDrop;
 
   void take_owner();
+  /// False where another thread holds it.
+  [[nodiscard]] bool try_take_owner();
+  /// With mutex_ held, on the thread that owns it or takes it.
+  void own_once_more() noexcept;
   void drop_owner() noexcept;
   [[nodiscard]] bool is_owner();
   void count_hold(int change) noexcept;
@@ -79,7 +85,6 @@ class DirectoryLock {
   [[nodiscard]] int wait_for_flock(const Descriptor& descriptor);
   /// Ends the lock even where a forked child still shares the open file.
   void unlock_directory() noexcept;
-  void close_flock_file();
 
   const Guarded<std::string>& data_dir_;
   const Guarded<std::string>& flock_path_;

@@ -37,6 +37,15 @@ class EraCallbacks {
   void _notify_era_callbacks(std::string_view event_type, const Value& era_number);
 
   [[nodiscard]] List list() const;
+  /// For the collector of the host, in a place where no memory can be had: `visit` is called under the lock for each, until
+  /// it answers anything but 0. Returns its last answer.
+  template <typename Visit>
+  [[nodiscard]] int visit_each(const Visit& visit) const {
+    const MutexLock lock(_era_callbacks_lock);
+    for (const std::shared_ptr<EraCallback>& callback : _era_callbacks)
+      if (const int stop = visit(callback); stop != 0) return stop;
+    return 0;
+  }
   /// For the collector of the host.
   void clear();
 

@@ -35,12 +35,14 @@ std::vector<std::string> SyncManager::request_for_sync() {
   if (_in_transition || path_exists(join_path(_data_dir.get(), TRANSITION_LOCK_FILENAME)))
     throw StateError("Sync is in era transition mode — request_for_sync rejected");
   if (!_running) throw StateError(NOT_RUNNING);
-  if (const std::shared_ptr<Event> other = _request_coalescing.running()) {
-    other->wait(*seams_.clock, COALESCED_WAIT_SECONDS);
+  if (const std::shared_ptr<RunningRequest> other = _request_coalescing.running()) {
+    other->wait(*seams_.clock);
     return _get_found_file_paths();
   }
+  require_outside_own_pass();
   SyncResult result;
-  _request_coalescing.begin();
+  const WorkScope work;
+  _request_coalescing.begin(work.id());
   try {
     result = sync();
   } catch (const Interrupted&) {
@@ -91,7 +93,12 @@ void SyncManager::report_corruption(const std::string& file_path) {
     if (!files.is_document() || !files.if_document()->contains(file_path)) throw ValueError("File not in manifest: " + file_path);
   }
   _repair_queue.append(file_path);
-  start_worker_thread("bf-repair", [self = shared_from_this()] { self->_process_repair_queue(); });
+  try {
+    start_worker_thread("bf-repair", [self = shared_from_this()] { self->repair_in_turn(); });
+  } catch (...) {
+    _repair_queue.withdraw(file_path);
+    throw;
+  }
 }
 
 }  // namespace brackenfen::sync

@@ -1,24 +1,9 @@
 // What the poll thread does: repairs that were asked for, and a pass whenever there is something new.
-#include <new>
-
-#include "sync/base/error.hpp"
-#include "sync/base/log.hpp"
+#include "sync/base/threads/failure.hpp"
 #include "sync/engine/sync_manager.hpp"
 
 namespace brackenfen::sync {
 namespace {
-
-/// Runs `work`; an error of it becomes a warning, a lack of memory included. Interrupted passes.
-template <typename Work>
-void warn_of_errors(const char* format, const Work& work) {
-  try {
-    work();
-  } catch (const Error& error) {
-    log_warning(format, error.text());
-  } catch (const std::bad_alloc&) {
-    log_warning(format, "out of memory");
-  }
-}
 
 /// Holds a lock that was free, or nothing.
 class SCOPED_CAPABILITY TriedWorkLock {
@@ -44,7 +29,7 @@ void SyncManager::_poll_loop() {
 
 void SyncManager::poll_until(const std::function<bool()>& ended) {
   while (!ended()) {
-    if (!_in_transition) warn_of_errors("Poll loop iteration failed: %s", [this] { _poll_once(); });
+    if (!_in_transition) warn_of_failure("Poll loop iteration failed: %s", [this] { _poll_once(); });
     _stop_event.wait(*seams_.clock, _poll_interval.get());
   }
 }
@@ -56,7 +41,7 @@ void SyncManager::_poll_once() {
   // Only tried: a poll never queues up behind a pass.
   const TriedWorkLock one_pass(_sync_lock);
   if (!one_pass.held()) return;
-  warn_of_errors("Poll once failed: %s", [this] {
+  warn_of_failure("Poll once failed: %s", [this] {
     // A transition takes another lock, so it may begin between any two of these steps.
     if (_in_transition || !needs_sync() || _in_transition) return;
     DirectoryLock::Hold unit_of_work(_directory_lock);
@@ -67,9 +52,19 @@ void SyncManager::_poll_once() {
 
 void SyncManager::_process_repair_queue() {
   require_own_process();
-  const std::vector<std::string> reported = _repair_queue.drain();
-  if (reported.empty()) return;
-  warn_of_errors("Background repair failed: %s", [&] { static_cast<void>(repair(reported)); });
+  if (const std::vector<std::string> reported = _repair_queue.drain(); !reported.empty()) repair_reported(reported);
+}
+
+void SyncManager::repair_reported(const std::vector<std::string>& reported) {
+  warn_of_failure("Background repair failed: %s", [&] { static_cast<void>(repair(reported)); });
+}
+
+void SyncManager::repair_in_turn() {
+  std::vector<std::string> reported = _repair_queue.drain();
+  if (reported.empty() || !repair_turns_.add(std::move(reported))) return;
+  FirstFailure failure;  // a batch that is interrupted takes none of the others along
+  for (auto batch = repair_turns_.next(); !batch.empty(); batch = repair_turns_.next()) failure.run([&] { repair_reported(batch); });
+  failure.rethrow();
 }
 
 }  // namespace brackenfen::sync

@@ -119,7 +119,7 @@ struct RotationSelection {
 
 struct RotationPlan {
   RotationSelection selection;
-  RotationStateRef candidate_state;  ///< where nothing rotates: null, or without paths where a state exists
+  RotationStateRef candidate_state;  ///< null where the data set holds nothing that rotates and no state exists
   OwnRecordRef own;
 };
 

@@ -5,6 +5,7 @@
 #include "sync/base/error.hpp"
 #include "sync/base/files/paths.hpp"
 #include "sync/base/log.hpp"
+#include "sync/base/threads/failure.hpp"
 #include "sync/base/threads/interrupt.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/base/values/integer_sum.hpp"
@@ -22,11 +23,19 @@ class ShownProgress {
   ShownProgress(Files& files, std::string data_dir) : files_(files), data_dir_(std::move(data_dir)) {}
   ShownProgress(const ShownProgress&) = delete;
   ShownProgress& operator=(const ShownProgress&) = delete;
-  ~ShownProgress() { _remove_sync_progress_json(files_, data_dir_); }
+  ~ShownProgress() {
+    if (shown_) drop_failure([this] { remove(); });
+  }
+  /// Removes it now. Logging runs code of the host, whose errors leave here.
+  void remove() {
+    shown_ = false;
+    _remove_sync_progress_json(files_, data_dir_);
+  }
 
  private:
   Files& files_;
   const std::string data_dir_;
+  bool shown_ = true;
 };
 
 void require_room(const Document& files_to_download, std::int64_t free_bytes) {
@@ -60,8 +69,9 @@ std::vector<std::string> SyncManager::request_feature_files_for_sync(const std::
   if (_in_transition.load() || path_exists(join_path(_data_dir.get(), ".transition_lock")))
     throw StateError("Sync is in era transition mode \xE2\x80\x94 request_feature_files_for_sync rejected");
   if (!_running.load()) throw StateError("Sync thread is not running. Call start() or acquire() first.");
-  if (const std::shared_ptr<Event> other = _request_coalescing.running()) other->wait(*seams_.clock, COALESCED_WAIT_SECONDS);
+  if (const std::shared_ptr<RunningRequest> other = _request_coalescing.running()) other->wait(*seams_.clock);
 
+  require_outside_own_pass();
   WorkLock one_pass(_sync_lock);
   DirectoryLock::Hold unit_of_work(_directory_lock);
   std::vector<std::string> local_paths;
@@ -113,8 +123,9 @@ std::vector<std::string> SyncManager::_request_feature_files_for_sync_impl(const
     _write_sync_progress_json(*seams_.files, *seams_.clock, neighbours->sync_progress(), data_dir, manifest->era_number(),
                               manifest->version(), files_to_download);
     {
-      const ShownProgress shown(*seams_.files, data_dir);
+      ShownProgress shown(*seams_.files, data_dir);
       _download_files_parallel(neighbours, files_to_download, result);
+      shown.remove();
     }
     _hash_cache._persist_hash_cache();
   }

@@ -35,6 +35,14 @@ class SearchConsumers {
   /// A search that is not registered is ignored.
   void unregister_rotation_search_consumer(const RotationSearchConsumer& consumer) EXCLUDES(mutex_);
   [[nodiscard]] std::vector<SearchConsumerRef> snapshot() const EXCLUDES(mutex_);
+  /// As EraCallbacks::visit_each.
+  template <typename Visit>
+  [[nodiscard]] int visit_each(const Visit& visit) const EXCLUDES(mutex_) {
+    MutexLock lock(mutex_);
+    for (const SearchConsumerRef& consumer : consumers_)
+      if (const int stop = visit(consumer); stop != 0) return stop;
+    return 0;
+  }
   void clear() EXCLUDES(mutex_);
 
  private:

@@ -59,6 +59,13 @@ std::int64_t EventCounts::add(const EventKey& key) {
   return counts_[std::move(packed)]++;
 }
 
+std::int64_t EventCounts::count(const EventKey& key) const {
+  const std::string packed = pack(key);
+  MutexLock lock(mutex_);
+  const auto found = counts_.find(packed);
+  return found == counts_.end() ? 0 : found->second;
+}
+
 std::vector<std::pair<EventKey, std::int64_t>> EventCounts::all() const {
   std::vector<std::pair<EventKey, std::int64_t>> found;
   MutexLock lock(mutex_);

@@ -23,6 +23,8 @@ class EventCounts {
  public:
   /// Counts one more event with this key; returns how many came before it.
   std::int64_t add(const EventKey& key) EXCLUDES(mutex_);
+  /// How many were counted with this key.
+  [[nodiscard]] std::int64_t count(const EventKey& key) const EXCLUDES(mutex_);
   [[nodiscard]] std::vector<std::pair<EventKey, std::int64_t>> all() const EXCLUDES(mutex_);
   /// For tests, which start with nothing counted.
   void clear() EXCLUDES(mutex_);

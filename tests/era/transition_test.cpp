@@ -5,7 +5,9 @@
 #include <cerrno>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <map>
+#include <thread>
 
 #include "sync/base/threads/interrupt.hpp"
 #include "sync/base/values/convert.hpp"
@@ -103,6 +105,32 @@ class TransitionTest : public testing::Test, protected SyncSetup {
   std::vector<std::string> calls;
   std::size_t earlier_ = 0;
 };
+
+TEST_F(TransitionTest, aStopGoesOnBesideATransitionThatLasts) {
+  const Reply lasting[] = {{.status = 503}, {.body = NEW.content, .delay = std::chrono::hours(1)}};  // an outage, a slow file
+  for (const Reply& reply : lasting) {
+    server.script(data_path(NEW), {reply});
+    const std::size_t before = requests(data_path(NEW));
+    const auto exit = std::make_shared<InterruptToken>();
+    const auto interruptible = [&](const auto& work) {
+      return std::async(std::launch::async, [exit, work] {
+        const InterruptScope scope(exit);
+        EXPECT_THROW(work(), Interrupted);
+      });
+    };
+    manager->start();
+    auto transition = interruptible([this] { transit(); });
+    while (requests(data_path(NEW)) == before) std::this_thread::yield();
+    auto pass = interruptible([this] { static_cast<void>(manager->sync()); });  // waits for the directory
+    manager->stop();
+    EXPECT_TRUE(manager->_in_transition);
+    EXPECT_FALSE(manager->_running);
+    exit->trip();
+    transition.get();
+    pass.get();
+    expect_nothing_left();
+  }
+}
 
 TEST_F(TransitionTest, movesTheDirectoryToTheNextEra) {
   directory.write("era_6/old", "12345");

@@ -1,6 +1,9 @@
 // Starting, counting and stopping: what state each event leads to, and stopping from a callback on each thread.
 #include <gmock/gmock.h>
 
+#include <fcntl.h>
+#include <sys/file.h>
+
 #include <atomic>
 #include <filesystem>
 #include <functional>
@@ -255,15 +258,42 @@ TEST_F(ConsumersTest, aCallbackMayReleaseTheLastConsumerOnWhateverThreadItRuns) 
   }
 }
 
+TEST_F(ConsumersTest, workInsideWorkIsRefusedAtOnceAndTakesNothingAway) {
+  const auto token = std::make_shared<CallingToken>();
+  token_source = token;
+  server.script("/era/current", {{.body = R"({"era_number": 7, "state": "active"})"}});
+  manager = open();
+  static_cast<void>(manager->sync());
+  manager->_running = true;  // as the requests want it
+  const std::function<void()> operations[] = {
+      [&] { static_cast<void>(manager->sync()); },
+      [&] { static_cast<void>(manager->repair({ALPHA.path})); },
+      [&] { static_cast<void>(manager->request_for_sync()); },
+      [&] { static_cast<void>(manager->request_feature_files_for_sync({"alpha"})); },
+      [&] { manager->trigger_era_transition(Value(ERA)); },
+  };
+  const Descriptor rival = open_file(directory.path(), O_RDONLY);
+  for (const auto& outer : operations) {
+    if (&outer == &operations[3]) continue;  // it asks for nothing while all is here
+    std::vector<std::string> inside;
+    token->call_once([&] {
+      for (const auto& inner : operations) inside.push_back(failure_of([&] { return inner(), 0; }));
+      EXPECT_NE(::flock(rival.get(), LOCK_EX | LOCK_NB), 0) << "the outer one keeps its locks";
+    });
+    EXPECT_EQ(failure_of([&] { return outer(), 0; }), "") << &outer - operations;
+    EXPECT_THAT(inside, testing::AllOf(SizeIs(5), testing::Each(StartsWith("StateError: ")))) << &outer - operations;
+    EXPECT_FALSE(manager->_in_transition);
+    EXPECT_FALSE(directory.contains(".transition_lock"));
+  }
+  EXPECT_THAT(clock.waits(), IsEmpty());
+  manager->_running = false;
+}
+
 TEST_F(ConsumersTest, aCallbackThatWouldWaitForItsOwnPassIsRefused) {
   const auto token = std::make_shared<CallingToken>();
   token_source = token;
   manager = SyncManager::get_or_create(options());
   std::string inside;
-  token->call_once([&] { inside = failure_of([&] { return manager->sync(); }); });
-  static_cast<void>(manager->sync());
-  EXPECT_THAT(inside, StartsWith("StateError: "));
-
   // A release on another thread waits for this pass, or for the poll thread's repair, under the registry's lock.
   for (const bool in_repair : {false, true}) {
     std::promise<std::future<void>> releasing;

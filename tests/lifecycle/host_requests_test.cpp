@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <future>
 
@@ -113,7 +114,7 @@ TEST_F(HostRequestsTest, ofTwoThatBeganAtOnceTheLaterToEndFails) {
   const auto replaced = coalescing.running();
   coalescing.begin();
   coalescing.end();
-  EXPECT_FALSE(replaced->is_set());
+  EXPECT_FALSE(replaced->has_ended());
 }
 
 TEST_F(HostRequestsTest, aReportedFileIsMendedByWhoeverComesFirst) {
@@ -136,6 +137,30 @@ TEST_F(HostRequestsTest, aReportedFileIsMendedByWhoeverComesFirst) {
   manager->_repair_queue.append(ALPHA.path);
   EXPECT_THAT(failure_of([&] { return manager->_poll_once(), 0; }), StartsWith("IsADirectoryError: "));
   EXPECT_THAT(manager->_repair_queue.get(), IsEmpty()) << "paths are not queued again";
+}
+
+TEST_F(HostRequestsTest, oneThreadRepairsForAllThatWait) {
+  const auto repair_threads = [] {
+    std::size_t count = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+      std::ifstream name(task.path() / "comm");
+      std::string text;
+      if (std::getline(name, text) && text == "bf-repair") ++count;
+    }
+    return count;
+  };
+  publish(1, {ALPHA});
+  const auto manager = running();
+  static_cast<void>(manager->sync());
+  const std::size_t before = requests("/data/files/" + ALPHA.path);
+  manager->_acquire_flock();
+  for (int report = 0; report < 50; ++report) {
+    manager->report_corruption(ALPHA.path);
+    while (!manager->_repair_queue.get().empty()) std::this_thread::yield();
+  }
+  while (repair_threads() > 1) std::this_thread::yield();
+  manager->_release_flock();
+  while (requests("/data/files/" + ALPHA.path) < before + 50) std::this_thread::yield();
 }
 
 TEST_F(HostRequestsTest, aPollSyncsOnlyWhatIsNewAndOnlyWhenNothingElseRuns) {

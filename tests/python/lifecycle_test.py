@@ -194,15 +194,16 @@ def test_a_running_manager_outlives_its_last_reference_and_a_stopped_one_does_no
     holder = Holder()
     holder.owner = sync.SyncManager.get_or_create(tmp_path, server.url, holder)
     holder.owner.acquire()
-    gone = weakref.ref(holder)
+    gone, running = weakref.ref(holder), weakref.ref(holder.owner)
     del holder
     gc.collect()
-    manager = sync.SyncManager._instances[str(tmp_path)]
+    manager = running()
+    assert manager is not None and manager is sync.SyncManager._instances[str(tmp_path)]
     assert manager.is_alive() and manager._get_token() == "t" and gone() is not None
     manager.release()
     del manager
     gc.collect()
-    assert gone() is None
+    assert gone() is None and running() is None
 
 
 def test_the_last_reference_may_go_in_a_callback(tmp_path: pathlib.Path) -> None:

@@ -234,6 +234,7 @@ def test_outages_as_python_sees_them(records: pytest.LogCaptureFixture, neighbou
     key = sync._sync_event_coalesce_key(event)
     assert key == (("event_type", "'http_retry'"), ("file", "'as python sees it'"), ("reason", str(object))) and key not in counts
     assert [sync._should_emit_sync_event(event) for _ in range(12)] == [True] * 10 + [False] * 2
+    assert counts.get(None, 0) == counts.get((key[0], "file"), 0) == 0
     assert counts[key] == 12 == dict(counts)[key] and len(counts) == len(list(counts)) and isinstance(counts, Mapping)
 
     error = sync._sync_unavailable_from("https://h/p?q", 2, [503], [], {"error_code": "", "error": "X", "retryable": None, "recovery": "later"})

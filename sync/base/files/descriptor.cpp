@@ -25,9 +25,13 @@ Descriptor::~Descriptor() {
 }
 
 void Descriptor::close() {
+  if (const int error_number = try_close(); error_number != 0) throw os_error(error_number);
+}
+
+int Descriptor::try_close() noexcept {
   const int number = std::exchange(number_, -1);
   // After EINTR the descriptor is closed on Linux; trying again could close another thread's.
-  if (number >= 0 && ::close(number) != 0 && errno != EINTR) throw os_error(errno);
+  return number >= 0 && ::close(number) != 0 && errno != EINTR ? errno : 0;
 }
 
 Descriptor open_file(const std::string& path, int flags, unsigned mode) {

@@ -23,6 +23,8 @@ class Descriptor {
   [[nodiscard]] int release() noexcept { return std::exchange(number_, -1); }
   /// Closes now. Throws the system's error (errno kept) where close fails; the descriptor is gone all the same.
   void close();
+  /// The same; 0, or the errno of the failure.
+  [[nodiscard]] int try_close() noexcept;
 
  private:
   int number_ = -1;

@@ -9,21 +9,22 @@ namespace brackenfen::sync {
 
 void WorkMutex::lock(Patience patience) NO_THREAD_SAFETY_ANALYSIS { wait_and_take(patience); }
 
-void WorkMutex::pass_through() NO_THREAD_SAFETY_ANALYSIS {
-  wait_and_take(Patience::Long);
-  unlock();
+void WorkMutex::pass_through(const std::function<bool()>& give_up) NO_THREAD_SAFETY_ANALYSIS {
+  if (wait_and_take(Patience::Long, give_up)) unlock();
 }
 
-void WorkMutex::wait_and_take(Patience patience) {
+bool WorkMutex::wait_and_take(Patience patience, const std::function<bool()>& give_up) {
   std::unique_lock guard(mutex_);
   for (int slice = 0; work_ != 0; ++slice) {
     const WorkWait wait(work_, patience, slice);
     if (freed_.wait_for(guard, INTERRUPT_SLICE, [this] { return work_ == 0; })) break;
     guard.unlock();  // the check may wait for the host
     check_interrupt();
+    if (give_up && give_up()) return false;
     guard.lock();
   }
   take();
+  return true;
 }
 
 bool WorkMutex::try_lock() NO_THREAD_SAFETY_ANALYSIS {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 
 #include "sync/base/threads/fork.hpp"
@@ -55,13 +56,15 @@ class CAPABILITY("mutex") WorkMutex {
   void lock(Patience patience = Patience::None) ACQUIRE();
   [[nodiscard]] bool try_lock() TRY_ACQUIRE(true);
   void unlock() RELEASE();
-  /// Waits until it is free, for a stop. Where threads wait for each other, another one of them is refused first.
-  void pass_through() EXCLUDES(this);
+  /// Waits until it is free, for a stop, or until `give_up` says so, which is asked in each slice of the wait. Where
+  /// threads wait for each other, another one of them is refused first.
+  void pass_through(const std::function<bool()>& give_up = {}) EXCLUDES(this);
   /// Whether the running thread is part of the work that is done under this lock: its holder, or a worker of it.
   [[nodiscard]] bool held_by_this_work();
 
  private:
-  void wait_and_take(Patience patience);
+  /// False where `give_up` ended the wait.
+  bool wait_and_take(Patience patience, const std::function<bool()>& give_up = {});
   void take() noexcept;
 
   std::mutex mutex_;  // guards what follows; a leaf

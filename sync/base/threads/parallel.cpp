@@ -77,18 +77,17 @@ void Loop::start_workers() {
       const std::lock_guard<std::mutex> lock(mutex_);
       ++running_workers_;
     }
-    const auto body = [self = shared_from_this()] {
-      {
-        const InterruptScope scope(self->token_);
-        self->work();
-      }
-      const std::lock_guard<std::mutex> lock(self->mutex_);
-      --self->running_workers_;
-      self->worker_ended_.notify_all();
-    };
     try {
-      start_worker_thread(WORKER_NAME_PREFIX + ("_" + std::to_string(number)), body);
-    } catch (const Error&) {  // fewer threads do as well
+      start_worker_thread(WORKER_NAME_PREFIX + ("_" + std::to_string(number)), [self = shared_from_this()] {
+        {
+          const InterruptScope scope(self->token_);
+          self->work();
+        }
+        const std::lock_guard<std::mutex> lock(self->mutex_);
+        --self->running_workers_;
+        self->worker_ended_.notify_all();
+      });
+    } catch (const std::exception&) {  // fewer threads do as well
       const std::lock_guard<std::mutex> lock(mutex_);
       --running_workers_;
       return;
@@ -151,7 +150,7 @@ void Loop::wait_for_workers() {
     if (token_->tripped()) continue;
     try {
       check_interrupt();
-    } catch (const Interrupted&) {
+    } catch (...) {  // what the others work on is the caller's, who must not be left before they are
       interrupt(std::current_exception());
     }
   }

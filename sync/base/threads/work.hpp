@@ -23,6 +23,12 @@ class WouldWaitForItself : public StateError {
   WouldWaitForItself() : StateError("this call would wait for the work that it is part of") {}
 };
 
+/// Thrown in place of a unit of work that would begin inside another one and end its protection with its own.
+class InsideOwnWork : public StateError {
+ public:
+  InsideOwnWork() : StateError("this call would begin a unit of work inside the work that it is part of") {}
+};
+
 /// What a thread is part of. Plain data, so that a thread in its last steps can still ask. The thread that owns an
 /// operation hands a copy to its workers, which make it their own.
 class ThreadWork {
@@ -41,6 +47,19 @@ class ThreadWork {
   static constexpr std::size_t CAPACITY = 16;
   std::array<WorkId, CAPACITY> works_{};
   std::size_t size_ = 0;
+};
+
+/// The running thread is part of a unit of work of its own for the life of this scope.
+class WorkScope {
+ public:
+  WorkScope() noexcept : work_(ThreadWork::current().begin()) {}
+  WorkScope(const WorkScope&) = delete;
+  WorkScope& operator=(const WorkScope&) = delete;
+  ~WorkScope() { ThreadWork::current().end(work_); }
+  [[nodiscard]] WorkId id() const noexcept { return work_; }
+
+ private:
+  const WorkId work_;
 };
 
 /// Of the threads that wait for each other in a circle, one is refused. It is to be the callback that closed the circle

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "sync/base/error.hpp"
+#include "sync/base/threads/failure.hpp"
 #include "sync/base/threads/fork.hpp"
 #include "sync/base/threads/interrupt.hpp"
 
@@ -45,7 +46,20 @@ Count& count() {
   return *instance;
 }
 
+constinit thread_local bool started_here = false;
+
+/// Workers hand an interrupt to the thread that owns the work; what comes out here has no owner.
+void run_top(const std::function<void()>& body) {
+  try {
+    warn_of_failure("A thread of the library ended with a failure: %s", body);
+  } catch (const Interrupted& interrupted) {
+    drop_failure([&] { report_unclaimed(interrupted); });
+  }
+}
+
 }  // namespace
+
+bool on_worker_thread() noexcept { return started_here; }
 
 void start_worker_thread(const std::string& name, std::function<void()> body) {
   Count& threads = count();
@@ -53,17 +67,17 @@ void start_worker_thread(const std::string& name, std::function<void()> body) {
   try {
     std::thread([body = std::move(body), system_name = name.substr(0, SYSTEM_NAME_BYTES), &threads]() mutable {
       pthread_setname_np(pthread_self(), system_name.c_str());
-      try {
-        body();
-      } catch (const Interrupted& interrupted) {  // workers hand theirs to the thread that owns the work
-        report_unclaimed(interrupted);
-      }
+      started_here = true;
+      run_top(body);
       body = nullptr;  // what the body owned goes before the thread counts as gone
       threads.fall();
     }).detach();
   } catch (const std::system_error& failure) {
     threads.fall();
     throw os_error(failure.code().value(), name);
+  } catch (...) {
+    threads.fall();
+    throw;
   }
 }
 
