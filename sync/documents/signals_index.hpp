@@ -77,6 +77,7 @@ struct SignalsIndexUpdate {
   std::string local_path;
   std::string kind;
   std::string sha256;
+  std::optional<FileStat> landed;  ///< as _atomic_write returned it
 };
 /// Takes the missing paths out of the local index. Where that changes it, the file is written anew and the
 /// manifest document's entry takes its size and digest, so that later checks compare with what lies here.

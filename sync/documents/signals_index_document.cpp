@@ -132,7 +132,7 @@ std::pair<Document, std::optional<SignalsIndexUpdate>> _scrub_missing_found_pnl_
   const Document cleaned = scrubbed(index, missing);
   if (cleaned.same_as(index)) return {manifest_data, std::nullopt};
   const std::string bytes = write_json(cleaned, JsonForm::SortedKeys);
-  _atomic_write(files, clock, LocalFiles(data_dir).place(*relative_path), bytes);
+  const std::optional<FileStat> landed = _atomic_write(files, clock, LocalFiles(data_dir).place(*relative_path), bytes);
 
   const Document* entries = manifest_data.get("files").if_document();
   const Document listed = entries == nullptr ? Document() : *entries;
@@ -140,7 +140,7 @@ std::pair<Document, std::optional<SignalsIndexUpdate>> _scrub_missing_found_pnl_
   std::string sha256 = _sha256(bytes);
   Document entry = (present == nullptr ? Document() : *present).with("sha256", sha256).with("size_bytes", bytes.size());
   if (!entry.contains("kind")) entry = entry.with("kind", "signals_index");
-  SignalsIndexUpdate update{*relative_path, std::move(local_path), to_text(entry.get("kind")), std::move(sha256)};
+  SignalsIndexUpdate update{*relative_path, std::move(local_path), to_text(entry.get("kind")), std::move(sha256), landed};
   return {manifest_data.with("files", listed.with(*relative_path, std::move(entry))), std::move(update)};
 }
 

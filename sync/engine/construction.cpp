@@ -42,7 +42,7 @@ SyncManager::SyncManager(Options options)
 
   _get_token.set(std::move(options.get_token));
   runtime_freshness_guard.set(std::move(options.runtime_freshness_guard));
-  _hash_cache.set_entries(HashCache::_load_hash_cache(_hash_cache.path()));
+  _hash_cache.load();
   restore_consumer_count();
   load_active_rotation_state(*neighbours);
   restore_manifest(*neighbours);

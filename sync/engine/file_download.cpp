@@ -292,11 +292,11 @@ void FileDownload::land(const std::string& actual_sha) {
   const std::int64_t total_written = staging_.size_bytes();
   // Not into a folder that was moved away while the bytes came.
   if (!in_same_folder(place_, local_files_.place(file_path_))) throw os_error(ENOENT, place_.path());
-  staging_.land(*seams_.files, place_);
+  const std::optional<FileStat> landed = staging_.land(*seams_.files, place_);
   const bool target_is_live = !options_.target_data_dir || *options_.target_data_dir == live_data_dir_;
   if (target_is_live) {
     if (const auto guard = manager_.runtime_freshness_guard.get()) guard->record_sync_update(file_path_, kind_, actual_sha);
-    if (kind_ != "vault_module") manager_.hash_cache()._remember_local_sha(file_path_, place_.path(), actual_sha);
+    if (kind_ != "vault_module") manager_.hash_cache().remember_if_unchanged(file_path_, place_.path(), actual_sha, landed);
   }
   result_.bytes_downloaded += total_written;
   if (kind_ == "feature") ++result_.features_downloaded;

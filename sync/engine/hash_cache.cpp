@@ -4,13 +4,14 @@
 #include <array>
 #include <cerrno>
 #include <iterator>
+#include <new>
 
 #include <fmt/compile.h>
 #include <fmt/format.h>
 
 #include "sync/base/error.hpp"
 #include "sync/base/files/descriptor.hpp"
-#include "sync/base/log.hpp"
+#include "sync/base/threads/failure.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/base/values/json.hpp"
 
@@ -21,13 +22,11 @@ std::optional<std::string> expected_if(bool holds, std::string_view expected_sha
   return holds ? std::optional<std::string>(expected_sha) : std::nullopt;
 }
 
-/// Absent where the file cannot be looked at.
-std::optional<FileStat> stat_or_absent(Files& files, const std::string& local_path) {
+/// A lack of memory that leaves none to tell of it is nobody's failure either.
+void warn(const char* format, const std::exception& failure) {
   try {
-    return _cache_stat_key(files, local_path);
-  } catch (const Error& error) {
-    if (error.is(error_class::OSError)) return std::nullopt;
-    throw;
+    log_failure(format, failure);
+  } catch (const std::bad_alloc&) {
   }
 }
 
@@ -82,10 +81,16 @@ bool HashCache::holds(std::string_view file_path, const FileStat& stat, std::str
 
 void HashCache::_remember_local_sha(std::string_view file_path, const std::string& local_path, std::string_view actual_sha) {
   if (actual_sha.empty()) return;
-  const std::optional<FileStat> stat = stat_or_absent(files_, local_path);
-  if (!stat) return;
-  const Fingerprint fingerprint{actual_sha, stat->size_bytes, stat->mtime_ns, stat->ctime_ns, stat->inode};
+  if (const std::optional<FileStat> stat = stat_or_absent(files_, local_path)) store(file_path, actual_sha, *stat);
+}
 
+void HashCache::remember_if_unchanged(std::string_view file_path, const std::string& local_path, std::string_view actual_sha,
+                                      const std::optional<FileStat>& before) {
+  if (before && stat_or_absent(files_, local_path) == before) store(file_path, actual_sha, *before);
+}
+
+void HashCache::store(std::string_view file_path, std::string_view actual_sha, const FileStat& stat) try {
+  const Fingerprint fingerprint{actual_sha, stat.size_bytes, stat.mtime_ns, stat.ctime_ns, stat.inode};
   MutexLock lock(mutex_);
   const auto [position, inserted] = entries_.try_emplace(Text(file_path), fingerprint);
   if (!inserted) {
@@ -95,6 +100,7 @@ void HashCache::_remember_local_sha(std::string_view file_path, const std::strin
     stored = fingerprint;
   }
   dirty_ = true;
+} catch (const std::bad_alloc&) {
 }
 
 void HashCache::_persist_hash_cache() {
@@ -105,9 +111,9 @@ void HashCache::_persist_hash_cache() {
   }
   try {
     _atomic_write(files_, clock_, path(), file_text(copy_entries()));
-  } catch (const Error& error) {
-    log_warning("Failed to persist sync hash cache: %s", error.text());
+  } catch (const std::exception& failure) {
     set_dirty(true);
+    warn("Failed to persist sync hash cache: %s", failure);
   }
 }
 
@@ -140,13 +146,23 @@ void HashCache::set_dirty(bool dirty) {
 }
 
 Document HashCache::_load_hash_cache(const std::string& path) {
-  Value parsed;
   try {
-    parsed = parse_json(read_file(path));
-  } catch (const Error& error) {
-    if (!error.is(error_class::FileNotFoundError)) log_warning("Ignoring unreadable sync hash cache: %s", error.text());
+    return entries_in(parse_json(read_file(path)));
+  } catch (const std::exception& failure) {
+    if (!error_of(failure).is(error_class::FileNotFoundError)) warn("Ignoring unreadable sync hash cache: %s", failure);
     return {};
   }
+}
+
+void HashCache::load() {
+  try {
+    set_entries(_load_hash_cache(path()));
+  } catch (const std::bad_alloc& failure) {
+    warn("Ignoring unreadable sync hash cache: %s", failure);
+  }
+}
+
+Document HashCache::entries_in(const Value& parsed) {
   const Document* cache = parsed.if_document();
   if (cache == nullptr || cache->get("version") != Value(SYNC_HASH_CACHE_VERSION)) return {};
   const Document* files = cache->get("files").if_document();

@@ -27,8 +27,8 @@ inline constexpr int SYNC_HASH_CACHE_VERSION = 1;
 
 /// Starts empty; whoever owns it sets what _load_hash_cache() finds.
 ///
-/// Any thread. No failure of the cache ever fails a sync: a bad file reads as empty, a failed write is
-/// logged and tried again with the next persist.
+/// Any thread. No failure of the cache ever fails a sync, a lack of memory included: a bad file reads as empty, a failed
+/// write is logged and tried again with the next persist, and what cannot be remembered is not.
 class HashCache {
  public:
   HashCache(Files& files, Clock& clock, std::string path);
@@ -38,7 +38,13 @@ class HashCache {
                                                              std::string_view expected_sha) const;
   /// The same for a caller that has the file's stat in hand.
   [[nodiscard]] bool holds(std::string_view file_path, const FileStat& stat, std::string_view expected_sha) const;
+  /// Takes the caller's word for the digest.
   void _remember_local_sha(std::string_view file_path, const std::string& local_path, std::string_view actual_sha);
+  /// The digest of a file's bytes, with its stat from before they were read, or from when they had landed. A file that is
+  /// another by now, or has changed since, is not remembered: whoever changed it may have done so before the last of it
+  /// was read. Nor is one without a stat.
+  void remember_if_unchanged(std::string_view file_path, const std::string& local_path, std::string_view actual_sha,
+                             const std::optional<FileStat>& before);
   /// Writes the file if the map holds something that it does not.
   void _persist_hash_cache();
 
@@ -50,8 +56,10 @@ class HashCache {
   [[nodiscard]] std::string path() const { return path_.get(); }
   void set_path(std::string path) { path_.set(std::move(path)); }
 
-  /// The entries of the file at `path`; empty where it is missing or unusable.
+  /// The entries of the file at `path`; empty where it is missing or unusable, or takes more memory than there is.
   [[nodiscard]] static Document _load_hash_cache(const std::string& path);
+  /// Takes over the entries of its file.
+  void load();
 
  private:
   struct Fingerprint {
@@ -77,6 +85,7 @@ class HashCache {
 
   using EntryList = std::vector<std::pair<Text, Entry>>;
 
+  static Document entries_in(const Value& parsed);
   static Entry entry_from_document(const Document& document);
   static Document document_from(const Entry& entry);
   static std::string file_text(const EntryList& entries);
@@ -87,6 +96,7 @@ class HashCache {
   };
   static std::vector<Line> sorted_by_path(const EntryList& entries);
   [[nodiscard]] EntryList copy_entries() const EXCLUDES(mutex_);
+  void store(std::string_view file_path, std::string_view actual_sha, const FileStat& stat) EXCLUDES(mutex_);
 
   Files& files_;
   Clock& clock_;

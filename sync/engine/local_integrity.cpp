@@ -55,7 +55,7 @@ bool SyncManager::file_matches(std::string_view file_path, const FileStat& stat,
   if (cache_allowed && _hash_cache.holds(file_path, stat, *expected_sha)) return true;
   const std::string path = local_path();
   const std::string actual_sha = _sha256_file(path);
-  if (cache_allowed) _hash_cache._remember_local_sha(file_path, path, actual_sha);
+  if (cache_allowed) _hash_cache.remember_if_unchanged(file_path, path, actual_sha, stat);
   return actual_sha == *expected_sha;
 }
 

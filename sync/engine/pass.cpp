@@ -223,7 +223,7 @@ bool SyncManager::Pass::must_download(const Text& file_path, const Document& fil
   if (!vault_module && expected_sha && manager_._hash_cache.holds(file_path, *stat, *expected_sha)) return false;
   const std::string path = local_path();
   const std::string actual_sha = _sha256_file(path);
-  if (!vault_module) manager_._hash_cache._remember_local_sha(file_path, path, actual_sha);
+  if (!vault_module) manager_._hash_cache.remember_if_unchanged(file_path, path, actual_sha, *stat);
   return expected_sha != actual_sha;
 }
 
@@ -283,7 +283,7 @@ void SyncManager::Pass::settle_signals_index() {
   if (update) {
     if (const auto guard = manager_.runtime_freshness_guard.get())
       guard->record_sync_update(update->relative_path, update->kind, update->sha256);
-    manager_._hash_cache._remember_local_sha(update->relative_path, update->local_path, update->sha256);
+    manager_._hash_cache.remember_if_unchanged(update->relative_path, update->local_path, update->sha256, update->landed);
   }
   if (!server_data.same_as(server_->data())) server_ = std::make_shared<Manifest>(*neighbours_, Value(server_data));
   _load_manifest_signals_index(data_dir_, *server_);

@@ -29,9 +29,10 @@ bool SyncManager::_download_signals_index(NeighbourSet& neighbours, Manifest& se
   const std::string local_path = _manifest_local_path(data_dir, *file_path);
   const Document entry = server_manifest.entry(*file_path);
   if (path_exists(local_path) && _local_file_matches_manifest(*file_path, local_path, entry)) {
+    const std::optional<FileStat> before = stat_or_absent(*seams_.files, local_path);
     const std::string bytes = read_file(local_path);
     _validate_signals_index_bytes(bytes, server_manifest);
-    _hash_cache._remember_local_sha(*file_path, local_path, _sha256(bytes));
+    _hash_cache.remember_if_unchanged(*file_path, local_path, _sha256(bytes), before);
     return false;
   }
 
@@ -40,11 +41,11 @@ bool SyncManager::_download_signals_index(NeighbourSet& neighbours, Manifest& se
   const std::string body = fetch_signals_index(neighbours, *file_path, first_base_url(entry, server_manifest.base_url()));
   _validate_signals_index_bytes(body, server_manifest);
   _repair_signals_index_manifest_entry(server_manifest, *file_path, body, "validated signals_index bytes from storage");
-  _atomic_write(*seams_.files, *seams_.clock, local_files.place(*file_path), body);
+  const std::optional<FileStat> landed = _atomic_write(*seams_.files, *seams_.clock, local_files.place(*file_path), body);
   if (data_dir == _data_dir.get()) {
     const std::string sha256 = _sha256(body);
     if (const auto guard = runtime_freshness_guard.get()) guard->record_sync_update(*file_path, "signals_index", sha256);
-    _hash_cache._remember_local_sha(*file_path, local_path, sha256);
+    _hash_cache.remember_if_unchanged(*file_path, local_path, sha256, landed);
   }
   if (result != nullptr) result->bytes_downloaded += static_cast<std::int64_t>(body.size());
   return true;

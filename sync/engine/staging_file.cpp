@@ -89,12 +89,14 @@ void StagingFile::require_name() const {
   if (!is_named(file_, place_)) throw os_error(ENOENT, place_.path());
 }
 
-void StagingFile::land(Files& files, const Place& target) {
+std::optional<FileStat> StagingFile::land(Files& files, const Place& target) {
   const Descriptor locked = duplicate(file_, place_.path());  // so that nobody takes the file over before it has moved
   file_.close();
   const std::lock_guard lock(names_mutex());
   if (!is_named(locked, place_)) throw os_error(ENOENT, place_.path());
+  const std::optional<FileStat> written = stat_of_written(locked);
   files.rename(place_, target);
+  return stat_of_landed(files, target.path(), written);
 }
 
 void StagingFile::digest_prefix(std::int64_t size_bytes) {
@@ -181,6 +183,12 @@ void StagingFile::roll_back() {
   }
   received_bytes_ = 0;
   overwrites_ = false;
+}
+
+std::optional<FileStat> StagingFile::stat_of_written(const Descriptor& file) const {
+  struct stat status {};
+  if (::fstat(file.get(), &status) != 0 || status.st_size != size_bytes_) return std::nullopt;
+  return file_stat(status);
 }
 
 void StagingFile::seek(std::int64_t offset) {

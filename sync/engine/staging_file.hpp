@@ -33,8 +33,9 @@ class StagingFile : public ResponseSink {
   void open(bool may_begin = true);
   /// Empties file and digest; a file that has lost its name stays as it is.
   void clear();
-  /// Closes the file and renames it to `target`. Throws os_error, FileNotFoundError as with open.
-  void land(Files& files, const Place& target);
+  /// Closes the file and renames it to `target`. Throws os_error, FileNotFoundError as with open. Returns its stat as
+  /// stat_of_landed gives it; absent too where it holds something else than was written here.
+  std::optional<FileStat> land(Files& files, const Place& target);
 
   [[nodiscard]] std::int64_t size_bytes() const noexcept { return size_bytes_; }
   /// Ends the digest; the file must not be written any more.
@@ -61,6 +62,7 @@ class StagingFile : public ResponseSink {
   /// Makes a new file under the name, with the bytes of `other`, which another download has open.
   void take_copy(const Descriptor& other);
   void require_name() const;
+  [[nodiscard]] std::optional<FileStat> stat_of_written(const Descriptor& file) const;
   /// Digests the file from its beginning, as far as it goes or up to `size_bytes`.
   void digest_prefix(std::int64_t size_bytes);
   void seek(std::int64_t offset);

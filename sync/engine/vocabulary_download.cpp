@@ -159,8 +159,8 @@ std::optional<Member> SyncManager::replace_vocabulary(NeighbourSet& neighbours, 
   }
 
   const Place place = LocalFiles(_data_dir.get()).place(file_path);
-  _atomic_write(*seams_.files, *seams_.clock, place, response.body);
-  _hash_cache._remember_local_sha(file_path, place.path(), actual_sha);
+  const std::optional<FileStat> landed = _atomic_write(*seams_.files, *seams_.clock, place, response.body);
+  _hash_cache.remember_if_unchanged(file_path, place.path(), actual_sha, landed);
   result.bytes_downloaded += static_cast<std::int64_t>(response.body.size());
   result.vocabulary_downloaded = true;
   return Member{*universe, std::move(vocabulary)};

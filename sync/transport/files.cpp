@@ -15,6 +15,7 @@
 #include "sync/base/error.hpp"
 #include "sync/base/files/paths.hpp"
 #include "sync/base/files/sha256.hpp"
+#include "sync/base/threads/failure.hpp"
 #include "sync/base/threads/interrupt.hpp"
 
 namespace brackenfen::sync {
@@ -92,7 +93,25 @@ FileStat file_stat(const struct stat& status) noexcept {
           .ctime_ns = nanoseconds(status.st_ctim),
           .inode = static_cast<std::int64_t>(status.st_ino),
           .is_directory = S_ISDIR(status.st_mode),
-          .is_regular = S_ISREG(status.st_mode)};
+          .is_regular = S_ISREG(status.st_mode),
+          .device = static_cast<std::int64_t>(status.st_dev)};
+}
+
+std::optional<FileStat> stat_or_absent(Files& files, const std::string& path) {
+  try {
+    return files.stat(path);
+  } catch (const Error& error) {
+    if (error.is(error_class::OSError)) return std::nullopt;
+    throw;
+  }
+}
+
+std::optional<FileStat> stat_of_landed(Files& files, const std::string& path, const std::optional<FileStat>& before) {
+  const std::optional<FileStat> landed = before ? stat_or_absent(files, path) : std::nullopt;
+  if (!landed) return std::nullopt;
+  FileStat expected = *before;
+  expected.ctime_ns = landed->ctime_ns;
+  return *landed == expected ? landed : std::nullopt;
 }
 
 Files& Files::real() {
@@ -100,7 +119,7 @@ Files& Files::real() {
   return files;
 }
 
-void _atomic_write(Files& files, Clock& clock, const Place& target, std::string_view data) {
+std::optional<FileStat> _atomic_write(Files& files, Clock& clock, const Place& target, std::string_view data) {
   const Place temporary = target.beside("." + std::to_string(::getpid()) + "." + std::to_string(::pthread_self()) + "." +
                                         std::to_string(clock.monotonic_ns()) + ".tmp");
   if (!target.has_folder()) {
@@ -108,12 +127,12 @@ void _atomic_write(Files& files, Clock& clock, const Place& target, std::string_
   }
   try {
     files.write_new(temporary, data);
+    std::optional<FileStat> written = stat_or_absent(files, temporary.path());
+    if (written && written->size_bytes != static_cast<std::int64_t>(data.size())) written.reset();
     files.rename(temporary, target);
-  } catch (const Error&) {
-    try {
-      files.unlink(temporary);
-    } catch (const Error&) {  // the first error is the one to tell
-    }
+    return stat_of_landed(files, target.path(), written);
+  } catch (...) {
+    drop_failure([&] { files.unlink(temporary); });  // the first failure is the one to tell
     throw;
   }
 }

@@ -24,6 +24,10 @@ struct FileStat {
   std::int64_t inode = 0;
   bool is_directory = false;
   bool is_regular = true;  ///< no directory, pipe, socket or device
+  std::int64_t device = 0;
+
+  /// One file, and unchanged.
+  bool operator==(const FileStat&) const = default;
 };
 /// Of what stat(2) gave.
 [[nodiscard]] FileStat file_stat(const struct stat& status) noexcept;
@@ -48,11 +52,19 @@ class Files {
   static Files& real();
 };
 
+/// Absent too where the file cannot be looked at.
+[[nodiscard]] std::optional<FileStat> stat_or_absent(Files& files, const std::string& path);
+
+/// What lies at `path` after a rename, where that is the file of `before`, which the rename changed in nothing but its
+/// ctime. Absent where it is not, and without a `before`.
+[[nodiscard]] std::optional<FileStat> stat_of_landed(Files& files, const std::string& path, const std::optional<FileStat>& before);
+
 /// Writes `data` to a name of its own beside `target` ("{target}.{pid}.{thread}.{monotonic ns}.tmp") and renames it over,
 /// creating missing parents of a plain path. A reader sees the old content or the new, never a part.
 /// Not flushed to stable storage: atomic against readers and a crash of the process, not a power failure.
-/// Throws os_error; the temporary file is gone then and the target untouched.
-void _atomic_write(Files& files, Clock& clock, const Place& target, std::string_view data);
+/// Throws os_error; the temporary file is gone then and the target untouched. Returns the stat of what was written, as
+/// stat_of_landed gives it.
+std::optional<FileStat> _atomic_write(Files& files, Clock& clock, const Place& target, std::string_view data);
 
 /// Lower-case hexadecimal SHA-256 of a file, read in blocks: memory stays bounded by the smaller of
 /// `chunk_bytes` and the block size that hashes fastest. Throws os_error, also for what is no regular file; Interrupted

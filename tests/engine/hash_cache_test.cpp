@@ -2,6 +2,7 @@
 
 #include "sync/base/files/descriptor.hpp"
 #include "tests/documents/values.hpp"
+#include "tests/support/failing_memory.hpp"
 #include "tests/support/recording_log.hpp"
 #include "tests/support/temporary_directory.hpp"
 
@@ -51,6 +52,42 @@ TEST_F(HashCacheTest, trustsAFileUntilItsStatOrDigestDiffers) {
   files.present = std::nullopt;
   EXPECT_FALSE(hits());
   EXPECT_TRUE(cache.holds("a", known, "aa"));
+}
+
+TEST_F(HashCacheTest, remembersOnlyWhatStayedOneFileAndUnchangedWhileItWasRead) {
+  const FileStat before = *files.present;
+  for (std::int64_t FileStat::*field :
+       {&FileStat::size_bytes, &FileStat::mtime_ns, &FileStat::ctime_ns, &FileStat::inode, &FileStat::device}) {
+    files.present = before;
+    ++((*files.present).*field);
+    cache.remember_if_unchanged("a", "local", "aa", before);
+    EXPECT_EQ(stat_of_landed(files, "local", before).has_value(), field == &FileStat::ctime_ns) << "a rename changes the ctime alone";
+  }
+  cache.remember_if_unchanged("a", "local", "aa", std::nullopt);
+  EXPECT_TRUE(cache.entries().empty());
+  cache.remember_if_unchanged("a", "local", "aa", files.present);
+  EXPECT_TRUE(hits());
+}
+
+TEST_F(HashCacheTest, aLackOfMemoryFailsNobody) {
+  cache._remember_local_sha("a", "local", "aa");
+  cache._persist_hash_cache();
+  for (int nth = 1, done = 0; done < 3; ++nth) {
+    const RecordingLog log;
+    HashCache loaded(files, Clock::real(), cache.path());
+    const auto survives = [&](const auto& step) {
+      const FailingMemory memory(nth);
+      step();
+      return memory.has_failed();
+    };
+    done = 0;
+    if (!survives([&] { loaded.load(); })) ++done;
+    loaded.load();
+    if (!survives([&] { loaded.remember_if_unchanged("a name too long to be kept inside of a string", "local", "bb", files.present); }))
+      ++done;
+    loaded.set_dirty(true);
+    if (!survives([&] { loaded._persist_hash_cache(); })) ++done;
+  }
 }
 
 TEST_F(HashCacheTest, isDirtyOnlyAfterAChange) {
