@@ -68,8 +68,8 @@ class LocalFiles {
 
   const std::string data_dir_;
   const RootDirectory root_;
-  const std::string& base_;  // data_dir_ resolved
-  std::string name_;         // reused: the file name with its terminator
+  const std::string base_;  // data_dir_ resolved
+  std::string name_;        // reused: the file name with its terminator
   std::array<Folder, MAX_OPEN_FOLDERS> folders_;
 };
 

@@ -36,6 +36,7 @@ bool SyncManager::_download_signals_index(NeighbourSet& neighbours, Manifest& se
     return false;
   }
 
+  if (data_dir != _data_dir.get()) make_directories(data_dir);  // the live one is never made
   LocalFiles local_files(data_dir);
   unlink_if_there(*seams_.files, local_files.place(*file_path).beside(".tmp"));
   const std::string body = fetch_signals_index(neighbours, *file_path, first_base_url(entry, server_manifest.base_url()));

@@ -98,7 +98,7 @@ def test_a_pass_that_is_let_down_loses_nothing(manager: sync.SyncManager, server
     server.add("late", b"late")
     server.version = 2
     if call is None:
-        in_the_way.mkdir()
+        (in_the_way / "content").mkdir(parents=True)
     failure, asked = RuntimeError("the key ring is locked"), itertools.count(1)
     manager._get_token = lambda: server.token if next(asked) != call else (_ for _ in ()).throw(failure)
     with pytest.raises(error) as caught:
@@ -106,7 +106,7 @@ def test_a_pass_that_is_let_down_loses_nothing(manager: sync.SyncManager, server
     assert caught.value is failure or caught.value.filename == str(in_the_way)  # type: ignore[attr-defined]
     assert state() == before
     if call is None:
-        in_the_way.rmdir()
+        (in_the_way / "content").rmdir()  # an empty folder gives way
     manager.sync()
     assert (directory / "late").read_bytes() == b"late" and not list(directory.rglob("*.tmp"))
 
