@@ -1,4 +1,5 @@
 // The active rotation state, in memory and in its file, and every change of it.
+#include <algorithm>
 #include <utility>
 
 #include "sync/base/error.hpp"
@@ -30,9 +31,28 @@ bool takes_over(const RotationState& stored, const RotationStateRef& active) {
          compare_integers(to_integer(stored.generation()), to_integer(active->generation())) > 0;
 }
 
+bool lists_all(const std::vector<Text>& paths, const std::vector<Text>& wanted) {
+  const TextSet set = set_of(paths);
+  return std::ranges::all_of(wanted, [&](const Text& path) { return contains(set, path); });
+}
+
 bool same_file(const std::optional<FileStat>& left, const std::optional<FileStat>& right) {
   return left && right && left->inode == right->inode && left->ctime_ns == right->ctime_ns && left->size_bytes == right->size_bytes;
 }
+
+/// Counts how often a change is made because others overtook it.
+class Tries {
+ public:
+  void begin_next() {
+    check_interrupt();
+    // Only a module of the host that changes the state whenever it is asked about it can come this far.
+    if (++count_ > MOST) throw StateError("the rotation state changes faster than it can be stored");
+  }
+
+ private:
+  static constexpr int MOST = 100;
+  int count_ = 0;
+};
 
 /// `first`, then what of `second` it lacks; each path once.
 std::vector<Text> united(const std::vector<Text>& first, const std::vector<Text>& second) {
@@ -82,8 +102,8 @@ RotationStateRef SyncManager::with_added_paths(const RotationStateRef& state) co
 }
 
 RotationStateRef SyncManager::store_rotation_state(NeighbourSet& neighbours, const RotationStateRef& promoted) {
-  while (true) {
-    check_interrupt();
+  for (Tries tries;;) {
+    tries.begin_next();
     const std::uint64_t changes = rotation_state_changes_.count();
     const RotationStateRef active = _active_rotation_state.get();
     RotationStateRef next = with_added_paths(promoted);
@@ -97,8 +117,8 @@ void SyncManager::_write_promoted_rotation_state(NeighbourSet& neighbours, const
 }
 
 RotationStateRef SyncManager::_normalize_active_rotation_state_for_manifest(NeighbourSet& neighbours, const Manifest& manifest) {
-  while (true) {
-    check_interrupt();
+  for (Tries tries;;) {
+    tries.begin_next();
     const std::uint64_t changes = rotation_state_changes_.count();
     RotationStateRef active = _active_rotation_state.get();
     RotationStateRef cleaned = _drop_retired_unsupported_runtime_paths_from_state(active, manifest.files());
@@ -116,8 +136,8 @@ void SyncManager::load_active_rotation_state(NeighbourSet& neighbours) {
 
 void SyncManager::adopt_stored_rotation(NeighbourSet& neighbours) {
   const std::string data_dir = _data_dir.get();
-  while (true) {
-    check_interrupt();
+  for (Tries tries;;) {
+    tries.begin_next();
     const std::uint64_t changes = rotation_state_changes_.count();
     const std::optional<FileStat> found = seams_.files->stat(feature_rotation_state_path(data_dir));
     if (!found || same_file(rotation_state_seen_.get(), found)) return;
@@ -144,14 +164,15 @@ std::vector<Text> SyncManager::add_active_feature_paths(const std::vector<Text>&
   if (!_directory_lock.is_held_around_this_call()) unit_of_work.emplace(_directory_lock);
   const std::shared_ptr<NeighbourSet> neighbours = seams_.neighbours->bind();
   std::vector<Text> active_paths;
-  while (true) {
-    check_interrupt();
+  for (Tries tries;;) {
+    tries.begin_next();
     const std::uint64_t changes = rotation_state_changes_.count();
     const RotationStateRef state = load_feature_rotation_state(*neighbours, _data_dir.get());
     if (!state) break;
     const std::vector<Text> old_paths = state->active_relative_paths();
     active_paths = united(old_paths, relative_paths);
-    // One that is active already writes nothing, but a plan in the making may be about to drop it.
+    // What is active already is not written, but a plan in the making may be about to drop it, unless it was told before.
+    if (active_paths == old_paths && lists_all(rotation_state_changes_.added(), relative_paths)) break;
     const bool committed =
         active_paths == old_paths
             ? rotation_state_changes_.commit(changes, relative_paths, [] {})

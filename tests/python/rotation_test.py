@@ -392,6 +392,26 @@ def test_a_planner_of_the_host(manager: sync.SyncManager, server: Any, neighbour
         sync.load_feature_rotation_state(manager._data_dir)
 
 
+def test_a_planner_that_adds_whenever_the_state_is_stored(manager: sync.SyncManager, server: Any, neighbour: Callable[..., Any]) -> None:
+    publish(server)
+    host, busy, added = HostRotation(), [False], "features/us/signal_is/f01.arrow"
+    host.install(neighbour)
+    manager.sync()
+
+    def payload(state: HostState, **arguments: int) -> dict[str, Any]:
+        if not busy[0]:
+            busy[0] = True
+            manager.add_active_feature_paths([added])
+            busy[0] = False
+        return HostRotation.rotation_state_payload(state, **arguments)
+
+    host.rotation_state_payload = payload  # type: ignore[method-assign]
+    host.install(neighbour)
+    make_due(manager)
+    manager.sync()
+    assert added in manager._active_rotation_state.active_relative_paths and manager._active_rotation_state.generation == 3
+
+
 def odd_plan(field: str, odd: object) -> HostPlan:
     fields: dict[str, Any] = {"active_relative_paths": (), "selected_artifacts": (), "mandatory_artifacts": (), "eligible_artifacts": (), field: odd}
     return HostPlan(HostSelection(**fields, mandatory_bytes=0, feature_budget_bytes=0, seed=5), HostState((), 2, 5, "g"))
