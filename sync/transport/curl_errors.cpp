@@ -4,6 +4,13 @@
 
 namespace brackenfen::sync {
 
+namespace error_class {
+namespace {
+constexpr const ErrorClass* TRUST_STORE_PARENTS[] = {&SSLError};
+}  // namespace
+constinit const ErrorClass TrustStoreError("TrustStoreError", TRUST_STORE_PARENTS);
+}  // namespace error_class
+
 Error network_error(CURLcode code, int system_error, std::string_view detail) {
   const std::string summary = curl_easy_strerror(code);
   const std::string detailed = detail.empty() ? summary : std::string(detail);
@@ -27,13 +34,14 @@ Error network_error(CURLcode code, int system_error, std::string_view detail) {
     case CURLE_SSL_CERTPROBLEM:
     case CURLE_SSL_CIPHER:
     case CURLE_SSL_SHUTDOWN_FAILED:
-    case CURLE_SSL_CACERT_BADFILE:
     case CURLE_SSL_CRL_BADFILE:
     case CURLE_SSL_ISSUER_ERROR:
     case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
     case CURLE_SSL_INVALIDCERTSTATUS:
     case CURLE_USE_SSL_FAILED:
       return Error(error_class::SSLError, detailed);
+    case CURLE_SSL_CACERT_BADFILE:
+      return Error(error_class::TrustStoreError, detailed);
     case CURLE_OUT_OF_MEMORY:
       return Error(error_class::MemoryError, summary);
     default:

@@ -1,10 +1,12 @@
 #include "sync/transport/curl_transfer.hpp"
 
+#include <fcntl.h>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 
 #include "sync/base/environment.hpp"
@@ -41,8 +43,15 @@ void set_option(CURL* easy, CURLoption option, T value) {
   throw network_error(outcome, 0, {});
 }
 
-curl_socket_t open_socket(void*, curlsocktype, curl_sockaddr* address) {
-  return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+/// EMFILE or ENFILE where that is why no socket could be made, or why no descriptor can be had now; else 0.
+int descriptor_shortage(int socket_error) {
+  int found = socket_error;
+  if (found == 0) {
+    const int spare = ::open("/", O_PATH | O_CLOEXEC);
+    found = spare < 0 ? errno : 0;
+    if (spare >= 0) ::close(spare);
+  }
+  return found == EMFILE || found == ENFILE ? found : 0;
 }
 
 /// A peer that closes without TLS's farewell ends the body like any other close; lengths and digests judge
@@ -55,7 +64,10 @@ CURLcode accept_abrupt_close(CURL*, void* context, void*) {
 /// Where the certificate authorities of this machine lie: looked up at run time, since the place is the
 /// system's affair and not that of the machine this was built on.
 std::string certificate_file(Environment& environment) {
-  if (auto given = environment.get("SSL_CERT_FILE"); given && !given->empty()) return *given;
+  if (auto given = environment.get("SSL_CERT_FILE"); given && !given->empty()) {
+    if (::access(given->c_str(), R_OK) != 0) throw Error(error_class::TrustStoreError, "SSL_CERT_FILE: " + os_error(errno, *given).text());
+    return *given;
+  }
   for (const char* known : {"/etc/ssl/certs/ca-certificates.crt", "/etc/pki/tls/certs/ca-bundle.crt", "/etc/ssl/ca-bundle.pem",
                             "/etc/pki/ca-trust/extracted/pem/tls-ca-bundle.pem", "/etc/ssl/cert.pem"}) {
     if (::access(known, R_OK) == 0) return known;
@@ -100,7 +112,8 @@ void CurlTransfer::set_request(const RequestRoute& route, Environment& environme
   set_option(easy, CURLOPT_FOLLOWLOCATION, 0L);
   set_option(easy, CURLOPT_FRESH_CONNECT, 1L);
   set_option(easy, CURLOPT_FORBID_REUSE, 1L);
-  set_option(easy, CURLOPT_OPENSOCKETFUNCTION, &open_socket);
+  set_option(easy, CURLOPT_OPENSOCKETFUNCTION, &CurlTransfer::open_socket);
+  set_option(easy, CURLOPT_OPENSOCKETDATA, this);
   const std::int64_t read_bytes = _sync_http_response_read_bytes(environment);
   set_option(easy, CURLOPT_BUFFERSIZE, static_cast<long>(std::clamp(read_bytes, SMALLEST_READ_BYTES, LARGEST_READ_BYTES)));
   // The deadlines are kept here; curl's own would end a longer connection attempt at 300 s.
@@ -144,10 +157,14 @@ void CurlTransfer::set_certificates(Environment& environment) {
   set_option(easy, CURLOPT_SSL_VERIFYHOST, 2L);
   set_option(easy, CURLOPT_SSL_CTX_FUNCTION, &accept_abrupt_close);
   set_option(easy, CURLOPT_CA_CACHE_TIMEOUT, CERTIFICATE_STORE_SECONDS);
-  if (const std::string file = certificate_file(environment); !file.empty()) set_option(easy, CURLOPT_CAINFO, file.c_str());
+  const std::string file = certificate_file(environment);
+  const std::string directory = environment.get("SSL_CERT_DIR").value_or("");
+  if (file.empty() && directory.empty()) {
+    throw Error(error_class::TrustStoreError, "none were found; SSL_CERT_FILE or SSL_CERT_DIR says where they are");
+  }
+  set_option(easy, CURLOPT_CAINFO, file.empty() ? nullptr : file.c_str());
   // Without a directory the parsed store can be kept from one transfer to the next.
-  const std::optional<std::string> directory = environment.get("SSL_CERT_DIR");
-  set_option(easy, CURLOPT_CAPATH, directory && !directory->empty() ? directory->c_str() : nullptr);
+  set_option(easy, CURLOPT_CAPATH, directory.empty() ? nullptr : directory.c_str());
 }
 
 // --- running ------------------------------------------------------------------------------------------------
@@ -183,8 +200,11 @@ void CurlTransfer::read_body(BodySink& sink, std::optional<double> timeout_secon
   }
   sink_ = nullptr;
   if (failure_) std::rethrow_exception(failure_);
-  // A peer that closed early has ended the body; the caller sees how far it came.
-  if (body_room_ > 0 && result_ != CURLE_OK && result_ != CURLE_PARTIAL_FILE) throw transfer_error();
+  if (body_room_ == 0 || result_ == CURLE_OK) return;
+  if (result_ != CURLE_PARTIAL_FILE) throw transfer_error();
+  // A peer that closed early has ended the body; the caller sees how far it came. A part of an error is not its word.
+  const bool is_success = status_ >= 200 && status_ < 300;
+  if (!is_success || !body_begun_) throw Error(error_class::ConnectionResetError, "remote end closed the connection within the response");
 }
 
 void CurlTransfer::step() {
@@ -210,11 +230,13 @@ void CurlTransfer::wait_for_network(const Deadline& deadline) {
 }
 
 Error CurlTransfer::transfer_error() const {
+  long system_error = 0;
+  curl_easy_getinfo(handles_.easy(), CURLINFO_OS_ERRNO, &system_error);
+  // curl tells a want of descriptors in many ways: no connection, no name, no certificates.
+  if (const int shortage = system_error == 0 ? descriptor_shortage(socket_error_) : 0; shortage != 0) return os_error(shortage);
   if (*result_ == CURLE_OK) return Error(error_class::URLError, "the response ended within its headers");
   // This is how curl says that a line of the peer's is longer than it will hold.
   if (*result_ == CURLE_OUT_OF_MEMORY) return Error(error_class::URLError, "the response holds a line that is too long");
-  long system_error = 0;
-  curl_easy_getinfo(handles_.easy(), CURLINFO_OS_ERRNO, &system_error);
   return network_error(*result_, static_cast<int>(system_error), error_text_.data());
 }
 
@@ -240,6 +262,12 @@ std::size_t CurlTransfer::on_body(char* bytes, std::size_t size, std::size_t cou
     transfer.failure_ = std::current_exception();  // rethrown outside of curl
     return 0;
   }
+}
+
+curl_socket_t CurlTransfer::open_socket(void* self, curlsocktype, curl_sockaddr* address) {
+  const int made = ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  if (made < 0) static_cast<CurlTransfer*>(self)->socket_error_ = errno;
+  return made;
 }
 
 int CurlTransfer::on_connected(void* self, char*, char*, int, int) {
@@ -280,6 +308,7 @@ std::size_t CurlTransfer::take_body(std::string_view bytes) {
   if (bytes.empty()) return 0;
   if (sink_ == nullptr) return CURL_WRITEFUNC_PAUSE;
   moved_ = true;
+  body_begun_ = true;
   const auto taken = static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), body_room_));
   if (taken > 0) sink_->accept(bytes.substr(0, taken));
   body_room_ -= taken;

@@ -70,6 +70,7 @@ class CurlTransfer final : public HttpResponse {
 
   static std::size_t on_header(char* bytes, std::size_t size, std::size_t count, void* self);
   static std::size_t on_body(char* bytes, std::size_t size, std::size_t count, void* self);
+  static curl_socket_t open_socket(void* self, curlsocktype purpose, curl_sockaddr* address);
   static int on_connected(void* self, char* primary_ip, char* local_ip, int primary_port, int local_port);
 
   CurlLease handles_;
@@ -85,7 +86,9 @@ class CurlTransfer final : public HttpResponse {
 
   BodySink* sink_ = nullptr;  // set while read_body runs
   std::uint64_t body_room_ = 0;
+  bool body_begun_ = false;
 
+  int socket_error_ = 0;  // errno of the last socket that could not be made
   std::exception_ptr failure_;
   std::optional<CURLcode> result_;  // set once curl is done with the transfer
   bool moved_ = false;              // bytes arrived in the last step

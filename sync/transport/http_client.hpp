@@ -40,9 +40,9 @@ class HttpResponse {
   [[nodiscard]] virtual const Headers& headers() const = 0;
   /// Feeds the body to `sink` in pieces, none larger than _sync_http_response_read_bytes() gives (1 KiB at
   /// least), until it ends or `limit` bytes have been taken; what lies beyond is not read. A connection that
-  /// the peer ends early ends the body: the caller sees a short body, no error. Throws TimeoutError "response
-  /// body read exceeded sync HTTP timeout" once `timeout_seconds` (absent or not positive: none) have passed
-  /// since the call, and a network failure (see HttpClient) otherwise.
+  /// the peer ends early ends the body: short, no error; but of a 2xx that brought none, or any other: a failure. Throws TimeoutError
+  /// "response body read exceeded sync HTTP timeout" once `timeout_seconds` (absent or not positive: none) have passed since the call, and
+  /// a network failure (see HttpClient) otherwise.
   virtual void read_body(BodySink& sink, std::optional<double> timeout_seconds,
                          std::uint64_t limit = std::numeric_limits<std::uint64_t>::max()) = 0;
 };

@@ -9,6 +9,7 @@
 #include "sync/base/log.hpp"
 #include "sync/base/values/json.hpp"
 #include "sync/transport/backoff.hpp"
+#include "sync/transport/curl_errors.hpp"
 #include "sync/transport/events.hpp"
 #include "sync/transport/outage_status.hpp"
 #include "sync/transport/request_environment.hpp"
@@ -200,9 +201,11 @@ void RetryLoop::note_network_failure(const Error& error) {
 
   // The events carry class names alone. Where waiting cures nothing by itself, people need the whole of it, once.
   const std::string endpoint = _sync_endpoint_from_url(request_.url);
-  const bool needs_attention = error.is(error_class::RedirectRefusedError) || error.is(error_class::SSLCertVerificationError);
+  const bool is_local = error.is(error_class::TrustStoreError);
+  const bool needs_attention = is_local || error.is(error_class::RedirectRefusedError) || error.is(error_class::SSLCertVerificationError);
   if (needs_attention && !std::exchange(attention_asked_for_, true)) {
-    log_warning("GET %s will fail until the server or its certificate changes: %s: %s", endpoint, reason, error.text());
+    const char* const cure = is_local ? "this machine's certificate authorities can be read" : "the server or its certificate changes";
+    log_warning("GET %s will fail until %s: %s: %s", endpoint, cure, reason, error.text());
   } else {
     log_debug("GET %s failed: %s: %s", endpoint, reason, error.text());
   }

@@ -3,6 +3,7 @@
 #include "sync/transport/http_client.hpp"
 
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -195,8 +196,34 @@ TEST(HttpClient, tellsAConnectionClosedEarlyFromOneThatBroke) {
     EXPECT_EQ(body_of(*open(server->url("/chunk"))), "half");
     EXPECT_EQ(body_of(*open(server->url("/closed"))), "half") << "with a resumed session";
   }
+  // What brought nothing is no body, and a part of an error is not what the server said.
+  plain.script("/nothing", {{.headers = {{"Content-Length", "100"}}, .cut_after = 0}});
+  plain.script("/error", {{.status = 404, .headers = {{"Content-Length", "100"}}, .body = "half", .cut_after = 4}});
+  for (const char* path : {"/nothing", "/error"}) {
+    EXPECT_EQ(failure_of_get(plain.url(path)), "ConnectionResetError: remote end closed the connection within the response") << path;
+  }
   plain.script("/reset", {{.headers = {{"Content-Length", "100"}}, .body = "half", .reset = true}});
   EXPECT_THAT(failure_of_get(plain.url("/reset")), HasSubstr("ConnectionResetError: "));
+}
+
+TEST(HttpClient, tellsAWantOfDescriptorsAndOfCertificateAuthoritiesAsWhatTheyAre) {
+  ScriptedServer server;
+  {
+    const Variable nowhere("SSL_CERT_FILE", "/nowhere.pem");
+    EXPECT_THAT(failure_of_get("https://localhost/"), HasSubstr("TrustStoreError: SSL_CERT_FILE: [Errno 2]"));
+    const Variable no_certificates("SSL_CERT_FILE", "/dev/null");
+    EXPECT_THAT(failure_of_get("https://" + server.url("/").substr(7)), HasSubstr("TrustStoreError: "));
+  }
+  rlimit usual{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &usual), 0);
+  const int next = ::dup(0);
+  ::close(next);
+  const rlimit none{static_cast<rlim_t>(next), usual.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+  for (const std::string& url : {server.url("/"), std::string("https://no-such-host.invalid/")}) {
+    EXPECT_EQ(failure_of_get(url), "OSError: [Errno 24] Too many open files") << url;
+  }
+  EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &usual), 0);
 }
 
 TEST(HttpClient, namesNetworkFailuresByClass) {
