@@ -11,6 +11,7 @@
 #include "sync/base/environment.hpp"
 #include "sync/base/files/sha256.hpp"
 #include "sync/base/log.hpp"
+#include "sync/base/text/secrets.hpp"
 #include "sync/base/threads/fork.hpp"
 #include "sync/transport/http_client.hpp"
 
@@ -121,7 +122,7 @@ class LoggingSink : public LogSink {
     nb::list arguments;
     arguments.append(static_cast<int>(record.level));
     arguments.append(to_python(record.format));
-    for (const Value& argument : record.arguments) arguments.append(to_python(argument));
+    for (const Value& argument : record.arguments) arguments.append(to_python(mask_secrets(argument)));
     nb::dict keywords;
     if (record.event != nullptr) {
       nb::dict extra;

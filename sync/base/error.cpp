@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "sync/base/text/secrets.hpp"
 #include "sync/base/values/convert.hpp"
 
 namespace brackenfen::sync {
@@ -17,7 +18,11 @@ bool ErrorClass::derives_from(const ErrorClass& ancestor) const noexcept {
 }
 
 Error::Error(const ErrorClass& error_class, std::string text, Document fields, std::shared_ptr<const HostOrigin> origin)
-    : state_(std::make_shared<const State>(State{&error_class, std::move(text), std::move(fields), std::move(origin)})) {}
+    : state_([&] {
+        // What a server said may be in them. The host's own exception stays as it is.
+        const Value shown = origin ? Value(std::move(fields)) : mask_secrets(Value(std::move(fields)));
+        return std::make_shared<const State>(State{&error_class, mask_secrets(std::move(text)), *shown.if_document(), std::move(origin)});
+      }()) {}
 
 namespace error_class {
 namespace {

@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "sync/base/error.hpp"
+#include "sync/base/text/secrets.hpp"
 #include "sync/base/values/convert.hpp"
 
 namespace brackenfen::sync {
@@ -102,7 +103,9 @@ LogSink& log_sink() noexcept {
   return sink == nullptr ? default_sink() : *sink;
 }
 
-std::string format_message(const LogRecord& record) {
+namespace {
+
+std::string formatted(const LogRecord& record) {
   std::string message;
   std::string_view rest = record.format;
   auto argument = record.arguments.begin();
@@ -128,5 +131,9 @@ std::string format_message(const LogRecord& record) {
     }
   }
 }
+
+}  // namespace
+
+std::string format_message(const LogRecord& record) { return mask_secrets(formatted(record)); }
 
 }  // namespace brackenfen::sync

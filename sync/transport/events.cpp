@@ -6,6 +6,7 @@
 
 #include "sync/base/error.hpp"
 #include "sync/base/log.hpp"
+#include "sync/base/text/secrets.hpp"
 #include "sync/base/text/text.hpp"
 #include "sync/base/text/url.hpp"
 #include "sync/base/values/convert.hpp"
@@ -44,7 +45,9 @@ std::string_view _sync_event_level_name(const Document& event) {
   return "info";
 }
 
-void _emit_brackenfen_sync_event(const Document& event) {
+void _emit_brackenfen_sync_event(const Document& given) {
+  const Value shown = mask_secrets(Value(given));  // before anything counts it or writes it
+  const Document& event = *shown.if_document();
   if (!_should_emit_sync_event(event)) return;
   const LogLevel level = _sync_event_level_name(event) == "warning" ? LogLevel::Warning : LogLevel::Info;
   LogSink& sink = log_sink();

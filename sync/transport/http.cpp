@@ -6,6 +6,7 @@
 #include <unordered_map>
 
 #include "sync/base/error.hpp"
+#include "sync/base/text/secrets.hpp"
 #include "sync/base/text/text.hpp"
 #include "sync/base/text/url.hpp"
 #include "sync/base/values/convert.hpp"
@@ -91,6 +92,7 @@ bool _is_manifest_version_url(std::string_view url) { return rstrip_char(url, '/
 HttpRequest authenticated_request(const std::string& url, const RequestStart& start) {
   const std::string& token = start.token;
   if (!header_value_bytes(token) || token.find(' ') != std::string::npos) throw ValueError("the token holds a character that HTTP forbids");
+  remember_secret(token);
   HttpRequest request = public_request(url);
   request.headers.emplace(request.headers.begin(), "Authorization", "Bearer " + token);
   request.environment = start.environment;

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "sync/base/log.hpp"
+#include "sync/base/text/secrets.hpp"
 #include "sync/base/values/json.hpp"
 #include "sync/transport/backoff.hpp"
 #include "sync/transport/curl_errors.hpp"
@@ -66,7 +67,7 @@ Value bounded_detail(const Value& word) {
 Document server_details(const Document& parsed) {
   std::vector<Member> details;
   for (const char* key : {"error_code", "error", "dependency", "retryable", "recovery", "reason"}) {
-    if (const Value* const word = parsed.find(key)) details.push_back({key, bounded_detail(*word)});
+    if (const Value* const word = parsed.find(key)) details.push_back({key, bounded_detail(mask_secrets(*word))});  // none is cut in two
   }
   return Document(std::move(details));
 }

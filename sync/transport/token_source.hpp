@@ -7,7 +7,7 @@
 
 namespace brackenfen::sync {
 
-/// Asked afresh for each request, on the thread that makes it. The token is never logged and never kept.
+/// Asked afresh for each request, on the thread that makes it. The token is never logged, and kept in memory alone.
 class TokenSource {
  public:
   virtual ~TokenSource() = default;

@@ -8,7 +8,10 @@
 #include <functional>
 #include <map>
 
+#include "sync/base/log.hpp"
+#include "sync/base/text/secrets.hpp"
 #include "sync/base/values/convert.hpp"
+#include "sync/transport/curl_errors.hpp"
 #include "sync/transport/event_counts.hpp"
 #include "tests/support/failures.hpp"
 #include "tests/support/fake_clock.hpp"
@@ -23,6 +26,7 @@ using testing::AllOf;
 using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::Not;
 using testing::SizeIs;
 using testing::StartsWith;
 
@@ -236,13 +240,38 @@ TEST_F(RetryTest, holdsWhateverAnErrorBodySaysWithinBounds) {
   EXPECT_THAT(std::string(*back.get("reason").if_text()), AllOf(SizeIs(1024 + 3), HasSubstr("\u00fc...")));
 }
 
+TEST_F(RetryTest, showsNoTokenThatAServerGivesBack) {
+  remember_secret("canary/5f+d9c");
+  const std::vector<std::string> forms{"canary/5f+d9c",     "canary%2F5f%2Bd9c", "canary%2f5f%2bd9c",
+                                       "Y2FuYXJ5LzVmK2Q5Y", "NhbmFyeS81ZitkOW",  "jYW5hcnkvNWYrZDlj"};
+  std::string words;
+  for (const std::string& form : forms) words += form + ' ';
+  const std::string body = R"({"retryable": false, "error_code": [")" + words + R"("], "dependency": {")" + words +
+                           R"(": 1}, "reason": ")" + std::string(1020, 'x') + words + "\"}";
+  std::string seen = failure_of([&] { return get({{.status = 503, .body = body}}); });
+  try {
+    static_cast<void>(get({{.status = 503, .body = R"({"error": ")" + words + "\"}"}, {.status = 503, .body = body}}));
+  } catch (const Error& error) {
+    seen += to_text(Value(error.fields()));
+  }
+  log_warning("%s %r", words, Value(List{words}));
+  for (const RecordingLog::Entry& entry : log_.entries()) seen += entry.message + to_text(Value(entry.event));
+  seen += Error(error_class::EraError, words).text();
+  for (const std::string& form : forms) EXPECT_THAT(seen, Not(HasSubstr(form.substr(0, 6))));
+  EXPECT_THAT(seen, HasSubstr("['*************"));
+}
+
 TEST_F(RetryTest, asksForAttentionOnceWhereWaitingAloneCuresNothing) {
-  static_cast<void>(
-      get({fails(error_class::RedirectRefusedError), fails(error_class::RedirectRefusedError), fails(error_class::URLError), {}}));
-  EXPECT_THAT(
-      log_.messages(LogLevel::Warning),
-      ElementsAre("GET /data/files/a/b.arrow will fail until the server or its certificate changes: RedirectRefusedError: why it failed"));
-  EXPECT_THAT(log_.messages(LogLevel::Debug), AllOf(SizeIs(2), Each(StartsWith("GET /data/files/a/b.arrow failed: "))));
+  const std::pair<const ErrorClass*, std::string> rows[] = {
+      {&error_class::RedirectRefusedError, "the server or its certificate changes: RedirectRefusedError: why it failed"},
+      {&error_class::TrustStoreError, "this machine's certificate authorities can be read: TrustStoreError: why it failed"},
+  };
+  for (const auto& [error, expected] : rows) {
+    log_.clear();
+    static_cast<void>(get({fails(*error), fails(*error), fails(error_class::URLError), {}}));
+    EXPECT_THAT(log_.messages(LogLevel::Warning), ElementsAre("GET /data/files/a/b.arrow will fail until " + expected));
+    EXPECT_THAT(log_.messages(LogLevel::Debug), AllOf(SizeIs(2), Each(StartsWith("GET /data/files/a/b.arrow failed: "))));
+  }
 }
 
 TEST_F(RetryTest, leavesAWaitAtOnceWhenAskedToOrWhenItCannotBeShown) {
