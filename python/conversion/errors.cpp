@@ -272,6 +272,8 @@ const ErrorClass& describe_class(nb::handle exception_class) {
 }
 
 Error to_error(nb::handle exception) {
+  // A class of the host's may make anything when it is called.
+  if (PyExceptionInstance_Check(exception.ptr()) == 0) throw TypeError("an exception was expected, not " + text_form(exception.type()));
   if (PyErr_GivenExceptionMatches(exception.ptr(), PyExc_Exception) == 0) throw Interrupted{share(exception)};
   const ErrorClass& described = describe_class(exception.type());
   Document fields;

@@ -119,7 +119,7 @@ def test_a_directory_that_is_gone(manager: sync.SyncManager) -> None:
     assert not directory.exists()
 
 
-def test_a_download_with_every_argument(manager: sync.SyncManager, server: Any, tmp_path: pathlib.Path, records: pytest.LogCaptureFixture) -> None:
+def test_a_download_with_every_argument(manager: sync.SyncManager, server: Any, short_waits: None, tmp_path: pathlib.Path, records: pytest.LogCaptureFixture) -> None:
     server.add("f", b"x")
     waits: list[float] = []
     answers = iter([(503, b"{}"), (200, b"")])  # the first is an outage of the server, the second a failed transfer of this file
@@ -129,7 +129,7 @@ def test_a_download_with_every_argument(manager: sync.SyncManager, server: Any, 
     events = [record.brackenfen_sync_event for record in records.records if hasattr(record, "brackenfen_sync_event")]
     waits_shown = [(event["surface"], event["attempt"]) for event in events if event["event_type"] == "sync_backoff_wait"]
     assert waits_shown == [("http_request", 1), ("mine", 1)]
-    assert len(waits) == 1 and (result.bytes_downloaded, result.features_downloaded) == (4, 1) and (tmp_path / "staging/f").exists()
+    assert waits == [0.02] and (result.bytes_downloaded, result.features_downloaded) == (4, 1) and (tmp_path / "staging/f").exists()
     with pytest.raises(sync.IntegrityError):
         manager._download_file("f", {"sha256": "00", "size_bytes": 1}, result, retry_checksum_mismatch=False)
 

@@ -140,7 +140,10 @@ def test_backoff_of_the_host_at_every_use(neighbour: Install, monkeypatch: pytes
         stop.set()
         with pytest.raises(module.SyncBackoffCancelled):
             sync._sleep_for_sync_backoff(2.5)
-    assert module.SyncBackoffPolicy.slept == [(1.5, False), (2.5, True)]
+        module.SyncBackoffCancelled = int
+        with pytest.raises(TypeError, match="an exception was expected"):
+            sync._sleep_for_sync_backoff(2.5)
+    assert module.SyncBackoffPolicy.slept == [(1.5, False), (2.5, True), (2.5, True)]
     assert not any(called() for called in module.SyncBackoffPolicy.kept)  # the waits are over
     module.current_context = lambda: {"data_dir": 5, "surface": types.SimpleNamespace(__str__=None), "stop_requested": stop.is_set}
     assert sync._sync_backoff_stop_requested()  # whatever else of the context cannot be used
