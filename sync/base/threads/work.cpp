@@ -74,13 +74,12 @@ bool ThreadWork::is_part_of(WorkId work) const noexcept {
 }
 
 WorkWait::WorkWait(WorkId work, Patience patience, int slice) {
-  // Whoever closes a circle looks first; in it, who was patient. Each look costs as much as there are threads that wait.
   constexpr int PATIENT_SLICES = 10;
   const ThreadWork& current = ThreadWork::current();
   if (current.is_part_of(work)) throw WouldWaitForItself();
   Waiters& all = waiters();
   const std::lock_guard lock(all.mutex);
-  const bool looks_around = slice % PATIENT_SLICES == 0 && (slice > 0 || patience == Patience::None);
+  const bool looks_around = patience == Patience::None || slice >= PATIENT_SLICES;
   if (looks_around && depends_on(work, current, all.waiting)) throw WouldWaitForItself();
   all.waiting.push_back({&current, current, work});
 }
