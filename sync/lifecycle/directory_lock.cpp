@@ -102,13 +102,14 @@ void DirectoryLock::_release_flock() {
   int unlock_error = 0;
   int close_error = 0;
   int unlink_error = 0;
-  const std::string flock_path = flock_path_.get();
+  std::string flock_path;
+  drop_failure([&] { flock_path = flock_path_.get(); });  // without memory for its name the file stays, for the next release
   {
     const OwnerDrop drop(*this);
     if (flock_file_) {
       unlock_error = flock_once(flock_file_, LOCK_UN);
       close_error = flock_file_.try_close();
-      if (::unlink(flock_path.c_str()) != 0 && errno != ENOENT) unlink_error = errno;
+      if (!flock_path.empty() && ::unlink(flock_path.c_str()) != 0 && errno != ENOENT) unlink_error = errno;
     }
     unlock_directory();
     directory_id_.reset();
