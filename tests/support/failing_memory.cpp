@@ -20,12 +20,16 @@ bool is_on_failing_thread() {
 
 }  // namespace
 
-void* operator new(std::size_t size) {
+// Both forms: a sanitizer's own would not go with the operator delete below.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   if (is_on_failing_thread() || (allocations_left > 0 && --allocations_left == 0)) {
     failed = true;
-    throw std::bad_alloc();
+    return nullptr;
   }
-  if (void* const block = std::malloc(size > 0 ? size : 1)) return block;
+  return std::malloc(size > 0 ? size : 1);
+}
+void* operator new(std::size_t size) {
+  if (void* const block = operator new(size, std::nothrow)) return block;
   throw std::bad_alloc();
 }
 void operator delete(void* block) noexcept { std::free(block); }
