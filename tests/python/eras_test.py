@@ -1,6 +1,7 @@
 """Eras as a host sees them: the neighbours that a transition talks to, duck-typed managers, and twenty eras in a row."""
 
 import hashlib
+import itertools
 import json
 import logging
 import os
@@ -42,9 +43,7 @@ def settled(manager: sync.SyncManager, publish: Callable[..., None]) -> sync.Syn
     return manager
 
 
-class Update:
-    def __init__(self, **fields: Any) -> None:
-        self.__dict__.update(fields)
+Update = types.SimpleNamespace
 
 
 class Required(Exception):
@@ -230,28 +229,6 @@ def test_operations_by_name(settled: sync.SyncManager) -> None:
 # ---- twenty eras ------------------------------------------------------------------------------------------------
 
 
-class LiveReader(threading.Thread):
-    """Reads the live files over and over: none may be missing or torn at any moment."""
-
-    def __init__(self, directory: pathlib.Path, editions: dict[str, set[str]], always: set[str]) -> None:
-        super().__init__(daemon=True)
-        self.directory, self.editions, self.always = directory, editions, always
-        self.stopping = threading.Event()
-        self.wrong: list[str] = []
-        self.reads = 0
-
-    def run(self) -> None:
-        while not self.stopping.is_set():
-            for path in self.always:
-                try:
-                    digest = hashlib.sha256((self.directory / path).read_bytes()).hexdigest()
-                except FileNotFoundError:
-                    digest = "missing"
-                if digest not in self.editions[path]:
-                    self.wrong.append(f"{path}: {digest}")
-                self.reads += 1
-
-
 def test_a_host_follows_twenty_eras_through_outages(tool: Any, serve: Any, tmp_path: pathlib.Path, short_waits: None, wait_until: Any) -> None:
     tree, data, faults = tmp_path / "tree", tmp_path / "data", tmp_path / "faults"
     tool("sample", tmp_path / "eras", "--source", "--files", 20, "--bytes", "40kB", "--eras", ERAS)
@@ -284,7 +261,21 @@ def test_a_host_follows_twenty_eras_through_outages(tool: Any, serve: Any, tmp_p
         for name, path in present.items():
             editions.setdefault(name, set()).add(hashlib.sha256(path.read_bytes()).hexdigest())
     assert always
-    reader = LiveReader(data, editions, always)
+    stopping, wrong, reads = threading.Event(), list[str](), itertools.count()
+
+    def read_live_files() -> None:
+        """None may be missing or torn at any moment."""
+        while not stopping.is_set():
+            for path in always:
+                try:
+                    digest = hashlib.sha256((data / path).read_bytes()).hexdigest()
+                except FileNotFoundError:
+                    digest = "missing"
+                if digest not in editions[path]:
+                    wrong.append(f"{path}: {digest}")
+                next(reads)
+
+    reader = threading.Thread(target=read_live_files, daemon=True)
     reader.start()
     manager.acquire()
     try:
@@ -306,10 +297,10 @@ def test_a_host_follows_twenty_eras_through_outages(tool: Any, serve: Any, tmp_p
             follows(("kill", era), ("restart", era + 1))
     finally:
         manager.release()
-        reader.stopping.set()
+        stopping.set()
         reader.join()
     assert calls == expected
-    assert reader.wrong == [] and reader.reads > len(always)
+    assert wrong == [] and next(reads) > len(always)
     manifest = manager.get_manifest()
     assert manifest and manifest.era_number == ERAS and manager.verify().valid
     assert manager.status() is None and not [path for path in data.rglob("*") if ".tmp" in path.name or path.name.startswith((".transition", "era_"))]

@@ -187,21 +187,25 @@ warnings.simplefilter("ignore", DeprecationWarning)  # of fork in a threaded pro
 manager._acquire_flock()
 threading.Thread(target=outage, daemon=True).start()
 time.sleep(0.1)
-def free():
-    with open(directory + "/.sync_flock", "ab") as other:
-        try: fcntl.flock(other, fcntl.LOCK_EX | fcntl.LOCK_NB)
-        except BlockingIOError: return False
-        return True
+def locked(path):
+    other = os.open(path, os.O_RDONLY)
+    try: fcntl.flock(other, fcntl.LOCK_EX | fcntl.LOCK_NB)
+    except BlockingIOError: return True
+    finally: os.close(other)
+def held(): return locked(directory) and locked(directory + "/.sync_flock")
 child = os.fork()
 if child == 0:
     try:
         opened = [os.readlink(f"/proc/self/fd/{fd}") for fd in os.listdir("/proc/self/fd") if os.path.exists(f"/proc/self/fd/{fd}")]
         assert not [path for path in opened if path in (directory, directory + "/.sync_flock")]
         own = sync.SyncManager.get_or_create(directory, url, str)
-        assert not free()
+        try: manager._release_flock()
+        except RuntimeError: pass
+        else: raise AssertionError("released what is the parent's")
+        assert held()
         del manager
         import gc; gc.collect()
-        assert not free()
+        assert held()
         signal.setitimer(signal.ITIMER_REAL, 0.2)
         signal.signal(signal.SIGALRM, signal.default_int_handler)
         try: outage()
@@ -209,9 +213,9 @@ if child == 0:
     except BaseException as error: print(repr(error), file=sys.stderr, flush=True)
     os._exit(1)
 assert os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) == 0
-assert not free()
+assert held()
 manager._release_flock()
-assert free()
+assert not locked(directory) and not os.path.exists(directory + "/.sync_flock")
 """)
 
 

@@ -124,7 +124,12 @@ def test_a_logger_that_fails_ends_no_background_thread_and_is_heard_by_a_host(
     manager.stop()
 
 
-def test_a_failure_to_start_is_told_in_the_hosts_style(running: sync.SyncManager, neighbour: Callable[..., Any]) -> None:
+def test_a_second_start_is_told_in_the_hosts_style_and_takes_over(
+    running: sync.SyncManager, neighbour: Callable[..., Any], records: pytest.LogCaptureFixture, wait_until: Callable[..., None]
+) -> None:
+    first = running._sync_thread
+    running._start_internal()
+    assert [record.getMessage()[:31] for record in records.records if record.levelno == logging.ERROR] == ["Era synchronization: sync/state"]
     told: list[tuple[tuple[Any, ...], dict[str, Any]]] = []
     neighbour("logging_style", log_library_surface_event=lambda *arguments, **named: told.append((arguments, named)))
     running._start_internal()
@@ -134,6 +139,9 @@ def test_a_failure_to_start_is_told_in_the_hosts_style(running: sync.SyncManager
         "sub_service": "sync", "component": "state", "metadata": {"reason": "era_thread_start_state"},
         "source_function": "_start_internal", "source_file": "sync/lifecycle/consumers.cpp",
     }  # fmt: skip
+    assert running.is_alive()
+    running.stop()
+    wait_until(lambda: not first.is_alive())
 
 
 def test_an_era_thread_of_the_hosts_own(server: Any) -> None:
@@ -145,6 +153,8 @@ def test_an_era_thread_of_the_hosts_own(server: Any) -> None:
     watcher.stop()
     watcher.start()
     assert watcher.is_alive() and watcher._last_known_era_id == 2**70
+    with pytest.raises(sync.StateError, match="^EraThread already started$"):
+        watcher.start()
     watcher.stop()
     assert not watcher.is_alive() and not watcher._started
     fields = {"_in_closing": True, "_transition_failed": True, "_last_transition_error": "closing: x", "_last_known_state": "active"}

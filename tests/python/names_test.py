@@ -119,14 +119,6 @@ def test_named_arguments_are_keyword_only(name: str) -> None:
         function(manifest, "a__b__c__d")
 
 
-def test_settings_are_read_at_each_call(monkeypatch: pytest.MonkeyPatch, records: pytest.LogCaptureFixture) -> None:
-    assert sync._sync_http_chunk_bytes() == 8388608 and records.records == []
-    monkeypatch.setenv("BRACKENFEN_SYNC_HTTP_CHUNK_BYTES", "1.5")
-    assert sync._sync_http_chunk_bytes() == 8388608
-    [record] = records.records
-    assert (record.msg, record.args) == ("Invalid BRACKENFEN_SYNC_HTTP_CHUNK_BYTES=%r; using %d", ("1.5", 8388608))
-
-
 def test_the_stub_tells_the_truth() -> None:
     """Every public name of the stub exists, and every public name that exists is in the stub."""
     stub = pathlib.Path(sync.__file__).with_name("sync.pyi")

@@ -224,6 +224,9 @@ def test_events_in_the_log(records: pytest.LogCaptureFixture) -> None:
     assert first.brackenfen_sync_event == event and list(event) == list(first.brackenfen_sync_event)  # type: ignore[attr-defined]
     assert first.args == (json.dumps(event, sort_keys=True),)
     assert second.levelno == logging.WARNING and second.brackenfen_sync_event["count"] == 0  # type: ignore[attr-defined]
+    records.set_level(logging.ERROR, logger="brackenfen.sync")
+    sync._log_sync_event("checksum_repair_exhausted", "f", 1, "")
+    assert len(records.records) == 2
 
 
 def test_outages_as_python_sees_them(records: pytest.LogCaptureFixture, neighbour: Install) -> None:
@@ -266,9 +269,3 @@ def test_an_interrupt_that_comes_while_the_level_is_asked_for(monkeypatch: pytes
     for call in (manager.sync, lambda: sync._log_sync_event("http_retry", "f", 1, "")):
         with pytest.raises(KeyboardInterrupt):
             call()
-
-
-def test_a_level_that_is_off_is_not_formatted(records: pytest.LogCaptureFixture) -> None:
-    records.set_level(logging.ERROR, logger="brackenfen.sync")
-    sync._log_sync_event("checksum_repair_exhausted", "f", 1, "")
-    assert records.records == []

@@ -1,8 +1,7 @@
-"""The rotation as a host sees it: records, searches, and a planner of its own made of plain dataclasses."""
+"""The rotation as a host sees it: records, searches, and a planner of its own made of plain objects."""
 
 import dataclasses
 import datetime
-import functools
 import json
 import os
 import pathlib
@@ -235,48 +234,13 @@ class HostState:
     note: str = "mine"
 
 
-@dataclasses.dataclass(frozen=True)
-class HostArtifact:
-    relative_path: str
-    kind: str
-    artifact_kind: str
-    mandatory: bool
-    named_universe: str = "us"
+# All else that it hands over or is given.
+Plain = types.SimpleNamespace
 
 
-@dataclasses.dataclass(frozen=True)
-class HostScope:
-    market: str | None = None
-    named_universes: tuple[str, ...] = ()
-    family: str | None = None
-    subfamily: str | None = None
-
-
-@dataclasses.dataclass(frozen=True)
-class HostSettings:
-    artifact_kind: str
-    scope: HostScope
-    algorithm: str | None = None
-    seed: int | None = None
-    feature_budget_bytes: object = None
-    free_disk_bytes: int | None = None
-
-
-@dataclasses.dataclass(frozen=True)
-class HostSelection:
-    active_relative_paths: tuple[str, ...]
-    selected_artifacts: tuple[HostArtifact, ...]
-    mandatory_artifacts: tuple[HostArtifact, ...]
-    eligible_artifacts: tuple[HostArtifact, ...]
-    mandatory_bytes: int
-    feature_budget_bytes: int
-    seed: int
-
-
-@dataclasses.dataclass(frozen=True)
-class HostPlan:
-    selection: HostSelection
-    candidate_state: HostState
+def host_plan(state: HostState, **selection: Any) -> Plain:
+    fields = {"active_relative_paths": state.active_relative_paths} | dict.fromkeys(("selected_artifacts", "mandatory_artifacts", "eligible_artifacts"), ())
+    return Plain(selection=Plain(**fields | selection, mandatory_bytes=0, feature_budget_bytes=0, seed=5), candidate_state=state)
 
 
 class HostRotation:
@@ -284,8 +248,7 @@ class HostRotation:
 
     FEATURE_ARTIFACT_KINDS = frozenset({"feature"})
     FULL_DOWNLOAD = object()
-    ArtifactRotationSettings = HostSettings
-    SelectionScope = HostScope
+    ArtifactRotationSettings = SelectionScope = Plain
     RotationStatePayloadError, ActiveRotationStateError = type("PayloadError", (Exception,), {}), type("StateError", (Exception,), {})
 
     def __init__(self) -> None:
@@ -300,23 +263,24 @@ class HostRotation:
     def vocabulary_named_universe_from_path(path: str) -> str | None:
         return path.split("/")[1] if path.startswith("named_universes/") else None
 
-    def artifact_descriptor_from_manifest_file(self, path: str, record: dict[str, Any], *, feature_kinds: frozenset[str]) -> HostArtifact:
+    def artifact_descriptor_from_manifest_file(self, path: str, record: dict[str, Any], *, feature_kinds: frozenset[str]) -> Plain:
         self.described += 1
-        return HostArtifact(path, record["kind"], record["kind"], record["kind"] not in feature_kinds)
+        kind = record["kind"]
+        return Plain(relative_path=path, kind=kind, artifact_kind=kind, mandatory=kind not in feature_kinds, named_universe="us")
 
-    def plan_rotation(self, artifacts: tuple[HostArtifact, ...], settings: HostSettings, *, previous_state: HostState | None, reason: str) -> HostPlan:
+    def plan_rotation(self, artifacts: tuple[Plain, ...], settings: Plain, *, previous_state: HostState | None, reason: str) -> Plain:
         self.calls.append((settings, previous_state, reason))
         generation = previous_state.generation + 1 if previous_state else 2
         mandatory = tuple(artifact for artifact in artifacts if artifact.mandatory)
         eligible = tuple(artifact for artifact in artifacts if not artifact.mandatory)
         selected = tuple(artifact for artifact in eligible if int(artifact.relative_path[-8:-6]) % generation == 0)
         active = tuple(artifact.relative_path for artifact in mandatory + selected)
-        return HostPlan(HostSelection(active, selected, mandatory, eligible, 0, 0, 5), HostState(active, generation, 5, "g"))
+        return host_plan(HostState(active, generation, 5, "g"), selected_artifacts=selected, mandatory_artifacts=mandatory, eligible_artifacts=eligible)
 
-    def plan_from_active_rotation_state(self, artifacts: tuple[HostArtifact, ...], settings: HostSettings, state: HostState) -> HostPlan:
+    def plan_from_active_rotation_state(self, artifacts: tuple[Plain, ...], settings: Plain, state: HostState) -> Plain:
         if state.note == "broken":
             raise self.ActiveRotationStateError("no plan for this")
-        return HostPlan(HostSelection(state.active_relative_paths, (), (), artifacts, 0, 0, 5), state)
+        return host_plan(state, eligible_artifacts=artifacts)
 
     @staticmethod
     def promote_rotation_candidate(*, active_state: HostState | None, candidate_state: HostState, available_relative_paths: tuple[str, ...]) -> HostState:
@@ -367,6 +331,8 @@ def test_a_planner_of_the_host(manager: sync.SyncManager, server: Any, neighbour
     [(settings, previous, reason)] = host.calls
     assert (settings.artifact_kind, settings.feature_budget_bytes, previous, reason) == ("feature", None, None, "sync")
     assert settings.scope.named_universes == ("us",) and settings.free_disk_bytes > 0
+    assert vars(settings).keys() == {"artifact_kind", "scope", "algorithm", "seed", "feature_budget_bytes", "free_disk_bytes"}
+    assert vars(settings.scope).keys() == {"market", "named_universes", "family", "subfamily"}
     state, (word, vocabulary, active, artifacts) = search.told[0]
     assert type(state) is HostState and state is manager._active_rotation_state and word == "scoped" and active == set(state.active_relative_paths)
     assert artifacts == sync._rotation_manifest_artifacts(manager._manifest)
@@ -412,11 +378,6 @@ def test_a_planner_that_adds_whenever_the_state_is_stored(manager: sync.SyncMana
     assert added in manager._active_rotation_state.active_relative_paths and manager._active_rotation_state.generation == 3
 
 
-def odd_plan(field: str, odd: object) -> HostPlan:
-    fields: dict[str, Any] = {"active_relative_paths": (), "selected_artifacts": (), "mandatory_artifacts": (), "eligible_artifacts": (), field: odd}
-    return HostPlan(HostSelection(**fields, mandatory_bytes=0, feature_budget_bytes=0, seed=5), HostState((), 2, 5, "g"))
-
-
 def test_a_collection_that_is_none_deletes_nothing(manager: sync.SyncManager, server: Any, neighbour: Callable[..., Any]) -> None:
     publish(server)
     manager.sync()
@@ -427,7 +388,7 @@ def test_a_collection_that_is_none_deletes_nothing(manager: sync.SyncManager, se
         ("rotation_state_payload", lambda odd: odd, "rotation_state_payload"),
         ("promote_rotation_candidate", lambda odd: HostState(odd, 2, 5, "g"), f"promote_rotation_candidate.{paths[0]}"),
         ("promote_rotation_candidate", lambda _: HostState(iter(()), 2, 5, "g"), f"promote_rotation_candidate.{paths[0]}"),  # type: ignore[arg-type]
-        *(("plan_rotation", functools.partial(odd_plan, name), f"plan_rotation.selection.{name}") for name in paths),
+        *(("plan_rotation", lambda odd, name=name: host_plan(HostState((), 2, 5, "g"), **{name: odd}), f"plan_rotation.selection.{name}") for name in paths),  # type: ignore[misc]
         ("rotation_cleanup_keep_paths", lambda odd: odd, "rotation_cleanup_keep_paths"),
     ]
     for operation, result, named in rows:
