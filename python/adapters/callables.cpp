@@ -24,7 +24,7 @@ class HostTokenSource : public TokenSource, public HostObject {
 class HostGuard : public RuntimeFreshnessGuard, public HostObject {
  public:
   using HostObject::HostObject;
-  void record_sync_update(std::string_view relative_path, std::string_view kind, std::string_view sha256) override {
+  void record_sync_update(std::string_view relative_path, const Value& kind, const Value& sha256) override {
     call_python([&] {
       object().attr("record_sync_update")(nb::arg("relative_path") = to_python(relative_path), nb::arg("kind") = to_python(kind),
                                           nb::arg("sha256") = to_python(sha256));
@@ -38,13 +38,7 @@ class HostEraCallback : public EraCallback, public HostObject {
   void notify(std::string_view event_type, const Value& era_number) override {
     call_python([&] { object()(to_python(event_type), to_python(era_number)); });
   }
-  std::string text() const override {
-    try {
-      return call_python([&] { return text_form(object()); });
-    } catch (const Error&) {  // its name is not worth a failure
-      return "callback";
-    }
-  }
+  const HostOrigin* origin() const noexcept override { return this; }
   bool equals(const EraCallback& other) const override {
     const auto* host = dynamic_cast<const HostEraCallback*>(&other);
     if (host == nullptr) return this == &other;

@@ -1,25 +1,16 @@
 // Objects of the host that the core calls: token sources, guards, callbacks, rotation states.
 //
-// Each adapter keeps the object it was made of, so that reading a field gives the very same one back.
+// Each adapter keeps the object it was made of.
 #pragma once
 
 #include <functional>
 #include <memory>
 
+#include "python/conversion/errors.hpp"
 #include "python/interpreter/gate.hpp"
 #include "sync/engine/sync_manager.hpp"
 
 namespace brackenfen::sync::python {
-
-/// What an adapter was made of.
-class HostObject {
- public:
-  explicit HostObject(nb::handle object) : object_(object) {}
-  [[nodiscard]] nb::handle object() const noexcept { return object_.get(); }
-
- private:
-  PyRef object_;
-};
 
 /// The host's object behind something the core holds; nullptr where there is none or it is the core's own.
 template <typename T>

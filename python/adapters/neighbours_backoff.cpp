@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "python/adapters/callables.hpp"
@@ -20,10 +21,55 @@ struct PythonFields : HostContextFields {
   PyRef fields;
 };
 
+/// The provider bound first, which stays when its module leaves sys.modules.
+struct FirstBound {
+  NeighbourModule module{"sync_backoff"};
+  bool looked = false;
+  SharedRef provider;  // empty: the built-in one
+};
+FirstBound& first_bound() {
+  static FirstBound& instance = *new FirstBound;
+  return instance;
+}
+
+/// The host's module in force, or nothing. Attached threads only.
+nb::object host_module() {
+  FirstBound& first = first_bound();
+  if (nb::object loaded = first.module.loaded(); loaded.is_valid()) {
+    if (!first.looked) first.provider = share(loaded);
+    first.looked = true;
+    return loaded;
+  }
+  if (!first.looked) {
+    const nb::object found = first.module.find();
+    if (found.is_valid()) first.provider = share(found);
+    first.looked = true;
+  }
+  return first.provider ? nb::borrow(first.provider->get()) : nb::object();
+}
+
+/// While the running thread is in the host's module on behalf of a caller. A module that in turn hands on to the functions
+/// of this one means the built-in provider, and must not be asked again.
+class Forwarding {
+ public:
+  Forwarding() : before_(std::exchange(active_, true)) {}
+  Forwarding(const Forwarding&) = delete;
+  Forwarding& operator=(const Forwarding&) = delete;
+  ~Forwarding() { active_ = before_; }
+  [[nodiscard]] static nb::object target() { return active_ ? nb::object() : host_module(); }
+
+ private:
+  static inline thread_local bool active_ = false;
+  bool before_;
+};
+
 /// A context of the host's module, left again on the thread that entered it.
 class HostScope {
  public:
-  explicit HostScope(nb::handle manager) : manager_(manager) { manager.attr("__enter__")(); }
+  explicit HostScope(nb::handle manager) : manager_(manager) {
+    const Forwarding forwarding;
+    manager.attr("__enter__")();
+  }
   HostScope(const HostScope&) = delete;
   HostScope& operator=(const HostScope&) = delete;
   ~HostScope() {
@@ -31,6 +77,7 @@ class HostScope {
     drop_failure([this] {
       const Attached guard;
       const nb::error_scope raised_meanwhile;
+      const Forwarding forwarding;
       try {
         manager_.get().attr("__exit__")(nb::none(), nb::none(), nb::none());
       } catch (nb::python_error& error) {
@@ -65,11 +112,15 @@ class HostSyncBackoff : public SyncBackoff {
   }
 
   BackoffContext current_context() override {
-    return call_python([&] { return context_from_python(module_.get().attr("current_context")()); });
+    return call_python([&] {
+      const Forwarding forwarding;
+      return context_from_python(module_.get().attr("current_context")());
+    });
   }
 
   std::shared_ptr<void> enter_context(BackoffContext context) override {
     return call_python([&]() -> std::shared_ptr<void> {
+      const Forwarding forwarding;
       return std::make_shared<HostScope>(module_.get().attr("backoff_context")(**context_to_python(context)));
     });
   }
@@ -93,33 +144,6 @@ class HostSyncBackoff : public SyncBackoff {
   nb::object policy() const { return module_.get().attr("SyncBackoffPolicy")(); }
   PyRef module_;
 };
-
-/// The provider bound first, which stays when its module leaves sys.modules.
-struct FirstBound {
-  NeighbourModule module{"sync_backoff"};
-  bool looked = false;
-  SharedRef provider;  // empty: the built-in one
-};
-FirstBound& first_bound() {
-  static FirstBound& instance = *new FirstBound;
-  return instance;
-}
-
-/// The host's module in force, or nothing. Attached threads only.
-nb::object host_module() {
-  FirstBound& first = first_bound();
-  if (nb::object loaded = first.module.loaded(); loaded.is_valid()) {
-    if (!first.looked) first.provider = share(loaded);
-    first.looked = true;
-    return loaded;
-  }
-  if (!first.looked) {
-    const nb::object found = first.module.find();
-    if (found.is_valid()) first.provider = share(found);
-    first.looked = true;
-  }
-  return first.provider ? nb::borrow(first.provider->get()) : nb::object();
-}
 
 /// Owned by nobody: the built-in provider lives for the whole process.
 std::shared_ptr<SyncBackoff> builtin_backoff() { return {std::shared_ptr<void>(), &SyncBackoff::builtin()}; }
@@ -158,24 +182,22 @@ class ContextManager {
   std::vector<Entered> entered_;
 };
 
+/// `with backoff_context(...)` around the host's provider, whose own context may be a generator that hands on only when it
+/// is entered.
+struct ForwardedContext {
+  PyRef manager;
+
+  explicit ForwardedContext(nb::handle given) : manager(given) {}
+  [[nodiscard]] nb::object call(const char* method, const nb::args& arguments) const {
+    const Forwarding forwarding;
+    return manager.get().attr(method)(*arguments);
+  }
+};
+
 PyObject* builtin_namespace = nullptr;  // owned for ever
 
 /// Stateless: made anew for every delay and every sleep.
 struct Policy {};
-
-/// While the running thread asks the host's module on behalf of a caller. A module that in turn hands on to the
-/// functions below means the built-in provider, and must not be asked again.
-class Forwarding {
- public:
-  Forwarding() { active_ = true; }
-  Forwarding(const Forwarding&) = delete;
-  Forwarding& operator=(const Forwarding&) = delete;
-  ~Forwarding() { active_ = false; }
-  [[nodiscard]] static nb::object target() { return active_ ? nb::object() : host_module(); }
-
- private:
-  static inline thread_local bool active_ = false;
-};
 
 nb::object backoff_context(nb::handle data_dir, nb::handle surface, nb::handle stop_requested) {
   nb::dict fields;
@@ -190,7 +212,7 @@ nb::object backoff_context(nb::handle data_dir, nb::handle surface, nb::handle s
   }
   if (const nb::object module = Forwarding::target(); module.is_valid()) {
     const Forwarding forwarding;
-    return module.attr("backoff_context")(**fields);
+    return nb::cast(new ForwardedContext(module.attr("backoff_context")(**fields)), nb::rv_policy::take_ownership);
   }
   return nb::cast(new ContextManager(fields), nb::rv_policy::take_ownership);
 }
@@ -294,6 +316,11 @@ void bind_backoff(nb::module_& module) {
       .def(
           "__exit__", [](ContextManager& self, nb::handle, nb::handle, nb::handle) { self.leave(); }, nb::arg().none(), nb::arg().none(),
           nb::arg().none());
+
+  nb::class_<ForwardedContext> forwarded(module, "_ForwardedContext", "The same of a host's own provider.");
+  for (const char* method : {"__enter__", "__exit__"}) {
+    forwarded.def(method, [method](const ForwardedContext& self, const nb::args& arguments) { return self.call(method, arguments); });
+  }
 
   module.def("backoff_context", backoff_context, nb::kw_only(), nb::arg("data_dir") = nb::none(), nb::arg("surface") = nb::none(),
              nb::arg("stop_requested") = nb::none(),

@@ -103,7 +103,7 @@ std::unique_ptr<SearchTracker> HostSearchTracking::search_tracker(const std::str
 
 std::shared_ptr<const TrackerIdentity> HostIdentity::resolve_identity_for_data_dir(const std::string& data_dir) const {
   return call_python([&]() -> std::shared_ptr<const TrackerIdentity> {
-    const nb::object identity = module_.get().attr("resolve_identity_for_data_dir")(path_to_python(data_dir));
+    const nb::object identity = resolve_.get()(path_to_python(data_dir));
     if (identity.is_none()) return nullptr;
     return std::make_shared<const HostTrackerIdentity>(identity);
   });

@@ -41,11 +41,12 @@ class HostSearchTracking : public SearchTracking {
 
 class HostIdentity : public Identity {
  public:
-  explicit HostIdentity(nb::handle module) : module_(module) {}
+  /// Throws AttributeError for a module without the operation: then nothing is known of identities.
+  explicit HostIdentity(nb::handle module) : resolve_(nb::object(module.attr("resolve_identity_for_data_dir"))) {}
   std::shared_ptr<const TrackerIdentity> resolve_identity_for_data_dir(const std::string& data_dir) const override;
 
  private:
-  PyRef module_;
+  PyRef resolve_;
 };
 
 class HostAgentOnboarding : public AgentOnboarding {

@@ -9,6 +9,14 @@ void bind_progress(nb::module_& module) {
       "_sync_progress_path", [](nb::handle data_dir) { return path_to_python(_sync_progress_path(path_argument(data_dir, "data_dir"))); },
       any("data_dir"));
   module.def(
+      "_manifest_size",
+      [](nb::handle file_info) {
+        const std::optional<Value> size =
+            host_neighbours().bind()->sync_progress().manifest_file_size(value_argument(file_info, "file_info"));
+        return nb::make_tuple(size.has_value(), to_python(size.value_or(Value(0))));
+      },
+      any("file_info"));
+  module.def(
       "_write_sync_progress_json",
       [](nb::handle data_dir, nb::handle manifest, nb::handle files_to_download) {
         const std::string directory = path_argument(data_dir, "data_dir");

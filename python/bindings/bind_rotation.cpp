@@ -81,6 +81,14 @@ nb::object status_payload(nb::handle data_dir, nb::handle settings_payload) {
       [&] { return feature_rotation_status_payload(*neighbours(), *seams.files, *seams.clock, directory, settings, own_settings); }));
 }
 
+nb::object promote_candidate(nb::handle active_state, nb::handle candidate_state, nb::handle available_relative_paths) {
+  const RotationStateRef active = rotation_state_or_none(active_state, "active_state");
+  const RotationStateRef candidate = rotation_state_argument(candidate_state, "candidate_state");
+  const std::vector<Text> available = text_list_argument(available_relative_paths, "available_relative_paths");
+  return rotation_state_to_python(
+      detached([&] { return neighbours()->artifact_rotation().promote_rotation_candidate(active, candidate, available); }));
+}
+
 void bind_state_file(nb::module_& module) {
   module.attr("_FEATURE_ROTATION_STATE_FILENAME") = FEATURE_ROTATION_STATE_FILENAME;
   module.attr("_FEATURE_ROTATION_STATE_VERSION") = FEATURE_ROTATION_STATE_VERSION;
@@ -122,6 +130,8 @@ void bind_state_file(nb::module_& module) {
       "_rotation_frequency_seconds",
       [](nb::handle settings_payload) { return to_python(_rotation_frequency_seconds(settings_payload_argument(settings_payload))); },
       any("settings_payload"));
+  module.def("_promote_artifact_rotation_candidate", promote_candidate, nb::kw_only(), any("active_state"), any("candidate_state"),
+             any("available_relative_paths"));
   module.def("_rotation_next_at", next_at, any("data_dir"), any("settings_payload"));
   module.def("_rotation_is_due", is_due, any("data_dir"), any("settings_payload"), any("active_state"));
 }

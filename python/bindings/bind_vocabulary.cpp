@@ -15,6 +15,13 @@ void bind_paths_of_vocabularies(nb::module_& module) {
       [](nb::handle file_path) { return to_python(_vocabulary_named_universe_from_path(*neighbours(), text_or_null(file_path))); },
       any("file_path"));
   module.def(
+      "_rotation_vocabulary_named_universe_from_path",
+      [](nb::handle relative_path) {
+        return to_python(
+            neighbours()->artifact_rotation().vocabulary_named_universe_from_path(text_argument(relative_path, "relative_path")));
+      },
+      any("relative_path"));
+  module.def(
       "_vocabulary_manifest_paths",
       [](nb::handle manifest) {
         const std::shared_ptr<Manifest> record = manifest_argument(manifest);

@@ -18,12 +18,6 @@
 namespace brackenfen::sync::python {
 namespace {
 
-/// The host's exception behind an Error.
-struct PythonOrigin : HostOrigin {
-  explicit PythonOrigin(nb::handle raised) : exception(raised) {}
-  PyRef exception;
-};
-
 struct Entry {
   const ErrorClass* error_class;
   PyObject* python_class;  // owned for ever
@@ -117,12 +111,8 @@ constexpr const char* OS_FIELDS[] = {"errno", "strerror", "filename", "filename2
 Document read_fields(nb::handle exception, std::span<const char* const> names) {
   std::vector<Member> members;
   for (const char* name : names) {
-    const nb::object value = nb::steal(PyObject_GetAttrString(exception.ptr(), name));
-    if (!value.is_valid()) {
-      PyErr_Clear();
-      continue;
-    }
-    members.push_back({name, printable(value)});
+    const nb::object value = optional_attribute(exception, name);
+    if (value.is_valid()) members.push_back({name, printable(value)});
   }
   return Document(std::move(members));
 }
@@ -157,7 +147,14 @@ nb::object list_copy(nb::handle list, std::string_view name) {
   return copy;
 }
 
-std::string unavailable_message(nb::handle self) { return SyncUnavailableError::_build_message(read_fields(self, UNAVAILABLE_FIELDS)); }
+std::string unavailable_message(nb::handle self) {
+  Document fields = read_fields(self, UNAVAILABLE_FIELDS);
+  // In Python's own sense of true, whatever kind of object it is.
+  if (const nb::object retryable = attribute_or_none(self, "retryable"); !retryable.is_none()) {
+    fields = fields.with("retryable", Value(truth(retryable)));
+  }
+  return SyncUnavailableError::_build_message(fields);
+}
 
 // The ten arguments are those of the class, in its order.
 void init_unavailable(nb::handle self, nb::object url, nb::object attempts, nb::object statuses, nb::object failures,
@@ -287,7 +284,7 @@ Error to_error(nb::handle exception) {
     }
   } catch (const nb::python_error&) {  // a field that cannot be read does not take the error's place
   }
-  return Error(described, safe_text(exception), std::move(fields), std::make_shared<const PythonOrigin>(exception));
+  return Error(described, safe_text(exception), std::move(fields), std::make_shared<const HostObject>(exception));
 }
 
 void rethrow_into_core(const nb::python_error& error) { throw to_error(error.value()); }
@@ -321,10 +318,9 @@ nb::object make_exception(const Error& error) {
   return error.text().empty() ? python_class() : python_class(text);
 }
 
-nb::object exception_of(const Error& error) {
-  if (const auto* origin = dynamic_cast<const PythonOrigin*>(error.origin().get())) return nb::borrow(origin->exception.get());
-  return make_exception(error);
-}
+nb::object object_of(const HostOrigin& origin) { return nb::borrow(dynamic_cast<const HostObject&>(origin).object()); }
+
+nb::object exception_of(const Error& error) { return error.origin() ? object_of(*error.origin()) : make_exception(error); }
 
 void raise_in_python(const Error& error) noexcept {
   try {

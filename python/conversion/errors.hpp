@@ -11,6 +11,18 @@
 
 namespace brackenfen::sync::python {
 
+/// An object of the host that the core carries without knowing it. Adapters are made of one, and keep it so that reading a
+/// field gives the very same one back.
+class HostObject : public HostOrigin {
+ public:
+  explicit HostObject(nb::handle object) : object_(object) {}
+  [[nodiscard]] nb::handle object() const noexcept { return object_.get(); }
+
+ private:
+  PyRef object_;
+};
+[[nodiscard]] nb::object object_of(const HostOrigin& origin);
+
 /// Makes the classes, adds them to the module and installs the one translator.
 void bind_errors(nb::module_& module);
 

@@ -123,6 +123,9 @@ class LoggingSink : public LogSink {
     arguments.append(static_cast<int>(record.level));
     arguments.append(to_python(record.format));
     for (const Value& argument : record.arguments) arguments.append(to_python(mask_secrets(argument)));
+    // The host's own objects, so that a handler sees what they are.
+    if (record.subject != nullptr) arguments[2] = object_of(*record.subject);
+    if (record.error != nullptr && record.error->origin()) arguments[1 + record.arguments.size()] = exception_of(*record.error);
     nb::dict keywords;
     if (record.event != nullptr) {
       nb::dict extra;

@@ -12,6 +12,7 @@
 namespace brackenfen::sync {
 
 class Error;
+class HostOrigin;
 
 inline constexpr const char* LOGGER_NAME = "brackenfen.sync";
 
@@ -21,8 +22,9 @@ struct LogRecord {
   LogLevel level;
   const char* format;  ///< printf style as Python's logging knows it: %s, %r, %d, %.1f
   std::vector<Value> arguments;
-  const Document* event = nullptr;  ///< the structured event that this record reports, if it does
-  const Error* error = nullptr;     ///< the error whose stack, where the host has one, goes along
+  const Document* event = nullptr;      ///< the structured event that this record reports, if it does
+  const Error* error = nullptr;         ///< what the last argument is the text of; its stack, where the host has one, goes along
+  const HostOrigin* subject = nullptr;  ///< the host's object that the first argument stands for, if it does
 };
 
 /// Called on any thread, several at once.
@@ -59,12 +61,13 @@ template <typename... Arguments>
 void log_warning(const char* format, const Arguments&... arguments) {
   log(LogLevel::Warning, format, arguments...);
 }
-/// The same with the stack of `error`.
+/// The same with the stack of `error`, whose text is the last argument. `subject` is the host's object that the first one
+/// stands for, or nullptr.
 template <typename... Arguments>
-void log_warning_with_stack(const Error& error, const char* format, const Arguments&... arguments) {
+void log_warning_with_stack(const Error& error, const HostOrigin* subject, const char* format, const Arguments&... arguments) {
   LogSink& sink = log_sink();
   if (!sink.enabled(LogLevel::Warning)) return;
-  sink.write(LogRecord{LogLevel::Warning, format, std::vector<Value>{Value(arguments)...}, nullptr, &error});
+  sink.write(LogRecord{LogLevel::Warning, format, std::vector<Value>{Value(arguments)...}, nullptr, &error, subject});
 }
 
 }  // namespace brackenfen::sync

@@ -75,7 +75,7 @@ bool _load_manifest_signals_index(const std::string& data_dir, Manifest& manifes
 struct SignalsIndexUpdate {
   std::string relative_path;
   std::string local_path;
-  std::string kind;
+  Value kind;
   std::string sha256;
   std::optional<FileStat> landed;  ///< as _atomic_write returned it
 };

@@ -140,7 +140,7 @@ std::pair<Document, std::optional<SignalsIndexUpdate>> _scrub_missing_found_pnl_
   std::string sha256 = _sha256(bytes);
   Document entry = (present == nullptr ? Document() : *present).with("sha256", sha256).with("size_bytes", bytes.size());
   if (!entry.contains("kind")) entry = entry.with("kind", "signals_index");
-  SignalsIndexUpdate update{*relative_path, std::move(local_path), to_text(entry.get("kind")), std::move(sha256), landed};
+  SignalsIndexUpdate update{*relative_path, std::move(local_path), entry.get("kind"), std::move(sha256), landed};
   return {manifest_data.with("files", listed.with(*relative_path, std::move(entry))), std::move(update)};
 }
 

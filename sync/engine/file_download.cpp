@@ -295,7 +295,10 @@ void FileDownload::land(const std::string& actual_sha) {
   const std::optional<FileStat> landed = staging_.land(*seams_.files, place_);
   const bool target_is_live = !options_.target_data_dir || *options_.target_data_dir == live_data_dir_;
   if (target_is_live) {
-    if (const auto guard = manager_.runtime_freshness_guard.get()) guard->record_sync_update(file_path_, kind_, actual_sha);
+    if (const auto guard = manager_.runtime_freshness_guard.get()) {
+      const Value* const kind = file_info_.find("kind");
+      guard->record_sync_update(file_path_, kind == nullptr ? Value("") : *kind, actual_sha);
+    }
     if (kind_ != "vault_module") manager_.hash_cache().remember_if_unchanged(file_path_, place_.path(), actual_sha, landed);
   }
   result_.bytes_downloaded += total_written;

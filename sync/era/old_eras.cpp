@@ -10,7 +10,7 @@ namespace {
 
 void warn_of_failed_cleanup(const std::exception& failure) {
   const Error error = error_of(failure);
-  log_warning_with_stack(error, "Background old-era cleanup failed: %s", error.text());
+  log_warning_with_stack(error, nullptr, "Background old-era cleanup failed: %s", error.text());
 }
 
 }  // namespace

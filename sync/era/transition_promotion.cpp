@@ -69,9 +69,11 @@ void SyncManager::Transition::move_staged_files() {
     files.rename(staged.place(file_path, LocalFiles::Parents::Leave), place);
     if (!guard) continue;
     const Value entry = new_manifest_->file(file_path);
-    const Document* staged_info = entry.if_document();
-    guard->record_sync_update(file_path, staged_info ? text_or_empty(staged_info->get("kind")) : "",
-                              staged_info ? text_or_empty(staged_info->get("sha256")) : "");
+    const auto field = [staged_info = entry.if_document()](const char* name) {
+      const Value* const found = staged_info == nullptr ? nullptr : staged_info->find(name);
+      return found == nullptr ? Value("") : *found;
+    };
+    guard->record_sync_update(file_path, field("kind"), field("sha256"));
   }
   for (const char* name : SEED_FILES) {
     const std::string staged_path = join_path(transition_staging_dir_, name);

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "sync/base/error.hpp"
 #include "sync/base/threads/mutex.hpp"
 #include "sync/base/values/value.hpp"
 
@@ -17,8 +18,9 @@ class EraCallback {
   virtual ~EraCallback() = default;
   /// `event_type` is "kill" or "restart". Called on the thread that drives the transition, which waits for it.
   virtual void notify(std::string_view event_type, const Value& era_number) = 0;
-  /// How a log names it.
-  [[nodiscard]] virtual std::string text() const = 0;
+  /// How a log names it, unless it shows the host's object behind it.
+  [[nodiscard]] virtual std::string text() const { return {}; }
+  [[nodiscard]] virtual const HostOrigin* origin() const noexcept { return nullptr; }
   /// Whether both stand for equal callables of the host.
   [[nodiscard]] virtual bool equals(const EraCallback& other) const { return this == &other; }
 };

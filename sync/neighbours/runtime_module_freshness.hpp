@@ -4,6 +4,8 @@
 #include <string>
 #include <string_view>
 
+#include "sync/base/values/value.hpp"
+
 namespace brackenfen::sync {
 
 class RuntimeModuleFreshness {
@@ -18,11 +20,12 @@ class RuntimeModuleFreshness {
 };
 
 /// Told of every file that lands in the live directory. Called on the thread that landed it, several at once; what it
-/// throws ends the operation.
+/// throws ends the operation. The kind and the digest are what the manifest has, of whatever type; empty texts where it has
+/// none.
 class RuntimeFreshnessGuard {
  public:
   virtual ~RuntimeFreshnessGuard() = default;
-  virtual void record_sync_update(std::string_view relative_path, std::string_view kind, std::string_view sha256) = 0;
+  virtual void record_sync_update(std::string_view relative_path, const Value& kind, const Value& sha256) = 0;
 };
 
 }  // namespace brackenfen::sync

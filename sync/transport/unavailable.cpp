@@ -48,7 +48,8 @@ std::string SyncUnavailableError::_build_message(const Document& fields) {
   add("failures=", "failures");
   add("server_error=", "server_error_code");
   add("dependency=", "dependency");
-  if (const Value& retryable = fields.get("retryable"); !retryable.is_null()) pieces.push_back("retryable=" + to_text(retryable));
+  if (const Value& retryable = fields.get("retryable"); !retryable.is_null())
+    pieces.emplace_back(retryable.truthy() ? "retryable=True" : "retryable=False");
   add("recovery=", "recovery");
   add("reason=", "reason");
   return join(pieces, " ");

@@ -96,7 +96,7 @@ TEST_F(ConstructionTest, restoresTheManifestAndRewritesOneThatHoldsRetiredFiles)
 
 TEST_F(ConstructionTest, aManagerOfTheDirectoryKeepsWhatALaterCallLeavesOut) {
   struct Guard : RuntimeFreshnessGuard {
-    void record_sync_update(std::string_view, std::string_view, std::string_view) override {}
+    void record_sync_update(std::string_view, const Value&, const Value&) override {}
   };
   guard = std::make_shared<Guard>();
   const auto first = SyncManager::get_or_create(options());

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <functional>
 
+#include "sync/base/values/convert.hpp"
 #include "sync/documents/signals_index.hpp"
 #include "tests/documents/values.hpp"
 #include "tests/support/calling_token.hpp"
@@ -36,8 +37,8 @@ std::string vocabulary_with(const std::string& key, Value value) {
 }
 
 struct Guard : RuntimeFreshnessGuard {
-  void record_sync_update(std::string_view relative_path, std::string_view kind, std::string_view sha256) override {
-    if (relative_path == INDEX) told.push_back(std::string(kind) + " " + std::string(sha256));
+  void record_sync_update(std::string_view relative_path, const Value& kind, const Value& sha256) override {
+    if (relative_path == INDEX) told.push_back(to_text(kind) + " " + to_text(sha256));
   }
   std::vector<std::string> told;
 };

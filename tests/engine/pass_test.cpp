@@ -110,7 +110,7 @@ TEST_F(PassTest, whatIsNoFileWhereOneBelongsIsFetchedAnew) {
 TEST_F(PassTest, aDirectoryThatIsNotTheOneItBeganInEndsIt) {
   struct Mover : RuntimeFreshnessGuard {
     explicit Mover(std::function<void()> move) : act(std::move(move)) {}
-    void record_sync_update(std::string_view, std::string_view, std::string_view) override {
+    void record_sync_update(std::string_view, const Value&, const Value&) override {
       std::exchange(act, [] {})();
     }
     std::function<void()> act;

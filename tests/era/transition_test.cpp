@@ -413,8 +413,8 @@ TEST_F(TransitionTest, tellsWhatItWaitsFor) {
 
 TEST_F(TransitionTest, aGuardIsToldOfWhatLands) {
   struct Guard : RuntimeFreshnessGuard {
-    void record_sync_update(std::string_view relative_path, std::string_view kind, std::string_view) override {
-      told.push_back(std::string(relative_path) + " " + std::string(kind));
+    void record_sync_update(std::string_view relative_path, const Value& kind, const Value&) override {
+      told.push_back(std::string(relative_path) + " " + to_text(kind));
     }
     std::vector<std::string> told;
   };

@@ -29,7 +29,7 @@ const PublishedFile BETA{"features/beta.arrow", "beta"};
 
 /// Calls back where a file has landed: on a download worker.
 struct CallingGuard : RuntimeFreshnessGuard {
-  void record_sync_update(std::string_view, std::string_view, std::string_view) override {
+  void record_sync_update(std::string_view, const Value&, const Value&) override {
     if (!called.exchange(true)) call();
   }
   std::atomic<bool> called{false};

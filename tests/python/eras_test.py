@@ -123,7 +123,7 @@ class Tracker:
         ({"resolve_identity_for_data_dir": lambda data_dir: "alice"}, {"identity": "alice"}),
         ({"resolve_identity_for_data_dir": lambda data_dir: None}, {"identity": None}),
         ({"resolve_identity_for_data_dir": lambda data_dir: 1 / 0}, {"identity": None}),
-        ({}, {"identity": None}),
+        ({}, {}),  # a module without the operation
     ],
 )
 def test_tracker_and_auth_hear_of_a_new_era(

@@ -40,6 +40,7 @@ def test_fields_given_by_the_host() -> None:
         "server_error=BUSY dependency=db retryable=False recovery=later reason=r"
     )
     assert (error.attempts, error.statuses, error.typed_details) == (3, [503], True) and {name: getattr(error, name) for name in said} == said
+    assert ["retryable=" + word in str(sync.SyncUnavailableError(retryable=value)) for value, word in ((0, "False"), ("no", "True"))] == [True, True]
     for fields in ({"server_error_code": "X"}, {"retryable": False, "typed_details": 0}):
         assert sync.SyncUnavailableError(url="u", **fields).typed_details is False
     gone = sync.PermanentDownloadError("gone", "a/b", 404.9)

@@ -75,8 +75,29 @@ def test_era_callbacks(manager: sync.SyncManager, records: pytest.LogCaptureFixt
     here = threading.current_thread().name
     assert worker.seen == [("kill", 0, here), ("left", 0, ""), ("kill", 0, here), ("restart", 7, here), ("late", 0, "")]
     first, _ = [record for record in records.records if record.levelno == logging.WARNING]
-    assert first.msg == "Era callback failed (%s): %s" and first.args == (str(fails), "'no'")
+    assert first.msg == "Era callback failed (%s): %s" and first.args == (fails, failure)
     assert first.exc_info is not None and first.exc_info[1] is failure
+
+
+def test_two_removals_at_once_remove_two_equal_callbacks(manager: sync.SyncManager) -> None:
+    class Equal:
+        """Equal to all of its kind; a comparison lets the other removal go first, once."""
+
+        others, told = [None], []  # type: ignore[var-annotated]
+
+        def __call__(self, *_: object) -> None:
+            self.told.append(self)
+
+        def __eq__(self, other: object) -> bool:
+            if self.others and self.others.pop() is None:
+                manager.unregister_era_callback(Equal())
+            return True
+
+    for _ in range(2):
+        manager.register_era_callback(Equal())
+    manager.unregister_era_callback(Equal())
+    manager._notify_era_callbacks("kill", 1)
+    assert Equal.told == []
 
 
 @pytest.mark.parametrize("interrupt", [KeyboardInterrupt, SystemExit])

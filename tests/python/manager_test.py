@@ -118,6 +118,10 @@ def test_a_download_with_every_argument(manager: sync.SyncManager, server: Any, 
     assert waits == [0.02] and (result.bytes_downloaded, result.features_downloaded) == (4, 1) and (tmp_path / "staging/f").exists()
     with pytest.raises(sync.IntegrityError):
         manager._download_file("f", {"sha256": "00", "size_bytes": 1}, result, retry_checksum_mismatch=False)
+    landed: list[dict[str, Any]] = []
+    manager.runtime_freshness_guard = types.SimpleNamespace(record_sync_update=lambda **record: landed.append(record))
+    manager._download_file("f", {**server.entries["f"], "kind": 7}, result)
+    assert [record["kind"] for record in landed] == [7], "as the manifest has it"
 
 
 def test_a_stop_of_the_host_ends_every_worker_of_an_outage(manager: sync.SyncManager, server: Any, wait_until: Any) -> None:

@@ -153,7 +153,13 @@ def test_backoff_of_the_host_at_every_use(neighbour: Install, monkeypatch: pytes
 
 def test_backoff_of_a_host_that_hands_on_to_the_built_in_one(neighbour: Install) -> None:
     builtin = sync._sync_backoff_module()
-    for context in (builtin.backoff_context, sync.backoff_context, lambda **fields: sync.backoff_context(**fields)):
+
+    @contextmanager
+    def wrapped(**fields: Any) -> Iterator[Any]:
+        with sync.backoff_context(**fields) as given:
+            yield given
+
+    for context in (builtin.backoff_context, sync.backoff_context, lambda **fields: sync.backoff_context(**fields), wrapped):
         neighbour("sync_backoff", **{**vars(builtin), "backoff_context": context, "current_context": sync.current_context})
         with sync.backoff_context(surface="mine"):
             assert sync.current_context() == {"surface": "mine"} == sync._current_sync_backoff_context()

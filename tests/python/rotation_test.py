@@ -157,6 +157,8 @@ def test_records_of_the_built_in_rotation(manager: sync.SyncManager, server: Any
     wanted = sync.SyncManager._rotation_scoped_files_to_download(manifest, selection, existing_relative_paths={"features/us/signal_is/f00.arrow"})
     assert list(wanted) == ["features/us/signal_is/f01.arrow", "features/us/signal_is/f02.arrow"]
 
+    promoted = sync._promote_artifact_rotation_candidate(active_state=None, candidate_state=state, available_relative_paths=[PNL, "gone"])
+    assert promoted == dataclasses.replace(state, active_relative_paths=(PNL,))
     assert sync.write_feature_rotation_state(manager._data_dir, state) == sync.feature_rotation_state_path(manager._data_dir)
     assert sync.load_feature_rotation_state(manager._data_dir) == state
     manager._active_rotation_state = dataclasses.replace(state, generation=9)
