@@ -95,10 +95,7 @@ TEST_F(ConstructionTest, restoresTheManifestAndRewritesOneThatHoldsRetiredFiles)
 }
 
 TEST_F(ConstructionTest, aManagerOfTheDirectoryKeepsWhatALaterCallLeavesOut) {
-  struct Guard : RuntimeFreshnessGuard {
-    void record_sync_update(std::string_view, const Value&, const Value&) override {}
-  };
-  guard = std::make_shared<Guard>();
+  guard = std::make_shared<CallingGuard>([](auto...) {});
   const auto first = SyncManager::get_or_create(options());
   SyncManager::Options again = options();
   again.runtime_freshness_guard = nullptr;

@@ -3,10 +3,8 @@
 #include <algorithm>
 #include <functional>
 
-#include "sync/base/values/convert.hpp"
 #include "sync/documents/signals_index.hpp"
 #include "tests/documents/values.hpp"
-#include "tests/support/calling_token.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
@@ -36,13 +34,6 @@ std::string vocabulary_with(const std::string& key, Value value) {
   return json_of(document(SyncSetup::documents()[0].content).with(key, std::move(value)));
 }
 
-struct Guard : RuntimeFreshnessGuard {
-  void record_sync_update(std::string_view relative_path, const Value& kind, const Value& sha256) override {
-    if (relative_path == INDEX) told.push_back(to_text(kind) + " " + to_text(sha256));
-  }
-  std::vector<std::string> told;
-};
-
 class EraDocumentsTest : public testing::Test, protected SyncSetup {
  protected:
   /// Publishes `body` for `path`, which the manifest lists with `changes` to its entry; null takes one out.
@@ -57,12 +48,19 @@ class EraDocumentsTest : public testing::Test, protected SyncSetup {
   [[nodiscard]] Document committed_entry(const std::string& path) const {
     return *document(directory.read("manifest.json")).get("files").if_document()->get(path).if_document();
   }
+  /// Notes from now on what a guard is told of the index.
+  void guard_the_index() {
+    guard = std::make_shared<CallingGuard>([this](const std::string& path, const std::string& kind, const std::string& sha256) {
+      if (path == INDEX) told.push_back(kind + " " + sha256);
+    });
+  }
+
+  std::vector<std::string> told;
 };
 
 TEST_F(EraDocumentsTest, lostArtifactsLeaveIndexAndManifestInAgreement) {
   environment.set("BRACKENFEN_SYNC_MAX_CONCURRENCY", "1");
-  const auto recorder = std::make_shared<Guard>();
-  guard = recorder;
+  guard_the_index();
   const PublishedFile index = index_of({KEPT_PNL, LOST_PNL, LOST_PNL_2});
   const std::vector<PublishedFile> all{index, KEPT_PNL, LOST_PNL, LOST_PNL_2};
   publish(1, all);
@@ -83,7 +81,7 @@ TEST_F(EraDocumentsTest, lostArtifactsLeaveIndexAndManifestInAgreement) {
     EXPECT_EQ(directory.read("manifest.json").find("/lost/"), std::string::npos);
   };
   expect_agreement();
-  EXPECT_THAT(recorder->told, ElementsAre("signals_index " + _sha256(index.content), "signals_index " + _sha256(written)));
+  EXPECT_THAT(told, ElementsAre("signals_index " + _sha256(index.content), "signals_index " + _sha256(written)));
   for (const auto& current : {manager, open()}) {  // one that knows what is missing, and one that knows the files alone
     EXPECT_EQ(_membership_referenced_files(current->get_manifest()->sections().found_signals), (std::set<std::string>{KEPT_PNL.path}));
     EXPECT_TRUE(current->_vocabulary.get()->contains("us"));
@@ -169,8 +167,6 @@ TEST_F(EraDocumentsTest, whatIsHeldIsTheMergedVocabularyOfWhatIsCommitted) {
 }
 
 TEST_F(EraDocumentsTest, whatGoesWhileADocumentIsFetchedIsNotPromoted) {
-  const auto token = std::make_shared<CallingToken>();
-  token_source = token;
   const PublishedFile index = index_of({KEPT_PNL});
   const auto manager = synced({ALPHA, KEPT_PNL, index});
   for (const int version : {1, 2}) {
@@ -368,8 +364,7 @@ TEST_F(EraDocumentsTest, aSeedIsAskedForUntilItHas60BytesOfThisEra) {
 }
 
 TEST_F(EraDocumentsTest, whatIsStagedForTheNextEraIsNotToldYet) {
-  const auto recorder = std::make_shared<Guard>();
-  guard = recorder;
+  guard_the_index();
   const auto manager = synced({});
   const PublishedFile index = index_of({KEPT_PNL}, ERA + 1);
   publish_documents(ERA + 1);
@@ -381,7 +376,7 @@ TEST_F(EraDocumentsTest, whatIsStagedForTheNextEraIsNotToldYet) {
     EXPECT_TRUE(manager->_download_shuffle_seed(*neighbours(), next, staging.path())) << "across an era it is always fetched";
   }
   EXPECT_THAT(staging.files(), ElementsAre("shuffle_seed.enc", "shuffle_seed.enc.meta.json", INDEX));
-  EXPECT_THAT(recorder->told, IsEmpty());
+  EXPECT_THAT(told, IsEmpty());
 }
 
 TEST_F(EraDocumentsTest, oneVocabularyIsReplacedExactlyAsStated) {

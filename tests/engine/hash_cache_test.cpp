@@ -3,33 +3,22 @@
 #include "sync/base/files/descriptor.hpp"
 #include "tests/documents/values.hpp"
 #include "tests/support/failing_memory.hpp"
+#include "tests/support/fault_files.hpp"
 #include "tests/support/recording_log.hpp"
 #include "tests/support/temporary_directory.hpp"
 
 namespace brackenfen::sync {
 namespace {
 
-/// Files whose stat is data and whose writes can fail.
-class FakeFiles final : public Files {
- public:
-  void rename(const Place& from, const Place& to) override { Files::real().rename(from, to); }
-  void unlink(const Place& place) override { Files::real().unlink(place); }
-  void write_new(const Place& place, std::string_view data) override {
-    if (full) throw os_error(ENOSPC, place.path());
-    Files::real().write_new(place, data);
-  }
-  std::optional<FileStat> stat(const std::string&) override { return present; }
-  std::int64_t free_bytes(const std::string&) override { return 0; }
-  void set_mtime(const std::string&, std::int64_t) override {}
-
-  std::optional<FileStat> present = FileStat{.size_bytes = 5, .mtime_ns = 10, .ctime_ns = 20, .inode = 30};
-  bool full = false;
-};
-
 class HashCacheTest : public testing::Test {
  protected:
+  HashCacheTest() {
+    files.answer_stat([this] { return present; });
+  }
+
   const TemporaryDirectory directory;
-  FakeFiles files;
+  std::optional<FileStat> present = FileStat{.size_bytes = 5, .mtime_ns = 10, .ctime_ns = 20, .inode = 30};
+  FaultFiles files;
   HashCache cache{files, Clock::real(), directory / SYNC_HASH_CACHE_FILENAME};
 
   bool hits(std::string_view path = "a", std::string_view sha = "aa") {
@@ -43,29 +32,29 @@ TEST_F(HashCacheTest, trustsAFileUntilItsStatOrDigestDiffers) {
   EXPECT_FALSE(hits("b"));
   EXPECT_FALSE(hits("a", "bb"));
   EXPECT_FALSE(cache._cached_local_sha("a", "local", ""));
-  const FileStat known = *files.present;
+  const FileStat known = *present;
   for (std::int64_t FileStat::*field : {&FileStat::size_bytes, &FileStat::mtime_ns, &FileStat::ctime_ns, &FileStat::inode}) {
-    files.present = known;
-    ++((*files.present).*field);
+    present = known;
+    ++((*present).*field);
     EXPECT_FALSE(hits());
   }
-  files.present = std::nullopt;
+  present = std::nullopt;
   EXPECT_FALSE(hits());
   EXPECT_TRUE(cache.holds("a", known, "aa"));
 }
 
 TEST_F(HashCacheTest, remembersOnlyWhatStayedOneFileAndUnchangedWhileItWasRead) {
-  const FileStat before = *files.present;
+  const FileStat before = *present;
   for (std::int64_t FileStat::*field :
        {&FileStat::size_bytes, &FileStat::mtime_ns, &FileStat::ctime_ns, &FileStat::inode, &FileStat::device}) {
-    files.present = before;
-    ++((*files.present).*field);
+    present = before;
+    ++((*present).*field);
     cache.remember_if_unchanged("a", "local", "aa", before);
     EXPECT_EQ(stat_of_landed(files, "local", before).has_value(), field == &FileStat::ctime_ns) << "a rename changes the ctime alone";
   }
   cache.remember_if_unchanged("a", "local", "aa", std::nullopt);
   EXPECT_TRUE(cache.entries().empty());
-  cache.remember_if_unchanged("a", "local", "aa", files.present);
+  cache.remember_if_unchanged("a", "local", "aa", present);
   EXPECT_TRUE(hits());
 }
 
@@ -83,8 +72,7 @@ TEST_F(HashCacheTest, aLackOfMemoryFailsNobody) {
     done = 0;
     if (!survives([&] { loaded.load(); })) ++done;
     loaded.load();
-    if (!survives([&] { loaded.remember_if_unchanged("a name too long to be kept inside of a string", "local", "bb", files.present); }))
-      ++done;
+    if (!survives([&] { loaded.remember_if_unchanged("a name too long to be kept inside of a string", "local", "bb", present); })) ++done;
     loaded.set_dirty(true);
     if (!survives([&] { loaded._persist_hash_cache(); })) ++done;
   }
@@ -99,10 +87,10 @@ TEST_F(HashCacheTest, isDirtyOnlyAfterAChange) {
   EXPECT_FALSE(cache.dirty());
   cache._remember_local_sha("a", "local", "aa");
   EXPECT_FALSE(cache.dirty());
-  files.present->mtime_ns = 11;
+  present->mtime_ns = 11;
   cache._remember_local_sha("a", "local", "aa");
   EXPECT_TRUE(cache.dirty());
-  files.present = std::nullopt;
+  present = std::nullopt;
   cache._remember_local_sha("b", "local", "bb");
   EXPECT_EQ(cache.entries().size(), 1U);
 }
@@ -149,12 +137,11 @@ TEST_F(HashCacheTest, loadsABadFileAsEmpty) {
 
 TEST_F(HashCacheTest, triesAFailedWriteAgain) {
   cache._remember_local_sha("a", "local", "aa");
-  files.full = true;
+  files.fail(FaultFiles::Call::WriteNew, 1, ENOSPC);
   const RecordingLog log;
   cache._persist_hash_cache();
   EXPECT_TRUE(log.messages(LogLevel::Warning).at(0).starts_with("Failed to persist sync hash cache: [Errno 28]"));
   EXPECT_TRUE(cache.dirty());
-  files.full = false;
   cache._persist_hash_cache();
   EXPECT_FALSE(cache.dirty());
   EXPECT_EQ(HashCache::_load_hash_cache(cache.path()), cache.entries());

@@ -3,8 +3,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <mutex>
-#include <set>
 #include <thread>
 
 #include "sync/base/threads/interrupt.hpp"
@@ -30,17 +28,6 @@ class HostInterrupt : public InterruptSource {
   std::atomic<bool> raised{false};
 };
 
-/// Remembers on which threads it was asked.
-struct Witness : TokenSource {
-  std::string token() override {
-    const std::lock_guard lock(mutex);
-    threads.insert(std::this_thread::get_id());
-    return "token";
-  }
-  std::mutex mutex;
-  std::set<std::thread::id> threads;
-};
-
 class ParallelDownloadTest : public testing::Test, protected SyncSetup {
  protected:
   ParallelDownloadTest() { publish_version(1); }
@@ -62,6 +49,17 @@ class ParallelDownloadTest : public testing::Test, protected SyncSetup {
     return failure_of([&] { manager->_download_files_parallel(neighbours(), planned, result); });
   }
 
+  /// The same; time runs out once a file is asked for.
+  std::string run_until_late(const std::string& path) {
+    std::thread time([&, asked_before = requests("/data/files/" + path)] {
+      while (requests("/data/files/" + path) == asked_before) std::this_thread::yield();
+      clock.advance(11);
+    });
+    const std::string failure = run();
+    time.join();
+    return failure;
+  }
+
   const std::shared_ptr<SyncManager> manager = open();
   Document planned;
   SyncResult result;
@@ -79,15 +77,13 @@ TEST_F(ParallelDownloadTest, oneFailureLetsTheOthersFinish) {
 }
 
 TEST_F(ParallelDownloadTest, oneWorkerMeansThisThreadInOrderUpToTheFirstError) {
-  const auto witness = std::make_shared<Witness>();
-  manager->_get_token.set(witness);
+  token->call_each([caller = std::this_thread::get_id()] { EXPECT_EQ(std::this_thread::get_id(), caller); });
   environment.set("BRACKENFEN_SYNC_MAX_CONCURRENCY", "1");
   EXPECT_EQ(run(), "") << "nothing to do is done";
   plan({"a", "b"});
   plan({"lost"}, Reply{.status = 404});
   plan({"c"});
   EXPECT_THAT(run(), StartsWith("PermanentDownloadError"));
-  EXPECT_THAT(witness->threads, ElementsAre(std::this_thread::get_id()));
   EXPECT_THAT(directory.files(), ElementsAre("a", "b", "lost.tmp"));
 }
 
@@ -115,13 +111,7 @@ TEST_F(ParallelDownloadTest, theDeadlineNamesWhatIsPending) {
   for (const auto& [stalled, failure] : rows) {
     planned = Document();
     plan(stalled, Reply{.delay = milliseconds(60'000)});
-    const std::size_t asked_before = requests("/data/files/p2");
-    std::thread time([&] {
-      while (requests("/data/files/p2") == asked_before) std::this_thread::yield();
-      clock.advance(11);
-    });
-    EXPECT_EQ(run(), failure);
-    time.join();
+    EXPECT_EQ(run_until_late("p2"), failure);
     exit_of_the_process.raised = true;  // nothing else ends the workers left behind
     EXPECT_TRUE(wait_for_worker_threads(milliseconds(2000)));
     exit_of_the_process.raised = false;
@@ -132,19 +122,10 @@ TEST_F(ParallelDownloadTest, aWorkerLeftBehindSpoilsNothingOfALaterBatch) {
   environment.set("BRACKENFEN_SYNC_PARALLEL_TIMEOUT_SECONDS", "10");
   environment.set("BRACKENFEN_SYNC_MAX_CONCURRENCY", "2");
   const std::string content = file("late").content, url_path = "/data/files/late";
-  const auto run_until_late = [&] {
-    std::thread time([&, asked_before = requests(url_path)] {
-      while (requests(url_path) == asked_before) std::this_thread::yield();
-      clock.advance(11);
-    });
-    const std::string failure = run();
-    time.join();
-    return failure;
-  };
   plan({"early", "late"});
   // Breaks off when the next batch is over, so that the worker would go back to where the file was empty.
   server.script(url_path, {{.body = content, .cut_after = 3, .reset = true, .delay = milliseconds(300)}});
-  EXPECT_THAT(run_until_late(), StartsWith("SyncError: Timed out"));
+  EXPECT_THAT(run_until_late("late"), StartsWith("SyncError: Timed out"));
   server.serve_file(url_path, content);
   EXPECT_EQ(run(), "");
   server.script(url_path, {{.status = 404}});

@@ -58,10 +58,7 @@ TEST_F(SupersedeTest, aRefusedTokenIsNoAnswer) {
   server.script(VERSION_PATH, {{.status = 401}});
   EXPECT_EQ(failure_of([&] { return superseded(stamp); }), "AuthError: Authentication failed while probing manifest version: HTTP 401");
 
-  struct Refusing : TokenSource {
-    std::string token() override { throw Auth::builtin().auth_error("no token"); }
-  };
-  manager->_get_token.set(std::make_shared<Refusing>());
+  token->call_once([] { throw Auth::builtin().auth_error("no token"); });
   EXPECT_EQ(failure_of([&] { return superseded(stamp); }), "AuthError: no token");
   manager->_get_token.set(nullptr);
   EXPECT_FALSE(superseded(stamp));

@@ -30,8 +30,6 @@ const PublishedFile NEW{OLD.path, "as it is in the next era"};
 const PublishedFile GONE{"features/us/signal_is/gone.arrow", "of the old era alone"};
 const PublishedFile FRESH{"features/us/strategy_is/fresh.arrow", "of the new era alone"};
 
-std::string data_path(const PublishedFile& file) { return "/data/files/" + file.path; }
-
 /// A manager in era 7; the server is in era 8.
 class TransitionTest : public testing::Test, protected SyncSetup {
  protected:
@@ -39,8 +37,8 @@ class TransitionTest : public testing::Test, protected SyncSetup {
     publish_era(7, {KEPT, OLD, GONE});
     manager = open();
     static_cast<void>(manager->sync());
+    static_cast<void>(asked());
     publish_era(8, {KEPT, NEW, FRESH});
-    earlier_ = server.requests().size();
   }
 
   static Reply era(int number, const std::string& state = "active", const std::string& more = "") {
@@ -56,9 +54,7 @@ class TransitionTest : public testing::Test, protected SyncSetup {
 
   void publish_era(int number, const std::vector<PublishedFile>& published) {
     publish_documents(number);
-    publish_version(number, number);
-    publish_manifest(manifest(number, published, number));
-    for (const PublishedFile& file : published) server.serve_file(data_path(file), file.content);
+    publish(number, published, number);
     server.script(ERA_PATH, {era(number)});
   }
 
@@ -78,13 +74,6 @@ class TransitionTest : public testing::Test, protected SyncSetup {
     }
     return found;
   }
-  [[nodiscard]] std::vector<std::string> asked() const {
-    std::vector<std::string> paths;
-    const std::vector<LoggedRequest> requests = server.requests();
-    for (std::size_t i = earlier_; i < requests.size(); ++i) paths.push_back(requests[i].path);
-    return paths;
-  }
-  std::vector<std::string> warnings() const { return log.messages(LogLevel::Warning); }
   void expect_era_8() const {
     EXPECT_EQ(manager->get_manifest()->era_number(), Value(8));
     EXPECT_EQ(directory.read(KEPT.path), KEPT.content);
@@ -103,14 +92,13 @@ class TransitionTest : public testing::Test, protected SyncSetup {
 
   std::shared_ptr<SyncManager> manager;
   std::vector<std::string> calls;
-  std::size_t earlier_ = 0;
 };
 
 TEST_F(TransitionTest, aStopGoesOnBesideATransitionThatLasts) {
   const Reply lasting[] = {{.status = 503}, {.body = NEW.content, .delay = std::chrono::hours(1)}};  // an outage, a slow file
   for (const Reply& reply : lasting) {
-    server.script(data_path(NEW), {reply});
-    const std::size_t before = requests(data_path(NEW));
+    server.script(NEW.url_path(), {reply});
+    const std::size_t before = requests(NEW.url_path());
     const auto exit = std::make_shared<InterruptToken>();
     const auto interruptible = [&](const auto& work) {
       return std::async(std::launch::async, [exit, work] {
@@ -120,7 +108,7 @@ TEST_F(TransitionTest, aStopGoesOnBesideATransitionThatLasts) {
     };
     manager->start();
     auto transition = interruptible([this] { transit(); });
-    while (requests(data_path(NEW)) == before) std::this_thread::yield();
+    while (requests(NEW.url_path()) == before) std::this_thread::yield();
     auto pass = interruptible([this] { static_cast<void>(manager->sync()); });  // waits for the directory
     manager->stop();
     EXPECT_TRUE(manager->_in_transition);
@@ -140,7 +128,7 @@ TEST_F(TransitionTest, movesTheDirectoryToTheNextEra) {
   std::vector<std::string> expected = {ERA_PATH, "/data/manifest"};
   for (const PublishedFile& file : {NEW, KEPT, FRESH, documents(8)[1], documents(8)[0]}) {
     expected.emplace_back(ERA_PATH);
-    if (file.path != KEPT.path) expected.push_back(data_path(file));
+    if (file.path != KEPT.path) expected.push_back(file.url_path());
   }
   for (const char* path : {"/data/shuffle", ERA_PATH, ERA_PATH, ERA_PATH}) expected.emplace_back(path);
   EXPECT_EQ(asked(), expected);
@@ -185,6 +173,7 @@ TEST_F(TransitionTest, nothingLiveChangesBeforeTheSecondConfirmation) {
     publish_manifest(served.with("files", entries.with(VOCABULARY, PublishedFile{VOCABULARY, content, "vocabulary"}.entry())));
     server.serve_file("/data/files/" + std::string(VOCABULARY), content);
   };
+  const Reply seed_7{.headers = {{"X-Era-Id", "7"}}, .body = std::string(60, 's')};
   const Row rows[] = {
       {"another era", [&] { server.script(ERA_PATH, {era(7)}); }, refused},
       {"library too old", [&] { server.script(ERA_PATH, {era(8, "active", R"(, "min_library_version": "99.1")")}); },
@@ -196,15 +185,11 @@ TEST_F(TransitionTest, nothingLiveChangesBeforeTheSecondConfirmation) {
       {"manifest without era", [&] { manifest_8("era_number", "x"); }, "EraError: Era transition manifest has invalid era_number='x'"},
       {"manifest that is none", [&] { server.script(MANIFEST_PATH, {{.body = "{"}}); }, "JSONDecodeError: "},
       {"too small a disk", [&] { files.set_free_bytes(0); }, "MandatoryArtifactsTooLargeError: "},
-      {"lost file", [&] { server.script(data_path(FRESH), {{.status = 404}}); }, "PermanentDownloadError: "},
-      {"wrong bytes", [&] { server.serve_file(data_path(FRESH), std::string(FRESH.content.size(), '?')); }, "IntegrityError: "},
+      {"lost file", [&] { server.script(FRESH.url_path(), {{.status = 404}}); }, "PermanentDownloadError: "},
+      {"wrong bytes", [&] { server.serve_file(FRESH.url_path(), std::string(FRESH.content.size(), '?')); }, "IntegrityError: "},
       {"vocabulary of another era", [&] { vocabulary(documents(7)[0].content); }, "EraError: "},
       {"no seed", [&] { server.script(SHUFFLE_PATH, {{.status = 404}}); }, "SyncError: Failed to download shuffle seed: HTTP 404"},
-      {"seed of another era",
-       [&] {
-         server.script(SHUFFLE_PATH, {{.headers = {{"X-Era-Id", "7"}}, .body = std::string(60, 's')}});
-       },
-       "EraError: "},
+      {"seed of another era", [&] { server.script(SHUFFLE_PATH, {seed_7}); }, "EraError: "},
       {"full disk while staging", [&] { files.fail(FaultFiles::Call::Rename, 2, ENOSPC); }, "OSError: [Errno 28]"},
       {"full disk at the seed", [&] { files.fail(FaultFiles::Call::WriteNew, 1, ENOSPC); }, "OSError: [Errno 28]"},
       {"the era goes back while files are staged", [&] { server.script(ERA_PATH, first(3, era(8), era(7))); }, refused},
@@ -282,7 +267,7 @@ TEST_F(TransitionTest, anEraThatOvertakesItIsFollowed) {
     publish_era(8, {KEPT, NEW, FRESH});
     server.script(ERA_PATH, first(file, era(8), era(9)));
     server.script(MANIFEST_PATH, {body(manifest(8, {KEPT, NEW, FRESH}, 8)), body(manifest(9, {KEPT, newest}, 9))});
-    server.serve_file(data_path(newest), newest.content);
+    server.serve_file(newest.url_path(), newest.content);
     server.script("/data/files/" + std::string(VOCABULARY),
                   first(file == 5 ? 1 : 0, {.body = documents(8)[0].content}, {.body = documents(9)[0].content}));
     server.serve_file("/data/files/" + std::string(FUNCTIONS), documents(9)[1].content);
@@ -300,7 +285,7 @@ TEST_F(TransitionTest, anEraThatOvertakesItIsFollowed) {
 }
 
 TEST_F(TransitionTest, wrongBytesOfADeadEraAreForgiven) {
-  server.script(data_path(FRESH), {{.body = std::string(FRESH.content.size(), '?')}});
+  server.script(FRESH.url_path(), {{.body = std::string(FRESH.content.size(), '?')}});
   server.script(ERA_PATH, first(4, era(8), era(9)));  // the fifth question follows the failed checksum
   server.script(MANIFEST_PATH, {body(manifest(8, {KEPT, NEW, FRESH}, 8)), {.status = 404}});
   EXPECT_EQ(failure(), "SyncError: Failed to fetch era 9 manifest: HTTP 404");
@@ -311,11 +296,11 @@ TEST_F(TransitionTest, withinAnEraAClosingOneIsGoodEnough) {
   const PublishedFile second{OLD.path, "second edition within the era"};
   publish_documents(7);
   publish_manifest(manifest(8, {KEPT, second}, 7));
-  server.serve_file(data_path(second), second.content);
+  server.serve_file(second.url_path(), second.content);
   server.script(ERA_PATH, {era(7, "closing")});
   for (int time = 0; time < 2; ++time) {
     transit(7);
-    EXPECT_EQ(requests(data_path(second)), 2) << "each edition once; an unchanged catalogue is not staged, and none is missed";
+    EXPECT_EQ(requests(second.url_path()), 2) << "each edition once; an unchanged catalogue is not staged, and none is missed";
     EXPECT_EQ(directory.read(second.path), second.content);
     expect_nothing_left();
   }
@@ -350,7 +335,7 @@ TEST_F(TransitionTest, oneFileMayHaveSeveralSpellings) {
   const PublishedFile respelled{"features//us/signal_is/kept.arrow", KEPT.content};
   const PublishedFile twice{"features/us/./strategy_is/fresh.arrow", FRESH.content};
   publish_era(8, {respelled, NEW, FRESH, twice});
-  for (const PublishedFile& file : {KEPT, FRESH}) server.serve_file(data_path(file), file.content);
+  for (const PublishedFile& file : {KEPT, FRESH}) server.serve_file(file.url_path(), file.content);
   transit();
   expect_era_8();
 }
@@ -369,20 +354,15 @@ TEST_F(TransitionTest, lockFilesThatCannotBeWritten) {
 }
 
 TEST_F(TransitionTest, anInterruptInTheCleanUpIsRaisedUnlessAnErrorIsOnItsWay) {
-  /// Logging runs code of the host, and the user may press Ctrl-C in it.
-  struct InterruptedLog : LogSink {
-    bool enabled(LogLevel level) override { return level == LogLevel::Debug; }
-    void write(const LogRecord& record) override {
-      if (std::string_view(record.format).starts_with("best-effort")) throw Interrupted{};
-    }
-  } interrupted;
-  set_log_sink(&interrupted);
+  // Logging runs code of the host, and the user may press Ctrl-C in it.
+  log.on_write = [](const LogRecord& record) {
+    if (std::string_view(record.format).starts_with("best-effort")) throw Interrupted{};
+  };
   std::filesystem::create_directory(directory / ".transition_lock");
   EXPECT_THAT(failure(9), StartsWith("EraError: "));
   EXPECT_THROW(transit(), Interrupted);
   expect_era_8();
   EXPECT_FALSE(manager->_in_transition || directory.contains(STAGING));
-  set_log_sink(&log);
 }
 
 TEST_F(TransitionTest, callbacksThatRaise) {
@@ -396,33 +376,21 @@ TEST_F(TransitionTest, callbacksThatRaise) {
 }
 
 TEST_F(TransitionTest, tellsWhatItWaitsFor) {
-  /// Looks at the status at each request.
-  struct WatchfulToken : TokenSource {
-    std::string token() override { return statuses.push_back(to_text(manager->status())), "token"; }
-    SyncManager* manager = nullptr;
-    std::vector<std::string> statuses;
-  };
-  const auto token = std::make_shared<WatchfulToken>();
-  token->manager = manager.get();
-  manager->_get_token.set(token);
-  server.script(data_path(NEW), {{.status = 200, .body = NEW.content, .cut_after = 3}, {.status = 206, .body = NEW.content.substr(3)}});
+  std::vector<std::string> statuses;  // at each request
+  token->call_each([&] { statuses.push_back(to_text(manager->status())); });
+  server.script(NEW.url_path(), {{.status = 200, .body = NEW.content, .cut_after = 3}, {.status = 206, .body = NEW.content.substr(3)}});
   transit();
-  EXPECT_EQ(std::ranges::count(token->statuses, "Download interrupted, retrying in 1s (0/5 files complete)"), 3)
+  EXPECT_EQ(std::ranges::count(statuses, "Download interrupted, retrying in 1s (0/5 files complete)"), 3)
       << "until the next download begins";
 }
 
 TEST_F(TransitionTest, aGuardIsToldOfWhatLands) {
-  struct Guard : RuntimeFreshnessGuard {
-    void record_sync_update(std::string_view relative_path, const Value& kind, const Value&) override {
-      told.push_back(std::string(relative_path) + " " + to_text(kind));
-    }
-    std::vector<std::string> told;
-  };
-  const auto told = std::make_shared<Guard>();
-  manager->runtime_freshness_guard.set(told);
+  std::vector<std::string> told;
+  manager->runtime_freshness_guard.set(std::make_shared<CallingGuard>(
+      [&](const std::string& path, const std::string& kind, const std::string&) { told.push_back(path + " " + kind); }));
   transit();
-  EXPECT_THAT(told->told, ElementsAre(NEW.path + " feature", FRESH.path + " feature", std::string(FUNCTIONS) + " functions",
-                                      std::string(VOCABULARY) + " vocabulary"))
+  EXPECT_THAT(told, ElementsAre(NEW.path + " feature", FRESH.path + " feature", std::string(FUNCTIONS) + " functions",
+                                std::string(VOCABULARY) + " vocabulary"))
       << "once each, where it goes live";
 }
 

@@ -12,7 +12,6 @@
 
 #include "sync/base/files/descriptor.hpp"
 #include "sync/base/threads/worker_thread.hpp"
-#include "tests/support/calling_token.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
@@ -26,15 +25,6 @@ using testing::StartsWith;
 
 const PublishedFile ALPHA{"features/alpha.arrow", "alpha"};
 const PublishedFile BETA{"features/beta.arrow", "beta"};
-
-/// Calls back where a file has landed: on a download worker.
-struct CallingGuard : RuntimeFreshnessGuard {
-  void record_sync_update(std::string_view, const Value&, const Value&) override {
-    if (!called.exchange(true)) call();
-  }
-  std::atomic<bool> called{false};
-  std::function<void()> call;
-};
 
 class ConsumersTest : public testing::Test, protected SyncSetup {
  protected:
@@ -149,18 +139,6 @@ TEST_F(ConsumersTest, aDirectoryThatCannotBeWrittenDoesNotStopTheLifecycle) {
                           StartsWith("Failed to persist consumer count: ")));
 }
 
-TEST_F(ConsumersTest, aSecondStartOfTheEraThreadIsShownAndTheSyncThreadRuns) {
-  manager = open();
-  manager->acquire();
-  const auto first = manager->_sync_thread.get();
-  manager->_start_internal();
-  EXPECT_TRUE(manager->is_alive());
-  EXPECT_THAT(log.messages(LogLevel::Error), ElementsAre(StartsWith("Era synchronization: sync/state")));
-  manager->stop();
-  first->join(Clock::real(), 30.0);
-  EXPECT_FALSE(first->is_alive());
-}
-
 TEST_F(ConsumersTest, aStopWaitsForATransitionForTenSecondsAtMost) {
   manager = open();
   manager->start();
@@ -172,8 +150,6 @@ TEST_F(ConsumersTest, aStopWaitsForATransitionForTenSecondsAtMost) {
 }
 
 TEST_F(ConsumersTest, anInterruptedReleaseLeavesAStoppedManager) {
-  const auto token = std::make_shared<CallingToken>();
-  token_source = token;
   manager = SyncManager::get_or_create(options());
   std::promise<void> inside, go_on;
   token->call_once([&] {
@@ -203,15 +179,15 @@ TEST_F(ConsumersTest, anInterruptedReleaseLeavesAStoppedManager) {
 }
 
 TEST_F(ConsumersTest, aCallbackMayReleaseTheLastConsumerOnWhateverThreadItRuns) {
-  const auto token = std::make_shared<CallingToken>();
-  const auto calling_guard = std::make_shared<CallingGuard>();
-  token_source = token;
-  guard = calling_guard;
+  std::atomic<bool> landed{true};
   std::promise<void> released;
   const auto release = [&] {
     manager->release();
     released.set_value();
   };
+  guard = std::make_shared<CallingGuard>([&](auto...) {
+    if (!landed.exchange(true)) release();
+  });
   struct Row {
     const char* thread;
     std::function<void()> make_it_run;
@@ -224,8 +200,7 @@ TEST_F(ConsumersTest, aCallbackMayReleaseTheLastConsumerOnWhateverThreadItRuns) 
        }},
       {"a download worker",
        [&] {
-         calling_guard->call = release;
-         calling_guard->called = false;
+         landed = false;
          static_cast<void>(manager->sync());
        }},
       {"the poll thread",
@@ -242,7 +217,7 @@ TEST_F(ConsumersTest, aCallbackMayReleaseTheLastConsumerOnWhateverThreadItRuns) 
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.thread);
-    calling_guard->called = true;
+    landed = true;
     released = {};
     std::filesystem::remove(directory / "manifest.json");
     for (const PublishedFile& file : {ALPHA, BETA}) std::filesystem::remove(directory / file.path);
@@ -259,8 +234,6 @@ TEST_F(ConsumersTest, aCallbackMayReleaseTheLastConsumerOnWhateverThreadItRuns) 
 }
 
 TEST_F(ConsumersTest, workInsideWorkIsRefusedAtOnceAndTakesNothingAway) {
-  const auto token = std::make_shared<CallingToken>();
-  token_source = token;
   server.script("/era/current", {{.body = R"({"era_number": 7, "state": "active"})"}});
   manager = open();
   static_cast<void>(manager->sync());
@@ -290,8 +263,6 @@ TEST_F(ConsumersTest, workInsideWorkIsRefusedAtOnceAndTakesNothingAway) {
 }
 
 TEST_F(ConsumersTest, aCallbackThatWouldWaitForItsOwnPassIsRefused) {
-  const auto token = std::make_shared<CallingToken>();
-  token_source = token;
   manager = SyncManager::get_or_create(options());
   std::string inside;
   // A release on another thread waits for this pass, or for the poll thread's repair, under the registry's lock.

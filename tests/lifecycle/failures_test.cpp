@@ -78,25 +78,19 @@ TEST_F(FailuresTest, aThreadOutlivesALackOfMemory) {
 }
 
 TEST_F(FailuresTest, aLogThatRaisesTakesNotThePlaceOfWhatEndedTheWork) {
-  struct RaisingLog : LogSink {
-    bool enabled(LogLevel) override { return true; }
-    void write(const LogRecord& record) override {
-      if (std::string_view(record.format).starts_with("best-effort")) throw ValueError("no log");
-    }
-  };
   const PublishedFile lost{"features/us/signal_is/lost.arrow", "lost"};
   manager = open();
   publish(1, {lost});
   static_cast<void>(manager->sync());
   remove_files();
   manager->_running = true;
+  log.on_write = [](const LogRecord& record) {
+    if (std::string_view(record.format).starts_with("best-effort")) throw ValueError("no log");
+  };
   for (const auto& [status, failure] : {std::pair{404, "PermanentDownloadError: "}, std::pair{200, "ValueError: no log"}}) {
-    RaisingLog raising;
-    LogSink* const before = set_log_sink(&raising);
     server.script("/data/files/" + lost.path, {{.status = status, .body = lost.content}});
     files.fail(FaultFiles::Call::Unlink, 1, EIO);
     EXPECT_EQ(failure_of([&] { return manager->request_feature_files_for_sync({"lost"}); }).substr(0, std::strlen(failure)), failure);
-    set_log_sink(before);
   }
   manager->_running = false;
 }

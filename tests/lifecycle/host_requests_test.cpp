@@ -6,7 +6,6 @@
 #include <functional>
 #include <future>
 
-#include "tests/support/calling_token.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
@@ -22,20 +21,10 @@ const PublishedFile NEW_PNL{"found_signals/pool/new/signal_is/pnl.arrow", "new",
 
 class HostRequestsTest : public testing::Test, protected SyncSetup {
  protected:
-  HostRequestsTest() { token_source = calling_token; }
-  /// A manager that takes itself for running, without a thread that would get in the way.
-  std::shared_ptr<SyncManager> running() {
-    auto manager = open();
-    manager->_running = true;
-    return manager;
-  }
   void set_time(const PublishedFile& file, int seconds) {
     std::filesystem::last_write_time(directory / file.path, std::filesystem::file_time_type() + std::chrono::seconds(seconds));
   }
   std::size_t fetched_manifests() { return requests(MANIFEST_PATH); }
-  std::vector<std::string> warnings() { return log.messages(LogLevel::Warning); }
-
-  std::shared_ptr<CallingToken> calling_token = std::make_shared<CallingToken>();
 };
 
 TEST_F(HostRequestsTest, refusalsComeInTheirOrder) {
@@ -85,7 +74,7 @@ TEST_F(HostRequestsTest, aSecondRequestJoinsTheFirst) {
     second = std::async(std::launch::async, [&] { return manager->request_for_sync(); });
     while (manager->request_coalescing().running().use_count() < 3) std::this_thread::yield();  // until it waits
   };
-  calling_token->call_once(join_from_another_thread);
+  token->call_once(join_from_another_thread);
   static_cast<void>(manager->request_for_sync());
   EXPECT_THAT(second.get(), ElementsAre(directory / OLD_PNL.path));
   EXPECT_EQ(fetched_manifests(), 1U);
@@ -93,7 +82,7 @@ TEST_F(HostRequestsTest, aSecondRequestJoinsTheFirst) {
   // A failure is the first one's alone, and waiting ends after 30 seconds.
   server.script(VERSION_PATH, {{.status = 404}});
   server.script(MANIFEST_PATH, {{.status = 404}});
-  calling_token->call_once(join_from_another_thread);
+  token->call_once(join_from_another_thread);
   EXPECT_THAT(failure_of([&] { return manager->request_for_sync(); }), StartsWith("SyncError: "));
   EXPECT_THAT(second.get(), ElementsAre(directory / OLD_PNL.path));
   manager->request_coalescing().begin();
@@ -105,7 +94,7 @@ TEST_F(HostRequestsTest, aSecondRequestJoinsTheFirst) {
 TEST_F(HostRequestsTest, ofTwoThatBeganAtOnceTheLaterToEndFails) {
   publish(1, {ALPHA});
   const auto manager = running();
-  calling_token->call_once([&] { manager->request_coalescing().end(); });  // as the other one's end does
+  token->call_once([&] { manager->request_coalescing().end(); });  // as the other one's end does
   EXPECT_EQ(failure_of([&] { return manager->request_for_sync(); }), "AttributeError: 'NoneType' object has no attribute 'set'");
   EXPECT_EQ(manager->request_coalescing().running(), nullptr);
 
@@ -171,12 +160,12 @@ TEST_F(HostRequestsTest, aPollSyncsOnlyWhatIsNewAndOnlyWhenNothingElseRuns) {
   EXPECT_THAT(server.requests(), IsEmpty());
   manager->_in_transition = false;
 
-  calling_token->call_once([&] { manager->_in_transition = true; });  // it begins while the question is on its way
+  token->call_once([&] { manager->_in_transition = true; });  // it begins while the question is on its way
   manager->_poll_once();
   EXPECT_EQ(fetched_manifests(), 0U);
   manager->_in_transition = false;
 
-  calling_token->call_once([&] { std::async(std::launch::async, [&] { manager->_poll_once(); }).get(); });
+  token->call_once([&] { std::async(std::launch::async, [&] { manager->_poll_once(); }).get(); });
   static_cast<void>(manager->sync());
   EXPECT_EQ(fetched_manifests(), 1U) << "a poll during a pass does nothing";
 

@@ -9,7 +9,6 @@
 #include "sync/neighbours/rotation_settings.hpp"
 #include "sync/neighbours/rotation_state.hpp"
 #include "sync/rotation/state_file.hpp"
-#include "tests/support/calling_token.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
@@ -122,8 +121,6 @@ TEST_F(RotationTest, aBudgetSelectsForAWeekWhateverIsPublishedMeanwhile) {
 TEST_F(RotationTest, whatIsAddedDuringAPassOutlivesItsPlan) {
   publish(1, data_set(20));
   set_budget(5);
-  const auto token = std::make_shared<CallingToken>();
-  token_source = token;
   const auto manager = open();
   const auto other_process = open();
   static_cast<void>(manager->sync());
@@ -301,11 +298,6 @@ class OnDemandTest : public RotationTest {
     published.push_back({"features/liquid/signal_is/mom__fast__c__1.arrow", "a companion of another kind", "mask"});
     publish(1, published);
     set_budget(0);
-  }
-  std::shared_ptr<SyncManager> running() {
-    auto manager = open();
-    manager->_running = true;
-    return manager;
   }
   [[nodiscard]] std::string local(const char* name) const {
     return directory / ("features/liquid/signal_is/" + std::string(name) + ".arrow");

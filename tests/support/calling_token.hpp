@@ -17,7 +17,10 @@ class CallingToken final : public TokenSource {
     const std::lock_guard lock(mutex_);
     action_ = std::move(action);
   }
+  /// Calls `action` whenever anything asks; set before anything does.
+  void call_each(std::function<void()> action) { each_ = std::move(action); }
   std::string token() override {
+    if (each_) each_();
     if (const auto action = take()) action();
     return "token";
   }
@@ -30,6 +33,7 @@ class CallingToken final : public TokenSource {
 
   std::mutex mutex_;
   std::function<void()> action_;
+  std::function<void()> each_;
 };
 
 }  // namespace brackenfen::sync

@@ -30,6 +30,8 @@ class FaultFiles final : public Files {
   }
   /// What free_bytes answers instead of asking the volume.
   void set_free_bytes(std::int64_t bytes) { free_bytes_ = bytes; }
+  /// The stat of every file from now on.
+  void answer_stat(std::function<std::optional<FileStat>()> answer) { stat_ = std::move(answer); }
   /// Paths of the calls of one kind so far, in order; of a rename the target.
   [[nodiscard]] std::vector<std::string> calls(Call call) {
     const std::lock_guard lock(mutex_);
@@ -50,7 +52,7 @@ class FaultFiles final : public Files {
     real().write_new(place, error_number != 0 ? data.substr(0, data.size() / 2) : data);
     if (error_number != 0) throw os_error(error_number, place.path());
   }
-  [[nodiscard]] std::optional<FileStat> stat(const std::string& path) override { return real().stat(path); }
+  [[nodiscard]] std::optional<FileStat> stat(const std::string& path) override { return stat_ ? stat_() : real().stat(path); }
   [[nodiscard]] std::int64_t free_bytes(const std::string& directory) override {
     return free_bytes_ ? *free_bytes_ : real().free_bytes(directory);
   }
@@ -79,6 +81,7 @@ class FaultFiles final : public Files {
   std::map<Call, std::vector<std::string>> calls_;
   std::map<Call, std::function<void()>> actions_;
   std::optional<std::int64_t> free_bytes_;
+  std::function<std::optional<FileStat>()> stat_;
 };
 
 }  // namespace brackenfen::sync

@@ -1,6 +1,7 @@
 // Keeps what is logged while it is alive, and begins with no event counted, so that none is held back.
 #pragma once
 
+#include <functional>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -24,8 +25,12 @@ class RecordingLog final : public LogSink {
   RecordingLog& operator=(const RecordingLog&) = delete;
   ~RecordingLog() override { set_log_sink(previous_); }
 
+  /// Runs before a record is kept, as code of a host does, and may throw. Set while nothing is logged.
+  std::function<void(const LogRecord&)> on_write;
+
   bool enabled(LogLevel) override { return true; }
   void write(const LogRecord& record) override {
+    if (on_write) on_write(record);
     const std::lock_guard lock(mutex_);
     entries_.push_back({record.level, format_message(record), record.event != nullptr ? *record.event : Document()});
   }

@@ -3,14 +3,17 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "sync/base/files/sha256.hpp"
+#include "sync/base/values/convert.hpp"
 #include "sync/base/values/json.hpp"
 #include "sync/engine/sync_manager.hpp"
+#include "tests/support/calling_token.hpp"
 #include "tests/support/failures.hpp"
 #include "tests/support/fake_clock.hpp"
 #include "tests/support/fake_environment.hpp"
@@ -30,6 +33,16 @@ struct PublishedFile {
   [[nodiscard]] std::string url_path() const { return "/data/files/" + path; }
 
   [[nodiscard]] Document entry() const { return {{"kind", kind}, {"size_bytes", content.size()}, {"sha256", _sha256(content)}}; }
+};
+
+/// Calls back where a file has landed, on the thread that brought it.
+struct CallingGuard : RuntimeFreshnessGuard {
+  using Call = std::function<void(std::string path, std::string kind, std::string sha256)>;
+  explicit CallingGuard(Call made_call) : call(std::move(made_call)) {}
+  void record_sync_update(std::string_view path, const Value& kind, const Value& sha256) override {
+    call(std::string(path), to_text(kind), to_text(sha256));
+  }
+  Call call;
 };
 
 /// Waits pass at once and are remembered; the network and the files are real.
@@ -53,6 +66,12 @@ class SyncSetup {
             .seams = seams()};
   }
   [[nodiscard]] std::shared_ptr<SyncManager> open() { return std::make_shared<SyncManager>(options()); }
+  /// One that takes itself for running, without a thread that would get in the way.
+  [[nodiscard]] std::shared_ptr<SyncManager> running() {
+    auto manager = open();
+    manager->_running = true;
+    return manager;
+  }
   [[nodiscard]] std::shared_ptr<NeighbourSet> neighbours() { return Neighbours::builtin().bind(); }
 
   /// What every era has besides its data: the vocabulary of one universe, and the catalogue of functions.
@@ -123,7 +142,8 @@ class SyncSetup {
   FaultFiles files;
   RecordingLog log;
   ScriptedServer server;
-  std::shared_ptr<TokenSource> token_source = fixed_token("token");
+  const std::shared_ptr<CallingToken> token = std::make_shared<CallingToken>();
+  std::shared_ptr<TokenSource> token_source = token;
   std::shared_ptr<RuntimeFreshnessGuard> guard;
 
  private:

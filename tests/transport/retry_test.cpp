@@ -90,31 +90,18 @@ class RetryTest : public testing::Test {
   RecordingLog log_;
 };
 
-TEST(NextStep, followsFromWhatAnAttemptCameTo) {
-  const std::pair<AttemptEnd, NextStep> rows[] = {
-      {{.status = 200}, NextStep::HandBack},
-      {{.status = 302}, NextStep::HandBack},
-      {{.status = 404, .retryable = true}, NextStep::HandBack},
-      {{.status = 501}, NextStep::HandBack},
-      {{.status = 408, .retryable = true}, NextStep::Wait},
-      {{.status = 503, .retryable = 0}, NextStep::Wait},
-      {{.status = 503, .retryable = "false"}, NextStep::Wait},
-      {{.status = 503, .retryable = false}, NextStep::GiveUp},
-      {{.status = 404, .retryable = false}, NextStep::HandBack},
-      {{.error = &error_class::TimeoutError}, NextStep::Wait},
-      {{.error = &error_class::RedirectRefusedError}, NextStep::Wait},
-      {{.error = &error_class::SSLCertVerificationError}, NextStep::Wait},
-      {{.error = &error_class::OSError}, NextStep::Wait},
-      {{.error = &error_class::OSError, .of_the_caller = true}, NextStep::Rethrow},
-      {{.error = &error_class::ValueError}, NextStep::Rethrow},
-      {{.error = &error_class::SyncError}, NextStep::Rethrow},
-  };
-  for (const auto& row : rows) EXPECT_EQ(next_step(row.first), row.second) << &row - rows;
-  for (const int status : {408, 425, 429, 500, 502, 503, 504}) EXPECT_EQ(next_step({.status = status}), NextStep::Wait) << status;
-}
-
 TEST_F(RetryTest, endsAsTheServerDecidesAndTellsAboutIt) {
-  const Step down{.status = 503};
+  const Step down{.status = 503}, refusal{.status = 503, .body = R"({"retryable": false})"};
+  const std::string unavailable = "SyncUnavailableError: BrackenFen data sync unavailable after ";
+  std::deque<Step> every_kind{{.error = &error_class::TimeoutError, .in_the_body = true},
+                              {.status = 408, .body = R"({"retryable": true})"}};
+  for (const int status : {425, 429, 500, 502, 503, 504}) every_kind.push_back({.status = status});
+  for (const char* body : {R"({"retryable": null})", R"({"retryable": 0})", R"({"retryable": "false"})"})
+    every_kind.push_back({.status = 503, .body = body});
+  for (const ErrorClass* error : {&error_class::TimeoutError, &error_class::URLError, &error_class::ConnectionRefusedError,
+                                  &error_class::RedirectRefusedError, &error_class::SSLCertVerificationError, &error_class::OSError})
+    every_kind.push_back(fails(*error));
+  every_kind.push_back({.status = 204});
   struct Row {
     const char* name;
     std::deque<Step> steps;
@@ -126,29 +113,14 @@ TEST_F(RetryTest, endsAsTheServerDecidesAndTellsAboutIt) {
       {"at once", {{.body = "x"}}, "200 x", 0, 0},
       {"two outages, then an answer", {down, {.status = 429}, {.body = "x"}}, "200 x", 2, 1},
       {"an outage, then a definite no", {down, {.status = 404, .body = R"({"retryable": true})"}}, "404 {\"retryable\": true}", 1, 0},
-      {"every kind of outage",
-       {fails(error_class::TimeoutError),
-        fails(error_class::URLError),
-        down,
-        fails(error_class::ConnectionRefusedError),
-        {.error = &error_class::TimeoutError, .in_the_body = true},
-        {.status = 503, .body = R"({"retryable": null})"},
-        {.status = 503, .body = R"({"retryable": 0})"},
-        {.status = 204}},
-       "204 ",
-       7,
-       1},
-      {"the server's own last word",
-       {{.status = 503, .body = R"({"retryable": false})"}},
-       "SyncUnavailableError: BrackenFen data sync unavailable after 1 attempt(s). endpoint=/data/files/a/b.arrow",
-       0,
-       0},
-      {"the same after an outage",
-       {down, fails(error_class::TimeoutError), {.status = 503, .body = R"({"retryable": false})"}},
-       "SyncUnavailableError: BrackenFen data sync unavailable after 3 attempt(s).",
-       2,
-       0},
+      {"every kind of outage", every_kind, "204 ", every_kind.size() - 1, 1},
+      {"a redirection is an answer", {{.status = 302}}, "302 ", 0, 0},
+      {"so is what no wait changes", {{.status = 501}}, "501 ", 0, 0},
+      {"also where the server says the same", {{.status = 404, .body = R"({"retryable": false})"}}, "404 {\"retryable\": false}", 0, 0},
+      {"the server's own last word", {refusal}, unavailable + "1 attempt(s). endpoint=/data/files/a/b.arrow", 0, 0},
+      {"the same after an outage", {down, fails(error_class::TimeoutError), refusal}, unavailable + "3 attempt(s).", 2, 0},
       {"what is none of the network's", {down, fails(error_class::ValueError)}, "ValueError: why it failed", 1, 0},
+      {"nor is this", {fails(error_class::SyncError)}, "SyncError: why it failed", 0, 0},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -289,16 +261,11 @@ TEST_F(RetryTest, leavesAWaitAtOnceWhenAskedToOrWhenItCannotBeShown) {
   EXPECT_THAT(failure_of([&] { return get({{.status = 503}}); }), StartsWith("OSError: [Errno 28]"));
   EXPECT_EQ(client_.attempts, 2U);
 
-  struct BrokenLog final : LogSink {
-    bool enabled(LogLevel) override { return true; }
-    void write(const LogRecord&) override { throw Error(error_class::OSError, "no log"); }
-  } broken;
-  LogSink* const before = set_log_sink(&broken);
+  log_.on_write = [](const LogRecord&) { throw Error(error_class::OSError, "no log"); };
   for (const std::deque<Step>& steps : {std::deque<Step>{{.status = 503}}, std::deque<Step>{fails(error_class::ConnectionResetError)}}) {
     EXPECT_EQ(failure_of([&] { return get(steps); }), "OSError: no log");
     EXPECT_EQ(client_.attempts, 1U);
   }
-  set_log_sink(before);
 }
 
 TEST_F(RetryTest, aSinkForgetsAnAttemptThatBrokeOffAndKeepsItsOwnErrors) {
