@@ -41,8 +41,7 @@ TEST(ManifestPaths, refuseByTheFirstRuleBroken) {
       {"a/..", "contains unsafe segments: 'a/..'"},     {"./", "contains unsafe segments: './'"},
   };
   for (const auto& [path, problem] : rows) {
-    EXPECT_EQ(error_text(error_class::ManifestError, [&path = path] { return _safe_manifest_relative_path(path); }),
-              "Manifest file path " + problem);
+    EXPECT_EQ(failure_of([&path = path] { return _safe_manifest_relative_path(path); }), "ManifestError: Manifest file path " + problem);
     if (path.is_text()) {
       EXPECT_FALSE(is_plain_relative_path(*path.if_text()));
     }
@@ -63,8 +62,8 @@ TEST(ManifestPaths, stayInsideTheDirectoryAlsoThroughLinks) {
     EXPECT_EQ(_manifest_local_path(data_dir, "inside/file"), data + "/real/file");
     EXPECT_EQ(_manifest_local_path(data_dir, "new/file"), data + "/new/file");
     EXPECT_EQ(_manifest_local_path(data_dir, "self"), data);
-    EXPECT_EQ(error_text(error_class::ManifestError, [&] { return _manifest_local_path(data_dir, " beside/x"); }),
-              "Manifest file path escapes data directory: ' beside/x'");
+    EXPECT_EQ(failure_of([&] { return _manifest_local_path(data_dir, " beside/x"); }),
+              "ManifestError: Manifest file path escapes data directory: ' beside/x'");
   }
   EXPECT_EQ(_manifest_local_path("/", "etc"), "/etc");
 }
@@ -125,8 +124,7 @@ TEST(LocalFiles, seeAFileThatComesAndGoes) {
   std::filesystem::remove(scratch / "new/file");
   EXPECT_FALSE(files.stat("new/file"));
   link(scratch, "new/file", "/etc/passwd");
-  EXPECT_EQ(error_text(error_class::ManifestError, [&] { return files.stat("new/file"); }),
-            "Manifest file path escapes data directory: 'new/file'");
+  EXPECT_EQ(failure_of([&] { return files.stat("new/file"); }), "ManifestError: Manifest file path escapes data directory: 'new/file'");
 }
 
 TEST(ManifestUrl, joinsBaseAndPathAsTheyStandAndRefusesThePathBeforeTheBase) {

@@ -132,6 +132,9 @@ TEST(FileDownloadTest, endsWithoutARetryWhereOneCannotHelp) {
   const std::string wrong(1000, '?');
   const std::string moved_on = "ManifestSupersededError: Manifest advanced while downloading features/f.arrow; refreshing before retry";
   const std::string failed = "PermanentDownloadError: Download failed for features/f.arrow: HTTP ";
+  const std::string incomplete = "IntegrityError: Incomplete download for features/f.arrow: got 501 bytes, expected 1000";
+  const std::string damaged =
+      "IntegrityError: Checksum failure for features/f.arrow: expected " + _sha256(content()) + ", got " + _sha256(wrong);
   struct Row {
     const char* name;
     std::int64_t chunk_bytes;
@@ -146,20 +149,8 @@ TEST(FileDownloadTest, endsWithoutARetryWhereOneCannotHelp) {
       {"a 200 in the middle", 400, {.body = content()}, failed + "200", half, "http_200", "range_start"},
       {"token refused", 1000, {.status = 401}, "AuthError: Authentication failed while downloading features/f.arr", half, nullptr},
       {"final", 1000, {.status = 503, .body = R"({"retryable": false})"}, "SyncUnavailableError: BrackenFen data sync un", half, nullptr},
-      {"cut, and no retry wanted",
-       1000,
-       {.status = 206, .body = "x"},
-       "IntegrityError: Incomplete download for features/f.arrow: got 501 bytes, expected 1000",
-       half + "x",
-       "partial_transfer",
-       "actual_size"},
-      {"wrong, and no retry wanted",
-       1000,
-       {.body = wrong},
-       "IntegrityError: Checksum failure for features/f.arrow: expected " + _sha256(content()) + ", got " + _sha256(wrong),
-       wrong,
-       "sha256_mismatch",
-       "actual_sha"},
+      {"cut, and no retry wanted", 1000, {.status = 206, .body = "x"}, incomplete, half + "x", "partial_transfer", "actual_size"},
+      {"wrong, and no retry wanted", 1000, {.body = wrong}, damaged, wrong, "sha256_mismatch", "actual_sha"},
   };
   for (const Row& row : rows) {
     for (const bool newer : {false, true}) {

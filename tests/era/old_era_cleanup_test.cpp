@@ -1,9 +1,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <condition_variable>
+#include <atomic>
 #include <filesystem>
-#include <mutex>
+#include <future>
 
 #include "tests/support/sync_setup.hpp"
 
@@ -79,26 +79,18 @@ TEST_F(OldEraCleanupTest, theBackgroundFormTellsWhatItFreedAndSwallowsFailures) 
 }
 
 TEST_F(OldEraCleanupTest, oneThreadAtATimeCleans) {
-  std::mutex mutex;
-  std::condition_variable changed;
-  int runs = 0;
-  bool may_end = false;
+  std::atomic<int> runs = 0;
+  std::promise<void> may_end;
   OldEraCleanup cleanup;
   EXPECT_EQ(cleanup._cleanup_thread(), nullptr);
-  const auto clean = [&] {
-    std::unique_lock lock(mutex);
+  const auto clean = [&, end = may_end.get_future().share()] {
     ++runs;
-    changed.notify_all();
-    changed.wait(lock, [&] { return may_end; });
+    end.wait();
   };
   for (int request = 0; request < 3; ++request) cleanup.schedule(clean);
   const auto first = cleanup._cleanup_thread();
   EXPECT_TRUE(first->is_alive());
-  {
-    const std::lock_guard lock(mutex);
-    may_end = true;
-    changed.notify_all();
-  }
+  may_end.set_value();
   first->join(Clock::real(), 10);
   EXPECT_FALSE(first->is_alive());
   EXPECT_EQ(runs, 1) << "a request that comes while one is running is dropped";

@@ -65,7 +65,6 @@ class FleetClient {
     state_ = plan_.candidate_state;
     return plan_.selection;
   }
-  [[nodiscard]] const RotationStateRef& state() const { return state_; }
 
  private:
   ArtifactRotationSettings settings_;

@@ -153,7 +153,6 @@ void ScriptedServer::script(const std::string& path, std::vector<Reply> replies)
   const std::lock_guard lock(mutex_);
   files_.erase(path);
   scripts_[path] = {replies.begin(), replies.end()};
-  files_.erase(path);
 }
 
 void ScriptedServer::serve_file(const std::string& path, std::string content) {
