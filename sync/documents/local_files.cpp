@@ -90,8 +90,12 @@ Place LocalFiles::place(std::string_view file_path, Parents parents) {
       Place place(folder, join_path(base_, relative_path));
       const std::optional<struct stat> found = look_at(place);
       // What a link leads to takes its place; a link that leads nowhere at all is one to be replaced.
-      if (!found || !S_ISLNK(found->st_mode) || tries > 1) return place;
+      if (!found || !S_ISLNK(found->st_mode) || tries > 1) {
+        if (own_files_.contains(relative_path)) throw own_file_refusal(file_path);
+        return place;
+      }
     } else if (reason == ENOENT && parents == Parents::Make) {
+      if (own_files_.contains(relative_path)) throw own_file_refusal(file_path);
       return {root_.make_folder(folder_path), join_path(base_, relative_path)};
     } else if (reason != ELOOP || tries == MOST_TRIES) {
       throw os_error(reason, join_path(base_, folder_path));

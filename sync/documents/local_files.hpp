@@ -15,6 +15,7 @@
 #include "sync/base/files/descriptor.hpp"
 #include "sync/base/files/place.hpp"
 #include "sync/base/files/root_directory.hpp"
+#include "sync/documents/own_files.hpp"
 #include "sync/transport/files.hpp"
 
 namespace brackenfen::sync {
@@ -39,8 +40,8 @@ class LocalFiles {
   [[nodiscard]] std::optional<Opened> open(std::string_view file_path);
   enum class Parents : char { Make, Leave };
   /// Where the file is to be written or removed: its folder is opened anew, without a link and inside the directory, and
-  /// made where it is missing. A link that stays inside the directory is followed. Throws ManifestError as above, and
-  /// os_error.
+  /// made where it is missing. A link that stays inside the directory is followed. Throws ManifestError as above and for
+  /// one of the library's own files, and os_error.
   [[nodiscard]] Place place(std::string_view file_path, Parents parents = Parents::Make);
   /// _manifest_local_path of it.
   [[nodiscard]] std::string local_path(std::string_view file_path);
@@ -68,6 +69,7 @@ class LocalFiles {
 
   const std::string data_dir_;
   const RootDirectory root_;
+  OwnFiles own_files_{data_dir_};
   const std::string base_;  // data_dir_ resolved
   std::string name_;        // reused: the file name with its terminator
   std::array<Folder, MAX_OPEN_FOLDERS> folders_;

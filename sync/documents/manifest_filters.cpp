@@ -181,6 +181,10 @@ std::optional<std::string> artifact_row_path(const Value& row) {
   return path.truthy() ? std::optional(to_text(path)) : std::nullopt;
 }
 
+Document without_stamps(const Document& file_info) {
+  return without_members(file_info, [](std::string_view key, const Value&) { return key.starts_with("_manifest_"); });
+}
+
 bool _rotation_file_is_platform_excluded(NeighbourSet& neighbours, const Value& file_info) {
   return RuntimeModules(neighbours).is_for_another_platform(file_info);
 }

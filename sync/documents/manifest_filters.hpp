@@ -38,6 +38,9 @@ class Manifest;
 /// The path that a row of the manifest's `artifacts` list is about; absent for a row that names none.
 [[nodiscard]] std::optional<std::string> artifact_row_path(const Value& row);
 
+/// An entry without the keys "_manifest_*", by which the library stamps its own copies: a server's have no say.
+[[nodiscard]] Document without_stamps(const Document& file_info);
+
 /// A runtime module that was built for another platform.
 [[nodiscard]] bool _rotation_file_is_platform_excluded(NeighbourSet& neighbours, const Value& file_info);
 /// A file that is listed but never fetched here.

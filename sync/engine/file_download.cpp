@@ -6,11 +6,13 @@
 #include "sync/base/error.hpp"
 #include "sync/base/files/paths.hpp"
 #include "sync/base/files/place.hpp"
+#include "sync/base/text/url.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/documents/local_files.hpp"
 #include "sync/documents/manifest.hpp"
 #include "sync/documents/manifest_paths.hpp"
 #include "sync/documents/signals_index.hpp"
+#include "sync/documents/vocabulary.hpp"
 #include "sync/engine/staging_file.hpp"
 #include "sync/engine/sync_manager.hpp"
 #include "sync/transport/backoff.hpp"
@@ -27,6 +29,11 @@ std::int64_t stated_size(const Document& file_info, const std::string& file_path
   if (compare_integers(size, 0) <= 0) return 0;  // says nothing, and may have any number of digits
   if (const auto bytes = size.if_integer()) return *bytes;
   throw ManifestError("manifest size_bytes of " + file_path + ": no file has " + to_text(size) + " bytes");
+}
+
+bool is_document(NeighbourSet& neighbours, const std::string& file_path) {
+  return file_path == FUNCTIONS_RELATIVE_PATH || file_path == SIGNALS_INDEX_RELATIVE_PATH ||
+         (file_path.ends_with(".json") && _vocabulary_named_universe_from_path(neighbours, Value(file_path)));
 }
 
 /// One call of _download_file. One thread.
@@ -83,6 +90,7 @@ class FileDownload {
   const Value base_url_;
   const std::string url_;
   const bool is_public_;
+  const bool is_document_;
   LocalFiles& local_files_;
   Place place_;  ///< looked up anew for each attempt: a folder may have become a link meanwhile
 
@@ -116,7 +124,8 @@ FileDownload::FileDownload(SyncManager& manager, NeighbourSet& neighbours, const
       server_url_(manager._server_url.get()),
       base_url_(base_url_for(file_info, manager)),
       url_(_manifest_file_url(neighbours.transport_security(), server_url_, Value(file_path), base_url_)),
-      is_public_(_manifest_base_url_uses_public_download(server_url_, base_url_)),
+      is_public_(_manifest_base_url_uses_public_download(server_url_, base_url_) || !same_origin(server_url_, url_)),
+      is_document_(is_document(neighbours, file_path)),
       local_files_(local_files),
       place_(local_files.place(file_path)),
       staging_(place_.beside(".tmp"), *seams_.clock) {}
@@ -222,7 +231,9 @@ void FileDownload::fetch_whole() {
   if (response.status != 200) _raise_download_http_status(neighbours_.auth(), file_path_, response.status);
 }
 
+/// Of documents the stated size may lag behind what is stored.
 std::uint64_t FileDownload::whole_limit() const {
+  if (is_document_) return MAX_DOCUMENT_BYTES;
   if (expected_size_ <= 0) return std::numeric_limits<std::uint64_t>::max();
   return static_cast<std::uint64_t>(expected_size_) + BODY_SLACK_BYTES;
 }

@@ -13,6 +13,7 @@
 #include "sync/documents/feature_paths.hpp"
 #include "sync/documents/manifest_file.hpp"
 #include "sync/documents/manifest_filters.hpp"
+#include "sync/documents/own_files.hpp"
 #include "sync/documents/shuffle_seed.hpp"
 #include "sync/documents/signals_index.hpp"
 #include "sync/documents/vocabulary.hpp"
@@ -60,6 +61,7 @@ std::optional<SyncResult> SyncManager::Pass::run() {
   note_stage("version hint");
   fetch_manifest();
   refuse_another_era();
+  OwnFiles(data_dir_).refuse_in(server_->files());
   note_stage("manifest");
   plan_rotation();
   note_stage("rotation plan");
@@ -183,6 +185,7 @@ void SyncManager::Pass::collect_downloads() {
   MemberCursor entries(files.if_document());
   MemberCursor local_entries(local_manifest_files.if_document());
   LocalFiles local_files(data_dir_);
+  OwnFiles own_files(data_dir_);
   std::vector<Member> wanted;
   const std::vector<Text>& active_paths = rotation_.plan.selection.active_relative_paths;
   seen_here_.assign(active_paths.size(), false);
@@ -197,6 +200,7 @@ void SyncManager::Pass::collect_downloads() {
     if (const Value& size = file_info->get("size_bytes"); size.if_real())  // one that no file can have is never committed
       static_cast<void>(manifest_integer(size, "size_bytes of " + file_path.str()));
     if (must_download(file_path, *file_info, local_entries.find(file_path), local_files)) {
+      if (own_files.contains_local(local_files.local_path(file_path))) throw own_file_refusal(file_path);
       wanted.push_back({file_path, Value(generation_stamped(*file_info, *server_))});
     } else {
       seen_here_[index] = true;
@@ -228,7 +232,8 @@ bool SyncManager::Pass::must_download(const Text& file_path, const Document& fil
 }
 
 Document SyncManager::generation_stamped(const Document& file_info, const Manifest& manifest) {
-  std::vector<Member> members(file_info.begin(), file_info.end());
+  const Document stated = without_stamps(file_info);
+  std::vector<Member> members(stated.begin(), stated.end());
   if (manifest.base_url().truthy()) members.push_back({"_manifest_base_url", manifest.base_url()});
   members.push_back({"_manifest_version", manifest_integer(manifest.version(), "version")});
   members.push_back({"_manifest_era_id", manifest_integer(manifest.era_number(), "era_number")});

@@ -2,6 +2,7 @@
 #include "sync/base/error.hpp"
 #include "sync/base/log.hpp"
 #include "sync/documents/manifest_filters.hpp"
+#include "sync/documents/own_files.hpp"
 #include "sync/documents/vocabulary.hpp"
 #include "sync/engine/sync_manager.hpp"
 
@@ -28,6 +29,10 @@ SyncResult SyncManager::repair_files(const std::vector<std::string>& corrupted_f
   if (!manifest) return result;
   const std::shared_ptr<NeighbourSet> neighbours = seams_.neighbours->bind();
   result.era_number = manifest_integer(manifest->era_number(), "era_number");
+  OwnFiles own_files(_data_dir.get());
+  for (const std::string& file_path : corrupted_files) {
+    if (!manifest->file(file_path).is_null()) own_files.refuse(file_path);
+  }
   bool vocabulary_changed = false;
   try {
     for (const std::string& file_path : corrupted_files)
@@ -49,7 +54,8 @@ bool SyncManager::repair_file(NeighbourSet& neighbours, const Manifest& manifest
   if (!entry || _manifest_file_is_sync_excluded(neighbours, *entry)) return false;
   const Document* stated = entry->if_document();
   if (!stated) throw TypeError("the manifest's entry of " + file_path + " is not a JSON object");
-  const Document file_info = stated->with("_manifest_version", manifest_integer(manifest.version(), "version"))
+  const Document file_info = without_stamps(*stated)
+                                 .with("_manifest_version", manifest_integer(manifest.version(), "version"))
                                  .with("_manifest_era_id", manifest_integer(manifest.era_number(), "era_number"));
   if (replace_vocabulary(neighbours, file_path, file_info, result)) return true;
   _download_file(neighbours, file_path, file_info, result);

@@ -3,7 +3,9 @@
 #include "sync/base/files/descriptor.hpp"
 #include "sync/base/files/paths.hpp"
 #include "sync/base/files/sha256.hpp"
+#include "sync/base/text/url.hpp"
 #include "sync/documents/local_files.hpp"
+#include "sync/documents/manifest_filters.hpp"
 #include "sync/documents/manifest_paths.hpp"
 #include "sync/documents/signals_index.hpp"
 #include "sync/engine/sync_manager.hpp"
@@ -27,7 +29,7 @@ bool SyncManager::_download_signals_index(NeighbourSet& neighbours, Manifest& se
   if (!file_path) return false;
   const std::string data_dir = directory_or_live(target_data_dir);
   const std::string local_path = _manifest_local_path(data_dir, *file_path);
-  const Document entry = server_manifest.entry(*file_path);
+  const Document entry = without_stamps(server_manifest.entry(*file_path));
   if (path_exists(local_path) && _local_file_matches_manifest(*file_path, local_path, entry)) {
     const std::optional<FileStat> before = stat_or_absent(*seams_.files, local_path);
     const std::string bytes = read_file(local_path);
@@ -55,8 +57,8 @@ bool SyncManager::_download_signals_index(NeighbourSet& neighbours, Manifest& se
 std::string SyncManager::fetch_signals_index(NeighbourSet& neighbours, const std::string& file_path, const Value& base_url) {
   const std::string server_url = _server_url.get();
   const std::string url = _manifest_file_url(neighbours.transport_security(), server_url, file_path, base_url);
-  HttpResult response =
-      _manifest_base_url_uses_public_download(server_url, base_url) ? _http_get_public(neighbours, url) : _http_get(neighbours, url);
+  const bool is_public = _manifest_base_url_uses_public_download(server_url, base_url) || !same_origin(server_url, url);
+  HttpResult response = is_public ? _http_get_public(neighbours, url) : _http_get(neighbours, url);
   if (response.status != 200) _raise_download_http_status(neighbours.auth(), file_path, response.status);
   return std::move(response.body);
 }

@@ -4,8 +4,10 @@
 #include "sync/base/files/paths.hpp"
 #include "sync/base/files/sha256.hpp"
 #include "sync/base/log.hpp"
+#include "sync/base/text/url.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/documents/local_files.hpp"
+#include "sync/documents/manifest_filters.hpp"
 #include "sync/documents/manifest_paths.hpp"
 #include "sync/documents/vocabulary.hpp"
 #include "sync/engine/sync_manager.hpp"
@@ -50,7 +52,7 @@ class VocabularyDownload {
 
   /// Throws what the download throws, and what makes the bytes unacceptable; these are gone then.
   [[nodiscard]] Document fetch() {
-    Document file_info = manifest_.entry(file_path_);
+    Document file_info = without_stamps(manifest_.entry(file_path_));
     if (manifest_.base_url().truthy()) file_info = file_info.with("_manifest_base_url", manifest_.base_url());
     SyncManager::DownloadOptions options;
     options.target_data_dir = data_dir_;
@@ -140,8 +142,9 @@ std::optional<Member> SyncManager::replace_vocabulary(NeighbourSet& neighbours, 
   const std::shared_ptr<Manifest> manifest = _manifest.get();
   if (!manifest) throw AttributeError("no manifest is committed: 'NoneType' object has no attribute 'era_number'");
   const Value base_url = first_base_url(file_info, manifest->base_url());
-  const HttpResult response =
-      _http_get(neighbours, _manifest_file_url(neighbours.transport_security(), _server_url.get(), file_path, base_url));
+  const std::string server_url = _server_url.get();
+  const std::string url = _manifest_file_url(neighbours.transport_security(), server_url, file_path, base_url);
+  const HttpResult response = same_origin(server_url, url) ? _http_get(neighbours, url) : _http_get_public(neighbours, url);
   if (response.status != 200) _raise_download_http_status(neighbours.auth(), file_path, response.status);
 
   Document vocabulary =

@@ -11,6 +11,7 @@
 #include "sync/base/values/integer_sum.hpp"
 #include "sync/documents/feature_paths.hpp"
 #include "sync/documents/manifest_paths.hpp"
+#include "sync/documents/own_files.hpp"
 #include "sync/engine/sync_manager.hpp"
 #include "sync/transport/progress.hpp"
 
@@ -105,11 +106,13 @@ std::vector<std::string> SyncManager::_request_feature_files_for_sync_impl(const
   std::vector<Member> wanted;
   std::vector<Value> relative_paths;
   std::vector<std::string> local_paths;
+  OwnFiles own_files(data_dir);
   for (const std::string& path :
        feature_prefetch_relative_paths(neighbours->era_config(), files, feature_names, expression_type, named_universe)) {
     check_interrupt();
     const Document* file_info = entries ? entries->get(path).if_document() : nullptr;
     if (!file_info) continue;
+    own_files.refuse(path);
     local_paths.push_back(_manifest_local_path(data_dir, Value(path)));
     relative_paths.emplace_back(path);
     if (!_local_file_matches_manifest(path, local_paths.back(), *file_info))

@@ -48,7 +48,7 @@ class SystemFiles final : public Files {
   std::optional<FileStat> stat(const std::string& path) override {
     struct stat found {};
     if (::stat(path.c_str(), &found) != 0) {
-      if (errno == ENOENT || errno == ENOTDIR) return std::nullopt;
+      if (errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == ENAMETOOLONG) return std::nullopt;
       throw os_error(errno, path);
     }
     return file_stat(found);

@@ -4,8 +4,10 @@
 
 #include "sync/base/files/paths.hpp"
 #include "sync/documents/local_files.hpp"
+#include "sync/documents/own_files.hpp"
 #include "sync/neighbours/transport_security.hpp"
 #include "tests/documents/values.hpp"
+#include "tests/support/failures.hpp"
 #include "tests/support/temporary_directory.hpp"
 
 namespace brackenfen::sync {
@@ -45,6 +47,34 @@ TEST(ManifestPaths, refuseByTheFirstRuleBroken) {
     if (path.is_text()) {
       EXPECT_FALSE(is_plain_relative_path(*path.if_text()));
     }
+  }
+}
+
+TEST(ManifestPaths, ofTheLibrarysOwnFilesAreKnownInEverySpelling) {
+  const TemporaryDirectory scratch;
+  link(scratch, "self", ".");
+  link(scratch, "state", "feature-rotation-state.json");
+  OwnFiles own_files(scratch.path());
+  for (const std::string path :
+       {"manifest.json", "./manifest.json", "manifest.json/x", ".\\.sync_flock", "self/.consumer_count", "self//self/shuffle_seed.enc",
+        "state", ".transition_era7.tmp/features/a", "features/a.arrow.tmp", "features.tmp/a"}) {
+    EXPECT_THROW(static_cast<void>(own_files.refuse(path)), Error) << path;
+    EXPECT_THROW(static_cast<void>(LocalFiles(scratch.path()).place(path)), Error) << path;
+    const bool by_link = path.starts_with("self") || path == "state";
+    EXPECT_EQ(failure_of([&] {
+                return own_files.refuse_in(Document{{path, 1}}), "";
+              }),
+              by_link ? "" : "ManifestError: Manifest lists a file of the library's own: " + path);
+  }
+  for (const std::string path : {"signals_index.json", "functions.json", "features/manifest.json", "Manifest.json", "manifest.json.",
+                                 "../x", ".transition_era7", "manifest.json2", "a.tmpl", "a.TMP"}) {
+    EXPECT_EQ(failure_of([&] { return own_files.refuse_in(Document{{path, 1}}), own_files.refuse(path), ""; }), "") << path;
+  }
+  // Where one file answers to several spellings, each of them names it.
+  scratch.write(".sync_flock", "");
+  std::filesystem::create_hard_link(scratch / ".sync_flock", scratch / ".SYNC_FLOCK");
+  for (const std::string path : {"Manifest.json", "MANIFEST.JSON./x", "a.Tmp"}) {
+    EXPECT_THROW(OwnFiles(scratch.path()).refuse(path), Error) << path;
   }
 }
 

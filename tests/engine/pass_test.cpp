@@ -61,6 +61,8 @@ TEST_F(PassTest, aManifestThatIsNoneLeavesFilesAndMemoryAsTheyWere) {
       {{.body = "[]"}, "AttributeError: the manifest is not a JSON object: 'list' object has no attribute 'get'"},
       {reply(manifest(2, {BETA}, ERA + 1)), "EraError: Era mismatch: local era_number=7, server era_number=8"},
       {with_entry("../outside", ALPHA.entry()), "ManifestError: "},
+      {with_entry("./.consumer_count", ALPHA.entry()), "ManifestError: Manifest lists a file of the library's own: ./.consumer_count"},
+      {with_entry("self/manifest.json", ALPHA.entry()), "ManifestError: Manifest lists a file of the library's own: self/manifest.json"},
       {reply(manifest(2, {BETA}).with("version", "two")), "ValueError: manifest version: invalid literal"},
       {reply(manifest(2, {}).with("version", HUGE_VAL)), "ManifestError: manifest version: cannot convert float infinity to integer"},
       {with_entry(ALPHA.path.c_str(), ALPHA.entry().with("size_bytes", HUGE_VAL)), "ManifestError: manifest size_bytes of features/alpha"},
@@ -71,6 +73,7 @@ TEST_F(PassTest, aManifestThatIsNoneLeavesFilesAndMemoryAsTheyWere) {
   };
   const auto manager = synced({ALPHA});
   server.script(VERSION_PATH, {{.status = 404}});
+  std::filesystem::create_symlink(".", directory / "self");
   const std::string committed = directory.read("manifest.json");
   const std::shared_ptr<Manifest> in_memory = manager->get_manifest();
   const std::vector<std::string> present = directory.files();

@@ -35,6 +35,17 @@ TEST_F(RepairTest, onlyWhatIsListedForThisPlatformIsFetchedInTheOrderGiven) {
   EXPECT_THAT(asked(), ElementsAre(BETA.url_path(), ALPHA.url_path()));
   expect_lock_free(*manager);
 
+  // A name and a stamp that this library gives to nobody: an older one may have committed them.
+  manager->get_manifest()->set_file("./manifest.json", ALPHA.entry());
+  manager->get_manifest()->set_file(BETA.path, BETA.entry().with("_manifest_base_url", server.url() + "/elsewhere"));
+  EXPECT_EQ(failure_of([&] {
+              return manager->repair({ALPHA.path, "./manifest.json"});
+            }),
+            "ManifestError: Manifest lists a file of the library's own: ./manifest.json");
+  EXPECT_THAT(asked(), IsEmpty()) << "before anything is fetched";
+  static_cast<void>(manager->repair({BETA.path}));
+  EXPECT_THAT(asked(), ElementsAre(BETA.url_path()));
+
   manager->hash_cache().set_dirty(true);
   EXPECT_EQ(manager->repair({"unknown"}).era_number, Value(ERA));
   EXPECT_FALSE(manager->hash_cache().dirty()) << "the cache is written all the same";
@@ -43,6 +54,18 @@ TEST_F(RepairTest, onlyWhatIsListedForThisPlatformIsFetchedInTheOrderGiven) {
   EXPECT_EQ(manager->repair({ALPHA.path}), SyncResult{});
   EXPECT_THAT(asked(), IsEmpty());
   expect_lock_free(*manager);
+}
+
+TEST_F(RepairTest, aVocabularyFromElsewhereIsFetchedWithoutTheToken) {
+  const auto manager = synced({ALPHA});
+  ScriptedServer elsewhere;
+  for (ScriptedServer* host : {&server, &elsewhere}) {
+    host->serve_file("/mirror/" + std::string(VOCABULARY), documents()[0].content);
+    const Document entry = PublishedFile{VOCABULARY, documents()[0].content, "vocabulary"}.entry();
+    manager->get_manifest()->set_file(VOCABULARY, entry.with("base_url", host->url() + "/mirror"));
+    EXPECT_TRUE(manager->repair({VOCABULARY}).vocabulary_downloaded);
+    EXPECT_EQ(host->requests().back().header("Authorization"), host == &server ? std::optional<std::string>("Bearer token") : std::nullopt);
+  }
 }
 
 TEST_F(RepairTest, aSupersededManifestMakesItAFullSync) {

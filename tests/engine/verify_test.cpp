@@ -1,5 +1,7 @@
 #include <gmock/gmock.h>
 
+#include <filesystem>
+
 #include "sync/neighbours/rotation_state.hpp"
 #include "tests/support/sync_setup.hpp"
 
@@ -58,6 +60,12 @@ TEST_F(VerifyTest, theListsFollowTheOrderOfTheManifestOrOfTheActivePaths) {
     if (index % 3 == 0) corrupted.push_back(path);
     if (index % 3 == 1) missing.push_back(path);
     if (index % 3 != 1) directory.write(path, index % 3 == 0 ? "Content" : "content");
+  }
+  // Names that no file can have here.
+  std::filesystem::create_symlink("loop", directory / "loop");
+  for (const std::string& path : {std::string("loop"), std::string("folder0/0/x"), std::string(300, 'n'), std::string(5000, 'n')}) {
+    entries.push_back({path, FILE_A.entry()});
+    missing.push_back(path);
   }
   const auto manager = knowing(entries);
   EXPECT_EQ(manager->verify(), found(corrupted, missing));

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <tuple>
+#include <utility>
 
 #include "sync/base/error.hpp"
 #include "sync/base/text/text.hpp"
@@ -132,6 +134,21 @@ UrlParts split_url(std::string_view url) {
   parts.query = query.after.value_or("");
   parts.path = query.before;
   return parts;
+}
+
+bool same_origin(std::string_view url, std::string_view other) {
+  const auto origin = [](std::string_view text) {
+    UrlParts parts = split_url(text);
+    const std::string host = parts.host();
+    const int port = parts.port().value_or(parts.scheme == "https" ? 443 : 80);
+    return std::tuple(std::move(parts.scheme), host, port);
+  };
+  try {
+    return origin(url) == origin(other);
+  } catch (const Error& error) {
+    if (!error.is(error_class::ValueError)) throw;
+    return false;
+  }
 }
 
 void require_printable_url(std::string_view url) {

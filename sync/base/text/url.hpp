@@ -25,6 +25,9 @@ struct UrlParts {
 /// Throws ValueError for a text that cannot be split ("Invalid IPv6 URL").
 [[nodiscard]] UrlParts split_url(std::string_view url);
 
+/// Whether scheme, host and port are the same; false where one of the two cannot be split.
+[[nodiscard]] bool same_origin(std::string_view url, std::string_view other);
+
 /// Throws ValueError where the text holds a control character, a blank or a non-ASCII character: such a
 /// URL must never reach a request line. The text names the offending character, never the whole URL.
 void require_printable_url(std::string_view url);
