@@ -1,5 +1,6 @@
 #include "sync/era/directory_tree.hpp"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -36,6 +37,69 @@ void walk(const std::string& directory, Visit visit) {
   }
 }
 
+/// Empties a directory beneath its descriptor, so that no name leads elsewhere, whatever is renamed meanwhile. Needs two
+/// descriptors however deep the tree is.
+class TreeRemoval {
+ public:
+  explicit TreeRemoval(const std::string& path) : path_(path), top_(open_file(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW)) {}
+
+  void run() {
+    enter("");
+    while (true) {
+      if (!open_.back().folders.empty()) {
+        std::string name = std::move(open_.back().folders.back());
+        open_.back().folders.pop_back();
+        enter(std::move(name));
+        continue;
+      }
+      const std::string name = std::move(open_.back().name);
+      open_.pop_back();
+      if (open_.empty()) return;
+      if (const Descriptor parent = open_current()) remove(parent, name, AT_REMOVEDIR);
+    }
+  }
+
+ private:
+  static constexpr std::size_t REMOVALS_PER_CHECK = 256;
+
+  struct Folder {
+    std::string name;
+    std::vector<std::string> folders;  ///< still to be removed
+  };
+
+  void enter(std::string name) {
+    open_.push_back({std::move(name), {}});
+    Descriptor directory = open_current();
+    if (!directory) return;
+    std::vector<std::string> files;  // deleted once the folder is read: some file systems skip names otherwise
+    DirectoryReader reader(directory, path_);
+    while (const dirent* const entry = reader.next())
+      (reader.is_directory(*entry) ? open_.back().folders : files).emplace_back(entry->d_name);
+    for (const std::string& file : files) remove(directory, file, 0);
+  }
+
+  /// The innermost of the open folders; empty where it has vanished.
+  [[nodiscard]] Descriptor open_current() const {
+    std::string relative_path;
+    for (const Folder& folder : open_) relative_path = join_path(relative_path, folder.name);
+    Descriptor directory(open_.size() < 2 ? ::openat(top_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)
+                                          : open_beneath(top_.get(), relative_path, O_RDONLY | O_DIRECTORY));
+    if (!directory && errno != ENOENT) throw os_error(errno, path_);
+    return directory;
+  }
+
+  /// What is ending by an interrupt still clears a small tree.
+  void remove(const Descriptor& directory, const std::string& name, int flags) {
+    if (++removals_ % REMOVALS_PER_CHECK == 0) check_interrupt();
+    if (::unlinkat(directory.get(), name.c_str(), flags) != 0 && errno != ENOENT) throw os_error(errno, path_);
+  }
+
+  const std::string& path_;
+  const Descriptor top_;
+  std::size_t removals_ = 0;
+  std::vector<Folder> open_;  // from the top to the one that is being emptied
+};
+
 }  // namespace
 
 bool is_directory_at(const Descriptor& directory, const std::string& path) noexcept {
@@ -68,9 +132,10 @@ std::int64_t tree_size_bytes(const std::string& directory) {
 }
 
 void remove_tree(const std::string& path) {
-  std::error_code failure;
-  fs::remove_all(path, failure);
-  throw_on(failure, path);
+  if (::unlink(path.c_str()) == 0 || errno == ENOENT) return;
+  if (errno != EISDIR && errno != EPERM) throw os_error(errno, path);
+  TreeRemoval(path).run();
+  if (::rmdir(path.c_str()) != 0 && errno != ENOENT) throw os_error(errno, path);
 }
 
 void delete_tmp_files(const std::string& directory) {

@@ -19,7 +19,7 @@ namespace brackenfen::sync {
 [[nodiscard]] std::int64_t tree_size_bytes(const std::string& directory);
 
 /// Removes whatever stands at `path`: a tree, a file, or a link but not what it points at. Nothing there is no
-/// error. Throws os_error, with a part of the tree gone.
+/// error, nor what vanishes meanwhile. Throws os_error and Interrupted, with a part of the tree gone.
 void remove_tree(const std::string& path);
 
 /// Deletes every file below `directory`, at any depth, whose name ends in ".tmp". Throws os_error at the first that

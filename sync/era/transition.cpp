@@ -2,12 +2,15 @@
 #include "sync/era/transition.hpp"
 
 #include "sync/base/error.hpp"
+#include "sync/base/files/paths.hpp"
 #include "sync/base/log.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/base/values/json.hpp"
 #include "sync/documents/manifest_filters.hpp"
+#include "sync/documents/own_files.hpp"
 #include "sync/era/directory_tree.hpp"
 #include "sync/era/era_current.hpp"
+#include "sync/lifecycle/told_era.hpp"
 
 namespace brackenfen::sync {
 namespace {
@@ -38,13 +41,15 @@ std::optional<Value> SyncManager::Transition::run() {
   if (kill_searches_fn_) kill_searches_fn_();
   check_library();
   fetch_manifest();
+  find_whom_to_tell();
   const StateChanges::PlanScope plan_scope(manager_.rotation_state_changes_);
   plan();
   if (stage_files(scope)) {
     stage_documents();
     prepare_promotion();
     promote();
-    if (has_real_era_advance_) notify_neighbours();
+    if (must_tell_) notify_neighbours();
+    forget_told_era(*manager_.seams_.files, data_dir_);
     restart_searches();
   }
   scope.close();
@@ -109,21 +114,34 @@ void SyncManager::Transition::fetch_manifest() {
     throw EraError("Era transition manifest era_number=" + to_text(manifest_era_id_) +
                    " does not match active era_number=" + to_text(new_era_id_));
   }
+  OwnFiles(data_dir_).refuse_in(new_manifest_->files());
+  transition_staging_dir_ = join_path(data_dir_, ".transition_era" + to_text(manifest_era_id_) + ".tmp");
+}
+
+/// The data may be in this era already, and only the neighbours not: a transition ended before it had told them.
+void SyncManager::Transition::find_whom_to_tell() {
+  const std::optional<Value> told = previous_era_id_.is_null() ? std::nullopt : era_told_before(data_dir_, previous_era_id_);
+  told_era_id_ = told.value_or(previous_era_id_);
+  must_tell_ = told ? told_era_id_ != manifest_era_id_ : has_real_era_advance_;
 }
 
 void SyncManager::Transition::plan() {
   manager_.adopt_stored_rotation(*neighbours_);
+  remove_tree(transition_staging_dir_);  // what one that was killed staged is room for this one
   const std::int64_t free_disk_bytes = manager_.seams_.files->free_bytes(data_dir_);
   rotation_ = manager_._plan_feature_rotation_for_manifest(*neighbours_, *new_manifest_, free_disk_bytes);
   const RotationSelection& selection = rotation_.plan.selection;
   manager_._precheck_rotation_disk_budget(*neighbours_, selection, free_disk_bytes, !rotation_.explicit_rotation_budget);
 
+  OwnFiles own_files(data_dir_);
   transition_download_items_.reserve(selection.active_relative_paths.size());
   for (const Text& file_path : selection.active_relative_paths) {
     const Value entry = new_manifest_->file(file_path);
     const Document* file_info = entry.if_document();
     if (!file_info) throw SyncError("Active rotation path is missing from transition manifest: " + file_path.str());
-    if (!_manifest_file_is_sync_excluded(*neighbours_, entry)) transition_download_items_.emplace_back(file_path.str(), *file_info);
+    if (_manifest_file_is_sync_excluded(*neighbours_, entry)) continue;
+    own_files.refuse(file_path);
+    transition_download_items_.emplace_back(file_path.str(), *file_info);
   }
 }
 

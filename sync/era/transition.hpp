@@ -15,6 +15,7 @@
 
 #include "sync/base/files/descriptor.hpp"
 #include "sync/engine/sync_manager.hpp"
+#include "sync/era/staged_moves.hpp"
 
 namespace brackenfen::sync {
 
@@ -29,7 +30,7 @@ class SyncManager::TransitionScope {
   /// An error of the release ends in the debug log: what is on its way out matters more.
   ~TransitionScope();
 
-  /// Makes an empty staging directory of that path, whatever stood there before. Throws os_error.
+  /// Makes an empty staging directory of that path, whatever stood there before. Throws os_error and Interrupted.
   void make_staging_directory(const std::string& path);
   /// The final clean-up, once. An error of the lock's release leaves it, when everything is done.
   void close();
@@ -60,6 +61,7 @@ class SyncManager::Transition {
   /// True where a newer library is in place. With a `requirement` to name, a failed update ends the transition.
   [[nodiscard]] bool update_library(const Value& min_version, const std::string& requirement) const;
   void fetch_manifest();
+  void find_whom_to_tell();
   void plan();
 
   // Staging: transition_staging.cpp. False where a newer era is active.
@@ -71,9 +73,12 @@ class SyncManager::Transition {
 
   // Promotion and what follows it: transition_promotion.cpp.
   void prepare_promotion();
+  /// What the era before leaves behind; none of the library's own files.
+  void find_departed_files();
+  void plan_moves();
   void promote();
   void move_staged_files();
-  void delete_departed_files(const Manifest& old_manifest) const;
+  void delete_departed_files() const;
   void notify_neighbours();
   [[nodiscard]] std::unique_ptr<SearchTracker> open_search_tracker();
   /// The vocabularies of the new era, to running searches and to those that start now.
@@ -93,6 +98,8 @@ class SyncManager::Transition {
 
   Value previous_era_id_;  ///< null where no manifest was held
   bool has_real_era_advance_ = false;
+  Value told_era_id_;  ///< the era that authentication and the search tracker last heard of
+  bool must_tell_ = false;
   bool allow_closing_confirmation_ = false;  ///< within the era that is held, a closing one is good enough
 
   std::shared_ptr<Manifest> new_manifest_;
@@ -104,6 +111,9 @@ class SyncManager::Transition {
   SyncResult sync_result_;  ///< collects what the downloads report; nobody reads it
   std::size_t completed_files_ = 0;
   std::vector<std::string> staged_file_paths_;
+  std::vector<std::string> departed_files_;         ///< as the manifest of the era before spells them
+  std::unordered_set<std::string> departed_paths_;  ///< the same as local paths
+  std::optional<StagedMoves> moves_;
   std::unordered_set<std::string> live_paths_;  ///< where the files of the new era lie, however its manifest spells them
   std::optional<Value> superseded_era_id_;
   Document staged_vocabularies_;              ///< by universe

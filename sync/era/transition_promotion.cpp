@@ -1,16 +1,21 @@
 // Promotion: the staged files go live, the commit records follow them, and then everybody is told.
 #include <unistd.h>
 
-#include <unordered_set>
+#include <cerrno>
 
 #include "sync/base/error.hpp"
+#include "sync/base/files/directory_reader.hpp"
 #include "sync/base/files/paths.hpp"
+#include "sync/base/files/place.hpp"
 #include "sync/base/log.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/documents/local_files.hpp"
 #include "sync/documents/manifest_file.hpp"
+#include "sync/documents/manifest_paths.hpp"
+#include "sync/documents/own_files.hpp"
 #include "sync/documents/vocabulary.hpp"
 #include "sync/era/transition.hpp"
+#include "sync/lifecycle/told_era.hpp"
 #include "sync/rotation/search_scope.hpp"
 
 namespace brackenfen::sync {
@@ -18,6 +23,15 @@ namespace {
 
 /// In the order in which they move.
 constexpr const char* SEED_FILES[] = {"shuffle_seed.enc", "shuffle_seed.enc.meta.json"};
+/// What is written by name, behind the data files.
+constexpr const char* COMMITTED_FILES[] = {"shuffle_seed.enc", "shuffle_seed.enc.meta.json", "manifest.json",
+                                           "feature-rotation-state.json"};
+
+/// An empty folder gives way to a file, one with content does not.
+void require_place_for_file(const std::string& path) {
+  const std::optional<struct stat> found = look_at(path);
+  if (found && S_ISDIR(found->st_mode) && DirectoryReader(path).next()) throw os_error(EISDIR, path);
+}
 
 }  // namespace
 
@@ -30,20 +44,50 @@ void SyncManager::Transition::prepare_promotion() {
   }
   search_scope_ = manager_.with_added_paths(search_scope(*neighbours_, promoted_rotation_state_, active_paths, *new_manifest_));
   refresh_payloads_ = manager_._rotation_search_refresh_payloads(*neighbours_, search_scope_, Value(staged_vocabularies_), new_manifest_);
+  plan_moves();
   confirm_active_era(manifest_era_id_);
+}
+
+void SyncManager::Transition::find_departed_files() {
+  const std::shared_ptr<Manifest> old_manifest = manager_._manifest.get();
+  const Value old_files = old_manifest ? old_manifest->files() : Value();
+  const Value new_files = new_manifest_->files();
+  const Document* departing = old_files.if_document();
+  const Document* present = new_files.if_document();
+  if (!departing) return;
+  OwnFiles own_files(data_dir_);
+  for (const Member& member : *departing) {
+    if (present && present->contains(member.key)) continue;
+    try {
+      std::string live_path = _manifest_local_path(data_dir_, member.key);
+      if (live_paths_.contains(live_path) || own_files.contains_local(live_path)) continue;
+      departed_files_.push_back(member.key.str());
+      departed_paths_.insert(std::move(live_path));
+    } catch (const Error& error) {
+      if (!error.is(error_class::ManifestError)) throw;  // it never had a file here
+    }
+  }
+}
+
+/// Whatever keeps a file from its place must show before the first one moves.
+void SyncManager::Transition::plan_moves() {
+  find_departed_files();
+  moves_.emplace(*manager_.seams_.files, transition_staging_dir_, data_dir_, departed_paths_);
+  for (const std::string& file_path : staged_file_paths_) moves_->add(file_path);
+  for (const char* name : COMMITTED_FILES) require_place_for_file(join_path(data_dir_, name));
 }
 
 void SyncManager::Transition::promote() {
   manager_._directory_lock.require_directory();
   move_staged_files();
-  const std::shared_ptr<Manifest> old_manifest = manager_._manifest.get();
   manager_._directory_lock.require_directory();
+  if (must_tell_) note_told_era(data_dir_, told_era_id_);
   _write_manifest_json(*manager_.seams_.files, *manager_.seams_.clock, data_dir_, new_manifest_->data());
   manager_._manifest.set(new_manifest_);
   manager_._vocabulary.set(std::make_shared<const Document>(staged_vocabularies_));
   confirm_active_era(manifest_era_id_);
   manager_._write_promoted_rotation_state(*neighbours_, promoted_rotation_state_);
-  if (old_manifest) delete_departed_files(*old_manifest);
+  delete_departed_files();
   manager_._cleanup_inactive_rotation_artifacts(*neighbours_, *new_manifest_, search_scope_->active_relative_paths());
   manager_._schedule_cleanup_old_eras(true);
 }
@@ -59,40 +103,30 @@ void SyncManager::Transition::move_staged_files() {
       if (!error.is(error_class::OSError)) throw;
     }
   }
-  LocalFiles staged(transition_staging_dir_);
   Files& files = *manager_.seams_.files;
   const std::shared_ptr<RuntimeFreshnessGuard> guard = manager_.runtime_freshness_guard.get();
-  std::unordered_set<std::string> moved;  // a manifest may name one file by two keys
-  for (const std::string& file_path : staged_file_paths_) {
-    const Place place = live.place(file_path);
-    if (!moved.insert(place.path()).second) continue;
-    files.rename(staged.place(file_path, LocalFiles::Parents::Leave), place);
-    if (!guard) continue;
-    const Value entry = new_manifest_->file(file_path);
-    const auto field = [staged_info = entry.if_document()](const char* name) {
-      const Value* const found = staged_info == nullptr ? nullptr : staged_info->find(name);
+  moves_->run([&](const std::string& file_path) {
+    if (!guard) return;
+    const Document staged_info = new_manifest_->entry(file_path);
+    const auto field = [&](const char* name) {
+      const Value* const found = staged_info.find(name);
       return found == nullptr ? Value("") : *found;
     };
     guard->record_sync_update(file_path, field("kind"), field("sha256"));
-  }
+  });
   for (const char* name : SEED_FILES) {
     const std::string staged_path = join_path(transition_staging_dir_, name);
     if (path_exists(staged_path)) files.rename(staged_path, join_path(data_dir_, name));
   }
 }
 
-void SyncManager::Transition::delete_departed_files(const Manifest& old_manifest) const {
-  const Value old_files = old_manifest.files();
-  const Value new_files = new_manifest_->files();
-  const Document* departed = old_files.if_document();
-  const Document* present = new_files.if_document();
-  if (!departed) return;
+void SyncManager::Transition::delete_departed_files() const {
   LocalFiles live(data_dir_);
-  for (const Member& member : *departed) {
-    if (present && present->contains(member.key)) continue;
-    if (!live.stat(member.key)) continue;
-    const Place place = live.place(member.key, LocalFiles::Parents::Leave);
-    if (!live_paths_.contains(place.path())) manager_.seams_.files->unlink(place);
+  for (const std::string& file_path : departed_files_) {
+    const std::optional<FileStat> stat = live.stat(file_path);
+    if (!stat || stat->is_directory) continue;
+    const Place place = live.place(file_path, LocalFiles::Parents::Leave);
+    if (departed_paths_.contains(place.path())) manager_.seams_.files->unlink(place);
   }
 }
 
@@ -104,7 +138,7 @@ void SyncManager::Transition::notify_neighbours() {
   }
   const std::unique_ptr<SearchTracker> tracker = open_search_tracker();
   try {
-    tracker->handle_era_transition(manifest_era_id_, previous_era_id_);
+    tracker->handle_era_transition(manifest_era_id_, told_era_id_);
   } catch (...) {
     tracker->close();
     throw;

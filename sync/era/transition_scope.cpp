@@ -13,23 +13,6 @@
 #include "sync/era/transition.hpp"
 
 namespace brackenfen::sync {
-namespace {
-
-constexpr int MOST_REMOVALS = 100;
-
-/// Also where the transition that held the lock before removes the same tree still, so that names vanish on the way.
-void remove_leftover(const std::string& path) {
-  for (int attempt = 1;; ++attempt) {
-    try {
-      remove_tree(path);
-      return;
-    } catch (const Error& error) {
-      if (!error.is(error_class::FileNotFoundError) || attempt == MOST_REMOVALS) throw;
-    }
-  }
-}
-
-}  // namespace
 
 SyncManager::TransitionScope::TransitionScope(SyncManager& manager)
     : manager_(manager), lock_path_(join_path(manager._data_dir.get(), TRANSITION_LOCK_FILENAME)) {
@@ -54,7 +37,7 @@ void SyncManager::TransitionScope::write_transition_lock() {
 
 void SyncManager::TransitionScope::make_staging_directory(const std::string& path) {
   manager_._directory_lock.require_directory();
-  remove_leftover(path);
+  remove_tree(path);
   make_directories(path);
   staging_dir_ = path;
   staging_ = open_file(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);

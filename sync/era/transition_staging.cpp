@@ -21,7 +21,6 @@ constexpr const char* BACKOFF_SURFACE = "era_transition";
 bool SyncManager::Transition::stage_files(TransitionScope& scope) {
   sync_result_.era_number = manifest_era_id_;
   _apply_rotation_result_fields(sync_result_, rotation_.plan.selection);
-  transition_staging_dir_ = join_path(data_dir_, ".transition_era" + to_text(manifest_era_id_) + ".tmp");
   scope.make_staging_directory(transition_staging_dir_);
   for (const auto& [file_path, file_info] : transition_download_items_) {
     if (is_superseded() || !stage_file(file_path, file_info)) return false;
@@ -58,8 +57,9 @@ bool SyncManager::Transition::stage_file(const std::string& file_path, const Doc
     const auto in_context = _sync_backoff_module(manager_.seams_)->enter_context(std::move(context));
     manager_._download_file(*neighbours_, file_path, generation_stamped(file_info, *new_manifest_), sync_result_, options);
   } catch (const Error& error) {
-    // The bytes of a dead era may well differ from what its manifest says.
-    if (error.is(error_class::IntegrityError) && is_superseded()) return false;
+    // The bytes of a dead era may well differ from what its manifest says, and a newer manifest is on its way then.
+    const bool may_be_overtaken = error.is(error_class::IntegrityError) || error.is(error_class::ManifestSupersededError);
+    if (may_be_overtaken && is_superseded()) return false;
     throw;
   }
   staged_file_paths_.push_back(file_path);

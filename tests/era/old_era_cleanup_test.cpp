@@ -1,10 +1,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+
 #include <atomic>
 #include <filesystem>
 #include <future>
 
+#include "sync/base/threads/interrupt.hpp"
+#include "sync/era/directory_tree.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
@@ -76,6 +80,25 @@ TEST_F(OldEraCleanupTest, theBackgroundFormTellsWhatItFreedAndSwallowsFailures) 
   manager->_data_dir.set(directory / "gone");
   manager->_cleanup_old_eras_background(true);
   EXPECT_THAT(log.messages(LogLevel::Warning), testing::Contains(testing::StartsWith("Background old-era cleanup failed: [Errno 2]")));
+}
+
+TEST_F(OldEraCleanupTest, aTreeGoesHoweverDeepAndStopsAtAnInterrupt) {
+  std::string deep = "deep";
+  for (int level = 0; level < 200; ++level) directory.write((deep += "/d") + "/file", "x");
+  const auto exit = std::make_shared<InterruptToken>();
+  exit->trip();
+  {
+    const InterruptScope scope(exit);
+    EXPECT_THROW(remove_tree(directory / "deep"), Interrupted);
+  }
+  EXPECT_TRUE(std::filesystem::exists(directory / "deep"));
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  const rlimit few{64, limit.rlim_max};
+  ::setrlimit(RLIMIT_NOFILE, &few);
+  EXPECT_EQ(failure_of([&] { return remove_tree(directory / "deep"), 0; }), "");
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+  EXPECT_FALSE(std::filesystem::exists(directory / "deep"));
 }
 
 TEST_F(OldEraCleanupTest, oneThreadAtATimeCleans) {

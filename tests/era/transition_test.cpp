@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
@@ -8,9 +10,11 @@
 #include <future>
 #include <map>
 #include <thread>
+#include <unordered_set>
 
 #include "sync/base/threads/interrupt.hpp"
 #include "sync/base/values/convert.hpp"
+#include "sync/era/staged_moves.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
@@ -184,6 +188,11 @@ TEST_F(TransitionTest, nothingLiveChangesBeforeTheSecondConfirmation) {
        "EraError: Era transition manifest era_number=7 does not match active era_number=8"},
       {"manifest without era", [&] { manifest_8("era_number", "x"); }, "EraError: Era transition manifest has invalid era_number='x'"},
       {"manifest that is none", [&] { server.script(MANIFEST_PATH, {{.body = "{"}}); }, "JSONDecodeError: "},
+      {"a file of the library's own",
+       [&] {
+         publish_era(8, {KEPT, NEW, {".told_era", "x"}});
+       },
+       "ManifestError: Manifest lists a file of the library's own: .told_era"},
       {"too small a disk", [&] { files.set_free_bytes(0); }, "MandatoryArtifactsTooLargeError: "},
       {"lost file", [&] { server.script(FRESH.url_path(), {{.status = 404}}); }, "PermanentDownloadError: "},
       {"wrong bytes", [&] { server.serve_file(FRESH.url_path(), std::string(FRESH.content.size(), '?')); }, "IntegrityError: "},
@@ -223,15 +232,17 @@ TEST_F(TransitionTest, aFailureWhileFilesMoveIsMendedByTheNextAttempt) {
     const char* name;
     std::function<void()> set_up;
     int era_after;
+    bool restarts = false;
   };
   const Row rows[] = {
       {"second file", [&] { files.fail(FaultFiles::Call::Rename, 4 + 2 + 2, EIO); }, 7},  // behind four files and two of the seed staged
       {"manifest.json", [&] { files.fail(FaultFiles::Call::WriteNew, 3, ENOSPC); }, 7},
       {"rotation state", [&] { files.fail(FaultFiles::Call::WriteNew, 4, ENOSPC); }, 8},
-      {"third confirmation", [&] { server.script(ERA_PATH, first(7, era(8), {.status = 404})); }, 8},
+      {"third confirmation", [&] { server.script(ERA_PATH, first(7, era(8), {.status = 404})); }, 8, true},
       {"departed file", [&] { files.fail(FaultFiles::Call::Unlink, 1, EACCES); }, 8},
       {"last confirmation", [&] { server.script(ERA_PATH, first(8, era(8), era(9))); }, 8},
   };
+  int times_told = 0;
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     publish_era(7, {KEPT, OLD, GONE});
@@ -246,12 +257,16 @@ TEST_F(TransitionTest, aFailureWhileFilesMoveIsMendedByTheNextAttempt) {
     EXPECT_EQ(manager->_vocabulary.get()->get("us").if_document()->get("era_number"), Value(row.era_after));
     EXPECT_THAT(calls, ElementsAre("kill"));
     expect_nothing_left();
+    if (row.restarts) manager = open();
 
     server.script(ERA_PATH, {era(8)});
     EXPECT_EQ(failure(), "") << "as the watcher tries again";
     EXPECT_EQ(directory.read(NEW.path), NEW.content);
     EXPECT_EQ(directory.read(FRESH.path), FRESH.content);
     EXPECT_TRUE(manager->verify().valid);
+    const std::vector<std::string> told = log.messages(LogLevel::Debug);
+    EXPECT_EQ(std::ranges::count(told, "Search tracking: " + directory.path() + " went from era 7 to era 8"), ++times_told);
+    EXPECT_FALSE(directory.contains(".told_era"));
   }
 }
 
@@ -285,11 +300,14 @@ TEST_F(TransitionTest, anEraThatOvertakesItIsFollowed) {
 }
 
 TEST_F(TransitionTest, wrongBytesOfADeadEraAreForgiven) {
-  server.script(FRESH.url_path(), {{.body = std::string(FRESH.content.size(), '?')}});
-  server.script(ERA_PATH, first(4, era(8), era(9)));  // the fifth question follows the failed checksum
-  server.script(MANIFEST_PATH, {body(manifest(8, {KEPT, NEW, FRESH}, 8)), {.status = 404}});
-  EXPECT_EQ(failure(), "SyncError: Failed to fetch era 9 manifest: HTTP 404");
-  EXPECT_THAT(calls, ElementsAre("kill", "kill"));
+  for (const int version : {8, 9}) {  // also where the server says that a newer manifest is out
+    publish_version(version, version);
+    server.script(FRESH.url_path(), {{.body = std::string(FRESH.content.size(), '?')}});
+    server.script(ERA_PATH, first(4, era(8), era(9)));  // the fifth question follows the failed checksum
+    server.script(MANIFEST_PATH, {body(manifest(8, {KEPT, NEW, FRESH}, 8)), {.status = 404}});
+    EXPECT_EQ(failure(), "SyncError: Failed to fetch era 9 manifest: HTTP 404");
+    EXPECT_THAT(calls, ElementsAre("kill", "kill"));
+  }
 }
 
 TEST_F(TransitionTest, withinAnEraAClosingOneIsGoodEnough) {
@@ -317,6 +335,8 @@ TEST_F(TransitionTest, whateverStandsInTheStagingPlaceGivesWay) {
       [&] { std::filesystem::create_symlink("nowhere", directory / STAGING); },
       [&] { std::filesystem::create_symlink(outside / "precious", directory / ".transition_lock"); },
   };
+  // What a killed transition left is no reason to think the disk full.
+  files.set_free_bytes([&] { return std::filesystem::is_directory(directory / STAGING) ? 0 : 1'000'000'000; });
   for (const auto& put : rows) {
     put();
     EXPECT_EQ(failure(), "");
@@ -338,6 +358,52 @@ TEST_F(TransitionTest, oneFileMayHaveSeveralSpellings) {
   for (const PublishedFile& file : {KEPT, FRESH}) server.serve_file(file.url_path(), file.content);
   transit();
   expect_era_8();
+}
+
+TEST_F(TransitionTest, aFileMayTakeTheNameOfAFolderAndAFolderThatOfAFile) {
+  const PublishedFile file{"data/a", "a file of era 7", "data"}, in_folder{"data/b/c/d", "of era 7", "data"};
+  const PublishedFile folder[] = {{"data/a/x/y", "now below a folder", "data"}, {"data/a/z", "and another", "data"}};
+  const PublishedFile in_place{"data/b", "now a file", "data"};
+  publish_era(7, {KEPT, file, in_folder});
+  files.unlink(directory / "manifest.json");
+  manager = open();
+  static_cast<void>(manager->sync());
+  publish_era(8, {KEPT, NEW, FRESH, folder[0], folder[1], in_place});
+  directory.write("data/b/foreign", "nobody's");
+  const auto before = live();
+  EXPECT_EQ(failure(), "IsADirectoryError: [Errno 21] Is a directory: '" + (directory / "data/b") + "'");
+  EXPECT_EQ(live(), before) << "nothing has moved";
+  files.unlink(directory / "data/b/foreign");
+  directory.write("data/b/c/d.tmp", "a part of a download");
+  EXPECT_EQ(failure(), "");
+  expect_era_8();
+  for (const PublishedFile& now : {folder[0], folder[1], in_place}) EXPECT_EQ(directory.read(now.path), now.content);
+  expect_nothing_left();
+}
+
+TEST(StagedMoves, toAnotherMountAreCopiedBesideTheirPlaceBeforeTheFirstOne) {
+  const TemporaryDirectory directory;
+  FaultFiles files;
+  const std::unordered_set<std::string> none_departed;
+  for (const char* path : {"staged/mounted/a", "staged/mounted/deeper/b"}) directory.write(path, "new");
+  directory.write("live/mounted/a", "old");
+  for (const bool runs : {false, true}) {
+    StagedMoves moves(files, directory / "staged", directory / "live", none_departed,
+                      [&](const std::string&, const std::string& other) { return other != directory / "live/mounted"; });
+    for (const char* path : {"mounted/a", "mounted/deeper/b"}) moves.add(path);
+    EXPECT_EQ(directory.read("live/mounted/.transition_move1." + std::to_string(::getpid()) + ".tmp"), "new");
+    EXPECT_EQ(directory.read("live/mounted/a"), "old");
+    if (runs) moves.run([](const std::string&) {});
+  }
+  EXPECT_EQ(directory.read("live/mounted/a"), "new");
+  EXPECT_THAT(directory.files(), ElementsAre("live/mounted/a", "live/mounted/deeper/b", "staged/mounted/a", "staged/mounted/deeper/b"));
+}
+
+TEST_F(TransitionTest, whatDepartsIsNeverTheLibrarysOwnNorOutside) {
+  for (const char* path : {"./manifest.json", "shuffle_seed.enc", "../outside"}) manager->get_manifest()->set_file(path, KEPT.entry());
+  transit();
+  expect_era_8();
+  EXPECT_TRUE(directory.contains("manifest.json") && directory.contains("shuffle_seed.enc"));
 }
 
 TEST_F(TransitionTest, lockFilesThatCannotBeWritten) {

@@ -48,6 +48,19 @@ class ConsumersTest : public testing::Test, protected SyncSetup {
   std::shared_ptr<SyncManager> manager;
 };
 
+TEST_F(ConsumersTest, theWatcherKnowsOfATransitionThatNeverCameToItsEnd) {
+  directory.write("manifest.json", R"({"era_number": 8, "files": {}})");
+  const std::pair<const char*, int> rows[] = {
+      {R"({"era_number": 7})", 7}, {R"({"era_number": 8})", 8}, {R"({"era_number": null})", 8}, {R"({"era_number": 7)", 8}};
+  for (const auto& [note, last_known] : rows) {
+    directory.write(".told_era", note);
+    manager = open();
+    manager->acquire();
+    EXPECT_EQ(manager->_era_thread.get()->_last_known_era_id.get(), Value(last_known)) << note;
+    manager->stop();
+  }
+}
+
 TEST_F(ConsumersTest, eachEventLeadsToItsState) {
   struct Row {
     const char* events;

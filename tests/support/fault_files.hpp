@@ -29,7 +29,10 @@ class FaultFiles final : public Files {
     actions_[call] = std::move(action);
   }
   /// What free_bytes answers instead of asking the volume.
-  void set_free_bytes(std::int64_t bytes) { free_bytes_ = bytes; }
+  void set_free_bytes(std::int64_t bytes) {
+    set_free_bytes([bytes] { return bytes; });
+  }
+  void set_free_bytes(std::function<std::int64_t()> free_bytes) { free_bytes_ = std::move(free_bytes); }
   /// The stat of every file from now on.
   void answer_stat(std::function<std::optional<FileStat>()> answer) { stat_ = std::move(answer); }
   /// Paths of the calls of one kind so far, in order; of a rename the target.
@@ -54,7 +57,7 @@ class FaultFiles final : public Files {
   }
   [[nodiscard]] std::optional<FileStat> stat(const std::string& path) override { return stat_ ? stat_() : real().stat(path); }
   [[nodiscard]] std::int64_t free_bytes(const std::string& directory) override {
-    return free_bytes_ ? *free_bytes_ : real().free_bytes(directory);
+    return free_bytes_ ? free_bytes_() : real().free_bytes(directory);
   }
   void set_mtime(const std::string& path, std::int64_t mtime_ns) override { real().set_mtime(path, mtime_ns); }
 
@@ -80,7 +83,7 @@ class FaultFiles final : public Files {
   std::map<Call, Fault> faults_;
   std::map<Call, std::vector<std::string>> calls_;
   std::map<Call, std::function<void()>> actions_;
-  std::optional<std::int64_t> free_bytes_;
+  std::function<std::int64_t()> free_bytes_;
   std::function<std::optional<FileStat>()> stat_;
 };
 
