@@ -41,7 +41,8 @@ void walk(const std::string& directory, Visit visit) {
 /// descriptors however deep the tree is.
 class TreeRemoval {
  public:
-  explicit TreeRemoval(const std::string& path) : path_(path), top_(open_file(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW)) {}
+  TreeRemoval(const std::string& path, Removal removal)
+      : path_(path), removal_(removal), top_(open_file(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW)) {}
 
   void run() {
     enter("");
@@ -52,6 +53,7 @@ class TreeRemoval {
         enter(std::move(name));
         continue;
       }
+      look_up();
       const std::string name = std::move(open_.back().name);
       open_.pop_back();
       if (open_.empty()) return;
@@ -60,7 +62,7 @@ class TreeRemoval {
   }
 
  private:
-  static constexpr std::size_t REMOVALS_PER_CHECK = 256;
+  static constexpr std::size_t FILES_PER_CHECK = 256;
 
   struct Folder {
     std::string name;
@@ -75,7 +77,14 @@ class TreeRemoval {
     DirectoryReader reader(directory, path_);
     while (const dirent* const entry = reader.next())
       (reader.is_directory(*entry) ? open_.back().folders : files).emplace_back(entry->d_name);
-    for (const std::string& file : files) remove(directory, file, 0);
+    for (std::size_t index = 0; index < files.size(); ++index) {
+      if (index % FILES_PER_CHECK == 0) look_up();
+      remove(directory, files[index], 0);
+    }
+  }
+
+  void look_up() const {
+    if (removal_ == Removal::Interruptible) check_interrupt();
   }
 
   /// The innermost of the open folders; empty where it has vanished.
@@ -88,15 +97,13 @@ class TreeRemoval {
     return directory;
   }
 
-  /// What is ending by an interrupt still clears a small tree.
-  void remove(const Descriptor& directory, const std::string& name, int flags) {
-    if (++removals_ % REMOVALS_PER_CHECK == 0) check_interrupt();
+  void remove(const Descriptor& directory, const std::string& name, int flags) const {
     if (::unlinkat(directory.get(), name.c_str(), flags) != 0 && errno != ENOENT) throw os_error(errno, path_);
   }
 
   const std::string& path_;
+  const Removal removal_;
   const Descriptor top_;
-  std::size_t removals_ = 0;
   std::vector<Folder> open_;  // from the top to the one that is being emptied
 };
 
@@ -131,10 +138,10 @@ std::int64_t tree_size_bytes(const std::string& directory) {
   return bytes;
 }
 
-void remove_tree(const std::string& path) {
+void remove_tree(const std::string& path, Removal removal) {
   if (::unlink(path.c_str()) == 0 || errno == ENOENT) return;
   if (errno != EISDIR && errno != EPERM) throw os_error(errno, path);
-  TreeRemoval(path).run();
+  TreeRemoval(path, removal).run();
   if (::rmdir(path.c_str()) != 0 && errno != ENOENT) throw os_error(errno, path);
 }
 

@@ -19,8 +19,10 @@ namespace brackenfen::sync {
 [[nodiscard]] std::int64_t tree_size_bytes(const std::string& directory);
 
 /// Removes whatever stands at `path`: a tree, a file, or a link but not what it points at. Nothing there is no
-/// error, nor what vanishes meanwhile. Throws os_error and Interrupted, with a part of the tree gone.
-void remove_tree(const std::string& path);
+/// error, nor what vanishes meanwhile. Throws os_error and, where it may be interrupted, Interrupted, with a part of the
+/// tree gone.
+enum class Removal : char { Interruptible, ToTheEnd };
+void remove_tree(const std::string& path, Removal removal = Removal::Interruptible);
 
 /// Deletes every file below `directory`, at any depth, whose name ends in ".tmp". Throws os_error at the first that
 /// cannot be deleted, such as a directory of that name.

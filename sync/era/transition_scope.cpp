@@ -60,8 +60,8 @@ void SyncManager::TransitionScope::remove_staging_directory() {
   // Whoever waited for the lock may be staging under the same name by now.
   if (staging_ && !is_directory_at(staging_, staging_dir_)) return;
   try {
-    remove_tree(staging_dir_);
-  } catch (const Error&) {  // a later transition to this era removes it
+    remove_tree(staging_dir_, Removal::ToTheEnd);  // the interrupt that ended the transition may be pending still
+  } catch (const Error&) {                         // a later transition to this era removes it
   }
 }
 
