@@ -53,6 +53,7 @@ void StagingFile::open(bool may_begin) {
 }
 
 void StagingFile::take_file() {
+  Descriptor other;  // the first that another download had open
   for (int tries = 0; tries < MOST_TRIES; ++tries) {
     Descriptor found;
     try {
@@ -63,22 +64,27 @@ void StagingFile::take_file() {
       if (!is_folder || ::unlinkat(place_.folder(), place_.name(), AT_REMOVEDIR) != 0) throw;
       continue;
     }
-    if (!try_lock(found)) return take_copy(found);
-    if (!is_named(found, place_)) continue;  // it has just landed
-    file_ = std::move(found);
-    return;
+    if (!try_lock(found)) {
+      take_name(found);
+      if (!other) other = std::move(found);
+    } else if (is_named(found, place_)) {  // else it has just landed, or lost its name
+      file_ = std::move(found);
+      if (other) copy_from(other);
+      return;
+    }
   }
   throw os_error(EBUSY, place_.path());
 }
 
-void StagingFile::take_copy(const Descriptor& other) {
-  {
-    const std::lock_guard lock(names_mutex());
-    if (::unlinkat(place_.folder(), place_.name(), 0) != 0 && errno != ENOENT) throw os_error(errno, place_.path());
-    file_ = open_own_file(place_, O_RDWR);
-    static_cast<void>(try_lock(file_));
-  }
+void StagingFile::take_name(const Descriptor& other) const {
+  const std::lock_guard lock(names_mutex());
+  if (!is_named(other, place_)) return;
+  if (::unlinkat(place_.folder(), place_.name(), 0) != 0 && errno != ENOENT) throw os_error(errno, place_.path());
+}
+
+void StagingFile::copy_from(const Descriptor& other) {
   std::vector<char> block(READ_BLOCK_BYTES);
+  truncate(0);  // of what one that had the name in between has left
   while (const std::size_t count = read_some(other, block.data(), block.size(), place_.path())) {
     write_all(file_, {block.data(), count}, place_.path());
     check_interrupt();

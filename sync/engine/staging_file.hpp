@@ -58,9 +58,11 @@ class StagingFile : public ResponseSink {
   void accept(std::string_view bytes) override;
 
  private:
+  /// Opens the file and locks it; where another download has it open, a new one under its name with the bytes of that.
   void take_file();
-  /// Makes a new file under the name, with the bytes of `other`, which another download has open.
-  void take_copy(const Descriptor& other);
+  /// Takes the name from a file that another download has open, so that the next to open it makes a new one.
+  void take_name(const Descriptor& other) const;
+  void copy_from(const Descriptor& other);
   void require_name() const;
   [[nodiscard]] std::optional<FileStat> stat_of_written(const Descriptor& file) const;
   /// Digests the file from its beginning, as far as it goes or up to `size_bytes`.
