@@ -1,6 +1,8 @@
 // The module `brackenfen.sync`, which also imports as top-level `sync`: both names give the same objects.
 #include <nanobind/nanobind.h>
 
+#include <mutex>
+
 #include "python/adapters/neighbours_backoff.hpp"
 #include "python/adapters/neighbours_rotation.hpp"
 #include "python/bindings/binding.hpp"
@@ -52,7 +54,26 @@ void bind_all(nb::module_& module) {
   module.def("__getattr__", module_getattr, nb::arg("name"));
 }
 
+/// Imports take turns: the first one imports others meanwhile, and so lets go of the interpreter lock.
+class ImportTurn {
+ public:
+  ImportTurn() {
+    const nb::gil_scoped_release released;
+    mutex().lock();
+  }
+  ImportTurn(const ImportTurn&) = delete;
+  ImportTurn& operator=(const ImportTurn&) = delete;
+  ~ImportTurn() { mutex().unlock(); }
+
+ private:
+  static std::mutex& mutex() {
+    static constinit std::mutex instance;
+    return instance;
+  }
+};
+
 void initialise(nb::module_& module) {
+  const ImportTurn turn;
   if (first_module_dict == nullptr) {
     nb::set_leak_warnings(false);  // daemon threads of a host may still refer to managers at exit
     install_host();

@@ -158,8 +158,16 @@ assert last.AuthError is first.AuthError and last.SyncManager.__module__ == last
 assert last.SyncResult(bytes_downloaded=3) == first.SyncResult(0, 0, 3) and last.RotationSettings().market is None
 assert not [name for name in sys.modules if name.startswith("brackenfen.") and name != "brackenfen.sync"]
 """
-    done = subprocess.run([sys.executable, "-c", source], capture_output=True, text=True, timeout=60)
-    assert (done.returncode, done.stderr) == (0, "")
+    in_threads = f"""
+import concurrent.futures, importlib, sys
+sys.path.insert(0, {str(pathlib.Path(sync.__file__).parent)!r})
+with concurrent.futures.ThreadPoolExecutor(2) as pool:
+    modules = list(pool.map(importlib.import_module, {names.split()!r}))
+assert len({{module.SyncError for module in modules}}) == 1
+"""
+    for program in (source, in_threads):
+        done = subprocess.run([sys.executable, "-c", program], capture_output=True, text=True, timeout=60)
+        assert (done.returncode, done.stderr) == (0, "")
 
 
 def test_subinterpreters_are_refused() -> None:
