@@ -154,6 +154,7 @@ std::shared_ptr<SyncBackoff> builtin_backoff() { return {std::shared_ptr<void>()
 class ContextManager {
  public:
   explicit ContextManager(nb::handle given) : fields_(given) {}
+  [[nodiscard]] nb::handle fields() const noexcept { return fields_.get(); }
 
   nb::object enter() {
     nb::dict fields = context_to_python(SyncBackoff::builtin().current_context());
@@ -193,6 +194,15 @@ struct ForwardedContext {
     return manager.get().attr(method)(*arguments);
   }
 };
+
+/// For the collector: a host often keeps one beside its own stop callback. The dict is the link it cuts.
+int traverse_context(PyObject* self, visitproc visit, void* arg) noexcept {
+  Py_VISIT(Py_TYPE(self));
+  if (nb::inst_ready(self)) Py_VISIT(nb::inst_ptr<ContextManager>(self)->fields().ptr());
+  return 0;
+}
+
+PyType_Slot context_slots[] = {{Py_tp_traverse, reinterpret_cast<void*>(traverse_context)}, {0, nullptr}};
 
 PyObject* builtin_namespace = nullptr;  // owned for ever
 
@@ -311,7 +321,7 @@ BackoffContext context_from_python(nb::handle mapping) {
 }
 
 void bind_backoff(nb::module_& module) {
-  nb::class_<ContextManager>(module, "_BackoffContext", "The context manager that backoff_context returns.")
+  nb::class_<ContextManager>(module, "_BackoffContext", nb::type_slots(context_slots), "The context manager that backoff_context returns.")
       .def("__enter__", &ContextManager::enter)
       .def(
           "__exit__", [](ContextManager& self, nb::handle, nb::handle, nb::handle) { self.leave(); }, nb::arg().none(), nb::arg().none(),

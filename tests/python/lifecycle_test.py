@@ -221,6 +221,15 @@ def test_no_cycle_through_the_host_survives(tmp_path: pathlib.Path, own: Callabl
     assert str(tmp_path) not in sync.SyncManager._instances
 
 
+def test_a_kept_back_off_context_goes_with_its_host() -> None:
+    holder = Holder()
+    holder.owner = sync.backoff_context(stop_requested=holder)
+    gone = weakref.ref(holder)
+    del holder
+    gc.collect()
+    assert gone() is None
+
+
 def test_a_running_manager_outlives_its_last_reference_and_a_stopped_one_does_not(tmp_path: pathlib.Path, server: Any) -> None:
     holder = Holder()
     holder.owner = sync.SyncManager.get_or_create(tmp_path, server.url, holder)
