@@ -30,6 +30,7 @@ Registry& registry() {
   }();
   return *instance;
 }
+[[maybe_unused]] static const auto& made_at_load = registry();  // see at_fork_child
 
 }  // namespace
 

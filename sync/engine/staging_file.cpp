@@ -38,6 +38,7 @@ std::mutex& names_mutex() {
   }();
   return *instance;
 }
+[[maybe_unused]] static const auto& made_at_load = names_mutex();  // see at_fork_child
 
 /// False where another download has the file open. File systems without such locks leave it at the look at the name.
 bool try_lock(const Descriptor& file) noexcept { return ::flock(file.get(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK; }

@@ -53,6 +53,7 @@ std::unordered_set<DirectoryLock*>& live_locks() {
   }();
   return locks;
 }
+[[maybe_unused]] static const auto& made_at_load = live_locks();  // see at_fork_child
 
 }  // namespace
 

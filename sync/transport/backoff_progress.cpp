@@ -56,6 +56,7 @@ LastWait& last_wait() {
   static LastWait& leaked = *new LastWait;
   return leaked;
 }
+[[maybe_unused]] static const auto& made_at_load = last_wait();  // see at_fork_child
 
 std::string text_of(const Value& value) { return write_json(value, JsonForm::SortedKeys); }
 

@@ -68,6 +68,7 @@ struct detail::CurlProcess {
 namespace {
 
 constinit std::atomic<detail::CurlProcess*> current_process{nullptr};
+[[maybe_unused]] const bool forgotten_in_child = (at_fork_child([] { current_process.store(nullptr, std::memory_order_release); }), true);
 
 void lock_share(CURL*, curl_lock_data data, curl_lock_access, void* process) {
   static_cast<detail::CurlProcess*>(process)->share_locks.at(static_cast<std::size_t>(data)).lock();
@@ -80,8 +81,6 @@ void unlock_share(CURL*, curl_lock_data data, void* process) {
 detail::CurlProcess& process_in_force() {
   if (detail::CurlProcess* const made = current_process.load(std::memory_order_acquire)) return *made;
   if (initialise_library() != CURLE_OK) out_of_memory();
-  static const bool hooked = (at_fork_child([] { current_process.store(nullptr, std::memory_order_release); }), true);
-  static_cast<void>(hooked);
   auto* const mine = new detail::CurlProcess;
   detail::CurlProcess* first = nullptr;
   if (current_process.compare_exchange_strong(first, mine, std::memory_order_acq_rel)) return *mine;

@@ -83,6 +83,7 @@ EventCounts& event_counts() {
   static EventCounts& instance = *new EventCounts;
   return instance;
 }
+[[maybe_unused]] static const auto& made_at_load = event_counts();  // see at_fork_child
 
 bool _sync_event_is_coalescible(const Document& event) {
   return _sync_event_level_name(event) == "info" && is_one_of(text_or_empty(event.get("event_type")), COALESCIBLE_TYPES);

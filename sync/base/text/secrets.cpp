@@ -26,6 +26,7 @@ Snapshot<const Secrets>& known() {
   static Snapshot<const Secrets>& secrets = *new Snapshot<const Secrets>;
   return secrets;
 }
+[[maybe_unused]] static const auto& made_at_load = known();  // see at_fork_child
 
 std::string percent_encoded(std::string_view token, const char* digits) {
   std::string encoded;

@@ -86,6 +86,9 @@ Hooks& hooks() {
 
 std::uint64_t fork_generation() noexcept { return hooks().generation.load(std::memory_order_relaxed); }
 
+// Whoever waits here, or to make or destroy a ForkSafeMutex, may wait out a whole fork. So what does that inside the
+// initialiser of a function's static variable is made when the library is loaded: the child would find the initialiser
+// begun by a thread that it does not have, and wait for it for ever.
 void at_fork_child(void (*repair)()) {
   Hooks& process = hooks();
   const std::lock_guard<std::mutex> lock(process.no_fork);

@@ -37,6 +37,7 @@ Waiters& waiters() {
   }();
   return *instance;
 }
+[[maybe_unused]] static const auto& made_at_load = waiters();  // see at_fork_child
 
 /// Whether `work` cannot end before something that `thread` is part of.
 bool depends_on(WorkId work, const ThreadWork& thread, const std::vector<Waiter>& waiting) {

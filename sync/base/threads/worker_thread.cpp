@@ -45,6 +45,7 @@ Count& count() {
   }();
   return *instance;
 }
+[[maybe_unused]] static const auto& made_at_load = count();  // see at_fork_child
 
 constinit thread_local bool started_here = false;
 
