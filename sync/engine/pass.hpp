@@ -81,7 +81,7 @@ class SyncManager::Pass {
 
   Document fetched_;
   std::shared_ptr<Manifest> server_;  ///< without what storage has lost
-  std::int64_t free_bytes_ = 0;  ///< taken once, before the download set is known
+  std::int64_t free_bytes_ = 0;       ///< taken once, before the download set is known
   bool same_version_ = false;
   PlannedRotation rotation_;
   std::vector<bool> seen_here_;  ///< for each active path, whether the walk has just found its file

@@ -150,6 +150,8 @@ TEST_F(HostRequestsTest, oneThreadRepairsForAllThatWait) {
   while (repair_threads() > 1) std::this_thread::yield();
   manager->_release_flock();
   while (requests("/data/files/" + ALPHA.path) < before + 50) std::this_thread::yield();
+  manager->_acquire_flock();  // behind the last repair
+  manager->_release_flock();
 }
 
 TEST_F(HostRequestsTest, aPollSyncsOnlyWhatIsNewAndOnlyWhenNothingElseRuns) {
