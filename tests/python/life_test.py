@@ -17,8 +17,9 @@ import os, signal, sys, threading, time
 import brackenfen.sync as sync
 directory, url = sys.argv[1:3]
 manager = sync.SyncManager.get_or_create(directory, url, lambda: "t")
-def download(): manager._download_file("stalled", {"size_bytes": 1000}, sync.SyncResult())
-def batch(): manager._download_files_parallel({str(n): {"size_bytes": 1000} for n in range(4)}, sync.SyncResult())
+names = map(str, range(16))  # a later download of a file would take it from the one before
+def download(): manager._download_file(next(names), {"size_bytes": 1000}, sync.SyncResult())
+def batch(): manager._download_files_parallel({next(names): {"size_bytes": 1000} for n in range(4)}, sync.SyncResult())
 def fetch(): manager.sync()
 def outage():
     with sync.backoff_context(surface="s"): sync._sleep_for_sync_backoff(60)
@@ -37,7 +38,7 @@ def say(text): print(text, flush=True)
 @pytest.fixture
 def stalled(server: Any) -> Any:
     """A server that never sends a body."""
-    for name in ("stalled", "0", "1", "2", "3"):
+    for name in map(str, range(16)):
         server.answers["/data/files/" + name] = server.stall
     server.answers["/data/manifest"] = server.stall
     return server
