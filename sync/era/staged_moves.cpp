@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <memory>
-#include <ranges>
 #include <tuple>
 
 #include "sync/base/error.hpp"
@@ -139,9 +138,9 @@ void StagedMoves::clear_the_way(const Move& move) {
   const int kind = kind_at(move.obstacle);
   if (kind <= NOTHING || (kind == S_IFDIR) != move.is_folder) return;  // a move before has cleared it
   const std::vector<std::string> folders = go_through(move, [&](const Place& place) { files_.unlink(place); });
-  for (const std::string& folder : std::views::reverse(folders)) {
-    const Place place = place_at(folder);
-    if (::unlinkat(place.folder(), place.name(), AT_REMOVEDIR) != 0) throw os_error(errno, folder);
+  for (auto folder = folders.rbegin(); folder != folders.rend(); ++folder) {
+    const Place place = place_at(*folder);
+    if (::unlinkat(place.folder(), place.name(), AT_REMOVEDIR) != 0) throw os_error(errno, *folder);
   }
 }
 
