@@ -112,9 +112,9 @@ class FeatureFamilies {
     [[nodiscard]] std::vector<std::string> take_all_but(std::string_view own_path) {
       std::vector<std::string> taken = std::exchange(paths_, {});
       std::ranges::sort(taken);
-      const auto own = std::ranges::equal_range(taken, own_path);
-      paths_.assign(own.begin(), own.end());
-      taken.erase(own.begin(), own.end());
+      const auto [begin, end] = std::equal_range(taken.begin(), taken.end(), own_path);
+      paths_.assign(begin, end);
+      taken.erase(begin, end);
       return taken;
     }
 

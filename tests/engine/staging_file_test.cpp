@@ -63,16 +63,19 @@ TEST_F(StagingFileTest, goesBackToWhereAResponseBeganHoweverMuchOfItWasWritten) 
 }
 
 TEST_F(StagingFileTest, whatALaterDownloadHasTakenOverIsNotTouchedAnyMore) {
-  const std::pair<const char*, std::function<void(StagingFile&)>> touches[] = {
+  const struct {
+    const char* name;
+    std::function<void(StagingFile&)> run;
+  } touches[] = {
       {"another attempt", [](StagingFile& file) { file.open(false); }},
       {"a write", [](StagingFile& file) { file.flush(); }},
       {"going back", [](StagingFile& file) { file.roll_back(); }},
       {"the rest of a 200", [](StagingFile& file) { file.keep_whole(); }},
       {"landing", [this](StagingFile& file) { file.land(Files::real(), directory / "file"); }},
   };
-  for (const auto& [name, touch] : touches) {
+  for (const auto& touch : touches) {
     for (const bool landed : {false, true}) {
-      SCOPED_TRACE(std::string(name) + (landed ? ", landed" : ", under way"));
+      SCOPED_TRACE(std::string(touch.name) + (landed ? ", landed" : ", under way"));
       directory.write("file", "before");
       directory.write("file.tmp", "prefix");
       StagingFile left_behind{directory / "file.tmp", clock}, later{directory / "file.tmp", clock};
@@ -84,7 +87,7 @@ TEST_F(StagingFileTest, whatALaterDownloadHasTakenOverIsNotTouchedAnyMore) {
       EXPECT_EQ(later.size_bytes(), 6) << "resumes where the other one was";
       if (landed) later.land(Files::real(), directory / "file");
       left_behind.clear();
-      EXPECT_THAT(failure_of([&] { touch(left_behind); }), testing::StartsWith("FileNotFoundError: "));
+      EXPECT_THAT(failure_of([&] { touch.run(left_behind); }), testing::StartsWith("FileNotFoundError: "));
       EXPECT_EQ(directory.read(landed ? "file" : "file.tmp"), "prefix");
       EXPECT_EQ(directory.read("file"), landed ? "prefix" : "before");
     }

@@ -90,7 +90,7 @@ bool mask_in_place(std::string& text, const Secrets& secrets) {
 Value masked(const Value& value, const Secrets& secrets) {
   if (const auto text = value.if_text()) {
     std::string copy(*text);
-    return mask_in_place(copy, secrets) ? Value(std::move(copy)) : value;
+    return mask_in_place(copy, secrets) ? Value(copy) : value;
   }
   if (const List* const list = value.if_list()) {
     std::vector<Value> elements;
