@@ -76,6 +76,16 @@ TEST_F(ParallelDownloadTest, oneFailureLetsTheOthersFinish) {
   for (const char* path : {"a", "b", "c", "d", "e"}) EXPECT_EQ(directory.read(path), file(path).content);
 }
 
+TEST_F(ParallelDownloadTest, aFailedSetKeepsItsManagerNoLongerThanTheCall) {
+  plan({"a", "b", "c"}, Reply{.status = 404});
+  for (int round = 0; round < 50; ++round) {
+    auto brief = open();
+    EXPECT_THAT(failure_of([&] { brief->_download_files_parallel(neighbours(), planned, result); }), StartsWith("PermanentDownloadError"));
+    const std::weak_ptr<SyncManager> gone = std::exchange(brief, nullptr);
+    ASSERT_TRUE(gone.expired()) << "the directory could not be opened for another server, round " << round;
+  }
+}
+
 TEST_F(ParallelDownloadTest, oneWorkerMeansThisThreadInOrderUpToTheFirstError) {
   token->call_each([caller = std::this_thread::get_id()] { EXPECT_EQ(std::this_thread::get_id(), caller); });
   environment.set("BRACKENFEN_SYNC_MAX_CONCURRENCY", "1");

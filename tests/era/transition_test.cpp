@@ -15,6 +15,7 @@
 #include "sync/base/threads/interrupt.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/era/staged_moves.hpp"
+#include "tests/support/failing_memory.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
@@ -37,8 +38,10 @@ const PublishedFile FRESH{"features/us/strategy_is/fresh.arrow", "of the new era
 /// A manager in era 7; the server is in era 8.
 class TransitionTest : public testing::Test, protected SyncSetup {
  protected:
-  void SetUp() override {
+  void SetUp() override { begin_in_era_7(); }
+  void begin_in_era_7() {
     publish_era(7, {KEPT, OLD, GONE});
+    for (const std::string& path : {OLD.path, FRESH.path, std::string("manifest.json")}) std::filesystem::remove(directory / path);
     manager = open();
     static_cast<void>(manager->sync());
     static_cast<void>(asked());
@@ -245,12 +248,7 @@ TEST_F(TransitionTest, aFailureWhileFilesMoveIsMendedByTheNextAttempt) {
   int times_told = 0;
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
-    publish_era(7, {KEPT, OLD, GONE});
-    for (const PublishedFile& file : {OLD, GONE}) directory.write(file.path, file.content);
-    for (const char* path : {FRESH.path.c_str(), "manifest.json"}) std::filesystem::remove(directory / path);
-    manager = open();
-    static_cast<void>(manager->sync());
-    publish_era(8, {KEPT, NEW, FRESH});
+    begin_in_era_7();
     row.set_up();
     EXPECT_NE(failure(), "");
     EXPECT_EQ(manager->get_manifest()->era_number(), Value(row.era_after));
@@ -267,6 +265,25 @@ TEST_F(TransitionTest, aFailureWhileFilesMoveIsMendedByTheNextAttempt) {
     const std::vector<std::string> told = log.messages(LogLevel::Debug);
     EXPECT_EQ(std::ranges::count(told, "Search tracking: " + directory.path() + " went from era 7 to era 8"), ++times_told);
     EXPECT_FALSE(directory.contains(".told_era"));
+  }
+}
+
+TEST_F(TransitionTest, aLackOfMemoryIsMendedByTheNextAttempt) {
+  for (const bool lasts : {false, true}) {
+    bool has_failed = true;
+    for (int nth = 1; has_failed; nth += 1 + nth / 4) {
+      SCOPED_TRACE(nth);
+      begin_in_era_7();
+      try {
+        const FailingMemory memory(nth, lasts);
+        transit();
+        has_failed = memory.has_failed();
+      } catch (const std::exception&) {
+      }
+      EXPECT_EQ(std::async(std::launch::async, [this] { return failure(); }).get(), "") << "whichever thread it is on";
+      expect_era_8();
+      expect_nothing_left();
+    }
   }
 }
 

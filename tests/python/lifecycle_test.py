@@ -230,17 +230,22 @@ def test_a_kept_back_off_context_goes_with_its_host() -> None:
     assert gone() is None
 
 
-def test_a_running_manager_outlives_its_last_reference_and_a_stopped_one_does_not(tmp_path: pathlib.Path, server: Any) -> None:
+@pytest.mark.parametrize(("begin", "end", "is_held_by_its_host"), [("acquire", "release", True), ("acquire", "release", False), ("start", "stop", False)])
+def test_a_running_manager_outlives_its_last_reference_and_a_stopped_one_does_not(
+    tmp_path: pathlib.Path, server: Any, begin: str, end: str, is_held_by_its_host: bool
+) -> None:
     holder = Holder()
-    holder.owner = sync.SyncManager.get_or_create(tmp_path, server.url, holder)
-    holder.owner.acquire()
-    gone, running = weakref.ref(holder), weakref.ref(holder.owner)
-    del holder
+    manager = sync.SyncManager.get_or_create(tmp_path, server.url, holder)
+    if is_held_by_its_host:
+        holder.owner = manager
+    getattr(manager, begin)()
+    gone, running = weakref.ref(holder), weakref.ref(manager)
+    del holder, manager
     gc.collect()
     manager = running()
     assert manager is not None and manager is sync.SyncManager._instances[str(tmp_path)]
     assert manager.is_alive() and manager._get_token() == "t" and gone() is not None
-    manager.release()
+    getattr(manager, end)()
     del manager
     gc.collect()
     assert gone() is None and running() is None

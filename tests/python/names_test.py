@@ -17,15 +17,32 @@ KINDS = {
          "_SYNC_EVENT_COALESCE_LIMIT _FEATURE_ROTATION_STATE_VERSION _FEATURE_ROTATION_BYTES_PER_GB _PREFETCHED_FEATURES_VERSION",
     float: "_SYNC_HTTP_TIMEOUT_SECONDS _SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS _SYNC_PARALLEL_TIMEOUT_SECONDS _SYNC_MANIFEST_POLL_INTERVAL_SECONDS",
     str: "__version__ _SYNC_USER_AGENT _SYNC_HASH_CACHE_FILENAME _SYNC_PROGRESS_FILENAME _SIGNALS_INDEX_RELATIVE_PATH CURRENT_PLATFORM "
-         "_FEATURE_ROTATION_STATE_FILENAME _PREFETCHED_FEATURES_FILENAME",
+         "_FEATURE_ROTATION_STATE_FILENAME _PREFETCHED_FEATURES_FILENAME _FOUND_SIGNAL_PNL_KIND _FOUND_STRATEGY_EPOCH_PNL_KIND "
+         "_USEFUL_SIGNAL_OS_PNL_KIND _USEFUL_SIGNAL_STRATEGY_IS_PNL_KIND",
     frozenset: "_REQUIRED_VOCABULARY_KEYS _RETIRED_UNSUPPORTED_RUNTIME_MODULE_NAMES",
-    tuple: "_TRANSIENT_HTTP_STATUSES _SIGNALS_INDEX_SECTIONS _RUNTIME_MODULE_EXTENSION_SUFFIXES",
+    tuple: "_TRANSIENT_HTTP_STATUSES _SIGNALS_INDEX_SECTIONS _RUNTIME_MODULE_EXTENSION_SUFFIXES _FOUND_PNL_FILE_KINDS",
+    dict: "_FOUND_PNL_SECTION_KINDS _RECOVERABLE_SIGNAL_PNL_SECTION_KINDS",
+}  # fmt: skip
+
+# Operations that no other test calls.
+FURTHER = {
+    sync: "_cleanup_sync_tmp_files _detect_platform _manifest_has_retired_found_pnl_long_files _manifest_local_path _remove_manifest_tmp_file "
+          "_remove_sync_progress_json _sync_http_chunk_bytes _sync_http_response_read_bytes _sync_http_timeout_seconds _sync_max_concurrency "
+          "_sync_manifest_version_http_timeout_seconds _sync_max_unchanged_checksum_repairs _write_sync_backoff_progress_json",
+    sync.SyncManager: "_cleanup_inactive_rotation_artifacts _cleanup_old_eras_background _normalize_active_rotation_state_for_manifest "
+                      "_persist_consumer_count _persist_hash_cache _poll_loop _process_repair_queue _promote_rotation_candidate "
+                      "_remember_local_sha _start_sync_thread _stop_internal _sync_impl _sync_with_manifest_refresh",
+    sync.EraThread: "_run",
 }  # fmt: skip
 
 
 @pytest.mark.parametrize(("kind", "names"), KINDS.items(), ids=lambda kind: getattr(kind, "__name__", ""))
 def test_constants(kind: type, names: str) -> None:
     assert {type(getattr(sync, name)) for name in names.split()} == {kind}
+
+
+def test_no_operation_is_missing() -> None:
+    assert [name for owner, names in FURTHER.items() for name in names.split() if not callable(getattr(owner, name, None))] == []
 
 
 VOCABULARY: dict[str, Any] = {"era_number": 7, "named_universe": "u", "features": [], "metadata": {"named_universe": "u"}}

@@ -5,6 +5,7 @@ import json
 import logging
 import sys
 import threading
+import time
 import types
 from collections.abc import Callable, Iterator, Mapping
 from contextlib import contextmanager
@@ -265,6 +266,16 @@ def test_outages_as_python_sees_them(records: pytest.LogCaptureFixture, neighbou
     neighbour("reason_descriptions", describe_reason=lambda *_, **__: 1 / 0)
     with pytest.raises(ZeroDivisionError):
         sync._sync_unavailable_next_action({})
+
+
+def test_a_look_at_one_thing_costs_no_more_for_many_others() -> None:
+    for number in range(3000):
+        sync._should_emit_sync_event({"event_type": "http_retry", "file": f"{number} of many"})
+    row = {"relative_path": "a"} | {f"key {number}": 0 for number in range(20_000)}
+    manifest = sync.Manifest({"files": {"a": {}}, "artifacts": [row]})
+    for look in (lambda: dict(sync._SYNC_EVENT_COALESCE_COUNTS), lambda: sync._rotation_manifest_artifacts(manifest)):
+        began = time.process_time()
+        assert look() and time.process_time() - began < 1, "some ten milliseconds on a quiet machine"
 
 
 def test_an_interrupt_that_comes_while_the_level_is_asked_for(monkeypatch: pytest.MonkeyPatch, manager: sync.SyncManager) -> None:

@@ -231,17 +231,23 @@ def test_an_argument_of_the_wrong_type_is_named_by_every_operation(manager: sync
     assert wrong == [], "\n".join(wrong)
 
 
-@pytest.mark.parametrize("raised", [KeyboardInterrupt, ZeroDivisionError])
-def test_what_a_conversion_of_the_host_raises_goes_on(raised: type[BaseException]) -> None:
+@pytest.mark.parametrize("raised", [KeyboardInterrupt(), ZeroDivisionError(), AttributeError(name="another")], ids=type)
+def test_what_an_object_of_the_host_raises_goes_on(raised: BaseException) -> None:
     def fail(_: object) -> Any:
         raise raised
 
-    hostile: Any = type("Hostile", (), dict.fromkeys(("__fspath__", "__index__", "__float__", "__iter__", "__int__"), fail))()
+    conversions = dict.fromkeys(("__fspath__", "__index__", "__float__", "__iter__", "__int__"), fail)
+    hostile: Any = type("Hostile", (), conversions | dict.fromkeys(("files", "era_number", "typed_details", "value"), property(fail)))()
     for call in (
         lambda: sync._sync_progress_path(hostile),
         lambda: sync._sha256_file("a", hostile),
         lambda: sync._sync_parallel_timeout_description(hostile),
         lambda: sync._drop_missing_found_pnl_paths({}, hostile),
+        lambda: sync._rotation_manifest_artifacts(hostile),  # a property is none that is absent
+        lambda: sync._write_sync_progress_json("/nowhere", hostile, {}),
+        lambda: sync._sync_unavailable_has_typed_details(hostile),
+        lambda: sync._feature_epoch_for_expression_type(hostile),
     ):
-        with pytest.raises(raised):
+        with pytest.raises(type(raised)) as caught:
             call()
+        assert caught.value is raised

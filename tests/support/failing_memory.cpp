@@ -11,6 +11,7 @@ namespace {
 constinit std::atomic<const char*> failing_thread{nullptr};
 constinit std::atomic<bool> failed{false};
 constinit thread_local int allocations_left = 0;  // until the one that fails; 0 for none
+constinit thread_local bool later_ones_fail = false;
 
 bool is_on_failing_thread() {
   const char* const wanted = failing_thread.load();
@@ -18,11 +19,17 @@ bool is_on_failing_thread() {
   return wanted != nullptr && pthread_getname_np(pthread_self(), name, sizeof name) == 0 && std::string_view(name).starts_with(wanted);
 }
 
+bool counts_down_to_failure() {
+  if (allocations_left == 0 || --allocations_left > 0) return false;
+  if (later_ones_fail) allocations_left = 1;
+  return true;
+}
+
 }  // namespace
 
 // Both forms: a sanitizer's own would not go with the operator delete below.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  if (is_on_failing_thread() || (allocations_left > 0 && --allocations_left == 0)) {
+  if (is_on_failing_thread() || counts_down_to_failure()) {
     failed = true;
     return nullptr;
   }
@@ -42,8 +49,9 @@ FailingMemory::FailingMemory(const char* thread_name) {
   failing_thread = thread_name;
 }
 
-FailingMemory::FailingMemory(int nth) {
+FailingMemory::FailingMemory(int nth, bool and_later_ones) {
   failed = false;
+  later_ones_fail = and_later_ones;
   allocations_left = nth;
 }
 

@@ -10,8 +10,8 @@ class FailingMemory {
  public:
   /// Every allocation fails on the library's threads whose names begin like this.
   explicit FailingMemory(const char* thread_name);
-  /// The n-th allocation of the running thread fails, counted from 1.
-  explicit FailingMemory(int nth);
+  /// The n-th allocation of the running thread fails, counted from 1; `and_later_ones` too, if so.
+  explicit FailingMemory(int nth, bool and_later_ones = false);
   FailingMemory(const FailingMemory&) = delete;
   FailingMemory& operator=(const FailingMemory&) = delete;
   ~FailingMemory();
