@@ -85,11 +85,6 @@ int open_counted(const char* name, int directory, const char* path, int flags, m
 DEFINE_OPEN(open, openat)
 DEFINE_OPEN(open64, openat64)
 
-HOOK int rename(const char* from, const char* to) {
-  point("rename", AT_FDCWD, to);
-  return real<int(const char*, const char*)>("rename")(from, to);
-}
-
 HOOK int renameat(int from_directory, const char* from, int to_directory, const char* to) {
   point("rename", to_directory, to);
   return real<int(int, const char*, int, const char*)>("renameat")(from_directory, from, to_directory, to);
@@ -103,11 +98,6 @@ HOOK int unlink(const char* path) {
 HOOK int unlinkat(int directory, const char* path, int flags) {
   point("unlink", directory, path);
   return real<int(int, const char*, int)>("unlinkat")(directory, path, flags);
-}
-
-HOOK int remove(const char* path) {
-  point("unlink", AT_FDCWD, path);
-  return real<int(const char*)>("remove")(path);
 }
 
 HOOK int rmdir(const char* path) {

@@ -51,27 +51,6 @@ inline ArtifactRotationSettings budget_of(std::int64_t bytes, std::uint64_t seed
   return settings;
 }
 
-/// One client with as much disk as it likes.
-class FleetClient {
- public:
-  FleetClient(std::uint64_t seed, std::int64_t budget_bytes) : settings_(budget_of(budget_bytes, seed)) {}
-
-  /// A rotation where `due`, else a plan within the generation.
-  const RotationSelection& plan(const ArtifactsRef& artifacts, bool due) {
-    PlanningFacts facts;
-    facts.rotation_due = due;
-    facts.free_disk_bytes = std::int64_t{1} << 50;
-    plan_ = builtin_plan_rotation(artifacts, settings_, state_, facts);
-    state_ = plan_.candidate_state;
-    return plan_.selection;
-  }
-
- private:
-  ArtifactRotationSettings settings_;
-  RotationStateRef state_;
-  RotationPlan plan_;
-};
-
 struct FleetCoverage {
   std::map<std::string, std::int64_t> held;  ///< by path: in how many client-weeks
   std::vector<double> seen;                  ///< after each week: which share of the features an average client has held
@@ -82,11 +61,17 @@ inline FleetCoverage run_fleet(int clients, int weeks, const std::vector<Planned
   const auto budget = static_cast<std::int64_t>(static_cast<double>(bytes_of(files)) * budget_share);
   std::vector<std::int64_t> held(files.size());
   FleetCoverage coverage{{}, std::vector<double>(static_cast<std::size_t>(weeks))};
+  PlanningFacts facts;
+  facts.rotation_due = true;
+  facts.free_disk_bytes = std::int64_t{1} << 50;
   for (int number = 0; number < clients; ++number) {
-    FleetClient client(0x5EED0000u + static_cast<std::uint64_t>(number), budget);
+    const ArtifactRotationSettings settings = budget_of(budget, 0x5EED0000u + static_cast<std::uint64_t>(number));
+    RotationStateRef state;
     std::vector<bool> seen(files.size());
     for (std::size_t week = 0; week < coverage.seen.size(); ++week) {
-      const RotationSelection& selection = client.plan(artifacts, true);
+      const RotationPlan plan = builtin_plan_rotation(artifacts, settings, state, facts);
+      const RotationSelection& selection = plan.selection;
+      state = plan.candidate_state;
       for (std::size_t index = 0; index < files.size(); ++index) {
         if (selection.roles[index] != RotationSelection::Role::Selected) continue;
         ++held[index];
