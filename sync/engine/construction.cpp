@@ -4,7 +4,6 @@
 #include "sync/base/files/paths.hpp"
 #include "sync/base/log.hpp"
 #include "sync/base/text/text.hpp"
-#include "sync/base/threads/fork.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/base/values/json.hpp"
 #include "sync/documents/manifest_file.hpp"
@@ -26,11 +25,10 @@ SyncManager::SyncManager(Options options)
       _poll_interval(options.poll_interval_s),
       _consumer_count_path(join_path(options.data_dir, ".consumer_count")),
       _flock_path(join_path(options.data_dir, ".sync_flock")),
-      seams_(options.seams),
-      fork_generation_(fork_generation()),
-      _hash_cache(*options.seams.files, *options.seams.clock, join_path(options.data_dir, SYNC_HASH_CACHE_FILENAME)),
-      _prefetched_features(*options.seams.files, *options.seams.clock, _data_dir),
-      _directory_lock(_data_dir, _flock_path, *options.seams.clock) {
+      own_process_(options.seams),
+      _hash_cache(*seams_.files, *seams_.clock, join_path(options.data_dir, SYNC_HASH_CACHE_FILENAME)),
+      _prefetched_features(*seams_.files, *seams_.clock, _data_dir),
+      _directory_lock(_data_dir, _flock_path, *seams_.clock) {
   const auto not_callable = options.get_token ? options.get_token->type_where_not_callable() : std::optional<std::string>("nothing");
   if (not_callable) throw TypeError("get_token must be callable, got " + *not_callable);
   if (options.server_url.empty()) throw ValueError("server_url must not be empty");
@@ -101,12 +99,6 @@ std::string SyncManager::directory_or_live(const std::optional<std::string>& tar
 Value SyncManager::status() const {
   const std::shared_ptr<const Value> message = _status_message.get();
   return message ? *message : Value();
-}
-
-void SyncManager::require_own_process() const {
-  if (in_own_process()) return;
-  // The directory is not named: the lock of that field may be held by a thread that this process does not have.
-  throw StateError("this SyncManager was created before fork(): build one in this process with SyncManager.get_or_create");
 }
 
 }  // namespace brackenfen::sync

@@ -46,6 +46,7 @@ bool try_lock(const Descriptor& file) noexcept { return ::flock(file.get(), LOCK
 }  // namespace
 
 void StagingFile::open(bool may_begin) {
+  require_own_process();
   if (!file_ || !is_named(file_, place_)) {
     if (!may_begin) throw os_error(ENOENT, place_.path());
     take_file();
@@ -92,7 +93,12 @@ void StagingFile::copy_from(const Descriptor& other) {
   }
 }
 
+void StagingFile::require_own_process() const {
+  if (fork_generation_ != fork_generation()) throw StateError("this download began before fork(): it goes on in the parent alone");
+}
+
 void StagingFile::require_name() const {
+  require_own_process();
   if (!is_named(file_, place_)) throw os_error(ENOENT, place_.path());
 }
 
@@ -123,6 +129,7 @@ void StagingFile::digest_prefix(std::int64_t size_bytes) {
 }
 
 void StagingFile::clear() {
+  require_own_process();
   if (is_named(file_, place_)) truncate(0);
   seek(0);
   digest_.reset();
@@ -139,6 +146,7 @@ void StagingFile::expect(std::optional<std::uint64_t> partial_limit, std::option
 }
 
 std::uint64_t StagingFile::begin(int status) {
+  require_own_process();
   if (status == 200 && whole_limit_) {
     overwrites_ = start_bytes_ > 0;
     seek(0);

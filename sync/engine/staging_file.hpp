@@ -4,6 +4,7 @@
 // A worker that its caller left behind may still have the file open when a later download begins on it, in this process
 // or another. An advisory lock on the open file tells: who finds it taken goes on in a copy under the same name. So no
 // two downloads ever write to one file, and a worker whose name leads to another file, or nowhere, touches nothing more.
+// In a child of fork() every operation on the file throws StateError: it belongs to the download of the parent.
 #pragma once
 
 #include <cstdint>
@@ -14,6 +15,7 @@
 #include "sync/base/files/descriptor.hpp"
 #include "sync/base/files/sha256.hpp"
 #include "sync/base/threads/clock.hpp"
+#include "sync/base/threads/fork.hpp"
 #include "sync/transport/files.hpp"
 #include "sync/transport/http.hpp"
 
@@ -63,6 +65,9 @@ class StagingFile : public ResponseSink {
   /// Takes the name from a file that another download has open, so that the next to open it makes a new one.
   void take_name(const Descriptor& other) const;
   void copy_from(const Descriptor& other);
+  /// Throws StateError in a child of fork(), which shares the open file, its position and its lock with the parent.
+  void require_own_process() const;
+  /// The same, and FileNotFoundError where the name leads elsewhere.
   void require_name() const;
   [[nodiscard]] std::optional<FileStat> stat_of_written(const Descriptor& file) const;
   /// Digests the file from its beginning, as far as it goes or up to `size_bytes`.
@@ -72,6 +77,7 @@ class StagingFile : public ResponseSink {
 
   Place place_;
   Clock& clock_;
+  const std::uint64_t fork_generation_ = fork_generation();
   Descriptor file_;
   Sha256 digest_;
   std::int64_t size_bytes_ = 0;

@@ -37,7 +37,6 @@
 
 #include "sync/base/threads/background_thread.hpp"
 #include "sync/base/threads/event.hpp"
-#include "sync/base/threads/fork.hpp"
 #include "sync/base/threads/mutex.hpp"
 #include "sync/base/threads/snapshot.hpp"
 #include "sync/base/values/value.hpp"
@@ -56,6 +55,7 @@
 #include "sync/rotation/search_consumers.hpp"
 #include "sync/rotation/state_changes.hpp"
 #include "sync/transport/http.hpp"
+#include "sync/transport/own_process.hpp"
 #include "sync/transport/seams.hpp"
 #include "sync/transport/token_source.hpp"
 
@@ -412,6 +412,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   Snapshot<BackgroundThread> _sync_thread;  ///< null where the manager does not run
   Snapshot<EraThread> _era_thread;
 
+  /// They throw StateError in a child of fork() that comes back into work of this object.
   [[nodiscard]] const Seams& seams() const noexcept { return seams_; }
 
  private:
@@ -435,8 +436,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   [[nodiscard]] std::string fetch_signals_index(NeighbourSet& neighbours, const std::string& file_path, const Value& base_url);
   [[nodiscard]] std::string fetch_shuffle_seed(NeighbourSet& neighbours, const Value& expected_era_id);
   /// Throws StateError in a child process that inherited this object by fork().
-  void require_own_process() const;
-  [[nodiscard]] bool in_own_process() const noexcept { return fork_generation_ == fork_generation(); }
+  void require_own_process() const { own_process_.require(); }
+  [[nodiscard]] bool in_own_process() const noexcept { return own_process_.is_here(); }
 
   void notify_of_current_era(std::string_view event_type);
   /// Repairs what was reported, or leaves it to the thread that is at it already.
@@ -468,8 +469,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   /// answer and error are those of a loop that looks at each file where `collect` adds it.
   [[nodiscard]] bool files_match(const std::string& data_dir, const std::function<bool(ExpectedFiles&)>& collect);
 
-  const Seams seams_;
-  const std::uint64_t fork_generation_;
+  const OwnProcess own_process_;
+  const Seams& seams_ = own_process_.seams();
 
   [[nodiscard]] LoadedRotationSettings load_rotation_settings(NeighbourSet& neighbours, Manifest& manifest);
   [[nodiscard]] bool rotation_is_due(NeighbourSet& neighbours, const LoadedRotationSettings& settings, const RotationStateRef& active);

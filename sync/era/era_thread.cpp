@@ -65,7 +65,7 @@ void EraThread::drop_host() {
 void EraThread::_run() {
   const std::shared_ptr<BackgroundThread> started = _thread.get();
   _poll_once();
-  while (!_stop_event.is_set()) {
+  while (!_stop_event.is_set() && fork_generation_ == fork_generation()) {  // else a callback forked, and this is the child
     if (_stop_event.wait(*options_.seams.clock, _poll_interval.get())) return;
     if (_thread.get() != started) return;  // one that outlived its stop, and another was started since
     _poll_once();

@@ -39,6 +39,7 @@ SyncManager::Transition::Transition(SyncManager& manager, Value new_era_id, cons
 std::optional<Value> SyncManager::Transition::run() {
   TransitionScope scope(manager_);
   if (kill_searches_fn_) kill_searches_fn_();
+  manager_.require_own_process();  // a callback may have forked
   check_library();
   fetch_manifest();
   find_whom_to_tell();
@@ -127,6 +128,7 @@ void SyncManager::Transition::find_whom_to_tell() {
 
 void SyncManager::Transition::plan() {
   manager_.adopt_stored_rotation(*neighbours_);
+  manager_.require_own_process();
   remove_tree(transition_staging_dir_);  // what one that was killed staged is room for this one
   const std::int64_t free_disk_bytes = manager_.seams_.files->free_bytes(data_dir_);
   rotation_ = manager_._plan_feature_rotation_for_manifest(*neighbours_, *new_manifest_, free_disk_bytes);

@@ -36,6 +36,7 @@ void SyncManager::TransitionScope::write_transition_lock() {
 }
 
 void SyncManager::TransitionScope::make_staging_directory(const std::string& path) {
+  manager_.require_own_process();
   manager_._directory_lock.require_directory();
   remove_tree(path);
   make_directories(path);
@@ -50,8 +51,10 @@ void SyncManager::TransitionScope::close() {
   FirstFailure failure;
   failure.run([this] { unit_of_work_->release(); });
   unit_of_work_.reset();
-  failure.run([this] { remove_staging_directory(); });
-  failure.run([this] { remove_transition_lock(); });
+  if (manager_.in_own_process()) {  // else both belong to the parent of a fork, whose transition goes on
+    failure.run([this] { remove_staging_directory(); });
+    failure.run([this] { remove_transition_lock(); });
+  }
   failure.rethrow();
 }
 

@@ -157,7 +157,7 @@ void SyncManager::start_era_thread() {
     options.era_poll_interval_s = _poll_interval.get();
     options.kill_searches_fn = notifier(weak_from_this(), &SyncManager::_kill_fn);
     options.restart_searches_fn = notifier(weak_from_this(), &SyncManager::_restart_fn);
-    options.seams = seams_;
+    options.seams = own_process_.given_seams();  // it may outlive the manager
     watcher = std::make_shared<EraThread>(std::move(options));
     _era_thread.set(watcher);
   }

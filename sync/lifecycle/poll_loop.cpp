@@ -28,7 +28,7 @@ void SyncManager::_poll_loop() {
 }
 
 void SyncManager::poll_until(const std::function<bool()>& ended) {
-  while (!ended()) {
+  while (in_own_process() && !ended()) {  // a callback may have forked: the loop goes on in the parent alone
     if (!_in_transition) warn_of_failure("Poll loop iteration failed: %s", [this] { _poll_once(); });
     _stop_event.wait(*seams_.clock, _poll_interval.get());
   }
