@@ -45,14 +45,14 @@ std::string_view _sync_event_level_name(const Document& event) {
   return "info";
 }
 
-void _emit_brackenfen_sync_event(const Document& given) {
-  const Value shown = mask_secrets(Value(given));  // before anything counts it or writes it
-  const Document& event = *shown.if_document();
-  if (!_should_emit_sync_event(event)) return;
-  const LogLevel level = _sync_event_level_name(event) == "warning" ? LogLevel::Warning : LogLevel::Info;
+void _emit_brackenfen_sync_event(const Document& event) {
+  const Value masked = mask_secrets(Value(event));  // before anything counts it or writes it
+  const Document& shown = *masked.if_document();
+  if (!_should_emit_sync_event(shown)) return;
+  const LogLevel level = _sync_event_level_name(shown) == "warning" ? LogLevel::Warning : LogLevel::Info;
   LogSink& sink = log_sink();
   if (!sink.enabled(level)) return;
-  sink.write(LogRecord{level, "brackenfen_sync_event %s", {write_json(event, JsonForm::SortedKeys)}, &event});
+  sink.write(LogRecord{level, "brackenfen_sync_event %s", {write_json(shown, JsonForm::SortedKeys)}, &shown});
 }
 
 void _log_sync_event(std::string_view event_type, std::string_view file_path, const Value& count, std::string_view reason,
