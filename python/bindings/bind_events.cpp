@@ -125,7 +125,7 @@ void bind_coalescing(nb::module_& module) {
   }
   for (const char* name : {"__getitem__", "__contains__", "get"}) {
     counts.def(name, [name](const LiveCounts&, const nb::args& arguments) {
-      const nb::dict asked = arguments.size() > 0 ? LiveCounts::read(arguments[0]) : nb::dict();
+      const nb::dict asked = !arguments.empty() ? LiveCounts::read(arguments[0]) : nb::dict();
       return nb::object(asked.attr(name)(*arguments));
     });
   }
