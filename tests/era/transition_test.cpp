@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <filesystem>
 #include <functional>
@@ -103,6 +104,14 @@ class TransitionTest : public testing::Test, protected SyncSetup {
 
 TEST_F(TransitionTest, aStopGoesOnBesideATransitionThatLasts) {
   const Reply lasting[] = {{.status = 503}, {.body = NEW.content, .delay = std::chrono::hours(1)}};  // an outage, a slow file
+  struct : InterruptSource {
+    std::atomic<std::thread::id> pass;
+    std::atomic<bool> pass_waits{false};
+    void check() override {
+      if (std::this_thread::get_id() == pass.load()) pass_waits = true;
+    }
+  } asked;
+  InterruptSource* const usual = set_interrupt_source(&asked);
   for (const Reply& reply : lasting) {
     server.script(NEW.url_path(), {reply});
     const std::size_t before = requests(NEW.url_path());
@@ -116,7 +125,11 @@ TEST_F(TransitionTest, aStopGoesOnBesideATransitionThatLasts) {
     manager->start();
     auto transition = interruptible([this] { transit(); });
     while (requests(NEW.url_path()) == before) std::this_thread::yield();
-    auto pass = interruptible([this] { static_cast<void>(manager->sync()); });  // waits for the directory
+    auto pass = interruptible([&] {
+      asked.pass = std::this_thread::get_id();
+      static_cast<void>(manager->sync());
+    });
+    while (!asked.pass_waits) std::this_thread::yield();  // for the directory
     manager->stop();
     EXPECT_TRUE(manager->_in_transition);
     EXPECT_FALSE(manager->_running);
@@ -124,7 +137,9 @@ TEST_F(TransitionTest, aStopGoesOnBesideATransitionThatLasts) {
     transition.get();
     pass.get();
     expect_nothing_left();
+    asked.pass_waits = false;
   }
+  set_interrupt_source(usual);
 }
 
 TEST_F(TransitionTest, movesTheDirectoryToTheNextEra) {
