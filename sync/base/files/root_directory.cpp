@@ -89,14 +89,18 @@ std::shared_ptr<const Descriptor> RootDirectory::make_folder(const std::string& 
 
 void RootDirectory::walk(const Visit& visit, const std::function<void(const Error&)>& failed) const {
   if (!*directory_) return failed(os_error(ENOENT, path_));
-  std::vector<std::string> pending{""};  // relative, with a slash behind each
+  std::vector<std::string> pending{""};      // relative, with a slash behind each
+  std::shared_ptr<const Descriptor> parent;  // the folder read last, from which those in it open in one step
+  std::string parent_path;
   while (!pending.empty()) {
     const std::string folder_path = std::move(pending.back());
     pending.pop_back();
     check_interrupt();
     try {
       const std::string relative_path(rstrip_char(folder_path, '/'));
-      const auto folder = std::make_shared<const Descriptor>(open_beneath(get(), relative_path, O_RDONLY | O_DIRECTORY));
+      const bool is_child = parent && relative_path.rfind('/') + 1 == parent_path.size() && relative_path.starts_with(parent_path);
+      const auto folder = std::make_shared<const Descriptor>(open_beneath(
+          is_child ? parent->get() : get(), is_child ? relative_path.substr(parent_path.size()) : relative_path, O_RDONLY | O_DIRECTORY));
       const std::string prefix = path_ + "/" + folder_path;
       if (!*folder) throw os_error(errno, prefix);
       DirectoryReader reader(*folder, prefix);
@@ -104,6 +108,8 @@ void RootDirectory::walk(const Visit& visit, const std::function<void(const Erro
         if (reader.is_directory(*entry)) pending.push_back(folder_path + entry->d_name + "/");
         visit(Place(folder, prefix + entry->d_name), reader, *entry);
       }
+      parent = folder;
+      parent_path = folder_path;
     } catch (const Error& error) {
       failed(error);
     }
