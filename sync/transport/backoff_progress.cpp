@@ -120,7 +120,7 @@ void _write_sync_backoff_progress_json(const Seams& seams, const Document& event
   const std::string text = file_text(*kept, {{"phase", text_of("backoff")},
                                              {"updated_at", text_of(seams.clock->wall_seconds())},
                                              {"backoff", text_of(wait_shown_to_operators(event))}});
-  _atomic_write(*seams.files, *seams.clock, path, text);
+  _atomic_write(*seams.files, *seams.clock, sync_progress_place(data_dir), text);
   const std::optional<FileStat> written = stat_or_none();
   if (written && written->size_bytes == static_cast<std::int64_t>(text.size())) last_wait().remember(path, *written, std::move(kept));
 }

@@ -1,5 +1,7 @@
 #include "sync/transport/progress.hpp"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <optional>
@@ -104,6 +106,11 @@ class ShownEntry {
 
 std::string _sync_progress_path(std::string_view data_dir) { return join_path(data_dir, SYNC_PROGRESS_FILENAME); }
 
+Place sync_progress_place(std::string_view data_dir) {
+  const std::string directory = data_dir.empty() ? "." : std::string(data_dir);
+  return {std::make_shared<const Descriptor>(open_file(directory, O_PATH | O_DIRECTORY)), _sync_progress_path(data_dir)};
+}
+
 void _write_sync_progress_json(Files& files, Clock& clock, const SyncProgress& sync_progress, std::string_view data_dir,
                                const Value& era_number, const Value& version, const Document& files_to_download) {
   Value total_bytes = 0;
@@ -133,7 +140,7 @@ void _write_sync_progress_json(Files& files, Clock& clock, const SyncProgress& s
       {"unknown_size_files", List(std::move(unknown_size_files))},
       {"files", Document(std::move(entries))},
   };
-  _atomic_write(files, clock, _sync_progress_path(data_dir), write_json(payload, JsonForm::SortedKeys));
+  _atomic_write(files, clock, sync_progress_place(data_dir), write_json(payload, JsonForm::SortedKeys));
 }
 
 void _remove_sync_progress_json(Files& files, std::string_view data_dir) {

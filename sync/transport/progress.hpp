@@ -15,6 +15,8 @@ class SyncProgress;
 inline constexpr const char* SYNC_PROGRESS_FILENAME = "sync-progress.json";
 
 [[nodiscard]] std::string _sync_progress_path(std::string_view data_dir);
+/// For writing it: in the directory as it stands, since one that was removed meanwhile must not come back. Throws os_error.
+[[nodiscard]] Place sync_progress_place(std::string_view data_dir);
 /// Phase "syncing": era, version, sizes and the files to download. Throws os_error.
 void _write_sync_progress_json(Files& files, Clock& clock, const SyncProgress& sync_progress, std::string_view data_dir,
                                const Value& era_number, const Value& version, const Document& files_to_download);

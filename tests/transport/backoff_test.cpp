@@ -99,6 +99,9 @@ TEST_F(BackoffTest, announcesAWaitAndKeepsWhatThePassWrote) {
   }
   files_.fail(FaultFiles::Call::WriteNew, 1, ENOSPC);
   EXPECT_THROW(static_cast<void>(wait(0, "http_503")), Error);
+  std::filesystem::remove_all(directory_.path());
+  EXPECT_THROW(static_cast<void>(wait(0, "http_503")), Error);
+  EXPECT_FALSE(std::filesystem::exists(directory_.path())) << "a directory that was removed stays so";
 }
 
 }  // namespace

@@ -95,6 +95,9 @@ TEST_F(FilesTest, showsWhatAPassDownloads) {
   EXPECT_EQ(directory_.read("sync-progress.json"),
             R"({"era_number": 0, "files": {}, "phase": "syncing", "total_bytes": 0, "total_bytes_known": true, )"
             R"("unknown_size_files": [], "updated_at": 1700000000.5, "version": 0})");
+  std::filesystem::remove_all(directory_.path());
+  EXPECT_THAT(failure_of([&] { write_progress({}); }), testing::StartsWith("FileNotFoundError"));
+  EXPECT_FALSE(std::filesystem::exists(directory_.path())) << "a directory that was removed stays so";
 }
 
 TEST_F(FilesTest, removesTheProgressFileWithoutEverFailing) {
