@@ -77,6 +77,27 @@ Document network_failure_details(const std::string& reason) {
   return {{"error_code", reason}, {"dependency", "network"}, {"retryable", true}, {"recovery", "retry_with_backoff"}, {"reason", reason}};
 }
 
+/// What an attempt came to: a response, or an error instead of one.
+struct AttemptEnd {
+  int status = 0;                     ///< of the response
+  Value retryable = {};               ///< what its body says, null where it says nothing
+  const ErrorClass* error = nullptr;  ///< null for a response
+  bool of_the_caller = false;         ///< the error is the sink's or the host's: a full disk is no outage
+};
+
+enum class NextStep {
+  HandBack,  ///< a success or a definite answer: the caller's to judge
+  Wait,      ///< and then ask again, without limit
+  GiveUp,    ///< the server says that asking again cannot help
+  Rethrow,   ///< the error is none of the network's
+};
+
+NextStep next_step(const AttemptEnd& end) {
+  if (end.error != nullptr) return end.error->derives_from(error_class::OSError) && !end.of_the_caller ? NextStep::Wait : NextStep::Rethrow;
+  if (!_should_retry_http_status(end.status)) return NextStep::HandBack;
+  return end.retryable.is_exactly(false) ? NextStep::GiveUp : NextStep::Wait;
+}
+
 /// One call of _request_with_sync_retries.
 class RetryLoop {
  public:
@@ -229,12 +250,6 @@ void RetryLoop::emit_status(std::string_view event_type) {
 }
 
 }  // namespace
-
-NextStep next_step(const AttemptEnd& end) {
-  if (end.error != nullptr) return end.error->derives_from(error_class::OSError) && !end.of_the_caller ? NextStep::Wait : NextStep::Rethrow;
-  if (!_should_retry_http_status(end.status)) return NextStep::HandBack;
-  return end.retryable.is_exactly(false) ? NextStep::GiveUp : NextStep::Wait;
-}
 
 HttpResult _request_with_sync_retries(const Seams& seams, NeighbourSet& neighbours, HttpRequest request, float timeout_seconds,
                                       ResponseSink* sink) {

@@ -12,23 +12,6 @@
 
 namespace brackenfen::sync {
 
-/// What an attempt came to: a response, or an error instead of one.
-struct AttemptEnd {
-  int status = 0;                     ///< of the response
-  Value retryable = {};               ///< what its body says, null where it says nothing
-  const ErrorClass* error = nullptr;  ///< null for a response
-  bool of_the_caller = false;         ///< the error is the sink's or the host's: a full disk is no outage
-};
-
-enum class NextStep {
-  HandBack,  ///< a success or a definite answer: the caller's to judge
-  Wait,      ///< and then ask again, without limit
-  GiveUp,    ///< the server says that asking again cannot help
-  Rethrow,   ///< the error is none of the network's
-};
-
-[[nodiscard]] NextStep next_step(const AttemptEnd& end);
-
 /// Appends and keeps the newest `limit`.
 template <typename T>
 void _append_limited(std::vector<T>& values, T value, std::size_t limit = 20) {
