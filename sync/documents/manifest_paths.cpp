@@ -1,5 +1,6 @@
 #include "sync/documents/manifest_paths.hpp"
 
+#include <algorithm>
 #include <optional>
 
 #include "sync/base/error.hpp"
@@ -51,15 +52,14 @@ std::optional<UrlParts> split_url_or_absent(std::string_view url) {
 
 bool is_plain_relative_path(std::string_view path) noexcept {
   if (path.empty() || path.front() == ' ' || path.back() == ' ') return false;
-  std::size_t segment_begin = 0;
-  for (std::size_t i = 0; i <= path.size(); ++i) {
-    if (i < path.size() && path[i] != '/') {
-      if (path[i] < ' ' || path[i] > '~' || path[i] == '\\') return false;
-      continue;
-    }
-    const std::string_view segment = path.substr(segment_begin, i - segment_begin);
+  bool all_plain = true;
+  for (const char c : path) all_plain &= c >= ' ' && c <= '~' && c != '\\';  // without a branch: asked of every path of a manifest
+  if (!all_plain) return false;
+  for (std::size_t begin = 0; begin <= path.size();) {
+    const std::size_t end = std::min(path.find('/', begin), path.size());
+    const std::string_view segment = path.substr(begin, end - begin);
     if (segment.empty() || segment == "." || segment == "..") return false;
-    segment_begin = i + 1;
+    begin = end + 1;
   }
   return true;
 }

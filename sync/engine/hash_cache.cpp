@@ -64,19 +64,30 @@ std::optional<std::string> HashCache::_cached_local_sha(std::string_view file_pa
 }
 
 bool HashCache::holds(std::string_view file_path, const FileStat& stat, std::string_view expected_sha) const {
+  MutexLock lock(mutex_);
+  return holds(*entries_, file_path, stat, expected_sha);
+}
+
+HashCache::View HashCache::view() const {
+  MutexLock lock(mutex_);
+  viewed_ = true;
+  return View(entries_);
+}
+
+HashCache::Entries& HashCache::own_entries() {
+  if (viewed_) entries_ = std::make_shared<Entries>(*entries_);
+  viewed_ = false;
+  return *entries_;
+}
+
+bool HashCache::holds(const Entries& entries, std::string_view file_path, const FileStat& stat, std::string_view expected_sha) {
   if (expected_sha.empty()) return false;
-  Document unusual;
-  {
-    MutexLock lock(mutex_);
-    const auto found = entries_.find(file_path);
-    if (found == entries_.end()) return false;
-    if (const auto* known = std::get_if<Fingerprint>(&found->second)) {
-      return known->size_bytes == stat.size_bytes && known->mtime_ns == stat.mtime_ns && known->ctime_ns == stat.ctime_ns &&
-             known->inode == stat.inode && known->sha256.view() == expected_sha;
-    }
-    unusual = std::get<Document>(found->second);
-  }
-  return unusual_entry_holds(unusual, stat, expected_sha);
+  const auto found = entries.find(file_path);
+  if (found == entries.end()) return false;
+  const auto* known = std::get_if<Fingerprint>(&found->second);
+  if (known == nullptr) return unusual_entry_holds(std::get<Document>(found->second), stat, expected_sha);
+  return known->size_bytes == stat.size_bytes && known->mtime_ns == stat.mtime_ns && known->ctime_ns == stat.ctime_ns &&
+         known->inode == stat.inode && known->sha256.view() == expected_sha;
 }
 
 void HashCache::_remember_local_sha(std::string_view file_path, const std::string& local_path, std::string_view actual_sha) {
@@ -92,13 +103,12 @@ void HashCache::remember_if_unchanged(std::string_view file_path, const std::str
 void HashCache::store(std::string_view file_path, std::string_view actual_sha, const FileStat& stat) try {
   const Fingerprint fingerprint{actual_sha, stat.size_bytes, stat.mtime_ns, stat.ctime_ns, stat.inode};
   MutexLock lock(mutex_);
-  const auto [position, inserted] = entries_.try_emplace(Text(file_path), fingerprint);
-  if (!inserted) {
-    Entry& stored = position.value();
-    const auto* known = std::get_if<Fingerprint>(&stored);
-    if (known != nullptr ? *known == fingerprint : std::get<Document>(stored) == document_from(fingerprint)) return;
-    stored = fingerprint;
+  const auto stored = entries_->find(file_path);
+  if (stored != entries_->end()) {
+    const auto* known = std::get_if<Fingerprint>(&stored->second);
+    if (known != nullptr ? *known == fingerprint : std::get<Document>(stored->second) == document_from(fingerprint)) return;
   }
+  own_entries().insert_or_assign(Text(file_path), fingerprint);
   dirty_ = true;
 } catch (const std::bad_alloc&) {
 }
@@ -126,13 +136,14 @@ Document HashCache::entries() const {
 }
 
 void HashCache::set_entries(const Document& entries) {
-  Entries fresh;
-  fresh.reserve(entries.size());
+  auto fresh = std::make_shared<Entries>();
+  fresh->reserve(entries.size());
   for (const auto& [path, entry] : entries) {
-    if (const Document* document = entry.if_document()) fresh.emplace(path, entry_from_document(*document));
+    if (const Document* document = entry.if_document()) fresh->emplace(path, entry_from_document(*document));
   }
   MutexLock lock(mutex_);
   entries_.swap(fresh);
+  viewed_ = false;
 }
 
 bool HashCache::dirty() const {
@@ -225,7 +236,7 @@ std::vector<HashCache::Line> HashCache::sorted_by_path(const EntryList& entries)
 
 HashCache::EntryList HashCache::copy_entries() const {
   MutexLock lock(mutex_);
-  return {entries_.begin(), entries_.end()};
+  return {entries_->begin(), entries_->end()};
 }
 
 }  // namespace brackenfen::sync

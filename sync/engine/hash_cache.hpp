@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -14,6 +15,7 @@
 
 #include "sync/base/threads/mutex.hpp"
 #include "sync/base/threads/snapshot.hpp"
+#include "sync/base/values/text_set.hpp"
 #include "sync/base/values/value.hpp"
 #include "sync/transport/files.hpp"
 
@@ -38,6 +40,10 @@ class HashCache {
                                                              std::string_view expected_sha) const;
   /// The same for a caller that has the file's stat in hand.
   [[nodiscard]] bool holds(std::string_view file_path, const FileStat& stat, std::string_view expected_sha) const;
+  class View;
+  /// What is remembered now, for a look at many files. To be taken once for all of them: the next digest that is remembered
+  /// after it costs a copy of the entries.
+  [[nodiscard]] View view() const;
   /// Takes the caller's word for the digest.
   void _remember_local_sha(std::string_view file_path, const std::string& local_path, std::string_view actual_sha);
   /// The digest of a file's bytes, with its stat from before they were read, or from when they had landed. A file that is
@@ -74,14 +80,11 @@ class HashCache {
   /// Whatever else a file or a host puts in the place of a fingerprint is kept, and written back, as it stands.
   using Entry = std::variant<Fingerprint, Document>;
 
-  struct PathHash {
-    std::size_t operator()(std::string_view path) const noexcept { return std::hash<std::string_view>()(path); }
-  };
-  struct PathEqual {
-    using is_transparent = void;
-    bool operator()(std::string_view left, std::string_view right) const noexcept { return left == right; }
-  };
-  using Entries = tsl::robin_map<Text, Entry, PathHash, PathEqual>;
+  using Entries = tsl::robin_map<Text, Entry, TextHash, TextEqual, std::allocator<std::pair<Text, Entry>>, true>;
+
+  static bool holds(const Entries& entries, std::string_view file_path, const FileStat& stat, std::string_view expected_sha);
+  /// The entries, of which no view knows.
+  [[nodiscard]] Entries& own_entries() REQUIRES(mutex_);
 
   using EntryList = std::vector<std::pair<Text, Entry>>;
 
@@ -103,8 +106,23 @@ class HashCache {
   Guarded<std::string> path_;
 
   mutable Mutex mutex_;
-  Entries entries_ GUARDED_BY(mutex_);
+  std::shared_ptr<Entries> entries_ GUARDED_BY(mutex_) = std::make_shared<Entries>();
+  mutable bool viewed_ GUARDED_BY(mutex_) = false;  ///< since entries_ was made: it stays as it is from then on
   bool dirty_ GUARDED_BY(mutex_) = false;
+};
+
+/// The entries of one moment. Any thread; no lock.
+class HashCache::View {
+ public:
+  [[nodiscard]] bool holds(std::string_view file_path, const FileStat& stat, std::string_view expected_sha) const {
+    return HashCache::holds(*entries_, file_path, stat, expected_sha);
+  }
+
+ private:
+  friend class HashCache;
+  explicit View(std::shared_ptr<const Entries> entries) : entries_(std::move(entries)) {}
+
+  std::shared_ptr<const Entries> entries_;
 };
 
 }  // namespace brackenfen::sync

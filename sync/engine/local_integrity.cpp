@@ -1,6 +1,5 @@
 // Does a local file match its manifest entry, and is the whole directory complete?
 #include <algorithm>
-#include <cmath>
 #include <exception>
 
 #include "sync/base/error.hpp"
@@ -18,20 +17,6 @@
 #include "sync/engine/sync_manager.hpp"
 
 namespace brackenfen::sync {
-namespace {
-
-/// Whether the entry's size lets the file pass: it is the same, or the entry states none that counts. No file has a size
-/// that is infinite or nan.
-bool size_fits(const Document& file_info, std::int64_t size_bytes) {
-  const Value& stated = file_info.get("size_bytes");
-  if (stated.is_null()) return true;
-  if (const auto real = stated.if_real(); real && !std::isfinite(*real)) return false;
-  const Value expected = to_integer_or_absent(stated).value_or(Value(-1));
-  return compare_integers(expected, 0) < 0 || expected == Value(size_bytes);
-}
-
-}  // namespace
-
 bool SyncManager::_local_file_matches_manifest(const std::string& file_path, const std::string& local_path, const Document& file_info,
                                                bool cache_allowed) {
   std::optional<FileStat> stat;
@@ -47,16 +32,12 @@ bool SyncManager::_local_file_matches_manifest(const std::string& file_path, con
 
 bool SyncManager::file_matches(std::string_view file_path, const FileStat& stat, const std::function<std::string()>& local_path,
                                const Document& file_info, bool cache_allowed) {
-  if (!stat.is_regular || !size_fits(file_info, stat.size_bytes)) return false;
-  const Value& stated = file_info.get("sha256");
-  if (!stated.truthy()) return true;
-  const auto expected_sha = stated.if_text();
-  if (!expected_sha) return false;
-  if (cache_allowed && _hash_cache.holds(file_path, stat, *expected_sha)) return true;
+  const Glance glance = glance_at(file_path, stat, file_info, cache_allowed ? &_hash_cache : nullptr);
+  if (glance != Glance::MustBeRead) return glance == Glance::Matches;
   const std::string path = local_path();
   const std::string actual_sha = _sha256_file(path);
   if (cache_allowed) _hash_cache.remember_if_unchanged(file_path, path, actual_sha, stat);
-  return actual_sha == *expected_sha;
+  return file_info.get("sha256") == Value(actual_sha);
 }
 
 bool SyncManager::files_match(const std::string& data_dir, const std::function<bool(ExpectedFiles&)>& collect) {
@@ -68,11 +49,13 @@ bool SyncManager::files_match(const std::string& data_dir, const std::function<b
   } catch (const Error&) {
     failure = std::current_exception();  // a file collected before it decides first
   }
+  const HashCache::View digests = _hash_cache.view();
   const std::size_t end = for_each_index(files.size(), [&]() -> IndexWork {
     return [&, local_files = std::make_shared<LocalFiles>(data_dir)](std::size_t index) {
       const ExpectedFile& file = files[index];
       const std::optional<FileStat> stat = local_files->stat(file.file_path);
       const bool cache_allowed = !(file.file_info->get("kind").if_text() == "vault_module");
+      if (stat && cache_allowed && glance_at(file.file_path, *stat, *file.file_info, &digests) == Glance::Matches) return true;
       const auto local_path = [&] { return local_files->local_path(file.file_path); };
       return stat && file_matches(file.file_path, *stat, local_path, *file.file_info, cache_allowed);
     };

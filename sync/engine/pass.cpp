@@ -33,6 +33,14 @@ std::int64_t count_groups(const EraConfig& era_config, const Value& files, std::
   return static_cast<std::int64_t>(groups.size());
 }
 
+bool is_vault_module(const Document& file_info) { return file_info.get("kind").if_text() == "vault_module"; }
+
+/// Within an era, a file that still is what the local manifest promised is kept, whatever the new entry says. But for the
+/// catalogue: the vocabularies are merged with it, and must be right together when the new manifest is committed.
+bool counts_as_promised(const Text& file_path, const Document& file_info) {
+  return !is_vault_module(file_info) && file_path.view() != FUNCTIONS_RELATIVE_PATH;
+}
+
 }  // namespace
 
 std::int64_t count_features(const Value& files) {
@@ -178,16 +186,32 @@ bool SyncManager::Pass::is_checked_elsewhere(const Text& file_path, const Value&
          _manifest_file_is_sync_excluded(*neighbours_, file_info);
 }
 
+ExpectedFiles SyncManager::Pass::promised_files(const Document* files, const Document* local_files) const {
+  MemberCursor entries(files);
+  MemberCursor local_entries(local_files);
+  ExpectedFiles promised;
+  for (const Text& file_path : rotation_.plan.selection.active_relative_paths) {
+    const Value* entry = entries.find(file_path);
+    const Value* local_entry = local_entries.find(file_path);
+    const Document* file_info = entry ? entry->if_document() : nullptr;
+    const bool counts = file_info && local_entry && counts_as_promised(file_path, *file_info);
+    promised.add(file_path, counts ? local_entry->if_document() : nullptr);
+  }
+  return promised;
+}
+
 void SyncManager::Pass::collect_downloads() {
   const Value files = server_->files();
   const bool same_era = local_ && local_->era_number() == server_->era_number();
   const Value local_manifest_files = same_era ? local_->files() : Value();
+  const std::vector<Text>& active_paths = rotation_.plan.selection.active_relative_paths;
+  const std::vector<char> kept =
+      match_at_a_glance(data_dir_, promised_files(files.if_document(), local_manifest_files.if_document()), manager_._hash_cache.view());
   MemberCursor entries(files.if_document());
   MemberCursor local_entries(local_manifest_files.if_document());
   LocalFiles local_files(data_dir_);
   OwnFiles own_files(data_dir_);
   std::vector<Member> wanted;
-  const std::vector<Text>& active_paths = rotation_.plan.selection.active_relative_paths;
   seen_here_.assign(active_paths.size(), false);
   for (std::size_t index = 0; index < active_paths.size(); ++index) {
     const Text& file_path = active_paths[index];
@@ -199,7 +223,7 @@ void SyncManager::Pass::collect_downloads() {
     if (file_path.view() == SIGNALS_INDEX_RELATIVE_PATH || is_checked_elsewhere(file_path, *entry)) continue;
     if (const Value& size = file_info->get("size_bytes"); size.if_real())  // one that no file can have is never committed
       static_cast<void>(manifest_integer(size, "size_bytes of " + file_path.str()));
-    if (must_download(file_path, *file_info, local_entries.find(file_path), local_files)) {
+    if (!kept[index] && must_download(file_path, *file_info, local_entries.find(file_path), local_files)) {
       if (own_files.contains_local(local_files.local_path(file_path))) throw own_file_refusal(file_path);
       wanted.push_back({file_path, Value(generation_stamped(*file_info, *server_))});
     } else {
@@ -213,16 +237,14 @@ bool SyncManager::Pass::must_download(const Text& file_path, const Document& fil
   const std::optional<FileStat> stat = local_files.stat(file_path);
   if (!stat || !stat->is_regular) return true;
   const auto local_path = [&] { return local_files.local_path(file_path); };
-  const bool vault_module = file_info.get("kind").if_text() == "vault_module";
 
-  // Within an era, a file that still is what the local manifest promised is kept, whatever the new entry says. But for the
-  // catalogue: the vocabularies are merged with it, and must be right together when the new manifest is committed.
-  if (local_entry && !vault_module && file_path.view() != FUNCTIONS_RELATIVE_PATH) {
+  if (local_entry && counts_as_promised(file_path, file_info)) {
     const Document* local_info = local_entry->if_document();
     if (local_info && manager_.file_matches(file_path, *stat, local_path, *local_info, true)) return false;
     log_warning("Manifest-tracked local file failed integrity check; re-downloading: %s", file_path);
   }
 
+  const bool vault_module = is_vault_module(file_info);
   const auto expected_sha = file_info.get("sha256").if_text();
   if (!vault_module && expected_sha && manager_._hash_cache.holds(file_path, *stat, *expected_sha)) return false;
   const std::string path = local_path();

@@ -40,6 +40,8 @@ class SyncManager::Pass {
   void refuse_another_era() const;
   void plan_rotation();
   void begin_result();
+  /// The active paths, each with the entry by which it is kept without a further question.
+  [[nodiscard]] ExpectedFiles promised_files(const Document* files, const Document* local_files) const;
   void collect_downloads();
   [[nodiscard]] bool must_download(const Text& file_path, const Document& file_info, const Value* local_entry, LocalFiles& local_files);
   void check_disk() const;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string_view>
 #include <vector>
 
@@ -18,7 +19,8 @@ struct TextEqual {
   using is_transparent = void;
   bool operator()(std::string_view left, std::string_view right) const noexcept { return left == right; }
 };
-using TextSet = tsl::robin_set<Text, TextHash, TextEqual>;
+/// Hashes are kept, so that a text is read only where it is the one that is looked for.
+using TextSet = tsl::robin_set<Text, TextHash, TextEqual, std::allocator<Text>, true>;
 
 [[nodiscard]] inline TextSet set_of(const std::vector<Text>& texts) {
   TextSet set;
