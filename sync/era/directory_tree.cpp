@@ -147,12 +147,12 @@ void remove_tree(const std::string& path, Removal removal) {
 
 void delete_tmp_files(const std::string& directory) {
   RootDirectory(real_path(directory))
-      .walk(
-          [](const Place& place, const DirectoryReader&, const dirent&) {
-            const bool doomed = place.path().ends_with(".tmp");
-            if (doomed && ::unlinkat(place.folder(), place.name(), 0) != 0) throw os_error(errno, place.path());
-          },
-          [](const Error& error) { throw error; });
+      .search({.picks = [](const std::string& path, const DirectoryReader&, const dirent&) { return path.ends_with(".tmp"); },
+               .found =
+                   [](const Place& place) {
+                     if (::unlinkat(place.folder(), place.name(), 0) != 0) throw os_error(errno, place.path());
+                   },
+               .failed = [](const Error& error, const std::string&) { throw error; }});
 }
 
 }  // namespace brackenfen::sync

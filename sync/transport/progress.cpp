@@ -165,18 +165,20 @@ void _remove_manifest_tmp_file(Files& files, std::string_view data_dir, const Va
 
 void _cleanup_sync_tmp_files(Files& files, std::string_view data_dir, const std::vector<Value>& preserve_relative_paths) {
   const std::unordered_set<std::string> preserved = staging_paths(data_dir, preserve_relative_paths);
-  // The walk starts where the links of `data_dir` lead, as staging paths do, and follows none below.
-  RootDirectory(real_path(expand_user(data_dir)))
-      .walk(
-          [&](const Place& place, const DirectoryReader&, const dirent&) {
-            if (!place.path().ends_with(".tmp") || preserved.contains(place.path())) return;
-            try {
-              files.unlink(place);
-            } catch (const Error& error) {
-              log_debug("best-effort tmp cleanup failed for %s: %s", place.path(), error.text());
-            }
-          },
-          [&](const Error& error) { log_debug("best-effort tmp scan failed for %s: %s", data_dir, error.text()); });
+  // The search starts where the links of `data_dir` lead, as staging paths do, and follows none below.
+  const RootDirectory root(real_path(expand_user(data_dir)));
+  root.search({.picks = [&](const std::string& path, const DirectoryReader&,
+                            const dirent&) { return path.ends_with(".tmp") && !preserved.contains(join_path(root.path(), path)); },
+               .found =
+                   [&](const Place& place) {
+                     try {
+                       files.unlink(place);
+                     } catch (const Error& error) {
+                       log_debug("best-effort tmp cleanup failed for %s: %s", place.path(), error.text());
+                     }
+                   },
+               .failed = [&](const Error& error,
+                             const std::string&) { log_debug("best-effort tmp scan failed for %s: %s", data_dir, error.text()); }});
 }
 
 }  // namespace brackenfen::sync

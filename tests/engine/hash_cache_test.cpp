@@ -43,6 +43,14 @@ TEST_F(HashCacheTest, trustsAFileUntilItsStatOrDigestDiffers) {
   EXPECT_TRUE(cache.holds("a", known, "aa"));
 }
 
+TEST_F(HashCacheTest, viewsStayAsTheyWereTaken) {
+  cache._remember_local_sha("a", "local", "aa");
+  const HashCache::View before = cache.view();
+  cache._remember_local_sha("a", "local", "bb");
+  EXPECT_TRUE(before.holds("a", *present, "aa"));
+  EXPECT_TRUE(cache.view().holds("a", *present, "bb"));
+}
+
 TEST_F(HashCacheTest, remembersOnlyWhatStayedOneFileAndUnchangedWhileItWasRead) {
   const FileStat before = *present;
   for (std::int64_t FileStat::*field :

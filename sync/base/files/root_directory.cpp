@@ -6,8 +6,11 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <iterator>
+#include <optional>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -15,11 +18,16 @@
 #include "sync/base/files/paths.hpp"
 #include "sync/base/text/text.hpp"
 #include "sync/base/threads/interrupt.hpp"
+#include "sync/base/threads/parallel.hpp"
 
 namespace brackenfen::sync {
 namespace {
 
 constexpr int FOLDER_FLAGS = O_PATH | O_DIRECTORY;
+
+/// How far a search goes down on its own, before it shares out what lies below.
+constexpr int LEVELS_READ_FIRST = 3;
+constexpr std::size_t TOPS_WORTH_SHARING = 16;
 
 /// False from the first refusal on, by a kernel before 5.6 or a filter that does not know the call.
 std::atomic<bool> kernel_walks{true};
@@ -87,33 +95,99 @@ std::shared_ptr<const Descriptor> RootDirectory::make_folder(const std::string& 
   return std::make_shared<const Descriptor>(made);
 }
 
-void RootDirectory::walk(const Visit& visit, const std::function<void(const Error&)>& failed) const {
-  if (!*directory_) return failed(os_error(ENOENT, path_));
-  std::vector<std::string> pending{""};      // relative, with a slash behind each
-  std::shared_ptr<const Descriptor> parent;  // the folder read last, from which those in it open in one step
-  std::string parent_path;
-  while (!pending.empty()) {
-    const std::string folder_path = std::move(pending.back());
-    pending.pop_back();
+/// What a search found in one folder; paths are relative to the root.
+struct RootDirectory::Reading {
+  std::string folder;
+  std::vector<std::string> picked = {};
+  std::vector<std::string> folders = {};
+  std::optional<Error> failure = std::nullopt;
+};
+
+/// A folder and what lies below, or nothing yet: children open in one step from the folder that was read last.
+class RootDirectory::Descent {
+ public:
+  Descent(const RootDirectory& root, const Search& search) : root_(root), search_(search) {}
+
+  [[nodiscard]] Reading read(std::string folder) {
     check_interrupt();
+    Reading reading{std::move(folder)};
     try {
-      const std::string relative_path(rstrip_char(folder_path, '/'));
-      const bool is_child = parent && relative_path.rfind('/') + 1 == parent_path.size() && relative_path.starts_with(parent_path);
-      const auto folder = std::make_shared<const Descriptor>(open_beneath(
-          is_child ? parent->get() : get(), is_child ? relative_path.substr(parent_path.size()) : relative_path, O_RDONLY | O_DIRECTORY));
-      const std::string prefix = path_ + "/" + folder_path;
-      if (!*folder) throw os_error(errno, prefix);
-      DirectoryReader reader(*folder, prefix);
+      Descriptor opened = open(reading.folder);
+      const std::string prefix = reading.folder.empty() ? "" : reading.folder + "/";
+      if (!opened) throw os_error(errno, root_.path_ + "/" + prefix);
+      DirectoryReader reader(opened, root_.path_ + "/" + prefix);
+      std::string path = prefix;
       while (const dirent* const entry = reader.next()) {
-        if (reader.is_directory(*entry)) pending.push_back(folder_path + entry->d_name + "/");
-        visit(Place(folder, prefix + entry->d_name), reader, *entry);
+        path.replace(prefix.size(), std::string::npos, entry->d_name);
+        if (reader.is_directory(*entry) && (search_.hidden_folders || entry->d_name[0] != '.')) reading.folders.push_back(path);
+        if (search_.picks(path, reader, *entry)) reading.picked.push_back(path);
       }
-      parent = folder;
-      parent_path = folder_path;
+      last_ = std::move(opened);
+      last_prefix_ = prefix;
     } catch (const Error& error) {
-      failed(error);
+      reading.failure = error;
     }
+    return reading;
   }
+
+  /// Everything below, without the folders in which nothing was picked.
+  [[nodiscard]] std::vector<Reading> read_all(const std::string& top) {
+    std::vector<Reading> readings;
+    std::vector<std::string> pending{top};
+    while (!pending.empty()) {
+      std::string folder = std::move(pending.back());
+      pending.pop_back();
+      Reading reading = read(std::move(folder));
+      std::ranges::move(std::exchange(reading.folders, {}), std::back_inserter(pending));
+      if (reading.failure || !reading.picked.empty()) readings.push_back(std::move(reading));
+    }
+    return readings;
+  }
+
+ private:
+  [[nodiscard]] Descriptor open(const std::string& folder) const {
+    const bool is_child = last_ && folder.rfind('/') + 1 == last_prefix_.size() && folder.starts_with(last_prefix_);
+    return Descriptor(is_child ? open_beneath(last_.get(), folder.substr(last_prefix_.size()), O_RDONLY | O_DIRECTORY)
+                               : open_beneath(root_.get(), folder, O_RDONLY | O_DIRECTORY));
+  }
+
+  const RootDirectory& root_;
+  const Search& search_;
+  Descriptor last_;
+  std::string last_prefix_;  ///< with the slash behind it
+};
+
+void RootDirectory::search(const Search& search) const {
+  if (!*directory_) return search.failed(os_error(ENOENT, path_), "");
+  std::vector<Reading> above;
+  std::vector<std::string> tops = search.folders;
+  for (int level = 0; level < LEVELS_READ_FIRST && tops.size() < TOPS_WORTH_SHARING; ++level) {
+    Descent descent(*this, search);
+    std::vector<std::string> next;
+    for (std::string& top : tops) {
+      above.push_back(descent.read(std::move(top)));
+      std::ranges::move(above.back().folders, std::back_inserter(next));
+    }
+    tops = std::move(next);
+  }
+  std::vector<std::vector<Reading>> below(tops.size());
+  const auto make_work = [&]() -> IndexWork {
+    return [&, descent = std::make_shared<Descent>(*this, search)](std::size_t index) {
+      below[index] = descent->read_all(tops[index]);
+      return true;
+    };
+  };
+  static_cast<void>(for_each_index(tops.size(), make_work));
+
+  const auto tell = [&](const Reading& reading) {
+    if (reading.failure) search.failed(*reading.failure, reading.folder);
+    const std::shared_ptr<const Descriptor> opened = reading.picked.empty() ? nullptr : folder(reading.folder);
+    for (const std::string& path : reading.picked) {
+      if (opened) search.found(Place(opened, join_path(path_, path)));
+    }
+  };
+  std::ranges::for_each(above, tell);
+  for (const std::vector<Reading>& readings : below) std::ranges::for_each(readings, tell);
 }
 
 }  // namespace brackenfen::sync

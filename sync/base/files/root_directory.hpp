@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "sync/base/error.hpp"
 #include "sync/base/files/descriptor.hpp"
@@ -33,13 +34,23 @@ class RootDirectory {
   /// The same, made with its parents where it is missing. Throws os_error.
   [[nodiscard]] std::shared_ptr<const Descriptor> make_folder(const std::string& relative_path) const;
 
-  /// Calls `visit(place, reader, entry)` for every name below, folders before what they hold, and
-  /// `failed(error)` for a folder that cannot be read to its end. No link is followed. Looks at the interrupt at each
-  /// folder.
-  using Visit = std::function<void(const Place& place, const DirectoryReader& reader, const dirent& entry)>;
-  void walk(const Visit& visit, const std::function<void(const Error&)>& failed) const;
+  struct Search {
+    std::vector<std::string> folders{""};  ///< where to begin, as relative paths
+    bool hidden_folders = true;            ///< whether folders are entered whose name begins with a dot
+    /// Asked for every name below, by its relative path; on any thread.
+    std::function<bool(const std::string& path, const DirectoryReader& reader, const dirent& entry)> picks;
+    /// Told of what was picked, once all is read; on the calling thread, folders before what they hold.
+    std::function<void(const Place& place)> found;
+    /// Told of a folder that cannot be read to its end, before of what was picked in it; on the calling thread.
+    std::function<void(const Error& error, const std::string& folder)> failed;
+  };
+  /// Follows no link. Folders are read on all cores, and looks at the interrupt at each.
+  void search(const Search& search) const;
 
  private:
+  struct Reading;
+  class Descent;
+
   const std::string path_;
   const std::shared_ptr<const Descriptor> directory_;
 };
