@@ -50,7 +50,7 @@ std::string base64_part(std::string_view token, std::size_t offset, std::string_
   }
   alphabet += last_two;
   const std::string bytes = std::string(offset, '\0') + std::string(token);
-  const auto bit = [&](std::size_t index) { return (static_cast<unsigned char>(bytes[index / 8]) >> (7 - index % 8)) & 1U; };
+  const auto bit = [&](std::size_t index) { return unsigned{static_cast<unsigned char>(bytes[index / 8])} >> (7 - index % 8) & 1U; };
   std::string part;
   for (std::size_t start = (offset * 8 + 5) / 6 * 6; start + 6 <= bytes.size() * 8; start += 6) {
     unsigned sextet = 0;
