@@ -206,8 +206,10 @@ void Batch::run_task(const Task& task, std::optional<LocalFiles>& local_files) {
     // Whoever asked for the stop would else wait for an attempt of every file that is still queued.
     if (outcome.failure && parent_stopped_.load()) queue_dropped_ = true;
     done_[index] = true;
+    // What landed is only counted, so the caller sleeps on until its slice is over.
+    const bool is_news = outcome.failure || consumed_ + outcomes_.size() + 1 == items_.size();
     outcomes_.push_back(std::move(outcome));
-    changed_.notify_all();
+    if (is_news) changed_.notify_all();
   }
 }
 
@@ -248,8 +250,7 @@ std::optional<Outcome> Batch::next_outcome(std::optional<double> deadline_second
   Clock& clock = *manager_->seams().clock;
   while (true) {
     {
-      std::unique_lock<std::mutex> lock(mutex_);
-      if (outcomes_.empty() && !nothing_to_come()) changed_.wait_for(lock, INTERRUPT_SLICE);
+      const std::lock_guard<std::mutex> lock(mutex_);
       if (!outcomes_.empty()) {
         Outcome outcome = std::move(outcomes_.front());
         outcomes_.pop_front();
@@ -260,6 +261,8 @@ std::optional<Outcome> Batch::next_outcome(std::optional<double> deadline_second
     }
     if (deadline_seconds && clock.monotonic_seconds() >= *deadline_seconds) return std::nullopt;
     check_interrupt();
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (outcomes_.empty() && !nothing_to_come()) changed_.wait_for(lock, INTERRUPT_SLICE);
   }
 }
 

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <limits>
 #include <mutex>
 #include <new>
 #include <vector>
@@ -47,19 +46,18 @@ bool try_lock(const Descriptor& file) noexcept { return ::flock(file.get(), LOCK
 
 void StagingFile::open(bool may_begin) {
   require_own_process();
-  if (!file_ || !is_named(file_, place_)) {
-    if (!may_begin) throw os_error(ENOENT, place_.path());
-    take_file();
-  }
-  digest_prefix(std::numeric_limits<std::int64_t>::max());
+  const std::optional<struct stat> named = file_ ? look_for(id_, place_) : std::nullopt;
+  if (!named && !may_begin) throw os_error(ENOENT, place_.path());
+  digest_prefix(named ? named->st_size : take_file());
 }
 
-void StagingFile::take_file() {
+std::int64_t StagingFile::take_file() {
   Descriptor other;  // the first that another download had open
   for (int tries = 0; tries < MOST_TRIES; ++tries) {
     Descriptor found;
+    FileId id;
     try {
-      found = open_own_file(place_, O_RDWR);
+      found = open_own_file(place_, O_RDWR, &id);
     } catch (const Error& error) {
       // A folder that holds something belongs to somebody; while an empty one stays, no pass can succeed.
       const bool is_folder = error.fields().get("errno") == Value(EISDIR);
@@ -67,30 +65,33 @@ void StagingFile::take_file() {
       continue;
     }
     if (!try_lock(found)) {
-      take_name(found);
+      take_name(id);
       if (!other) other = std::move(found);
-    } else if (is_named(found, place_)) {  // else it has just landed, or lost its name
+    } else if (const std::optional<struct stat> named = look_for(id, place_)) {  // else it has just landed, or lost its name
       file_ = std::move(found);
-      if (other) copy_from(other);
-      return;
+      id_ = id;
+      return other ? copy_from(other) : named->st_size;
     }
   }
   throw os_error(EBUSY, place_.path());
 }
 
-void StagingFile::take_name(const Descriptor& other) const {
+void StagingFile::take_name(const FileId& other) const {
   const std::lock_guard lock(names_mutex());
-  if (!is_named(other, place_)) return;
+  if (!look_for(other, place_)) return;
   if (::unlinkat(place_.folder(), place_.name(), 0) != 0 && errno != ENOENT) throw os_error(errno, place_.path());
 }
 
-void StagingFile::copy_from(const Descriptor& other) {
+std::int64_t StagingFile::copy_from(const Descriptor& other) {
   std::vector<char> block(READ_BLOCK_BYTES);
+  std::int64_t copied_bytes = 0;
   truncate(0);  // of what one that had the name in between has left
   while (const std::size_t count = read_some(other, block.data(), block.size(), place_.path())) {
     write_all(file_, {block.data(), count}, place_.path());
+    copied_bytes += static_cast<std::int64_t>(count);
     check_interrupt();
   }
+  return copied_bytes;
 }
 
 void StagingFile::require_own_process() const {
@@ -99,24 +100,29 @@ void StagingFile::require_own_process() const {
 
 void StagingFile::require_name() const {
   require_own_process();
-  if (!is_named(file_, place_)) throw os_error(ENOENT, place_.path());
+  if (!look_for(id_, place_)) throw os_error(ENOENT, place_.path());
 }
 
 std::optional<FileStat> StagingFile::land(Files& files, const Place& target) {
   const Descriptor locked = duplicate(file_, place_.path());  // so that nobody takes the file over before it has moved
   file_.close();
-  const std::lock_guard lock(names_mutex());
-  if (!is_named(locked, place_)) throw os_error(ENOENT, place_.path());
-  const std::optional<FileStat> written = stat_of_written(locked);
-  files.rename(place_, target);
+  const std::optional<FileStat> written = move_to(files, target);
   return stat_of_landed(files, target.path(), written);
+}
+
+std::optional<FileStat> StagingFile::move_to(Files& files, const Place& target) const {
+  const std::lock_guard lock(names_mutex());
+  const std::optional<struct stat> named = look_for(id_, place_);
+  if (!named) throw os_error(ENOENT, place_.path());
+  files.rename(place_, target);
+  return named->st_size == size_bytes_ ? std::optional(file_stat(*named)) : std::nullopt;
 }
 
 void StagingFile::digest_prefix(std::int64_t size_bytes) {
   digest_.reset();
   size_bytes_ = 0;
   seek(0);
-  std::vector<char> block;
+  std::vector<char> block;  // none where there is nothing to read, as for most files
   while (size_bytes_ < size_bytes) {
     if (block.empty()) block.resize(READ_BLOCK_BYTES);
     const auto wanted = static_cast<std::size_t>(std::min<std::int64_t>(size_bytes - size_bytes_, READ_BLOCK_BYTES));
@@ -130,7 +136,7 @@ void StagingFile::digest_prefix(std::int64_t size_bytes) {
 
 void StagingFile::clear() {
   require_own_process();
-  if (is_named(file_, place_)) truncate(0);
+  if (look_for(id_, place_)) truncate(0);
   seek(0);
   digest_.reset();
   size_bytes_ = 0;
@@ -140,7 +146,7 @@ void StagingFile::expect(std::optional<std::uint64_t> partial_limit, std::option
   partial_limit_ = partial_limit;
   whole_limit_ = whole_limit;
   start_bytes_ = size_bytes_;
-  start_digest_.assign(digest_);
+  if (start_bytes_ > 0) start_digest_.assign(digest_);
   received_bytes_ = 0;
   overwrites_ = false;
 }
@@ -163,10 +169,7 @@ std::uint64_t StagingFile::begin(int status) {
 
 void StagingFile::accept(std::string_view bytes) {
   const std::int64_t now_ns = clock_.monotonic_ns();
-  if (block_.empty()) {
-    block_.reserve(WRITE_BLOCK_BYTES);
-    held_back_since_ns_ = now_ns;
-  }
+  if (block_.empty()) held_back_since_ns_ = now_ns;
   if (block_.size() + bytes.size() > WRITE_BLOCK_BYTES) flush();
   block_.append(bytes);
   if (now_ns - held_back_since_ns_ > LONGEST_HELD_BACK_NS) flush();
@@ -192,18 +195,12 @@ void StagingFile::roll_back() {
   if (overwrites_) {
     digest_prefix(start_bytes_);  // the same bytes again if the file has not changed; the checksum decides
   } else {
-    digest_.assign(start_digest_);
+    start_bytes_ > 0 ? digest_.assign(start_digest_) : digest_.reset();
     size_bytes_ = start_bytes_;
     seek(size_bytes_);
   }
   received_bytes_ = 0;
   overwrites_ = false;
-}
-
-std::optional<FileStat> StagingFile::stat_of_written(const Descriptor& file) const {
-  struct stat status {};
-  if (::fstat(file.get(), &status) != 0 || status.st_size != size_bytes_) return std::nullopt;
-  return file_stat(status);
 }
 
 void StagingFile::seek(std::int64_t offset) {

@@ -61,15 +61,17 @@ class StagingFile : public ResponseSink {
 
  private:
   /// Opens the file and locks it; where another download has it open, a new one under its name with the bytes of that.
-  void take_file();
+  /// Returns how many bytes it holds.
+  [[nodiscard]] std::int64_t take_file();
   /// Takes the name from a file that another download has open, so that the next to open it makes a new one.
-  void take_name(const Descriptor& other) const;
-  void copy_from(const Descriptor& other);
+  void take_name(const FileId& other) const;
+  [[nodiscard]] std::int64_t copy_from(const Descriptor& other);
   /// Throws StateError in a child of fork(), which shares the open file, its position and its lock with the parent.
   void require_own_process() const;
   /// The same, and FileNotFoundError where the name leads elsewhere.
   void require_name() const;
-  [[nodiscard]] std::optional<FileStat> stat_of_written(const Descriptor& file) const;
+  /// Returns the file's stat from before, absent where it holds something else than was written here.
+  [[nodiscard]] std::optional<FileStat> move_to(Files& files, const Place& target) const;
   /// Digests the file from its beginning, as far as it goes or up to `size_bytes`.
   void digest_prefix(std::int64_t size_bytes);
   void seek(std::int64_t offset);
@@ -79,6 +81,7 @@ class StagingFile : public ResponseSink {
   Clock& clock_;
   const std::uint64_t fork_generation_ = fork_generation();
   Descriptor file_;
+  FileId id_;  ///< of file_, where that is open
   Sha256 digest_;
   std::int64_t size_bytes_ = 0;
 

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstddef>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "sync/base/error.hpp"
@@ -43,26 +44,26 @@ struct detail::CurlProcess {
   CurlProcess& operator=(const CurlProcess&) = delete;
   ~CurlProcess() { curl_share_cleanup(share); }
 
-  /// nullptr where there is none.
-  CURLM* take_idle() {
+  /// Empty where there are none.
+  CurlHandles take_idle() {
     const MutexLock lock(idle_mutex);
-    if (idle.empty()) return nullptr;
-    CURLM* const multi = idle.back();
+    if (idle.empty()) return {};
+    const CurlHandles taken = idle.back();
     idle.pop_back();
-    return multi;
+    return taken;
   }
   /// False where there are enough.
-  bool keep_idle(CURLM* multi) {
+  bool keep_idle(const CurlHandles& handles) {
     const MutexLock lock(idle_mutex);
     if (idle.size() >= MAX_IDLE_HANDLES) return false;
-    idle.push_back(multi);
+    idle.push_back(handles);
     return true;
   }
 
   std::array<std::mutex, CURL_LOCK_DATA_LAST + 1> share_locks;
   CURLSH* share;
   Mutex idle_mutex;
-  std::vector<CURLM*> idle GUARDED_BY(idle_mutex);
+  std::vector<CurlHandles> idle GUARDED_BY(idle_mutex);
 };
 
 namespace {
@@ -76,6 +77,11 @@ void lock_share(CURL*, curl_lock_data data, curl_lock_access, void* process) {
 
 void unlock_share(CURL*, curl_lock_data data, void* process) {
   static_cast<detail::CurlProcess*>(process)->share_locks.at(static_cast<std::size_t>(data)).unlock();
+}
+
+void free_handles(const CurlHandles& handles) {
+  curl_easy_cleanup(handles.easy);
+  curl_multi_cleanup(handles.multi);
 }
 
 detail::CurlProcess& process_in_force() {
@@ -101,20 +107,25 @@ detail::CurlProcess::CurlProcess() : share(curl_share_init()) {
 
 void set_up_curl() noexcept { static_cast<void>(initialise_library()); }
 
-CurlLease::CurlLease() : process_(process_in_force()), easy_(curl_easy_init()), multi_(process_.take_idle()) {
-  if (multi_ == nullptr) multi_ = curl_multi_init();
-  if (easy_ == nullptr || multi_ == nullptr) {
-    curl_easy_cleanup(easy_);
-    curl_multi_cleanup(multi_);
+CurlLease::CurlLease() : process_(process_in_force()), handles_(process_.take_idle()) {
+  if (handles_.easy != nullptr) return;
+  handles_.easy = curl_easy_init();
+  if (handles_.multi == nullptr) handles_.multi = curl_multi_init();
+  if (handles_.easy == nullptr || handles_.multi == nullptr) {
+    free_handles(handles_);
     out_of_memory();
   }
-  curl_easy_setopt(easy_, CURLOPT_SHARE, process_.share);
+  curl_easy_setopt(handles_.easy, CURLOPT_SHARE, process_.share);
 }
 
 CurlLease::~CurlLease() {
   if (&process_ != current_process.load(std::memory_order_acquire)) return;  // the parent's: left alone in its forked child
-  curl_easy_cleanup(easy_);
-  if (!process_.keep_idle(multi_)) curl_multi_cleanup(multi_);
+  if (ended_well_) {
+    curl_easy_reset(handles_.easy);  // all but the share
+  } else {
+    curl_easy_cleanup(std::exchange(handles_.easy, nullptr));
+  }
+  if (!process_.keep_idle(handles_)) free_handles(handles_);
 }
 
 }  // namespace brackenfen::sync

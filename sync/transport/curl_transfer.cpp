@@ -99,7 +99,10 @@ CurlTransfer::CurlTransfer(const RequestRoute& route, Environment& environment, 
   if (curl_multi_add_handle(handles_.multi(), handles_.easy()) != CURLM_OK) throw network_error(CURLE_OUT_OF_MEMORY, 0, {});
 }
 
-CurlTransfer::~CurlTransfer() { curl_multi_remove_handle(handles_.multi(), handles_.easy()); }
+CurlTransfer::~CurlTransfer() {
+  curl_multi_remove_handle(handles_.multi(), handles_.easy());
+  if (headers_done_ && result_ == CURLE_OK) handles_.end_well();
+}
 
 void CurlTransfer::set_request(const RequestRoute& route, Environment& environment) {
   CURL* const easy = handles_.easy();
@@ -265,8 +268,10 @@ std::size_t CurlTransfer::on_body(char* bytes, std::size_t size, std::size_t cou
 }
 
 curl_socket_t CurlTransfer::open_socket(void* self, curlsocktype, curl_sockaddr* address) {
+  auto& transfer = *static_cast<CurlTransfer*>(self);
   const int made = ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
-  if (made < 0) static_cast<CurlTransfer*>(self)->socket_error_ = errno;
+  if (made < 0) transfer.socket_error_ = errno;
+  transfer.moved_ = true;  // a server on this machine has been reached by the next step
   return made;
 }
 

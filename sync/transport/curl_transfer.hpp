@@ -91,7 +91,7 @@ class CurlTransfer final : public HttpResponse {
   int socket_error_ = 0;  // errno of the last socket that could not be made
   std::exception_ptr failure_;
   std::optional<CURLcode> result_;  // set once curl is done with the transfer
-  bool moved_ = false;              // bytes arrived in the last step
+  bool moved_ = false;              // after the last step there may be more to do at once
   std::chrono::steady_clock::time_point interrupt_checked_;
 };
 

@@ -263,6 +263,7 @@ TEST(HttpClient, namesNetworkFailuresByClass) {
   };
   for (const auto& [url, expected] : rows) {
     EXPECT_THAT(failure_of_get(url), AllOf(HasSubstr(expected), Not(HasSubstr("canary")))) << url;
+    EXPECT_EQ(failure_of_get(raw("/next", ok + "\r\nwhole")), "") << "after " << url;
   }
   EXPECT_TRUE(untrusted.requests().empty()) << "the token must not travel before the certificate is checked";
 }

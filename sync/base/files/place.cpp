@@ -12,9 +12,7 @@ namespace {
 /// Of something that others put in the way again and again.
 constexpr int MOST_TRIES = 100;
 
-bool same_file(const struct stat& one, const struct stat& other) noexcept {
-  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
-}
+FileId id_of(const struct stat& status) noexcept { return {status.st_dev, status.st_ino}; }
 
 bool is_own_file(const struct stat& status) noexcept { return S_ISREG(status.st_mode) && status.st_nlink <= 1; }
 
@@ -40,7 +38,7 @@ Place Place::beside(std::string_view ending) const {
 std::optional<FileId> file_id(const std::string& path) noexcept {
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0) return std::nullopt;
-  return FileId{status.st_dev, status.st_ino};
+  return id_of(status);
 }
 
 std::optional<struct stat> look_at(const Place& place) {
@@ -50,18 +48,17 @@ std::optional<struct stat> look_at(const Place& place) {
   throw os_error(errno, place.path());
 }
 
-bool is_named(const Descriptor& file, const Place& place) noexcept {
-  struct stat open {};
-  struct stat named {};
-  return ::fstat(file.get(), &open) == 0 && ::fstatat(place.folder(), place.name(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
-         same_file(open, named);
+std::optional<struct stat> look_for(const FileId& file, const Place& place) noexcept {
+  struct stat status {};
+  if (::fstatat(place.folder(), place.name(), &status, AT_SYMLINK_NOFOLLOW) != 0 || id_of(status) != file) return std::nullopt;
+  return status;
 }
 
 bool in_same_folder(const Place& one, const Place& other) noexcept {
   struct stat first {};
   struct stat second {};
   return ::fstatat(one.folder(), "", &first, AT_EMPTY_PATH) == 0 && ::fstatat(other.folder(), "", &second, AT_EMPTY_PATH) == 0 &&
-         same_file(first, second);
+         id_of(first) == id_of(second);
 }
 
 Descriptor open_at(const Place& place, int flags, unsigned mode) {
@@ -74,13 +71,17 @@ Descriptor open_at(const Place& place, int flags, unsigned mode) {
   }
 }
 
-Descriptor open_own_file(const Place& place, int flags) {
+Descriptor open_own_file(const Place& place, int flags, FileId* id) {
   for (int tries = 0; tries < MOST_TRIES; ++tries) {
-    const std::optional<struct stat> seen = look_at(place);
+    // Most often there is none, which the attempt to make one tells at once.
+    const std::optional<struct stat> seen = tries > 0 ? look_at(place) : std::nullopt;
     if (!seen || is_own_file(*seen)) {
       std::optional<Descriptor> file = open_as_seen(place, !seen, flags);
       struct stat status {};
-      if (file && ::fstat(file->get(), &status) == 0 && is_own_file(status)) return *std::move(file);
+      if (file && ::fstat(file->get(), &status) == 0 && is_own_file(status)) {
+        if (id != nullptr) *id = id_of(status);
+        return *std::move(file);
+      }
     } else if (S_ISDIR(seen->st_mode)) {
       throw os_error(EISDIR, place.path());
     } else if (::unlinkat(place.folder(), place.name(), 0) != 0 && errno != ENOENT) {

@@ -50,15 +50,15 @@ struct FileId {
 
 /// What stands there itself, a link included; absent where nothing does. Throws os_error.
 [[nodiscard]] std::optional<struct stat> look_at(const Place& place);
-/// Whether that is the open `file`.
-[[nodiscard]] bool is_named(const Descriptor& file, const Place& place) noexcept;
+/// The same where that is `file`; absent for anything else.
+[[nodiscard]] std::optional<struct stat> look_for(const FileId& file, const Place& place) noexcept;
 /// Whether both lie in one folder, by whichever descriptors.
 [[nodiscard]] bool in_same_folder(const Place& one, const Place& other) noexcept;
 /// openat(2) as open_file.
 [[nodiscard]] Descriptor open_at(const Place& place, int flags, unsigned mode = 0666);
 /// Opens a regular file that nobody reaches by another name, made empty where there is none. A link, a special file and
-/// a file with further names give way; none is ever followed, written to or waited for. Throws os_error, EISDIR for a
-/// folder.
-[[nodiscard]] Descriptor open_own_file(const Place& place, int flags);
+/// a file with further names give way; none is ever followed, written to or waited for. `id` becomes the file's. Throws
+/// os_error, EISDIR for a folder.
+[[nodiscard]] Descriptor open_own_file(const Place& place, int flags, FileId* id = nullptr);
 
 }  // namespace brackenfen::sync
