@@ -25,7 +25,7 @@ void bind_http(nb::module_& module) {
         const std::string address = text_argument(url, "url");
         const std::int64_t start = integer_argument(range_start, "range_start");
         const std::int64_t end = integer_argument(range_end, "range_end");
-        return to_python(detached([&] { return _http_get_public(host_seams(), *host_neighbours().bind(), address, start, end); }));
+        return to_python(detached([&] { return _http_get_public(host_seams(), *host_neighbours().bind(), address, {}, start, end); }));
       },
       any("url"), nb::arg("range_start").none() = 0, nb::arg("range_end").none() = -1);
   module.def(

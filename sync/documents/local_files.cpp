@@ -81,10 +81,23 @@ int LocalFiles::open_folder(std::string_view folder_path) {
 }
 
 Place LocalFiles::place(std::string_view file_path, Parents parents) {
+  last_place_folder_.reset();
+  return next_place(file_path, parents);
+}
+
+std::shared_ptr<const Descriptor> LocalFiles::place_folder(const std::string& folder_path) {
+  if (!last_place_folder_ || last_place_folder_path_ != folder_path) {
+    last_place_folder_ = root_.folder(folder_path);
+    last_place_folder_path_ = folder_path;
+  }
+  return last_place_folder_;
+}
+
+Place LocalFiles::next_place(std::string_view file_path, Parents parents) {
   std::string relative_path = _safe_manifest_relative_path(file_path);
   for (int tries = 1;; ++tries) {
     const std::string folder_path = directory_of(relative_path);
-    const std::shared_ptr<const Descriptor> folder = root_.folder(folder_path);
+    const std::shared_ptr<const Descriptor> folder = place_folder(folder_path);
     const int reason = errno;
     if (folder) {
       Place place(folder, join_path(base_, relative_path));

@@ -8,6 +8,7 @@
 
 #include <array>
 #include <cstddef>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -43,6 +44,8 @@ class LocalFiles {
   /// made where it is missing. A link that stays inside the directory is followed. Throws ManifestError as above and for
   /// one of the library's own files, and os_error.
   [[nodiscard]] Place place(std::string_view file_path, Parents parents = Parents::Make);
+  /// The same for one of many files: the folder that was found last is not opened again. It is as old as that.
+  [[nodiscard]] Place next_place(std::string_view file_path, Parents parents = Parents::Make);
   /// _manifest_local_path of it.
   [[nodiscard]] std::string local_path(std::string_view file_path);
 
@@ -66,6 +69,8 @@ class LocalFiles {
   int open_parent(std::string_view relative_path);
   /// The descriptor of the folder, or -1 with errno set.
   int open_folder(std::string_view folder_path);
+  /// The folder of a place, which may be the last one; null with errno set.
+  [[nodiscard]] std::shared_ptr<const Descriptor> place_folder(const std::string& folder_path);
 
   const std::string data_dir_;
   const RootDirectory root_;
@@ -73,6 +78,8 @@ class LocalFiles {
   const std::string base_;  // data_dir_ resolved
   std::string name_;        // reused: the file name with its terminator
   std::array<Folder, MAX_OPEN_FOLDERS> folders_;
+  std::string last_place_folder_path_;
+  std::shared_ptr<const Descriptor> last_place_folder_;
 };
 
 }  // namespace brackenfen::sync

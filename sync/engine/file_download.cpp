@@ -1,6 +1,7 @@
 // One file, from its URL to its place: streamed, resumed, checked, moved.
 #include <algorithm>
 #include <cerrno>
+#include <future>
 #include <limits>
 
 #include "sync/base/error.hpp"
@@ -17,6 +18,7 @@
 #include "sync/engine/sync_manager.hpp"
 #include "sync/transport/backoff.hpp"
 #include "sync/transport/events.hpp"
+#include "sync/transport/request_environment.hpp"
 #include "sync/transport/settings.hpp"
 
 namespace brackenfen::sync {
@@ -47,14 +49,15 @@ class FileDownload {
  private:
   /// False where an attempt must be followed by another.
   [[nodiscard]] bool attempt();
-  /// What an attempt goes by, in one visit to the host.
-  void read_settings();
   void open_staging();
+  /// What an attempt goes by, its first request included, in one visit to the host.
+  void read_settings();
   void transfer();
   void transfer_chunks();
   void resume_to_end();
   void fetch_whole();
   [[nodiscard]] HttpResult request(std::int64_t range_start, std::int64_t range_end);
+  [[nodiscard]] RequestStart start_request() const;
   [[nodiscard]] std::uint64_t whole_limit() const;
   /// False where the bytes that came are too few and are to be resumed.
   [[nodiscard]] bool is_long_enough();
@@ -92,7 +95,10 @@ class FileDownload {
   const bool is_public_;
   const bool is_document_;
   LocalFiles& local_files_;
-  Place place_;  ///< looked up anew for each attempt: a folder may have become a link meanwhile
+  Place place_;  ///< looked up anew for each further attempt: a folder may have become a link meanwhile
+
+  std::shared_ptr<void> entered_;          ///< the back-off context, where it is not the thread's own
+  std::future<RequestStart> first_start_;  ///< of the attempt's first request; empty once that was made
 
   int attempt_ = 0;         ///< counts retries of every kind
   bool was_reset_ = false;  ///< after a 416
@@ -127,7 +133,7 @@ FileDownload::FileDownload(SyncManager& manager, NeighbourSet& neighbours, const
       is_public_(_manifest_base_url_uses_public_download(server_url_, base_url_) || !same_origin(server_url_, url_)),
       is_document_(is_document(neighbours, file_path)),
       local_files_(local_files),
-      place_(local_files.place(file_path)),
+      place_(local_files.next_place(file_path)),
       staging_(place_.beside(".tmp"), *seams_.clock) {}
 
 void FileDownload::run() {
@@ -135,8 +141,8 @@ void FileDownload::run() {
 }
 
 bool FileDownload::attempt() {
-  read_settings();
   open_staging();
+  read_settings();
   std::string_view wait_reason;
   try {
     transfer();
@@ -156,17 +162,6 @@ bool FileDownload::attempt() {
   return true;
 }
 
-void FileDownload::read_settings() {
-  constexpr const char* VARIABLES[] = {"BRACKENFEN_SYNC_HTTP_CHUNK_BYTES", "BRACKENFEN_SYNC_MAX_UNCHANGED_CHECKSUM_REPAIRS"};
-  std::optional<EnvironmentCopy> variables;
-  seams_.environment->together([&] {
-    wait_seconds_ = _backoff_delay_seconds(seams_, attempt_);
-    variables.emplace(*seams_.environment, VARIABLES);
-  });
-  chunk_bytes_ = _sync_http_chunk_bytes(*variables);
-  if (!max_unchanged_checksum_repairs_) max_unchanged_checksum_repairs_ = _sync_max_unchanged_checksum_repairs(*variables);
-}
-
 void FileDownload::open_staging() {
   if (attempt_ > 0) {
     place_ = local_files_.place(file_path_);
@@ -175,6 +170,27 @@ void FileDownload::open_staging() {
   staging_.open(!options_.is_abandoned || !options_.is_abandoned());
   if (staging_.size_bytes() > 0)
     _log_sync_event("range_resume", file_path_, 1, "partial_tmp", Document{{"bytes_existing", staging_.size_bytes()}});
+}
+
+void FileDownload::read_settings() {
+  constexpr const char* VARIABLES[] = {"BRACKENFEN_SYNC_HTTP_CHUNK_BYTES", "BRACKENFEN_SYNC_MAX_UNCHANGED_CHECKSUM_REPAIRS"};
+  // A staging file that is whole may need no request.
+  const bool is_whole = staging_.size_bytes() > 0 && staging_.size_bytes() >= expected_size_;
+  std::packaged_task<RequestStart()> start([this] { return start_request(); });  // what it throws, the request throws
+  std::optional<EnvironmentCopy> variables;
+  seams_.environment->together([&] {
+    if (options_.backoff_context && !entered_) entered_ = _sync_backoff_module(seams_)->enter_context(*options_.backoff_context);
+    wait_seconds_ = _backoff_delay_seconds(seams_, attempt_);
+    variables.emplace(*seams_.environment, VARIABLES);
+    if (!is_whole) start();
+  });
+  if (!is_whole) first_start_ = start.get_future();
+  chunk_bytes_ = _sync_http_chunk_bytes(*variables);
+  if (!max_unchanged_checksum_repairs_) max_unchanged_checksum_repairs_ = _sync_max_unchanged_checksum_repairs(*variables);
+}
+
+RequestStart FileDownload::start_request() const {
+  return is_public_ ? RequestStart{{}, request_environment(*seams_.environment)} : manager_.start_request();
 }
 
 void FileDownload::transfer() {
@@ -240,8 +256,9 @@ std::uint64_t FileDownload::whole_limit() const {
 
 HttpResult FileDownload::request(std::int64_t range_start, std::int64_t range_end) {
   try {
-    HttpResult response = is_public_ ? manager_._http_get_public(neighbours_, url_, range_start, range_end, &staging_)
-                                     : manager_._http_get(neighbours_, url_, range_start, range_end, &staging_);
+    const RequestStart start = first_start_.valid() ? first_start_.get() : start_request();
+    HttpResult response = is_public_ ? _http_get_public(seams_, neighbours_, url_, start, range_start, range_end, &staging_)
+                                     : _http_get(seams_, neighbours_, url_, start, range_start, range_end, &staging_);
     staging_.flush();
     return response;
   } catch (const Error&) {

@@ -218,10 +218,9 @@ Outcome Batch::run_item(std::size_t index, std::optional<LocalFiles>& local_file
   outcome.item = index;
   const Item& item = items_[index];
   try {
-    BackoffContext context = parent_context_;
-    context.stop_requested = [self = shared_from_this()] { return self->worker_stop_requested(); };  // a host may keep it
-    const std::shared_ptr<void> entered = _sync_backoff_module(manager_->seams())->enter_context(std::move(context));
     SyncManager::DownloadOptions options;
+    options.backoff_context = parent_context_;
+    options.backoff_context->stop_requested = [self = shared_from_this()] { return self->worker_stop_requested(); };  // a host may keep it
     if (!local_files) local_files.emplace(data_dir_, directory_);  // here, where a failure is the file's
     options.local_files = &*local_files;
     options.is_abandoned = [this] { return abandoned_.load(); };  // kept no longer than the call

@@ -10,14 +10,13 @@ RequestStart SyncManager::start_request() const {
   return sync::start_request(*seams_.environment, *source);
 }
 
-HttpResult SyncManager::_http_get(NeighbourSet& neighbours, const std::string& url, std::int64_t range_start, std::int64_t range_end,
-                                  ResponseSink* sink) {
-  return sync::_http_get(seams_, neighbours, url, start_request(), range_start, range_end, sink);
+HttpResult SyncManager::_http_get(NeighbourSet& neighbours, const std::string& url, std::int64_t range_start, std::int64_t range_end) {
+  return sync::_http_get(seams_, neighbours, url, start_request(), range_start, range_end);
 }
 
-HttpResult SyncManager::_http_get_public(NeighbourSet& neighbours, const std::string& url, std::int64_t range_start, std::int64_t range_end,
-                                         ResponseSink* sink) {
-  return sync::_http_get_public(seams_, neighbours, url, range_start, range_end, sink);
+HttpResult SyncManager::_http_get_public(NeighbourSet& neighbours, const std::string& url, std::int64_t range_start,
+                                         std::int64_t range_end) {
+  return sync::_http_get_public(seams_, neighbours, url, {}, range_start, range_end);
 }
 
 }  // namespace brackenfen::sync

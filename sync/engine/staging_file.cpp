@@ -6,9 +6,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <mutex>
 #include <new>
+#include <tuple>
 #include <vector>
 
 #include "sync/base/error.hpp"
@@ -26,18 +28,24 @@ constexpr std::int64_t LONGEST_HELD_BACK_NS = 50'000'000;
 /// Of opening a file that is replaced or removed each time before it is locked.
 constexpr int MOST_TRIES = 100;
 
-/// Held from a look at a staging file's name until the name has changed, so that nobody of this process changes it in
-/// between. Leaked, and made anew in a forked child.
-std::mutex& names_mutex() {
-  alignas(std::mutex) static unsigned char storage[sizeof(std::mutex)];
-  static std::mutex* const instance = [] {
-    auto* made = new (storage) std::mutex;
-    at_fork_child([] { new (storage) std::mutex; });
+/// One for each file that is likely to be moved at the same time.
+using NameMutexes = std::array<std::mutex, 64>;
+
+/// Leaked, and made anew in a forked child.
+NameMutexes& name_mutexes() {
+  alignas(NameMutexes) static unsigned char storage[sizeof(NameMutexes)];
+  static NameMutexes* const instance = [] {
+    auto* made = new (storage) NameMutexes;
+    at_fork_child([] { new (storage) NameMutexes; });
     return made;
   }();
   return *instance;
 }
-[[maybe_unused]] static const auto& made_at_load = names_mutex();  // see at_fork_child
+[[maybe_unused]] static const auto& made_at_load = name_mutexes();  // see at_fork_child
+
+/// Held from a look at the name of this staging file until the name has changed, so that nobody of this process changes
+/// it in between.
+std::mutex& name_mutex(const FileId& file) { return name_mutexes()[file.inode % std::tuple_size_v<NameMutexes>]; }
 
 /// False where another download has the file open. File systems without such locks leave it at the look at the name.
 bool try_lock(const Descriptor& file) noexcept { return ::flock(file.get(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK; }
@@ -77,7 +85,7 @@ std::int64_t StagingFile::take_file() {
 }
 
 void StagingFile::take_name(const FileId& other) const {
-  const std::lock_guard lock(names_mutex());
+  const std::lock_guard lock(name_mutex(other));
   if (!look_for(other, place_)) return;
   if (::unlinkat(place_.folder(), place_.name(), 0) != 0 && errno != ENOENT) throw os_error(errno, place_.path());
 }
@@ -111,7 +119,7 @@ std::optional<FileStat> StagingFile::land(Files& files, const Place& target) {
 }
 
 std::optional<FileStat> StagingFile::move_to(Files& files, const Place& target) const {
-  const std::lock_guard lock(names_mutex());
+  const std::lock_guard lock(name_mutex(id_));
   const std::optional<struct stat> named = look_for(id_, place_);
   if (!named) throw os_error(ENOENT, place_.path());
   files.rename(place_, target);

@@ -117,10 +117,12 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
 
   /// GET with a fresh token; see brackenfen::sync::_http_get.
   [[nodiscard]] HttpResult _http_get(NeighbourSet& neighbours, const std::string& url, std::int64_t range_start = 0,
-                                     std::int64_t range_end = -1, ResponseSink* sink = nullptr);
+                                     std::int64_t range_end = -1);
   /// GET without credentials, for public artifacts.
   [[nodiscard]] HttpResult _http_get_public(NeighbourSet& neighbours, const std::string& url, std::int64_t range_start = 0,
-                                            std::int64_t range_end = -1, ResponseSink* sink = nullptr);
+                                            std::int64_t range_end = -1);
+  /// What a request begins with, its fresh token. Throws TypeError where there is no source, and what the source throws.
+  [[nodiscard]] RequestStart start_request() const;
 
   // ---- the pass: sync_driver.cpp, pass.hpp -----------------------------------------------------------
 
@@ -146,7 +148,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
     /// Whether the operation that asked for the file has ended without waiting for it: the download may then finish
     /// the staging file that it has, and begin no other. Empty: never.
     std::function<bool()> is_abandoned = {};
-    LocalFiles* local_files = nullptr;  ///< of the target directory, as the caller opened it; null: opened for this file
+    LocalFiles* local_files = nullptr;                   ///< of the target directory, as the caller opened it; null: opened for this file
+    std::optional<BackoffContext> backoff_context = {};  ///< of its waits; absent: the one that the thread has
   };
   /// Brings one manifest file to its local path: streamed into "{local path}.tmp" under a running digest,
   /// resumed by Range, moved into place. A failure that may pass is waited out, without limit. `result` must be
@@ -457,9 +460,6 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   [[nodiscard]] SyncResult repair_files(const std::vector<std::string>& corrupted_files);
   /// True where the file has a part in _vocabulary.
   bool repair_file(NeighbourSet& neighbours, const Manifest& manifest, const std::string& file_path, SyncResult& result);
-
-  /// With a fresh token. Throws TypeError where there is no source, and what the source throws.
-  [[nodiscard]] RequestStart start_request() const;
 
   /// _local_file_matches_manifest for a caller with the stat in hand; `local_path` is asked for only where the file must
   /// be read.

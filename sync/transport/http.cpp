@@ -74,10 +74,11 @@ HttpResult _http_get(const Seams& seams, NeighbourSet& neighbours, const std::st
   return send(seams, neighbours, std::move(request), _sync_http_timeout_seconds, sink);
 }
 
-HttpResult _http_get_public(const Seams& seams, NeighbourSet& neighbours, const std::string& url, std::int64_t range_start,
-                            std::int64_t range_end, ResponseSink* sink) {
+HttpResult _http_get_public(const Seams& seams, NeighbourSet& neighbours, const std::string& url, const RequestStart& start,
+                            std::int64_t range_start, std::int64_t range_end, ResponseSink* sink) {
   neighbours.transport_security().validate_bearer_transport_url(url);
   HttpRequest request = public_request(url);
+  request.environment = start.environment;
   add_range(request, range_start, range_end);
   return send(seams, neighbours, std::move(request), _sync_http_timeout_seconds, sink);
 }

@@ -54,7 +54,8 @@ struct RequestStart {
                                    std::int64_t range_start = 0, std::int64_t range_end = -1, ResponseSink* sink = nullptr);
 /// The same without credentials. The URL must satisfy the same transport rule.
 [[nodiscard]] HttpResult _http_get_public(const Seams& seams, NeighbourSet& neighbours, const std::string& url,
-                                          std::int64_t range_start = 0, std::int64_t range_end = -1, ResponseSink* sink = nullptr);
+                                          const RequestStart& start = {}, std::int64_t range_start = 0, std::int64_t range_end = -1,
+                                          ResponseSink* sink = nullptr);
 /// The version poll, under its own shorter timeout.
 [[nodiscard]] HttpResult _http_get_manifest_version(const Seams& seams, NeighbourSet& neighbours, const std::string& url,
                                                     const RequestStart& start);

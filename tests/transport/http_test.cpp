@@ -64,7 +64,7 @@ TEST_F(HttpTest, sendsItsOwnHeadersAndNoOthers) {
   EXPECT_THAT(server_.requests().at(1).headers, ElementsAre(host, agent));
   static_cast<void>(get("/file", 0, 0));
   EXPECT_EQ(server_.requests().back().header("Range"), "bytes=0-0");
-  static_cast<void>(_http_get_public(seams_, *neighbours_, server_.url("/file"), 4, 6));
+  static_cast<void>(_http_get_public(seams_, *neighbours_, server_.url("/file"), {}, 4, 6));
   EXPECT_EQ(server_.requests().back().header("Range"), "bytes=4-6");
 }
 
