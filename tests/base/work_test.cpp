@@ -16,6 +16,7 @@
 #include "sync/base/threads/snapshot.hpp"
 #include "tests/support/failures.hpp"
 #include "tests/support/fake_clock.hpp"
+#include "tests/support/host_interrupt.hpp"
 
 namespace brackenfen::sync {
 namespace {
@@ -28,20 +29,6 @@ bool is_interrupted() {
     return true;
   }
 }
-
-/// Interrupts the thread that asks for the n-th time.
-class InterruptingHost : public InterruptSource {
- public:
-  explicit InterruptingHost(int at_call) : remaining_(at_call), previous_(set_interrupt_source(this)) {}
-  ~InterruptingHost() override { set_interrupt_source(previous_); }
-  void check() override {
-    if (--remaining_ == 0) throw Interrupted{};
-  }
-
- private:
-  std::atomic<int> remaining_;
-  InterruptSource* previous_;
-};
 
 TEST(Interrupt, theInnermostTokenOfTheThreadCounts) {
   const auto outer = std::make_shared<InterruptToken>();
@@ -65,7 +52,9 @@ TEST(Clock, sleepEndsWhenTheHostSaysSo) {
   Clock& clock = Clock::real();
   const double start = clock.monotonic_seconds();
   {
-    const InterruptingHost host(2);
+    const HostInterrupt host([asked = 0]() mutable {
+      if (++asked == 2) throw Interrupted{};
+    });
     EXPECT_THROW(clock.sleep(3600), Interrupted);
   }
   EXPECT_LT(clock.monotonic_seconds() - start, 60);

@@ -4,8 +4,8 @@
 #include <chrono>
 #include <random>
 
-#include "sync/base/threads/interrupt.hpp"
 #include "tests/documents/values.hpp"
+#include "tests/support/host_interrupt.hpp"
 
 namespace brackenfen::sync {
 namespace {
@@ -102,12 +102,8 @@ TEST(FeaturePaths, aThousandNamesOfALargeFamilyAreAnsweredAtOnceOrInterrupted) {
   EXPECT_EQ(feature_prefetch_relative_paths(era_config(), files, names).size(), 100'000U);
   EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(5)) << "some 0.2 s on a quiet machine";
 
-  struct Exit : InterruptSource {
-    void check() override { throw Interrupted{}; }
-  } exit;
-  InterruptSource* const before = set_interrupt_source(&exit);
+  const HostInterrupt exit([] { throw Interrupted{}; });
   EXPECT_THROW(static_cast<void>(feature_prefetch_relative_paths(era_config(), files, names)), Interrupted);
-  set_interrupt_source(before);
 }
 
 TEST(FeaturePaths, groupSignalsByTheirCurrentEpoch) {

@@ -164,6 +164,12 @@ TEST_F(EraDocumentsTest, whatIsHeldIsTheMergedVocabularyOfWhatIsCommitted) {
     EXPECT_THAT(failure_of(operation), StartsWith(failure));
     EXPECT_EQ(json_of(*manager->_vocabulary.get()), json_of(expected));
   }
+  files.unlink(directory / VOCABULARY);
+  const auto later = open();
+  EXPECT_EQ(later->_vocabulary.get(), nullptr);
+  static_cast<void>(later->repair({VOCABULARY}));
+  ASSERT_NE(later->_vocabulary.get(), nullptr);
+  EXPECT_EQ(json_of(*later->_vocabulary.get()), json_of(expected)) << "repaired, where it was not here before";
 }
 
 TEST_F(EraDocumentsTest, whatGoesWhileADocumentIsFetchedIsNotPromoted) {

@@ -86,30 +86,25 @@ TEST_F(HashCacheTest, aLackOfMemoryFailsNobody) {
   }
 }
 
-TEST_F(HashCacheTest, isDirtyOnlyAfterAChange) {
-  cache._remember_local_sha("a", "local", "");
+TEST_F(HashCacheTest, isDirtyAndWrittenOnlyAfterAChange) {
+  cache._remember_local_sha("é", "local", "");
   EXPECT_FALSE(cache.dirty());
-  cache._remember_local_sha("a", "local", "aa");
+  cache._persist_hash_cache();
+  EXPECT_FALSE(directory.contains(SYNC_HASH_CACHE_FILENAME));
+  cache._remember_local_sha("é", "local", "aa");
   EXPECT_TRUE(cache.dirty());
   cache._persist_hash_cache();
   EXPECT_FALSE(cache.dirty());
-  cache._remember_local_sha("a", "local", "aa");
+  EXPECT_EQ(read_file(cache.path()),
+            R"({"files": {"\u00e9": {"ctime_ns": 20, "inode": 30, "mtime_ns": 10, "sha256": "aa", "size_bytes": 5}}, "version": 1})");
+  cache._remember_local_sha("é", "local", "aa");
   EXPECT_FALSE(cache.dirty());
   present->mtime_ns = 11;
-  cache._remember_local_sha("a", "local", "aa");
+  cache._remember_local_sha("é", "local", "aa");
   EXPECT_TRUE(cache.dirty());
   present = std::nullopt;
   cache._remember_local_sha("b", "local", "bb");
   EXPECT_EQ(cache.entries().size(), 1U);
-}
-
-TEST_F(HashCacheTest, writesKeysSortedAndNothingWhileClean) {
-  cache._persist_hash_cache();
-  EXPECT_FALSE(directory.contains(SYNC_HASH_CACHE_FILENAME));
-  cache._remember_local_sha("a/é", "local", "aa");
-  cache._persist_hash_cache();
-  EXPECT_EQ(read_file(cache.path()),
-            R"({"files": {"a/\u00e9": {"ctime_ns": 20, "inode": 30, "mtime_ns": 10, "sha256": "aa", "size_bytes": 5}}, "version": 1})");
 }
 
 TEST_F(HashCacheTest, keepsUnusualEntriesAsTheyStand) {

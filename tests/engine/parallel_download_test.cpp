@@ -5,8 +5,8 @@
 #include <chrono>
 #include <thread>
 
-#include "sync/base/threads/interrupt.hpp"
 #include "sync/base/threads/worker_thread.hpp"
+#include "tests/support/host_interrupt.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
@@ -16,17 +16,6 @@ using std::chrono::milliseconds;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::StartsWith;
-
-/// Ends every wait, as the exit of the host does, once `raised`.
-class HostInterrupt : public InterruptSource {
- public:
-  HostInterrupt() { set_interrupt_source(this); }
-  ~HostInterrupt() override { set_interrupt_source(nullptr); }
-  void check() override {
-    if (raised) throw Interrupted{std::make_shared<int>(1)};
-  }
-  std::atomic<bool> raised{false};
-};
 
 class ParallelDownloadTest : public testing::Test, protected SyncSetup {
  protected:
@@ -117,14 +106,17 @@ TEST_F(ParallelDownloadTest, theDeadlineNamesWhatIsPending) {
   };
   environment.set("BRACKENFEN_SYNC_PARALLEL_TIMEOUT_SECONDS", "10");
   environment.set("BRACKENFEN_SYNC_MAX_CONCURRENCY", "4");
-  HostInterrupt exit_of_the_process;
+  std::atomic<bool> exits{false};
+  const HostInterrupt exit_of_the_process([&] {
+    if (exits) throw Interrupted{std::make_shared<int>(1)};
+  });
   for (const auto& [stalled, failure] : rows) {
     planned = Document();
     plan(stalled, Reply{.delay = milliseconds(60'000)});
     EXPECT_EQ(run_until_late("p2"), failure);
-    exit_of_the_process.raised = true;  // nothing else ends the workers left behind
+    exits = true;  // nothing else ends the workers left behind
     EXPECT_TRUE(wait_for_worker_threads(milliseconds(2000)));
-    exit_of_the_process.raised = false;
+    exits = false;
   }
 }
 

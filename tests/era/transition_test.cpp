@@ -13,10 +13,10 @@
 #include <thread>
 #include <unordered_set>
 
-#include "sync/base/threads/interrupt.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/era/staged_moves.hpp"
 #include "tests/support/failing_memory.hpp"
+#include "tests/support/host_interrupt.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
@@ -104,14 +104,11 @@ class TransitionTest : public testing::Test, protected SyncSetup {
 
 TEST_F(TransitionTest, aStopGoesOnBesideATransitionThatLasts) {
   const Reply lasting[] = {{.status = 503}, {.body = NEW.content, .delay = std::chrono::hours(1)}};  // an outage, a slow file
-  struct : InterruptSource {
-    std::atomic<std::thread::id> pass;
-    std::atomic<bool> pass_waits{false};
-    void check() override {
-      if (std::this_thread::get_id() == pass.load()) pass_waits = true;
-    }
-  } asked;
-  InterruptSource* const usual = set_interrupt_source(&asked);
+  std::atomic<std::thread::id> pass_thread;
+  std::atomic<bool> pass_waits{false};
+  const HostInterrupt asked_for([&] {
+    if (std::this_thread::get_id() == pass_thread.load()) pass_waits = true;
+  });
   for (const Reply& reply : lasting) {
     server.script(NEW.url_path(), {reply});
     const std::size_t before = requests(NEW.url_path());
@@ -126,10 +123,10 @@ TEST_F(TransitionTest, aStopGoesOnBesideATransitionThatLasts) {
     auto transition = interruptible([this] { transit(); });
     while (requests(NEW.url_path()) == before) std::this_thread::yield();
     auto pass = interruptible([&] {
-      asked.pass = std::this_thread::get_id();
+      pass_thread = std::this_thread::get_id();
       static_cast<void>(manager->sync());
     });
-    while (!asked.pass_waits) std::this_thread::yield();  // for the directory
+    while (!pass_waits) std::this_thread::yield();  // for the directory
     manager->stop();
     EXPECT_TRUE(manager->_in_transition);
     EXPECT_FALSE(manager->_running);
@@ -137,15 +134,20 @@ TEST_F(TransitionTest, aStopGoesOnBesideATransitionThatLasts) {
     transition.get();
     pass.get();
     expect_nothing_left();
-    asked.pass_waits = false;
+    pass_waits = false;
   }
-  set_interrupt_source(usual);
 }
 
 TEST_F(TransitionTest, movesTheDirectoryToTheNextEra) {
   directory.write("era_6/old", "12345");
   for (const PublishedFile& file : {KEPT, NEW, FRESH}) directory.write(file.path + ".tmp", "of a download that goes on by itself");
+  std::vector<std::string> landed;
+  manager->runtime_freshness_guard.set(std::make_shared<CallingGuard>(
+      [&](const std::string& path, const std::string& kind, const std::string&) { landed.push_back(path + " " + kind); }));
   transit();
+  EXPECT_THAT(landed, ElementsAre(NEW.path + " feature", FRESH.path + " feature", std::string(FUNCTIONS) + " functions",
+                                  std::string(VOCABULARY) + " vocabulary"))
+      << "once each, where it goes live";
   // The gates; a question before each file; then one before files move, one behind manifest.json, one before the searches.
   std::vector<std::string> expected = {ERA_PATH, "/data/manifest"};
   for (const PublishedFile& file : {NEW, KEPT, FRESH, documents(8)[1], documents(8)[0]}) {
@@ -307,11 +309,7 @@ TEST_F(TransitionTest, anEraThatOvertakesItIsFollowed) {
   // The first answer confirms the era, then one comes before each of the five files: the last of them is functions.json.
   for (std::size_t file = 1; file <= 5; ++file) {
     SCOPED_TRACE("before file " + std::to_string(file));
-    publish_era(7, {KEPT, OLD, GONE});
-    std::filesystem::remove(directory / "manifest.json");
-    manager = open();
-    static_cast<void>(manager->sync());
-    publish_era(8, {KEPT, NEW, FRESH});
+    begin_in_era_7();
     server.script(ERA_PATH, first(file, era(8), era(9)));
     server.script(MANIFEST_PATH, {body(manifest(8, {KEPT, NEW, FRESH}, 8)), body(manifest(9, {KEPT, newest}, 9))});
     server.serve_file(newest.url_path(), newest.content);
@@ -480,16 +478,6 @@ TEST_F(TransitionTest, tellsWhatItWaitsFor) {
   transit();
   EXPECT_EQ(std::ranges::count(statuses, "Download interrupted, retrying in 1s (0/5 files complete)"), 3)
       << "until the next download begins";
-}
-
-TEST_F(TransitionTest, aGuardIsToldOfWhatLands) {
-  std::vector<std::string> told;
-  manager->runtime_freshness_guard.set(std::make_shared<CallingGuard>(
-      [&](const std::string& path, const std::string& kind, const std::string&) { told.push_back(path + " " + kind); }));
-  transit();
-  EXPECT_THAT(told, ElementsAre(NEW.path + " feature", FRESH.path + " feature", std::string(FUNCTIONS) + " functions",
-                                std::string(VOCABULARY) + " vocabulary"))
-      << "once each, where it goes live";
 }
 
 }  // namespace

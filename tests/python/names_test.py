@@ -104,7 +104,6 @@ CALLS: list[tuple[str, dict[str, Any], Any]] = [
     ("_manifest_prefetched_feature_paths", {"manifest": object(), "paths": None}, ()),
     ("_sha256", {"data": b""}, "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"),
     ("_sync_backoff_surface", {"default_surface": "d"}, "d"),
-    ("_append_limited", {"values": [1, 2], "value": 3, "limit": 2}, None),
     ("_should_emit_sync_event", {"event": {"event_type": "sync_recovered_status"}}, True),
     ("_sync_event_is_coalescible", {"event": {"event_type": "http_retry"}}, True),
     ("_sync_event_coalesce_key", {"event": {"reason": None, "count": 1, "file": "null", "x": {1}}}, (("file", "'null'"), ("reason", "null"), ("x", "{1}"))),
@@ -116,8 +115,6 @@ CALLS: list[tuple[str, dict[str, Any], Any]] = [
     ("_sync_unavailable_action_recovery", {"details": {"error": "AUTH"}}, "reauthenticate"),
     ("_sync_local_data_status", {}, "intact and preserved, but not run because fresh data is required"),
     ("_sync_endpoint_from_url", {"url": "https://h/p?q"}, "/p"),
-    ("_normalize_era_current_response", {"data": {"era": {"era_number": 5}, "state": "closing"}}, {"era_number": 5, "state": "closing"}),
-    ("_parse_era_directory_id", {"name": "era_7"}, 7),
     ("_sync_event_file_from_url", {"url": "http://h/data/files/a/b.arrow"}, "a/b.arrow"),
 ]
 

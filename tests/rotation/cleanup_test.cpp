@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
 
@@ -31,9 +30,7 @@ TEST(CleanUp, deletesWhatNoRotationKeepsAndNothingElse) {
                                            "found_strategies/s/x",     "useful_signals/deep/er/still/x"};
   for (const std::string& path : kept) directory.write(path, "x");
   for (const std::string& path : doomed) directory.write(path, "x");
-  const auto link = [&](const std::string& target, const char* name) {
-    ASSERT_EQ(::symlink(target.c_str(), (directory / name).c_str()), 0);
-  };
+  const auto link = [&](const std::string& target, const char* name) { std::filesystem::create_symlink(target, directory / name); };
   link(outside.path() + "/precious", "features/linked_folder");
   link(precious, "features/linked_file.arrow");
   link("nowhere", "features/dangling.arrow");
@@ -55,7 +52,7 @@ TEST(CleanUp, deletesWhatNoRotationKeepsAndNothingElse) {
 TEST(CleanUp, doesNotLeaveTheDirectoryByATopFolderThatIsALink) {
   const TemporaryDirectory directory, outside;
   outside.write("old.arrow", "x");
-  ASSERT_EQ(::symlink(outside.path().c_str(), (directory / "features").c_str()), 0);
+  std::filesystem::create_symlink(outside.path(), directory / "features");
   directory.write("universe_masks", "a file where a folder is expected");
   delete_files_not_kept(Files::real(), directory.path(), {});
   EXPECT_THAT(outside.files(), ElementsAre("old.arrow"));
