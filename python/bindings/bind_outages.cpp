@@ -32,7 +32,7 @@ Document emit_status(nb::handle event_type, nb::handle url, nb::handle statuses,
   const List seen = list_argument(statuses, "statuses");
   const List failed = list_argument(failures, "failures");
   const Document described = document_argument(details, "details");
-  const auto started = static_cast<float>(real_argument(started_at, "started_at"));
+  const double started = real_argument(started_at, "started_at");
   return detached([&] {
     return _emit_sync_unavailable_status(host_seams(), *host_neighbours().bind(), type, address, seen, failed, described, started);
   });

@@ -78,7 +78,7 @@ bool SyncManager::commit_rotation_state(NeighbourSet& neighbours, std::uint64_t 
   std::string lost_time;
   const bool committed = rotation_state_changes_.commit(changes, added, [&] {
     const std::optional<FileStat> before = seams_.files->stat(path);
-    _atomic_write(*seams_.files, *seams_.clock, path, document);
+    _atomic_write(*seams_.files, *seams_.clock, path, document, Flush::Yes);
     replaced = _active_rotation_state.exchange(next);
     rotation_state_seen_.set(std::nullopt);
     try {

@@ -66,7 +66,7 @@ std::string rotation_state_document(NeighbourSet& neighbours, const RotationStat
 std::string write_feature_rotation_state(NeighbourSet& neighbours, Files& files, Clock& clock, std::string_view data_dir,
                                          const RotationStateRef& state) {
   std::string path = feature_rotation_state_path(data_dir);
-  _atomic_write(files, clock, path, rotation_state_document(neighbours, state));
+  _atomic_write(files, clock, path, rotation_state_document(neighbours, state), Flush::Yes);
   return path;
 }
 

@@ -22,7 +22,8 @@ inline constexpr int FEATURE_ROTATION_STATE_VERSION = 1;
 [[nodiscard]] RotationStateRef load_feature_rotation_state(NeighbourSet& neighbours, std::string_view data_dir);
 /// What the file holds of a state: JSON, keys sorted. Throws FeatureRotationStateError for a state that has no such form.
 [[nodiscard]] std::string rotation_state_document(NeighbourSet& neighbours, const RotationStateRef& state);
-/// Writes the file atomically and returns its path. Throws FeatureRotationStateError, and os_error.
+/// Writes the file atomically, flushed to stable storage: no manager is made of an empty one. Returns its path. Throws
+/// FeatureRotationStateError, and os_error.
 std::string write_feature_rotation_state(NeighbourSet& neighbours, Files& files, Clock& clock, std::string_view data_dir,
                                          const RotationStateRef& state);
 

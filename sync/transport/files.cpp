@@ -45,6 +45,14 @@ class SystemFiles final : public Files {
     file.close();
   }
 
+  void flush(const Place& place) override {
+    const Descriptor file = open_at(place, O_RDONLY | O_NOFOLLOW);
+    while (::fsync(file.get()) != 0) {
+      if (errno == EINVAL || errno == ENOTSUP) return;
+      if (errno != EINTR) throw os_error(errno, place.path());
+    }
+  }
+
   std::optional<FileStat> stat(const std::string& path) override {
     struct stat found {};
     if (::stat(path.c_str(), &found) != 0) {
@@ -119,7 +127,7 @@ Files& Files::real() {
   return files;
 }
 
-std::optional<FileStat> _atomic_write(Files& files, Clock& clock, const Place& target, std::string_view data) {
+std::optional<FileStat> _atomic_write(Files& files, Clock& clock, const Place& target, std::string_view data, Flush flush) {
   const Place temporary = target.beside("." + std::to_string(::getpid()) + "." + std::to_string(::pthread_self()) + "." +
                                         std::to_string(clock.monotonic_ns()) + ".tmp");
   if (!target.has_folder()) {
@@ -129,7 +137,10 @@ std::optional<FileStat> _atomic_write(Files& files, Clock& clock, const Place& t
     files.write_new(temporary, data);
     std::optional<FileStat> written = stat_or_absent(files, temporary.path());
     if (written && written->size_bytes != static_cast<std::int64_t>(data.size())) written.reset();
+    if (flush == Flush::Yes) files.flush(temporary);
     files.rename(temporary, target);
+    // What has landed stays: a folder that cannot be flushed is none of the writer's failures.
+    if (flush == Flush::Yes) drop_failure([&] { files.flush(directory_of(target.path())); });
     return stat_of_landed(files, target.path(), written);
   } catch (...) {
     drop_failure([&] { files.unlink(temporary); });  // the first failure is the one to tell

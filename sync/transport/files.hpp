@@ -42,6 +42,9 @@ class Files {
   /// Creates a file, which must not exist, and writes `data`; no flush to stable storage. A failed write leaves a
   /// part behind.
   virtual void write_new(const Place& place, std::string_view data) = 0;
+  /// Waits until a file's bytes, or a folder's names, are on stable storage. Where the file system knows no such thing it is
+  /// done at once.
+  virtual void flush(const Place& place) = 0;
   /// Follows links. Absent where the file does not exist.
   [[nodiscard]] virtual std::optional<FileStat> stat(const std::string& path) = 0;
   /// Bytes that an unprivileged process may still write on the volume of `directory`.
@@ -59,12 +62,15 @@ class Files {
 /// ctime. Absent where it is not, and without a `before`.
 [[nodiscard]] std::optional<FileStat> stat_of_landed(Files& files, const std::string& path, const std::optional<FileStat>& before);
 
+enum class Flush : bool { No, Yes };
+
 /// Writes `data` to a name of its own beside `target` ("{target}.{pid}.{thread}.{monotonic ns}.tmp") and renames it over,
 /// creating missing parents of a plain path. A reader sees the old content or the new, never a part.
-/// Not flushed to stable storage: atomic against readers and a crash of the process, not a power failure.
+/// Without `flush` it is atomic against readers and a crash of the process, not a power failure; with it the bytes are on
+/// stable storage before the rename, and the new name as far as the folder can be flushed.
 /// Throws os_error; the temporary file is gone then and the target untouched. Returns the stat of what was written, as
 /// stat_of_landed gives it.
-std::optional<FileStat> _atomic_write(Files& files, Clock& clock, const Place& target, std::string_view data);
+std::optional<FileStat> _atomic_write(Files& files, Clock& clock, const Place& target, std::string_view data, Flush flush = Flush::No);
 
 /// Lower-case hexadecimal SHA-256 of a file, read in blocks: memory stays bounded by the smaller of
 /// `chunk_bytes` and the block size that hashes fastest. Throws os_error, also for what is no regular file; Interrupted

@@ -23,9 +23,9 @@ bool contains(const std::string& text, std::string_view part) { return text.find
 }  // namespace
 
 Document _emit_sync_unavailable_status(const Seams& seams, NeighbourSet& neighbours, std::string_view event_type, std::string_view url,
-                                       const List& statuses, const List& failures, const Document& details, float started_at) {
+                                       const List& statuses, const List& failures, const Document& details, double started_at) {
   const Value& retryable = details.get("retryable");
-  const double elapsed_seconds = seams.clock->monotonic_seconds() - static_cast<double>(started_at);
+  const double elapsed_seconds = seams.clock->monotonic_seconds() - started_at;
   std::vector<Member> members{
       {"event_type", event_type},
       {"endpoint", _sync_endpoint_from_url(url)},

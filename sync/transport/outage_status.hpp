@@ -14,7 +14,7 @@ namespace brackenfen::sync {
 /// `started_at` is the monotonic clock in seconds when the request began. Returns the event, also where the log
 /// did not get it.
 Document _emit_sync_unavailable_status(const Seams& seams, NeighbourSet& neighbours, std::string_view event_type, std::string_view url,
-                                       const List& statuses, const List& failures, const Document& details, float started_at);
+                                       const List& statuses, const List& failures, const Document& details, double started_at);
 
 /// The operator's action: "reauthenticate", "contact_brackenfen" or "retry_later".
 [[nodiscard]] std::string_view _sync_unavailable_action_recovery(const Document& details);

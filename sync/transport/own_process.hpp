@@ -35,6 +35,7 @@ class OwnProcess {
     void rename(const Place& from, const Place& to) override;
     void unlink(const Place& place) override;
     void write_new(const Place& place, std::string_view data) override;
+    void flush(const Place& place) override { files_.flush(place); }
     std::optional<FileStat> stat(const std::string& path) override { return files_.stat(path); }
     std::int64_t free_bytes(const std::string& directory) override { return files_.free_bytes(directory); }
     void set_mtime(const std::string& path, std::int64_t mtime_ns) override;

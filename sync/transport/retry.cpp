@@ -135,7 +135,7 @@ class RetryLoop {
   ResponseSink* const sink_;
 
   const std::string event_file_ = _sync_event_file_from_url(request_.url);
-  const float started_at_ = static_cast<float>(seams_.clock->monotonic_seconds());
+  const double started_at_ = seams_.clock->monotonic_seconds();
   std::vector<Value> statuses_;
   std::vector<Value> failures_;
   Document last_details_;   ///< the server's latest words; a network failure never hides them

@@ -33,6 +33,7 @@ TEST_F(RotationStateFileTest, isReadAndWrittenInOneForm) {
   directory.write(FEATURE_ROTATION_STATE_FILENAME, "");
   EXPECT_EQ(write_feature_rotation_state(*neighbours(), files, clock, directory.path(), state), state_path());
   EXPECT_EQ(directory.read(FEATURE_ROTATION_STATE_FILENAME), GOOD_STATE);
+  EXPECT_THAT(files.calls(FaultFiles::Call::Flush), ElementsAre(StartsWith(state_path() + "."), directory.path()));
   EXPECT_TRUE(equal_states(load(), state));
 }
 

@@ -16,7 +16,7 @@ namespace brackenfen::sync {
 
 class FaultFiles final : public Files {
  public:
-  enum class Call { Rename, Unlink, WriteNew };
+  enum class Call { Rename, Unlink, WriteNew, Flush };
 
   /// The `nth` call of this kind from now on, counted from 1, fails with `error_number`.
   void fail(Call call, std::size_t nth, int error_number) {
@@ -54,6 +54,10 @@ class FaultFiles final : public Files {
     const int error_number = count(Call::WriteNew, place.path());
     real().write_new(place, error_number != 0 ? data.substr(0, data.size() / 2) : data);
     if (error_number != 0) throw os_error(error_number, place.path());
+  }
+  void flush(const Place& place) override {
+    if (const int error_number = count(Call::Flush, place.path())) throw os_error(error_number, place.path());
+    real().flush(place);
   }
   [[nodiscard]] std::optional<FileStat> stat(const std::string& path) override { return stat_ ? stat_() : real().stat(path); }
   [[nodiscard]] std::int64_t free_bytes(const std::string& directory) override {

@@ -47,10 +47,11 @@ TEST_F(FilesTest, writesWholeFilesWithTheirParents) {
 
 TEST_F(FilesTest, leavesTheTargetAloneWhenAWriteFails) {
   const std::string target = directory_.write("target", "old");
-  for (const Call call : {Call::WriteNew, Call::Rename}) {
+  for (const Call call : {Call::WriteNew, Call::Flush, Call::Rename}) {
     FaultFiles faulty;
     faulty.fail(call, 1, ENOSPC);
-    EXPECT_THAT(failure_of([&] { _atomic_write(faulty, clock_, target, "replacement"); }), testing::StartsWith("OSError: [Errno 28]"));
+    EXPECT_THAT(failure_of([&] { _atomic_write(faulty, clock_, target, "replacement", Flush::Yes); }),
+                testing::StartsWith("OSError: [Errno 28]"));
     EXPECT_EQ(directory_.read("target"), "old");
     EXPECT_THAT(directory_.files(), ElementsAre("target"));
   }
