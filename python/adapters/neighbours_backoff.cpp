@@ -11,6 +11,7 @@
 #include "python/conversion/errors.hpp"
 #include "python/conversion/values.hpp"
 #include "sync/base/threads/failure.hpp"
+#include "sync/neighbours/inherited_backoff.hpp"
 
 namespace brackenfen::sync::python {
 namespace {
@@ -150,6 +151,60 @@ std::shared_ptr<SyncBackoff> builtin_backoff() { return {std::shared_ptr<void>()
 
 // ---- the built-in provider in Python's terms -------------------------------------------------------------
 
+/// What a thread finds that runs in a copy of the host's context (asyncio.to_thread, some pools): a ContextVar with the
+/// innermost block of that context. Each value is a dict of the block's fields, the block around it and the thread that
+/// entered it, on which the thread's own contexts count alone. A copy keeps a block that was left after it was made: the
+/// work in it goes on, and its stop callback must still end it. Attached threads only.
+class HandedOn {
+ public:
+  static void begin() {
+    variable_ = nb::module_::import_("contextvars").attr("ContextVar")("brackenfen.sync.backoff_context").release().ptr();
+  }
+
+  static nb::dict enter(const nb::dict& fields) {
+    nb::dict block;
+    block["fields"] = fields;
+    block["around"] = innermost_not_left();
+    block["thread"] = PyThread_get_thread_ident();
+    nb::handle(variable_).attr("set")(block);
+    set_inherited_context(context);
+    return block;
+  }
+
+  static void leave(nb::dict block) {
+    block["left"] = true;
+    if (is_around(block)) {
+      nb::handle(variable_).attr("set")(innermost_not_left());
+    } else {
+      block["fields"] = nb::none();  // left in another context than it was entered in, where it would be found for ever
+    }
+  }
+
+ private:
+  static nb::object innermost() { return nb::handle(variable_).attr("get")(nb::none()); }
+  static nb::object innermost_not_left() {
+    nb::object block = innermost();
+    while (!block.is_none() && nb::borrow<nb::dict>(block).contains("left")) block = block["around"];
+    return block;
+  }
+  static bool is_around(nb::handle wanted) {
+    for (nb::object block = innermost(); !block.is_none(); block = block["around"])
+      if (block.is(wanted)) return true;
+    return false;
+  }
+  static BackoffContext context() {
+    return call_python([] {
+      for (nb::object block = innermost(); !block.is_none(); block = block["around"]) {
+        const bool own = nb::cast<unsigned long>(block["thread"]) == PyThread_get_thread_ident();
+        if (const nb::object fields = block["fields"]; !own && !fields.is_none()) return context_from_python(fields);
+      }
+      return BackoffContext{};
+    });
+  }
+
+  static inline PyObject* variable_ = nullptr;  // owned for ever
+};
+
 /// `with backoff_context(...)` around the built-in provider. Attached threads only.
 class ContextManager {
  public:
@@ -159,7 +214,8 @@ class ContextManager {
   nb::object enter() {
     nb::dict fields = context_to_python(SyncBackoff::builtin().current_context());
     fields.update(nb::borrow<nb::dict>(fields_.get()));
-    entered_.push_back({std::this_thread::get_id(), SyncBackoff::builtin().enter_context(context_from_python(fields))});
+    entered_.push_back({std::this_thread::get_id(), SyncBackoff::builtin().enter_context(context_from_python(fields)), {}});
+    entered_.back().block = share(HandedOn::enter(fields));
     return nb::borrow(fields_.get());
   }
 
@@ -171,13 +227,16 @@ class ContextManager {
         std::find_if(entered_.rbegin(), entered_.rend(), [](const Entered& each) { return each.thread == std::this_thread::get_id(); });
     const auto left = own == entered_.rend() ? entered_.end() - 1 : own.base() - 1;
     const std::shared_ptr<void> scope = std::move(left->scope);  // its end may run code of the host, which may come back here
+    const SharedRef block = std::move(left->block);
     entered_.erase(left);
+    if (block) HandedOn::leave(nb::borrow<nb::dict>(block->get()));
   }
 
  private:
   struct Entered {
     std::thread::id thread;
     std::shared_ptr<void> scope;
+    SharedRef block;
   };
   PyRef fields_;
   std::vector<Entered> entered_;
@@ -321,6 +380,7 @@ BackoffContext context_from_python(nb::handle mapping) {
 }
 
 void bind_backoff(nb::module_& module) {
+  HandedOn::begin();
   nb::class_<ContextManager>(module, "_BackoffContext", nb::type_slots(context_slots), "The context manager that backoff_context returns.")
       .def("__enter__", &ContextManager::enter)
       .def(
@@ -337,7 +397,8 @@ void bind_backoff(nb::module_& module) {
              nb::sig("def backoff_context(*, data_dir: object = None, surface: object = None, stop_requested: object = None)"
                      " -> contextlib.AbstractContextManager[dict[str, object]]"),
              "Make this the running thread's back-off context for a `with` block. What is not given, or is None, stays as in the\n"
-             "block around it. The block may end on another thread than it began on.\n\n"
+             "block around it. The block may end on another thread than it began on. Threads that run in a copy of the host's\n"
+             "context, as those of asyncio.to_thread, begin with it.\n\n"
              "data_dir: the directory whose sync-progress.json shows a wait. surface: the name of the waiting operation.\n"
              "stop_requested: a callable; true ends the wait with SyncBackoffCancelled.");
   module.def("current_context", current_context, nb::sig("def current_context() -> dict[str, object]"),

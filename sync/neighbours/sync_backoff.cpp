@@ -3,6 +3,7 @@
 #include <sys/random.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <optional>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "sync/base/threads/snapshot.hpp"
+#include "sync/neighbours/inherited_backoff.hpp"
 
 namespace brackenfen::sync {
 namespace {
@@ -63,6 +65,8 @@ EnteredContexts& entered_here() {
   return owner.contexts;
 }
 
+constinit std::atomic<InheritedContext> inherited_context{nullptr};
+
 /// Leaves its context at its end.
 class ContextScope {
  public:
@@ -81,7 +85,8 @@ class ContextScope {
       if (std::optional<BackoffContext> context = entered_contexts->back()->get()) return *std::move(context);
       entered_contexts->pop_back();
     }
-    return {};
+    const InheritedContext inherited = inherited_context.load();
+    return inherited != nullptr ? inherited() : BackoffContext{};
   }
 
  private:
@@ -138,5 +143,7 @@ SyncBackoff& SyncBackoff::builtin() {
   static SyncBackoff& backoff = *new BuiltinSyncBackoff;
   return backoff;
 }
+
+void set_inherited_context(InheritedContext inherited) noexcept { inherited_context.store(inherited); }
 
 }  // namespace brackenfen::sync

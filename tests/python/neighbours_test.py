@@ -1,5 +1,6 @@
 """The host's modules in the place of the built-in ones, back-off contexts, and the log."""
 
+import asyncio
 import enum
 import json
 import logging
@@ -220,6 +221,30 @@ def test_a_context_ends_on_whichever_thread_leaves_it() -> None:
         assert surface() == "shared"
     assert surface() is None
     shared.__exit__(None, None, None)  # what the other thread has left behind
+
+
+def test_a_context_goes_along_with_a_copy_of_the_hosts() -> None:
+    left = threading.Event()
+
+    def late() -> Any:
+        left.wait()
+        return sync.current_context(), sync._sync_backoff_stop_requested()
+
+    async def main() -> None:
+        with sync.backoff_context(surface="outer", stop_requested=left.is_set):
+            with sync.backoff_context(surface="inner"):
+                running = asyncio.create_task(asyncio.to_thread(late))
+                await asyncio.sleep(0)
+                with sync.backoff_context(data_dir="/d"):
+                    inner = await asyncio.to_thread(sync._current_sync_backoff_context)
+            outer = await asyncio.to_thread(sync.current_context)
+        none = await asyncio.to_thread(sync.current_context)
+        left.set()
+        seen = [fields.get("surface") for fields in (inner, outer, none)]
+        assert seen == ["inner", "outer", None] and inner["data_dir"] == "/d"
+        assert await running == ({"surface": "inner", "stop_requested": left.is_set}, True)  # left while the work goes on
+
+    asyncio.run(main())
 
 
 def test_events_in_the_log(records: pytest.LogCaptureFixture) -> None:
