@@ -15,6 +15,24 @@ namespace {
 
 PyObject* first_module_dict = nullptr;  // of the first import; owned for ever
 
+constexpr const char* NEIGHBOURS_ERRORS[] = {"AuthError",
+                                             "LibraryUpdateRequired",
+                                             "SyncBackoffCancelled",
+                                             "RotationStatePayloadError",
+                                             "VocabularyScopeError",
+                                             "ActiveRotationStateError",
+                                             "MandatoryArtifactsTooLargeError"};
+
+/// All names of the module, sorted, whether they are there or made when they are asked for.
+nb::list module_names(bool with_private) {
+  nb::list names;
+  for (const auto& [name, value] : nb::borrow<nb::dict>(first_module_dict))
+    if (with_private || !text_form(name).starts_with('_')) names.append(name);
+  for (const char* name : NEIGHBOURS_ERRORS) names.append(name);
+  names.attr("sort")();
+  return names;
+}
+
 /// Names that belong to the neighbours are looked up when they are asked for, so that importing this module
 /// imports no neighbour.
 nb::object module_getattr(nb::handle name) {
@@ -52,6 +70,7 @@ void bind_all(nb::module_& module) {
   bind_rotation(module);
   bind_manager(module);
   module.def("__getattr__", module_getattr, nb::arg("name"));
+  module.def("__dir__", [] { return module_names(true); });
 }
 
 /// Imports take turns: the first one imports others meanwhile, and so lets go of the interpreter lock.
@@ -83,12 +102,13 @@ void initialise(nb::module_& module) {
     bind_all(module);
     module.attr("__name__") = imported_name;
     first_module_dict = nb::object(module.attr("__dict__")).release().ptr();
+    module.attr("__all__") = module_names(false);
     return;
   }
   for (const auto& [name, value] : nb::borrow<nb::dict>(first_module_dict)) {
     const std::string text = text_form(name);
-    const bool own = text.starts_with("__") && text != "__getattr__" && text != "__version__" && text != "__doc__";
-    if (!own) nb::setattr(module, name, value);
+    const bool shared = text == "__getattr__" || text == "__dir__" || text == "__all__" || text == "__version__" || text == "__doc__";
+    if (shared || !text.starts_with("__")) nb::setattr(module, name, value);
   }
 }
 

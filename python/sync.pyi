@@ -10,6 +10,17 @@ from contextlib import AbstractContextManager
 from dataclasses import dataclass, field
 from typing import Any, Protocol, final, type_check_only
 
+__all__ = [
+    "ActiveRotationStateError", "ArtifactDescriptor", "ArtifactRotationSettings", "AuthError",
+    "CURRENT_PLATFORM", "DiskSpaceError", "EraError", "EraThread", "FeatureRotationStateError",
+    "IntegrityError", "LibraryUpdateRequired", "MandatoryArtifactsTooLargeError", "Manifest", "ManifestError",
+    "ManifestSupersededError", "PermanentDownloadError", "RotationPlan", "RotationSelection",
+    "RotationSettings", "RotationState", "RotationStatePayloadError", "SelectionScope", "StateError",
+    "SyncBackoffCancelled", "SyncError", "SyncManager", "SyncResult", "SyncUnavailableError", "VerifyResult",
+    "VocabularyScopeError", "backoff_context", "current_context", "feature_rotation_state_path",
+    "feature_rotation_status_payload", "load_feature_rotation_state", "write_feature_rotation_state",
+]
+
 __version__: str
 """The version in the user agent."""
 
@@ -63,13 +74,23 @@ class RotationSearchConsumer(Protocol):
 # ---- errors -------------------------------------------------------------------------------------------------
 
 class SyncError(Exception):
-    """Base class of sync failures."""
+    """Base class of sync failures.
+
+    The attributes hold what the failure is about, where that is known; notes of the exception tell the same, and what to do.
+    """
+
+    url: str | None
+    status: int | None
+    """HTTP status."""
+    file_path: str | None
+    """Manifest-relative path."""
+    local_era_number: int | None
+    """Of an era mismatch, as the one below."""
+    server_era_number: int | None
 
 class PermanentDownloadError(SyncError):
     """A file's download failed for good; retrying cannot help."""
 
-    file_path: str | None
-    """Manifest-relative path."""
     status: int | None
     """HTTP status, or None where the given one is no number."""
     def __init__(self, message: str, file_path: str | None = None, status: object = None) -> None: ...
@@ -455,10 +476,10 @@ class SyncManager:
         other threads and processes; a callback of a pass may call it. Raises FeatureRotationStateError and OSError.
         """
 
-    def register_rotation_search_consumer(self, consumer: RotationSearchConsumer | object) -> None:
+    def register_rotation_search_consumer(self, consumer: RotationSearchConsumer) -> None:
         """Tell a running search of every change of its scope, until it is unregistered. It is kept alive."""
 
-    def unregister_rotation_search_consumer(self, consumer: RotationSearchConsumer | object) -> None:
+    def unregister_rotation_search_consumer(self, consumer: RotationSearchConsumer) -> None:
         """Forget a search; one that is not registered is ignored."""
 
     def refresh_running_searches_for_rotation(
@@ -588,7 +609,8 @@ def backoff_context(
     *, data_dir: _Path | None = None, surface: str | None = None, stop_requested: Callable[[], object] | None = None
 ) -> AbstractContextManager[object]:
     """Make this the running thread's back-off context for a `with` block. What is not given, or is None, stays as in the
-    block around it. The block may end on another thread than it began on.
+    block around it. The block may end on another thread than it began on. Threads that run in a copy of the host's
+    context, as those of asyncio.to_thread, begin with it.
 
     data_dir: the directory whose sync-progress.json shows a wait. surface: the name of the waiting operation.
     stop_requested: a callable; true ends the wait with SyncBackoffCancelled.

@@ -8,6 +8,8 @@
 
 #include "python/conversion/arguments.hpp"
 #include "python/conversion/values.hpp"
+#include "sync/base/text/secrets.hpp"
+#include "sync/base/values/convert.hpp"
 #include "sync/neighbours/artifact_rotation.hpp"
 #include "sync/neighbours/auth.hpp"
 #include "sync/neighbours/deployment.hpp"
@@ -105,7 +107,10 @@ constexpr const char* UNAVAILABLE_FIELDS[] = {"url",        "endpoint",  "attemp
                                               "dependency", "retryable", "recovery", "reason",   "typed_details"};
 constexpr const char* UNAVAILABLE_ARGUMENTS[] = {"url",        "attempts",  "statuses", "failures", "server_error_code",
                                                  "dependency", "retryable", "recovery", "reason",   "typed_details"};
+constexpr const char* TOO_LARGE_ARGUMENTS[] = {"mandatory_bytes", "available_bytes", "selected_paths"};
 constexpr const char* PERMANENT_FIELDS[] = {"file_path", "status"};
+/// What any SyncError may know beside its text: attributes, None where it does not.
+constexpr const char* FACTS[] = {"url", "status", "file_path", "local_era_number", "server_era_number"};
 constexpr const char* OS_FIELDS[] = {"errno", "strerror", "filename", "filename2"};
 
 Document read_fields(nb::handle exception, std::span<const char* const> names) {
@@ -176,10 +181,10 @@ void init_unavailable(nb::handle self, nb::object url, nb::object attempts, nb::
   nb::handle(PyExc_ConnectionError).attr("__init__")(self, to_python(unavailable_message(self)));
 }
 
-/// Keyword arguments do not survive the default pickling, so the fields travel with the class.
-nb::object reduce_unavailable(nb::handle self) {
+/// Arguments by name do not survive the default pickling, nor do several that make one text: the fields travel with the class.
+nb::object reduce(nb::handle self, std::span<const char* const> arguments) {
   nb::dict fields;
-  for (const char* name : UNAVAILABLE_ARGUMENTS) fields[name] = self.attr(name);
+  for (const char* name : arguments) fields[name] = self.attr(name);
   const nb::object make = nb::module_::import_("functools").attr("partial")(self.type(), **fields);
   return nb::make_tuple(make, nb::make_tuple(), self.attr("__dict__"));
 }
@@ -289,7 +294,23 @@ Error to_error(nb::handle exception) {
 
 void rethrow_into_core(const nb::python_error& error) { throw to_error(error.value()); }
 
-nb::object make_exception(const Error& error) {
+namespace {
+
+/// Of a URL what may be shown: neither user nor query.
+std::string shown_url(std::string_view url) {
+  url = url.substr(0, url.find_first_of("?#"));
+  const std::size_t host = url.find("//") == std::string_view::npos ? 0 : url.find("//") + 2;
+  const std::size_t user_end = url.substr(0, url.find('/', host)).rfind('@');
+  return std::string(url.substr(0, host)) + std::string(url.substr(user_end == std::string_view::npos ? host : user_end + 1));
+}
+
+Value fact_of(const Error& error, const char* name) {
+  const Value& fact = error.fields().get(name);
+  return std::string_view(name) == "url" && fact.truthy() ? Value(mask_secrets(shown_url(to_text(fact)))) : mask_secrets(fact);
+}
+
+/// The exception without notes.
+nb::object bare_exception(const Error& error) {
   const nb::object text = to_python(error.text());
   const Document& fields = error.fields();
   const nb::handle python_class = nearest_class(error.error_class());
@@ -315,7 +336,52 @@ nb::object make_exception(const Error& error) {
     };
     return python_class(to_python(fields.get("errno")), to_python(fields.get("strerror")), path("filename"), nb::none(), path("filename2"));
   }
-  return error.text().empty() ? python_class() : python_class(text);
+  nb::object made = error.text().empty() ? python_class() : python_class(text);
+  if (error.is(error_class::SyncError)) {
+    for (const char* name : FACTS)
+      if (fields.contains(name)) made.attr(name) = to_python(fact_of(error, name));
+  }
+  return made;
+}
+
+/// "url=..., status=...", of what the error knows and its text does not say.
+std::string facts_of(const Error& error) {
+  std::string facts;
+  for (const char* name : {"url", "status", "file_path"}) {
+    const Value fact = fact_of(error, name);
+    const std::string shown = text_or_empty(fact);
+    if (shown.empty() || error.text().find(shown) != std::string::npos) continue;
+    facts += std::string(facts.empty() ? "" : ", ") + name + '=' + shown;
+  }
+  return facts;
+}
+
+/// What a host's author or operator can do; empty where the error's text has said it all.
+std::string advice_for(const Error& error) {
+  const Document& fields = error.fields();
+  if (fields.contains("local_era_number")) {
+    return "call trigger_era_transition(" + to_text(fields.get("server_era_number")) +
+           "), or acquire() a manager whose directory has had its first pass: it follows eras by itself";
+  }
+  constexpr std::pair<const ErrorClass*, const char*> ADVICE[] = {
+      {&error_class::SyncUnavailableError,
+       "the server says that waiting does not help; the local data are intact. Ask its operator, or try again later"},
+      {&error_class::LibraryUpdateRequired, "install a newer version of this library, then start the transition again"},
+      {&error_class::DiskSpaceError,
+       "free space on the volume of the data directory, or set feature_budget_gb in feature-rotation-settings.json"},
+  };
+  for (const auto& [error_class, advice] : ADVICE)
+    if (error.is(*error_class)) return advice;
+  return {};
+}
+
+}  // namespace
+
+nb::object make_exception(const Error& error) {
+  nb::object made = bare_exception(error);
+  for (const std::string& note : {facts_of(error), advice_for(error)})
+    if (!note.empty()) made.attr("add_note")(to_python(mask_secrets(note)));
+  return made;
 }
 
 nb::object object_of(const HostOrigin& origin) { return nb::borrow(dynamic_cast<const HostObject&>(origin).object()); }
@@ -347,6 +413,7 @@ void bind_errors(nb::module_& module) {
   const auto publish = [&](const nb::object& made) { module.attr(made.attr("__name__")) = made; };
 
   const nb::object sync_error = make_class(error_class::SyncError, exception, "Base class of sync failures.");
+  for (const char* name : FACTS) sync_error.attr(name) = nb::none();
   publish(sync_error);
   const std::pair<const ErrorClass*, const char*> plain[] = {
       {&error_class::ManifestSupersededError, "A newer manifest generation supersedes active downloads."},
@@ -375,7 +442,7 @@ void bind_errors(nb::module_& module) {
              nb::arg("dependency") = nb::none(), nb::arg("retryable") = nb::none(), nb::arg("recovery") = nb::none(),
              nb::arg("reason") = nb::none(), nb::arg("typed_details") = nb::none());
   add_method(unavailable, "_build_message", [](nb::handle self) { return to_python(unavailable_message(self)); });
-  add_method(unavailable, "__reduce__", reduce_unavailable);
+  add_method(unavailable, "__reduce__", [](nb::handle self) { return reduce(self, UNAVAILABLE_ARGUMENTS); });
   publish(unavailable);
 
   const nb::object state_error = make_class(error_class::StateError, exception, "Operation invalid for the current state. No SyncError.");
@@ -396,6 +463,7 @@ void bind_errors(nb::module_& module) {
                                           "mandatory_bytes, available_bytes: int. selected_paths: tuple of relative paths.");
   add_method(too_large, "__init__", init_too_large, nb::arg("mandatory_bytes"), nb::arg("available_bytes"),
              nb::arg("selected_paths") = nb::tuple());
+  add_method(too_large, "__reduce__", [](nb::handle self) { return reduce(self, TOO_LARGE_ARGUMENTS); });
 
   nb::register_exception_translator(translate);
 }

@@ -272,8 +272,10 @@ bool FileDownload::is_long_enough() {
   if (expected_size_ <= 0 || total_written >= expected_size_) return true;
   if (superseded()) leave_superseded("partial_transfer", generation_fields());
   if (options_.retry_partial_transfer) return false;
-  throw IntegrityError("Incomplete download for " + file_path_ + ": got " + std::to_string(total_written) + " bytes, expected " +
-                       std::to_string(expected_size_));
+  throw Error(error_class::IntegrityError,
+              "Incomplete download for " + file_path_ + ": got " + std::to_string(total_written) + " bytes, expected " +
+                  std::to_string(expected_size_),
+              Document{{"file_path", file_path_}});
 }
 
 bool FileDownload::may_retry(const Error& error) const {
@@ -299,7 +301,9 @@ bool FileDownload::checksum_fits(const std::string& actual_sha) {
 
 void FileDownload::require_repair_left(const std::string& actual_sha) {
   const std::string expected_and_got = "expected " + expected_sha_ + ", got " + actual_sha;
-  if (!options_.retry_checksum_mismatch) throw IntegrityError("Checksum failure for " + file_path_ + ": " + expected_and_got);
+  if (!options_.retry_checksum_mismatch)
+    throw Error(error_class::IntegrityError, "Checksum failure for " + file_path_ + ": " + expected_and_got,
+                Document{{"file_path", file_path_}});
   if (attempt_ < max_unchanged_checksum_repairs_) return;
   log_event("checksum_repair_exhausted",
             "server data inconsistent: checksum mismatch after unchanged manifest repair bound; contact BrackenFen",
@@ -312,8 +316,10 @@ void FileDownload::require_repair_left(const std::string& actual_sha) {
                      {"next_action", "Action: contact_brackenfen"}});
   staging_.clear();
   exhausted_ = true;
-  throw IntegrityError("Checksum failure for " + file_path_ +
-                       ": server data inconsistent after unchanged manifest repair bound; contact BrackenFen. " + expected_and_got);
+  throw Error(error_class::IntegrityError,
+              "Checksum failure for " + file_path_ +
+                  ": server data inconsistent after unchanged manifest repair bound; contact BrackenFen. " + expected_and_got,
+              Document{{"file_path", file_path_}});
 }
 
 void FileDownload::land(const std::string& actual_sha) {

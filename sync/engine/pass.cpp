@@ -33,6 +33,9 @@ std::int64_t count_groups(const EraConfig& era_config, const Value& files, std::
   return static_cast<std::int64_t>(groups.size());
 }
 
+/// The log names this many of the files that stay although they have changed on the server.
+constexpr std::int64_t KEPT_FILES_NAMED = 10;
+
 bool is_vault_module(const Document& file_info) { return file_info.get("kind").if_text() == "vault_module"; }
 
 /// Within an era, a file that still is what the local manifest promised is kept, whatever the new entry says. But for the
@@ -59,7 +62,8 @@ SyncManager::Pass::Pass(SyncManager& manager)
       neighbours_(manager.seams_.neighbours->bind()),
       data_dir_(manager._data_dir.get()),
       local_(manager._manifest.get()),
-      stage_began_ns_(manager.seams_.clock->monotonic_ns()) {}
+      began_ns_(manager.seams_.clock->monotonic_ns()),
+      stage_began_ns_(began_ns_) {}
 
 std::optional<SyncResult> SyncManager::Pass::run() {
   _remove_sync_progress_json(*manager_.seams_.files, data_dir_);
@@ -96,6 +100,9 @@ std::optional<SyncResult> SyncManager::Pass::run() {
   note_stage("commit");
   finish();
   note_stage("counts");
+  warn_of_kept_files();
+  log_info("Synced era %s to version %s: %d files, %d bytes, in %.1f s", server_->era_number(), server_->version(),
+           files_to_download_.size(), result_.bytes_downloaded, static_cast<double>(stage_began_ns_ - began_ns_) * 1e-9);
   return std::move(result_);
 }
 
@@ -125,10 +132,13 @@ SyncManager::Pass::VersionHint SyncManager::Pass::read_version_hint() {
 }
 
 void SyncManager::Pass::fetch_manifest() {
-  const HttpResult response = manager_._http_get(*neighbours_, manager_._server_url.get() + "/data/manifest");
+  const std::string url = manager_._server_url.get() + "/data/manifest";
+  const HttpResult response = manager_._http_get(*neighbours_, url);
   const std::string status = std::to_string(response.status);
   if (response.status == 401) throw neighbours_->auth().auth_error("Authentication failed: HTTP " + status);
-  if (response.status != 200) throw SyncError("Failed to fetch manifest: HTTP " + status);
+  if (response.status != 200) {
+    throw Error(error_class::SyncError, "Failed to fetch manifest: HTTP " + status, Document{{"url", url}, {"status", response.status}});
+  }
   Value parsed;
   try {
     parsed = parse_json(response.body);
@@ -146,10 +156,14 @@ void SyncManager::Pass::fetch_manifest() {
   server_ = std::make_shared<Manifest>(*neighbours_, Value(_drop_missing_found_pnl_paths(fetched_, manager_._missing_found_pnl.paths())));
 }
 
+Error era_mismatch(const Value& local_era, const Value& server_era) {
+  return {error_class::EraError, "Era mismatch: local era_number=" + to_text(local_era) + ", server era_number=" + to_text(server_era),
+          Document{{"local_era_number", local_era}, {"server_era_number", server_era}}};
+}
+
 void SyncManager::Pass::refuse_another_era() const {
   if (!local_ || local_->era_number() == server_->era_number()) return;
-  throw EraError("Era mismatch: local era_number=" + to_text(local_->era_number()) +
-                 ", server era_number=" + to_text(server_->era_number()));
+  throw era_mismatch(local_->era_number(), server_->era_number());
 }
 
 SyncManager::PlannedRotation SyncManager::Pass::plan_for(Manifest& manifest, bool force_new_candidate) {
@@ -223,6 +237,7 @@ void SyncManager::Pass::collect_downloads() {
     if (file_path.view() == SIGNALS_INDEX_RELATIVE_PATH || is_checked_elsewhere(file_path, *entry)) continue;
     if (const Value& size = file_info->get("size_bytes"); size.if_real())  // one that no file can have is never committed
       static_cast<void>(manifest_integer(size, "size_bytes of " + file_path.str()));
+    if (kept[index]) note_kept(file_path, *file_info, local_entries.find(file_path));
     if (!kept[index] && must_download(file_path, *file_info, local_entries.find(file_path), local_files)) {
       if (own_files.contains_local(local_files.local_path(file_path))) throw own_file_refusal(file_path);
       wanted.push_back({file_path, Value(generation_stamped(*file_info, *server_))});
@@ -240,7 +255,10 @@ bool SyncManager::Pass::must_download(const Text& file_path, const Document& fil
 
   if (local_entry && counts_as_promised(file_path, file_info)) {
     const Document* local_info = local_entry->if_document();
-    if (local_info && manager_.file_matches(file_path, *stat, local_path, *local_info, true)) return false;
+    if (local_info && manager_.file_matches(file_path, *stat, local_path, *local_info, true)) {
+      note_kept(file_path, file_info, local_entry);
+      return false;
+    }
     log_warning("Manifest-tracked local file failed integrity check; re-downloading: %s", file_path);
   }
 
@@ -251,6 +269,18 @@ bool SyncManager::Pass::must_download(const Text& file_path, const Document& fil
   const std::string actual_sha = _sha256_file(path);
   if (!vault_module) manager_._hash_cache.remember_if_unchanged(file_path, path, actual_sha, *stat);
   return expected_sha != actual_sha;
+}
+
+void SyncManager::Pass::note_kept(const Text& file_path, const Document& file_info, const Value* local_entry) {
+  const Document* local_info = local_entry != nullptr ? local_entry->if_document() : nullptr;
+  if (local_info == nullptr || local_info->get("sha256") == file_info.get("sha256")) return;
+  if (kept_count_++ < KEPT_FILES_NAMED) kept_names_ += (kept_names_.empty() ? "" : ", ") + file_path.str();
+}
+
+void SyncManager::Pass::warn_of_kept_files() const {
+  if (kept_count_ == 0) return;
+  log_warning("%d files keep their bytes although the new manifest of this era states others, which come with the next pass: %s%s",
+              kept_count_, kept_names_, kept_count_ > KEPT_FILES_NAMED ? ", ..." : "");
 }
 
 Document SyncManager::generation_stamped(const Document& file_info, const Manifest& manifest) {

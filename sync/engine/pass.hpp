@@ -16,6 +16,9 @@
 
 namespace brackenfen::sync {
 
+/// Of a pass over data of another era than the server's; for the caller to throw. Fields: "local_era_number", "server_era_number".
+[[nodiscard]] Error era_mismatch(const Value& local_era, const Value& server_era);
+
 /// Runs once, on one thread, which owns the pass.
 class SyncManager::Pass {
  public:
@@ -44,6 +47,9 @@ class SyncManager::Pass {
   [[nodiscard]] ExpectedFiles promised_files(const Document* files, const Document* local_files) const;
   void collect_downloads();
   [[nodiscard]] bool must_download(const Text& file_path, const Document& file_info, const Value* local_entry, LocalFiles& local_files);
+  /// Counts and names a file that stays although the new manifest states other bytes.
+  void note_kept(const Text& file_path, const Document& file_info, const Value* local_entry);
+  void warn_of_kept_files() const;
   void check_disk() const;
   /// False where artifacts turned out to be lost, and were excluded.
   [[nodiscard]] bool download();
@@ -91,6 +97,9 @@ class SyncManager::Pass {
   Document files_to_download_;
   Document vocabularies_;           ///< merged; of the manifest that is about to be committed
   bool documents_fetched_ = false;  ///< so that an outage may have been waited out since the walk
+  std::int64_t kept_count_ = 0;
+  std::string kept_names_;  ///< of the first few
+  const std::int64_t began_ns_;
   std::int64_t stage_began_ns_ = 0;
 };
 

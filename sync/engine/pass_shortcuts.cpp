@@ -21,7 +21,7 @@ std::optional<SyncResult> SyncManager::Pass::end_on_version_hint(const VersionHi
   std::optional<Value> era = to_integer_or_absent(local_->era_number());
   if (!version || !era) version = era = Value(-1);  // one that is no number takes the other with it
   if (*version != *hint.version) return std::nullopt;
-  if (*era != *hint.era) throw EraError("Era mismatch: local era_number=" + to_text(*era) + ", server era_number=" + to_text(*hint.era));
+  if (*era != *hint.era) throw era_mismatch(*era, *hint.era);
 
   free_bytes_ = manager_.seams_.files->free_bytes(data_dir_);
   rotation_ = plan_for(*local_, manager_._feature_rotation_should_rotate(*neighbours_, *local_));

@@ -8,15 +8,21 @@ namespace brackenfen::sync {
 namespace {
 
 [[noreturn]] void refuse_era(const Value& active_era_number, const Value& expected_era_id) {
-  throw EraError("Active era_number=" + to_text(active_era_number) +
-                 " does not match requested transition era_number=" + to_text(expected_era_id));
+  throw Error(
+      error_class::EraError,
+      "Active era_number=" + to_text(active_era_number) + " does not match requested transition era_number=" + to_text(expected_era_id),
+      Document{{"server_era_number", active_era_number}});
 }
 
 }  // namespace
 
 SyncManager::ActiveEra SyncManager::_fetch_active_era_for_transition(NeighbourSet& neighbours, bool allow_closing) {
-  const HttpResult response = _http_get(neighbours, _server_url.get() + std::string(ERA_CURRENT_PATH));
-  if (response.status != 200) throw EraError("Failed to confirm active era: HTTP " + std::to_string(response.status));
+  const std::string url = _server_url.get() + std::string(ERA_CURRENT_PATH);
+  const HttpResult response = _http_get(neighbours, url);
+  if (response.status != 200) {
+    throw Error(error_class::EraError, "Failed to confirm active era: HTTP " + std::to_string(response.status),
+                Document{{"url", url}, {"status", response.status}});
+  }
   ActiveEra active;
   try {
     active.era_manifest = parse_era_current(response.body);

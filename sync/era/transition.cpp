@@ -37,6 +37,7 @@ SyncManager::Transition::Transition(SyncManager& manager, Value new_era_id, cons
 }
 
 std::optional<Value> SyncManager::Transition::run() {
+  const std::int64_t began_ns = manager_.seams_.clock->monotonic_ns();
   TransitionScope scope(manager_);
   if (kill_searches_fn_) kill_searches_fn_();
   manager_.require_own_process();  // a callback may have forked
@@ -52,6 +53,8 @@ std::optional<Value> SyncManager::Transition::run() {
     if (must_tell_) notify_neighbours();
     forget_told_era(*manager_.seams_.files, data_dir_);
     restart_searches();
+    log_info("Era transition to era %s completed in %.1f s", manifest_era_id_,
+             static_cast<double>(manager_.seams_.clock->monotonic_ns() - began_ns) * 1e-9);
   }
   scope.close();
   return superseded_era_id_;
@@ -101,9 +104,12 @@ bool SyncManager::Transition::update_library(const Value& min_version, const std
 }
 
 void SyncManager::Transition::fetch_manifest() {
-  const HttpResult response = manager_._http_get(*neighbours_, manager_._server_url.get() + "/data/manifest");
+  const std::string url = manager_._server_url.get() + "/data/manifest";
+  const HttpResult response = manager_._http_get(*neighbours_, url);
   if (response.status != 200) {
-    throw SyncError("Failed to fetch era " + to_text(new_era_id_) + " manifest: HTTP " + std::to_string(response.status));
+    throw Error(error_class::SyncError,
+                "Failed to fetch era " + to_text(new_era_id_) + " manifest: HTTP " + std::to_string(response.status),
+                Document{{"url", url}, {"status", response.status}});
   }
   const Document manifest_data = _sanitize_manifest_data_for_sync(*neighbours_, parse_json(response.body));
   new_manifest_ = std::make_shared<Manifest>(*neighbours_, Value(manifest_data));

@@ -156,7 +156,8 @@ void _raise_download_http_status(const Auth& auth, std::string_view file_path, c
   const std::string shown = to_text(status);
   if (code == Value(401)) throw auth.auth_error("Authentication failed while downloading " + file + ": HTTP " + shown);
   std::string text = "Download failed for " + file + ": HTTP " + shown;
-  if (_should_retry_http_status(status)) throw SyncError(std::move(text));
+  if (_should_retry_http_status(status))
+    throw Error(error_class::SyncError, std::move(text), Document{{"file_path", file_path}, {"status", status}});
   throw PermanentDownloadError(std::move(text), file_path, status);
 }
 

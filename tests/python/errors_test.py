@@ -30,6 +30,7 @@ TREE: dict[str, tuple[type, ...]] = {
 def test_tree(name: str, bases: tuple[type, ...]) -> None:
     made = getattr(sync, name)
     assert (made.__bases__, made.__module__, made.__qualname__) == (bases, "brackenfen.sync", name)
+    assert name in sync.__all__ and name in dir(sync)
 
 
 def test_fields_given_by_the_host() -> None:
@@ -66,6 +67,7 @@ class Child(sync.SyncUnavailableError):
         sync.SyncUnavailableError(url="http://h/", statuses=[503], recovery="later"),
         Child(url="http://h/", attempts=2),
         sync.AuthError("no"),
+        sync.MandatoryArtifactsTooLargeError(5, available_bytes=3, selected_paths=("a",)),
     ],
 )
 def test_pickle_and_copy(error: Exception) -> None:
@@ -165,6 +167,24 @@ def test_a_json_error_is_the_hosts_own(manager: sync.SyncManager, server: Any) -
     with pytest.raises(UnicodeDecodeError) as undecodable:
         manager.sync()
     assert undecodable.value.start == 7 and undecodable.value.object == b'{"a": "\xff"}'
+
+
+def test_notes_tell_where_it_failed_and_what_to_do(manager: sync.SyncManager, server: Any) -> None:
+    at = server.url + "/data/manifest"
+    for answer, facts, notes in (
+        ((404, b""), {"url": at, "status": 404}, [f"url={at}"]),
+        ((200, json.dumps(server.manifest()).encode()), {}, None),
+        ((200, json.dumps({**server.manifest(), "era_number": 8}).encode()), {"local_era_number": 7, "server_era_number": 8},
+         ["call trigger_era_transition(8), or acquire() a manager whose directory has had its first pass: it follows eras by itself"]),
+    ):  # fmt: skip
+        server.answers["/data/manifest"] = answer
+        server.answers["/data/manifest/version"] = (404, b"")
+        if notes is None:
+            manager.sync()
+            continue
+        with pytest.raises(sync.SyncError) as caught:
+            manager.sync()
+        assert vars(caught.value) == {**facts, "__notes__": notes} and caught.value.file_path is None
 
 
 def test_no_token_that_a_server_gives_back_comes_out(manager: sync.SyncManager, server: Any, records: pytest.LogCaptureFixture) -> None:

@@ -148,6 +148,8 @@ def test_the_stub_tells_the_truth() -> None:
     missing = [name for name in (listed.keys() | assigned) - protocols if not hasattr(sync, name)]
     public = {name for name in vars(sync) if not name.startswith("_")}
     assert missing == [] and public - listed.keys() - assigned == set()
+    [told] = [node.value for node in tree.body if isinstance(node, ast.Assign)]
+    assert ast.literal_eval(told) == sync.__all__ and set(sync.__all__) == (listed.keys() | assigned) - protocols - {"__version__"}
     for name in ("SyncManager", "Manifest", "EraThread"):
         node = listed[name]
         assert isinstance(node, ast.ClassDef)
