@@ -65,6 +65,14 @@ Document _sanitize_manifest_data_for_sync(NeighbourSet& neighbours, const Value&
     throw AttributeError("the manifest is not a JSON object: '" + std::string(type_name(manifest_data)) +
                          "' object has no attribute 'get'");
   }
+  // Nearly every manifest holds none of what is dropped; then one walk tells.
+  const RuntimeModules modules(neighbours);
+  const auto is_dropped = [&](const Member& file) {
+    return _is_agent_bundle_declaration_file(file.key, file.value) || modules.is_unsupported(file.value) ||
+           _is_retired_found_pnl_long_file(file.key);
+  };
+  const Document* files = files_of(*document);
+  if (!document->get("artifacts").is_list() && (files == nullptr || std::ranges::none_of(*files, is_dropped))) return *document;
   return _drop_retired_found_pnl_long_files(
       _drop_unsupported_runtime_module_files(neighbours, _drop_agent_bundle_declaration_files(*document)));
 }
@@ -108,9 +116,9 @@ Document _drop_unsupported_runtime_module_files(NeighbourSet& neighbours, const 
 }
 
 std::optional<std::string> _retired_unsupported_runtime_module_name_from_path(std::string_view file_path) {
-  const std::size_t slash = file_path.find_last_of("/\\");
-  const std::string_view file_name = slash == std::string_view::npos ? file_path : file_path.substr(slash + 1);
   for (const std::string_view extension : RUNTIME_MODULE_EXTENSION_SUFFIXES) {
+    if (!file_path.ends_with(extension)) continue;
+    const std::string_view file_name = file_path.substr(file_path.find_last_of("/\\") + 1);  // npos + 1 is 0
     const std::string suffix = "-" + current_platform() + std::string(extension);
     if (!file_name.ends_with(suffix)) continue;
     const std::string_view name = file_name.substr(0, file_name.size() - suffix.size());

@@ -32,10 +32,13 @@ std::string _validate_named_universe(const Value& named_universe) {
   return std::string(name);
 }
 
-std::optional<std::string> _vocabulary_named_universe_from_path(NeighbourSet& neighbours, const Value& file_path) {
+std::optional<std::string> vocabulary_universe_of(NeighbourSet& neighbours, const Text& file_path) {
   // Asked for every file of a manifest, of which nearly all need no copy.
-  const std::optional<std::string_view> text = file_path.if_text();
-  if (text && is_plain_relative_path(*text)) return universe_from_safe_path(neighbours, *text);
+  if (is_plain_relative_path(file_path)) return universe_from_safe_path(neighbours, file_path);
+  return _vocabulary_named_universe_from_path(neighbours, Value(file_path));
+}
+
+std::optional<std::string> _vocabulary_named_universe_from_path(NeighbourSet& neighbours, const Value& file_path) {
   std::string relative_path;
   try {
     relative_path = _safe_manifest_relative_path(file_path);
@@ -51,7 +54,7 @@ std::vector<std::string> _vocabulary_manifest_paths(NeighbourSet& neighbours, co
   const Value files = manifest.files();
   if (const Document* entries = files.if_document()) {
     for (const Member& member : *entries) {
-      if (_vocabulary_named_universe_from_path(neighbours, Value(member.key))) paths.push_back(member.key.str());
+      if (vocabulary_universe_of(neighbours, member.key)) paths.push_back(member.key.str());
     }
   }
   std::ranges::sort(paths);

@@ -31,6 +31,8 @@ inline constexpr std::string_view REQUIRED_VOCABULARY_KEYS[] = {"named_universe"
 /// The universe of a vocabulary path; absent for any other path. Throws SyncError where the path has the
 /// shape of a vocabulary with an unsafe universe.
 [[nodiscard]] std::optional<std::string> _vocabulary_named_universe_from_path(NeighbourSet& neighbours, const Value& file_path);
+/// The same of a key of a manifest's files.
+[[nodiscard]] std::optional<std::string> vocabulary_universe_of(NeighbourSet& neighbours, const Text& file_path);
 
 /// The keys of the manifest's `files` that are vocabulary paths, as they are spelled there, sorted.
 [[nodiscard]] std::vector<std::string> _vocabulary_manifest_paths(NeighbourSet& neighbours, const Manifest& manifest);

@@ -1,16 +1,22 @@
 // What a manager is built from: its arguments, and what the directory still holds of an earlier life.
+#include <functional>
+#include <iterator>
+#include <utility>
+
 #include "sync/base/error.hpp"
 #include "sync/base/files/descriptor.hpp"
 #include "sync/base/files/paths.hpp"
 #include "sync/base/log.hpp"
 #include "sync/base/text/text.hpp"
+#include "sync/base/threads/parallel.hpp"
 #include "sync/base/values/convert.hpp"
-#include "sync/base/values/json.hpp"
 #include "sync/documents/manifest_file.hpp"
 #include "sync/documents/manifest_filters.hpp"
+#include "sync/documents/parsed_file.hpp"
 #include "sync/documents/signals_index.hpp"
 #include "sync/documents/vocabulary.hpp"
 #include "sync/engine/sync_manager.hpp"
+#include "sync/rotation/state_file.hpp"
 
 namespace brackenfen::sync {
 namespace {
@@ -18,6 +24,28 @@ namespace {
 constexpr std::size_t LARGEST_COUNT_BYTES = 64;
 
 }  // namespace
+
+struct SyncManager::StoredDocuments {
+  explicit StoredDocuments(const SyncManager& manager) {
+    const std::string data_dir = manager._data_dir.get();
+    const std::string rotation_state_path = feature_rotation_state_path(data_dir);
+    rotation_state_seen = manager.seams_.files->stat(rotation_state_path);
+    const std::function<void()> readers[] = {[&] { hash_cache = HashCache::read(manager._hash_cache.path()); },
+                                             [&] { manifest = ParsedFile::read(join_path(data_dir, "manifest.json")); },
+                                             [&] { rotation_state = ParsedFile::read(rotation_state_path); }};
+    const auto make_work = [&]() -> IndexWork {
+      return [&](std::size_t index) {
+        readers[index]();
+        return true;
+      };
+    };
+    static_cast<void>(for_each_index(std::size(readers), make_work));
+  }
+
+  HashCache::Stored hash_cache;
+  ParsedFile manifest, rotation_state;
+  std::optional<FileStat> rotation_state_seen;  ///< before it was read
+};
 
 SyncManager::SyncManager(Options options)
     : _data_dir(options.data_dir),
@@ -40,10 +68,11 @@ SyncManager::SyncManager(Options options)
 
   _get_token.set(std::move(options.get_token));
   runtime_freshness_guard.set(std::move(options.runtime_freshness_guard));
-  _hash_cache.load();
+  StoredDocuments stored(*this);
+  _hash_cache.load(std::move(stored.hash_cache));
   restore_consumer_count();
-  load_active_rotation_state(*neighbours);
-  restore_manifest(*neighbours);
+  load_active_rotation_state(*neighbours, std::exchange(stored.rotation_state, {}), stored.rotation_state_seen);
+  restore_manifest(*neighbours, stored.manifest);
   restore_vocabulary(*neighbours);
 }
 
@@ -63,18 +92,18 @@ void SyncManager::restore_consumer_count() {
   }
 }
 
-void SyncManager::restore_manifest(NeighbourSet& neighbours) {
+void SyncManager::restore_manifest(NeighbourSet& neighbours, const ParsedFile& stored) {
+  if (!stored.exists()) return;
   const std::string data_dir = _data_dir.get();
-  const std::string path = join_path(data_dir, "manifest.json");
-  if (!path_exists(path)) return;
   try {
-    const Value loaded = parse_json(read_file(path));
+    const Value& loaded = stored.value();
     const Document cleaned = _sanitize_manifest_data_for_sync(neighbours, loaded);
     if (!Value(cleaned).same_as(loaded) && !(Value(cleaned) == loaded)) {
       _write_manifest_json(*seams_.files, *seams_.clock, data_dir, cleaned);
     }
     auto manifest = std::make_shared<Manifest>(neighbours, Value(cleaned));
     _manifest.set(manifest);
+    share_active_paths(*manifest);
     _normalize_active_rotation_state_for_manifest(neighbours, *manifest);
     _load_manifest_signals_index(data_dir, *manifest);
   } catch (const Error& error) {

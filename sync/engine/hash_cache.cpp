@@ -18,6 +18,9 @@
 namespace brackenfen::sync {
 namespace {
 
+constexpr std::string_view DIGITS = "0123456789abcdef";
+constexpr std::uint8_t INVALID = 0x80;
+
 std::optional<std::string> expected_if(bool holds, std::string_view expected_sha) {
   return holds ? std::optional<std::string>(expected_sha) : std::nullopt;
 }
@@ -87,7 +90,7 @@ bool HashCache::holds(const Entries& entries, std::string_view file_path, const 
   const auto* known = std::get_if<Fingerprint>(&found->second);
   if (known == nullptr) return unusual_entry_holds(std::get<Document>(found->second), stat, expected_sha);
   return known->size_bytes == stat.size_bytes && known->mtime_ns == stat.mtime_ns && known->ctime_ns == stat.ctime_ns &&
-         known->inode == stat.inode && known->sha256.view() == expected_sha;
+         known->inode == stat.inode && known->sha256.is(expected_sha);
 }
 
 void HashCache::_remember_local_sha(std::string_view file_path, const std::string& local_path, std::string_view actual_sha) {
@@ -101,14 +104,19 @@ void HashCache::remember_if_unchanged(std::string_view file_path, const std::str
 }
 
 void HashCache::store(std::string_view file_path, std::string_view actual_sha, const FileStat& stat) try {
-  const Fingerprint fingerprint{actual_sha, stat.size_bytes, stat.mtime_ns, stat.ctime_ns, stat.inode};
+  const Document as_document{{"ctime_ns", stat.ctime_ns},
+                             {"inode", stat.inode},
+                             {"mtime_ns", stat.mtime_ns},
+                             {"sha256", actual_sha},
+                             {"size_bytes", stat.size_bytes}};
+  Entry entry = entry_from_document(as_document);
   MutexLock lock(mutex_);
   const auto stored = entries_->find(file_path);
   if (stored != entries_->end()) {
-    const auto* known = std::get_if<Fingerprint>(&stored->second);
-    if (known != nullptr ? *known == fingerprint : std::get<Document>(stored->second) == document_from(fingerprint)) return;
+    const auto* unusual = std::get_if<Document>(&stored->second);
+    if (unusual != nullptr ? *unusual == as_document : stored->second == entry) return;
   }
-  own_entries().insert_or_assign(Text(file_path), fingerprint);
+  own_entries().insert_or_assign(Text(file_path), std::move(entry));
   dirty_ = true;
 } catch (const std::bad_alloc&) {
 }
@@ -127,16 +135,11 @@ void HashCache::_persist_hash_cache() {
   }
 }
 
-Document HashCache::entries() const {
-  const EntryList entries = copy_entries();
-  std::vector<Member> members;
-  members.reserve(entries.size());
-  for (const Line& line : sorted_by_path(entries)) members.push_back({line.item->first, document_from(line.item->second)});
-  return Document(std::move(members));
-}
+Document HashCache::entries() const { return document_from(copy_entries()); }
 
 void HashCache::set_entries(const Document& entries) {
   auto fresh = std::make_shared<Entries>();
+  fresh->max_load_factor(LOAD_FACTOR);
   fresh->reserve(entries.size());
   for (const auto& [path, entry] : entries) {
     if (const Document* document = entry.if_document()) fresh->emplace(path, entry_from_document(*document));
@@ -156,32 +159,109 @@ void HashCache::set_dirty(bool dirty) {
   dirty_ = dirty;
 }
 
+/// Fills entries while their file is read.
+class HashCache::Reading final : public JsonMembers {
+ public:
+  explicit Reading(Entries& entries) : entries_(entries) {}
+  void begin() override { entries_.clear(); }
+  void take(Text key, Value value) override {
+    if (const Document* document = value.if_document()) {
+      entries_.insert_or_assign(std::move(key), entry_from_document(*document));
+    } else {
+      entries_.erase(key);
+    }
+  }
+
+ private:
+  Entries& entries_;
+};
+
+HashCache::Entries HashCache::read_entries(const std::string& path) {
+  constexpr std::size_t TYPICAL_ENTRY_BYTES = 256;
+  const std::string text = read_file(path);
+  Entries entries;
+  entries.max_load_factor(LOAD_FACTOR);
+  entries.reserve(text.size() / TYPICAL_ENTRY_BYTES);
+  Reading reading(entries);
+  const Value parsed = parse_json(text, "files", reading);
+  const Document* cache = parsed.if_document();
+  const bool usable = cache != nullptr && cache->get("version") == Value(SYNC_HASH_CACHE_VERSION) && cache->get("files").is_document();
+  return usable ? entries : Entries();
+}
+
+HashCache::Stored HashCache::read(const std::string& path) noexcept {
+  Stored stored;
+  try {
+    stored.entries_ = std::make_shared<Entries>(read_entries(path));
+  } catch (const std::exception&) {
+    stored.failure_ = std::current_exception();
+  }
+  return stored;
+}
+
+void HashCache::load() try { load(read(path())); } catch (const std::bad_alloc& failure) {
+  warn("Ignoring unreadable sync hash cache: %s", failure);
+}
+
+void HashCache::load(Stored stored) try {
+  if (stored.entries_) {
+    MutexLock lock(mutex_);
+    entries_.swap(stored.entries_);
+    viewed_ = false;
+    return;
+  }
+  try {
+    std::rethrow_exception(stored.failure_);
+  } catch (const std::exception& failure) {
+    if (!error_of(failure).is(error_class::FileNotFoundError)) warn("Ignoring unreadable sync hash cache: %s", failure);
+  }
+} catch (const std::bad_alloc& failure) {
+  warn("Ignoring unreadable sync hash cache: %s", failure);
+}
+
 Document HashCache::_load_hash_cache(const std::string& path) {
   try {
-    return entries_in(parse_json(read_file(path)));
+    const Entries entries = read_entries(path);
+    return document_from(EntryList(entries.begin(), entries.end()));
   } catch (const std::exception& failure) {
     if (!error_of(failure).is(error_class::FileNotFoundError)) warn("Ignoring unreadable sync hash cache: %s", failure);
     return {};
   }
 }
 
-void HashCache::load() {
-  try {
-    set_entries(_load_hash_cache(path()));
-  } catch (const std::bad_alloc& failure) {
-    warn("Ignoring unreadable sync hash cache: %s", failure);
+std::optional<HashCache::Digest> HashCache::Digest::from(std::string_view hex) noexcept {
+  Digest digest;
+  if (hex.size() != 2 * digest.bytes_.size()) return std::nullopt;
+  static constexpr auto VALUES = [] {
+    std::array<std::uint8_t, 256> values{};
+    values.fill(INVALID);
+    for (unsigned char digit = 0; digit < 16; ++digit) values[static_cast<unsigned char>(DIGITS[digit])] = digit;
+    return values;
+  }();
+  unsigned seen = 0;
+  const auto value_at = [&](std::size_t at) {
+    const unsigned value = VALUES[static_cast<unsigned char>(hex[at])];
+    seen |= value;
+    return value;
+  };
+  for (std::size_t at = 0; at < digest.bytes_.size(); ++at) {
+    digest.bytes_[at] = static_cast<unsigned char>(value_at(2 * at) << 4 | (value_at(2 * at + 1) & 0xF));
   }
+  return seen < INVALID ? std::optional(digest) : std::nullopt;
 }
 
-Document HashCache::entries_in(const Value& parsed) {
-  const Document* cache = parsed.if_document();
-  if (cache == nullptr || cache->get("version") != Value(SYNC_HASH_CACHE_VERSION)) return {};
-  const Document* files = cache->get("files").if_document();
-  if (files == nullptr) return {};
-  if (std::ranges::all_of(*files, [](const Member& file) { return file.value.is_document(); })) return *files;
-  std::vector<Member> usable;
-  std::ranges::copy_if(*files, std::back_inserter(usable), [](const Member& file) { return file.value.is_document(); });
-  return Document(std::move(usable));
+bool HashCache::Digest::is(std::string_view hex) const noexcept {
+  if (hex.size() != 2 * bytes_.size()) return false;
+  int differing = 0;
+  for (std::size_t at = 0; at < bytes_.size(); ++at)
+    differing |= (DIGITS[bytes_[at] >> 4] ^ hex[2 * at]) | (DIGITS[bytes_[at] & 0xF] ^ hex[2 * at + 1]);
+  return differing == 0;
+}
+
+std::string HashCache::Digest::hex() const {
+  std::string hex;
+  for (const unsigned char byte : bytes_) fmt::format_to(std::back_inserter(hex), FMT_COMPILE("{:02x}"), byte);
+  return hex;
 }
 
 HashCache::Entry HashCache::entry_from_document(const Document& document) {
@@ -190,16 +270,27 @@ HashCache::Entry HashCache::entry_from_document(const Document& document) {
   const std::optional<std::int64_t> ctime_ns = document.get("ctime_ns").if_integer();
   const std::optional<std::int64_t> inode = document.get("inode").if_integer();
   const std::optional<std::string_view> sha256 = document.get("sha256").if_text();
-  if (document.size() != 5 || !size_bytes || !mtime_ns || !ctime_ns || !inode || !sha256) return document;
-  return Fingerprint{*sha256, *size_bytes, *mtime_ns, *ctime_ns, *inode};
+  const std::optional<Digest> digest = sha256 ? Digest::from(*sha256) : std::nullopt;
+  if (document.size() != 5 || !size_bytes || !mtime_ns || !ctime_ns || !inode || !digest) return document;
+  return Fingerprint{*digest, *size_bytes, *mtime_ns, *ctime_ns, *inode};
 }
 
 Document HashCache::document_from(const Entry& entry) {
   if (const auto* document = std::get_if<Document>(&entry)) return *document;
   static const auto& keys = *new std::array<Text, 5>{"ctime_ns", "inode", "mtime_ns", "sha256", "size_bytes"};
   const auto& known = std::get<Fingerprint>(entry);
-  return {
-      {keys[0], known.ctime_ns}, {keys[1], known.inode}, {keys[2], known.mtime_ns}, {keys[3], known.sha256}, {keys[4], known.size_bytes}};
+  return {{keys[0], known.ctime_ns},
+          {keys[1], known.inode},
+          {keys[2], known.mtime_ns},
+          {keys[3], known.sha256.hex()},
+          {keys[4], known.size_bytes}};
+}
+
+Document HashCache::document_from(const EntryList& entries) {
+  std::vector<Member> members;
+  members.reserve(entries.size());
+  for (const Line& line : sorted_by_path(entries)) members.push_back({line.item->first, document_from(line.item->second)});
+  return Document(std::move(members));
 }
 
 std::string HashCache::file_text(const EntryList& entries) {
@@ -216,8 +307,8 @@ std::string HashCache::file_text(const EntryList& entries) {
     text += ": ";
     if (const auto* known = std::get_if<Fingerprint>(&entry)) {
       fmt::format_to(std::back_inserter(text),
-                     FMT_COMPILE(R"({{"ctime_ns": {}, "inode": {}, "mtime_ns": {}, "sha256": {}, "size_bytes": {}}})"), known->ctime_ns,
-                     known->inode, known->mtime_ns, write_json(known->sha256, JsonForm::SortedKeys), known->size_bytes);
+                     FMT_COMPILE(R"({{"ctime_ns": {}, "inode": {}, "mtime_ns": {}, "sha256": "{}", "size_bytes": {}}})"), known->ctime_ns,
+                     known->inode, known->mtime_ns, known->sha256.hex(), known->size_bytes);
     } else {
       text += write_json(std::get<Document>(entry), JsonForm::SortedKeys);
     }

@@ -2,7 +2,9 @@
 // trusted without being read.
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <optional>
 #include <string>
@@ -64,12 +66,28 @@ class HashCache {
 
   /// The entries of the file at `path`; empty where it is missing or unusable, or takes more memory than there is.
   [[nodiscard]] static Document _load_hash_cache(const std::string& path);
-  /// Takes over the entries of its file.
+  /// What a file holds, or why it is unusable. Of no cache yet: it may be read on a thread of its own.
+  class Stored;
+  [[nodiscard]] static Stored read(const std::string& path) noexcept;
+  /// Takes over what its file held; that it was unusable is a warning.
+  void load(Stored stored);
   void load();
 
  private:
+  /// SHA-256 as it is written in lower case, in half the room.
+  class Digest {
+   public:
+    /// Absent for any other text.
+    [[nodiscard]] static std::optional<Digest> from(std::string_view hex) noexcept;
+    [[nodiscard]] std::string hex() const;
+    [[nodiscard]] bool is(std::string_view hex) const noexcept;
+    bool operator==(const Digest&) const = default;
+
+   private:
+    std::array<unsigned char, 32> bytes_{};
+  };
   struct Fingerprint {
-    Text sha256;
+    Digest sha256;
     std::int64_t size_bytes;
     std::int64_t mtime_ns;
     std::int64_t ctime_ns;
@@ -77,6 +95,8 @@ class HashCache {
 
     bool operator==(const Fingerprint&) const = default;
   };
+  /// Half of the robin map's room would lie idle otherwise, and a look-up is no faster for it.
+  static constexpr float LOAD_FACTOR = 0.9F;
   /// Whatever else a file or a host puts in the place of a fingerprint is kept, and written back, as it stands.
   using Entry = std::variant<Fingerprint, Document>;
 
@@ -88,9 +108,11 @@ class HashCache {
 
   using EntryList = std::vector<std::pair<Text, Entry>>;
 
-  static Document entries_in(const Value& parsed);
+  class Reading;
+  static Entries read_entries(const std::string& path);
   static Entry entry_from_document(const Document& document);
   static Document document_from(const Entry& entry);
+  static Document document_from(const EntryList& entries);
   static std::string file_text(const EntryList& entries);
   /// What is sorted in the place of the entries themselves, since it is cheap to move. Views the list.
   struct Line {
@@ -109,6 +131,13 @@ class HashCache {
   std::shared_ptr<Entries> entries_ GUARDED_BY(mutex_) = std::make_shared<Entries>();
   mutable bool viewed_ GUARDED_BY(mutex_) = false;  ///< since entries_ was made: it stays as it is from then on
   bool dirty_ GUARDED_BY(mutex_) = false;
+};
+
+class HashCache::Stored {
+ private:
+  friend class HashCache;
+  std::shared_ptr<Entries> entries_;
+  std::exception_ptr failure_;
 };
 
 /// The entries of one moment. Any thread; no lock.

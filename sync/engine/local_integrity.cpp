@@ -89,8 +89,7 @@ bool SyncManager::_local_manifest_files_complete(NeighbourSet& neighbours, Manif
     return false;
   const bool all_match = !entries || files_match(data_dir, [&](ExpectedFiles& expected) {
     return std::ranges::all_of(*entries, [&](const Member& member) {
-      if (_vocabulary_named_universe_from_path(neighbours, Value(member.key)) || _manifest_file_is_sync_excluded(neighbours, member.value))
-        return true;
+      if (vocabulary_universe_of(neighbours, member.key) || _manifest_file_is_sync_excluded(neighbours, member.value)) return true;
       const Document* file_info = member.value.if_document();
       if (file_info) expected.add(member.key, file_info);
       return file_info != nullptr;

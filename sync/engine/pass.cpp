@@ -196,8 +196,7 @@ void SyncManager::Pass::begin_result() {
 }
 
 bool SyncManager::Pass::is_checked_elsewhere(const Text& file_path, const Value& file_info) {
-  return _vocabulary_named_universe_from_path(*neighbours_, Value(file_path)).has_value() ||
-         _manifest_file_is_sync_excluded(*neighbours_, file_info);
+  return vocabulary_universe_of(*neighbours_, file_path).has_value() || _manifest_file_is_sync_excluded(*neighbours_, file_info);
 }
 
 ExpectedFiles SyncManager::Pass::promised_files(const Document* files, const Document* local_files) const {
@@ -355,7 +354,7 @@ void SyncManager::Pass::land_documents() {
   result_.useful_signals_downloaded = count_groups(era_config, Value(files_to_download_), "useful_signals/");
   bool vocabulary_in_download_set = false;
   for (const Member& member : files_to_download_) {
-    vocabulary_in_download_set = vocabulary_in_download_set || _vocabulary_named_universe_from_path(*neighbours_, Value(member.key));
+    vocabulary_in_download_set = vocabulary_in_download_set || vocabulary_universe_of(*neighbours_, member.key);
   }
   const bool vocabulary_fetched = manager_.land_vocabularies(*neighbours_, *server_, data_dir_).fetched;
   result_.vocabulary_downloaded = vocabulary_in_download_set || vocabulary_fetched;

@@ -63,6 +63,7 @@ namespace brackenfen::sync {
 
 class ExpectedFiles;
 class LocalFiles;
+class ParsedFile;
 
 inline constexpr double SYNC_MANIFEST_POLL_INTERVAL_SECONDS = 5.0;
 inline constexpr int SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT = 3;
@@ -424,7 +425,9 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   class TransitionScope;
 
   void restore_consumer_count();
-  void restore_manifest(NeighbourSet& neighbours);
+  /// What the directory holds of an earlier life, read side by side.
+  struct StoredDocuments;
+  void restore_manifest(NeighbourSet& neighbours, const ParsedFile& stored);
   void restore_vocabulary(NeighbourSet& neighbours);
   [[nodiscard]] std::string directory_or_live(const std::optional<std::string>& target_data_dir) const;
   /// _download_vocabulary but for _vocabulary: the documents by universe, as they lie in the files.
@@ -481,7 +484,9 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   [[nodiscard]] static Document generation_stamped(const Document& file_info, const Manifest& manifest);
 
   /// For the constructor. Throws FeatureRotationStateError.
-  void load_active_rotation_state(NeighbourSet& neighbours);
+  void load_active_rotation_state(NeighbourSet& neighbours, const ParsedFile& stored, const std::optional<FileStat>& found);
+  /// Lets the built-in state and the manifest hold the same texts.
+  void share_active_paths(const Manifest& manifest);
   /// Takes the state on disk for the active one where another process with this directory has stored it since, for a later
   /// rotation or for the same one: its files are here. Under the directory lock.
   void adopt_stored_rotation(NeighbourSet& neighbours);

@@ -56,7 +56,7 @@ class Planner {
       : artifacts_(*artifacts), settings_(settings), previous_(previous), facts_(facts) {
     selection_.artifacts = artifacts;
     selection_.roles.assign(artifacts_.descriptors.size(), Role::OutOfScope);
-    if (previous_) previously_active_ = set_of(previous_->active_relative_paths());
+    find_held();
     sort_out_artifacts();
     set_budget();
   }
@@ -86,10 +86,28 @@ class Planner {
 
  private:
   [[nodiscard]] const ArtifactDescriptor& artifact(std::uint32_t index) const { return artifacts_.descriptors[index]; }
-  [[nodiscard]] bool held(std::uint32_t index) const { return contains(previously_active_, artifact(index).relative_path); }
+  [[nodiscard]] bool held(std::uint32_t index) const { return held_[index]; }
   [[nodiscard]] bool present(std::uint32_t index) const {
     const ArtifactDescriptor& descriptor = artifact(index);
     return facts_.present && facts_.present(descriptor.relative_path, planned_size(descriptor.size_bytes), descriptor.sha256);
+  }
+
+  /// A state lists its paths mostly as the rows do, and none twice: then one walk finds them all.
+  void find_held() {
+    const std::vector<Text> active = previous_ ? previous_->active_relative_paths() : std::vector<Text>();
+    const std::uint32_t count = static_cast<std::uint32_t>(artifacts_.descriptors.size());
+    held_.assign(count, false);
+    std::size_t next = 0;
+    bool ascending = true;
+    for (std::uint32_t index = 0; index < count && ascending; ++index) {
+      const Text& path = artifact(index).relative_path;
+      ascending = index == 0 || artifact(index - 1).relative_path < path;
+      held_[index] = next < active.size() && active[next] == path;
+      if (held_[index]) ++next;
+    }
+    if (ascending && next == active.size()) return;
+    const TextSet set = set_of(active);
+    for (std::uint32_t index = 0; index < count; ++index) held_[index] = contains(set, artifact(index).relative_path);
   }
 
   void sort_out_artifacts() {
@@ -278,7 +296,7 @@ class Planner {
   const PlanningFacts& facts_;
 
   RotationSelection selection_;
-  TextSet previously_active_;
+  std::vector<bool> held_;  ///< for each artifact, whether it is active already
   std::vector<std::uint32_t> eligible_;
   WideBytes mandatory_bytes_ = 0;  ///< still to come
   WideBytes eligible_bytes_ = 0;

@@ -87,7 +87,7 @@ RotationStateRef builtin_rotation_state_from_payload(const Value& payload, const
   auto state = std::make_shared<BuiltinRotationState>();
   const List& paths = *members->get("active_relative_paths").if_list();
   state->active_paths.reserve(paths.size());
-  for (const Value& path : paths) state->active_paths.emplace_back(*path.if_text());
+  for (const Value& path : paths) state->active_paths.push_back(*path.if_shared_text());
   state->generation_number = members->get("generation");
   state->seed_number = members->get("seed");
   state->generator = *members->get("rng_state").if_text();

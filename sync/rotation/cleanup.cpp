@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <iterator>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -23,9 +24,9 @@ bool is_no_folder(const Error& error, const std::string& folder) {
   return top && (error.is(error_class::NotADirectoryError) || error.fields().get("errno") == Value(ELOOP));
 }
 
-/// `keep` with each path also in the spelling that a file on disk has.
+/// Those of the kept paths that a file on disk spells otherwise, in its spelling.
 TextSet in_local_spelling(const TextSet& keep) {
-  TextSet local = keep;
+  TextSet local;
   for (const Text& path : keep) {
     if (is_plain_relative_path(path)) continue;
     try {
@@ -40,19 +41,19 @@ TextSet in_local_spelling(const TextSet& keep) {
 }  // namespace
 
 void delete_files_not_kept(Files& files, std::string_view data_dir, const TextSet& keep) {
-  // Most sets hold plain paths alone, which need no second spelling.
-  bool all_plain = true;
-  for (const Text& path : keep) all_plain = all_plain && is_plain_relative_path(path);
-  const TextSet local = all_plain ? TextSet() : in_local_spelling(keep);
-  const TextSet& kept = all_plain ? keep : local;
-  RootDirectory(real_path(data_dir))
-      .search({.folders = {std::begin(ARTIFACT_FOLDERS), std::end(ARTIFACT_FOLDERS)},
+  const RootDirectory root(real_path(data_dir));
+  std::optional<TextSet> respelt;  // made for the first file that is about to go, which mostly there is none of
+  root.search({.folders = {std::begin(ARTIFACT_FOLDERS), std::end(ARTIFACT_FOLDERS)},
                .hidden_folders = false,
                .picks =
                    [&](const std::string& path, const DirectoryReader& reader, const dirent& entry) {
-                     return !reader.is_directory(entry) && !contains(kept, path) && !reader.links_to_directory(entry);
+                     return !reader.is_directory(entry) && !contains(keep, path) && !reader.links_to_directory(entry);
                    },
-               .found = [&](const Place& place) { files.unlink(place); },
+               .found =
+                   [&](const Place& place) {
+                     if (!respelt) respelt = in_local_spelling(keep);
+                     if (!contains(*respelt, place.path().substr(root.path().size() + 1))) files.unlink(place);
+                   },
                .failed =
                    [](const Error& error, const std::string& folder) {
                      if (!is_no_folder(error, folder)) throw error;

@@ -35,10 +35,14 @@ std::string feature_rotation_state_path(std::string_view data_dir) { return join
 
 RotationStateRef load_feature_rotation_state(NeighbourSet& neighbours, std::string_view data_dir) {
   const std::string path = feature_rotation_state_path(data_dir);
-  if (!path_exists(path)) return nullptr;
+  return feature_rotation_state_in(neighbours, ParsedFile::read(path), path);
+}
+
+RotationStateRef feature_rotation_state_in(NeighbourSet& neighbours, const ParsedFile& file, const std::string& path) {
+  if (!file.exists()) return nullptr;
   Value payload;
   try {
-    payload = parse_json(read_file(path));
+    payload = file.value();
   } catch (const Error& error) {
     throw FeatureRotationStateError("invalid feature rotation state at " + path + ": " + error.text());
   }

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "sync/documents/parsed_file.hpp"
 #include "sync/neighbours/neighbours.hpp"
 #include "sync/transport/files.hpp"
 
@@ -20,6 +21,8 @@ inline constexpr int FEATURE_ROTATION_STATE_VERSION = 1;
 [[nodiscard]] std::string feature_rotation_state_path(std::string_view data_dir);
 /// Null where there is no file. Throws FeatureRotationStateError for one that cannot be read or is none.
 [[nodiscard]] RotationStateRef load_feature_rotation_state(NeighbourSet& neighbours, std::string_view data_dir);
+/// The same of the file at `path`, which was read before.
+[[nodiscard]] RotationStateRef feature_rotation_state_in(NeighbourSet& neighbours, const ParsedFile& file, const std::string& path);
 /// What the file holds of a state: JSON, keys sorted. Throws FeatureRotationStateError for a state that has no such form.
 [[nodiscard]] std::string rotation_state_document(NeighbourSet& neighbours, const RotationStateRef& state);
 /// Writes the file atomically, flushed to stable storage: no manager is made of an empty one. Returns its path. Throws

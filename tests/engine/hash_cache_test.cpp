@@ -107,6 +107,19 @@ TEST_F(HashCacheTest, isDirtyAndWrittenOnlyAfterAChange) {
   EXPECT_EQ(cache.entries().size(), 1U);
 }
 
+TEST_F(HashCacheTest, keepsDigestsOfAnySpelling) {
+  const std::string plain = "00ff19af5b3e72c4d8866a1e0c9d7f4b2a35e1f0887766554433221100abcdef";
+  std::string upper = plain;
+  upper[3] = 'F';
+  for (const std::string& sha : {plain, upper}) {
+    cache._remember_local_sha("a", "local", sha);
+    cache._persist_hash_cache();
+    cache.set_entries({});
+    cache.load();
+    for (const std::string& asked : {plain, upper}) EXPECT_EQ(hits("a", asked), asked == sha) << asked;
+  }
+}
+
 TEST_F(HashCacheTest, keepsUnusualEntriesAsTheyStand) {
   const Document plain = document(R"({"sha256": "aa", "size_bytes": 5, "mtime_ns": 10, "ctime_ns": 20, "inode": 30})");
   cache.set_entries({{"text", plain.with("size_bytes", "5").with("mtime_ns", 10.9)},

@@ -138,14 +138,15 @@ std::string absolute_path(std::string_view path) {
 }
 
 std::optional<RelativePathFault> fault_of_relative_path(std::string_view path) {
-  constexpr std::string_view SEPARATORS = "/\\";
+  const auto is_separator = [](char c) { return c == '/' || c == '\\'; };
   const std::string_view relative = strip(path);
   if (relative.empty()) return RelativePathFault::Blank;
   if (path.find('\0') != std::string_view::npos) return RelativePathFault::NulByte;
-  if (SEPARATORS.find(relative.front()) != std::string_view::npos) return RelativePathFault::Absolute;
+  if (is_separator(relative.front())) return RelativePathFault::Absolute;
   bool named = false;
   for (std::size_t begin = 0; begin <= relative.size();) {
-    const std::size_t end = std::min(relative.find_first_of(SEPARATORS, begin), relative.size());
+    std::size_t end = begin;
+    while (end < relative.size() && !is_separator(relative[end])) ++end;
     const std::string_view segment = relative.substr(begin, end - begin);
     if (segment == "..") return RelativePathFault::Unsafe;
     named = named || (!segment.empty() && segment != ".");

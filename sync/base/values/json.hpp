@@ -25,6 +25,19 @@ enum class JsonForm {
 /// Python's wording: "Expecting value: line 1 column 1 (char 0)".
 [[nodiscard]] Value parse_json(std::string_view bytes);
 
+/// Takes the members of one object as they are read, so that no document of them is built.
+class JsonMembers {
+ public:
+  virtual ~JsonMembers() = default;
+  /// The object opens. One that came before, under the same key, counts no more.
+  virtual void begin() = 0;
+  /// A key that is repeated comes again, and the last value wins.
+  virtual void take(Text key, Value value) = 0;
+};
+/// The same for a document in which the object at `key` is left empty: its members go to `members`. They count for nothing
+/// where this throws.
+[[nodiscard]] Value parse_json(std::string_view bytes, std::string_view key, JsonMembers& members);
+
 /// Non-ASCII characters are escaped, so the result is ASCII. Throws ValueError beyond JSON_MAX_DEPTH.
 [[nodiscard]] std::string write_json(const Value& value, JsonForm form);
 

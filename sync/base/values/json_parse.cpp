@@ -79,8 +79,8 @@ char short_escape(char letter) noexcept {
   }
 }
 
-/// Shares one Text among the occurrences of a short key, as documents repeat the same few keys.
-class KeyCache {
+/// Shares one Text among the occurrences of a short text: documents repeat the same few keys and kinds.
+class TextCache {
  public:
   Text get(std::string_view key) {
     if (key.empty() || key.size() > LONGEST) return Text(key);
@@ -97,7 +97,9 @@ class KeyCache {
 
 class JsonReader {
  public:
-  explicit JsonReader(std::string_view document) : document_(document), at_(document.data()), end_(at_ + document.size()) {}
+  /// The object at `taken_key` of the top level is handed to `taker`, where there is one.
+  explicit JsonReader(std::string_view document, std::string_view taken_key = {}, JsonMembers* taker = nullptr)
+      : document_(document), at_(document.data()), end_(at_ + document.size()), taken_key_(taken_key), taker_(taker) {}
 
   Value read() {
     skip_blanks();
@@ -113,6 +115,7 @@ class JsonReader {
   /// An object or array that is not closed yet, and where its members or elements begin on their stack.
   struct Frame {
     bool is_object;
+    bool is_taken;  ///< its members go to the taker
     std::size_t start;
   };
 
@@ -146,7 +149,10 @@ class JsonReader {
     if (frames_.size() >= static_cast<std::size_t>(JSON_MAX_DEPTH)) {
       fail("Nesting deeper than " + std::to_string(JSON_MAX_DEPTH) + " levels", at_);
     }
-    frames_.push_back({is_object, is_object ? members_.size() : elements_.size()});
+    const bool is_taken =
+        taker_ != nullptr && is_object && frames_.size() == 1 && frames_[0].is_object && members_.back().key.view() == taken_key_;
+    if (is_taken) taker_->begin();
+    frames_.push_back({is_object, is_taken, is_object ? members_.size() : elements_.size()});
     ++at_;
     skip_blanks();
   }
@@ -156,7 +162,10 @@ class JsonReader {
   bool placed_last(Value& value) {
     while (!frames_.empty()) {
       const bool is_object = frames_.back().is_object;
-      if (is_object) {
+      if (frames_.back().is_taken) {
+        taker_->take(std::move(members_.back().key), std::move(value));
+        members_.pop_back();
+      } else if (is_object) {
         members_.back().value = std::move(value);
       } else {
         elements_.push_back(std::move(value));
@@ -196,7 +205,7 @@ class JsonReader {
   /// Leaves the reader at the value that belongs to the key.
   void read_key() {
     if (!next_is('"')) fail("Expecting property name enclosed in double quotes", at_);
-    members_.push_back({keys_.get(read_string()), Value()});
+    members_.push_back({texts_.get(read_string()), Value()});
     skip_blanks();
     if (!next_is(':')) fail("Expecting ':' delimiter", at_);
     ++at_;
@@ -206,7 +215,7 @@ class JsonReader {
   Value read_scalar() {
     switch (at_ == end_ ? '\0' : *at_) {
       case '"':
-        return Value(Text(read_string()));
+        return Value(texts_.get(read_string()));
       case 'n':
         if (skip_word("null")) return {};
         break;
@@ -337,15 +346,30 @@ class JsonReader {
   std::vector<Member> members_;  // of all open objects; the last one waits for its value
   std::vector<Value> elements_;  // of all open arrays
   std::string unescaped_;
-  KeyCache keys_;
+  TextCache texts_;
+  const std::string_view taken_key_;
+  JsonMembers* const taker_;
 };
 
 }  // namespace
 
-Value parse_json(std::string_view bytes) {
+namespace {
+
+void require_json_encoding(std::string_view bytes) {
   require_utf8(bytes);
   if (bytes.starts_with(BYTE_ORDER_MARK)) throw JSONDecodeError("Unexpected UTF-8 BOM (decode using utf-8-sig)", bytes, 0);
+}
+
+}  // namespace
+
+Value parse_json(std::string_view bytes) {
+  require_json_encoding(bytes);
   return JsonReader(bytes).read();
+}
+
+Value parse_json(std::string_view bytes, std::string_view key, JsonMembers& members) {
+  require_json_encoding(bytes);
+  return JsonReader(bytes, key, &members).read();
 }
 
 }  // namespace brackenfen::sync

@@ -14,11 +14,14 @@ class MemberCursor {
   explicit MemberCursor(const Document* document) noexcept
       : document_(document), next_(document ? document->begin() : nullptr), end_(document ? document->end() : nullptr) {}
 
-  [[nodiscard]] const Value* find(const Text& key) noexcept {
+  [[nodiscard]] const Member* find_member(const Text& key) noexcept {
     const Member* found = next_ != end_ && next_->key == key ? next_ : document_ ? document_->find_member(key) : nullptr;
-    if (!found) return nullptr;
-    next_ = found + 1;
-    return &found->value;
+    if (found) next_ = found + 1;
+    return found;
+  }
+  [[nodiscard]] const Value* find(const Text& key) noexcept {
+    const Member* found = find_member(key);
+    return found ? &found->value : nullptr;
   }
 
  private:

@@ -138,6 +138,11 @@ Value Value::from_integral(std::int64_t number, bool out_of_range, std::uint64_t
 }
 
 Value Value::integer_from_decimal(std::string_view decimal) {
+  constexpr std::size_t SURELY_FITS = 18;
+  if (std::int64_t small = 0; !decimal.empty() && decimal.size() <= SURELY_FITS) {
+    const auto [end, error] = std::from_chars(decimal.data(), decimal.data() + decimal.size(), small);
+    if (error == std::errc{} && end == decimal.data() + decimal.size()) return Value(small);
+  }
   const bool negative = decimal.starts_with('-');
   std::string_view digits = decimal.substr(negative ? 1 : 0);
   digits.remove_prefix(std::min(digits.find_first_not_of('0'), digits.size()));
@@ -167,6 +172,8 @@ std::optional<std::string_view> Value::if_big_integer() const noexcept {
 std::optional<std::string_view> Value::if_text() const noexcept {
   return kind_ == Kind::Text ? std::optional(handle<sync::Text>().view()) : std::nullopt;
 }
+
+const Text* Value::if_shared_text() const noexcept { return kind_ == Kind::Text ? &handle<sync::Text>() : nullptr; }
 
 const List* Value::if_list() const noexcept { return kind_ == Kind::List ? &handle<sync::List>() : nullptr; }
 

@@ -109,6 +109,8 @@ class Value {
   [[nodiscard]] std::optional<std::string_view> if_big_integer() const noexcept;
   /// The views and pointers below live as long as some Value or handle shares what they point at.
   [[nodiscard]] std::optional<std::string_view> if_text() const noexcept;
+  /// The text itself, to be shared.
+  [[nodiscard]] const sync::Text* if_shared_text() const noexcept;
   [[nodiscard]] const sync::List* if_list() const noexcept;
   [[nodiscard]] const sync::Document* if_document() const noexcept;
 

@@ -1,0 +1,29 @@
+// A document of the data directory, read and parsed at one time and taken over at another.
+#pragma once
+
+#include <exception>
+#include <string>
+
+#include "sync/base/values/value.hpp"
+
+namespace brackenfen::sync {
+
+class ParsedFile {
+ public:
+  /// Any thread; throws nothing.
+  [[nodiscard]] static ParsedFile read(const std::string& path) noexcept;
+
+  [[nodiscard]] bool exists() const noexcept { return exists_; }
+  /// What it holds; throws what reading or parsing threw.
+  [[nodiscard]] const Value& value() const {
+    if (failure_) std::rethrow_exception(failure_);
+    return value_;
+  }
+
+ private:
+  bool exists_ = false;
+  Value value_;
+  std::exception_ptr failure_;
+};
+
+}  // namespace brackenfen::sync
