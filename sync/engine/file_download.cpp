@@ -190,7 +190,9 @@ void FileDownload::read_settings() {
 }
 
 RequestStart FileDownload::start_request() const {
-  return is_public_ ? RequestStart{{}, request_environment(*seams_.environment)} : manager_.start_request();
+  RequestStart start = is_public_ ? RequestStart{{}, request_environment(*seams_.environment)} : manager_.start_request();
+  start.connections = options_.connections;
+  return start;
 }
 
 void FileDownload::transfer() {

@@ -39,6 +39,12 @@ struct Outcome {
   bool superseded = false;
 };
 
+/// What a worker keeps from one file to the next.
+struct Worker {
+  const std::unique_ptr<HttpConnections> connections;
+  std::optional<LocalFiles> local_files = {};
+};
+
 /// How many workers of a batch have not ended. Apart from the batch, so that one counts itself out when it has let go of
 /// that and of the manager: nothing of a set that has returned keeps them alive.
 class WorkerCount {
@@ -96,8 +102,8 @@ class Batch : public std::enable_shared_from_this<Batch> {
   void work();
   /// Null where there is none left.
   [[nodiscard]] const Task* next_task();
-  void run_task(const Task& task, std::optional<LocalFiles>& local_files);
-  [[nodiscard]] Outcome run_item(std::size_t index, std::optional<LocalFiles>& local_files);
+  void run_task(const Task& task, Worker& worker);
+  [[nodiscard]] Outcome run_item(std::size_t index, Worker& worker);
   [[nodiscard]] bool worker_stop_requested();
   [[nodiscard]] bool nothing_to_come() const;
 
@@ -181,8 +187,8 @@ void Batch::work() {
   ThreadWork::current() = work_;
   const InterruptScope scope(interrupt_);
   try {
-    std::optional<LocalFiles> local_files;
-    while (const Task* task = next_task()) run_task(*task, local_files);
+    Worker worker{manager_->seams().http->connections()};
+    while (const Task* task = next_task()) run_task(*task, worker);
   } catch (...) {  // run_item holds what a download throws; this is a lack of memory for the outcome
     const std::lock_guard<std::mutex> lock(mutex_);
     lost_outcome_ = std::current_exception();
@@ -195,13 +201,13 @@ const Task* Batch::next_task() {
   return !queue_dropped_ && next_task_ < tasks_.size() ? &tasks_[next_task_++] : nullptr;
 }
 
-void Batch::run_task(const Task& task, std::optional<LocalFiles>& local_files) {
+void Batch::run_task(const Task& task, Worker& worker) {
   for (const std::size_t index : task) {
     {
       const std::lock_guard<std::mutex> lock(mutex_);
       if (queue_dropped_ && index != task.front()) return;
     }
-    Outcome outcome = run_item(index, local_files);
+    Outcome outcome = run_item(index, worker);
     const std::lock_guard<std::mutex> lock(mutex_);
     // Whoever asked for the stop would else wait for an attempt of every file that is still queued.
     if (outcome.failure && parent_stopped_.load()) queue_dropped_ = true;
@@ -213,7 +219,7 @@ void Batch::run_task(const Task& task, std::optional<LocalFiles>& local_files) {
   }
 }
 
-Outcome Batch::run_item(std::size_t index, std::optional<LocalFiles>& local_files) {
+Outcome Batch::run_item(std::size_t index, Worker& worker) {
   Outcome outcome;
   outcome.item = index;
   const Item& item = items_[index];
@@ -221,8 +227,9 @@ Outcome Batch::run_item(std::size_t index, std::optional<LocalFiles>& local_file
     SyncManager::DownloadOptions options;
     options.backoff_context = parent_context_;
     options.backoff_context->stop_requested = [self = shared_from_this()] { return self->worker_stop_requested(); };  // a host may keep it
-    if (!local_files) local_files.emplace(data_dir_, directory_);  // here, where a failure is the file's
-    options.local_files = &*local_files;
+    if (!worker.local_files) worker.local_files.emplace(data_dir_, directory_);  // here, where a failure is the file's
+    options.local_files = &*worker.local_files;
+    options.connections = worker.connections.get();
     options.is_abandoned = [this] { return abandoned_.load(); };  // kept no longer than the call
     manager_->_download_file(*neighbours_, item.file_path, item.file_info, outcome.result, options);
   } catch (const Error& error) {
@@ -322,8 +329,10 @@ bool is_tolerated(const std::exception_ptr& failure, const DownloadFailureFn& to
 void download_one_by_one(SyncManager& manager, NeighbourSet& neighbours, const std::vector<Item>& items, SyncResult& result,
                          const DownloadFailureFn& tolerates) {
   LocalFiles local_files(manager._data_dir.get());
+  const std::unique_ptr<HttpConnections> connections = manager.seams().http->connections();
   SyncManager::DownloadOptions options;
   options.local_files = &local_files;
+  options.connections = connections.get();
   std::exception_ptr first_error;
   for (const Item& item : items) {
     try {

@@ -151,6 +151,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
     std::function<bool()> is_abandoned = {};
     LocalFiles* local_files = nullptr;                   ///< of the target directory, as the caller opened it; null: opened for this file
     std::optional<BackoffContext> backoff_context = {};  ///< of its waits; absent: the one that the thread has
+    HttpConnections* connections = nullptr;              ///< of the thread, kept from file to file; null: each request has its own
   };
   /// Brings one manifest file to its local path: streamed into "{local path}.tmp" under a running digest,
   /// resumed by Range, moved into place. A failure that may pass is waited out, without limit. `result` must be

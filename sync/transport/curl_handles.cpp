@@ -107,25 +107,28 @@ detail::CurlProcess::CurlProcess() : share(curl_share_init()) {
 
 void set_up_curl() noexcept { static_cast<void>(initialise_library()); }
 
-CurlLease::CurlLease() : process_(process_in_force()), handles_(process_.take_idle()) {
-  if (handles_.easy != nullptr) return;
-  handles_.easy = curl_easy_init();
+CurlLease::CurlLease(Connections connections)
+    : process_(process_in_force()), connections_(connections), handles_(process_.take_idle()), is_clean_(handles_.easy != nullptr) {
   if (handles_.multi == nullptr) handles_.multi = curl_multi_init();
-  if (handles_.easy == nullptr || handles_.multi == nullptr) {
-    free_handles(handles_);
-    out_of_memory();
-  }
+  if (handles_.multi == nullptr) out_of_memory();
+}
+
+void CurlLease::begin_transfer() {
+  if (std::exchange(is_clean_, false)) return;
+  curl_easy_cleanup(std::exchange(handles_.easy, curl_easy_init()));
+  if (handles_.easy == nullptr) out_of_memory();
   curl_easy_setopt(handles_.easy, CURLOPT_SHARE, process_.share);
+}
+
+void CurlLease::end_well() noexcept {
+  curl_easy_reset(handles_.easy);  // all but the share
+  is_clean_ = true;
 }
 
 CurlLease::~CurlLease() {
   if (&process_ != current_process.load(std::memory_order_acquire)) return;  // the parent's: left alone in its forked child
-  if (ended_well_) {
-    curl_easy_reset(handles_.easy);  // all but the share
-  } else {
-    curl_easy_cleanup(std::exchange(handles_.easy, nullptr));
-  }
-  if (!process_.keep_idle(handles_)) free_handles(handles_);
+  if (!is_clean_) curl_easy_cleanup(std::exchange(handles_.easy, nullptr));
+  if (keeps_connections() || !process_.keep_idle(handles_)) free_handles(handles_);
 }
 
 }  // namespace brackenfen::sync

@@ -18,28 +18,33 @@ struct CurlHandles {
   CURLM* multi = nullptr;
 };
 
-/// Both for one transfer on one thread. They go back to the process when the lease ends: making them anew costs as
-/// much as a small transfer, and reading the certificate store that the multi handle keeps more than a handshake. No
-/// connection is ever kept.
+/// Both for one transfer after the other on one thread. They go back to the process when the lease ends: making them anew
+/// costs as much as a small transfer, and reading the certificate store that the multi handle keeps more than a handshake.
+/// A lease that keeps connections closes them at its end, and its handles with them.
 class CurlLease {
  public:
+  enum class Connections : char { Close, Keep };
   /// Throws MemoryError.
-  CurlLease();
+  explicit CurlLease(Connections connections = Connections::Close);
   CurlLease(const CurlLease&) = delete;
   CurlLease& operator=(const CurlLease&) = delete;
   ~CurlLease();
 
-  /// Another transfer may have the easy handle, of which only the options are reset. Not after one that broke off: pieces
-  /// of its headers would turn up in the next.
-  void end_well() noexcept { ended_well_ = true; }
+  /// An easy handle without options. Throws MemoryError.
+  void begin_transfer();
+  /// The transfer ran to its end, so that another may have the easy handle. After one that broke off, pieces of its headers
+  /// would turn up in the next.
+  void end_well() noexcept;
 
+  [[nodiscard]] bool keeps_connections() const noexcept { return connections_ == Connections::Keep; }
   [[nodiscard]] CURL* easy() const noexcept { return handles_.easy; }
   [[nodiscard]] CURLM* multi() const noexcept { return handles_.multi; }
 
  private:
   detail::CurlProcess& process_;
+  const Connections connections_;
   CurlHandles handles_;
-  bool ended_well_ = false;
+  bool is_clean_;  ///< the easy handle, which has no options but the share
 };
 
 }  // namespace brackenfen::sync

@@ -6,17 +6,34 @@
 #include "sync/transport/http_client.hpp"
 #include "sync/transport/redirects.hpp"
 #include "sync/transport/request_environment.hpp"
+#include "sync/transport/settings.hpp"
 
 namespace brackenfen::sync {
 namespace {
 
+/// Of one thread. Handles are taken when the first request keeps its connection.
+class CurlConnections final : public HttpConnections {
+ public:
+  [[nodiscard]] CurlLease& lease() {
+    if (!lease_) lease_.emplace(CurlLease::Connections::Keep);
+    return *lease_;
+  }
+
+ private:
+  std::optional<CurlLease> lease_;
+};
+
 class CurlHttpClient final : public HttpClient {
  public:
+  std::unique_ptr<HttpConnections> connections() override { return std::make_unique<CurlConnections>(); }
+
   std::unique_ptr<HttpResponse> open(const HttpRequest& request, double timeout_seconds, const TransportSecurity& may_follow) override {
     RequestRoute route(request);
     const std::shared_ptr<Environment> environment = request.environment ? request.environment : request_environment(Environment::real());
+    auto* const connections = dynamic_cast<CurlConnections*>(request.connections);
+    CurlLease* const kept = connections != nullptr && reuses_http_connections(*environment) ? &connections->lease() : nullptr;
     for (;;) {
-      auto transfer = std::make_unique<CurlTransfer>(route, *environment, timeout_seconds);
+      auto transfer = std::make_unique<CurlTransfer>(route, *environment, timeout_seconds, kept);
       transfer->wait_for_headers();
       if (!is_redirect_status(transfer->status())) return transfer;
       const std::optional<std::string_view> location = header_value(transfer->headers(), "Location");

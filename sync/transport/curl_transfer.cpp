@@ -92,8 +92,9 @@ int Deadline::slice_milliseconds() const {
 
 // --- setting up ---------------------------------------------------------------------------------------------
 
-CurlTransfer::CurlTransfer(const RequestRoute& route, Environment& environment, double timeout_seconds)
-    : timeout_seconds_(timeout_seconds) {
+CurlTransfer::CurlTransfer(const RequestRoute& route, Environment& environment, double timeout_seconds, CurlLease* kept)
+    : handles_(kept != nullptr ? *kept : own_handles_.emplace()), timeout_seconds_(timeout_seconds) {
+  handles_.begin_transfer();
   set_request(route, environment);
   if (route.is_encrypted()) set_certificates(environment);
   if (curl_multi_add_handle(handles_.multi(), handles_.easy()) != CURLM_OK) throw network_error(CURLE_OUT_OF_MEMORY, 0, {});
@@ -113,8 +114,8 @@ void CurlTransfer::set_request(const RequestRoute& route, Environment& environme
   set_option(easy, CURLOPT_PROTOCOLS_STR, "http,https");
   set_option(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   set_option(easy, CURLOPT_FOLLOWLOCATION, 0L);
-  set_option(easy, CURLOPT_FRESH_CONNECT, 1L);
-  set_option(easy, CURLOPT_FORBID_REUSE, 1L);
+  set_option(easy, CURLOPT_FRESH_CONNECT, handles_.keeps_connections() ? 0L : 1L);
+  set_option(easy, CURLOPT_FORBID_REUSE, handles_.keeps_connections() ? 0L : 1L);
   set_option(easy, CURLOPT_OPENSOCKETFUNCTION, &CurlTransfer::open_socket);
   set_option(easy, CURLOPT_OPENSOCKETDATA, this);
   const std::int64_t read_bytes = _sync_http_response_read_bytes(environment);

@@ -1,4 +1,4 @@
-// One GET over one connection: from the request line to the last byte of the body.
+// One GET: from the request line to the last byte of the body.
 #pragma once
 
 #include <curl/curl.h>
@@ -37,7 +37,8 @@ class Deadline {
 /// (one receive buffer at most), and everything else waits in the socket.
 class CurlTransfer final : public HttpResponse {
  public:
-  CurlTransfer(const RequestRoute& route, Environment& environment, double timeout_seconds);
+  /// `kept` outlives the transfer, has no other one meanwhile, and keeps the connection; null: the transfer closes it.
+  CurlTransfer(const RequestRoute& route, Environment& environment, double timeout_seconds, CurlLease* kept);
   CurlTransfer(const CurlTransfer&) = delete;
   CurlTransfer& operator=(const CurlTransfer&) = delete;
   ~CurlTransfer() override;
@@ -73,7 +74,8 @@ class CurlTransfer final : public HttpResponse {
   static curl_socket_t open_socket(void* self, curlsocktype purpose, curl_sockaddr* address);
   static int on_connected(void* self, char* primary_ip, char* local_ip, int primary_port, int local_port);
 
-  CurlLease handles_;
+  std::optional<CurlLease> own_handles_;
+  CurlLease& handles_;
   std::unique_ptr<curl_slist, FreeList> request_headers_;
   std::array<char, CURL_ERROR_SIZE> error_text_{};
   const double timeout_seconds_;

@@ -29,9 +29,9 @@ float in_single_precision(double seconds) {
   return static_cast<float>(seconds > LARGEST ? LARGEST : seconds);
 }
 
-HttpRequest public_request(const std::string& url) {
+HttpRequest public_request(const std::string& url, const RequestStart& start) {
   require_printable_url(url);
-  return HttpRequest{url, {{"User-Agent", SYNC_USER_AGENT}}};
+  return HttpRequest{url, {{"User-Agent", SYNC_USER_AGENT}}, start.environment, start.connections};
 }
 
 void add_range(HttpRequest& request, std::int64_t range_start, std::int64_t range_end) {
@@ -77,8 +77,7 @@ HttpResult _http_get(const Seams& seams, NeighbourSet& neighbours, const std::st
 HttpResult _http_get_public(const Seams& seams, NeighbourSet& neighbours, const std::string& url, const RequestStart& start,
                             std::int64_t range_start, std::int64_t range_end, ResponseSink* sink) {
   neighbours.transport_security().validate_bearer_transport_url(url);
-  HttpRequest request = public_request(url);
-  request.environment = start.environment;
+  HttpRequest request = public_request(url, start);
   add_range(request, range_start, range_end);
   return send(seams, neighbours, std::move(request), _sync_http_timeout_seconds, sink);
 }
@@ -94,9 +93,8 @@ HttpRequest authenticated_request(const std::string& url, const RequestStart& st
   const std::string& token = start.token;
   if (!header_value_bytes(token) || token.find(' ') != std::string::npos) throw ValueError("the token holds a character that HTTP forbids");
   remember_secret(token);
-  HttpRequest request = public_request(url);
+  HttpRequest request = public_request(url, start);
   request.headers.emplace(request.headers.begin(), "Authorization", "Bearer " + token);
-  request.environment = start.environment;
   return request;
 }
 

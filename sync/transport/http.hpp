@@ -42,6 +42,7 @@ class ResponseSink : public BodySink {
 struct RequestStart {
   std::string token;
   std::shared_ptr<Environment> environment = nullptr;
+  HttpConnections* connections = nullptr;  ///< see HttpRequest
 };
 /// A token and the environment, in one visit to the host. Throws what the source throws.
 [[nodiscard]] RequestStart start_request(Environment& environment, TokenSource& source);

@@ -17,11 +17,19 @@ namespace brackenfen::sync {
 /// Header names and values in the order of the message, names as the sender spelled them.
 using Headers = std::vector<std::pair<std::string, std::string>>;
 
+/// Connections that are kept from one request to the next: see HttpClient::connections. One thread, one response at a
+/// time. Destroying it closes them.
+class HttpConnections {
+ public:
+  virtual ~HttpConnections() = default;
+};
+
 /// A GET. Nothing else is ever sent.
 struct HttpRequest {
   std::string url;
   Headers headers;
   std::shared_ptr<Environment> environment = nullptr;  ///< what it goes by; nullptr: as it stands when the request is opened
+  HttpConnections* connections = nullptr;              ///< made use of where the environment says so; nullptr: none is kept
 };
 
 /// Takes the bytes of one body as they arrive.
@@ -32,7 +40,8 @@ class BodySink {
   virtual void accept(std::string_view bytes) = 0;
 };
 
-/// A response whose headers have arrived. One thread; destroying it closes the connection.
+/// A response whose headers have arrived. One thread; destroying it closes the connection, unless that is kept and the
+/// body was read to its end.
 class HttpResponse {
  public:
   virtual ~HttpResponse() = default;
@@ -47,7 +56,8 @@ class HttpResponse {
                          std::uint64_t limit = std::numeric_limits<std::uint64_t>::max()) = 0;
 };
 
-/// Any thread, several at once. Each open() is a new connection; name look-ups and TLS sessions are shared.
+/// Any thread, several at once. Each open() is a new connection, unless one to that origin was kept; name look-ups and TLS
+/// sessions are shared.
 ///
 /// Network failures are Errors whose class tells what happened: TimeoutError, ConnectionRefusedError,
 /// ConnectionResetError, BrokenPipeError, SSLError, SSLCertVerificationError, URLError (name look-up, proxy,
@@ -62,6 +72,10 @@ class HttpClient {
   /// that HTTP forbids, and network failures.
   [[nodiscard]] virtual std::unique_ptr<HttpResponse> open(const HttpRequest& request, double timeout_seconds,
                                                            const class TransportSecurity& may_follow) = 0;
+
+  /// For requests to keep their connections in. A kept connection that its server has closed is replaced by a new one. Null
+  /// for a client that keeps none.
+  [[nodiscard]] virtual std::unique_ptr<HttpConnections> connections() { return nullptr; }
 
   /// libcurl. One instance per process, never destroyed.
   static HttpClient& real();

@@ -49,6 +49,7 @@ class OwnProcess {
    public:
     GuardedClient(const OwnProcess& process, HttpClient& client) : process_(process), client_(client) {}
     std::unique_ptr<HttpResponse> open(const HttpRequest& request, double timeout_seconds, const TransportSecurity& may_follow) override;
+    std::unique_ptr<HttpConnections> connections() override { return client_.connections(); }
 
    private:
     const OwnProcess& process_;

@@ -3,10 +3,12 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <limits>
 #include <string_view>
 
 #include "sync/base/log.hpp"
+#include "sync/base/text/text.hpp"
 #include "sync/base/values/convert.hpp"
 
 namespace brackenfen::sync {
@@ -86,6 +88,18 @@ std::int64_t _sync_http_response_read_bytes(Environment& environment) {
   return positive_integer(setting(environment, "BRACKENFEN_SYNC_HTTP_RESPONSE_READ_BYTES"), SYNC_HTTP_RESPONSE_READ_BYTES,
                           {.unparsable = "Invalid BRACKENFEN_SYNC_HTTP_RESPONSE_READ_BYTES=%r; using %d",
                            .not_positive = "Non-positive BRACKENFEN_SYNC_HTTP_RESPONSE_READ_BYTES=%r; using %d"});
+}
+
+bool reuses_http_connections(Environment& environment) {
+  const std::optional<std::string> text = setting(environment, "BRACKENFEN_SYNC_HTTP_REUSE_CONNECTIONS");
+  if (!text) return false;
+  const std::string word = ascii_lower(strip(*text));
+  const auto is_word = [&](const char* other) { return word == other; };
+  if (std::ranges::any_of(std::array{"1", "true", "yes", "on"}, is_word)) return true;
+  if (std::ranges::none_of(std::array{"0", "false", "no", "off"}, is_word)) {
+    log_warning("Invalid BRACKENFEN_SYNC_HTTP_REUSE_CONNECTIONS=%r; using 0", *text);
+  }
+  return false;
 }
 
 std::int64_t _sync_max_unchanged_checksum_repairs(Environment& environment) {

@@ -25,6 +25,8 @@ inline constexpr double SYNC_PARALLEL_TIMEOUT_SECONDS = 300.0;
 /// Bytes, above 0. An integer beyond 64 bits reads as the largest that fits.
 [[nodiscard]] std::int64_t _sync_http_chunk_bytes(Environment& environment);
 [[nodiscard]] std::int64_t _sync_http_response_read_bytes(Environment& environment);
+/// Whether requests may keep their connections: by 1, true, yes or on.
+[[nodiscard]] bool reuses_http_connections(Environment& environment);
 /// At least 0.
 [[nodiscard]] std::int64_t _sync_max_unchanged_checksum_repairs(Environment& environment);
 /// At least 1.

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <set>
 #include <thread>
 
 #include "sync/base/threads/worker_thread.hpp"
@@ -63,6 +64,19 @@ TEST_F(ParallelDownloadTest, oneFailureLetsTheOthersFinish) {
   EXPECT_EQ(result.features_downloaded, 5);
   EXPECT_EQ(result.bytes_downloaded, static_cast<std::int64_t>(5 * file("a").content.size()));
   for (const char* path : {"a", "b", "c", "d", "e"}) EXPECT_EQ(directory.read(path), file(path).content);
+}
+
+TEST_F(ParallelDownloadTest, eachWorkerKeepsAConnectionWhereItIsToldTo) {
+  const std::vector<std::string> paths{"a", "b", "c", "d", "e", "f"};
+  for (const char* reuse : {"1", "0"}) {
+    environment.set("BRACKENFEN_SYNC_HTTP_REUSE_CONNECTIONS", reuse);
+    environment.set("BRACKENFEN_SYNC_MAX_CONCURRENCY", "2");
+    for (const std::string& path : paths) plan({path}, Reply{.body = file(path).content, .keep = true});
+    EXPECT_EQ(run(), "");
+    std::set<std::size_t> connections;
+    for (const std::string& path : paths) connections.insert(server.requests("/data/files/" + path).back().connection);
+    EXPECT_TRUE(*reuse == '1' ? connections.size() <= 2 : connections.size() == paths.size()) << connections.size();
+  }
 }
 
 TEST_F(ParallelDownloadTest, aFailedSetKeepsItsManagerNoLongerThanTheCall) {

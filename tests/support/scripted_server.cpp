@@ -206,17 +206,19 @@ void ScriptedServer::accept_connections() {
     if (::poll(&listening, 1, static_cast<int>(SLICE.count())) <= 0) continue;
     const int accepted = ::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC);
     if (accepted < 0) continue;
-    connections_.emplace_back([this, accepted] {
+    connections_.emplace_back([this, accepted, number = connections_.size()] {
       Connection connection(Descriptor(accepted), tls_.get(), stopping_);
-      if (connection.handshake()) serve(connection);
+      if (!connection.handshake()) return;
+      while (serve(connection, number)) continue;
     });
   }
 }
 
-void ScriptedServer::serve(Connection& connection) {
+bool ScriptedServer::serve(Connection& connection, std::size_t number) {
   const std::string head = connection.read_head();
-  if (head.empty()) return;
+  if (head.empty()) return false;
   LoggedRequest request;
+  request.connection = number;
   for (const std::string_view line : split(head, "\r\n")) {
     if (request.path.empty()) {
       request.path = split(line, " ").at(1);
@@ -224,7 +226,9 @@ void ScriptedServer::serve(Connection& connection) {
       request.headers.emplace_back(line.substr(0, colon), strip(line.substr(colon + 1)));
     }
   }
-  send_reply(connection, reply_to(request));
+  const Reply reply = reply_to(request);
+  send_reply(connection, reply);
+  return reply.keep;
 }
 
 Reply ScriptedServer::reply_to(const LoggedRequest& request) {

@@ -29,6 +29,7 @@ struct Reply {
   bool reset = false;                         ///< the connection ends with RST instead of FIN
   bool endless = false;                       ///< the body is repeated until the peer goes away
   bool stall = false;                         ///< after the body (or its cut) nothing happens any more
+  bool keep = false;                          ///< the connection serves another request
   std::chrono::milliseconds delay{0};         ///< before the first byte
   std::chrono::milliseconds drip{0};          ///< after every byte
   std::optional<std::string> raw = {};        ///< the whole message as it stands, instead of the fields above it
@@ -37,11 +38,12 @@ struct Reply {
 struct LoggedRequest {
   std::string path;
   Headers headers;
+  std::size_t connection = 0;  ///< counted from 0
 
   [[nodiscard]] std::optional<std::string> header(std::string_view name) const;
 };
 
-/// Every connection has a thread of its own and carries one request. Destroying the server ends them all.
+/// Every connection has a thread of its own and carries one request, unless it is kept. Destroying the server ends them all.
 class ScriptedServer {
  public:
   enum class Scheme { Http, Https };  ///< Https with a certificate of its own for "localhost" and 127.0.0.1
@@ -68,7 +70,8 @@ class ScriptedServer {
 
   void set_up_tls();
   void accept_connections();
-  void serve(Connection& connection);
+  /// True where the connection is to serve another request.
+  bool serve(Connection& connection, std::size_t number);
   [[nodiscard]] Reply reply_to(const LoggedRequest& request);
   void send_reply(Connection& connection, const Reply& reply);
 

@@ -373,6 +373,47 @@ TEST(HttpClient, followsRedirectsAndKeepsTheTokenAtItsOrigin) {
   EXPECT_EQ(home.requests("/target?q=1").back().header("Authorization"), std::nullopt) << "once gone, a stranger cannot bring it back";
 }
 
+TEST(HttpClient, keepsConnectionsToTheirOriginsWhereItIsToldTo) {
+  ScriptedServer home;
+  ScriptedServer stranger;
+  home.script("/kept", {{.body = "whole", .keep = true}});
+  home.script("/closed", {{.body = "whole"}});
+  home.script("/reset", {{.body = "whole", .reset = true}});
+  home.script("/abroad", {{.status = 302, .headers = {{"Location", stranger.url("/kept")}}, .keep = true}});
+  stranger.script("/kept", {{.body = "whole", .keep = true}});
+  const auto environment = std::make_shared<FakeEnvironment>(std::map<std::string, std::string>{});
+  std::unique_ptr<HttpConnections> connections = HttpClient::real().connections();
+  const auto get = [&](const std::string& path) {
+    const HttpRequest request{home.url(path), {{"Authorization", "Bearer canary"}}, environment, connections.get()};
+    return HttpClient::real().open(request, PATIENCE_SECONDS, TransportSecurity::builtin());
+  };
+  const auto connection_of = [&](const std::string& path) {
+    EXPECT_EQ(failure_of([&] { EXPECT_EQ(body_of(*get(path)), "whole"); }), "") << path;
+    return home.requests().back().connection;
+  };
+  EXPECT_EQ(connection_of("/kept"), 0U);
+  EXPECT_EQ(connection_of("/kept"), 1U) << "unless it is told to, it keeps none";
+  environment->set("BRACKENFEN_SYNC_HTTP_REUSE_CONNECTIONS", "1");
+  const std::vector<std::pair<const char*, std::size_t>> rows{{"/kept", 2}, {"/closed", 2}, {"/kept", 3},   {"/reset", 3},
+                                                              {"/kept", 4}, {"/abroad", 4}, {"/abroad", 4}, {"/kept", 4}};
+  for (const auto& [path, connection] : rows) EXPECT_EQ(connection_of(path), connection) << path;
+  EXPECT_EQ(stranger.requests().size(), 2U);
+  for (const LoggedRequest& request : stranger.requests()) {
+    EXPECT_EQ(request.connection, 0U);
+    EXPECT_EQ(request.header("Authorization"), std::nullopt);
+  }
+  static_cast<void>(get("/kept"));
+  EXPECT_EQ(connection_of("/kept"), 5U) << "a body that was not read is in the way";
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(body_of(*open(home.url("/kept"))) == "whole" ? 0 : 1);
+  int status = -1;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(connection_of("/kept"), 5U) << "the child has its own";
+  connections = HttpClient::real().connections();
+  EXPECT_EQ(connection_of("/kept"), 7U) << "who begins anew finds none";
+}
+
 TEST(HttpClient, refusesRedirectTargets) {
   ScriptedServer server;
   TrustedServer encrypted;

@@ -30,6 +30,7 @@ TEST(Settings, readTheEnvironmentAnewAndFallBackWithAWarning) {
   const std::string version_timeout = "BRACKENFEN_SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS";
   const std::string chunk = "BRACKENFEN_SYNC_HTTP_CHUNK_BYTES";
   const std::string read_size = "BRACKENFEN_SYNC_HTTP_RESPONSE_READ_BYTES";
+  const std::string reuse = "BRACKENFEN_SYNC_HTTP_REUSE_CONNECTIONS";
   const std::string repairs = "BRACKENFEN_SYNC_MAX_UNCHANGED_CHECKSUM_REPAIRS";
   const std::string concurrency = "BRACKENFEN_SYNC_MAX_CONCURRENCY";
   const std::string batch = "BRACKENFEN_SYNC_PARALLEL_TIMEOUT_SECONDS";
@@ -46,6 +47,10 @@ TEST(Settings, readTheEnvironmentAnewAndFallBackWithAWarning) {
       {_sync_http_chunk_bytes, {{chunk, "99999999999999999999"}}, LARGEST},
       {_sync_http_response_read_bytes, {}, 65536},
       {_sync_http_response_read_bytes, {{read_size, "k"}}, 65536, "Invalid " + read_size + "='k'; using 65536"},
+      {reuses_http_connections, {}, 0},
+      {reuses_http_connections, {{reuse, " Yes "}}, 1},
+      {reuses_http_connections, {{reuse, "0"}}, 0},
+      {reuses_http_connections, {{reuse, "2"}}, 0, "Invalid " + reuse + "='2'; using 0"},
       {_sync_max_unchanged_checksum_repairs, {{repairs, "-1"}}, 0},
       {_sync_max_unchanged_checksum_repairs, {{repairs, "few"}}, 3, "Invalid " + repairs + "='few'; using 3"},
       {_sync_max_concurrency, {{concurrency, "0"}}, 1},
