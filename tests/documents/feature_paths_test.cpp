@@ -1,7 +1,7 @@
 #include "sync/documents/feature_paths.hpp"
 
 #include <algorithm>
-#include <chrono>
+#include <ctime>
 #include <random>
 
 #include "tests/documents/values.hpp"
@@ -98,9 +98,12 @@ TEST(FeaturePaths, aThousandNamesOfALargeFamilyAreAnsweredAtOnceOrInterrupted) {
     if (number % 100 == 0) names.push_back(std::move(name));
   }
   const Value files = Document(std::move(entries));
-  const auto began = std::chrono::steady_clock::now();
-  EXPECT_EQ(feature_prefetch_relative_paths(era_config(), files, names).size(), 100'000U);
-  EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(5)) << "some 0.2 s on a quiet machine";
+  const auto processor_time = [&](const std::vector<std::string>& asked) {
+    const std::clock_t began = std::clock();
+    EXPECT_EQ(feature_prefetch_relative_paths(era_config(), files, asked).size(), 100'000U);
+    return std::clock() - began;
+  };
+  EXPECT_LT(processor_time(names), 10 * processor_time({names.begin(), names.begin() + 10})) << "the manifest is gone through once";
 
   const HostInterrupt exit([] { throw Interrupted{}; });
   EXPECT_THROW(static_cast<void>(feature_prefetch_relative_paths(era_config(), files, names)), Interrupted);
