@@ -4,6 +4,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <thread>
 
 #include "sync/base/threads/worker_thread.hpp"
 #include "tests/support/failing_memory.hpp"
@@ -30,7 +31,10 @@ class FailuresTest : public testing::Test, protected SyncSetup {
     return many;
   }
   void wait_until(const std::function<bool()>& holds) {
-    while (!holds()) clock.advance(10.0);  // past every pause of a thread
+    while (!holds()) {
+      clock.advance(10.0);  // past every pause of a thread
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
   }
   void remove_files() { std::filesystem::remove_all(directory / "features"); }
 
