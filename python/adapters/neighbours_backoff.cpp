@@ -171,7 +171,7 @@ class HandedOn {
     return block;
   }
 
-  static void leave(nb::dict block) {
+  static void leave(const nb::dict& block) {
     block["left"] = true;
     if (is_around(block)) {
       nb::handle(variable_).attr("set")(innermost_not_left());
