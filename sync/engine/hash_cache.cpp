@@ -186,7 +186,8 @@ HashCache::Entries HashCache::read_entries(const std::string& path) {
   const Value parsed = parse_json(text, "files", reading);
   const Document* cache = parsed.if_document();
   const bool usable = cache != nullptr && cache->get("version") == Value(SYNC_HASH_CACHE_VERSION) && cache->get("files").is_document();
-  return usable ? entries : Entries();
+  if (!usable) entries.clear();
+  return entries;
 }
 
 HashCache::Stored HashCache::read(const std::string& path) noexcept {
