@@ -9,13 +9,9 @@
 namespace brackenfen::sync::python {
 namespace {
 
-class HostTrackerIdentity : public TrackerIdentity {
+class HostTrackerIdentity : public TrackerIdentity, public HostObject {
  public:
-  explicit HostTrackerIdentity(nb::handle identity) : identity_(identity) {}
-  [[nodiscard]] nb::handle object() const noexcept { return identity_.get(); }
-
- private:
-  PyRef identity_;
+  using HostObject::HostObject;
 };
 
 class HostSearchTracker : public SearchTracker {

@@ -142,6 +142,10 @@ std::string os_error_text(int error_number, const std::string& description, std:
 PermanentDownloadError::PermanentDownloadError(std::string text, const Value& file_path, const Value& status)
     : Error(error_class::PermanentDownloadError, std::move(text), {{"file_path", file_path}, {"status", status_or_null(status)}}) {}
 
+Error integrity_error(std::string text, std::string_view file_path) {
+  return {error_class::IntegrityError, std::move(text), {{"file_path", file_path}}};
+}
+
 UnicodeDecodeError::UnicodeDecodeError(std::string_view bytes, std::size_t start, std::string reason)
     : Error(error_class::UnicodeDecodeError, unicode_error_text(bytes, start, broken_sequence_size(bytes, start), reason),
             {{"object", bytes}, {"start", start}, {"end", start + broken_sequence_size(bytes, start)}, {"reason", reason}}) {}

@@ -110,6 +110,9 @@ class PermanentDownloadError : public Error {
   explicit PermanentDownloadError(std::string text, const Value& file_path = {}, const Value& status = {});
 };
 
+/// An IntegrityError with the field "file_path".
+[[nodiscard]] Error integrity_error(std::string text, std::string_view file_path);
+
 /// Text that does not decode. Fields: "object" (the bytes as text), "start", "end", "reason".
 class UnicodeDecodeError : public Error {
  public:

@@ -142,4 +142,8 @@ bool _manifest_base_url_uses_public_download(std::string_view server_url, const 
   return base->network_location != server->network_location || rstrip_char(base->path, '/') != DATA_FILES_PATH;
 }
 
+bool is_public_download(std::string_view server_url, const Value& base_url, std::string_view url) {
+  return _manifest_base_url_uses_public_download(server_url, base_url) || !same_origin(server_url, url);
+}
+
 }  // namespace brackenfen::sync

@@ -33,5 +33,7 @@ class TransportSecurity;
 
 /// Whether a data file is fetched without credentials: any explicit base but the server's own /data/files.
 [[nodiscard]] bool _manifest_base_url_uses_public_download(std::string_view server_url, const Value& base_url);
+/// The same of a file at `url`, which the base URL may have led to another origin all the same.
+[[nodiscard]] bool is_public_download(std::string_view server_url, const Value& base_url, std::string_view url);
 
 }  // namespace brackenfen::sync

@@ -7,7 +7,6 @@
 #include "sync/base/error.hpp"
 #include "sync/base/files/paths.hpp"
 #include "sync/base/files/place.hpp"
-#include "sync/base/text/url.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/documents/local_files.hpp"
 #include "sync/documents/manifest.hpp"
@@ -130,7 +129,7 @@ FileDownload::FileDownload(SyncManager& manager, NeighbourSet& neighbours, const
       server_url_(manager._server_url.get()),
       base_url_(base_url_for(file_info, manager)),
       url_(_manifest_file_url(neighbours.transport_security(), server_url_, Value(file_path), base_url_)),
-      is_public_(_manifest_base_url_uses_public_download(server_url_, base_url_) || !same_origin(server_url_, url_)),
+      is_public_(is_public_download(server_url_, base_url_, url_)),
       is_document_(is_document(neighbours, file_path)),
       local_files_(local_files),
       place_(local_files.next_place(file_path)),
@@ -274,10 +273,9 @@ bool FileDownload::is_long_enough() {
   if (expected_size_ <= 0 || total_written >= expected_size_) return true;
   if (superseded()) leave_superseded("partial_transfer", generation_fields());
   if (options_.retry_partial_transfer) return false;
-  throw Error(error_class::IntegrityError,
-              "Incomplete download for " + file_path_ + ": got " + std::to_string(total_written) + " bytes, expected " +
-                  std::to_string(expected_size_),
-              Document{{"file_path", file_path_}});
+  throw integrity_error("Incomplete download for " + file_path_ + ": got " + std::to_string(total_written) + " bytes, expected " +
+                            std::to_string(expected_size_),
+                        file_path_);
 }
 
 bool FileDownload::may_retry(const Error& error) const {
@@ -303,9 +301,7 @@ bool FileDownload::checksum_fits(const std::string& actual_sha) {
 
 void FileDownload::require_repair_left(const std::string& actual_sha) {
   const std::string expected_and_got = "expected " + expected_sha_ + ", got " + actual_sha;
-  if (!options_.retry_checksum_mismatch)
-    throw Error(error_class::IntegrityError, "Checksum failure for " + file_path_ + ": " + expected_and_got,
-                Document{{"file_path", file_path_}});
+  if (!options_.retry_checksum_mismatch) throw integrity_error("Checksum failure for " + file_path_ + ": " + expected_and_got, file_path_);
   if (attempt_ < max_unchanged_checksum_repairs_) return;
   log_event("checksum_repair_exhausted",
             "server data inconsistent: checksum mismatch after unchanged manifest repair bound; contact BrackenFen",
@@ -318,10 +314,9 @@ void FileDownload::require_repair_left(const std::string& actual_sha) {
                      {"next_action", "Action: contact_brackenfen"}});
   staging_.clear();
   exhausted_ = true;
-  throw Error(error_class::IntegrityError,
-              "Checksum failure for " + file_path_ +
-                  ": server data inconsistent after unchanged manifest repair bound; contact BrackenFen. " + expected_and_got,
-              Document{{"file_path", file_path_}});
+  throw integrity_error("Checksum failure for " + file_path_ +
+                            ": server data inconsistent after unchanged manifest repair bound; contact BrackenFen. " + expected_and_got,
+                        file_path_);
 }
 
 void FileDownload::land(const std::string& actual_sha) {

@@ -236,8 +236,11 @@ void SyncManager::Pass::collect_downloads() {
     if (file_path.view() == SIGNALS_INDEX_RELATIVE_PATH || is_checked_elsewhere(file_path, *entry)) continue;
     if (const Value& size = file_info->get("size_bytes"); size.if_real())  // one that no file can have is never committed
       static_cast<void>(manifest_integer(size, "size_bytes of " + file_path.str()));
-    if (kept[index]) note_kept(file_path, *file_info, local_entries.find(file_path));
-    if (!kept[index] && must_download(file_path, *file_info, local_entries.find(file_path), local_files)) {
+    const Value* const local_entry = local_entries.find(file_path);
+    if (kept[index]) {
+      note_kept(file_path, *file_info, local_entry);
+      seen_here_[index] = true;
+    } else if (must_download(file_path, *file_info, local_entry, local_files)) {
       if (own_files.contains_local(local_files.local_path(file_path))) throw own_file_refusal(file_path);
       wanted.push_back({file_path, Value(generation_stamped(*file_info, *server_))});
     } else {

@@ -3,7 +3,6 @@
 #include "sync/base/files/descriptor.hpp"
 #include "sync/base/files/paths.hpp"
 #include "sync/base/files/sha256.hpp"
-#include "sync/base/text/url.hpp"
 #include "sync/documents/local_files.hpp"
 #include "sync/documents/manifest_filters.hpp"
 #include "sync/documents/manifest_paths.hpp"
@@ -57,8 +56,7 @@ bool SyncManager::_download_signals_index(NeighbourSet& neighbours, Manifest& se
 std::string SyncManager::fetch_signals_index(NeighbourSet& neighbours, const std::string& file_path, const Value& base_url) {
   const std::string server_url = _server_url.get();
   const std::string url = _manifest_file_url(neighbours.transport_security(), server_url, file_path, base_url);
-  const bool is_public = _manifest_base_url_uses_public_download(server_url, base_url) || !same_origin(server_url, url);
-  HttpResult response = is_public ? _http_get_public(neighbours, url) : _http_get(neighbours, url);
+  HttpResult response = is_public_download(server_url, base_url, url) ? _http_get_public(neighbours, url) : _http_get(neighbours, url);
   if (response.status != 200) _raise_download_http_status(neighbours.auth(), file_path, response.status);
   return std::move(response.body);
 }

@@ -151,17 +151,14 @@ std::optional<Member> SyncManager::replace_vocabulary(NeighbourSet& neighbours, 
       _validate_vocabulary_bytes(neighbours, response.body, manifest_integer(manifest->era_number(), "era_number"), *universe);
   const std::string actual_sha = _sha256(response.body);
   if (const Value& expected_sha = file_info.get("sha256"); expected_sha.truthy() && expected_sha != actual_sha) {
-    throw Error(error_class::IntegrityError,
-                "Checksum failure for " + file_path + ": expected " + to_text(expected_sha) + ", got " + actual_sha,
-                Document{{"file_path", file_path}});
+    throw integrity_error("Checksum failure for " + file_path + ": expected " + to_text(expected_sha) + ", got " + actual_sha, file_path);
   }
   const Value actual_size = response.body.size();
   if (const Value& stated = file_info.get("size_bytes"); !stated.is_null()) {
     const Value expected_size = manifest_integer(stated, "size_bytes of " + file_path);
     if (expected_size != actual_size) {
-      throw Error(error_class::IntegrityError,
-                  "Size failure for " + file_path + ": expected " + to_text(expected_size) + ", got " + to_text(actual_size),
-                  Document{{"file_path", file_path}});
+      throw integrity_error("Size failure for " + file_path + ": expected " + to_text(expected_size) + ", got " + to_text(actual_size),
+                            file_path);
     }
   }
 

@@ -351,10 +351,6 @@ class JsonReader {
   JsonMembers* const taker_;
 };
 
-}  // namespace
-
-namespace {
-
 void require_json_encoding(std::string_view bytes) {
   require_utf8(bytes);
   if (bytes.starts_with(BYTE_ORDER_MARK)) throw JSONDecodeError("Unexpected UTF-8 BOM (decode using utf-8-sig)", bytes, 0);
