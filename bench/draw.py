@@ -3,14 +3,16 @@
     ./dev bench draw [RUN.json ...] [--into FOLDER]
 
 Without a name it takes the newest run. Of several, a later one counts where both have a measurement. FOLDER
-(build/bench/drawn) gets tables.md and an SVG for each measurement that compares whole processes.
+(build/bench/drawn) gets tables.md and an SVG for each measurement that compares whole processes or profiles one.
 """
 
 from __future__ import annotations
 
 import argparse
 import json
+import re
 import statistics
+import zlib
 from collections.abc import Iterator
 from pathlib import Path
 from typing import Any
@@ -112,12 +114,51 @@ def lines(measured: Measured, path: Path) -> None:
     save(figure, path)
 
 
+def flame(measured: Measured, path: Path) -> None:
+    """Stacks from the thread inward, each function as wide as its share; wide ones bear their names."""
+    [figures] = measured["seen"].values()
+    [tree] = figures["tree"]
+    figure, axes = pyplot.subplots(figsize=(12, 1 + 0.17 * depth(tree)), layout="constrained")
+
+    def place(node: Measured, left: float, level: int) -> None:
+        width = node["samples"] / tree["samples"]
+        kernel = node["name"].startswith("kernel: ")
+        # The same function has the same colour wherever it stands.
+        warmth = zlib.crc32(node["name"].encode()) % 100 / 100
+        axes.barh(level, width, left=left, height=0.95, align="edge", color=(pyplot.cm.Greys if kernel else pyplot.cm.YlOrBr)(0.15 + 0.35 * warmth), linewidth=0)
+        label = short_name(node["name"])
+        if width > 0.012:
+            axes.text(left + 0.001, level + 0.5, label[: int(width * 215)], va="center", fontsize=6, clip_on=True)
+        for below in sorted(node["below"], key=lambda one: str(one["name"])):
+            place(below, left, level + 1)
+            left += below["samples"] / tree["samples"]
+
+    place(tree, 0, 0)
+    axes.set(xlim=(0, 1), yticks=[], title=f"{measured['title']}: {tree['samples']} samples")
+    axes.xaxis.set_major_formatter("{x:.0%}")
+    axes.invert_yaxis()
+    axes.spines[["top", "right", "left"]].set_visible(False)
+    save(figure, path)
+
+
+def depth(node: Measured) -> int:
+    return 1 + max((depth(below) for below in node["below"]), default=0)
+
+
+def short_name(function: str) -> str:
+    """Without what every name has in common, without arguments of templates."""
+    name = re.sub(r"\(anonymous namespace\)::|brackenfen::sync::|\{lambda\([^)]*\)#\d+\}::", "", function)
+    while (shorter := re.sub(r"<[^<>]*>", "", name)) != name:
+        name = shorter
+    return name
+
+
 def save(figure: Any, path: Path) -> None:
     figure.savefig(path, metadata={"Date": None})
     pyplot.close(figure)
 
 
-plots = {"processes": bars, "growth": lines}
+plots = {"processes": bars, "growth": lines, "flame": flame}
 
 
 def main() -> None:
@@ -140,11 +181,12 @@ def main() -> None:
         machine = ", ".join(f"{what} {value}" for what, value in run["machine"].items())
         text.append(f"{run['rounds']} rounds, {run['scale']:g} of each set's files. {machine}.\n")
     for name, measured in measurements.items():
-        text.extend(table(measured))
+        if measured["plot"] != "flame":
+            text.extend(table(measured))
         if measured["plot"] and measured["seen"]:
             plots[measured["plot"]](measured, options.into / f"{name}.svg")
     (options.into / "tables.md").write_text("\n".join(text))
-    print(f"{options.into}: tables.md, and plots where processes are compared")
+    print(f"{options.into}: tables.md, and plots where processes are compared or profiled")
 
 
 if __name__ == "__main__":

@@ -5,6 +5,7 @@ from __future__ import annotations
 from collections.abc import Callable, Sequence
 
 import fetch
+import flame
 import servers
 import unchanged
 from fetch import LIBRARY, LIBRARY_KEPT, LIMIT, LIMIT_KEPT, VERIFIED_HTTP_PEERS, WORKERS, workers_name
@@ -190,6 +191,12 @@ TABLE = [
         unchanged.idle_round,
         [Check("processor time, the GIL's included", median("idle round", "idle_round_ms"), 1, "ms")],
     ),
+    # where the time goes
+    *(
+        Measurement(f"flame-{name}", f"the processor time of a host that fetches the set {name}", flame.fetching(name), plot="flame")
+        for name in ("S", "N", "P")
+    ),
+    Measurement("flame-pass", "the processor time of a new process whose pass finds nothing to do", flame.nothing_to_do, plot="flame"),
     # parts
     Measurement(
         "lifecycle",
