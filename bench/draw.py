@@ -25,6 +25,7 @@ from measure import INTERPRETER
 WORK = Path(__file__).resolve().parent.parent / "build" / "bench"
 LIBRARY, LIMITS = "brackenfen-sync", ("limit", "statx loop", "simdjson", "nginx")
 COLOURS = {"limit": "#9a9a9a", "library": "#1f5fa8", "peer": "#c9b458"}
+EXTRAPOLATED_FILES = 1_000_000
 Measured = dict[str, Any]
 
 
@@ -98,20 +99,36 @@ def bars(measured: Measured, path: Path) -> None:
 
 
 def lines(measured: Measured, path: Path) -> None:
-    """How the cost grows with the number of files."""
-    figure, axes = pyplot.subplots(figsize=(8, 4.5), layout="constrained")
-    curves: dict[str, list[tuple[int, float]]] = {}
+    """How time and memory grow with the number of files, and dashed where they would come to at the pace of the last two."""
+    figure, panels = pyplot.subplots(ncols=2, figsize=(12, 4.5), layout="constrained")
+    for axes, curves, unit in zip(panels, growing(measured), ("milliseconds", "MiB held"), strict=True):
+        for label, points in curves.items():
+            [line] = axes.plot(*zip(*points, strict=True), marker="o", label=label, color=COLOURS["limit"] if kind(label) == "limit" else None)
+            (fewer, less), (more, last) = points[-2:]
+            beyond = last + (last - less) / (more - fewer) * (EXTRAPOLATED_FILES - more)
+            axes.plot([more, EXTRAPOLATED_FILES], [last, beyond], linestyle="--", color=line.get_color())
+            axes.annotate(f" {beyond:,.0f}", (EXTRAPOLATED_FILES, beyond), va="center", fontsize=8)
+        axes.set(xscale="log", yscale="log", xlabel="files", ylabel=unit)
+        axes.margins(x=0.12)
+        axes.grid(which="both", linewidth=0.3)
+        axes.legend()
+    figure.suptitle(measured["title"])
+    save(figure, path)
+
+
+def growing(measured: Measured) -> tuple[dict[str, list[tuple[int, float]]], dict[str, list[tuple[int, float]]]]:
+    """The curves of milliseconds and those of mebibytes, by their labels: points of files and the figure."""
+    times: dict[str, list[tuple[int, float]]] = {}
+    sizes: dict[str, list[tuple[int, float]]] = {}
     for contender, figures in measured["seen"].items():
         name, files = contender.removesuffix(" files").rsplit(", ", 1)
-        for wanted, label in (("statx_ms", name), ("call_ms", name), ("construct_ms", f"{LIBRARY}, construction")):
-            if wanted in figures and not (wanted == "construct_ms" and name.endswith("pass")):
+        shown = [(times, "statx_ms", name), (times, "call_ms", name), (sizes, "held_mib", name)]
+        if not name.endswith("pass"):
+            shown.append((times, "construct_ms", f"{LIBRARY}, construction"))
+        for curves, wanted, label in shown:
+            if wanted in figures:
                 curves.setdefault(label, []).append((int(files), statistics.median(figures[wanted])))
-    for label, points in curves.items():
-        axes.plot(*zip(*points, strict=True), marker="o", label=label, color=COLOURS["limit"] if kind(label) == "limit" else None)
-    axes.set(xscale="log", yscale="log", xlabel="files", ylabel="milliseconds", title=measured["title"])
-    axes.grid(which="both", linewidth=0.3)
-    axes.legend()
-    save(figure, path)
+    return times, sizes
 
 
 def flame(measured: Measured, path: Path) -> None:
