@@ -33,28 +33,35 @@ class StagingPlaces {
  public:
   explicit StagingPlaces(std::string_view data_dir) : data_dir_(data_dir), root_(real_path(expand_user(data_dir))) {}
 
-  /// Throws ManifestError, and os_error where the folder cannot be opened.
-  [[nodiscard]] Place of(const Value& file_path) {
+  /// Absent where its folder cannot be opened. Throws ManifestError.
+  [[nodiscard]] std::optional<Place> find(const Value& file_path) {
     std::string relative_path = _safe_manifest_relative_path(file_path);
     enter(directory_of(relative_path));
-    Place place(folder_, join_path(root_.path(), relative_path));
+    path_ = join_path(root_.path(), relative_path);
     if (folder_) {
+      const Place place(folder_, path_);
       const std::optional<struct stat> found = look_at(place);
       if (!found || !S_ISLNK(found->st_mode)) return place.beside(".tmp");
     } else if (reason_ != ELOOP) {
-      throw os_error(reason_, place.path());
+      return std::nullopt;
     }
-    std::string resolved = _manifest_local_path(data_dir_, file_path);
-    enter(directory_of(resolved.substr(std::min(resolved.size(), root_.path().size() + 1))));
-    if (!folder_) throw os_error(reason_, resolved);
-    return Place(folder_, std::move(resolved)).beside(".tmp");
+    path_ = _manifest_local_path(data_dir_, file_path);
+    enter(directory_of(path_.substr(std::min(path_.size(), root_.path().size() + 1))));
+    return folder_ ? std::optional(Place(folder_, path_).beside(".tmp")) : std::nullopt;
+  }
+  /// The same, as os_error where that is absent.
+  [[nodiscard]] Place of(const Value& file_path) {
+    std::optional<Place> place = find(file_path);
+    if (!place) throw os_error(reason_, path_);
+    return *std::move(place);
   }
 
  private:
   void enter(std::string folder_path) {
-    if (folder_ && folder_path == folder_path_) return;
+    const bool is_entered = folder_ || reason_ == ENOENT;
+    if (is_entered && folder_path == folder_path_) return;
     folder_ = root_.folder(folder_path);
-    reason_ = errno;
+    reason_ = folder_ ? 0 : errno;
     folder_path_ = std::move(folder_path);
   }
 
@@ -62,17 +69,20 @@ class StagingPlaces {
   const RootDirectory root_;
   std::string folder_path_;
   std::shared_ptr<const Descriptor> folder_;
-  int reason_ = 0;
+  int reason_ = 0;    ///< errno, where there is no folder
+  std::string path_;  ///< of the file that was asked for last
 };
 
 std::unordered_set<std::string> staging_paths(std::string_view data_dir, const std::vector<Value>& relative_paths) {
   std::unordered_set<std::string> paths;
   StagingPlaces places(data_dir);
+  std::size_t seen = 0;
   for (const Value& relative_path : relative_paths) {
-    if (paths.size() % PATHS_PER_INTERRUPT_CHECK == 0) check_interrupt();
+    if (seen++ % PATHS_PER_INTERRUPT_CHECK == 0) check_interrupt();
     try {
-      paths.insert(places.of(to_text(relative_path)).path());
-    } catch (const Error& error) {  // what has no folder has no staging file either
+      // What has no folder has no staging file either.
+      if (const std::optional<Place> place = places.find(to_text(relative_path))) paths.insert(place->path());
+    } catch (const Error& error) {
       const bool unusable = error.is(error_class::ManifestError) || error.is(error_class::ValueError) || error.is(error_class::TypeError) ||
                             error.is(error_class::OSError);
       if (!unusable) throw;
