@@ -39,9 +39,10 @@ struct Outcome {
   bool superseded = false;
 };
 
-/// What a worker keeps from one file to the next.
+/// What a worker keeps from one file to the next; the options lead to the rest.
 struct Worker {
   const std::unique_ptr<HttpConnections> connections;
+  SyncManager::DownloadOptions options;
   std::optional<LocalFiles> local_files = {};
 };
 
@@ -187,7 +188,12 @@ void Batch::work() {
   ThreadWork::current() = work_;
   const InterruptScope scope(interrupt_);
   try {
-    Worker worker{manager_->seams().http->connections()};
+    Worker worker{manager_->seams().http->connections(), {}};
+    worker.options.connections = worker.connections.get();
+    worker.options.is_abandoned = [this] { return abandoned_.load(); };  // kept no longer than the call
+    worker.options.backoff_context = parent_context_;
+    // A host may keep it.
+    worker.options.backoff_context->stop_requested = [self = shared_from_this()] { return self->worker_stop_requested(); };
     while (const Task* task = next_task()) run_task(*task, worker);
   } catch (...) {  // run_item holds what a download throws; this is a lack of memory for the outcome
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -224,14 +230,9 @@ Outcome Batch::run_item(std::size_t index, Worker& worker) {
   outcome.item = index;
   const Item& item = items_[index];
   try {
-    SyncManager::DownloadOptions options;
-    options.backoff_context = parent_context_;
-    options.backoff_context->stop_requested = [self = shared_from_this()] { return self->worker_stop_requested(); };  // a host may keep it
-    if (!worker.local_files) worker.local_files.emplace(data_dir_, directory_);  // here, where a failure is the file's
-    options.local_files = &*worker.local_files;
-    options.connections = worker.connections.get();
-    options.is_abandoned = [this] { return abandoned_.load(); };  // kept no longer than the call
-    manager_->_download_file(*neighbours_, item.file_path, item.file_info, outcome.result, options);
+    // Here, where a failure is the file's.
+    if (!worker.local_files) worker.options.local_files = &worker.local_files.emplace(data_dir_, directory_);
+    manager_->_download_file(*neighbours_, item.file_path, item.file_info, outcome.result, worker.options);
   } catch (const Error& error) {
     outcome.failure = std::current_exception();
     outcome.superseded = error.is(error_class::ManifestSupersededError);
