@@ -93,7 +93,14 @@ std::shared_ptr<const Descriptor> LocalFiles::place_folder(const std::string& fo
   return last_place_folder_;
 }
 
-Place LocalFiles::next_place(std::string_view file_path, Parents parents) {
+Place LocalFiles::next_place(std::string_view file_path, Parents parents) { return find_place(file_path, parents, nullptr); }
+
+bool LocalFiles::still_leads_to(const Place& place, std::string_view file_path) {
+  last_place_folder_.reset();
+  return in_same_folder(place, find_place(file_path, Parents::Make, &place));
+}
+
+Place LocalFiles::find_place(std::string_view file_path, Parents parents, const Place* known) {
   std::string relative_path = _safe_manifest_relative_path(file_path);
   for (int tries = 1;; ++tries) {
     const std::string folder_path = directory_of(relative_path);
@@ -101,7 +108,8 @@ Place LocalFiles::next_place(std::string_view file_path, Parents parents) {
     const int reason = errno;
     if (folder) {
       Place place(folder, join_path(base_, relative_path));
-      const std::optional<struct stat> found = look_at(place);
+      const bool is_known = known != nullptr && known->path() == place.path();
+      const std::optional<struct stat> found = is_known ? std::nullopt : look_at(place);
       // What a link leads to takes its place; a link that leads nowhere at all is one to be replaced.
       if (!found || !S_ISLNK(found->st_mode) || tries > 1) {
         if (own_files_.contains(relative_path)) throw own_file_refusal(file_path);

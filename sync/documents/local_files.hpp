@@ -46,6 +46,9 @@ class LocalFiles {
   [[nodiscard]] Place place(std::string_view file_path, Parents parents = Parents::Make);
   /// The same for one of many files: the folder that was found last is not opened again. It is as old as that.
   [[nodiscard]] Place next_place(std::string_view file_path, Parents parents = Parents::Make);
+  /// Whether `place`, where the file's way led before, is in the folder that a look from the beginning finds. What stands
+  /// under its name is not looked at where it was no link then: a rename replaces it. Throws as place does.
+  [[nodiscard]] bool still_leads_to(const Place& place, std::string_view file_path);
   /// _manifest_local_path of it.
   [[nodiscard]] std::string local_path(std::string_view file_path);
 
@@ -69,6 +72,8 @@ class LocalFiles {
   int open_parent(std::string_view relative_path);
   /// The descriptor of the folder, or -1 with errno set.
   int open_folder(std::string_view folder_path);
+  /// next_place, without a look for a link where it would lead to `known`.
+  [[nodiscard]] Place find_place(std::string_view file_path, Parents parents, const Place* known);
   /// The folder of a place, which may be the last one; null with errno set.
   [[nodiscard]] std::shared_ptr<const Descriptor> place_folder(const std::string& folder_path);
 

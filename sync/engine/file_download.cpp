@@ -322,7 +322,7 @@ void FileDownload::require_repair_left(const std::string& actual_sha) {
 void FileDownload::land(const std::string& actual_sha) {
   const std::int64_t total_written = staging_.size_bytes();
   // Not into a folder that was moved away while the bytes came.
-  if (!in_same_folder(place_, local_files_.place(file_path_))) throw os_error(ENOENT, place_.path());
+  if (!local_files_.still_leads_to(place_, file_path_)) throw os_error(ENOENT, place_.path());
   const std::optional<FileStat> landed = staging_.land(*seams_.files, place_);
   const bool target_is_live = !options_.target_data_dir || *options_.target_data_dir == live_data_dir_;
   if (target_is_live) {

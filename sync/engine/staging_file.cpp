@@ -47,6 +47,27 @@ NameMutexes& name_mutexes() {
 /// it in between.
 std::mutex& name_mutex(const FileId& file) { return name_mutexes()[file.inode % std::tuple_size_v<NameMutexes>]; }
 
+/// As read_some and write_all, at a place in the file: where the last read or write ended says nothing.
+std::size_t read_at(const Descriptor& file, std::int64_t offset, char* buffer, std::size_t size, const std::string& path) {
+  for (;;) {
+    const ssize_t count = ::pread(file.get(), buffer, size, offset);
+    if (count >= 0) return static_cast<std::size_t>(count);
+    if (errno != EINTR) throw os_error(errno, path);
+  }
+}
+
+void write_at(const Descriptor& file, std::int64_t offset, std::string_view bytes, const std::string& path) {
+  while (!bytes.empty()) {
+    const ssize_t count = ::pwrite(file.get(), bytes.data(), bytes.size(), offset);
+    if (count >= 0) {
+      bytes.remove_prefix(static_cast<std::size_t>(count));
+      offset += count;
+    } else if (errno != EINTR) {
+      throw os_error(errno, path);
+    }
+  }
+}
+
 /// False where another download has the file open. File systems without such locks leave it at the look at the name.
 bool try_lock(const Descriptor& file) noexcept { return ::flock(file.get(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK; }
 
@@ -95,7 +116,7 @@ std::int64_t StagingFile::copy_from(const Descriptor& other) {
   std::int64_t copied_bytes = 0;
   truncate(0);  // of what one that had the name in between has left
   while (const std::size_t count = read_some(other, block.data(), block.size(), place_.path())) {
-    write_all(file_, {block.data(), count}, place_.path());
+    write_at(file_, copied_bytes, {block.data(), count}, place_.path());
     copied_bytes += static_cast<std::int64_t>(count);
     check_interrupt();
   }
@@ -127,14 +148,12 @@ std::optional<FileStat> StagingFile::move_to(Files& files, const Place& target) 
 }
 
 void StagingFile::digest_prefix(std::int64_t size_bytes) {
-  digest_.reset();
-  size_bytes_ = 0;
-  seek(0);
+  forget_content();
   std::vector<char> block;  // none where there is nothing to read, as for most files
   while (size_bytes_ < size_bytes) {
     if (block.empty()) block.resize(READ_BLOCK_BYTES);
     const auto wanted = static_cast<std::size_t>(std::min<std::int64_t>(size_bytes - size_bytes_, READ_BLOCK_BYTES));
-    const std::size_t count = read_some(file_, block.data(), wanted, place_.path());
+    const std::size_t count = read_at(file_, size_bytes_, block.data(), wanted, place_.path());
     if (count == 0) return;
     digest_.update(block.data(), count);
     size_bytes_ += static_cast<std::int64_t>(count);
@@ -145,7 +164,10 @@ void StagingFile::digest_prefix(std::int64_t size_bytes) {
 void StagingFile::clear() {
   require_own_process();
   if (look_for(id_, place_)) truncate(0);
-  seek(0);
+  forget_content();
+}
+
+void StagingFile::forget_content() {
   digest_.reset();
   size_bytes_ = 0;
 }
@@ -154,7 +176,7 @@ void StagingFile::expect(std::optional<std::uint64_t> partial_limit, std::option
   partial_limit_ = partial_limit;
   whole_limit_ = whole_limit;
   start_bytes_ = size_bytes_;
-  if (start_bytes_ > 0) start_digest_.assign(digest_);
+  if (start_bytes_ > 0) (start_digest_ ? *start_digest_ : start_digest_.emplace()).assign(digest_);
   received_bytes_ = 0;
   overwrites_ = false;
 }
@@ -163,16 +185,10 @@ std::uint64_t StagingFile::begin(int status) {
   require_own_process();
   if (status == 200 && whole_limit_) {
     overwrites_ = start_bytes_ > 0;
-    seek(0);
-    digest_.reset();
-    size_bytes_ = 0;
+    forget_content();
     return *whole_limit_;
   }
-  if (status == 206 && partial_limit_) {
-    seek(start_bytes_);
-    return *partial_limit_;
-  }
-  return 0;
+  return status == 206 && partial_limit_ ? *partial_limit_ : 0;
 }
 
 void StagingFile::accept(std::string_view bytes) {
@@ -180,15 +196,15 @@ void StagingFile::accept(std::string_view bytes) {
   if (block_.empty()) held_back_since_ns_ = now_ns;
   if (block_.size() + bytes.size() > WRITE_BLOCK_BYTES) flush();
   block_.append(bytes);
-  if (now_ns - held_back_since_ns_ > LONGEST_HELD_BACK_NS) flush();
   size_bytes_ += static_cast<std::int64_t>(bytes.size());
+  if (now_ns - held_back_since_ns_ > LONGEST_HELD_BACK_NS) flush();
   received_bytes_ += bytes.size();
 }
 
 void StagingFile::flush() {
   if (block_.empty()) return;
   require_name();
-  write_all(file_, block_, place_.path());
+  write_at(file_, size_bytes_ - static_cast<std::int64_t>(block_.size()), block_, place_.path());
   digest_.update(block_);
   block_.clear();
 }
@@ -203,16 +219,11 @@ void StagingFile::roll_back() {
   if (overwrites_) {
     digest_prefix(start_bytes_);  // the same bytes again if the file has not changed; the checksum decides
   } else {
-    start_bytes_ > 0 ? digest_.assign(start_digest_) : digest_.reset();
+    start_bytes_ > 0 ? digest_.assign(*start_digest_) : digest_.reset();
     size_bytes_ = start_bytes_;
-    seek(size_bytes_);
   }
   received_bytes_ = 0;
   overwrites_ = false;
-}
-
-void StagingFile::seek(std::int64_t offset) {
-  if (::lseek(file_.get(), offset, SEEK_SET) < 0) throw os_error(errno, place_.path());
 }
 
 void StagingFile::truncate(std::int64_t size_bytes) {

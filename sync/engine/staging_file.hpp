@@ -72,9 +72,10 @@ class StagingFile : public ResponseSink {
   void require_name() const;
   /// Returns the file's stat from before, absent where it holds something else than was written here.
   [[nodiscard]] std::optional<FileStat> move_to(Files& files, const Place& target) const;
+  /// As if nothing had been read or written yet; the file stays as it is.
+  void forget_content();
   /// Digests the file from its beginning, as far as it goes or up to `size_bytes`.
   void digest_prefix(std::int64_t size_bytes);
-  void seek(std::int64_t offset);
   void truncate(std::int64_t size_bytes);
 
   Place place_;
@@ -91,7 +92,7 @@ class StagingFile : public ResponseSink {
   std::optional<std::uint64_t> partial_limit_;
   std::optional<std::uint64_t> whole_limit_;
   std::int64_t start_bytes_ = 0;
-  Sha256 start_digest_;
+  std::optional<Sha256> start_digest_;  ///< of start_bytes_, where there are some
   std::uint64_t received_bytes_ = 0;
   bool overwrites_ = false;  ///< a 200 is going over bytes that were here before
 };

@@ -120,8 +120,10 @@ TEST(Sha256, givesThePublishedDigestsAndGoesBackToAState) {
   EXPECT_NE(digest.hex_digest(), _sha256("a"));
   kept.update("bc");
   EXPECT_EQ(kept.hex_digest(), _sha256("abc"));
-  kept.reset();
-  EXPECT_EQ(kept.hex_digest(), _sha256(""));
+  for (int digest_of_nothing = 0; digest_of_nothing < 2; ++digest_of_nothing) {
+    kept.reset();
+    EXPECT_EQ(kept.hex_digest(), _sha256(""));
+  }
 }
 
 }  // namespace
