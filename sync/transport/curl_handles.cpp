@@ -113,16 +113,12 @@ CurlLease::CurlLease(Connections connections)
   if (handles_.multi == nullptr) out_of_memory();
 }
 
-void CurlLease::begin_transfer() {
-  if (std::exchange(is_clean_, false)) return;
+CurlLease::Handle CurlLease::begin_transfer() {
+  if (std::exchange(is_clean_, false)) return Handle::Used;
   curl_easy_cleanup(std::exchange(handles_.easy, curl_easy_init()));
   if (handles_.easy == nullptr) out_of_memory();
   curl_easy_setopt(handles_.easy, CURLOPT_SHARE, process_.share);
-}
-
-void CurlLease::end_well() noexcept {
-  curl_easy_reset(handles_.easy);  // all but the share
-  is_clean_ = true;
+  return Handle::New;
 }
 
 CurlLease::~CurlLease() {

@@ -30,11 +30,13 @@ class CurlLease {
   CurlLease& operator=(const CurlLease&) = delete;
   ~CurlLease();
 
-  /// An easy handle without options. Throws MemoryError.
-  void begin_transfer();
+  enum class Handle : char { New, Used };
+  /// An easy handle, either without options or with those of an earlier transfer: each sets
+  /// anew what is its own. Throws MemoryError.
+  [[nodiscard]] Handle begin_transfer();
   /// The transfer ran to its end, so that another may have the easy handle. After one that broke off, pieces of its headers
   /// would turn up in the next.
-  void end_well() noexcept;
+  void end_well() noexcept { is_clean_ = true; }
 
   [[nodiscard]] bool keeps_connections() const noexcept { return connections_ == Connections::Keep; }
   [[nodiscard]] CURL* easy() const noexcept { return handles_.easy; }
@@ -44,7 +46,7 @@ class CurlLease {
   detail::CurlProcess& process_;
   const Connections connections_;
   CurlHandles handles_;
-  bool is_clean_;  ///< the easy handle, which has no options but the share
+  bool is_clean_;  ///< the easy handle: no transfer is under way or broke off in it
 };
 
 }  // namespace brackenfen::sync

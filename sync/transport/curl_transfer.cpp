@@ -94,7 +94,7 @@ int Deadline::slice_milliseconds() const {
 
 CurlTransfer::CurlTransfer(const RequestRoute& route, Environment& environment, double timeout_seconds, CurlLease* kept)
     : handles_(kept != nullptr ? *kept : own_handles_.emplace()), timeout_seconds_(timeout_seconds) {
-  handles_.begin_transfer();
+  if (handles_.begin_transfer() == CurlLease::Handle::New) set_up_handle();
   set_request(route, environment);
   if (route.is_encrypted()) set_certificates(environment);
   if (curl_multi_add_handle(handles_.multi(), handles_.easy()) != CURLM_OK) throw network_error(CURLE_OUT_OF_MEMORY, 0, {});
@@ -102,35 +102,50 @@ CurlTransfer::CurlTransfer(const RequestRoute& route, Environment& environment, 
 
 CurlTransfer::~CurlTransfer() {
   curl_multi_remove_handle(handles_.multi(), handles_.easy());
+  // The handle outlives both.
+  curl_easy_setopt(handles_.easy(), CURLOPT_ERRORBUFFER, nullptr);
+  curl_easy_setopt(handles_.easy(), CURLOPT_HTTPHEADER, nullptr);
   if (headers_done_ && result_ == CURLE_OK) handles_.end_well();
+}
+
+void CurlTransfer::set_up_handle() {
+  CURL* const easy = handles_.easy();
+  set_option(easy, CURLOPT_NOSIGNAL, 1L);
+  set_option(easy, CURLOPT_PATH_AS_IS, 1L);
+  set_option(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+  set_option(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  set_option(easy, CURLOPT_FOLLOWLOCATION, 0L);
+  // The deadlines are kept here; curl's own would end a longer connection attempt at 300 s.
+  set_option(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(INT32_MAX));
+  // A name look-up cannot be called off: its thread is left behind rather than waited for.
+  set_option(easy, CURLOPT_QUICK_EXIT, 1L);
+  // A proxy sees what is meant for it alone.
+  set_option(easy, CURLOPT_HEADEROPT, static_cast<long>(CURLHEADER_SEPARATE));
+  set_option(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+
+  set_option(easy, CURLOPT_SSL_VERIFYPEER, 1L);
+  set_option(easy, CURLOPT_SSL_VERIFYHOST, 2L);
+  set_option(easy, CURLOPT_SSL_CTX_FUNCTION, &accept_abrupt_close);
+  set_option(easy, CURLOPT_CA_CACHE_TIMEOUT, CERTIFICATE_STORE_SECONDS);
+
+  set_option(easy, CURLOPT_OPENSOCKETFUNCTION, &CurlTransfer::open_socket);
+  set_option(easy, CURLOPT_HEADERFUNCTION, &CurlTransfer::on_header);
+  set_option(easy, CURLOPT_WRITEFUNCTION, &CurlTransfer::on_body);
+  set_option(easy, CURLOPT_PREREQFUNCTION, &CurlTransfer::on_connected);
 }
 
 void CurlTransfer::set_request(const RequestRoute& route, Environment& environment) {
   CURL* const easy = handles_.easy();
   set_option(easy, CURLOPT_ERRORBUFFER, error_text_.data());
-  set_option(easy, CURLOPT_NOSIGNAL, 1L);
   set_option(easy, CURLOPT_URL, route.url().c_str());
-  set_option(easy, CURLOPT_PATH_AS_IS, 1L);
-  set_option(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-  set_option(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-  set_option(easy, CURLOPT_FOLLOWLOCATION, 0L);
   set_option(easy, CURLOPT_FRESH_CONNECT, handles_.keeps_connections() ? 0L : 1L);
   set_option(easy, CURLOPT_FORBID_REUSE, handles_.keeps_connections() ? 0L : 1L);
-  set_option(easy, CURLOPT_OPENSOCKETFUNCTION, &CurlTransfer::open_socket);
-  set_option(easy, CURLOPT_OPENSOCKETDATA, this);
   const std::int64_t read_bytes = _sync_http_response_read_bytes(environment);
   set_option(easy, CURLOPT_BUFFERSIZE, static_cast<long>(std::clamp(read_bytes, SMALLEST_READ_BYTES, LARGEST_READ_BYTES)));
-  // The deadlines are kept here; curl's own would end a longer connection attempt at 300 s.
-  set_option(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(INT32_MAX));
-  // A name look-up cannot be called off: its thread is left behind rather than waited for.
-  set_option(easy, CURLOPT_QUICK_EXIT, 1L);
   // Set even where they are empty: what is not set, curl reads from the environment itself.
   const ProxyChoice way = proxy_for(environment, route.url(), route.is_encrypted());
   set_option(easy, CURLOPT_PROXY, way.proxy.c_str());
   set_option(easy, CURLOPT_NOPROXY, way.exempt_hosts.c_str());
-  // A proxy sees what is meant for it alone.
-  set_option(easy, CURLOPT_HEADEROPT, static_cast<long>(CURLHEADER_SEPARATE));
-  set_option(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
 
   curl_slist* list = nullptr;
   const auto append = [&](const std::string& line) {
@@ -147,20 +162,14 @@ void CurlTransfer::set_request(const RequestRoute& route, Environment& environme
   append("Proxy-Connection:");
   set_option(easy, CURLOPT_HTTPHEADER, request_headers_.get());
 
-  set_option(easy, CURLOPT_HEADERFUNCTION, &CurlTransfer::on_header);
+  set_option(easy, CURLOPT_OPENSOCKETDATA, this);
   set_option(easy, CURLOPT_HEADERDATA, this);
-  set_option(easy, CURLOPT_WRITEFUNCTION, &CurlTransfer::on_body);
   set_option(easy, CURLOPT_WRITEDATA, this);
-  set_option(easy, CURLOPT_PREREQFUNCTION, &CurlTransfer::on_connected);
   set_option(easy, CURLOPT_PREREQDATA, this);
 }
 
 void CurlTransfer::set_certificates(Environment& environment) {
   CURL* const easy = handles_.easy();
-  set_option(easy, CURLOPT_SSL_VERIFYPEER, 1L);
-  set_option(easy, CURLOPT_SSL_VERIFYHOST, 2L);
-  set_option(easy, CURLOPT_SSL_CTX_FUNCTION, &accept_abrupt_close);
-  set_option(easy, CURLOPT_CA_CACHE_TIMEOUT, CERTIFICATE_STORE_SECONDS);
   const std::string file = certificate_file(environment);
   const std::string directory = environment.get("SSL_CERT_DIR").value_or("");
   if (file.empty() && directory.empty()) {

@@ -56,6 +56,9 @@ class CurlTransfer final : public HttpResponse {
     void operator()(curl_slist* list) const noexcept { curl_slist_free_all(list); }
   };
 
+  /// What holds for every transfer of a handle.
+  void set_up_handle();
+  /// What is this transfer's own, all of it: the handle may come from another.
   void set_request(const RequestRoute& route, Environment& environment);
   void set_certificates(Environment& environment);
   /// Lets curl work once.

@@ -81,29 +81,28 @@ RequestRoute::RequestRoute(const HttpRequest& request) : headers_(request.header
   ParsedUrl parsed;
   // The path goes out as it stands: "a/../b" is the server's to judge.
   if (!parsed.set(request.url, CURLU_PATH_AS_IS)) throw ValueError("the URL is not valid: " + parsed.why());
-  if (!is_web_scheme(parsed.scheme())) throw ValueError("the URL is neither http nor https");
+  const std::string scheme = parsed.scheme();
+  if (!is_web_scheme(scheme)) throw ValueError("the URL is neither http nor https");
   parsed.drop_user_information();
   url_ = parsed.url();
-  scheme_ = parsed.scheme();
-  origin_ = parsed.origin();
+  is_encrypted_ = scheme == "https";
 }
 
 void RequestRoute::follow(std::string_view location, const TransportSecurity& may_follow) {
   if (++redirects_ > MAX_REDIRECTS) refuse("more than " + std::to_string(MAX_REDIRECTS) + " redirects");
   ParsedUrl target;
+  const bool is_set = target.set(url_, CURLU_PATH_AS_IS);
+  const std::string origin = target.origin();
   // A fragment alone means the same address again; curl's parser would cut the path's last segment off.
   const bool resolved =
-      target.set(url_, CURLU_PATH_AS_IS) &&
-      (location.starts_with('#') || target.set(latin1_from_text(location).value_or(std::string(location)), CURLU_URLENCODE));
+      is_set && (location.starts_with('#') || target.set(latin1_from_text(location).value_or(std::string(location)), CURLU_URLENCODE));
   if (!resolved) refuse("redirect refused: its target is not valid: " + target.why());
   require_acceptable_target(target, is_encrypted(), may_follow);
 
   url_ = target.url();
-  scheme_ = target.scheme();
-  if (target.origin() != origin_) {
-    origin_.clear();  // matches no later target either
-    std::erase_if(headers_, [](const auto& header) { return ascii_lower(header.first) == "authorization"; });
-  }
+  is_encrypted_ = target.scheme() == "https";
+  if (target.origin() == origin) return;
+  std::erase_if(headers_, [](const auto& header) { return ascii_lower(header.first) == "authorization"; });
 }
 
 }  // namespace brackenfen::sync

@@ -24,7 +24,7 @@ class RequestRoute {
   [[nodiscard]] const std::string& url() const noexcept { return url_; }
   /// The headers to ask with. Authorization is gone once a redirect has left the first origin, for good.
   [[nodiscard]] const Headers& headers() const noexcept { return headers_; }
-  [[nodiscard]] bool is_encrypted() const noexcept { return scheme_ == "https"; }
+  [[nodiscard]] bool is_encrypted() const noexcept { return is_encrypted_; }
 
   /// Goes on to `location`, absolute or relative to url(). Throws RedirectRefusedError, saying why, where the
   /// target is refused; its text holds the target's scheme and host at most.
@@ -32,8 +32,7 @@ class RequestRoute {
 
  private:
   std::string url_;
-  std::string scheme_;
-  std::string origin_;  // scheme, host and port
+  bool is_encrypted_ = false;
   Headers headers_;
   int redirects_ = 0;
 };

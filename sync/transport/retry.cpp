@@ -134,7 +134,6 @@ class RetryLoop {
   const float timeout_seconds_;
   ResponseSink* const sink_;
 
-  const std::string event_file_ = _sync_event_file_from_url(request_.url);
   const double started_at_ = seams_.clock->monotonic_seconds();
   std::vector<Value> statuses_;
   std::vector<Value> failures_;
@@ -235,12 +234,13 @@ void RetryLoop::note_network_failure(const Error& error) {
 
 void RetryLoop::wait(const std::string& reason, const Document& event_fields) {
   const auto wait_seconds = static_cast<float>(_backoff_delay_seconds(seams_, attempt_index_));
+  const std::string event_file = _sync_event_file_from_url(request_.url);
   if (!outage_status_emitted_) {
     emit_status("sync_unavailable_status");
     outage_status_emitted_ = true;
   }
-  _log_sync_event("http_retry", event_file_, attempt_index_ + 1, reason, event_fields);
-  _emit_sync_backoff_wait(seams_, "http_request", attempt_index_, reason, event_file_, wait_seconds);
+  _log_sync_event("http_retry", event_file, attempt_index_ + 1, reason, event_fields);
+  _emit_sync_backoff_wait(seams_, "http_request", attempt_index_, reason, event_file, wait_seconds);
   _sleep_for_sync_backoff(seams_, wait_seconds);
 }
 
