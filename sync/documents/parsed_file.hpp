@@ -3,6 +3,7 @@
 
 #include <exception>
 #include <string>
+#include <string_view>
 
 #include "sync/base/values/value.hpp"
 
@@ -10,8 +11,8 @@ namespace brackenfen::sync {
 
 class ParsedFile {
  public:
-  /// Any thread; throws nothing.
-  [[nodiscard]] static ParsedFile read(const std::string& path) noexcept;
+  /// Any thread; throws nothing. Texts that are keys of `known` are shared with it.
+  [[nodiscard]] static ParsedFile read(const std::string& path, const Document& known = {}) noexcept;
 
   [[nodiscard]] bool exists() const noexcept { return exists_; }
   /// What it holds; throws what reading or parsing threw.
@@ -19,6 +20,8 @@ class ParsedFile {
     if (failure_) std::rethrow_exception(failure_);
     return value_;
   }
+  /// Its member `key`; empty where there is none, or no document.
+  [[nodiscard]] Document member(std::string_view key) const noexcept;
 
  private:
   bool exists_ = false;

@@ -1,6 +1,7 @@
 // What a manager is built from: its arguments, and what the directory still holds of an earlier life.
+#include <malloc.h>
+
 #include <functional>
-#include <iterator>
 #include <utility>
 
 #include "sync/base/error.hpp"
@@ -22,6 +23,25 @@ namespace brackenfen::sync {
 namespace {
 
 constexpr std::size_t LARGEST_COUNT_BYTES = 64;
+constexpr std::size_t MANY_FILES = 10'000;
+
+void side_by_side(const std::function<void()>& first, const std::function<void()>& second) {
+  const auto make_work = [&]() -> IndexWork {
+    return [&](std::size_t index) {
+      index == 0 ? first() : second();
+      return true;
+    };
+  };
+  static_cast<void>(for_each_index(2, make_work));
+}
+
+/// Of many files, what reading their documents took beside what is kept of them. The allocator would hold it for as long as
+/// the process lives; the walk over what is free in it, a host's share too, is short beside the reading.
+void give_back_free_memory(const Manifest& manifest) {
+  const Value files = manifest.files();
+  const Document* entries = files.if_document();
+  if (entries != nullptr && entries->size() >= MANY_FILES) static_cast<void>(::malloc_trim(0));
+}
 
 }  // namespace
 
@@ -30,16 +50,11 @@ struct SyncManager::StoredDocuments {
     const std::string data_dir = manager._data_dir.get();
     const std::string rotation_state_path = feature_rotation_state_path(data_dir);
     rotation_state_seen = manager.seams_.files->stat(rotation_state_path);
-    const std::function<void()> readers[] = {[&] { hash_cache = HashCache::read(manager._hash_cache.path()); },
-                                             [&] { manifest = ParsedFile::read(join_path(data_dir, "manifest.json")); },
-                                             [&] { rotation_state = ParsedFile::read(rotation_state_path); }};
-    const auto make_work = [&]() -> IndexWork {
-      return [&](std::size_t index) {
-        readers[index]();
-        return true;
-      };
-    };
-    static_cast<void>(for_each_index(std::size(readers), make_work));
+    side_by_side([&] { hash_cache = HashCache::read(manager._hash_cache.path()); },
+                 [&] { manifest = ParsedFile::read(join_path(data_dir, "manifest.json")); });
+    // Nearly all paths of the others are the manifest's, and take no room of their own.
+    const Document files = manifest.member("files");
+    side_by_side([&] { hash_cache.share_paths(files); }, [&] { rotation_state = ParsedFile::read(rotation_state_path, files); });
   }
 
   HashCache::Stored hash_cache;
@@ -68,12 +83,15 @@ SyncManager::SyncManager(Options options)
 
   _get_token.set(std::move(options.get_token));
   runtime_freshness_guard.set(std::move(options.runtime_freshness_guard));
-  StoredDocuments stored(*this);
-  _hash_cache.load(std::move(stored.hash_cache));
-  restore_consumer_count();
-  load_active_rotation_state(*neighbours, std::exchange(stored.rotation_state, {}), stored.rotation_state_seen);
-  restore_manifest(*neighbours, stored.manifest);
+  {
+    StoredDocuments stored(*this);
+    _hash_cache.load(std::move(stored.hash_cache));
+    restore_consumer_count();
+    load_active_rotation_state(*neighbours, std::exchange(stored.rotation_state, {}), stored.rotation_state_seen);
+    restore_manifest(*neighbours, stored.manifest);
+  }
   restore_vocabulary(*neighbours);
+  if (const auto manifest = _manifest.get()) give_back_free_memory(*manifest);
 }
 
 SyncManager::~SyncManager() {
@@ -97,13 +115,12 @@ void SyncManager::restore_manifest(NeighbourSet& neighbours, const ParsedFile& s
   const std::string data_dir = _data_dir.get();
   try {
     const Value& loaded = stored.value();
-    const Document cleaned = _sanitize_manifest_data_for_sync(neighbours, loaded);
+    auto manifest = std::make_shared<Manifest>(neighbours, loaded);
+    const Document cleaned = manifest->data();
     if (!Value(cleaned).same_as(loaded) && !(Value(cleaned) == loaded)) {
       _write_manifest_json(*seams_.files, *seams_.clock, data_dir, cleaned);
     }
-    auto manifest = std::make_shared<Manifest>(neighbours, Value(cleaned));
     _manifest.set(manifest);
-    share_active_paths(*manifest);
     _normalize_active_rotation_state_for_manifest(neighbours, *manifest);
     _load_manifest_signals_index(data_dir, *manifest);
   } catch (const Error& error) {

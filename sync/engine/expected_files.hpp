@@ -23,6 +23,7 @@ struct ExpectedFile {
 /// Views of paths and entries, which must outlive it.
 class ExpectedFiles {
  public:
+  void reserve(std::size_t count) { files_.reserve(count); }
   void add(std::string_view file_path, const Document* file_info) {
     if (files_.size() % FILES_PER_INTERRUPT_CHECK == 0) check_interrupt();
     files_.push_back({file_path, file_info});

@@ -10,10 +10,12 @@
 #include <fmt/format.h>
 
 #include "sync/base/error.hpp"
-#include "sync/base/files/descriptor.hpp"
+#include "sync/base/files/file_text.hpp"
 #include "sync/base/threads/failure.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/base/values/json.hpp"
+#include "sync/base/values/member_cursor.hpp"
+#include "sync/base/values/text_set.hpp"
 
 namespace brackenfen::sync {
 namespace {
@@ -85,10 +87,10 @@ HashCache::Entries& HashCache::own_entries() {
 
 bool HashCache::holds(const Entries& entries, std::string_view file_path, const FileStat& stat, std::string_view expected_sha) {
   if (expected_sha.empty()) return false;
-  const auto found = entries.find(file_path);
-  if (found == entries.end()) return false;
-  const auto* known = std::get_if<Fingerprint>(&found->second);
-  if (known == nullptr) return unusual_entry_holds(std::get<Document>(found->second), stat, expected_sha);
+  const Entry* found = entries.find(file_path);
+  if (found == nullptr) return false;
+  const auto* known = std::get_if<Fingerprint>(found);
+  if (known == nullptr) return unusual_entry_holds(std::get<Document>(*found), stat, expected_sha);
   return known->size_bytes == stat.size_bytes && known->mtime_ns == stat.mtime_ns && known->ctime_ns == stat.ctime_ns &&
          known->inode == stat.inode && known->sha256.is(expected_sha);
 }
@@ -111,12 +113,11 @@ void HashCache::store(std::string_view file_path, std::string_view actual_sha, c
                              {"size_bytes", stat.size_bytes}};
   Entry entry = entry_from_document(as_document);
   MutexLock lock(mutex_);
-  const auto stored = entries_->find(file_path);
-  if (stored != entries_->end()) {
-    const auto* unusual = std::get_if<Document>(&stored->second);
-    if (unusual != nullptr ? *unusual == as_document : stored->second == entry) return;
+  if (const Entry* stored = entries_->find(file_path)) {
+    const auto* unusual = std::get_if<Document>(stored);
+    if (unusual != nullptr ? *unusual == as_document : *stored == entry) return;
   }
-  own_entries().insert_or_assign(Text(file_path), std::move(entry));
+  own_entries().put(Text(file_path), std::move(entry));
   dirty_ = true;
 } catch (const std::bad_alloc&) {
 }
@@ -128,21 +129,20 @@ void HashCache::_persist_hash_cache() {
     dirty_ = false;  // before the entries are taken: one that comes later is then for the next time
   }
   try {
-    _atomic_write(files_, clock_, path(), file_text(copy_entries()));
+    _atomic_write(files_, clock_, path(), file_text(copy_items()));
   } catch (const std::exception& failure) {
     set_dirty(true);
     warn("Failed to persist sync hash cache: %s", failure);
   }
 }
 
-Document HashCache::entries() const { return document_from(copy_entries()); }
+Document HashCache::entries() const { return document_from(copy_items()); }
 
 void HashCache::set_entries(const Document& entries) {
   auto fresh = std::make_shared<Entries>();
-  fresh->max_load_factor(LOAD_FACTOR);
   fresh->reserve(entries.size());
   for (const auto& [path, entry] : entries) {
-    if (const Document* document = entry.if_document()) fresh->emplace(path, entry_from_document(*document));
+    if (const Document* document = entry.if_document()) fresh->put(path, entry_from_document(*document));
   }
   MutexLock lock(mutex_);
   entries_.swap(fresh);
@@ -159,35 +159,85 @@ void HashCache::set_dirty(bool dirty) {
   dirty_ = dirty;
 }
 
+void HashCache::Entries::reserve(std::size_t count) {
+  items_.reserve(count);
+  if (count > index_.capacity()) index_ = index_.grown_to(count);
+}
+
+PositionIndex::Place HashCache::Entries::locate(std::string_view path, std::uint32_t hash) const noexcept {
+  return index_.locate(hash, [&](std::size_t position) { return items_[position].first.view() == path; });
+}
+
+const HashCache::Entry* HashCache::Entries::find(std::string_view path) const noexcept {
+  const PositionIndex::Place place = locate(path, PositionIndex::hash_of(path));
+  return place.found ? &items_[index_.position(place.slot)].second : nullptr;
+}
+
+void HashCache::Entries::put(Text path, Entry entry) {
+  const std::uint32_t hash = PositionIndex::hash_of(path);
+  PositionIndex::Place place = locate(path, hash);
+  if (place.found) {
+    items_[index_.position(place.slot)].second = std::move(entry);
+    return;
+  }
+  if (items_.size() == index_.capacity()) {
+    index_ = index_.grown_to(2 * items_.size() + 1);
+    place = locate(path, hash);
+  }
+  items_.emplace_back(std::move(path), std::move(entry));
+  index_.put(place.slot, hash, items_.size() - 1);
+}
+
 /// Fills entries while their file is read.
 class HashCache::Reading final : public JsonMembers {
  public:
-  explicit Reading(Entries& entries) : entries_(entries) {}
-  void begin() override { entries_.clear(); }
-  void take(Text key, Value value) override {
-    if (const Document* document = value.if_document()) {
-      entries_.insert_or_assign(std::move(key), entry_from_document(*document));
-    } else {
-      entries_.erase(key);
+  explicit Reading(std::size_t expected_entries) : expected_entries_(expected_entries) {}
+
+  void begin() override {
+    entries_ = Entries();
+    entries_.reserve(expected_entries_);
+    dropped_.clear();
+  }
+  void take(Text key, std::span<Member> members) override {
+    if (!dropped_.empty()) dropped_.erase(key);
+    if (const std::optional<Fingerprint> fingerprint = fingerprint_of(members)) return entries_.put(std::move(key), *fingerprint);
+    entries_.put(std::move(key), entry_from_document(Document(members)));
+  }
+  void take_other(const Text& key) override {
+    if (entries_.find(key) != nullptr) dropped_.insert(key);
+  }
+
+  [[nodiscard]] Entries finish() {
+    if (dropped_.empty()) return std::move(entries_);
+    Entries kept;
+    for (Item& item : entries_.items()) {
+      if (!contains(dropped_, item.first)) kept.put(std::move(item.first), std::move(item.second));
     }
+    return kept;
   }
 
  private:
-  Entries& entries_;
+  const std::size_t expected_entries_;
+  Entries entries_;
+  TextSet dropped_;  ///< of the entries' keys, those that came again with something else
 };
 
 HashCache::Entries HashCache::read_entries(const std::string& path) {
-  constexpr std::size_t TYPICAL_ENTRY_BYTES = 256;
-  const std::string text = read_file(path);
-  Entries entries;
-  entries.max_load_factor(LOAD_FACTOR);
-  entries.reserve(text.size() / TYPICAL_ENTRY_BYTES);
-  Reading reading(entries);
-  const Value parsed = parse_json(text, "files", reading);
+  constexpr std::size_t TYPICAL_ENTRY_BYTES = 250;
+  const FileText text(path);
+  Reading reading(text.view().size() / TYPICAL_ENTRY_BYTES);
+  const Value parsed = parse_json(text.view(), "files", reading);
   const Document* cache = parsed.if_document();
   const bool usable = cache != nullptr && cache->get("version") == Value(SYNC_HASH_CACHE_VERSION) && cache->get("files").is_document();
-  if (!usable) entries.clear();
-  return entries;
+  return usable ? reading.finish() : Entries();
+}
+
+void HashCache::Stored::share_paths(const Document& files) {
+  if (!entries_) return;
+  MemberCursor listed(&files);
+  for (Item& item : entries_->items()) {
+    if (const Member* member = listed.find_member(item.first)) item.first = member->key;
+  }
 }
 
 HashCache::Stored HashCache::read(const std::string& path) noexcept {
@@ -222,8 +272,7 @@ void HashCache::load(Stored stored) try {
 
 Document HashCache::_load_hash_cache(const std::string& path) {
   try {
-    const Entries entries = read_entries(path);
-    return document_from(EntryList(entries.begin(), entries.end()));
+    return document_from(read_entries(path).items());
   } catch (const std::exception& failure) {
     if (!error_of(failure).is(error_class::FileNotFoundError)) warn("Ignoring unreadable sync hash cache: %s", failure);
     return {};
@@ -265,15 +314,31 @@ std::string HashCache::Digest::hex() const {
   return hex;
 }
 
-HashCache::Entry HashCache::entry_from_document(const Document& document) {
-  const std::optional<std::int64_t> size_bytes = document.get("size_bytes").if_integer();
-  const std::optional<std::int64_t> mtime_ns = document.get("mtime_ns").if_integer();
-  const std::optional<std::int64_t> ctime_ns = document.get("ctime_ns").if_integer();
-  const std::optional<std::int64_t> inode = document.get("inode").if_integer();
-  const std::optional<std::string_view> sha256 = document.get("sha256").if_text();
-  const std::optional<Digest> digest = sha256 ? Digest::from(*sha256) : std::nullopt;
-  if (document.size() != 5 || !size_bytes || !mtime_ns || !ctime_ns || !inode || !digest) return document;
+std::optional<HashCache::Fingerprint> HashCache::fingerprint_of(std::span<const Member> members) {
+  std::optional<std::int64_t> size_bytes, mtime_ns, ctime_ns, inode;
+  std::optional<Digest> digest;
+  for (const auto& [key, value] : members) {
+    const std::string_view name = key.view();
+    if (name == "ctime_ns") {
+      ctime_ns = value.if_integer();
+    } else if (name == "inode") {
+      inode = value.if_integer();
+    } else if (name == "mtime_ns") {
+      mtime_ns = value.if_integer();
+    } else if (name == "sha256") {
+      if (const std::optional<std::string_view> hex = value.if_text()) digest = Digest::from(*hex);
+    } else if (name == "size_bytes") {
+      size_bytes = value.if_integer();
+    }
+  }
+  // Five members with five names: none of them is another, and none stands twice.
+  if (members.size() != 5 || !size_bytes || !mtime_ns || !ctime_ns || !inode || !digest) return std::nullopt;
   return Fingerprint{*digest, *size_bytes, *mtime_ns, *ctime_ns, *inode};
+}
+
+HashCache::Entry HashCache::entry_from_document(const Document& document) {
+  if (const std::optional<Fingerprint> fingerprint = fingerprint_of({document.begin(), document.end()})) return *fingerprint;
+  return document;
 }
 
 Document HashCache::document_from(const Entry& entry) {
@@ -287,14 +352,14 @@ Document HashCache::document_from(const Entry& entry) {
           {keys[4], known.size_bytes}};
 }
 
-Document HashCache::document_from(const EntryList& entries) {
+Document HashCache::document_from(const Items& entries) {
   std::vector<Member> members;
   members.reserve(entries.size());
   for (const Line& line : sorted_by_path(entries)) members.push_back({line.item->first, document_from(line.item->second)});
   return Document(std::move(members));
 }
 
-std::string HashCache::file_text(const EntryList& entries) {
+std::string HashCache::file_text(const Items& entries) {
   // Written piece by piece, since documents for 100,000 entries would cost more than all the rest.
   constexpr std::size_t TYPICAL_ENTRY_BYTES = 256;
   std::string text;
@@ -318,7 +383,7 @@ std::string HashCache::file_text(const EntryList& entries) {
   return text;
 }
 
-std::vector<HashCache::Line> HashCache::sorted_by_path(const EntryList& entries) {
+std::vector<HashCache::Line> HashCache::sorted_by_path(const Items& entries) {
   std::vector<Line> lines;
   lines.reserve(entries.size());
   for (const auto& item : entries) lines.push_back({item.first, &item});
@@ -326,9 +391,9 @@ std::vector<HashCache::Line> HashCache::sorted_by_path(const EntryList& entries)
   return lines;
 }
 
-HashCache::EntryList HashCache::copy_entries() const {
+HashCache::Items HashCache::copy_items() const {
   MutexLock lock(mutex_);
-  return {entries_->begin(), entries_->end()};
+  return entries_->items();
 }
 
 }  // namespace brackenfen::sync

@@ -7,17 +7,16 @@
 #include <exception>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <variant>
 #include <vector>
 
-#include <tsl/robin_map.h>
-
 #include "sync/base/threads/mutex.hpp"
 #include "sync/base/threads/snapshot.hpp"
-#include "sync/base/values/text_set.hpp"
+#include "sync/base/values/position_index.hpp"
 #include "sync/base/values/value.hpp"
 #include "sync/transport/files.hpp"
 
@@ -95,32 +94,47 @@ class HashCache {
 
     bool operator==(const Fingerprint&) const = default;
   };
-  /// Half of the robin map's room would lie idle otherwise, and a look-up is no faster for it.
-  static constexpr float LOAD_FACTOR = 0.9F;
   /// Whatever else a file or a host puts in the place of a fingerprint is kept, and written back, as it stands.
   using Entry = std::variant<Fingerprint, Document>;
+  using Item = std::pair<Text, Entry>;
+  using Items = std::vector<Item>;
 
-  using Entries = tsl::robin_map<Text, Entry, TextHash, TextEqual, std::allocator<std::pair<Text, Entry>>, true>;
+  /// The entries by relative path, in the order in which they came.
+  class Entries {
+   public:
+    void reserve(std::size_t count);
+    /// Null where there is none.
+    [[nodiscard]] const Entry* find(std::string_view path) const noexcept;
+    void put(Text path, Entry entry);
+    [[nodiscard]] Items& items() noexcept { return items_; }  ///< whose paths stay equal
+    [[nodiscard]] const Items& items() const noexcept { return items_; }
+
+   private:
+    [[nodiscard]] PositionIndex::Place locate(std::string_view path, std::uint32_t hash) const noexcept;
+
+    Items items_;
+    PositionIndex index_;
+  };
 
   static bool holds(const Entries& entries, std::string_view file_path, const FileStat& stat, std::string_view expected_sha);
   /// The entries, of which no view knows.
   [[nodiscard]] Entries& own_entries() REQUIRES(mutex_);
 
-  using EntryList = std::vector<std::pair<Text, Entry>>;
-
   class Reading;
   static Entries read_entries(const std::string& path);
+  /// Absent where the members are no plain fingerprint.
+  static std::optional<Fingerprint> fingerprint_of(std::span<const Member> members);
   static Entry entry_from_document(const Document& document);
   static Document document_from(const Entry& entry);
-  static Document document_from(const EntryList& entries);
-  static std::string file_text(const EntryList& entries);
+  static Document document_from(const Items& entries);
+  static std::string file_text(const Items& entries);
   /// What is sorted in the place of the entries themselves, since it is cheap to move. Views the list.
   struct Line {
     std::string_view path;
-    const std::pair<Text, Entry>* item;
+    const Item* item;
   };
-  static std::vector<Line> sorted_by_path(const EntryList& entries);
-  [[nodiscard]] EntryList copy_entries() const EXCLUDES(mutex_);
+  static std::vector<Line> sorted_by_path(const Items& entries);
+  [[nodiscard]] Items copy_items() const EXCLUDES(mutex_);
   void store(std::string_view file_path, std::string_view actual_sha, const FileStat& stat) EXCLUDES(mutex_);
 
   Files& files_;
@@ -134,6 +148,10 @@ class HashCache {
 };
 
 class HashCache::Stored {
+ public:
+  /// Holds the paths that are keys of `files` in the texts of these.
+  void share_paths(const Document& files);
+
  private:
   friend class HashCache;
   std::shared_ptr<Entries> entries_;

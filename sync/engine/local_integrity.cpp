@@ -72,6 +72,7 @@ bool SyncManager::_local_manifest_files_complete(NeighbourSet& neighbours, Manif
   if (active_rotation_state) {
     const std::vector<Text> active_paths = active_rotation_state->active_relative_paths();
     return files_match(data_dir, [&](ExpectedFiles& expected) {
+      expected.reserve(active_paths.size());
       MemberCursor cursor(entries);
       return std::ranges::all_of(active_paths, [&](const Text& file_path) {
         const Value* entry = cursor.find(file_path);
@@ -88,6 +89,7 @@ bool SyncManager::_local_manifest_files_complete(NeighbourSet& neighbours, Manif
       }))
     return false;
   const bool all_match = !entries || files_match(data_dir, [&](ExpectedFiles& expected) {
+    expected.reserve(entries->size());
     return std::ranges::all_of(*entries, [&](const Member& member) {
       if (vocabulary_universe_of(neighbours, member.key) || _manifest_file_is_sync_excluded(neighbours, member.value)) return true;
       const Document* file_info = member.value.if_document();

@@ -486,8 +486,6 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
 
   /// For the constructor. Throws FeatureRotationStateError.
   void load_active_rotation_state(NeighbourSet& neighbours, const ParsedFile& stored, const std::optional<FileStat>& found);
-  /// Lets the built-in state and the manifest hold the same texts.
-  void share_active_paths(const Manifest& manifest);
   /// Takes the state on disk for the active one where another process with this directory has stored it since, for a later
   /// rotation or for the same one: its files are here. Under the directory lock.
   void adopt_stored_rotation(NeighbourSet& neighbours);

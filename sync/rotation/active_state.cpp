@@ -7,7 +7,6 @@
 #include "sync/base/log.hpp"
 #include "sync/base/threads/interrupt.hpp"
 #include "sync/base/values/convert.hpp"
-#include "sync/base/values/member_cursor.hpp"
 #include "sync/engine/sync_manager.hpp"
 #include "sync/neighbours/rotation_state.hpp"
 #include "sync/rotation/state_file.hpp"
@@ -131,18 +130,6 @@ RotationStateRef SyncManager::_normalize_active_rotation_state_for_manifest(Neig
 void SyncManager::load_active_rotation_state(NeighbourSet& neighbours, const ParsedFile& stored, const std::optional<FileStat>& found) {
   _active_rotation_state.set(feature_rotation_state_in(neighbours, stored, feature_rotation_state_path(_data_dir.get())));
   rotation_state_seen_.set(found);
-}
-
-void SyncManager::share_active_paths(const Manifest& manifest) {
-  const RotationStateRef active = _active_rotation_state.get();
-  if (!dynamic_cast<const BuiltinRotationState*>(active.get())) return;
-  const Value files = manifest.files();
-  MemberCursor entries(files.if_document());
-  std::vector<Text> paths = active->active_relative_paths();
-  for (Text& path : paths) {
-    if (const Member* member = entries.find_member(path)) path = member->key;
-  }
-  _active_rotation_state.set(active->with_active_relative_paths(std::move(paths)));
 }
 
 void SyncManager::adopt_stored_rotation(NeighbourSet& neighbours) {

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "sync/base/files/descriptor.hpp"
+#include "sync/base/files/file_text.hpp"
 #include "sync/base/files/paths.hpp"
 #include "sync/base/files/place.hpp"
 #include "sync/base/files/root_directory.hpp"
@@ -48,7 +49,9 @@ TEST_F(Files, descriptorsCarryWholeContents) {
     EXPECT_FALSE(file);
   }
   EXPECT_EQ(read_file(at("file")), content);
+  EXPECT_EQ(FileText(at("file")).view(), content);
   EXPECT_FALSE(read_file("/proc/self/stat").empty());  // its size reads as 0
+  EXPECT_EQ(FileText("/proc/cpuinfo").view().size(), read_file("/proc/cpuinfo").size());
 }
 
 TEST_F(Files, failuresNameThePath) {

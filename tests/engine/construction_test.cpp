@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <map>
 
 #include "tests/support/sync_setup.hpp"
 
@@ -92,6 +93,24 @@ TEST_F(ConstructionTest, restoresTheManifestAndRewritesOneThatHoldsRetiredFiles)
     EXPECT_THAT(warnings(), ElementsAre(StartsWith(warning)));
   }
   EXPECT_THAT(server.requests(), IsEmpty());
+}
+
+TEST_F(ConstructionTest, holdsAPathOnceHoweverManyDocumentsNameIt) {
+  const auto paths_in = [](const Document& members) {
+    std::map<std::string, const void*> texts;
+    for (const Member& member : members) texts.emplace(member.key.str(), member.key.view().data());
+    return texts;
+  };
+  directory.write("manifest.json", R"({"files": {"b": {}, "a": {}, "c/d": {}}})");
+  directory.write(".sync_hash_cache.json", R"({"version": 1, "files": {"a": {}, "b": {}, "c/d": {}}})");
+  directory.write("feature-rotation-state.json", R"({"schema_version": 1, "active_relative_paths": ["c/d", "b", "a"], "generation": 1,
+                                                     "seed": 1, "rng_state": "x"})");
+  const auto manager = open();
+  std::map<std::string, const void*> active;
+  for (const Text& path : manager->_active_rotation_state.get()->active_relative_paths()) active.emplace(path.str(), path.view().data());
+  EXPECT_THAT(active, SizeIs(3));
+  EXPECT_EQ(active, paths_in(*manager->get_manifest()->files().if_document()));
+  EXPECT_EQ(active, paths_in(manager->hash_cache().entries()));
 }
 
 TEST_F(ConstructionTest, aManagerOfTheDirectoryKeepsWhatALaterCallLeavesOut) {

@@ -47,7 +47,10 @@ TEST_F(HashCacheTest, viewsStayAsTheyWereTaken) {
   cache._remember_local_sha("a", "local", "aa");
   const HashCache::View before = cache.view();
   cache._remember_local_sha("a", "local", "bb");
+  for (int number = 0; number < 100; ++number) cache._remember_local_sha(std::to_string(number), "local", "aa");
   EXPECT_TRUE(before.holds("a", *present, "aa"));
+  EXPECT_FALSE(before.holds("99", *present, "aa"));
+  for (int number = 0; number < 100; ++number) EXPECT_TRUE(hits(std::to_string(number))) << number;
   EXPECT_TRUE(cache.view().holds("a", *present, "bb"));
 }
 
@@ -137,6 +140,8 @@ TEST_F(HashCacheTest, keepsUnusualEntriesAsTheyStand) {
 TEST_F(HashCacheTest, loadsABadFileAsEmpty) {
   const std::tuple<const char*, const char*, std::size_t> rows[] = {
       {R"({"version": 1, "files": {"a": {}, "b": 5}})", R"({"a": {}})", 0},
+      {R"({"files": {"z": {}}, "version": 1, "files": {"a": {"x": 1, "x": 2}, "b": {}, "c": {}, "b": 5, "c": 5, "c": {"y": {}}}})",
+       R"({"a": {"x": 2}, "c": {"y": {}}})", 0},
       {R"({"version": 2, "files": {"a": {}}})", "{}", 0},
       {R"({"version": 1, "files": {"a")", "{}", 1},
       {"\"\xff\"", "{}", 1},

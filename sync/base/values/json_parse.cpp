@@ -8,12 +8,14 @@
 #include <limits>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "sync/base/error.hpp"
 #include "sync/base/text/text.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/base/values/json.hpp"
+#include "sync/base/values/member_cursor.hpp"
 
 namespace brackenfen::sync {
 namespace {
@@ -97,9 +99,13 @@ class TextCache {
 
 class JsonReader {
  public:
-  /// The object at `taken_key` of the top level is handed to `taker`, where there is one.
-  explicit JsonReader(std::string_view document, std::string_view taken_key = {}, JsonMembers* taker = nullptr)
-      : document_(document), at_(document.data()), end_(at_ + document.size()), taken_key_(taken_key), taker_(taker) {}
+  explicit JsonReader(std::string_view document, const Document* known = nullptr)
+      : document_(document), at_(document.data()), end_(at_ + document.size()), known_(known) {}
+  /// The object at `taken_key` of the top level is handed to `taker`.
+  JsonReader(std::string_view document, std::string_view taken_key, JsonMembers& taker) : JsonReader(document) {
+    taken_key_ = taken_key;
+    taker_ = &taker;
+  }
 
   Value read() {
     skip_blanks();
@@ -163,7 +169,7 @@ class JsonReader {
     while (!frames_.empty()) {
       const bool is_object = frames_.back().is_object;
       if (frames_.back().is_taken) {
-        taker_->take(std::move(members_.back().key), std::move(value));
+        if (!std::exchange(was_taken_, false)) taker_->take_other(members_.back().key);
         members_.pop_back();
       } else if (is_object) {
         members_.back().value = std::move(value);
@@ -188,7 +194,10 @@ class JsonReader {
     ++at_;
     const std::size_t start = frames_.back().start;
     frames_.pop_back();
-    Value closed(Document(std::span<Member>(members_).subspan(start)));
+    const std::span<Member> members = std::span<Member>(members_).subspan(start);
+    was_taken_ = !frames_.empty() && frames_.back().is_taken;
+    if (was_taken_) taker_->take(std::move(members_[start - 1].key), members);
+    Value closed(was_taken_ ? Document() : Document(members));
     members_.erase(members_.begin() + static_cast<std::ptrdiff_t>(start), members_.end());
     return closed;
   }
@@ -215,7 +224,7 @@ class JsonReader {
   Value read_scalar() {
     switch (at_ == end_ ? '\0' : *at_) {
       case '"':
-        return Value(texts_.get(read_string()));
+        return Value(shared_text(read_string()));
       case 'n':
         if (skip_word("null")) return {};
         break;
@@ -238,6 +247,11 @@ class JsonReader {
         return read_number();
     }
     fail(EXPECTING_VALUE, at_);
+  }
+
+  Text shared_text(std::string_view text) {
+    const Member* known = known_.find_member(text);
+    return known != nullptr ? known->key : texts_.get(text);
   }
 
   bool skip_word(std::string_view word) noexcept {
@@ -347,8 +361,10 @@ class JsonReader {
   std::vector<Value> elements_;  // of all open arrays
   std::string unescaped_;
   TextCache texts_;
-  const std::string_view taken_key_;
-  JsonMembers* const taker_;
+  MemberCursor known_;
+  std::string_view taken_key_;
+  JsonMembers* taker_ = nullptr;
+  bool was_taken_ = false;  // the object that was closed last, by the taker
 };
 
 void require_json_encoding(std::string_view bytes) {
@@ -363,9 +379,14 @@ Value parse_json(std::string_view bytes) {
   return JsonReader(bytes).read();
 }
 
+Value parse_json(std::string_view bytes, const Document& known) {
+  require_json_encoding(bytes);
+  return JsonReader(bytes, &known).read();
+}
+
 Value parse_json(std::string_view bytes, std::string_view key, JsonMembers& members) {
   require_json_encoding(bytes);
-  return JsonReader(bytes, key, &members).read();
+  return JsonReader(bytes, key, members).read();
 }
 
 }  // namespace brackenfen::sync

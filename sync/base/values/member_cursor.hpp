@@ -1,6 +1,8 @@
 // Looking up keys that come in about the order in which a document holds them.
 #pragma once
 
+#include <string_view>
+
 #include "sync/base/values/value.hpp"
 
 namespace brackenfen::sync {
@@ -14,17 +16,22 @@ class MemberCursor {
   explicit MemberCursor(const Document* document) noexcept
       : document_(document), next_(document ? document->begin() : nullptr), end_(document ? document->end() : nullptr) {}
 
-  [[nodiscard]] const Member* find_member(const Text& key) noexcept {
-    const Member* found = next_ != end_ && next_->key == key ? next_ : document_ ? document_->find_member(key) : nullptr;
+  [[nodiscard]] const Member* find_member(std::string_view key) noexcept {
+    const Member* found = next_ != end_ && is_next(key) ? next_ : document_ ? document_->find_member(key) : nullptr;
     if (found) next_ = found + 1;
     return found;
   }
-  [[nodiscard]] const Value* find(const Text& key) noexcept {
+  [[nodiscard]] const Value* find(std::string_view key) noexcept {
     const Member* found = find_member(key);
     return found ? &found->value : nullptr;
   }
 
  private:
+  [[nodiscard]] bool is_next(std::string_view key) const noexcept {
+    const std::string_view next = next_->key.view();
+    return next.size() == key.size() && (next.data() == key.data() || next == key);  // mostly they share their text
+  }
+
   const Document* document_;
   const Member* next_;
   const Member* end_;

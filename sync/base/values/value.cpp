@@ -138,20 +138,15 @@ Value Value::from_integral(std::int64_t number, bool out_of_range, std::uint64_t
 }
 
 Value Value::integer_from_decimal(std::string_view decimal) {
-  constexpr std::size_t SURELY_FITS = 18;
-  if (std::int64_t small = 0; !decimal.empty() && decimal.size() <= SURELY_FITS) {
-    const auto [end, error] = std::from_chars(decimal.data(), decimal.data() + decimal.size(), small);
-    if (error == std::errc{} && end == decimal.data() + decimal.size()) return Value(small);
-  }
+  std::int64_t number = 0;
+  const auto [end, error] = std::from_chars(decimal.data(), decimal.data() + decimal.size(), number);
+  if (error == std::errc{}) return Value(number);
   const bool negative = decimal.starts_with('-');
   std::string_view digits = decimal.substr(negative ? 1 : 0);
   digits.remove_prefix(std::min(digits.find_first_not_of('0'), digits.size()));
   if (digits.empty()) return Value(0);
   std::string normalised(negative ? "-" : "");
   normalised.append(digits);
-  std::int64_t number = 0;
-  const auto [end, error] = std::from_chars(normalised.data(), normalised.data() + normalised.size(), number);
-  if (error == std::errc{}) return Value(number);
   Value value{sync::Text(normalised)};
   value.kind_ = Kind::BigInteger;
   return value;

@@ -4,16 +4,14 @@
 
 #include <algorithm>
 #include <atomic>
-#include <bit>
 #include <cstdint>
-#include <functional>
 #include <limits>
 #include <new>
 #include <string_view>
 #include <utility>
-#include <vector>
 
 #include "sync/base/error.hpp"
+#include "sync/base/values/position_index.hpp"
 #include "sync/base/values/value.hpp"
 
 namespace brackenfen::sync::detail {
@@ -33,44 +31,15 @@ inline std::uint32_t checked_size(std::size_t size) {
   return static_cast<std::uint32_t>(size);
 }
 
-inline std::uint32_t hash_key(std::string_view key) noexcept {
-  const std::size_t hash = std::hash<std::string_view>{}(key);
-  return static_cast<std::uint32_t>(hash ^ (hash >> 32));
-}
+/// Where a document's members lie by their keys. Documents that differ only in values share one.
+struct KeyIndex : PositionIndex {
+  using PositionIndex::PositionIndex;
 
-/// Positions of members by the hash of their keys: open addressing, at most half full. It knows nothing but
-/// positions, so documents that differ only in values share one.
-class KeyIndex {
- public:
-  explicit KeyIndex(std::size_t members) : slots_(std::bit_ceil(members * 2), Slot{0, EMPTY}) {}
-
-  /// The position of `key`, or the slot in which it belongs.
-  struct Place {
-    std::size_t slot;
-    bool found;
-  };
   [[nodiscard]] Place locate(std::string_view key, std::uint32_t hash, const Member* members) const noexcept {
-    const std::size_t mask = slots_.size() - 1;
-    for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
-      const Slot& slot = slots_[at];
-      if (slot.position == EMPTY) return {at, false};
-      if (slot.hash == hash && members[slot.position].key.view() == key) return {at, true};
-    }
-  }
-  [[nodiscard]] std::uint32_t position(std::size_t slot) const noexcept { return slots_[slot].position; }
-  void put(std::size_t slot, std::uint32_t hash, std::size_t position) noexcept {
-    slots_[slot] = {hash, static_cast<std::uint32_t>(position)};
+    return PositionIndex::locate(hash, [&](std::size_t position) { return members[position].key.view() == key; });
   }
 
   mutable References references{1};
-
- private:
-  static constexpr std::uint32_t EMPTY = std::numeric_limits<std::uint32_t>::max();
-  struct Slot {
-    std::uint32_t hash;
-    std::uint32_t position;
-  };
-  std::vector<Slot> slots_;
 };
 
 struct TextNode {
@@ -119,7 +88,7 @@ struct DocumentNode {
   void append(Text key, Value value) noexcept { new (members() + size++) Member{std::move(key), std::move(value)}; }
   [[nodiscard]] const Member* locate(std::string_view key) const noexcept {
     if (index != nullptr) {
-      const KeyIndex::Place place = index->locate(key, hash_key(key), members());
+      const KeyIndex::Place place = index->locate(key, PositionIndex::hash_of(key), members());
       return place.found ? members() + index->position(place.slot) : nullptr;
     }
     const Member* const end = members() + size;
@@ -131,7 +100,7 @@ struct DocumentNode {
     auto* const built = new KeyIndex(size);
     for (std::size_t position = 0; position < size; ++position) {
       const std::string_view key = members()[position].key.view();
-      const std::uint32_t hash = hash_key(key);
+      const std::uint32_t hash = PositionIndex::hash_of(key);
       built->put(built->locate(key, hash, members()).slot, hash, position);
     }
     index = built;
