@@ -30,12 +30,23 @@ struct Sha256::State {
   State(const State&) = delete;
   State& operator=(const State&) = delete;
   ~State() { EVP_MD_CTX_free(context); }
+
+  /// The thread's last one that went out of use, for its next digest: making one costs as much as hashing a small file.
+  static std::unique_ptr<State>& spare() {
+    thread_local std::unique_ptr<State> state;
+    return state;
+  }
 };
 
-Sha256::Sha256() : state_(std::make_unique<State>()) { reset(); }
+Sha256::Sha256() : state_(std::move(State::spare())) {
+  if (!state_) state_ = std::make_unique<State>();
+  reset();
+}
 Sha256::Sha256(Sha256&&) noexcept = default;
 Sha256& Sha256::operator=(Sha256&&) noexcept = default;
-Sha256::~Sha256() = default;
+Sha256::~Sha256() {
+  if (state_) State::spare() = std::move(state_);
+}
 
 void Sha256::reset() {
   if (state_->is_at_start) return;
