@@ -73,7 +73,7 @@ class HostArtifactRotation : public ArtifactRotation {
     });
   }
   RotationStateRef promote_rotation_candidate(const RotationStateRef& active_state, const RotationStateRef& candidate_state,
-                                              const std::vector<Text>& available_relative_paths) const override {
+                                              const TextList& available_relative_paths) const override {
     return call_python([&] {
       return state_from(
           operation("promote_rotation_candidate")(nb::arg("active_state") = rotation_state_to_python(active_state),

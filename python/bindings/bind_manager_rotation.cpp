@@ -73,7 +73,7 @@ void bind_planning(nb::class_<ManagerObject>& bound) {
 
 nb::object promote(const ManagerObject& self, nb::handle candidate_state, nb::handle available_relative_paths) {
   const RotationStateRef candidate = rotation_state_argument(candidate_state, "candidate_state");
-  const std::vector<Text> available = text_list_argument(available_relative_paths, "available_relative_paths");
+  const TextList available = text_list_argument(available_relative_paths, "available_relative_paths");
   return rotation_state_to_python(
       self.run([&](SyncManager& core) { return core._promote_rotation_candidate(*neighbours(), candidate, available); }));
 }
@@ -81,10 +81,10 @@ nb::object promote(const ManagerObject& self, nb::handle candidate_state, nb::ha
 nb::object complete_promotion(const ManagerObject& self, nb::handle candidate_state, nb::handle available_relative_paths,
                               nb::handle manifest) {
   const RotationStateRef candidate = rotation_state_or_none(candidate_state, "candidate_state");
-  const std::vector<Text> available = text_list_argument(available_relative_paths, "available_relative_paths");
+  const TextList available = text_list_argument(available_relative_paths, "available_relative_paths");
   const std::shared_ptr<Manifest> record = manifest_argument(manifest);
   return rotation_state_to_python(
-      self.run([&](SyncManager& core) { return core._complete_rotation_promotion(*neighbours(), candidate, available, record); }));
+      self.run([&](SyncManager& core) { return core._complete_rotation_promotion(*neighbours(), candidate, available, record).state; }));
 }
 
 void bind_promotion(nb::class_<ManagerObject>& bound) {
@@ -108,7 +108,7 @@ void bind_promotion(nb::class_<ManagerObject>& bound) {
           "_cleanup_inactive_rotation_artifacts",
           [](const ManagerObject& self, nb::handle manifest, nb::handle active_relative_paths) {
             const std::shared_ptr<Manifest> record = manifest_argument(manifest);
-            const std::vector<Text> active = text_list_argument(active_relative_paths, "active_relative_paths");
+            const TextList active = text_list_argument(active_relative_paths, "active_relative_paths");
             self.run([&](SyncManager& core) { core._cleanup_inactive_rotation_artifacts(*neighbours(), *record, active); });
           },
           any("manifest"), any("active_relative_paths"))

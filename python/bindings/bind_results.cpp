@@ -12,7 +12,7 @@ PyObject* verify_result_class = nullptr;
 void assign(std::int64_t& field, nb::handle value, std::string_view name) { field = integer_argument(value, name); }
 void assign(bool& field, nb::handle value, std::string_view) { field = truth(value); }
 void assign(Value& field, nb::handle value, std::string_view name) { field = value_argument(value, name); }
-void assign(std::vector<Text>& field, nb::handle value, std::string_view name) { field = text_list_argument(value, name); }
+void assign(TextList& field, nb::handle value, std::string_view name) { field = text_list_argument(value, name); }
 // Local paths are bytes of the file system and not texts.
 void assign(std::vector<std::string>& field, nb::handle value, std::string_view name) {
   field.clear();
@@ -22,7 +22,7 @@ void assign(std::vector<std::string>& field, nb::handle value, std::string_view 
 nb::object read(std::int64_t field) { return nb::int_(field); }
 nb::object read(bool field) { return nb::bool_(field); }
 nb::object read(const Value& field) { return to_python(field); }
-nb::object read(const std::vector<Text>& field) { return tuple_of_texts(field); }
+nb::object read(const TextList& field) { return tuple_of_texts(field); }
 nb::object read(const std::vector<std::string>& field) {
   nb::list paths;
   for (const std::string& path : field) paths.append(path_to_python(path));

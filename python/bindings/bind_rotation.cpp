@@ -84,7 +84,7 @@ nb::object status_payload(nb::handle data_dir, nb::handle settings_payload) {
 nb::object promote_candidate(nb::handle active_state, nb::handle candidate_state, nb::handle available_relative_paths) {
   const RotationStateRef active = rotation_state_or_none(active_state, "active_state");
   const RotationStateRef candidate = rotation_state_argument(candidate_state, "candidate_state");
-  const std::vector<Text> available = text_list_argument(available_relative_paths, "available_relative_paths");
+  const TextList available = text_list_argument(available_relative_paths, "available_relative_paths");
   return rotation_state_to_python(
       detached([&] { return neighbours()->artifact_rotation().promote_rotation_candidate(active, candidate, available); }));
 }

@@ -68,7 +68,7 @@ std::vector<Text> relative_paths_of(nb::handle given, const char* attribute, con
   return paths;
 }
 
-std::vector<Text> active_paths_of(nb::handle record, std::string_view name, Reading reading = Reading::Once) {
+TextList active_paths_of(nb::handle record, std::string_view name, Reading reading = Reading::Once) {
   const std::string label = std::string(name) + ".active_relative_paths";
   const nb::object paths = required_attribute(record, "active_relative_paths", name);
   require_collection(paths, label, reading);
@@ -95,7 +95,7 @@ namespace {
 class HostRotationState : public RotationState, public HostObject {
  public:
   using HostObject::HostObject;
-  std::vector<Text> active_relative_paths() const override {
+  TextList active_relative_paths() const override {
     return call_python([&] { return active_paths_of(object(), "rotation_state", Reading::Again); });
   }
   Value generation() const override {
@@ -116,7 +116,7 @@ class HostRotationState : public RotationState, public HostObject {
       return answer == 1;
     });
   }
-  RotationStateRef with_active_relative_paths(std::vector<Text> paths) const override {
+  RotationStateRef with_active_relative_paths(TextList paths) const override {
     return call_python([&]() -> RotationStateRef {
       const nb::object changed = tuple_of_texts(paths);
       const nb::object dataclasses = nb::module_::import_("dataclasses");
@@ -202,11 +202,9 @@ RotationSelection selection_argument(nb::handle given, std::string_view name) {
   RotationSelection selection;
   selection.active_relative_paths = active_paths_of(given, name);
   selection.mandatory_relative_paths = relative_paths_of(given, "mandatory_artifacts", prefix);
-  TextSet active;
-  active.insert(selection.active_relative_paths.begin(), selection.active_relative_paths.end());
-  for (Text& path : relative_paths_of(given, "eligible_artifacts", prefix)) {
-    if (!contains(active, path)) selection.skipped_relative_paths.push_back(std::move(path));
-  }
+  const TextSet active = set_of(selection.active_relative_paths);
+  selection.skipped_relative_paths =
+      kept_of(relative_paths_of(given, "eligible_artifacts", prefix), [&](const Text& path) { return !contains(active, path); });
   const nb::object mandatory_bytes = attribute_or_none(given, "mandatory_bytes");
   selection.mandatory_bytes = mandatory_bytes.is_none() ? Value(0) : value_argument(mandatory_bytes, prefix + ".mandatory_bytes");
   selection.feature_budget_bytes = value_argument(attribute_or_none(given, "feature_budget_bytes"), prefix + ".feature_budget_bytes");

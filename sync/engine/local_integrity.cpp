@@ -70,7 +70,7 @@ bool SyncManager::_local_manifest_files_complete(NeighbourSet& neighbours, Manif
   const Document* entries = files.if_document();
   const std::string data_dir = _data_dir.get();
   if (active_rotation_state) {
-    const std::vector<Text> active_paths = active_rotation_state->active_relative_paths();
+    const TextList active_paths = active_rotation_state->active_relative_paths();
     return files_match(data_dir, [&](ExpectedFiles& expected) {
       expected.reserve(active_paths.size());
       MemberCursor cursor(entries);

@@ -217,7 +217,7 @@ void SyncManager::Pass::collect_downloads() {
   const Value files = server_->files();
   const bool same_era = local_ && local_->era_number() == server_->era_number();
   const Value local_manifest_files = same_era ? local_->files() : Value();
-  const std::vector<Text>& active_paths = rotation_.plan.selection.active_relative_paths;
+  const TextList& active_paths = rotation_.plan.selection.active_relative_paths;
   const std::vector<char> kept =
       match_at_a_glance(data_dir_, promised_files(files.if_document(), local_manifest_files.if_document()), manager_._hash_cache.view());
   MemberCursor entries(files.if_document());
@@ -387,19 +387,18 @@ void SyncManager::Pass::finish() {
   result_.n_found_strategies = count_groups(era_config, files, "found_strategies/");
 }
 
-void SyncManager::Pass::promote_rotation(const std::shared_ptr<Manifest>& manifest) {
+std::vector<std::string> SyncManager::Pass::promote_rotation(const std::shared_ptr<Manifest>& manifest) {
   // What the walk found a moment ago is here; downloads may have taken hours since, and then everything is looked at.
   if (!files_to_download_.empty() || documents_fetched_) seen_here_.clear();
   LocalFiles local_files(data_dir_);
-  const std::vector<Text>& active_paths = rotation_.plan.selection.active_relative_paths;
-  std::vector<Text> available;
-  available.reserve(active_paths.size());
-  for (std::size_t index = 0; index < active_paths.size(); ++index) {
+  std::size_t index = 0;
+  const TextList available = kept_of(rotation_.plan.selection.active_relative_paths, [&](const Text& file_path) {
     if (index % FILES_PER_INTERRUPT_CHECK == 0) check_interrupt();
     const bool seen = index < seen_here_.size() && seen_here_[index];
-    if (seen || local_files.stat(active_paths[index])) available.push_back(active_paths[index]);
-  }
-  manager_._complete_rotation_promotion(*neighbours_, rotation_.plan.candidate_state, available, manifest);
+    ++index;
+    return seen || local_files.stat(file_path);
+  });
+  return manager_._complete_rotation_promotion(*neighbours_, rotation_.plan.candidate_state, available, manifest).without_staging;
 }
 
 Document SyncManager::Pass::valid_vocabularies(const Manifest& manifest) {

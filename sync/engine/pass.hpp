@@ -76,7 +76,8 @@ class SyncManager::Pass {
   [[nodiscard]] Document valid_vocabularies(const Manifest& manifest);
   void require_valid_seed(const Manifest& manifest) const;
   [[nodiscard]] SyncResult result_for_era(const Manifest& manifest, const RotationSelection& selection) const;
-  void promote_rotation(const std::shared_ptr<Manifest>& manifest);
+  /// Returns the folders in which no staging file need be looked for any more.
+  std::vector<std::string> promote_rotation(const std::shared_ptr<Manifest>& manifest);
   void use_vocabularies();
   void add_vocabulary_metadata(SyncResult& result) const;
   /// Logs at debug level how long the step since the last call took.

@@ -36,11 +36,11 @@ std::optional<SyncResult> SyncManager::Pass::end_on_version_hint(const VersionHi
 
   use_vocabularies();
   SyncResult result = result_for_era(*local_, selection);
-  promote_rotation(local_);
+  const std::vector<std::string> without_staging = promote_rotation(local_);
   result.pnl_column_count = local_->pnl_column_count();
   result.n_features = count_features(local_->files());
   add_vocabulary_metadata(result);
-  _cleanup_sync_tmp_files(*manager_.seams_.files, data_dir_);
+  _cleanup_sync_tmp_files(*manager_.seams_.files, data_dir_, {}, without_staging);
   note_stage("check against the version hint");
   return result;
 }
@@ -55,7 +55,7 @@ Document SyncManager::Pass::check_local_directory(const RotationSelection& selec
 
 void SyncManager::Pass::require_active_files(const RotationSelection& selection, const Value& files) {
   MemberCursor entries(files.if_document());
-  const std::vector<Text>& active_paths = selection.active_relative_paths;
+  const TextList& active_paths = selection.active_relative_paths;
   std::vector<bool> looked_at(active_paths.size(), false);
   const bool all_match = manager_.files_match(data_dir_, [&](ExpectedFiles& expected) {
     for (std::size_t index = 0; index < active_paths.size(); ++index) {
@@ -102,8 +102,8 @@ std::optional<SyncResult> SyncManager::Pass::end_on_same_version() {
   use_vocabularies();
   manager_._directory_lock.require_directory();
   _write_manifest_json(*manager_.seams_.files, *manager_.seams_.clock, data_dir_, server_->data());
-  promote_rotation(server_);
-  _cleanup_sync_tmp_files(*manager_.seams_.files, data_dir_);
+  const std::vector<std::string> without_staging = promote_rotation(server_);
+  _cleanup_sync_tmp_files(*manager_.seams_.files, data_dir_, {}, without_staging);
   note_stage("check against the same version");
   return result;
 }

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "sync/base/values/text_list.hpp"
 #include "sync/base/values/value.hpp"
 
 namespace brackenfen::sync {
@@ -24,9 +25,9 @@ struct SyncResult {
   Value pnl_column_count = 0;  ///< from the manifest
   bool vocabulary_downloaded = false;
   bool shuffle_seed_downloaded = false;
-  std::vector<Text> active_relative_paths;
-  std::vector<Text> skipped_relative_paths;
-  std::vector<Text> mandatory_relative_paths;
+  TextList active_relative_paths;
+  TextList skipped_relative_paths;
+  TextList mandatory_relative_paths;
   std::vector<std::string> found_pnl_paths_downloaded;  ///< local paths of landed found-PnL files
   Value rotation_seed;                                  ///< null where no rotation took part
   Value feature_budget_bytes;                           ///< null likewise

@@ -338,24 +338,28 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
                                       bool enforce_default_cap = true);
 
   RotationStateRef _promote_rotation_candidate(NeighbourSet& neighbours, const RotationStateRef& candidate_state,
-                                               const std::vector<Text>& available_relative_paths);
+                                               const TextList& available_relative_paths);
   /// A state that is active already is not written; one that only lists other paths for the same rotation leaves the time
   /// of the file as it was. With it goes what was added since the running pass made its plan.
   void _write_promoted_rotation_state(NeighbourSet& neighbours, const RotationStateRef& promoted);
   /// Takes retired paths out of the active state, which it returns.
   RotationStateRef _normalize_active_rotation_state_for_manifest(NeighbourSet& neighbours, const Manifest& manifest);
+  struct Promotion {
+    RotationStateRef state;                    ///< null without a candidate
+    std::vector<std::string> without_staging;  ///< folders that the clean-up has just found to hold no staging file
+  };
   /// Makes the candidate the active state as far as its files are available, deletes what no longer belongs here and tells
   /// the running searches. An error of the vocabulary comes before anything is written; later ones find the state kept.
   /// Without a candidate, where nothing rotates, only the clean-up runs.
-  RotationStateRef _complete_rotation_promotion(NeighbourSet& neighbours, const RotationStateRef& candidate_state,
-                                                const std::vector<Text>& available_relative_paths,
-                                                const std::shared_ptr<Manifest>& manifest);
-  void _cleanup_inactive_rotation_artifacts(NeighbourSet& neighbours, const Manifest& manifest,
-                                            const std::vector<Text>& active_relative_paths);
+  Promotion _complete_rotation_promotion(NeighbourSet& neighbours, const RotationStateRef& candidate_state,
+                                         const TextList& available_relative_paths, const std::shared_ptr<Manifest>& manifest);
+  /// Returns what delete_files_not_kept does.
+  std::vector<std::string> _cleanup_inactive_rotation_artifacts(NeighbourSet& neighbours, const Manifest& manifest,
+                                                                const TextList& active_relative_paths);
   /// Adds to the active paths of the state on disk and returns all of them; empty where there is no state. Waits for the
   /// directory lock, unless the caller is part of the work that holds it: a pass that has its plan keeps what a callback
   /// of its own adds. Throws FeatureRotationStateError and os_error.
-  std::vector<Text> add_active_feature_paths(const std::vector<Text>& relative_paths);
+  TextList add_active_feature_paths(const std::vector<Text>& relative_paths);
 
   void register_rotation_search_consumer(SearchConsumerRef consumer) {
     _rotation_search_consumers.register_rotation_search_consumer(std::move(consumer));

@@ -43,15 +43,16 @@ class Auditor {
   LocalFiles local_files_;
 };
 
-/// The files that must be here, in the order of `active_paths` or of the manifest. An entry that is none has no info.
-ExpectedFiles files_to_judge(NeighbourSet& neighbours, const Document& entries, const std::optional<std::vector<Text>>& active_paths) {
+/// The files that must be here, in the order of `active_paths`, or of the manifest where nothing rotates. An entry that is none has no
+/// info.
+ExpectedFiles files_to_judge(NeighbourSet& neighbours, const Document& entries, const TextList& active_paths) {
   ExpectedFiles expected;
   const auto add = [&](std::string_view file_path, const Value& entry) {
     const Document* file_info = entry.if_document();
     if (!file_info || !_manifest_file_is_sync_excluded(neighbours, entry)) expected.add(file_path, file_info);
   };
-  if (active_paths) {
-    for (const Text& file_path : *active_paths) add(file_path, entries.get(file_path));
+  if (!active_paths.empty()) {
+    for (const Text& file_path : active_paths) add(file_path, entries.get(file_path));
   } else {
     for (const Member& member : entries) add(member.key, member.value);
   }
@@ -68,9 +69,8 @@ VerifyResult SyncManager::verify() {
   const std::shared_ptr<NeighbourSet> neighbours = seams_.neighbours->bind();
   const Value files = manifest->files();
   const Document* entries = files.if_document();
-  std::optional<std::vector<Text>> active_paths;
-  if (const auto state = _active_rotation_state.get()) active_paths = state->active_relative_paths();
-  if (active_paths && active_paths->empty()) active_paths.reset();  // nothing rotates: every file counts
+  const RotationStateRef state = _active_rotation_state.get();
+  const TextList active_paths = state ? state->active_relative_paths() : TextList();
 
   const ExpectedFiles expected = files_to_judge(*neighbours, entries ? *entries : Document(), active_paths);
   std::vector<Verdict> verdicts(expected.size());

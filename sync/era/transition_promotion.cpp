@@ -37,7 +37,7 @@ void require_place_for_file(const std::string& path) {
 
 /// A vocabulary that is no good, or a search that cannot be matched with one, must show before a file moves.
 void SyncManager::Transition::prepare_promotion() {
-  const std::vector<Text>& active_paths = rotation_.plan.selection.active_relative_paths;
+  const TextList& active_paths = rotation_.plan.selection.active_relative_paths;
   if (const RotationStateRef& candidate = rotation_.plan.candidate_state) {
     promoted_rotation_state_ =
         neighbours_->artifact_rotation().promote_rotation_candidate(manager_._active_rotation_state.get(), candidate, active_paths);

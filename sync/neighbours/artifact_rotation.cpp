@@ -126,13 +126,12 @@ class BuiltinArtifactRotation final : public ArtifactRotation {
   }
 
   RotationStateRef promote_rotation_candidate(const RotationStateRef&, const RotationStateRef& candidate_state,
-                                              const std::vector<Text>& available_relative_paths) const override {
-    std::vector<Text> candidates = candidate_state->active_relative_paths();
+                                              const TextList& available_relative_paths) const override {
+    const TextList candidates = candidate_state->active_relative_paths();
     if (candidates == available_relative_paths) return candidate_state;
     const TextSet available = set_of(available_relative_paths);
-    const std::size_t all = candidates.size();
-    std::erase_if(candidates, [&](const Text& path) { return !contains(available, path); });
-    return candidates.size() == all ? candidate_state : candidate_state->with_active_relative_paths(std::move(candidates));
+    TextList here = kept_of(candidates, [&](const Text& path) { return contains(available, path); });
+    return here.size() == candidates.size() ? candidate_state : candidate_state->with_active_relative_paths(std::move(here));
   }
 
   Value rotation_state_payload(const RotationStateRef& state, int schema_version) const override {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "sync/base/error.hpp"
+#include "sync/base/values/text_list.hpp"
 #include "sync/base/values/text_set.hpp"
 #include "sync/base/values/value.hpp"
 
@@ -31,13 +32,13 @@ class RotationState {
  public:
   virtual ~RotationState() = default;
   /// Manifest paths of the active artifacts, mandatory ones included.
-  [[nodiscard]] virtual std::vector<Text> active_relative_paths() const = 0;
+  [[nodiscard]] virtual TextList active_relative_paths() const = 0;
   [[nodiscard]] virtual Value generation() const = 0;
   [[nodiscard]] virtual Value seed() const = 0;
   [[nodiscard]] virtual std::string rng_state() const = 0;
   [[nodiscard]] virtual bool equals(const RotationState& other) const = 0;
   /// A copy with other active paths.
-  [[nodiscard]] virtual std::shared_ptr<const RotationState> with_active_relative_paths(std::vector<Text> paths) const = 0;
+  [[nodiscard]] virtual std::shared_ptr<const RotationState> with_active_relative_paths(TextList paths) const = 0;
 };
 using RotationStateRef = std::shared_ptr<const RotationState>;
 
@@ -103,9 +104,9 @@ struct RotationSelection {
   /// What an artifact of `artifacts` is in this selection.
   enum class Role : std::uint8_t { OutOfScope, Mandatory, Selected, Skipped };
 
-  std::vector<Text> active_relative_paths;  ///< texts shared with the manifest
-  std::vector<Text> mandatory_relative_paths;
-  std::vector<Text> skipped_relative_paths;  ///< eligible, and not active
+  TextList active_relative_paths;  ///< texts shared with the manifest
+  TextList mandatory_relative_paths;
+  TextList skipped_relative_paths;  ///< eligible, and not active
   Value mandatory_bytes = 0;
   Value feature_budget_bytes;
   Value seed;
@@ -173,7 +174,7 @@ class ArtifactRotation {
   /// `active_state` may be null, `candidate_state` not.
   [[nodiscard]] virtual RotationStateRef promote_rotation_candidate(const RotationStateRef& active_state,
                                                                     const RotationStateRef& candidate_state,
-                                                                    const std::vector<Text>& available_relative_paths) const = 0;
+                                                                    const TextList& available_relative_paths) const = 0;
 
   /// What is written to the state file. Throws rotation_state_payload_error_class(), as does the reverse.
   [[nodiscard]] virtual Value rotation_state_payload(const RotationStateRef& state, int schema_version) const = 0;

@@ -94,7 +94,7 @@ class Planner {
 
   /// A state lists its paths mostly as the rows do, and none twice: then one walk finds them all.
   void find_held() {
-    const std::vector<Text> active = previous_ ? previous_->active_relative_paths() : std::vector<Text>();
+    const TextList active = previous_ ? previous_->active_relative_paths() : TextList();
     const std::uint32_t count = static_cast<std::uint32_t>(artifacts_.descriptors.size());
     held_.assign(count, false);
     std::size_t next = 0;
@@ -262,13 +262,17 @@ class Planner {
   }
 
   RotationPlan finish(const Value& generation, const Value& seed, const Value& rotated_at) {
+    std::vector<Text> active, mandatory, skipped;
     for (std::uint32_t index = 0; index < artifacts_.descriptors.size(); ++index) {
       const Role role = selection_.roles[index];
       const Text& path = artifact(index).relative_path;
-      if (role == Role::Mandatory || role == Role::Selected) selection_.active_relative_paths.push_back(path);
-      if (role == Role::Mandatory) selection_.mandatory_relative_paths.push_back(path);
-      if (role == Role::Skipped) selection_.skipped_relative_paths.push_back(path);
+      if (role == Role::Mandatory || role == Role::Selected) active.push_back(path);
+      if (role == Role::Mandatory) mandatory.push_back(path);
+      if (role == Role::Skipped) skipped.push_back(path);
     }
+    selection_.active_relative_paths = std::move(active);
+    selection_.mandatory_relative_paths = std::move(mandatory);
+    selection_.skipped_relative_paths = std::move(skipped);
     selection_.mandatory_bytes = to_value(mandatory_bytes_);
     selection_.feature_budget_bytes = to_value(room_for_new_);
     selection_.seed = seed;
@@ -276,8 +280,7 @@ class Planner {
     if (!settings_.scoped && !previous_) return plan;
     if (previous_ && rotated_at.is_null()) {
       // Where nothing rotates any more it only keeps generation and seed, for the day when something does.
-      plan.candidate_state =
-          previous_->with_active_relative_paths(settings_.scoped ? plan.selection.active_relative_paths : std::vector<Text>());
+      plan.candidate_state = previous_->with_active_relative_paths(settings_.scoped ? plan.selection.active_relative_paths : TextList());
       return plan;
     }
     auto candidate = std::make_shared<BuiltinRotationState>();

@@ -63,7 +63,7 @@ RotationStatusAccounting builtin_status_accounting(const Artifacts& artifacts, c
     stated = {settings->get("market"), settings->get("named_universes"), settings->get("family"), settings->get("subfamily")};
   }
   const ScopeFilter scope(std::move(stated));
-  const std::vector<Text> active_paths = state ? state->active_relative_paths() : std::vector<Text>();
+  const TextList active_paths = state ? state->active_relative_paths() : TextList();
   const TextSet active = set_of(active_paths);
   const TextSet existing = set_of(existing_relative_paths);
   TextSet listed;

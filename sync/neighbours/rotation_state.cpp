@@ -58,7 +58,7 @@ bool BuiltinRotationState::equals(const RotationState& other) const {
          generator == same_kind->generator && rotated_at == same_kind->rotated_at && active_paths == same_kind->active_paths;
 }
 
-RotationStateRef BuiltinRotationState::with_active_relative_paths(std::vector<Text> paths) const {
+RotationStateRef BuiltinRotationState::with_active_relative_paths(TextList paths) const {
   auto copy = std::make_shared<BuiltinRotationState>();
   copy->active_paths = std::move(paths);
   copy->generation_number = generation_number;
@@ -69,7 +69,7 @@ RotationStateRef BuiltinRotationState::with_active_relative_paths(std::vector<Te
 }
 
 Document builtin_rotation_state_payload(const RotationState& state, int schema_version) {
-  const std::vector<Text> paths = state.active_relative_paths();
+  const TextList paths = state.active_relative_paths();
   const auto* builtin = dynamic_cast<const BuiltinRotationState*>(&state);
   Document payload{{"schema_version", schema_version}, {"active_relative_paths", List(std::vector<Value>(paths.begin(), paths.end()))},
                    {"generation", state.generation()}, {"seed", state.seed()},
@@ -86,8 +86,10 @@ RotationStateRef builtin_rotation_state_from_payload(const Value& payload, const
 
   auto state = std::make_shared<BuiltinRotationState>();
   const List& paths = *members->get("active_relative_paths").if_list();
-  state->active_paths.reserve(paths.size());
-  for (const Value& path : paths) state->active_paths.push_back(*path.if_shared_text());
+  std::vector<Text> active_paths;
+  active_paths.reserve(paths.size());
+  for (const Value& path : paths) active_paths.push_back(*path.if_shared_text());
+  state->active_paths = std::move(active_paths);
   state->generation_number = members->get("generation");
   state->seed_number = members->get("seed");
   state->generator = *members->get("rng_state").if_text();

@@ -3,26 +3,25 @@
 
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "sync/neighbours/artifact_rotation.hpp"
 
 namespace brackenfen::sync {
 
 struct BuiltinRotationState final : RotationState {
-  std::vector<Text> active_paths;
+  TextList active_paths;
   Value generation_number;  ///< an integer; the first rotation makes 1
   Value seed_number;        ///< an integer of any size
   std::string generator;    ///< of which the order of this generation follows, and the next one's
   Value rotated_at;         ///< seconds since the epoch, or null where that is not known
 
-  [[nodiscard]] std::vector<Text> active_relative_paths() const override { return active_paths; }
+  [[nodiscard]] TextList active_relative_paths() const override { return active_paths; }
   [[nodiscard]] Value generation() const override { return generation_number; }
   [[nodiscard]] Value seed() const override { return seed_number; }
   [[nodiscard]] std::string rng_state() const override { return generator; }
   /// False for a state of any other kind.
   [[nodiscard]] bool equals(const RotationState& other) const override;
-  [[nodiscard]] RotationStateRef with_active_relative_paths(std::vector<Text> paths) const override;
+  [[nodiscard]] RotationStateRef with_active_relative_paths(TextList paths) const override;
 };
 
 /// Throws RotationStatePayloadError for a state that could not be read again.

@@ -1,5 +1,6 @@
 // The active rotation state, in memory and in its file, and every change of it.
 #include <algorithm>
+#include <span>
 #include <utility>
 
 #include "sync/base/error.hpp"
@@ -31,7 +32,7 @@ bool takes_over(const RotationState& stored, const RotationStateRef& active) {
          compare_integers(to_integer(stored.generation()), to_integer(active->generation())) > 0;
 }
 
-bool lists_all(const std::vector<Text>& paths, const std::vector<Text>& wanted) {
+bool lists_all(std::span<const Text> paths, std::span<const Text> wanted) {
   const TextSet set = set_of(paths);
   return std::ranges::all_of(wanted, [&](const Text& path) { return contains(set, path); });
 }
@@ -55,11 +56,11 @@ class Tries {
 };
 
 /// `first`, then what of `second` it lacks; each path once.
-std::vector<Text> united(const std::vector<Text>& first, const std::vector<Text>& second) {
+TextList united(std::span<const Text> first, std::span<const Text> second) {
   std::vector<Text> all;
   TextSet seen;
-  for (const std::vector<Text>* paths : {&first, &second}) {
-    for (const Text& path : *paths) {
+  for (const std::span<const Text> paths : {first, second}) {
+    for (const Text& path : paths) {
       if (seen.insert(path).second) all.push_back(path);
     }
   }
@@ -96,8 +97,8 @@ bool SyncManager::commit_rotation_state(NeighbourSet& neighbours, std::uint64_t 
 RotationStateRef SyncManager::with_added_paths(const RotationStateRef& state) const {
   const std::vector<Text> added = rotation_state_changes_.added();
   if (added.empty()) return state;
-  const std::vector<Text> paths = state->active_relative_paths();
-  std::vector<Text> all = united(paths, added);
+  const TextList paths = state->active_relative_paths();
+  TextList all = united(paths, added);
   return all == paths ? state : state->with_active_relative_paths(std::move(all));
 }
 
@@ -155,19 +156,19 @@ void SyncManager::adopt_stored_rotation(NeighbourSet& neighbours) {
   }
 }
 
-std::vector<Text> SyncManager::add_active_feature_paths(const std::vector<Text>& relative_paths) {
+TextList SyncManager::add_active_feature_paths(const std::vector<Text>& relative_paths) {
   require_own_process();
   if (relative_paths.empty()) return {};
   std::optional<DirectoryLock::Hold> unit_of_work;
   if (!_directory_lock.is_held_around_this_call()) unit_of_work.emplace(_directory_lock);
   const std::shared_ptr<NeighbourSet> neighbours = seams_.neighbours->bind();
-  std::vector<Text> active_paths;
+  TextList active_paths;
   for (Tries tries;;) {
     tries.begin_next();
     const std::uint64_t changes = rotation_state_changes_.count();
     const RotationStateRef state = load_feature_rotation_state(*neighbours, _data_dir.get());
     if (!state) break;
-    const std::vector<Text> old_paths = state->active_relative_paths();
+    const TextList old_paths = state->active_relative_paths();
     active_paths = united(old_paths, relative_paths);
     // What is active already is not written, but a plan in the making may be about to drop it, unless it was told before.
     if (active_paths == old_paths && lists_all(rotation_state_changes_.added(), relative_paths)) break;

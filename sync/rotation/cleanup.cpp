@@ -1,5 +1,6 @@
 #include "sync/rotation/cleanup.hpp"
 
+#include <atomic>
 #include <cerrno>
 #include <iterator>
 #include <optional>
@@ -40,14 +41,18 @@ TextSet in_local_spelling(const TextSet& keep) {
 
 }  // namespace
 
-void delete_files_not_kept(Files& files, std::string_view data_dir, const TextSet& keep) {
+std::vector<std::string> delete_files_not_kept(Files& files, std::string_view data_dir, const TextSet& keep) {
   const RootDirectory root(real_path(data_dir));
-  std::optional<TextSet> respelt;  // made for the first file that is about to go, which mostly there is none of
-  root.search({.folders = {std::begin(ARTIFACT_FOLDERS), std::end(ARTIFACT_FOLDERS)},
+  const std::vector<std::string> folders(std::begin(ARTIFACT_FOLDERS), std::end(ARTIFACT_FOLDERS));
+  std::atomic<bool> may_hold_staging = false;  // a name of a staging file was seen, or a folder was not entered
+  std::optional<TextSet> respelt;              // made for the first file that is about to go, which mostly there is none of
+  root.search({.folders = folders,
                .hidden_folders = false,
                .picks =
                    [&](const std::string& path, const DirectoryReader& reader, const dirent& entry) {
-                     return !reader.is_directory(entry) && !contains(keep, path) && !reader.links_to_directory(entry);
+                     const bool is_directory = reader.is_directory(entry);
+                     if (path.ends_with(".tmp") || (is_directory && entry.d_name[0] == '.')) may_hold_staging = true;
+                     return !is_directory && !contains(keep, path) && !reader.links_to_directory(entry);
                    },
                .found =
                    [&](const Place& place) {
@@ -58,6 +63,7 @@ void delete_files_not_kept(Files& files, std::string_view data_dir, const TextSe
                    [](const Error& error, const std::string& folder) {
                      if (!is_no_folder(error, folder)) throw error;
                    }});
+  return may_hold_staging ? std::vector<std::string>() : folders;
 }
 
 }  // namespace brackenfen::sync

@@ -19,7 +19,7 @@ void require_state(const RotationStateRef& state) {
 }  // namespace
 
 RotationStateRef SyncManager::_promote_rotation_candidate(NeighbourSet& neighbours, const RotationStateRef& candidate_state,
-                                                          const std::vector<Text>& available_relative_paths) {
+                                                          const TextList& available_relative_paths) {
   require_state(candidate_state);
   RotationStateRef promoted =
       neighbours.artifact_rotation().promote_rotation_candidate(_active_rotation_state.get(), candidate_state, available_relative_paths);
@@ -49,8 +49,8 @@ std::vector<SearchRefreshPayload> SyncManager::_rotation_search_refresh_payloads
   return payloads;
 }
 
-void SyncManager::_cleanup_inactive_rotation_artifacts(NeighbourSet& neighbours, const Manifest& manifest,
-                                                       const std::vector<Text>& active_relative_paths) {
+std::vector<std::string> SyncManager::_cleanup_inactive_rotation_artifacts(NeighbourSet& neighbours, const Manifest& manifest,
+                                                                           const TextList& active_relative_paths) {
   TextSet protected_paths = set_of(active_relative_paths);
   for (const std::string& path : _prefetched_features._prefetched_feature_keep_paths(neighbours, manifest))
     protected_paths.insert(Text(path));
@@ -59,12 +59,12 @@ void SyncManager::_cleanup_inactive_rotation_artifacts(NeighbourSet& neighbours,
   TextSet keep = neighbours.artifact_rotation().rotation_cleanup_keep_paths(files.is_document() ? files : Value(Document()),
                                                                             std::move(protected_paths), metadata);
   for (const Text& path : rotation_state_changes_.added()) keep.insert(path);
-  delete_files_not_kept(*seams_.files, _data_dir.get(), keep);
+  return delete_files_not_kept(*seams_.files, _data_dir.get(), keep);
 }
 
-RotationStateRef SyncManager::_complete_rotation_promotion(NeighbourSet& neighbours, const RotationStateRef& candidate_state,
-                                                           const std::vector<Text>& available_relative_paths,
-                                                           const std::shared_ptr<Manifest>& manifest) {
+SyncManager::Promotion SyncManager::_complete_rotation_promotion(NeighbourSet& neighbours, const RotationStateRef& candidate_state,
+                                                                 const TextList& available_relative_paths,
+                                                                 const std::shared_ptr<Manifest>& manifest) {
   RotationStateRef promoted;
   if (candidate_state) {
     promoted =
@@ -75,9 +75,9 @@ RotationStateRef SyncManager::_complete_rotation_promotion(NeighbourSet& neighbo
   const std::vector<SearchRefreshPayload> refresh_payloads =
       _rotation_search_refresh_payloads(neighbours, scope, vocabulary ? Value(*vocabulary) : Value(), manifest);
   if (promoted) promoted = store_rotation_state(neighbours, promoted);
-  _cleanup_inactive_rotation_artifacts(neighbours, *manifest, scope->active_relative_paths());
+  std::vector<std::string> without_staging = _cleanup_inactive_rotation_artifacts(neighbours, *manifest, scope->active_relative_paths());
   _deliver_rotation_search_refresh_payloads(refresh_payloads);
-  return promoted;
+  return {std::move(promoted), std::move(without_staging)};
 }
 
 void SyncManager::refresh_running_searches_for_rotation(const RotationStateRef& rotation_state, const Value& vocabulary,

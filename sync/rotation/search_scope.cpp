@@ -7,7 +7,7 @@
 
 namespace brackenfen::sync {
 
-RotationStateRef search_scope(NeighbourSet& neighbours, const RotationStateRef& promoted, const std::vector<Text>& available_relative_paths,
+RotationStateRef search_scope(NeighbourSet& neighbours, const RotationStateRef& promoted, const TextList& available_relative_paths,
                               Manifest& manifest) {
   const bool rotates = _rotation_artifacts_require_scoped_settings(*_rotation_manifest_artifacts(neighbours, manifest));
   if (promoted && (rotates || !promoted->active_relative_paths().empty())) return promoted;

@@ -1,8 +1,6 @@
 // What running searches are told of where there may be nothing that rotates.
 #pragma once
 
-#include <vector>
-
 #include "sync/documents/manifest.hpp"
 #include "sync/neighbours/neighbours.hpp"
 
@@ -11,6 +9,6 @@ namespace brackenfen::sync {
 /// The state that searches are told and the clean-up keeps: the promoted one; where nothing rotates, and that is null or
 /// lists no paths, one with all that is available.
 [[nodiscard]] RotationStateRef search_scope(NeighbourSet& neighbours, const RotationStateRef& promoted,
-                                            const std::vector<Text>& available_relative_paths, Manifest& manifest);
+                                            const TextList& available_relative_paths, Manifest& manifest);
 
 }  // namespace brackenfen::sync

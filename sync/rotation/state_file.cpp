@@ -77,12 +77,11 @@ std::string write_feature_rotation_state(NeighbourSet& neighbours, Files& files,
 RotationStateRef _drop_retired_unsupported_runtime_paths_from_state(const RotationStateRef& state, const Value& files) {
   if (!state) return nullptr;
   const Document* entries = files.if_document();
-  std::vector<Text> paths = state->active_relative_paths();
-  const std::size_t all = paths.size();
-  std::erase_if(paths, [&](const Text& path) {
-    return _is_retired_unsupported_runtime_module_path(path) && (entries == nullptr || !entries->contains(path));
+  const TextList paths = state->active_relative_paths();
+  TextList kept = kept_of(paths, [&](const Text& path) {
+    return !_is_retired_unsupported_runtime_module_path(path) || (entries != nullptr && entries->contains(path));
   });
-  return paths.size() == all ? state : state->with_active_relative_paths(std::move(paths));
+  return kept.size() == paths.size() ? state : state->with_active_relative_paths(std::move(kept));
 }
 
 std::optional<std::int64_t> _rotation_frequency_seconds(const Value& settings_payload) {

@@ -1,5 +1,6 @@
 #include "sync/rotation/status.hpp"
 
+#include <span>
 #include <utility>
 
 #include "sync/base/error.hpp"
@@ -13,9 +14,9 @@
 namespace brackenfen::sync {
 namespace {
 
-List list_of(const std::vector<Text>& paths) { return List(std::vector<Value>(paths.begin(), paths.end())); }
+List list_of(std::span<const Text> paths) { return List(std::vector<Value>(paths.begin(), paths.end())); }
 
-Document counts_of(const std::vector<Text>& active_paths, const RotationStatusAccounting& accounting) {
+Document counts_of(const TextList& active_paths, const RotationStatusAccounting& accounting) {
   return {{"active_path_count", active_paths.size()},
           {"eligible_feature_count", accounting.eligible_relative_paths.size()},
           {"selected_feature_count", accounting.selected_relative_paths.size()},
@@ -45,7 +46,7 @@ Document feature_rotation_status_payload(NeighbourSet& neighbours, Files& files,
   const std::shared_ptr<Manifest> manifest = _load_feature_rotation_status_manifest(neighbours, data_dir);
   const ArtifactRotation& rotation = neighbours.artifact_rotation();
   const ArtifactsRef artifacts = manifest ? _rotation_manifest_artifacts(neighbours, *manifest) : rotation.artifact_descriptors({});
-  const std::vector<Text> active_paths = state ? state->active_relative_paths() : std::vector<Text>();
+  const TextList active_paths = state ? state->active_relative_paths() : TextList();
   std::vector<Text> artifact_paths;
   for (const ArtifactDescriptor& artifact : artifacts->descriptors) artifact_paths.push_back(artifact.relative_path);
   const RotationStatusAccounting accounting = rotation.rotation_status_accounting(*artifacts, state, settings_payload, own_settings,

@@ -173,11 +173,13 @@ void _remove_manifest_tmp_file(Files& files, std::string_view data_dir, const Va
   }
 }
 
-void _cleanup_sync_tmp_files(Files& files, std::string_view data_dir, const std::vector<Value>& preserve_relative_paths) {
+void _cleanup_sync_tmp_files(Files& files, std::string_view data_dir, const std::vector<Value>& preserve_relative_paths,
+                             const std::vector<std::string>& without_staging) {
   const std::unordered_set<std::string> preserved = staging_paths(data_dir, preserve_relative_paths);
   // The search starts where the links of `data_dir` lead, as staging paths do, and follows none below.
   const RootDirectory root(real_path(expand_user(data_dir)));
-  root.search({.picks = [&](const std::string& path, const DirectoryReader&,
+  root.search({.left_out = without_staging,
+               .picks = [&](const std::string& path, const DirectoryReader&,
                             const dirent&) { return path.ends_with(".tmp") && !preserved.contains(join_path(root.path(), path)); },
                .found =
                    [&](const Place& place) {

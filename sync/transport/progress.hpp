@@ -25,7 +25,9 @@ void _remove_sync_progress_json(Files& files, std::string_view data_dir);
 /// Removes the staging file of one manifest path. Never fails: what stands in the way is logged.
 void _remove_manifest_tmp_file(Files& files, std::string_view data_dir, const Value& file_path);
 /// Removes every name ending in ".tmp" below `data_dir`, except the staging files of the paths given.
-/// Links are not followed. Never fails.
-void _cleanup_sync_tmp_files(Files& files, std::string_view data_dir, const std::vector<Value>& preserve_relative_paths = {});
+/// Links are not followed, and the folders `without_staging` not read, which a search of the same pass found to hold no
+/// such name. Never fails.
+void _cleanup_sync_tmp_files(Files& files, std::string_view data_dir, const std::vector<Value>& preserve_relative_paths = {},
+                             const std::vector<std::string>& without_staging = {});
 
 }  // namespace brackenfen::sync

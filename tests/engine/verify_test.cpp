@@ -71,8 +71,7 @@ TEST_F(VerifyTest, theListsFollowTheOrderOfTheManifestOrOfTheActivePaths) {
   EXPECT_EQ(manager->verify(), found(corrupted, missing));
 
   const auto state = std::make_shared<BuiltinRotationState>();
-  for (const std::string& path : {missing[1], std::string("unknown"), corrupted[5], missing[0], corrupted[2]})
-    state->active_paths.emplace_back(path);
+  state->active_paths = {missing[1], "unknown", corrupted[5], missing[0], corrupted[2]};
   manager->_active_rotation_state.set(state);
   EXPECT_EQ(manager->verify(), found({corrupted[5], corrupted[2]}, {missing[1], "unknown", missing[0]}));
 

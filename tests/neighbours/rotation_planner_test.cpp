@@ -13,7 +13,7 @@ namespace {
 using testing::ElementsAre;
 using testing::SizeIs;
 
-std::vector<std::string> texts(const std::vector<Text>& paths) { return {paths.begin(), paths.end()}; }
+std::vector<std::string> texts(const TextList& paths) { return {paths.begin(), paths.end()}; }
 std::set<std::string> active(const RotationSelection& selection) {
   return {selection.active_relative_paths.begin(), selection.active_relative_paths.end()};
 }

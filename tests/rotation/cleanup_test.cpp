@@ -59,6 +59,17 @@ TEST(CleanUp, doesNotLeaveTheDirectoryByATopFolderThatIsALink) {
   EXPECT_TRUE(directory.contains("universe_masks"));
 }
 
+TEST(CleanUp, vouchesOnlyForFoldersWithoutStagingFiles) {
+  const auto vouched_beside = [](const char* path) {
+    const TemporaryDirectory directory;
+    directory.write(path, "x");
+    return delete_files_not_kept(Files::real(), directory.path(), {path});
+  };
+  for (const char* path : {"features/a.arrow.tmp", "features/u/folder.tmp/a", "useful_signals/u/.hidden/a.tmp"})
+    EXPECT_THAT(vouched_beside(path), testing::IsEmpty()) << path;
+  EXPECT_THAT(vouched_beside("features/.a.arrow"), testing::SizeIs(6));
+}
+
 TEST(CleanUp, stopsAtTheFirstFileThatCannotBeDeleted) {
   const TemporaryDirectory directory;
   directory.write("features/a", "x");

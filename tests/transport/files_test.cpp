@@ -118,15 +118,15 @@ TEST_F(FilesTest, removesTheProgressFileWithoutEverFailing) {
 TEST_F(FilesTest, cleansTemporaryFilesUpButNeverThroughLinks) {
   TemporaryDirectory elsewhere;
   elsewhere.write("precious.tmp", "x");
-  for (const char* name :
-       {"a.arrow.tmp", "b.arrow.tmp", "deep/.hidden/c.tmp", "deep/kept.tmp", ".transition_era5.tmp/d.tmp", "file.tmp.txt"})
+  for (const char* name : {"a.arrow.tmp", "b.arrow.tmp", "deep/.hidden/c.tmp", "deep/kept.tmp", ".transition_era5.tmp/d.tmp",
+                           "file.tmp.txt", "deep/read/e.tmp"})
     directory_.write(name, "x");
   std::filesystem::create_directory_symlink(elsewhere.path(), directory_ / "outside");
   std::filesystem::create_directory_symlink(elsewhere.path(), directory_ / "link.tmp");
   std::filesystem::create_directory_symlink(directory_.path(), elsewhere / "data");
   const RecordingLog log;
-  _cleanup_sync_tmp_files(files_, elsewhere / "data", {"a.arrow", "../unsafe", 5, "deep//kept", nullptr});
-  EXPECT_THAT(directory_.files(), ElementsAre("a.arrow.tmp", "deep/kept.tmp", "file.tmp.txt", "outside"));
+  _cleanup_sync_tmp_files(files_, elsewhere / "data", {"a.arrow", "../unsafe", 5, "deep//kept", nullptr}, {"deep/read"});
+  EXPECT_THAT(directory_.files(), ElementsAre("a.arrow.tmp", "deep/kept.tmp", "deep/read/e.tmp", "file.tmp.txt", "outside"));
   EXPECT_EQ(elsewhere.read("precious.tmp"), "x");
   EXPECT_THAT(log.messages(LogLevel::Debug), ElementsAre(MatchesRegex("best-effort tmp cleanup failed for .*/.transition_era5.tmp: .*")));
   EXPECT_THAT(log.entries(), SizeIs(1));

@@ -119,7 +119,7 @@ class RootDirectory::Descent {
       std::string path = prefix;
       while (const dirent* const entry = reader.next()) {
         path.replace(prefix.size(), std::string::npos, entry->d_name);
-        if (reader.is_directory(*entry) && (search_.hidden_folders || entry->d_name[0] != '.')) reading.folders.push_back(path);
+        if (reader.is_directory(*entry) && is_entered(path, *entry)) reading.folders.push_back(path);
         if (search_.picks(path, reader, *entry)) reading.picked.push_back(path);
       }
       last_ = std::move(opened);
@@ -145,6 +145,10 @@ class RootDirectory::Descent {
   }
 
  private:
+  [[nodiscard]] bool is_entered(const std::string& path, const dirent& entry) const {
+    return (search_.hidden_folders || entry.d_name[0] != '.') && std::ranges::find(search_.left_out, path) == search_.left_out.end();
+  }
+
   [[nodiscard]] Descriptor open(const std::string& folder) const {
     const bool is_child = last_ && folder.rfind('/') + 1 == last_prefix_.size() && folder.starts_with(last_prefix_);
     return Descriptor(is_child ? open_beneath(last_.get(), folder.substr(last_prefix_.size()), O_RDONLY | O_DIRECTORY)

@@ -37,6 +37,7 @@ class RootDirectory {
   struct Search {
     std::vector<std::string> folders{""};  ///< where to begin, as relative paths
     bool hidden_folders = true;            ///< whether folders are entered whose name begins with a dot
+    std::vector<std::string> left_out{};   ///< folders that are not entered, as relative paths
     /// Asked for every name below, by its relative path; on any thread.
     std::function<bool(const std::string& path, const DirectoryReader& reader, const dirent& entry)> picks;
     /// Told of what was picked, once all is read; on the calling thread, folders before what they hold.

@@ -3,8 +3,8 @@
 
 #include <functional>
 #include <memory>
+#include <span>
 #include <string_view>
-#include <vector>
 
 #include <tsl/robin_set.h>
 
@@ -22,7 +22,7 @@ struct TextEqual {
 /// Hashes are kept, so that a text is read only where it is the one that is looked for.
 using TextSet = tsl::robin_set<Text, TextHash, TextEqual, std::allocator<Text>, true>;
 
-[[nodiscard]] inline TextSet set_of(const std::vector<Text>& texts) {
+[[nodiscard]] inline TextSet set_of(std::span<const Text> texts) {
   TextSet set;
   set.reserve(texts.size());
   set.insert(texts.begin(), texts.end());
