@@ -6,7 +6,9 @@
 #include <array>
 #include <atomic>
 #include <cstddef>
+#include <map>
 #include <mutex>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -36,13 +38,12 @@ CURLcode initialise_library() {
 
 }  // namespace
 
-/// Leaked. A forked child forgets its parent's and builds its own: the parent's locks may be held there for
-/// ever, and the handles may be in the middle of a transfer.
-struct detail::CurlProcess {
-  CurlProcess();
-  CurlProcess(const CurlProcess&) = delete;
-  CurlProcess& operator=(const CurlProcess&) = delete;
-  ~CurlProcess() { curl_share_cleanup(share); }
+/// What the leases of one certificate directory share.
+struct detail::CurlPool {
+  explicit CurlPool(std::string directory);
+  CurlPool(const CurlPool&) = delete;
+  CurlPool& operator=(const CurlPool&) = delete;
+  ~CurlPool() { curl_share_cleanup(share); }
 
   /// Empty where there are none.
   CurlHandles take_idle() {
@@ -60,10 +61,24 @@ struct detail::CurlProcess {
     return true;
   }
 
+  const std::string certificate_directory;
   std::array<std::mutex, CURL_LOCK_DATA_LAST + 1> share_locks;
   CURLSH* share;
   Mutex idle_mutex;
   std::vector<CurlHandles> idle GUARDED_BY(idle_mutex);
+};
+
+/// Leaked. A forked child forgets its parent's and builds its own: the parent's locks may be held there for
+/// ever, and the handles may be in the middle of a transfer.
+struct detail::CurlProcess {
+  /// Stays for as long as the process: few directories are ever named.
+  CurlPool& pool(const std::string& certificate_directory) {
+    const MutexLock lock(pools_mutex);
+    return pools.try_emplace(certificate_directory, certificate_directory).first->second;
+  }
+
+  Mutex pools_mutex;
+  std::map<std::string, CurlPool> pools GUARDED_BY(pools_mutex);
 };
 
 namespace {
@@ -71,12 +86,12 @@ namespace {
 constinit std::atomic<detail::CurlProcess*> current_process{nullptr};
 [[maybe_unused]] const bool forgotten_in_child = (at_fork_child([] { current_process.store(nullptr, std::memory_order_release); }), true);
 
-void lock_share(CURL*, curl_lock_data data, curl_lock_access, void* process) {
-  static_cast<detail::CurlProcess*>(process)->share_locks.at(static_cast<std::size_t>(data)).lock();
+void lock_share(CURL*, curl_lock_data data, curl_lock_access, void* pool) {
+  static_cast<detail::CurlPool*>(pool)->share_locks.at(static_cast<std::size_t>(data)).lock();
 }
 
-void unlock_share(CURL*, curl_lock_data data, void* process) {
-  static_cast<detail::CurlProcess*>(process)->share_locks.at(static_cast<std::size_t>(data)).unlock();
+void unlock_share(CURL*, curl_lock_data data, void* pool) {
+  static_cast<detail::CurlPool*>(pool)->share_locks.at(static_cast<std::size_t>(data)).unlock();
 }
 
 void free_handles(const CurlHandles& handles) {
@@ -96,7 +111,7 @@ detail::CurlProcess& process_in_force() {
 
 }  // namespace
 
-detail::CurlProcess::CurlProcess() : share(curl_share_init()) {
+detail::CurlPool::CurlPool(std::string directory) : certificate_directory(std::move(directory)), share(curl_share_init()) {
   if (share == nullptr) out_of_memory();
   curl_share_setopt(share, CURLSHOPT_LOCKFUNC, lock_share);
   curl_share_setopt(share, CURLSHOPT_UNLOCKFUNC, unlock_share);
@@ -107,8 +122,12 @@ detail::CurlProcess::CurlProcess() : share(curl_share_init()) {
 
 void set_up_curl() noexcept { static_cast<void>(initialise_library()); }
 
-CurlLease::CurlLease(Connections connections)
-    : process_(process_in_force()), connections_(connections), handles_(process_.take_idle()), is_clean_(handles_.easy != nullptr) {
+CurlLease::CurlLease(Connections connections, const std::string& certificate_directory)
+    : process_(process_in_force()),
+      pool_(process_.pool(certificate_directory)),
+      connections_(connections),
+      handles_(pool_.take_idle()),
+      is_clean_(handles_.easy != nullptr) {
   if (handles_.multi == nullptr) handles_.multi = curl_multi_init();
   if (handles_.multi == nullptr) out_of_memory();
 }
@@ -117,14 +136,16 @@ CurlLease::Handle CurlLease::begin_transfer() {
   if (std::exchange(is_clean_, false)) return Handle::Used;
   curl_easy_cleanup(std::exchange(handles_.easy, curl_easy_init()));
   if (handles_.easy == nullptr) out_of_memory();
-  curl_easy_setopt(handles_.easy, CURLOPT_SHARE, process_.share);
+  curl_easy_setopt(handles_.easy, CURLOPT_SHARE, pool_.share);
   return Handle::New;
 }
+
+const std::string& CurlLease::certificate_directory() const noexcept { return pool_.certificate_directory; }
 
 CurlLease::~CurlLease() {
   if (&process_ != current_process.load(std::memory_order_acquire)) return;  // the parent's: left alone in its forked child
   if (!is_clean_) curl_easy_cleanup(std::exchange(handles_.easy, nullptr));
-  if (keeps_connections() || !process_.keep_idle(handles_)) free_handles(handles_);
+  if (keeps_connections() || !pool_.keep_idle(handles_)) free_handles(handles_);
 }
 
 }  // namespace brackenfen::sync

@@ -3,11 +3,14 @@
 
 #include <curl/curl.h>
 
+#include <string>
+
 namespace brackenfen::sync {
 
 namespace detail {
 struct CurlProcess;
-}
+struct CurlPool;
+}  // namespace detail
 
 /// What happens once in a process, where it has not yet: see HttpClient::set_up_real.
 void set_up_curl() noexcept;
@@ -24,8 +27,9 @@ struct CurlHandles {
 class CurlLease {
  public:
   enum class Connections : char { Close, Keep };
-  /// Throws MemoryError.
-  explicit CurlLease(Connections connections = Connections::Close);
+  /// Nothing passes between leases of different certificate directories: neither parsed certificates nor sessions that were
+  /// begun by what they vouch for. Throws MemoryError.
+  CurlLease(Connections connections, const std::string& certificate_directory);
   CurlLease(const CurlLease&) = delete;
   CurlLease& operator=(const CurlLease&) = delete;
   ~CurlLease();
@@ -39,11 +43,14 @@ class CurlLease {
   void end_well() noexcept { is_clean_ = true; }
 
   [[nodiscard]] bool keeps_connections() const noexcept { return connections_ == Connections::Keep; }
+  /// Empty for none.
+  [[nodiscard]] const std::string& certificate_directory() const noexcept;
   [[nodiscard]] CURL* easy() const noexcept { return handles_.easy; }
   [[nodiscard]] CURLM* multi() const noexcept { return handles_.multi; }
 
  private:
   detail::CurlProcess& process_;
+  detail::CurlPool& pool_;
   const Connections connections_;
   CurlHandles handles_;
   bool is_clean_;  ///< the easy handle: no transfer is under way or broke off in it

@@ -11,11 +11,13 @@
 namespace brackenfen::sync {
 namespace {
 
-/// Of one thread. Handles are taken when the first request keeps its connection.
+/// Of one thread. Handles are taken when the first request keeps its connection, and anew when the certificates change.
 class CurlConnections final : public HttpConnections {
  public:
-  [[nodiscard]] CurlLease& lease() {
-    if (!lease_) lease_.emplace(CurlLease::Connections::Keep);
+  [[nodiscard]] CurlLease& lease(const std::string& certificate_directory) {
+    if (!lease_ || lease_->certificate_directory() != certificate_directory) {
+      lease_.emplace(CurlLease::Connections::Keep, certificate_directory);
+    }
     return *lease_;
   }
 
@@ -31,7 +33,9 @@ class CurlHttpClient final : public HttpClient {
     RequestRoute route(request);
     const std::shared_ptr<Environment> environment = request.environment ? request.environment : request_environment(Environment::real());
     auto* const connections = dynamic_cast<CurlConnections*>(request.connections);
-    CurlLease* const kept = connections != nullptr && reuses_http_connections(*environment) ? &connections->lease() : nullptr;
+    CurlLease* const kept = connections != nullptr && reuses_http_connections(*environment)
+                                ? &connections->lease(certificate_directory(*environment))
+                                : nullptr;
     for (;;) {
       auto transfer = std::make_unique<CurlTransfer>(route, *environment, timeout_seconds, kept);
       transfer->wait_for_headers();

@@ -54,11 +54,13 @@ int descriptor_shortage(int socket_error) {
   return found == EMFILE || found == ENFILE ? found : 0;
 }
 
-/// A peer that closes without TLS's farewell ends the body like any other close; lengths and digests judge
-/// what arrived.
-CURLcode accept_abrupt_close(CURL*, void* context, void*) {
-  SSL_CTX_set_options(static_cast<SSL_CTX*>(context), SSL_OP_IGNORE_UNEXPECTED_EOF);
-  return CURLE_OK;
+CURLcode set_up_tls(CURL*, void* made, void* certificate_directory) {
+  auto* const context = static_cast<SSL_CTX*>(made);
+  // A peer that closes without TLS's farewell ends the body like any other close; lengths and digests judge what arrived.
+  SSL_CTX_set_options(context, SSL_OP_IGNORE_UNEXPECTED_EOF);
+  if (certificate_directory == nullptr) return CURLE_OK;
+  const bool is_added = X509_STORE_load_path(SSL_CTX_get_cert_store(context), static_cast<const char*>(certificate_directory)) == 1;
+  return is_added ? CURLE_OK : CURLE_SSL_CACERT_BADFILE;
 }
 
 /// Where the certificate authorities of this machine lie: looked up at run time, since the place is the
@@ -77,6 +79,8 @@ std::string certificate_file(Environment& environment) {
 
 }  // namespace
 
+std::string certificate_directory(Environment& environment) { return environment.get("SSL_CERT_DIR").value_or(""); }
+
 Deadline::Deadline(std::optional<double> seconds) {
   if (!seconds || !(*seconds > 0.0) || *seconds > LONGEST_TIMEOUT_SECONDS) return;
   end_ = SteadyClock::now() + std::chrono::duration_cast<SteadyClock::duration>(std::chrono::duration<double>(*seconds));
@@ -93,7 +97,8 @@ int Deadline::slice_milliseconds() const {
 // --- setting up ---------------------------------------------------------------------------------------------
 
 CurlTransfer::CurlTransfer(const RequestRoute& route, Environment& environment, double timeout_seconds, CurlLease* kept)
-    : handles_(kept != nullptr ? *kept : own_handles_.emplace()), timeout_seconds_(timeout_seconds) {
+    : handles_(kept != nullptr ? *kept : own_handles_.emplace(CurlLease::Connections::Close, certificate_directory(environment))),
+      timeout_seconds_(timeout_seconds) {
   if (handles_.begin_transfer() == CurlLease::Handle::New) set_up_handle();
   set_request(route, environment);
   if (route.is_encrypted()) set_certificates(environment);
@@ -125,7 +130,7 @@ void CurlTransfer::set_up_handle() {
 
   set_option(easy, CURLOPT_SSL_VERIFYPEER, 1L);
   set_option(easy, CURLOPT_SSL_VERIFYHOST, 2L);
-  set_option(easy, CURLOPT_SSL_CTX_FUNCTION, &accept_abrupt_close);
+  set_option(easy, CURLOPT_SSL_CTX_FUNCTION, &set_up_tls);
   set_option(easy, CURLOPT_CA_CACHE_TIMEOUT, CERTIFICATE_STORE_SECONDS);
 
   set_option(easy, CURLOPT_OPENSOCKETFUNCTION, &CurlTransfer::open_socket);
@@ -171,13 +176,15 @@ void CurlTransfer::set_request(const RequestRoute& route, Environment& environme
 void CurlTransfer::set_certificates(Environment& environment) {
   CURL* const easy = handles_.easy();
   const std::string file = certificate_file(environment);
-  const std::string directory = environment.get("SSL_CERT_DIR").value_or("");
+  const std::string& directory = handles_.certificate_directory();
   if (file.empty() && directory.empty()) {
     throw Error(error_class::TrustStoreError, "none were found; SSL_CERT_FILE or SSL_CERT_DIR says where they are");
   }
   set_option(easy, CURLOPT_CAINFO, file.empty() ? nullptr : file.c_str());
-  // Without a directory the parsed store can be kept from one transfer to the next.
-  set_option(easy, CURLOPT_CAPATH, directory.empty() ? nullptr : directory.c_str());
+  // curl parses the file for each connection where it knows of a directory: beside a file, the directory is kept from it.
+  const char* const looked_up = directory.empty() ? nullptr : directory.c_str();
+  set_option(easy, CURLOPT_CAPATH, file.empty() ? looked_up : nullptr);
+  set_option(easy, CURLOPT_SSL_CTX_DATA, file.empty() ? nullptr : looked_up);
 }
 
 // --- running ------------------------------------------------------------------------------------------------

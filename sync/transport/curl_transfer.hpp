@@ -19,6 +19,9 @@ namespace brackenfen::sync {
 
 class RequestRoute;
 
+/// Where authorities beside those of the certificate file are looked up, each when it is needed; empty for none.
+[[nodiscard]] std::string certificate_directory(Environment& environment);
+
 /// A point in time after which waiting ends, or none. nan, values not above zero and values beyond decades
 /// stand for none.
 class Deadline {

@@ -268,6 +268,22 @@ TEST(HttpClient, namesNetworkFailuresByClass) {
   EXPECT_TRUE(untrusted.requests().empty()) << "the token must not travel before the certificate is checked";
 }
 
+TEST(HttpClient, readsTheCertificateFileOnceForEachDirectoryBesideIt) {
+  ScriptedServer server{ScriptedServer::Scheme::Https};
+  server.script("/", {{.body = "whole"}, {.body = "whole"}});
+  TemporaryDirectory directory;
+  const Variable file("SSL_CERT_FILE", directory / "ca.pem");
+  for (const char* const beside : {"", "/", "/tmp"}) {
+    const Variable looked_up("SSL_CERT_DIR", beside);
+    directory.write("ca.pem", server.certificate_pem());
+    EXPECT_EQ(failure_of_get(server.url("/")), "") << beside;
+    directory.write("ca.pem", "none");
+    EXPECT_EQ(failure_of_get(server.url("/")), "") << "parsed again beside the directory " << beside;
+  }
+  const Variable other("SSL_CERT_DIR", "/usr");
+  EXPECT_THAT(failure_of_get(server.url("/")), HasSubstr("TrustStoreError: ")) << "believed what was read beside another directory";
+}
+
 TEST(HttpClient, endsWaitsAtTheTimeout) {
   ScriptedServer server;
   server.script("/mute", {{.delay = 1h}});
