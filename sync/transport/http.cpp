@@ -3,9 +3,8 @@
 #include <algorithm>
 #include <limits>
 #include <memory>
-#include <numeric>
+#include <unordered_map>
 #include <utility>
-#include <vector>
 
 #include "sync/base/error.hpp"
 #include "sync/base/text/secrets.hpp"
@@ -106,22 +105,16 @@ std::unique_ptr<HttpResponse> _open_request(const Seams& seams, NeighbourSet& ne
 }
 
 Headers _response_headers(const HttpResponse& response) {
-  const Headers& sent = response.headers();
-  // Sorted, as a hostile server may send tens of thousands.
-  std::vector<std::size_t> by_name(sent.size());
-  std::iota(by_name.begin(), by_name.end(), std::size_t{0});
-  std::ranges::sort(by_name, {}, [&](std::size_t index) { return std::pair(std::string_view(sent[index].first), index); });
-  // At the first of each name the last of that name, which holds; at the others nothing.
-  std::vector<const std::string*> values(sent.size(), nullptr);
-  for (auto first = by_name.begin(); first != by_name.end();) {
-    const auto next = std::find_if(first, by_name.end(), [&](std::size_t index) { return sent[index].first != sent[*first].first; });
-    values[*first] = &sent[next[-1]].second;
-    first = next;
-  }
   Headers headers;
-  headers.reserve(sent.size());
-  for (std::size_t index = 0; index < sent.size(); ++index) {
-    if (values[index] != nullptr) headers.emplace_back(sent[index].first, *values[index]);
+  headers.reserve(response.headers().size());
+  std::unordered_map<std::string_view, std::size_t> positions;  // a hostile server may send tens of thousands
+  for (const auto& header : response.headers()) {
+    const auto [known, is_new] = positions.try_emplace(header.first, headers.size());
+    if (is_new) {
+      headers.push_back(header);
+    } else {
+      headers[known->second].second = header.second;
+    }
   }
   return headers;
 }
