@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <stdexcept>
 
@@ -136,7 +137,13 @@ ScriptedServer::ScriptedServer(Scheme scheme) : scheme_(scheme), listener_(::soc
   require(::bind(listener_.get(), generic, size) == 0 && ::listen(listener_.get(), 64) == 0, "listening on loopback");
   require(::getsockname(listener_.get(), generic, &size) == 0, "the listening port");
   port_ = ntohs(address.sin_port);
-  acceptor_ = std::thread([this] { accept_connections(); });
+  acceptor_ = std::thread([this] {
+    sigset_t broken_pipe;  // a client that breaks off must not end the tests
+    sigemptyset(&broken_pipe);
+    sigaddset(&broken_pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &broken_pipe, nullptr);
+    accept_connections();
+  });
 }
 
 ScriptedServer::~ScriptedServer() {
