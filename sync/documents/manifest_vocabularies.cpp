@@ -12,36 +12,42 @@
 namespace brackenfen::sync {
 namespace {
 
+/// What is wrong with the catalogue, or with what the manifest says of it.
+Error functions_error(const ErrorClass& error_class, std::string text) {
+  return {error_class, std::move(text), Document{{"file_path", FUNCTIONS_RELATIVE_PATH}}};
+}
+Error functions_error(std::string text) { return functions_error(error_class::SyncError, std::move(text)); }
+
 /// The manifest's entry for the catalogue.
 Document functions_entry(const Manifest& manifest) {
-  if (text_or_empty(manifest.functions()) != FUNCTIONS_RELATIVE_PATH) throw SyncError("manifest is missing functions.json pointer");
+  if (text_or_empty(manifest.functions()) != FUNCTIONS_RELATIVE_PATH) throw functions_error("manifest is missing functions.json pointer");
   const Value entry = manifest.file(FUNCTIONS_RELATIVE_PATH);
-  if (!entry.is_document()) throw SyncError(R"(manifest files["functions.json"] must be an object)");
+  if (!entry.is_document()) throw functions_error(R"(manifest files["functions.json"] must be an object)");
   if (entry.if_document()->get("kind").if_text() != "functions") {
-    throw SyncError(R"(manifest files["functions.json"].kind must be functions)");
+    throw functions_error(R"(manifest files["functions.json"].kind must be functions)");
   }
   return *entry.if_document();
 }
 
 std::string read_functions(const std::string& data_dir) {
   const std::string path = _manifest_local_path(data_dir, FUNCTIONS_RELATIVE_PATH);
-  if (!path_exists(path)) throw SyncError("functions.json is missing: " + std::string(FUNCTIONS_RELATIVE_PATH));
+  if (!path_exists(path)) throw functions_error("functions.json is missing: " + std::string(FUNCTIONS_RELATIVE_PATH));
   try {
     return read_file(path);
   } catch (const Error& error) {
-    throw SyncError("functions.json is not readable: " + error.text());
+    throw functions_error("functions.json is not readable: " + error.text());
   }
 }
 
 void require_published_bytes(const Document& entry, std::string_view bytes) {
   if (const Value& size = entry.get("size_bytes");
       !size.is_null() && manifest_integer(size, "size_bytes of functions.json") != Value(bytes.size())) {
-    throw IntegrityError("functions.json size_bytes mismatch");
+    throw functions_error(error_class::IntegrityError, "functions.json size_bytes mismatch");
   }
   const std::string stated = text_or_empty(entry.get("sha256"));
   const std::string expected_sha = ascii_lower(strip(stated));
-  if (expected_sha.empty()) throw SyncError(R"(manifest files["functions.json"].sha256 is required)");
-  if (_sha256(bytes) != expected_sha) throw IntegrityError("functions.json sha256 mismatch");
+  if (expected_sha.empty()) throw functions_error(R"(manifest files["functions.json"].sha256 is required)");
+  if (_sha256(bytes) != expected_sha) throw functions_error(error_class::IntegrityError, "functions.json sha256 mismatch");
 }
 
 }  // namespace
@@ -54,13 +60,14 @@ Document _validate_functions_file(NeighbourSet& neighbours, const std::string& d
   try {
     parsed = parse_json(bytes);
   } catch (const Error& error) {
-    throw SyncError("functions.json is not valid JSON: " + error.text());
+    throw functions_error("functions.json is not valid JSON: " + error.text());
   }
   const Document* functions = parsed.if_document();
-  if (functions == nullptr) throw SyncError("functions.json must contain a JSON object");
+  if (functions == nullptr) throw functions_error("functions.json must contain a JSON object");
   const Value manifest_era = manifest_integer(manifest.era_number(), "era_number");
   if (const Value& era = functions->get("era_number"); era != manifest_era) {
-    throw EraError("functions.json era_number=" + to_text(era) + " does not match manifest era_number=" + to_text(manifest_era));
+    throw functions_error(error_class::EraError,
+                          "functions.json era_number=" + to_text(era) + " does not match manifest era_number=" + to_text(manifest_era));
   }
   _validate_no_retired_function_tokens(neighbours, *functions);
   return *functions;

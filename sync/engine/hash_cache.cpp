@@ -73,6 +73,11 @@ bool HashCache::holds(std::string_view file_path, const FileStat& stat, std::str
   return holds(*entries_, file_path, stat, expected_sha);
 }
 
+bool HashCache::knows(std::string_view file_path) const {
+  MutexLock lock(mutex_);
+  return entries_->find(file_path) != entries_->end();
+}
+
 HashCache::View HashCache::view() const {
   MutexLock lock(mutex_);
   viewed_ = true;

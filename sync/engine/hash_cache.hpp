@@ -41,6 +41,8 @@ class HashCache {
                                                              std::string_view expected_sha) const;
   /// The same for a caller that has the file's stat in hand.
   [[nodiscard]] bool holds(std::string_view file_path, const FileStat& stat, std::string_view expected_sha) const;
+  /// Whether a digest of the path was ever remembered, as of every file of a manifest that was landed or looked at here.
+  [[nodiscard]] bool knows(std::string_view file_path) const;
   class View;
   /// What is remembered now, for a look at many files. To be taken once for all of them: the next digest that is remembered
   /// after it costs a copy of the entries.

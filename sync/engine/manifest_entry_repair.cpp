@@ -34,8 +34,9 @@ void SyncManager::_repair_vocabulary_manifest_entry(Manifest& server_manifest, c
   if (actual.is_stated_by(entry)) return;
   const Value& expected_sha = entry.get("sha256");
   if (expected_sha.truthy() && expected_sha != actual.sha256 && !allow_sha_mismatch) {
-    throw IntegrityError("Refusing to repair vocabulary manifest hash for " + file_path + ": expected " + to_text(expected_sha) + ", got " +
-                         to_text(actual.sha256));
+    throw integrity_error("Refusing to repair vocabulary manifest hash for " + file_path + ": expected " + to_text(expected_sha) +
+                              ", got " + to_text(actual.sha256),
+                          file_path);
   }
   server_manifest.set_file(file_path, actual.stated_in(entry));
   log_warning("Manifest vocabulary metadata repaired for %s: expected sha=%s size=%s, actual sha=%s size=%s; %s", file_path, expected_sha,

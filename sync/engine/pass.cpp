@@ -102,7 +102,7 @@ std::optional<SyncResult> SyncManager::Pass::run() {
   note_stage("counts");
   warn_of_kept_files();
   log_info("Synced era %s to version %s: %d files, %d bytes, in %.1f s", server_->era_number(), server_->version(),
-           files_to_download_.size(), result_.bytes_downloaded, static_cast<double>(stage_began_ns_ - began_ns_) * 1e-9);
+           files_to_download_.size(), result_.bytes_downloaded, seconds());
   return std::move(result_);
 }
 

@@ -82,6 +82,8 @@ class SyncManager::Pass {
   void add_vocabulary_metadata(SyncResult& result) const;
   /// Logs at debug level how long the step since the last call took.
   void note_stage(const char* stage);
+  /// From the pass's beginning to the end of the last step.
+  [[nodiscard]] double seconds() const { return static_cast<double>(stage_began_ns_ - began_ns_) * 1e-9; }
 
   SyncManager& manager_;
   const std::shared_ptr<NeighbourSet> neighbours_;

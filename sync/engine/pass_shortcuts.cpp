@@ -105,6 +105,12 @@ std::optional<SyncResult> SyncManager::Pass::end_on_same_version() {
   const std::vector<std::string> without_staging = promote_rotation(server_);
   _cleanup_sync_tmp_files(*manager_.seams_.files, data_dir_, {}, without_staging);
   note_stage("check against the same version");
+  if (vocabulary_needs_repair || seed_needs_repair) {
+    const char* const mended = !seed_needs_repair        ? "vocabularies"
+                               : vocabulary_needs_repair ? "vocabularies and shuffle seed"
+                                                         : "shuffle seed";
+    log_info("Synced era %s to version %s: mended %s in %.1f s", server_->era_number(), server_->version(), mended, seconds());
+  }
   return result;
 }
 

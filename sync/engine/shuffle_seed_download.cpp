@@ -16,6 +16,16 @@ Value as_document(const Headers& headers) {
   return Document(std::move(fields));
 }
 
+/// Throws EraError or SyncError where the answer is not one of that era.
+void require_era(const HttpResult& response, const Value& expected_era_id, const std::string& url) {
+  try {
+    _validate_response_era_header(as_document(response.headers), expected_era_id, SHUFFLE_SEED_FILENAME);
+  } catch (const Error& error) {
+    if (!error.is(error_class::SyncError)) throw;
+    throw Error(error.error_class(), error.text(), Document{{"url", url}});
+  }
+}
+
 /// Whether the local seed is usable for the era. One that is not is told in the log.
 bool local_seed_is_valid(const std::string& path, const Value& era_number) {
   try {
@@ -53,8 +63,11 @@ std::string SyncManager::fetch_shuffle_seed(NeighbourSet& neighbours, const Valu
     const auto wait_seconds = static_cast<float>(_backoff_delay_seconds(seams_, attempt));
     HttpResult response = _http_get(neighbours, url);
     if (response.status == 401) throw neighbours.auth().auth_error("Authentication failed while downloading shuffle seed: HTTP 401");
-    if (response.status != 200) throw SyncError("Failed to download shuffle seed: HTTP " + std::to_string(response.status));
-    _validate_response_era_header(as_document(response.headers), expected_era_id, SHUFFLE_SEED_FILENAME);
+    if (response.status != 200) {
+      throw Error(error_class::SyncError, "Failed to download shuffle seed: HTTP " + std::to_string(response.status),
+                  Document{{"url", url}, {"status", response.status}});
+    }
+    require_era(response, expected_era_id, url);
     const bool broke_off = fails_with_sync_error([&] { _validate_shuffle_seed_bytes(response.body); });  // it is of another size
     if (!broke_off) return std::move(response.body);
     _emit_sync_backoff_wait(seams_, "shuffle_seed_download", attempt, "partial_transfer", SHUFFLE_SEED_FILENAME, wait_seconds);

@@ -41,7 +41,8 @@ TextSet in_local_spelling(const TextSet& keep) {
 
 }  // namespace
 
-std::vector<std::string> delete_files_not_kept(Files& files, std::string_view data_dir, const TextSet& keep) {
+std::vector<std::string> delete_files_not_kept(Files& files, std::string_view data_dir, const TextSet& keep,
+                                               const std::function<void(std::string_view relative_path)>& deleted) {
   const RootDirectory root(real_path(data_dir));
   const std::vector<std::string> folders(std::begin(ARTIFACT_FOLDERS), std::end(ARTIFACT_FOLDERS));
   std::atomic<bool> may_hold_staging = false;  // a name of a staging file was seen, or a folder was not entered
@@ -57,7 +58,11 @@ std::vector<std::string> delete_files_not_kept(Files& files, std::string_view da
                .found =
                    [&](const Place& place) {
                      if (!respelt) respelt = in_local_spelling(keep);
-                     if (!contains(*respelt, place.path().substr(root.path().size() + 1))) files.unlink(place);
+                     const std::string local_path = place.path();
+                     const std::string_view relative_path = std::string_view(local_path).substr(root.path().size() + 1);
+                     if (contains(*respelt, relative_path)) return;
+                     files.unlink(place);
+                     if (deleted) deleted(relative_path);
                    },
                .failed =
                    [](const Error& error, const std::string& folder) {

@@ -59,7 +59,15 @@ std::vector<std::string> SyncManager::_cleanup_inactive_rotation_artifacts(Neigh
   TextSet keep = neighbours.artifact_rotation().rotation_cleanup_keep_paths(files.is_document() ? files : Value(Document()),
                                                                             std::move(protected_paths), metadata);
   for (const Text& path : rotation_state_changes_.added()) keep.insert(path);
-  return delete_files_not_kept(*seams_.files, _data_dir.get(), keep);
+  const Document* entries = files.if_document();
+  int strangers = 0;
+  std::vector<std::string> without_staging = delete_files_not_kept(*seams_.files, _data_dir.get(), keep, [&](std::string_view path) {
+    if ((entries != nullptr && entries->contains(path)) || _hash_cache.knows(path)) return;
+    ++strangers;
+    log_debug("Deleted a file that this library had not put there: %s", path);
+  });
+  if (strangers > 0) log_info("Deleted %d files that this library had not put below its folders of artifacts", strangers);
+  return without_staging;
 }
 
 SyncManager::Promotion SyncManager::_complete_rotation_promotion(NeighbourSet& neighbours, const RotationStateRef& candidate_state,

@@ -172,13 +172,15 @@ TEST_F(PassTest, aNewVersionFetchesOnlyWhatThisDirectoryLacks) {
   const PublishedFile gamma{"features/gamma.arrow", "gamma"};
   publish(2, {alpha_2, BETA, module_2, gamma});
 
+  directory.write("features/stray.arrow", "somebody's own");
   const RecordingLog pass_log;
   EXPECT_EQ(manager->sync().bytes_downloaded, static_cast<std::int64_t>(module_2.content.size() + gamma.content.size()));
   EXPECT_EQ(directory.read(MODULE.path), module_2.content);
   EXPECT_THAT(pass_log.messages(LogLevel::Warning), ElementsAre("1 files keep their bytes although the new manifest of this era states "
                                                                 "others, which come with the next pass: " +
                                                                 std::string(ALPHA.path)));
-  EXPECT_THAT(pass_log.messages(LogLevel::Info), ElementsAre(StartsWith("Synced era 7 to version 2: 2 files, 13 bytes, in ")));
+  EXPECT_THAT(pass_log.messages(LogLevel::Info), ElementsAre("Deleted 1 files that this library had not put below its folders of artifacts",
+                                                                         StartsWith("Synced era 7 to version 2: 2 files, 13 bytes, in ")));
   EXPECT_EQ(directory.read(ALPHA.path), ALPHA.content) << "within an era a file that is what the local manifest promised is kept";
   EXPECT_EQ(manager->sync().bytes_downloaded, static_cast<std::int64_t>(alpha_2.content.size())) << "and replaced by the next pass";
   EXPECT_EQ(directory.read(ALPHA.path), alpha_2.content);
