@@ -15,6 +15,7 @@
 #include "sync/documents/vocabulary.hpp"
 #include "sync/engine/staging_file.hpp"
 #include "sync/engine/sync_manager.hpp"
+#include "sync/transport/activity.hpp"
 #include "sync/transport/backoff.hpp"
 #include "sync/transport/events.hpp"
 #include "sync/transport/request_environment.hpp"
@@ -106,6 +107,8 @@ class FileDownload {
   std::int64_t chunk_bytes_ = 0;
   std::optional<std::int64_t> max_unchanged_checksum_repairs_;  ///< as the first attempt found it
   StagingFile staging_;
+  DownloadShown shown_;
+  ServerWaitShown wait_shown_;
 };
 
 Value base_url_for(const Document& file_info, const SyncManager& manager) {
@@ -133,13 +136,15 @@ FileDownload::FileDownload(SyncManager& manager, NeighbourSet& neighbours, const
       is_document_(is_document(neighbours, file_path)),
       local_files_(local_files),
       place_(local_files.next_place(file_path)),
-      staging_(place_.beside(".tmp"), *seams_.clock) {}
+      staging_(place_.beside(".tmp"), *seams_.clock),
+      shown_(file_path_, expected_size_, staging_.bytes()) {}
 
 void FileDownload::run() {
   while (!attempt()) ++attempt_;
 }
 
 bool FileDownload::attempt() {
+  wait_shown_.pause();
   open_staging();
   read_settings();
   std::string_view wait_reason;
@@ -324,6 +329,7 @@ void FileDownload::land(const std::string& actual_sha) {
   // Not into a folder that was moved away while the bytes came.
   if (!local_files_.still_leads_to(place_, file_path_)) throw os_error(ENOENT, place_.path());
   const std::optional<FileStat> landed = staging_.land(*seams_.files, place_);
+  shown_.landed();
   const bool target_is_live = !options_.target_data_dir || *options_.target_data_dir == live_data_dir_;
   if (target_is_live) {
     if (const auto guard = manager_.runtime_freshness_guard.get()) {
@@ -338,6 +344,7 @@ void FileDownload::land(const std::string& actual_sha) {
 }
 
 void FileDownload::announce_wait(std::string_view reason) {
+  wait_shown_.failed(url_, attempt_ + 1, reason, wait_seconds_);
   if (options_.retry_status_callback) options_.retry_status_callback(wait_seconds_);
   _emit_sync_backoff_wait(seams_, options_.backoff_surface, attempt_, reason, file_path_, static_cast<float>(wait_seconds_));
 }

@@ -30,6 +30,18 @@ bool digest_differs(const std::string& local_path, const Value& expected_sha) {
 
 bool SyncManager::needs_sync() {
   require_own_process();
+  const ActivityScope scope(activity_);
+  try {
+    const bool needed = something_to_do();
+    if (!needed) activity_->note_good(Activity::Good::NothingToDo);
+    return needed;
+  } catch (const std::exception& failure) {
+    activity_->note_failure(nullptr, failure);
+    throw;
+  }
+}
+
+bool SyncManager::something_to_do() {
   const std::shared_ptr<NeighbourSet> neighbours = seams_.neighbours->bind();
   HttpResult response;
   try {

@@ -15,6 +15,7 @@
 #include "sync/documents/local_files.hpp"
 #include "sync/engine/expected_files.hpp"
 #include "sync/engine/sync_manager.hpp"
+#include "sync/transport/activity.hpp"
 #include "sync/transport/backoff.hpp"
 #include "sync/transport/settings.hpp"
 
@@ -116,6 +117,7 @@ class Batch : public std::enable_shared_from_this<Batch> {
   const std::vector<Task> tasks_;
   const BackoffContext parent_context_;
   const ThreadWork work_ = ThreadWork::current();  // so that a callback on a worker knows which pass it is part of
+  const ActivityScope::Part activity_ = ActivityScope::current();
   const std::shared_ptr<InterruptToken> interrupt_ = std::make_shared<InterruptToken>();
   std::atomic<bool> cancelled_{false};
   std::atomic<bool> abandoned_{false};
@@ -187,6 +189,7 @@ void Batch::start(std::int64_t worker_count) {
 void Batch::work() {
   ThreadWork::current() = work_;
   const InterruptScope scope(interrupt_);
+  const ActivityScope activity(activity_);
   try {
     Worker worker{manager_->seams().http->connections(), {}};
     worker.options.connections = worker.connections.get();
@@ -216,7 +219,7 @@ void Batch::run_task(const Task& task, Worker& worker) {
     Outcome outcome = run_item(index, worker);
     const std::lock_guard<std::mutex> lock(mutex_);
     // Whoever asked for the stop would else wait for an attempt of every file that is still queued.
-    if (outcome.failure && parent_stopped_.load()) queue_dropped_ = true;
+    if (outcome.failure && (parent_stopped_.load() || ActivityScope::wait_is_over(activity_))) queue_dropped_ = true;
     done_[index] = true;
     // What landed is only counted, so the caller sleeps on until its slice is over.
     const bool is_news = outcome.failure || consumed_ + outcomes_.size() + 1 == items_.size();

@@ -14,6 +14,7 @@
 #include "sync/documents/manifest_file.hpp"
 #include "sync/documents/manifest_filters.hpp"
 #include "sync/documents/own_files.hpp"
+#include "sync/documents/shown_files.hpp"
 #include "sync/documents/shuffle_seed.hpp"
 #include "sync/documents/signals_index.hpp"
 #include "sync/documents/vocabulary.hpp"
@@ -66,6 +67,13 @@ SyncManager::Pass::Pass(SyncManager& manager)
       stage_began_ns_(began_ns_) {}
 
 std::optional<SyncResult> SyncManager::Pass::run() {
+  std::optional<SyncResult> result = run_steps();
+  if (result) manager_.activity_->note_good();
+  return result;
+}
+
+std::optional<SyncResult> SyncManager::Pass::run_steps() {
+  Operation::enter_phase(phase::MANIFEST);
   _remove_sync_progress_json(*manager_.seams_.files, data_dir_);
   const StateChanges::PlanScope plan_scope(manager_.rotation_state_changes_);
   manager_.adopt_stored_rotation(*neighbours_);
@@ -75,6 +83,7 @@ std::optional<SyncResult> SyncManager::Pass::run() {
   refuse_another_era();
   OwnFiles(data_dir_).refuse_in(server_->files());
   note_stage("manifest");
+  Operation::enter_phase(phase::COMPARING);
   plan_rotation();
   note_stage("rotation plan");
   if (same_version_) {
@@ -92,8 +101,11 @@ std::optional<SyncResult> SyncManager::Pass::run() {
                               server_->era_number(), server_->version(), files_to_download_);
   }
   note_stage("staging");
+  Operation::enter_phase(phase::DOWNLOADING);
+  announce_files(files_to_download_);
   if (!download()) return std::nullopt;
   note_stage("downloads");
+  Operation::enter_phase(phase::DOCUMENTS);
   land_documents();
   note_stage("documents");
   commit();
@@ -367,6 +379,7 @@ void SyncManager::Pass::land_documents() {
 }
 
 void SyncManager::Pass::commit() {
+  Operation::enter_phase(phase::COMMITTING);
   manager_._directory_lock.require_directory();
   _write_manifest_json(*manager_.seams_.files, *manager_.seams_.clock, data_dir_, server_->data());
   manager_._hash_cache._persist_hash_cache();
@@ -388,6 +401,7 @@ void SyncManager::Pass::finish() {
 }
 
 std::vector<std::string> SyncManager::Pass::promote_rotation(const std::shared_ptr<Manifest>& manifest) {
+  Operation::enter_phase(phase::PROMOTING);
   // What the walk found a moment ago is here; downloads may have taken hours since, and then everything is looked at.
   if (!files_to_download_.empty() || documents_fetched_) seen_here_.clear();
   LocalFiles local_files(data_dir_);

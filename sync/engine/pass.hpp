@@ -38,6 +38,7 @@ class SyncManager::Pass {
   };
 
   // The plain path: pass.cpp.
+  [[nodiscard]] std::optional<SyncResult> run_steps();
   [[nodiscard]] VersionHint read_version_hint();
   void fetch_manifest();
   void refuse_another_era() const;

@@ -23,6 +23,7 @@ std::optional<SyncResult> SyncManager::Pass::end_on_version_hint(const VersionHi
   if (*version != *hint.version) return std::nullopt;
   if (*era != *hint.era) throw era_mismatch(*era, *hint.era);
 
+  Operation::enter_phase(phase::COMPARING);
   free_bytes_ = manager_.seams_.files->free_bytes(data_dir_);
   rotation_ = plan_for(*local_, manager_._feature_rotation_should_rotate(*neighbours_, *local_));
   const RotationSelection& selection = rotation_.plan.selection;
@@ -31,6 +32,7 @@ std::optional<SyncResult> SyncManager::Pass::end_on_version_hint(const VersionHi
   } catch (const Error& error) {
     if (!error.is(error_class::SyncError)) throw;
     log_warning("Manifest version matched but local metadata needs repair: %s", error.text());
+    Operation::enter_phase(phase::MANIFEST);
     return std::nullopt;
   }
 
@@ -85,6 +87,7 @@ std::optional<SyncResult> SyncManager::Pass::end_on_same_version() {
   SyncResult result = result_for_era(*server_, selection);
   if (vocabulary_needs_repair || seed_needs_repair) {
     documents_fetched_ = true;
+    Operation::enter_phase(phase::DOCUMENTS);
     if (vocabulary_needs_repair) {
       static_cast<void>(manager_.land_vocabularies(*neighbours_, *server_, data_dir_));
       result.vocabulary_downloaded = true;

@@ -2,11 +2,13 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "sync/base/values/text_list.hpp"
 #include "sync/base/values/value.hpp"
+#include "sync/transport/activity.hpp"
 
 namespace brackenfen::sync {
 
@@ -33,6 +35,17 @@ struct SyncResult {
   Value feature_budget_bytes;                           ///< null likewise
 
   bool operator==(const SyncResult&) const = default;
+};
+
+/// How a manager and its directory are.
+struct Health {
+  bool running = false;  ///< between start or acquire and the stop
+  bool in_transition = false;
+  Value era_number;  ///< of the last commit, as is the version; null where that holds no integer
+  Value version;
+  Standing standing;
+  std::optional<double> last_good_age_s;
+  std::int64_t consumers = 0;
 };
 
 /// The result of an audit of the local files.

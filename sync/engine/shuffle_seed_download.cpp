@@ -5,6 +5,7 @@
 #include "sync/documents/shuffle_seed.hpp"
 #include "sync/engine/sync_failure.hpp"
 #include "sync/engine/sync_manager.hpp"
+#include "sync/transport/activity.hpp"
 #include "sync/transport/backoff.hpp"
 
 namespace brackenfen::sync {
@@ -59,6 +60,7 @@ bool SyncManager::_download_shuffle_seed(NeighbourSet& neighbours, const Manifes
 
 std::string SyncManager::fetch_shuffle_seed(NeighbourSet& neighbours, const Value& expected_era_id) {
   const std::string url = _server_url.get() + "/data/shuffle";
+  ServerWaitShown wait_shown;
   for (int attempt = 0;; ++attempt) {
     const auto wait_seconds = static_cast<float>(_backoff_delay_seconds(seams_, attempt));
     HttpResult response = _http_get(neighbours, url);
@@ -70,6 +72,7 @@ std::string SyncManager::fetch_shuffle_seed(NeighbourSet& neighbours, const Valu
     require_era(response, expected_era_id, url);
     const bool broke_off = fails_with_sync_error([&] { _validate_shuffle_seed_bytes(response.body); });  // it is of another size
     if (!broke_off) return std::move(response.body);
+    wait_shown.failed(url, attempt + 1, "partial_transfer", static_cast<double>(wait_seconds));
     _emit_sync_backoff_wait(seams_, "shuffle_seed_download", attempt, "partial_transfer", SHUFFLE_SEED_FILENAME, wait_seconds);
     _sleep_for_sync_backoff(seams_, wait_seconds);
   }

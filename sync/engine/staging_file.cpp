@@ -199,6 +199,7 @@ void StagingFile::accept(std::string_view bytes) {
   size_bytes_ += static_cast<std::int64_t>(bytes.size());
   if (now_ns - held_back_since_ns_ > LONGEST_HELD_BACK_NS) flush();
   received_bytes_ += bytes.size();
+  bytes_.received += static_cast<std::int64_t>(bytes.size());
 }
 
 void StagingFile::flush() {

@@ -16,6 +16,7 @@
 #include "sync/base/files/sha256.hpp"
 #include "sync/base/threads/clock.hpp"
 #include "sync/base/threads/fork.hpp"
+#include "sync/transport/activity.hpp"
 #include "sync/transport/files.hpp"
 #include "sync/transport/http.hpp"
 
@@ -39,7 +40,9 @@ class StagingFile : public ResponseSink {
   /// stat_of_landed gives it; absent too where it holds something else than was written here.
   std::optional<FileStat> land(Files& files, const Place& target);
 
-  [[nodiscard]] std::int64_t size_bytes() const noexcept { return size_bytes_; }
+  [[nodiscard]] std::int64_t size_bytes() const noexcept { return bytes_.held; }
+  /// The same, and what came, for other threads.
+  [[nodiscard]] const DownloadBytes& bytes() const noexcept { return bytes_; }
   /// Ends the digest; the file must not be written any more.
   [[nodiscard]] std::string hex_digest() { return digest_.hex_digest(); }
 
@@ -84,7 +87,8 @@ class StagingFile : public ResponseSink {
   Descriptor file_;
   FileId id_;  ///< of file_, where that is open
   Sha256 digest_;
-  std::int64_t size_bytes_ = 0;
+  DownloadBytes bytes_;
+  SharedCount& size_bytes_ = bytes_.held;
 
   // The response being read.
   std::string block_;  ///< accepted, but neither written nor digested yet

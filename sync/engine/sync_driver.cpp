@@ -48,33 +48,39 @@ void SyncManager::require_outside_own_pass() {
 SyncResult SyncManager::sync() {
   require_own_process();
   require_outside_own_pass();
-  WorkLock one_pass(_sync_lock);
-  DirectoryLock::Hold unit_of_work(_directory_lock);
-  SyncResult result = _sync_with_manifest_refresh();
-  unit_of_work.release();
-  return result;
+  return run_operation(activity_, operation::SYNC, phase::WAITING, [this] {
+    WorkLock one_pass(_sync_lock);
+    DirectoryLock::Hold unit_of_work(_directory_lock);
+    SyncResult result = _sync_with_manifest_refresh();
+    unit_of_work.release();
+    return result;
+  });
 }
 
 SyncResult SyncManager::_sync_with_manifest_refresh() {
   require_own_process();
-  RestartCounts restarts;
-  while (true) {
-    try {
-      Pass pass(*this);
-      if (auto result = pass.run()) return *std::move(result);
-      restarts.exclude(pass.fetched());
-    } catch (const Error& error) {
-      if (!error.is(error_class::ManifestSupersededError) || !restarts.restart(error)) throw;
+  return run_operation(activity_, operation::SYNC, phase::MANIFEST, [this] {
+    RestartCounts restarts;
+    while (true) {
+      try {
+        Pass pass(*this);
+        if (auto result = pass.run()) return *std::move(result);
+        restarts.exclude(pass.fetched());
+      } catch (const Error& error) {
+        if (!error.is(error_class::ManifestSupersededError) || !restarts.restart(error)) throw;
+      }
+      check_interrupt();
+      if (_sync_backoff_stop_requested(seams_)) throw _sync_backoff_module(seams_)->cancelled_error();
     }
-    check_interrupt();
-    if (_sync_backoff_stop_requested(seams_)) throw _sync_backoff_module(seams_)->cancelled_error();
-  }
+  });
 }
 
 SyncResult SyncManager::_sync_impl() {
   require_own_process();
-  if (auto result = Pass(*this).run()) return *std::move(result);
-  return _sync_with_manifest_refresh();
+  return run_operation(activity_, operation::SYNC, phase::MANIFEST, [this] {
+    if (auto result = Pass(*this).run()) return *std::move(result);
+    return _sync_with_manifest_refresh();
+  });
 }
 
 }  // namespace brackenfen::sync

@@ -114,6 +114,17 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   /// Human-readable status, or null.
   [[nodiscard]] Value status() const;
 
+  // ---- what others can see: observation.cpp -----------------------------------------------------------
+  // Neither asks the network or a disk, nor waits for any work. Both are of nothing in a child of fork().
+
+  /// What runs; absent where nothing does, and for a poll that only looks whether there is something to do.
+  [[nodiscard]] std::optional<Progress> progress() const;
+  [[nodiscard]] Health health() const;
+  /// Whether a stop also ends the back-off waits of poll, era, clean-up and repair threads, and so what they were doing. They
+  /// end as by an interrupt: nothing of it is logged as a failure.
+  [[nodiscard]] bool stop_ends_waits() const noexcept { return activity_->stop_ends_waits; }
+  void set_stop_ends_waits(bool ends) noexcept { activity_->stop_ends_waits = ends; }
+
   // ---- requests: requests.cpp ------------------------------------------------------------------------
 
   /// GET with a fresh token; see brackenfen::sync::_http_get.
@@ -464,6 +475,10 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   void abandon_sync_thread();
   void poll_until(const std::function<bool()>& ended);
 
+  /// The public operations within what they show of themselves.
+  [[nodiscard]] bool something_to_do();
+  void transit(const Value& new_era_id, const SearchesFn& kill_searches_fn, const SearchesFn& restart_searches_fn);
+  [[nodiscard]] VerifyResult audit();
   /// repair() once the directory lock is held.
   [[nodiscard]] SyncResult repair_files(const std::vector<std::string>& corrupted_files);
   /// True where the file has a part in _vocabulary.
@@ -479,6 +494,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
 
   const OwnProcess own_process_;
   const Seams& seams_ = own_process_.seams();
+  const std::shared_ptr<Activity> activity_ = std::make_shared<Activity>(*seams_.clock);
 
   [[nodiscard]] LoadedRotationSettings load_rotation_settings(NeighbourSet& neighbours, Manifest& manifest);
   [[nodiscard]] bool rotation_is_due(NeighbourSet& neighbours, const LoadedRotationSettings& settings, const RotationStateRef& active);

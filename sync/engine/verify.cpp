@@ -5,6 +5,7 @@
 #include "sync/documents/local_files.hpp"
 #include "sync/documents/manifest_filters.hpp"
 #include "sync/documents/manifest_paths.hpp"
+#include "sync/documents/shown_files.hpp"
 #include "sync/engine/expected_files.hpp"
 #include "sync/engine/sync_manager.hpp"
 
@@ -63,6 +64,10 @@ ExpectedFiles files_to_judge(NeighbourSet& neighbours, const Document& entries, 
 
 VerifyResult SyncManager::verify() {
   require_own_process();
+  return run_operation(activity_, operation::VERIFY, phase::VERIFYING, [this] { return audit(); });
+}
+
+VerifyResult SyncManager::audit() {
   VerifyResult result;
   const std::shared_ptr<Manifest> manifest = _manifest.get();
   if (!manifest) return result;
@@ -74,11 +79,16 @@ VerifyResult SyncManager::verify() {
 
   const ExpectedFiles expected = files_to_judge(*neighbours, entries ? *entries : Document(), active_paths);
   std::vector<Verdict> verdicts(expected.size());
+  AnnouncedFiles announced;
+  for (std::size_t index = 0; index < expected.size(); ++index) announced.add(expected[index].file_info);
+  announced.announce();
+  const ActivityScope::Part part = ActivityScope::current();
   const std::string data_dir = _data_dir.get();
   static_cast<void>(for_each_index(expected.size(), [&]() -> IndexWork {
     return [&, auditor = std::make_shared<Auditor>(*seams_.files, data_dir)](std::size_t index) {
       const auto& [file_path, file_info] = expected[index];
       verdicts[index] = file_info ? auditor->judge(file_path, *file_info) : Verdict::Missing;
+      Operation::count_file(part, file_info ? shown_size(*file_info) : 0);
       return true;
     };
   }));

@@ -31,7 +31,10 @@ void EraThread::start(std::shared_ptr<const void> host_handle) {
     if (auto era = options_.sync_manager->manifest_era()) _last_known_era_id.set(*std::move(era));
     const auto thread = std::make_shared<BackgroundThread>();
     _thread.set(thread);
-    thread->start("bf-era", [self = shared_from_this(), host_handle = std::move(host_handle)] { self->_run(); });
+    thread->start("bf-era", [self = shared_from_this(), host_handle = std::move(host_handle)] {
+      const BackgroundScope scope(self->options_.activity, "bf-era");
+      self->_run();
+    });
   } catch (...) {
     _started = false;
     throw;

@@ -13,6 +13,7 @@
 #include "sync/base/threads/snapshot.hpp"
 #include "sync/base/values/value.hpp"
 #include "sync/era/watcher_decision.hpp"
+#include "sync/transport/activity.hpp"
 #include "sync/transport/seams.hpp"
 #include "sync/transport/token_source.hpp"
 
@@ -45,6 +46,7 @@ class EraThread : public std::enable_shared_from_this<EraThread> {
     SearchesFn kill_searches_fn;
     SearchesFn restart_searches_fn;
     Seams seams = Seams::real();
+    std::shared_ptr<Activity> activity = nullptr;  ///< of the manager that it belongs to
   };
 
   /// Throws what validate_bearer_transport_url throws, before anything else is done.

@@ -28,7 +28,10 @@ std::int64_t SyncManager::cleanup_old_eras(bool keep_current) {
 
 void SyncManager::_schedule_cleanup_old_eras(bool keep_current) {
   try {
-    _old_era_cleanup.schedule([self = shared_from_this(), keep_current] { self->_cleanup_old_eras_background(keep_current); });
+    _old_era_cleanup.schedule([self = shared_from_this(), keep_current] {
+      const BackgroundScope scope(self->activity_, "brackenfen-sync-cleanup");
+      self->_cleanup_old_eras_background(keep_current);
+    });
   } catch (const std::exception& failure) {
     warn_of_failed_cleanup(failure);  // the era has come all the same, and what is left goes behind the next one
   }

@@ -38,16 +38,22 @@ SyncManager::Transition::Transition(SyncManager& manager, Value new_era_id, cons
 
 std::optional<Value> SyncManager::Transition::run() {
   const std::int64_t began_ns = manager_.seams_.clock->monotonic_ns();
+  Operation::enter_phase(phase::WAITING);
   TransitionScope scope(manager_);
+  Operation::enter_phase(phase::MANIFEST);
   if (kill_searches_fn_) kill_searches_fn_();
   manager_.require_own_process();  // a callback may have forked
   check_library();
   fetch_manifest();
   find_whom_to_tell();
   const StateChanges::PlanScope plan_scope(manager_.rotation_state_changes_);
+  Operation::enter_phase(phase::COMPARING);
   plan();
+  Operation::enter_phase(phase::DOWNLOADING);
   if (stage_files(scope)) {
+    Operation::enter_phase(phase::DOCUMENTS);
     stage_documents();
+    Operation::enter_phase(phase::PROMOTING);
     prepare_promotion();
     promote();
     if (must_tell_) notify_neighbours();
@@ -161,6 +167,11 @@ void SyncManager::trigger_era_transition(const Value& new_era_id, const Searches
                                          const SearchesFn& restart_searches_fn) {
   require_own_process();
   if (_directory_lock.held_by_this_work()) throw InsideOwnWork();  // before anything shows that a transition runs
+  run_operation(activity_, operation::TRANSITION, phase::WAITING, [&] { transit(new_era_id, kill_searches_fn, restart_searches_fn); });
+  activity_->note_good();
+}
+
+void SyncManager::transit(const Value& new_era_id, const SearchesFn& kill_searches_fn, const SearchesFn& restart_searches_fn) {
   Value era = new_era_id;
   while (std::optional<Value> superseding = Transition(*this, era, kill_searches_fn, restart_searches_fn).run()) {
     try {

@@ -6,6 +6,7 @@
 #include "sync/base/files/paths.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/documents/manifest_paths.hpp"
+#include "sync/documents/shown_files.hpp"
 #include "sync/documents/signals_index.hpp"
 #include "sync/documents/vocabulary.hpp"
 #include "sync/era/transition.hpp"
@@ -22,6 +23,9 @@ bool SyncManager::Transition::stage_files(TransitionScope& scope) {
   sync_result_.era_number = manifest_era_id_;
   _apply_rotation_result_fields(sync_result_, rotation_.plan.selection);
   scope.make_staging_directory(transition_staging_dir_);
+  AnnouncedFiles announced;
+  for (const auto& [file_path, file_info] : transition_download_items_) announced.add(&file_info);
+  announced.announce();
   for (const auto& [file_path, file_info] : transition_download_items_) {
     if (is_superseded() || !stage_file(file_path, file_info)) return false;
   }
@@ -44,6 +48,7 @@ bool SyncManager::Transition::stage_file(const std::string& file_path, const Doc
   const std::optional<FileStat> stat = manager_.seams_.files->stat(local_path);
   if (stat && stat->is_regular && file_info.get("sha256") == Value(_sha256_file(local_path))) {
     ++completed_files_;
+    Operation::count_file(shown_size(file_info));
     return true;
   }
   set_status(nullptr);

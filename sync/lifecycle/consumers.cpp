@@ -118,10 +118,12 @@ void SyncManager::_start_sync_thread(std::shared_ptr<const void> host_handle) {
   require_own_process();
   const auto thread = std::make_shared<BackgroundThread>();
   _stop_event.clear();
+  activity_->stopping = false;
   _running = true;
   _sync_thread.set(thread);
   try {
     thread->start("bf-poll", [self = shared_from_this(), thread, host_handle = std::move(host_handle)] {
+      const BackgroundScope scope(self->activity_, "bf-poll");
       // Also ends where it outlived its stop and another has taken its place since.
       self->poll_until([&] { return self->_stop_event.is_set() || self->_sync_thread.get() != thread; });
     });
@@ -158,6 +160,7 @@ void SyncManager::start_era_thread() {
     options.kill_searches_fn = notifier(weak_from_this(), &SyncManager::_kill_fn);
     options.restart_searches_fn = notifier(weak_from_this(), &SyncManager::_restart_fn);
     options.seams = own_process_.given_seams();  // it may outlive the manager
+    options.activity = activity_;
     watcher = std::make_shared<EraThread>(std::move(options));
     _era_thread.set(watcher);
   }
@@ -194,6 +197,7 @@ void SyncManager::_stop_internal() {
     });
   };
   _stop_event.set();
+  activity_->stopping = true;
   const bool called_by_its_work = _directory_lock.held_by_this_work();
   // Either thread may be waiting for that lock.
   const Patience patience = called_by_its_work ? Patience::None : Patience::Long;

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +16,7 @@
 #include "sync/base/threads/failure.hpp"
 #include "sync/base/threads/fork.hpp"
 #include "sync/base/threads/interrupt.hpp"
+#include "sync/transport/activity.hpp"
 
 namespace brackenfen::sync {
 namespace {
@@ -36,6 +38,12 @@ int flock_once(const Descriptor& descriptor, int operation) noexcept {
 /// comes from a directory that may be written but not read.
 bool means_not_available(int error_number) {
   return error_number == EBADF || error_number == ENOLCK || error_number == EOPNOTSUPP || error_number == EACCES;
+}
+
+std::optional<FileId> id_of(const Descriptor& descriptor) noexcept {
+  struct stat found {};
+  if (::fstat(descriptor.get(), &found) != 0) return std::nullopt;
+  return FileId{found.st_dev, found.st_ino};
 }
 
 void log_failed_close(int error_number) {
@@ -229,9 +237,11 @@ void DirectoryLock::lock_directory() {
 }
 
 int DirectoryLock::wait_for_flock(const Descriptor& descriptor) {
+  std::optional<LockWaitShown> shown;
   for (double pause_seconds = FIRST_PAUSE_SECONDS;; pause_seconds = std::min(pause_seconds * PAUSE_GROWTH, LONGEST_PAUSE_SECONDS)) {
     const int error_number = flock_once(descriptor, LOCK_EX | LOCK_NB);
     if (error_number != EWOULDBLOCK) return error_number;
+    if (!shown) shown.emplace(id_of(descriptor));
     clock_.sleep(pause_seconds);
   }
 }

@@ -94,7 +94,10 @@ void SyncManager::report_corruption(const std::string& file_path) {
   }
   _repair_queue.append(file_path);
   try {
-    start_worker_thread("bf-repair", [self = shared_from_this()] { self->repair_in_turn(); });
+    start_worker_thread("bf-repair", [self = shared_from_this()] {
+      const BackgroundScope scope(self->activity_, "bf-repair");
+      self->repair_in_turn();
+    });
   } catch (...) {
     _repair_queue.withdraw(file_path);
     throw;

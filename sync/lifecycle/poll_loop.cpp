@@ -44,9 +44,11 @@ void SyncManager::_poll_once() {
   warn_of_failure("Poll once failed: %s", [this] {
     // A transition takes another lock, so it may begin between any two of these steps.
     if (_in_transition || !needs_sync() || _in_transition) return;
-    DirectoryLock::Hold unit_of_work(_directory_lock);
-    static_cast<void>(_sync_with_manifest_refresh());
-    unit_of_work.release();
+    run_operation(activity_, operation::SYNC, phase::WAITING, [this] {
+      DirectoryLock::Hold unit_of_work(_directory_lock);
+      static_cast<void>(_sync_with_manifest_refresh());
+      unit_of_work.release();
+    });
   });
 }
 

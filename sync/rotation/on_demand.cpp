@@ -12,6 +12,7 @@
 #include "sync/documents/feature_paths.hpp"
 #include "sync/documents/manifest_paths.hpp"
 #include "sync/documents/own_files.hpp"
+#include "sync/documents/shown_files.hpp"
 #include "sync/engine/sync_manager.hpp"
 #include "sync/transport/progress.hpp"
 
@@ -73,23 +74,25 @@ std::vector<std::string> SyncManager::request_feature_files_for_sync(const std::
   if (const std::shared_ptr<RunningRequest> other = _request_coalescing.running()) other->wait(*seams_.clock);
 
   require_outside_own_pass();
-  WorkLock one_pass(_sync_lock);
-  DirectoryLock::Hold unit_of_work(_directory_lock);
-  std::vector<std::string> local_paths;
-  for (int restarts = 0;;) {
-    try {
-      local_paths = _request_feature_files_for_sync_impl(names, expression_type, named_universe);
-      break;
-    } catch (const Error& error) {
-      if (!error.is(error_class::ManifestSupersededError)) throw;
-      log_warning("Manifest changed during feature prefetch; refreshing manifest and restarting feature download set (%d/%d): %s",
-                  ++restarts, SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT, error.text());
-      if (restarts >= SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT) throw;
+  return run_operation(activity_, operation::FEATURES, phase::WAITING, [&] {
+    WorkLock one_pass(_sync_lock);
+    DirectoryLock::Hold unit_of_work(_directory_lock);
+    std::vector<std::string> local_paths;
+    for (int restarts = 0;;) {
+      try {
+        local_paths = _request_feature_files_for_sync_impl(names, expression_type, named_universe);
+        break;
+      } catch (const Error& error) {
+        if (!error.is(error_class::ManifestSupersededError)) throw;
+        log_warning("Manifest changed during feature prefetch; refreshing manifest and restarting feature download set (%d/%d): %s",
+                    ++restarts, SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT, error.text());
+        if (restarts >= SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT) throw;
+      }
+      static_cast<void>(_sync_with_manifest_refresh());
     }
-    static_cast<void>(_sync_with_manifest_refresh());
-  }
-  unit_of_work.release();
-  return local_paths;
+    unit_of_work.release();
+    return local_paths;
+  });
 }
 
 std::vector<std::string> SyncManager::_request_feature_files_for_sync_impl(const std::vector<std::string>& feature_names,
@@ -98,6 +101,7 @@ std::vector<std::string> SyncManager::_request_feature_files_for_sync_impl(const
   if (!_manifest.get()) static_cast<void>(_sync_with_manifest_refresh());
   const std::shared_ptr<Manifest> manifest = _manifest.get();
   if (!manifest) return {};
+  Operation::enter_phase(phase::COMPARING);
   const std::shared_ptr<NeighbourSet> neighbours = seams_.neighbours->bind();
   const std::string data_dir = _data_dir.get();
   const Value files = manifest->files();
@@ -125,11 +129,14 @@ std::vector<std::string> SyncManager::_request_feature_files_for_sync_impl(const
     result.era_number = manifest_integer(manifest->era_number(), "era_number");
     _write_sync_progress_json(*seams_.files, *seams_.clock, neighbours->sync_progress(), data_dir, manifest->era_number(),
                               manifest->version(), files_to_download);
+    Operation::enter_phase(phase::DOWNLOADING);
+    announce_files(files_to_download);
     {
       ShownProgress shown(*seams_.files, data_dir);
       _download_files_parallel(neighbours, files_to_download, result);
       shown.remove();
     }
+    Operation::enter_phase(phase::COMMITTING);
     _hash_cache._persist_hash_cache();
   }
   _directory_lock.require_directory();

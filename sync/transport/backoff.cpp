@@ -3,6 +3,8 @@
 #include <string>
 
 #include "sync/base/error.hpp"
+#include "sync/base/threads/interrupt.hpp"
+#include "sync/transport/activity.hpp"
 #include "sync/transport/backoff_progress.hpp"
 #include "sync/transport/events.hpp"
 
@@ -47,9 +49,13 @@ Document _emit_sync_backoff_wait(const Seams& seams, std::string_view default_su
 void _sleep_for_sync_backoff(const Seams& seams, float wait_seconds) {
   const std::shared_ptr<SyncBackoff> backoff = _sync_backoff_module(seams);
   // A copy of the seams: what is handed to a host's policy may be called once the manager is gone.
-  const bool completed =
-      backoff->sleep(static_cast<double>(wait_seconds), *seams.clock, [seams] { return _sync_backoff_stop_requested(seams); });
-  if (!completed) throw backoff->cancelled_error();
+  const bool completed = backoff->sleep(static_cast<double>(wait_seconds), *seams.clock, [seams, part = ActivityScope::current()] {
+    return ActivityScope::wait_is_over(part) || _sync_backoff_stop_requested(seams);
+  });
+  if (completed) return;
+  // The thread is to end, and nothing that would handle an error is to begin anything else first.
+  if (ActivityScope::wait_is_over(ActivityScope::current())) throw Interrupted{};
+  throw backoff->cancelled_error();
 }
 
 }  // namespace brackenfen::sync

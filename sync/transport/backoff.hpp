@@ -22,7 +22,7 @@ namespace brackenfen::sync {
 /// file's write leaves this function.
 Document _emit_sync_backoff_wait(const Seams& seams, std::string_view default_surface, int attempt_index, std::string_view reason,
                                  std::string_view file_path, float wait_seconds);
-/// Waits; throws SyncBackoffCancelled when stopped.
+/// Waits; throws SyncBackoffCancelled when stopped, Interrupted on a background thread whose waits a stop ends.
 void _sleep_for_sync_backoff(const Seams& seams, float wait_seconds);
 
 }  // namespace brackenfen::sync

@@ -9,6 +9,7 @@
 #include "sync/base/log.hpp"
 #include "sync/base/text/secrets.hpp"
 #include "sync/base/values/json.hpp"
+#include "sync/transport/activity.hpp"
 #include "sync/transport/backoff.hpp"
 #include "sync/transport/curl_errors.hpp"
 #include "sync/transport/events.hpp"
@@ -142,6 +143,7 @@ class RetryLoop {
   int attempt_index_ = 0;   ///< counts failed attempts
   bool outage_status_emitted_ = false;
   bool attention_asked_for_ = false;
+  ServerWaitShown wait_shown_;
 };
 
 HttpResult RetryLoop::run() {
@@ -239,6 +241,7 @@ void RetryLoop::wait(const std::string& reason, const Document& event_fields) {
     emit_status("sync_unavailable_status");
     outage_status_emitted_ = true;
   }
+  wait_shown_.failed(request_.url, attempt_index_ + 1, reason, static_cast<double>(wait_seconds));
   _log_sync_event("http_retry", event_file, attempt_index_ + 1, reason, event_fields);
   _emit_sync_backoff_wait(seams_, "http_request", attempt_index_, reason, event_file, wait_seconds);
   _sleep_for_sync_backoff(seams_, wait_seconds);
