@@ -13,11 +13,12 @@ from typing import Any, Protocol, final, type_check_only
 __all__ = [
     "ActiveRotationStateError", "ArtifactDescriptor", "ArtifactRotationSettings", "AuthError",
     "CURRENT_PLATFORM", "DiskSpaceError", "EraError", "EraThread", "FeatureRotationStateError",
-    "IntegrityError", "LibraryUpdateRequired", "MandatoryArtifactsTooLargeError", "Manifest", "ManifestError",
-    "ManifestSupersededError", "PermanentDownloadError", "RotationPlan", "RotationSelection",
-    "RotationSettings", "RotationState", "RotationStatePayloadError", "SelectionScope", "StateError",
-    "SyncBackoffCancelled", "SyncError", "SyncManager", "SyncResult", "SyncUnavailableError", "VerifyResult",
-    "VocabularyScopeError", "backoff_context", "current_context", "feature_rotation_state_path",
+    "FileInFlight", "Health", "IntegrityError", "LibraryUpdateRequired", "LockWait",
+    "MandatoryArtifactsTooLargeError", "Manifest", "ManifestError", "ManifestSupersededError",
+    "PermanentDownloadError", "Progress", "RotationPlan", "RotationSelection", "RotationSettings",
+    "RotationState", "RotationStatePayloadError", "SelectionScope", "StateError", "SyncBackoffCancelled",
+    "SyncError", "SyncManager", "SyncResult", "SyncUnavailableError", "VerifyResult", "VocabularyScopeError",
+    "Wait", "backoff_context", "current_context", "feature_rotation_state_path",
     "feature_rotation_status_payload", "load_feature_rotation_state", "write_feature_rotation_state",
 ]
 
@@ -383,12 +384,103 @@ def feature_rotation_status_payload(data_dir: _Path, *, settings_payload: Mappin
     Raises FeatureRotationStateError for a damaged state file or manifest.json.
     """
 
+# ---- what a manager is doing --------------------------------------------------------------------------------
+
+@dataclass(frozen=True)
+class FileInFlight:
+    """A file that is being downloaded."""
+
+    relative_path: str
+    bytes_done: int
+    """How much of it is here, resumed bytes included."""
+    bytes_total: int
+    """Its size, or bytes_done where the manifest states none."""
+
+@dataclass(frozen=True)
+class Wait:
+    """A wait for the server, from the first failure to the answer."""
+
+    endpoint: str
+    """The URL's path: neither host nor query."""
+    attempt: int
+    """Failures so far."""
+    reason: str
+    """What the last try came to, as the events have it: "http_503", "ConnectionRefusedError", "partial_transfer", ..."""
+    since: float
+    """Seconds since the epoch, as next_try_at."""
+    next_try_at: float
+    """One that has passed means that a try is under way."""
+
+@dataclass(frozen=True)
+class LockWait:
+    """A wait for another process that works on the directory."""
+
+    since: float
+    """Seconds since the epoch."""
+    pid: int | None
+    """Of that process; None where the system's lock table does not tell."""
+    command: str | None
+    """Its command line; None where it may not be looked at."""
+
+@dataclass(frozen=True)
+class Progress:
+    """An operation at one moment. Done is never more than total; both are 0 before the set of files is known."""
+
+    operation: str
+    """The outermost one: "sync", "repair", "transition", "features", "verify" or "download"."""
+    phase: str
+    """What it is at: "waiting" (for its turn at the directory), "manifest", "comparing", "downloading", "documents",
+    "committing", "promoting" or "verifying".
+    """
+    files_done: int
+    files_total: int
+    bytes_done: int
+    """Of files that are here and of those in flight, resumed bytes included."""
+    bytes_total: int
+    bytes_per_second: float
+    """Over the network, of about the last five seconds."""
+    files_in_flight: tuple[FileInFlight, ...]
+    started_at: float
+    """Seconds since the epoch."""
+    wait: Wait | LockWait | None
+    """What it waits for, the longest wait where there are several; None where nothing is waited for."""
+
+@dataclass(frozen=True)
+class Health:
+    """How a manager is."""
+
+    running: bool
+    """Between start or acquire and the stop."""
+    in_transition: bool
+    era_number: int | None
+    """Of the last commit, as is the version; None before the first."""
+    version: int | None
+    last_good_pass_at: float | None
+    """When the directory was last known to be what the server publishes, by a pass, a transition or a poll that found
+    nothing to do, in seconds since the epoch. None before the first of this process.
+    """
+    last_good_pass_age_s: float | None
+    last_error: str | None
+    """Class and text of the last operation that failed; None once it went well again."""
+    last_error_at: float | None
+    """Seconds since the epoch."""
+    waiting_for: Wait | LockWait | None
+    """What any thread waits for, those in the background too; None where none does."""
+    consumers: int
+    threads: tuple[str, ...]
+    """Names of the threads that work in the background: "bf-poll", "bf-era", "bf-repair", "brackenfen-sync-cleanup"."""
+
 # ---- manager ------------------------------------------------------------------------------------------------
 
 class SyncManager:
     """The one object through which a process reaches one data directory. Any thread may call it."""
 
     runtime_freshness_guard: RuntimeFreshnessGuard | None
+    stop_ends_waits: bool
+    """Whether stop() and the last release() end the waits for a server that is away, and with them what the background
+    threads were doing. False by default: a stop then waits until the server answers. What a thread of the host's waits for
+    is not touched; a back-off context ends that.
+    """
 
     def __init__(
         self,
@@ -497,6 +589,16 @@ class SyncManager:
     def status(self) -> str | None:
         """Human-readable status, or None."""
 
+    def progress(self) -> Progress | None:
+        """What runs now, or None. Cheap enough for ten calls a second; never waits for the work.
+
+        The operation that began first, of those that wait for no other; one within another is a phase of that. A poll that
+        only looks whether there is something to do counts as nothing.
+        """
+
+    def health(self) -> Health:
+        """How the manager is, always and at once: asks neither the server nor the files."""
+
     # Background work. Two ways to have it: acquire and release count consumers and run polling and the era watcher;
     # start and stop run polling alone.
 
@@ -511,7 +613,8 @@ class SyncManager:
         """Deregister as consumer, stop threads if last; the manager then leaves the process's registry.
 
         The last one waits for a sync that is under way, however long that takes, and for an era transition 10 seconds;
-        Ctrl-C ends the wait, and the manager counts as stopped then. Does nothing without consumers.
+        Ctrl-C ends the wait, and the manager counts as stopped then. While the server is away a sync does not end: see
+        stop_ends_waits. Does nothing without consumers.
         """
 
     def trigger_era_transition(

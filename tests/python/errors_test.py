@@ -170,21 +170,25 @@ def test_a_json_error_is_the_hosts_own(manager: sync.SyncManager, server: Any) -
 
 
 def test_notes_tell_where_it_failed_and_what_to_do(manager: sync.SyncManager, server: Any) -> None:
-    at = server.url + "/data/manifest"
+    at, seed = server.url + "/data/manifest", server.url + "/data/shuffle"
+    without_functions = {**server.manifest(), "functions": None}
     for answer, facts, notes in (
         ((404, b""), {"url": at, "status": 404}, [f"url={at}"]),
+        ((200, json.dumps(server.manifest()).encode()), {"url": seed, "status": 404}, [f"url={seed}"]),
+        ((200, json.dumps(without_functions).encode()), {"file_path": "functions.json"}, []),
         ((200, json.dumps(server.manifest()).encode()), {}, None),
         ((200, json.dumps({**server.manifest(), "era_number": 8}).encode()), {"local_era_number": 7, "server_era_number": 8},
          ["call trigger_era_transition(8), or acquire() a manager whose directory has had its first pass: it follows eras by itself"]),
     ):  # fmt: skip
         server.answers["/data/manifest"] = answer
         server.answers["/data/manifest/version"] = (404, b"")
+        server.answers["/data/shuffle"] = (404, b"") if facts.get("url") == seed else None
         if notes is None:
             manager.sync()
             continue
         with pytest.raises(sync.SyncError) as caught:
             manager.sync()
-        assert vars(caught.value) == {**facts, "__notes__": notes} and caught.value.file_path is None
+        assert vars(caught.value) == facts | ({"__notes__": notes} if notes else {})
 
 
 def test_no_token_that_a_server_gives_back_comes_out(manager: sync.SyncManager, server: Any, records: pytest.LogCaptureFixture) -> None:

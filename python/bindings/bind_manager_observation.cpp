@@ -1,0 +1,131 @@
+// What a host sees of a manager while it works: snapshots, made when they are asked for.
+#include "python/bindings/bind_manager.hpp"
+#include "python/conversion/dataclasses.hpp"
+#include "sync/lifecycle/lock_holder.hpp"
+
+namespace brackenfen::sync::python {
+namespace {
+
+using Bound = nb::class_<ManagerObject>;
+
+/// The dataclasses, owned for ever.
+struct Records {
+  PyObject *file_in_flight, *wait, *lock_wait, *progress, *health;
+};
+Records records{};
+
+nb::object wait_to_python(const std::optional<WaitUnderWay>& wait) {
+  if (!wait) return nb::none();
+  if (const auto* server = std::get_if<ServerWait>(&*wait)) {
+    return nb::handle(records.wait)(to_python(server->endpoint), server->attempt, to_python(server->reason), server->since,
+                                    server->next_try_at);
+  }
+  const auto& lock = std::get<LockWait>(*wait);
+  const std::optional<LockHolder> holder =
+      detached([&] { return lock.locked_file ? find_lock_holder(*lock.locked_file) : std::optional<LockHolder>(); });
+  return nb::handle(records.lock_wait)(lock.since, holder ? nb::object(nb::int_(holder->pid)) : nb::none(),
+                                       holder && holder->command ? path_to_python(*holder->command) : nb::none());
+}
+
+// The core's snapshots take no longer than a copy, so both keep the interpreter lock, which others may hold for long.
+
+nb::object progress(const ManagerObject& self) {
+  const std::optional<Progress> now = self.core->progress();
+  if (!now) return nb::none();
+  nb::list in_flight;
+  for (const FileInFlight& file : now->files_in_flight)
+    in_flight.append(nb::handle(records.file_in_flight)(to_python(file.relative_path), file.bytes_done, file.bytes_total));
+  return nb::handle(records.progress)(to_python(now->operation), to_python(now->phase), now->files_done, now->files_total, now->bytes_done,
+                                      now->bytes_total, now->bytes_per_second, nb::steal(PyList_AsTuple(in_flight.ptr())), now->started_at,
+                                      wait_to_python(now->wait));
+}
+
+nb::object health(const ManagerObject& self) {
+  const Health now = self.core->health();
+  const Standing& standing = now.standing;
+  return nb::handle(records.health)(now.running, now.in_transition, to_python(now.era_number), to_python(now.version),
+                                    to_python(standing.last_good_at), to_python(now.last_good_age_s), to_python(standing.last_error),
+                                    to_python(standing.last_error_at), wait_to_python(standing.waiting_for), now.consumers,
+                                    tuple_of_texts(standing.threads));
+}
+
+PyObject* record(nb::module_& module, const char* name, const std::vector<DataclassField>& fields, const char* documentation) {
+  return make_dataclass(module, name, fields, documentation, Mutability::Frozen).release().ptr();
+}
+
+void make_records(nb::module_& module) {
+  records.file_in_flight =
+      record(module, "FileInFlight", {{"relative_path", "str"}, {"bytes_done", "int"}, {"bytes_total", "int"}},
+             "A file that is being downloaded.\n\n"
+             "bytes_done: how much of it is here, resumed bytes included. bytes_total: its size, or bytes_done where the\n"
+             "manifest states none.");
+  records.wait =
+      record(module, "Wait", {{"endpoint", "str"}, {"attempt", "int"}, {"reason", "str"}, {"since", "float"}, {"next_try_at", "float"}},
+             "A wait for the server, from the first failure to the answer.\n\n"
+             "endpoint: the URL's path. attempt: failures so far. reason: of the last one, as the events have it: \"http_503\",\n"
+             "\"ConnectionRefusedError\", \"partial_transfer\", ... since, next_try_at: seconds since the epoch; a next_try_at\n"
+             "that has passed means that a try is under way.");
+  records.lock_wait = record(module, "LockWait", {{"since", "float"}, {"pid", "int | None"}, {"command", "str | None"}},
+                             "A wait for another process that works on the directory.\n\n"
+                             "since: seconds since the epoch. pid, command: of that process, None where the system's lock table does\n"
+                             "not tell, or the process may not be looked at.");
+  records.progress = record(
+      module, "Progress",
+      {{"operation", "str"},
+       {"phase", "str"},
+       {"files_done", "int"},
+       {"files_total", "int"},
+       {"bytes_done", "int"},
+       {"bytes_total", "int"},
+       {"bytes_per_second", "float"},
+       {"files_in_flight", "tuple[FileInFlight, ...]"},
+       {"started_at", "float"},
+       {"wait", "Wait | LockWait | None"}},
+      "An operation at one moment.\n\n"
+      "operation: \"sync\", \"repair\", \"transition\", \"features\", \"verify\" or \"download\"; the outermost one. phase: \"waiting\"\n"
+      "(for its turn at the directory), \"manifest\", \"comparing\", \"downloading\", \"documents\", \"committing\",\n"
+      "\"promoting\" or \"verifying\". files_*, bytes_*: of the set that is fetched or read, 0 before it is known; done is\n"
+      "never more than total. bytes_per_second: over the network, of about the last five seconds.\n"
+      "started_at: seconds since the epoch. wait: what it waits for, or None.");
+  records.health =
+      record(module, "Health",
+             {{"running", "bool"},
+              {"in_transition", "bool"},
+              {"era_number", "int | None"},
+              {"version", "int | None"},
+              {"last_good_pass_at", "float | None"},
+              {"last_good_pass_age_s", "float | None"},
+              {"last_error", "str | None"},
+              {"last_error_at", "float | None"},
+              {"waiting_for", "Wait | LockWait | None"},
+              {"consumers", "int"},
+              {"threads", "tuple[str, ...]"}},
+             "How a manager is.\n\n"
+             "running: between start or acquire and the stop. era_number, version: of the last commit, None before.\n"
+             "last_good_pass_at: when the directory was last known to be what the server publishes, by a pass, a transition or\n"
+             "a poll that found nothing to do, in seconds since the epoch; None before the first of this process.\n"
+             "last_error: class and text of the last operation that failed; None once it went well again. waiting_for: what any\n"
+             "thread waits for, the longest wait of them, or None. threads: names of those that work in the background.");
+}
+
+}  // namespace
+
+void bind_manager_observation(nb::module_& module, Bound& bound) {
+  make_records(module);
+  bound
+      .def("progress", progress, nb::sig("def progress(self) -> Progress | None"),
+           "What runs now, or None.\n\n"
+           "Cheap enough for ten calls a second; never waits for the work. The operation that began first, of those that wait\n"
+           "for no other. A poll that only looks whether there is something to do counts as nothing.")
+      .def("health", health, nb::sig("def health(self) -> Health"),
+           "How the manager is, always and at once: asks neither the server nor the files.")
+      .def_prop_rw(
+          "stop_ends_waits", [](const ManagerObject& self) { return self.core->stop_ends_waits(); },
+          [](const ManagerObject& self, nb::handle value) { self.core->set_stop_ends_waits(truth(value)); }, nb::for_setter(any("value")),
+          nb::for_getter(nb::sig("def stop_ends_waits(self) -> bool")),
+          "Whether stop() and the last release() end the waits for a server that is away, and with them what the background\n"
+          "threads were doing. False by default: they wait until the server answers. A sync of the host's own threads is not\n"
+          "touched; its back-off context has a stop_requested.");
+}
+
+}  // namespace brackenfen::sync::python

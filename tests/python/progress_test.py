@@ -1,0 +1,137 @@
+"""What a host sees of a manager while it works, and how a stop ends its waits."""
+
+import logging
+import pickle
+import threading
+import time
+from collections.abc import Callable, Iterator
+from typing import Any
+
+import brackenfen.sync as sync
+import pytest
+
+AWAY = (503, b"{}")
+LOCK_HOLDER = "import fcntl, sys; file = open(sys.argv[1], 'a'); fcntl.flock(file, fcntl.LOCK_EX); print('held', flush=True); sys.stdin.read()"
+
+
+class Syncing:
+    """A sync on a thread of its own, looked at from this one."""
+
+    def __init__(self, manager: sync.SyncManager) -> None:
+        self.manager, self.failure = manager, None
+        self.thread = threading.Thread(target=self.run)
+        self.thread.start()
+
+    def run(self) -> None:
+        try:
+            self.manager.sync()
+        except Exception as error:
+            self.failure = error
+
+    def shows(self, enough: Callable[[sync.Progress], object]) -> sync.Progress:
+        deadline = time.monotonic() + 10
+        while time.monotonic() < deadline:
+            if (seen := self.manager.progress()) is not None and enough(seen):
+                return seen
+        raise AssertionError(seen)
+
+    def snapshots(self) -> Iterator[sync.Progress]:
+        while self.thread.is_alive():
+            if (seen := self.manager.progress()) is not None:
+                yield seen
+
+
+def test_a_pass_shows_its_files_bytes_and_waits(manager: sync.SyncManager, server: Any) -> None:
+    assert manager.progress() is None
+    for name in "abc":
+        server.add(f"features/{name}.arrow", name.encode() * 1000)
+
+    def pause(handler: Any) -> None:
+        handler.send_response(200)
+        handler.send_header("Content-Length", "1000")
+        handler.end_headers()
+        handler.wfile.write(b"b" * 600)
+        server.released.wait(30)
+        handler.wfile.write(b"b" * 400)
+
+    server.answers |= {"/data/files/features/b.arrow": pause, "/data/files/features/c.arrow": AWAY}
+    began = time.time()
+    syncing = Syncing(manager)
+    seen = syncing.shows(lambda each: each.wait and each.wait.attempt > 1 and any(file.bytes_done for file in each.files_in_flight))
+    documents = 2
+    assert (seen.operation, seen.phase, seen.files_done, seen.files_total) == ("sync", "downloading", 1 + documents, 3 + documents)
+    assert seen.bytes_total == 3000 + sum(map(len, server.documents.values())) and seen.bytes_done == seen.bytes_total - 1400
+    assert sorted((file.relative_path, file.bytes_done, file.bytes_total) for file in seen.files_in_flight) == [
+        ("features/b.arrow", 600, 1000), ("features/c.arrow", 0, 1000),
+    ]  # fmt: skip
+    wait = seen.wait
+    assert isinstance(wait, sync.Wait) and (wait.endpoint, wait.reason) == ("/data/files/features/c.arrow", "http_503")
+    assert began <= seen.started_at <= wait.since < wait.next_try_at and seen.bytes_per_second >= 0
+    assert manager.health().waiting_for is not None and pickle.loads(pickle.dumps(seen)) == seen
+    called = time.process_time()
+    for _ in range(10_000):
+        manager.progress()
+    assert time.process_time() - called < 2
+    server.answers.clear()
+    server.released.set()
+    syncing.thread.join()
+    assert manager.progress() is None and manager.health().waiting_for is None and syncing.failure is None
+
+
+def test_done_is_never_more_than_total(manager: sync.SyncManager, server: Any) -> None:
+    for index in range(150):
+        server.add(f"features/{index}.arrow", b"x" * 100)
+    seen = list(Syncing(manager).snapshots())
+    assert all(each.files_done <= each.files_total and each.bytes_done <= each.bytes_total for each in seen)
+    assert any(0 < each.files_done < 150 for each in seen)
+
+
+def test_who_holds_the_directory(manager: sync.SyncManager, program: Any) -> None:
+    holder = program(LOCK_HOLDER, manager._flock_path)
+    holder.wait_for("held")
+    syncing = Syncing(manager)
+    seen = syncing.shows(lambda each: each.wait)
+    assert seen.phase == "waiting" and isinstance(seen.wait, sync.LockWait)
+    assert seen.wait.pid == holder.process.pid and "fcntl.flock" in str(seen.wait.command) and manager.health().waiting_for == seen.wait
+    holder.finish()
+    syncing.thread.join()
+    assert syncing.failure is None
+
+
+def test_health_tells_how_it_went(manager: sync.SyncManager, server: Any) -> None:
+    new = manager.health()
+    assert new == sync.Health(False, False, None, None, None, None, None, None, None, 0, ())
+    manager.sync()
+    good = manager.health()
+    assert (good.era_number, good.version, good.last_error) == (7, 1, None) and time.time() - 60 < good.last_good_pass_at <= time.time()
+    for fail, clears in ((manager.sync, True), (lambda: manager.trigger_era_transition(9), False)):
+        server.answers = {path: (404, b"") for path in ("/data/manifest", "/data/manifest/version", "/era/current")}
+        with pytest.raises(sync.SyncError) as caught:
+            fail()
+        bad = manager.health()
+        assert bad.last_error == f"{type(caught.value).__name__}: {caught.value}" and bad.last_error_at >= good.last_good_pass_at
+        server.answers.clear()
+        assert not manager.needs_sync()
+        assert (manager.health().last_error is None) == clears, "nothing to do for a pass says nothing of the next era"
+        assert manager.health().last_good_pass_at > bad.last_good_pass_at and pickle.loads(pickle.dumps(bad)) == bad
+
+
+@pytest.mark.parametrize("ends", [True, False])
+def test_a_stop_ends_waits_where_it_is_to(
+    manager: sync.SyncManager, server: Any, records: pytest.LogCaptureFixture, wait_until: Callable[..., None], ends: bool
+) -> None:
+    assert manager.stop_ends_waits is False
+    manager.stop_ends_waits = ends
+    server.answers = {path: AWAY for path in ("/data/manifest/version", "/era/current")}
+    manager.acquire()
+    wait_until(lambda: len([path for path, _ in server.requests if path in server.answers]) >= 4)
+    health = manager.health()
+    assert health.running and health.waiting_for and set(health.threads) == {"bf-poll", "bf-era"} and manager.progress() is None
+    releasing = threading.Thread(target=manager.release)
+    releasing.start()
+    releasing.join(2 if ends else 0.5)
+    assert releasing.is_alive() is not ends
+    server.answers.clear()
+    releasing.join()
+    assert [record.getMessage() for record in records.records if record.levelno >= logging.WARNING] == []
+    assert manager.health().threads == () and manager.health().last_error is None and not manager.is_alive()
