@@ -75,7 +75,7 @@ bool HashCache::holds(std::string_view file_path, const FileStat& stat, std::str
 
 bool HashCache::knows(std::string_view file_path) const {
   MutexLock lock(mutex_);
-  return entries_->find(file_path) != entries_->end();
+  return entries_->find(file_path) != nullptr;
 }
 
 HashCache::View HashCache::view() const {
