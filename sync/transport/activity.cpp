@@ -16,6 +16,8 @@ constexpr double RATE_SECONDS = 5.0;
 constexpr double RATE_STEP_SECONDS = 0.25;
 
 constinit thread_local const ActivityScope::Part* current_part = nullptr;
+/// Of a thread that entered nothing. Leaked: one may outlive main().
+const ActivityScope::Part& nobodys_part = *new ActivityScope::Part;
 
 /// A manifest may state any size.
 void add_bytes(std::int64_t& total, std::int64_t bytes) {
@@ -72,7 +74,7 @@ Standing Activity::standing() const {
   const MutexLock lock(mutex_);
   Standing standing = standing_;
   for (const Waiting& waiting : waits_) keep_earliest(standing.waiting_for, waiting.wait);
-  standing.threads = threads_;
+  for (const BackgroundScope* each = last_thread_; each != nullptr; each = each->before_) standing.threads.emplace_back(each->name_);
   return standing;
 }
 
@@ -86,16 +88,18 @@ void Activity::note_good(Good good) {
   standing_.last_error_at.reset();
 }
 
-void Activity::note_failure(const char* of, const std::exception& failure) {
-  const Error error = error_of(failure);
-  if (error.is(error_class::SyncBackoffCancelled)) return;
-  std::string text(error.error_class().name());
-  if (!error.text().empty()) text += ": " + error.text();
-  const double now = clock_.wall_seconds();
-  const MutexLock lock(mutex_);
-  transition_failed_ = of == operation::TRANSITION;
-  standing_.last_error = std::move(text);
-  standing_.last_error_at = now;
+void Activity::note_failure(const char* of, const std::exception& failure) noexcept {
+  drop_failure([&] {
+    const Error error = error_of(failure);
+    if (error.is(error_class::SyncBackoffCancelled)) return;
+    std::string text(error.error_class().name());
+    if (!error.text().empty()) text += ": " + error.text();
+    const double now = clock_.wall_seconds();
+    const MutexLock lock(mutex_);
+    transition_failed_ = of == operation::TRANSITION;
+    standing_.last_error = std::move(text);
+    standing_.last_error_at = now;
+  });
 }
 
 // ---- operations ------------------------------------------------------------------------------------------
@@ -137,29 +141,27 @@ ActivityScope::ActivityScope(const std::shared_ptr<Activity>& activity)
 
 ActivityScope::~ActivityScope() { current_part = around_; }
 
-const ActivityScope::Part& ActivityScope::current() noexcept {
-  static const Part& nobodys = *new Part;  // leaked: a thread may outlive main()
-  return current_part != nullptr ? *current_part : nobodys;
-}
+const ActivityScope::Part& ActivityScope::current() noexcept { return current_part != nullptr ? *current_part : nobodys_part; }
 
-BackgroundScope::BackgroundScope(const std::shared_ptr<Activity>& activity, std::string name)
-    : name_(std::move(name)), scope_(ActivityScope::Part{activity, 0, activity != nullptr}) {
-  if (activity) activity->begin_thread(name_);
+BackgroundScope::BackgroundScope(const std::shared_ptr<Activity>& activity, const char* name) noexcept
+    : name_(name), scope_(ActivityScope::Part{activity, 0, activity != nullptr}) {
+  if (activity) activity->begin_thread(*this);
 }
 
 BackgroundScope::~BackgroundScope() {
-  if (const auto& activity = ActivityScope::current().activity) activity->end_thread(name_);
+  if (const auto& activity = ActivityScope::current().activity) activity->end_thread(*this);
 }
 
-void Activity::begin_thread(const std::string& name) {
+void Activity::begin_thread(BackgroundScope& thread) noexcept {
   const MutexLock lock(mutex_);
-  threads_.push_back(name);
+  thread.before_ = std::exchange(last_thread_, &thread);
 }
 
-void Activity::end_thread(const std::string& name) {
+void Activity::end_thread(BackgroundScope& thread) noexcept {
   const MutexLock lock(mutex_);
-  const auto own = std::find(threads_.begin(), threads_.end(), name);
-  if (own != threads_.end()) threads_.erase(own);
+  BackgroundScope** link = &last_thread_;
+  while (*link != &thread) link = &(*link)->before_;
+  *link = thread.before_;
 }
 
 Operation::Operation(const std::shared_ptr<Activity>& activity, const char* name, const char* phase)
@@ -188,7 +190,7 @@ Operation::~Operation() {
   }
 }
 
-void Operation::note_failure(const std::exception& failure) const {
+void Operation::note_failure(const std::exception& failure) const noexcept {
   if (phase_around_ == nullptr) ActivityScope::current().activity->note_failure(name_, failure);
 }
 

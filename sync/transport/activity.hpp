@@ -114,7 +114,8 @@ class Activity {
   /// which says nothing of a transition that failed.
   void note_good(Good good = Good::Work);
   /// Of the operation `of`, null for a look whether there is something to do. The end of a wait that was asked for is none.
-  void note_failure(const char* of, const std::exception& failure);
+  /// Without the memory for it nothing is noted.
+  void note_failure(const char* of, const std::exception& failure) noexcept;
 
   std::atomic<bool> stop_ends_waits{false};  ///< whether a stop ends the back-off waits of background threads
   std::atomic<bool> stopping{false};         ///< from a stop to the next start
@@ -152,8 +153,8 @@ class Activity {
   }
   static void announce_one(Running& running, std::int64_t bytes);
   [[nodiscard]] static double rate_of(Running& running, std::int64_t received, double now_seconds);
-  void begin_thread(const std::string& name);
-  void end_thread(const std::string& name);
+  void begin_thread(class BackgroundScope& thread) noexcept;
+  void end_thread(class BackgroundScope& thread) noexcept;
   void begin_download(const class DownloadShown& download);
   void end_download(const class DownloadShown& download);
   Id begin_wait(Id operation, WaitUnderWay wait);
@@ -165,7 +166,7 @@ class Activity {
   std::vector<Running> running_ GUARDED_BY(mutex_);  ///< in the order of their beginning, as are the next
   std::vector<const class DownloadShown*> downloads_ GUARDED_BY(mutex_);
   std::vector<Waiting> waits_ GUARDED_BY(mutex_);
-  std::vector<std::string> threads_ GUARDED_BY(mutex_);
+  class BackgroundScope* last_thread_ GUARDED_BY(mutex_) = nullptr;
   Standing standing_ GUARDED_BY(mutex_);               ///< without waits and threads
   bool transition_failed_ GUARDED_BY(mutex_) = false;  ///< last_error is of one
 };
@@ -199,17 +200,19 @@ class ActivityScope {
   const Part* const around_;
 };
 
-/// The life of a background thread. Null activity: of nobody's.
+/// The life of a background thread. Null activity: of nobody's. Needs no memory, so that a thread begins without any.
 class BackgroundScope {
  public:
-  BackgroundScope(const std::shared_ptr<Activity>& activity, std::string name);
+  BackgroundScope(const std::shared_ptr<Activity>& activity, const char* name) noexcept;
   BackgroundScope(const BackgroundScope&) = delete;
   BackgroundScope& operator=(const BackgroundScope&) = delete;
   ~BackgroundScope();
 
  private:
-  const std::string name_;
+  friend class Activity;
+  const char* const name_;
   const ActivityScope scope_;
+  BackgroundScope* before_ = nullptr;  ///< the one that began before, under the activity's lock
 };
 
 /// An operation, on the thread that owns it. One inside another is a phase of the outer one, whose name stays.
@@ -220,7 +223,7 @@ class Operation {
   Operation& operator=(const Operation&) = delete;
   ~Operation();
   /// What leaves it; that of the outermost one counts.
-  void note_failure(const std::exception& failure) const;
+  void note_failure(const std::exception& failure) const noexcept;
 
   // Of the operation that the running thread is part of, if any.
   static void enter_phase(const char* phase);
