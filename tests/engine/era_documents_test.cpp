@@ -335,7 +335,7 @@ TEST_F(EraDocumentsTest, damageIsRepairedAtTheSameVersionAndAloneFetched) {
     EXPECT_THAT(warnings(), Contains(StartsWith("Manifest version matched but local metadata needs repair: ")));
     const bool data_damaged = fetched.front() != data_path(VOCABULARY) && fetched.back() != SHUFFLE_PATH;
     EXPECT_THAT(warnings(), Contains("Manifest version matched but local data files need repair").Times(data_damaged ? 1 : 0));
-    if (!data_damaged) EXPECT_THAT(log.messages(LogLevel::Info), ElementsAre(StartsWith("Synced era 7 to version 1: mended ")));
+    EXPECT_THAT(log.messages(LogLevel::Info), Contains(StartsWith("Synced era 7 to version 1: mended ")).Times(data_damaged ? 0 : 1));
     EXPECT_TRUE(manager->_local_manifest_files_complete(*neighbours(), *manager->get_manifest()));
     static_cast<void>(manager->sync());
     EXPECT_THAT(asked(), ElementsAre(VERSION_PATH));
