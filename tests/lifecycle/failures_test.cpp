@@ -51,17 +51,21 @@ TEST_F(FailuresTest, aThreadOutlivesALackOfMemory) {
     const char* thread;
     std::function<void()> run;     ///< while its memory has run out
     std::function<void()> run_on;  ///< when there is some again
+    bool may_miss = false;         ///< another thread may do the work: it is run until its own one has failed
   };
   const Row rows[] = {
       {"bf-poll", [&] { manager->acquire(); }, [&] { asks_again(VERSION_PATH); }},
       {"bf-era", [] {}, [&] { asks_again("/era/current"); }},
-      {"bf-repair", [&] { manager->report_corruption(published()[0].path); }, [] {}},
+      {"bf-repair", [&] { manager->report_corruption(published()[0].path); }, [] {}, true},
       {"bf-sync",
        [&] {
          remove_files();
          EXPECT_THROW(static_cast<void>(manager->sync()), std::bad_alloc);
        },
-       [&] { EXPECT_EQ(manager->sync().bytes_downloaded, 7 * 200); }},
+       [&] {
+         static_cast<void>(manager->sync());
+         EXPECT_TRUE(manager->verify().valid);
+       }},
       {"bf-check", [&] { EXPECT_THROW(while (true) static_cast<void>(manager->verify()), std::bad_alloc); },
        [&] { EXPECT_TRUE(manager->verify().valid); }},
       {"brackenfen-sync", [&] { manager->_schedule_cleanup_old_eras(true); },
@@ -74,7 +78,10 @@ TEST_F(FailuresTest, aThreadOutlivesALackOfMemory) {
     {
       const FailingMemory memory(row.thread);
       row.run();
-      wait_until([&] { return memory.has_failed(); });
+      wait_until([&] {
+        if (row.may_miss && !memory.has_failed()) row.run();
+        return memory.has_failed();
+      });
     }
     row.run_on();
   }
