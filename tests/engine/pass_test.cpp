@@ -180,7 +180,7 @@ TEST_F(PassTest, aNewVersionFetchesOnlyWhatThisDirectoryLacks) {
                                                                 "others, which come with the next pass: " +
                                                                 std::string(ALPHA.path)));
   EXPECT_THAT(pass_log.messages(LogLevel::Info), ElementsAre("Deleted 1 files that this library had not put below its folders of artifacts",
-                                                                         StartsWith("Synced era 7 to version 2: 2 files, 13 bytes, in ")));
+                                                             StartsWith("Synced era 7 to version 2: 2 files, 13 bytes, in ")));
   EXPECT_EQ(directory.read(ALPHA.path), ALPHA.content) << "within an era a file that is what the local manifest promised is kept";
   EXPECT_EQ(manager->sync().bytes_downloaded, static_cast<std::int64_t>(alpha_2.content.size())) << "and replaced by the next pass";
   EXPECT_EQ(directory.read(ALPHA.path), alpha_2.content);
