@@ -31,8 +31,7 @@ void keep_earliest(std::optional<WaitUnderWay>& earliest, const WaitUnderWay& wa
 }  // namespace
 
 double since(const WaitUnderWay& wait) noexcept {
-  const auto* server = std::get_if<ServerWait>(&wait);
-  return server != nullptr ? server->since : std::get_if<LockWait>(&wait)->since;
+  return std::visit([](const auto& each) { return each.since; }, wait);
 }
 
 // ---- what others see -------------------------------------------------------------------------------------
