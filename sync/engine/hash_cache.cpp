@@ -196,12 +196,13 @@ void HashCache::Entries::put(Text path, Entry entry) {
 /// Fills entries while their file is read.
 class HashCache::Reading final : public JsonMembers {
  public:
-  explicit Reading(std::size_t expected_entries) : expected_entries_(expected_entries) {}
+  explicit Reading(std::size_t expected_entries) { entries_.reserve(expected_entries); }
 
+  /// Costs what came before, since a file may begin as often as it likes.
   void begin() override {
+    if (entries_.items().empty()) return;
     entries_ = Entries();
-    entries_.reserve(expected_entries_);
-    dropped_.clear();
+    dropped_ = TextSet();
   }
   void take(Text key, std::span<Member> members) override {
     if (!dropped_.empty()) dropped_.erase(key);
@@ -222,7 +223,6 @@ class HashCache::Reading final : public JsonMembers {
   }
 
  private:
-  const std::size_t expected_entries_;
   Entries entries_;
   TextSet dropped_;  ///< of the entries' keys, those that came again with something else
 };
