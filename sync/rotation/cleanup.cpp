@@ -68,7 +68,8 @@ std::vector<std::string> delete_files_not_kept(Files& files, std::string_view da
                    [](const Error& error, const std::string& folder) {
                      if (!is_no_folder(error, folder)) throw error;
                    }});
-  return may_hold_staging ? std::vector<std::string>() : folders;
+  const bool are_theirs = expand_user(data_dir) == data_dir;  // staging files lie where a "~" leads, which is not followed here
+  return are_theirs && !may_hold_staging ? folders : std::vector<std::string>();
 }
 
 }  // namespace brackenfen::sync

@@ -68,6 +68,7 @@ TEST(CleanUp, vouchesOnlyForFoldersWithoutStagingFiles) {
   for (const char* path : {"features/a.arrow.tmp", "features/u/folder.tmp/a", "useful_signals/u/.hidden/a.tmp"})
     EXPECT_THAT(vouched_beside(path), testing::IsEmpty()) << path;
   EXPECT_THAT(vouched_beside("features/.a.arrow"), testing::SizeIs(6));
+  EXPECT_THAT(delete_files_not_kept(Files::real(), "~/data", {}), testing::IsEmpty()) << "staging files lie below the home directory";
 }
 
 TEST(CleanUp, stopsAtTheFirstFileThatCannotBeDeleted) {
