@@ -62,7 +62,8 @@ std::vector<std::string> SyncManager::_cleanup_inactive_rotation_artifacts(Neigh
   const Document* entries = files.if_document();
   int strangers = 0;
   std::vector<std::string> without_staging = delete_files_not_kept(*seams_.files, _data_dir.get(), keep, [&](std::string_view path) {
-    if ((entries != nullptr && entries->contains(path)) || _hash_cache.knows(path)) return;
+    const bool is_staging = path.ends_with(".tmp");  // of a download that was broken off
+    if (is_staging || (entries != nullptr && entries->contains(path)) || _hash_cache.knows(path)) return;
     ++strangers;
     log_debug("Deleted a file that this library had not put there: %s", path);
   });

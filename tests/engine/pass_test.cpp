@@ -157,7 +157,11 @@ TEST_F(PassTest, theVersionHintDecidesWhetherTheManifestIsFetched) {
 TEST_F(PassTest, anOlderVersionOfTheSameEraIsTakenOverWithoutADownload) {
   const auto manager = synced({ALPHA});
   publish(0, {ALPHA});
+  const std::string staging = directory.write("features/left_behind.arrow.tmp", "half of it");
+  const RecordingLog pass_log;
   EXPECT_EQ(manager->sync().n_features, 0) << "this short way counts nothing";
+  EXPECT_FALSE(std::filesystem::exists(staging));
+  EXPECT_THAT(pass_log.messages(LogLevel::Info), testing::IsEmpty()) << "the library's own is nothing to report";
   EXPECT_THAT(asked(), ElementsAre(VERSION_PATH, MANIFEST_PATH));
   EXPECT_EQ(manager->get_manifest()->version(), Value(0));
   EXPECT_THAT(directory.read("manifest.json"), HasSubstr(R"("version": 0)"));
