@@ -52,6 +52,7 @@ std::optional<Progress> Activity::progress() {
     if (download->part_.operation != chosen->id) continue;
     received += download->bytes_.received;
     progress.files_in_flight.push_back(download->now());
+    if (download->set_ != chosen->set) continue;
     add_bytes(progress.bytes_done, std::min(progress.files_in_flight.back().bytes_done, download->expected_bytes_));
   }
   progress.bytes_done = std::min(progress.bytes_done, progress.bytes_total);
@@ -95,7 +96,7 @@ void Activity::note_failure(const char* of, const std::exception& failure) noexc
     if (!error.text().empty()) text += ": " + error.text();
     const double now = clock_.wall_seconds();
     const MutexLock lock(mutex_);
-    transition_failed_ = of == operation::TRANSITION;
+    transition_failed_ = of != nullptr && std::string_view(of) == operation::TRANSITION;
     standing_.last_error = std::move(text);
     standing_.last_error_at = now;
   });
@@ -157,6 +158,7 @@ void Activity::begin_thread(BackgroundScope& thread) noexcept {
 }
 
 void Activity::end_thread(BackgroundScope& thread) noexcept {
+  if (fork_generation_ != fork_generation()) return;  // the other scopes were on stacks that are used for something else by now
   const MutexLock lock(mutex_);
   BackgroundScope** link = &last_thread_;
   while (*link != &thread) link = &(*link)->before_;
@@ -204,6 +206,7 @@ void Operation::expect(std::int64_t files, std::int64_t bytes) {
   if (part.operation == 0) return;
   const double now_seconds = part.activity->clock_.monotonic_seconds();
   part.activity->change(part.operation, [&](Activity::Running& running) {
+    ++running.set;
     running.announced = running.shown.files_total = files;
     running.shown.bytes_total = bytes;
     running.shown.files_done = running.shown.bytes_done = 0;
@@ -231,10 +234,13 @@ DownloadShown::~DownloadShown() {
   if (part_.operation != 0) part_.activity->end_download(*this);
 }
 
-void Activity::begin_download(const DownloadShown& download) {
+void Activity::begin_download(DownloadShown& download) {
   const MutexLock lock(mutex_);
   downloads_.push_back(&download);
-  if (Running* const running = find(download.part_.operation)) announce_one(*running, download.expected_bytes_);
+  Running* const running = find(download.part_.operation);
+  if (running == nullptr) return;
+  download.set_ = running->set;
+  announce_one(*running, download.expected_bytes_);
 }
 
 void Activity::end_download(const DownloadShown& download) {
@@ -243,7 +249,7 @@ void Activity::end_download(const DownloadShown& download) {
   Running* const running = find(download.part_.operation);
   if (running == nullptr) return;  // it has left the download behind
   running->received += download.bytes_.received;
-  if (!download.landed_) return;
+  if (!download.landed_ || download.set_ != running->set) return;
   ++running->shown.files_done;
   add_bytes(running->shown.bytes_done, download.expected_bytes_);
 }

@@ -19,6 +19,7 @@
 
 #include "sync/base/files/place.hpp"
 #include "sync/base/threads/clock.hpp"
+#include "sync/base/threads/fork.hpp"
 #include "sync/base/threads/mutex.hpp"
 
 namespace brackenfen::sync {
@@ -132,6 +133,7 @@ class Activity {
   struct Running {
     Id id = 0;
     Progress shown = {};                                    ///< without what is in flight
+    std::uint64_t set = 0;                                  ///< counts those that were announced
     std::int64_t announced = 0;                             ///< files of the set that have not begun
     std::int64_t received = 0;                              ///< bytes of the downloads that have ended
     std::deque<std::pair<double, std::int64_t>> past = {};  ///< monotonic seconds and bytes received by then
@@ -155,12 +157,13 @@ class Activity {
   [[nodiscard]] static double rate_of(Running& running, std::int64_t received, double now_seconds);
   void begin_thread(class BackgroundScope& thread) noexcept;
   void end_thread(class BackgroundScope& thread) noexcept;
-  void begin_download(const class DownloadShown& download);
+  void begin_download(class DownloadShown& download);
   void end_download(const class DownloadShown& download);
   Id begin_wait(Id operation, WaitUnderWay wait);
   void end_wait(Id wait);
 
   Clock& clock_;
+  const std::uint64_t fork_generation_ = fork_generation();
   mutable Mutex mutex_;
   Id last_id_ GUARDED_BY(mutex_) = 0;
   std::vector<Running> running_ GUARDED_BY(mutex_);  ///< in the order of their beginning, as are the next
@@ -273,6 +276,7 @@ class DownloadShown {
   const std::string& file_path_;
   const std::int64_t expected_bytes_;
   const DownloadBytes& bytes_;
+  std::uint64_t set_ = 0;  ///< that it belongs to, under the activity's lock: it counts for no later one
   bool landed_ = false;
 };
 

@@ -2,7 +2,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cstring>
+#include <future>
 #include <limits>
 #include <memory>
 #include <string>
@@ -68,10 +72,39 @@ TEST_F(ActivityTest, countsNeverMoreThanIsToCome) {
   const DownloadShown of_no_set(path, 7, bytes), without_size(path, 0, bytes);
   EXPECT_EQ(counts(), std::tuple(2, 4, 107, 107)) << "documents behind the set add themselves";
   EXPECT_EQ(now().files_in_flight.back().bytes_total, 80);
+  std::optional<DownloadShown> of_an_earlier_set(std::in_place, path, 60, bytes);
+  of_an_earlier_set->landed();
+  Operation::expect(1, 50);
+  EXPECT_EQ(counts(), std::tuple(0, 1, 0, 50));
+  of_an_earlier_set.reset();
+  EXPECT_EQ(counts(), std::tuple(0, 1, 0, 50));
   Operation::expect(1, std::numeric_limits<std::int64_t>::max());
   Operation::count_file(std::numeric_limits<std::int64_t>::max());
   Operation::count_file(1);
   EXPECT_LE(now().bytes_done, now().bytes_total);
+}
+
+TEST_F(ActivityTest, aThreadThatEndsInAForkedChildLooksAtNoOther) {
+  std::optional<BackgroundScope> forking(std::in_place, activity_, "forking");
+  std::promise<void*> begun;
+  std::promise<void> over;
+  std::thread other([&] {
+    BackgroundScope scope(activity_, "other");
+    begun.set_value(&scope);
+    over.get_future().wait();
+  });
+  void* const others_stack = begun.get_future().get();
+  const pid_t child = ::fork();
+  if (child == 0) {
+    std::memset(others_stack, 0x55, sizeof(BackgroundScope));  // as by a thread of the child
+    forking.reset();
+    ::_exit(0);
+  }
+  int status = 1;
+  ::waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+  over.set_value();
+  other.join();
 }
 
 TEST_F(ActivityTest, theRateIsThatOfTheLastSecondsOverTheNetwork) {
