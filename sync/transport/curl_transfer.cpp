@@ -101,7 +101,10 @@ CurlTransfer::CurlTransfer(const RequestRoute& route, Environment& environment, 
       timeout_seconds_(timeout_seconds) {
   if (handles_.begin_transfer() == CurlLease::Handle::New) set_up_handle();
   set_request(route, environment);
-  if (route.is_encrypted()) set_certificates(environment);
+  if (route.is_encrypted())
+    set_certificates(environment);
+  else
+    set_option(handles_.easy(), CURLOPT_SSL_CTX_DATA, nullptr);  // of an earlier transfer; a proxy would be judged by it
   if (curl_multi_add_handle(handles_.multi(), handles_.easy()) != CURLM_OK) throw network_error(CURLE_OUT_OF_MEMORY, 0, {});
 }
 

@@ -284,6 +284,25 @@ TEST(HttpClient, readsTheCertificateFileOnceForEachDirectoryBesideIt) {
   EXPECT_THAT(failure_of_get(server.url("/")), HasSubstr("TrustStoreError: ")) << "believed what was read beside another directory";
 }
 
+TEST(HttpClient, judgesAProxyByNoDirectoryOfAnEarlierTransfer) {
+  ScriptedServer plain, encrypted{ScriptedServer::Scheme::Https}, proxy{ScriptedServer::Scheme::Https};
+  encrypted.script("/", {{.body = "whole"}});
+  proxy.script(plain.url("/"), {{.body = "by proxy"}});
+  TemporaryDirectory directory;
+  directory.write("ce275665.0", proxy.certificate_pem());  // the hash of the servers' name
+  const auto environment = std::make_shared<FakeEnvironment>(
+      std::map<std::string, std::string>{{"SSL_CERT_FILE", directory.write("ca.pem", encrypted.certificate_pem())},
+                                         {"SSL_CERT_DIR", directory / ""},
+                                         {"http_proxy", "https" + proxy.url().substr(proxy.url().find(':'))}});
+  for (const auto& [url, expected] : {std::pair(encrypted.url("/"), ""), std::pair(plain.url("/"), "SSLCertVerificationError: ")}) {
+    EXPECT_THAT(failure_of([&, url = url] {
+                  const HttpRequest request{url, {}, environment};
+                  static_cast<void>(body_of(*HttpClient::real().open(request, PATIENCE_SECONDS, TransportSecurity::builtin())));
+                }),
+                StartsWith(expected));
+  }
+}
+
 TEST(HttpClient, endsWaitsAtTheTimeout) {
   ScriptedServer server;
   server.script("/mute", {{.delay = 1h}});
