@@ -383,6 +383,7 @@ void FileDownload::leave_superseded(std::string_view reason, const Document& fie
 
 void SyncManager::_download_file(NeighbourSet& neighbours, const std::string& file_path, const Document& file_info, SyncResult& result,
                                  const DownloadOptions& options) {
+  require_own_process();  // a callback may have forked during the file before
   std::optional<LocalFiles> opened;
   if (!options.local_files) {
     const std::string target = directory_or_live(options.target_data_dir);

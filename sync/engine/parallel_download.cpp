@@ -1,6 +1,7 @@
 // A set of independent files, fetched at once by a few workers.
 #include <algorithm>
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <exception>
 #include <mutex>
@@ -9,6 +10,7 @@
 #include "sync/base/error.hpp"
 #include "sync/base/files/paths.hpp"
 #include "sync/base/text/text.hpp"
+#include "sync/base/threads/fork.hpp"
 #include "sync/base/threads/interrupt.hpp"
 #include "sync/base/threads/work.hpp"
 #include "sync/base/threads/worker_thread.hpp"
@@ -108,7 +110,10 @@ class Batch : public std::enable_shared_from_this<Batch> {
   [[nodiscard]] Outcome run_item(std::size_t index, Worker& worker);
   [[nodiscard]] bool worker_stop_requested();
   [[nodiscard]] bool nothing_to_come() const;
+  /// False in a child that a callback on a worker forked: the work is the parent's, and the locks may be held for ever.
+  [[nodiscard]] bool in_own_process() const { return fork_generation_ == fork_generation(); }
 
+  const std::uint64_t fork_generation_ = fork_generation();
   const std::shared_ptr<SyncManager> manager_;
   const std::shared_ptr<NeighbourSet> neighbours_;
   const std::vector<Item> items_;
@@ -175,8 +180,9 @@ void Batch::start(std::int64_t worker_count) {
     try {
       start_worker_thread(WORKER_NAME_PREFIX + ("_" + std::to_string(number)), [self = shared_from_this(), workers = workers_]() mutable {
         self->work();
+        const bool is_counted = self->in_own_process();
         self.reset();
-        workers->fall();
+        if (is_counted) workers->fall();
       });
     } catch (const std::exception&) {
       workers_->fall();
@@ -206,6 +212,7 @@ void Batch::work() {
 }
 
 const Task* Batch::next_task() {
+  if (!in_own_process()) return nullptr;
   const std::lock_guard<std::mutex> lock(mutex_);
   return !queue_dropped_ && next_task_ < tasks_.size() ? &tasks_[next_task_++] : nullptr;
 }
@@ -217,6 +224,7 @@ void Batch::run_task(const Task& task, Worker& worker) {
       if (queue_dropped_ && index != task.front()) return;
     }
     Outcome outcome = run_item(index, worker);
+    if (!in_own_process()) return;
     const std::lock_guard<std::mutex> lock(mutex_);
     // Whoever asked for the stop would else wait for an attempt of every file that is still queued.
     if (outcome.failure && (parent_stopped_.load() || ActivityScope::wait_is_over(activity_))) queue_dropped_ = true;
