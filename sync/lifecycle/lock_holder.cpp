@@ -1,13 +1,17 @@
 #include "sync/lifecycle/lock_holder.hpp"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
+#include <vector>
 
 #include "sync/base/error.hpp"
 #include "sync/base/files/descriptor.hpp"
+#include "sync/base/files/directory_reader.hpp"
 #include "sync/base/text/text.hpp"
 
 namespace brackenfen::sync {
@@ -28,6 +32,24 @@ std::optional<std::string> command_of(pid_t pid) {
   }
 }
 
+/// Whether a process has a lock on this very file; false too where the process may not be looked at.
+bool has_locked(pid_t pid, const FileId& file) {
+  const std::string process = "/proc/" + std::to_string(pid);
+  const std::string folder = process + "/fd/";
+  try {
+    DirectoryReader descriptors(folder);
+    while (const dirent* const entry = descriptors.next()) {
+      // A look at any other file may wait for a server of files.
+      if (read_file(process + "/fdinfo/" + entry->d_name, LONGEST_TABLE_BYTES).find("FLOCK") == std::string::npos) continue;
+      struct statx found {};
+      if (::statx(AT_FDCWD, (folder + entry->d_name).c_str(), AT_STATX_DONT_SYNC, STATX_INO, &found) != 0) continue;
+      if (FileId{makedev(found.stx_dev_major, found.stx_dev_minor), found.stx_ino} == file) return true;
+    }
+  } catch (const Error&) {  // it has ended, or is another user's
+  }
+  return false;
+}
+
 }  // namespace
 
 std::optional<LockHolder> find_lock_holder(const FileId& locked_file) {
@@ -37,7 +59,8 @@ std::optional<LockHolder> find_lock_holder(const FileId& locked_file) {
   } catch (const Error&) {
     return std::nullopt;
   }
-  pid_t of_inode = 0;  // some file systems state another device in the table than in a stat
+  std::optional<pid_t> holder;
+  std::vector<pid_t> of_inode;  // some file systems state another device in the table than in a stat
   for (const std::string_view line : split(table, "\n")) {
     // "1: FLOCK  ADVISORY  WRITE 1234 08:01:5678 0 EOF"; a process that waits has "->" before its kind.
     const std::string text(line);
@@ -46,11 +69,17 @@ std::optional<LockHolder> find_lock_holder(const FileId& locked_file) {
     std::uint64_t inode = 0;
     if (std::sscanf(text.c_str(), "%*u: FLOCK %*s WRITE %d %x:%x:%" SCNu64, &pid, &major_number, &minor_number, &inode) != 4) continue;
     if (inode != locked_file.inode || pid <= 0) continue;
-    of_inode = pid;
-    if (makedev(major_number, minor_number) == locked_file.device) break;
+    if (makedev(major_number, minor_number) == locked_file.device) {
+      holder = pid;
+      break;
+    }
+    of_inode.push_back(pid);
   }
-  if (of_inode == 0) return std::nullopt;
-  return LockHolder{of_inode, command_of(of_inode)};
+  // Or it is the lock of a file that has the same number elsewhere.
+  for (auto pid = of_inode.begin(); !holder && pid != of_inode.end(); ++pid)
+    if (has_locked(*pid, locked_file)) holder = *pid;
+  if (!holder) return std::nullopt;
+  return LockHolder{*holder, command_of(*holder)};
 }
 
 }  // namespace brackenfen::sync

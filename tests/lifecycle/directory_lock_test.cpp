@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "sync/base/threads/interrupt.hpp"
+#include "sync/lifecycle/lock_holder.hpp"
 #include "tests/documents/values.hpp"
 #include "tests/support/failing_memory.hpp"
 #include "tests/support/temporary_directory.hpp"
@@ -51,6 +52,14 @@ TEST_F(DirectoryLockTest, holdsFileAndDirectoryUntilReleased) {
     EXPECT_TRUE(free());
   }
   EXPECT_TRUE(free());
+}
+
+TEST_F(DirectoryLockTest, isNotTakenForThatOfAFileWithTheSameNumberElsewhere) {
+  const DirectoryLock::Hold hold(lock);
+  FileId locked = file_id(file).value();
+  EXPECT_EQ(find_lock_holder(locked).value().pid, ::getpid());
+  ++locked.device;
+  EXPECT_FALSE(find_lock_holder(locked));
 }
 
 TEST_F(DirectoryLockTest, endsWithTheInnerReleaseButStaysOwned) {
