@@ -137,6 +137,7 @@ void SyncManager::abandon_sync_thread() {
   _running = false;
   _sync_thread.set(nullptr);
   _stop_event.set();
+  activity_->stopping = true;
 }
 
 void SyncManager::_start_internal(std::shared_ptr<const void> host_handle) {
