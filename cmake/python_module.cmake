@@ -26,5 +26,8 @@ foreach(file IN ITEMS sync.pyi py.typed)
   configure_file(${PROJECT_SOURCE_DIR}/python/${file} ${package_dir}/${file} COPYONLY)
 endforeach()
 
+# The command beside the module, as in the wheel; a link, so that an edit needs no build.
+file(CREATE_LINK ${PROJECT_SOURCE_DIR}/tools/command/brackenfen/sync_command ${package_dir}/sync_command SYMBOLIC)
+
 install(TARGETS sync LIBRARY DESTINATION . COMPONENT python)
 install(FILES python/sync.pyi python/py.typed DESTINATION . COMPONENT python)

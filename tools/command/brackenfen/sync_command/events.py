@@ -1,0 +1,153 @@
+"""What the library logs, as lines for people, as a file of events, and as facts for a command."""
+
+from __future__ import annotations
+
+import json
+import logging
+import threading
+import time
+from collections.abc import Iterator, Mapping
+from contextlib import contextmanager, nullcontext
+from typing import IO, Any
+
+from brackenfen.sync_command.output import Output
+from brackenfen.sync_command.texts import clean, duration, stamp
+
+LOGGER = logging.getLogger("brackenfen.sync")
+REPEAT_SECONDS = 60.0
+
+
+def event_of(record: logging.LogRecord) -> dict[str, Any] | None:
+    event = getattr(record, "brackenfen_sync_event", None)
+    return event if isinstance(event, dict) else None
+
+
+def cause(event: dict[str, Any]) -> str:
+    """What the server said last, else what the network did."""
+    seen = [f"HTTP {status}" for status in event.get("status_sequence", ())] + [*event.get("exception_sequence", ())]
+    words = [event.get("last_server_error_code"), event.get("reason")]
+    return ", ".join(dict.fromkeys(str(word) for word in [*seen, *words] if word))
+
+
+@contextmanager
+def listening(handler: logging.Handler, level: int = logging.INFO) -> Iterator[None]:
+    """The library's log goes to `handler` for the duration of the block; levels below `level` cost nothing."""
+    before = LOGGER.level
+    handler.setLevel(level)
+    LOGGER.addHandler(handler)
+    LOGGER.setLevel(min(level, before or level))
+    try:
+        yield
+    finally:
+        LOGGER.removeHandler(handler)
+        LOGGER.setLevel(before)
+
+
+class Spoken(logging.Handler):
+    """Lines for people. An outage is told at its begin and its end, a warning that comes at every poll once a minute."""
+
+    def __init__(self, output: Output, everything: bool = False, progress: bool = False) -> None:
+        """progress: the lines at info about passes and transitions too; everything: all there is."""
+        super().__init__()
+        self._output = output
+        self._everything = everything
+        self._progress = progress
+        self._outage = False
+        self._said: dict[str, float] = {}
+
+    def emit(self, record: logging.LogRecord) -> None:
+        event = event_of(record)
+        kind = event["event_type"] if event else ""
+        if event and kind == "sync_unavailable_status":
+            if not self._outage:
+                self._output.say(clean(f"the server is not available ({cause(event)}). {event['next_action']}"), "yellow")
+            self._outage = True
+        elif event and kind == "sync_recovered_status":
+            if self._outage:
+                self._output.say(f"the server is back after {duration(event['elapsed_seconds'])}", "green")
+            self._outage = False
+        elif event and kind == "checksum_repair":
+            self._output.say(clean(f"{event['file']}: the bytes are not the ones promised; it is fetched again"), "yellow")
+        elif record.levelno >= logging.WARNING:
+            self._once(f"warning: {clean(record.getMessage())}")
+        elif self._everything or (self._progress and not event and record.levelno >= logging.INFO):
+            self._output.say(clean(record.getMessage()), "dim" if record.levelno < logging.INFO else "")
+
+    def _once(self, text: str) -> None:
+        now = time.monotonic()
+        if now >= self._said.get(text, 0.0):
+            self._said[text] = now + REPEAT_SECONDS
+            self._output.say(text, "yellow")
+
+
+class EventLines(logging.Handler):
+    """A JSON line for each event and each line from info up: `time`, `level`, `event_type` and the event's own fields.
+
+    Lines of the log that are no event have `event_type` "log" with `message`, `format` and `args`. Where a line cannot be
+    written, `error` says why; the library's work goes on.
+    """
+
+    def __init__(self, stream: IO[str]) -> None:
+        super().__init__()
+        self._stream = stream
+        self.error: OSError | None = None
+
+    def emit(self, record: logging.LogRecord) -> None:
+        event = event_of(record)
+        if event is None:
+            event = {"event_type": "log", "message": record.getMessage(), "format": str(record.msg), "args": list(record.args or ())}
+        self.write(event, record.levelname, record.created)
+
+    def write(self, event: Mapping[str, Any], level: str = "INFO", moment: float | None = None) -> None:
+        line = json.dumps({"time": stamp(time.time() if moment is None else moment), "level": level, **event}, default=str)
+        try:
+            with self.lock or nullcontext():
+                self._stream.write(line + "\n")
+                self._stream.flush()
+        except OSError as error:
+            self.error = error
+
+
+class OutageLimit(logging.Handler):
+    """A stop_requested that ends a wait once an outage has lasted `seconds`; an answer begins the count anew."""
+
+    def __init__(self, seconds: float) -> None:
+        super().__init__()
+        self._seconds = seconds
+        self._lock_began = threading.Lock()
+        self._began: float | None = None
+
+    def emit(self, record: logging.LogRecord) -> None:
+        if (event_of(record) or {}).get("event_type") == "sync_recovered_status":
+            with self._lock_began:
+                self._began = None
+
+    def __call__(self) -> bool:
+        with self._lock_began:
+            if self._began is None:
+                self._began = time.monotonic()
+            return time.monotonic() - self._began >= self._seconds
+
+
+class Heard(logging.Handler):
+    """Keeps what is said, for a command that makes something of it itself."""
+
+    def __init__(self) -> None:
+        super().__init__()
+        self.events: list[dict[str, Any]] = []
+        self.lines: list[tuple[int, str]] = []
+
+    def emit(self, record: logging.LogRecord) -> None:
+        event = event_of(record)
+        if event is not None:
+            self.events.append(event)
+        else:
+            self.lines.append((record.levelno, record.getMessage()))
+
+    @property
+    def warnings(self) -> list[str]:
+        return [text for level, text in self.lines if level >= logging.WARNING]
+
+    def event(self, kind: str) -> dict[str, Any]:
+        """The first of its kind, or an empty one."""
+        return next((event for event in self.events if event["event_type"] == kind), {})

@@ -1,0 +1,89 @@
+"""The command watch: background work until it is stopped, through outages and eras."""
+
+from __future__ import annotations
+
+import contextlib
+import sys
+import time
+from pathlib import Path
+from typing import IO
+
+from brackenfen import sync
+
+from brackenfen.sync_command.events import EventLines, listening
+from brackenfen.sync_command.exits import Exit, SettingsError
+from brackenfen.sync_command.main import Terminated
+from brackenfen.sync_command.passes import run_pass
+from brackenfen.sync_command.progress import wait_text
+from brackenfen.sync_command.session import Session
+from brackenfen.sync_command.texts import clean, duration
+
+LOOK_SECONDS = 0.2
+
+
+def idle_text(manager: sync.SyncManager) -> str:
+    health = manager.health()
+    if health.waiting_for is not None:
+        return wait_text(health.waiting_for, time.time())
+    age = "" if health.last_good_pass_age_s is None else f", last good pass {duration(health.last_good_pass_age_s)} ago"
+    failure = f"; {health.last_error}" if health.last_error else ""
+    return clean(f"era {health.era_number}, version {health.version}{age}{failure}")
+
+
+def opened(path: Path) -> IO[str]:
+    try:
+        return path.open("a", encoding="utf-8")
+    except OSError as error:
+        raise SettingsError(f"the file of events {path} cannot be written: {error.strerror}") from None
+
+
+def work(session: Session, manager: sync.SyncManager, lines: list[EventLines]) -> None:
+    """Until an interrupt. A watcher that starts without a manifest follows no era, so a first pass comes before it."""
+    if manager.get_manifest() is None:
+        run_pass(session, manager)
+    manager.stop_ends_waits = True  # an outage does not keep anybody from ending the command
+    manager.acquire()
+    try:
+        while not (session.output.as_json and lines[0].error):
+            time.sleep(LOOK_SECONDS)
+    finally:
+        manager.release()
+        manager.stop()  # also where a count that another host left behind keeps the threads up
+
+
+def watch(session: Session, events: Path | None) -> Exit:
+    """Keep the directory up to date until it is stopped, and follow the server from era to era.
+
+    Outages are waited out. Ctrl-C ends it with 130, SIGTERM with 0. With --json every event of the library is a line.
+    """
+    manager = session.manager()
+    with contextlib.ExitStack() as stack:
+        streams = [sys.stdout] if session.output.as_json else []
+        if events is not None:
+            streams.append(stack.enter_context(opened(events)))
+        lines = [EventLines(stream) for stream in streams]
+        for handler in lines:
+            stack.enter_context(listening(handler))
+
+        def write(event_type: str, **fields: object) -> None:
+            for handler in lines:
+                handler.write({"event_type": event_type, **fields})
+
+        def on_era(event: str, era_number: int) -> None:
+            write("era", event=event, era_number=era_number)
+
+        stack.enter_context(session.working(manager, writes=True, idle=lambda: idle_text(manager)))
+        manager.register_era_callback(on_era)
+        try:
+            write("watch_started", directory=str(session.directory), server=session.server)
+            session.output.say(clean(f"watching {session.directory}; Ctrl-C ends it"))
+            work(session, manager, lines)
+        except Terminated:
+            session.output.say("stopped")
+        finally:
+            manager.unregister_era_callback(on_era)
+            write("watch_ended")
+            for handler in lines:
+                if handler.error is not None and handler is lines[-1] and events is not None:
+                    session.output.say(f"warning: events were lost, {events} could not be written: {handler.error.strerror}", "yellow")
+    return Exit.FINE
