@@ -29,18 +29,20 @@ nb::list module_names(bool with_private) {
   for (const auto& [name, value] : nb::borrow<nb::dict>(first_module_dict))
     if (with_private || !text_form(name).starts_with('_')) names.append(name);
   for (const char* name : NEIGHBOURS_ERRORS) names.append(name);
+  for (const std::string_view name : OBSERVATION_RECORDS) names.append(to_python(name));
   names.attr("sort")();
   return names;
 }
 
-/// Names that belong to the neighbours are looked up when they are asked for, so that importing this module
-/// imports no neighbour.
+/// Names that belong to the neighbours are looked up when they are asked for, so that importing this module imports no
+/// neighbour; the records of what a manager is doing are made then.
 nb::object module_getattr(nb::handle name) {
   const std::string wanted = text_form(name);
   if (wanted == "AuthError") return auth_error_class();
   if (wanted == "LibraryUpdateRequired") return library_update_required_class();
   if (wanted == "SyncBackoffCancelled") return backoff_cancelled_class();
   if (nb::object found = rotation_error_class(wanted); found.is_valid()) return found;
+  if (nb::object found = observation_record(wanted); found.is_valid()) return found;
   throw AttributeError("module 'brackenfen.sync' has no attribute '" + wanted + "'");
 }
 

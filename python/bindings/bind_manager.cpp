@@ -196,7 +196,7 @@ void bind_manager(nb::module_& module) {
   bind_manager_rotation(bound);
   bind_manager_on_demand(bound);
   bind_manager_fields(bound);
-  bind_manager_observation(module, bound);
+  bind_manager_observation(bound);
 }
 
 }  // namespace brackenfen::sync::python

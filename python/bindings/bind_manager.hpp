@@ -65,6 +65,6 @@ void bind_manager_integrity(nb::class_<ManagerObject>& bound);
 void bind_manager_rotation(nb::class_<ManagerObject>& bound);
 void bind_manager_on_demand(nb::class_<ManagerObject>& bound);
 void bind_manager_fields(nb::class_<ManagerObject>& bound);
-void bind_manager_observation(nb::module_& module, nb::class_<ManagerObject>& bound);
+void bind_manager_observation(nb::class_<ManagerObject>& bound);
 
 }  // namespace brackenfen::sync::python

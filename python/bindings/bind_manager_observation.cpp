@@ -1,4 +1,7 @@
 // What a host sees of a manager while it works: snapshots, made when they are asked for.
+#include <algorithm>
+#include <iterator>
+
 #include "python/bindings/bind_manager.hpp"
 #include "python/conversion/dataclasses.hpp"
 #include "sync/lifecycle/lock_holder.hpp"
@@ -8,23 +11,19 @@ namespace {
 
 using Bound = nb::class_<ManagerObject>;
 
-/// The dataclasses, owned for ever.
-struct Records {
-  PyObject *file_in_flight, *wait, *lock_wait, *progress, *health;
-};
-Records records{};
+/// The dataclass of that name.
+nb::object record(const char* name);
 
 nb::object wait_to_python(const std::optional<WaitUnderWay>& wait) {
   if (!wait) return nb::none();
   if (const auto* server = std::get_if<ServerWait>(&*wait)) {
-    return nb::handle(records.wait)(to_python(server->endpoint), server->attempt, to_python(server->reason), server->since,
-                                    server->next_try_at);
+    return record("Wait")(to_python(server->endpoint), server->attempt, to_python(server->reason), server->since, server->next_try_at);
   }
   const auto& lock = std::get<LockWait>(*wait);
   const std::optional<LockHolder> holder =
       detached([&] { return lock.locked_file ? find_lock_holder(*lock.locked_file) : std::optional<LockHolder>(); });
-  return nb::handle(records.lock_wait)(lock.since, holder ? nb::object(nb::int_(holder->pid)) : nb::none(),
-                                       holder && holder->command ? path_to_python(*holder->command) : nb::none());
+  return record("LockWait")(lock.since, holder ? nb::object(nb::int_(holder->pid)) : nb::none(),
+                            holder && holder->command ? path_to_python(*holder->command) : nb::none());
 }
 
 // The core's snapshots take no longer than a copy, so both keep the interpreter lock, which others may hold for long.
@@ -34,43 +33,40 @@ nb::object progress(const ManagerObject& self) {
   if (!now) return nb::none();
   nb::list in_flight;
   for (const FileInFlight& file : now->files_in_flight)
-    in_flight.append(nb::handle(records.file_in_flight)(to_python(file.relative_path), file.bytes_done, file.bytes_total));
-  return nb::handle(records.progress)(to_python(now->operation), to_python(now->phase), now->files_done, now->files_total, now->bytes_done,
-                                      now->bytes_total, now->bytes_per_second, nb::steal(PyList_AsTuple(in_flight.ptr())), now->started_at,
-                                      wait_to_python(now->wait));
+    in_flight.append(record("FileInFlight")(to_python(file.relative_path), file.bytes_done, file.bytes_total));
+  return record("Progress")(to_python(now->operation), to_python(now->phase), now->files_done, now->files_total, now->bytes_done,
+                            now->bytes_total, now->bytes_per_second, nb::steal(PyList_AsTuple(in_flight.ptr())), now->started_at,
+                            wait_to_python(now->wait));
 }
 
 nb::object health(const ManagerObject& self) {
   const Health now = self.core->health();
   const Standing& standing = now.standing;
-  return nb::handle(records.health)(now.running, now.in_transition, to_python(now.era_number), to_python(now.version),
-                                    to_python(standing.last_good_at), to_python(now.last_good_age_s), to_python(standing.last_error),
-                                    to_python(standing.last_error_at), wait_to_python(standing.waiting_for), now.consumers,
-                                    tuple_of_texts(standing.threads));
+  return record("Health")(now.running, now.in_transition, to_python(now.era_number), to_python(now.version),
+                          to_python(standing.last_good_at), to_python(now.last_good_age_s), to_python(standing.last_error),
+                          to_python(standing.last_error_at), wait_to_python(standing.waiting_for), now.consumers,
+                          tuple_of_texts(standing.threads));
 }
 
-PyObject* record(nb::module_& module, const char* name, const std::vector<DataclassField>& fields, const char* documentation) {
-  return make_dataclass(module, name, fields, documentation, Mutability::Frozen).release().ptr();
-}
-
-void make_records(nb::module_& module) {
-  records.file_in_flight =
-      record(module, "FileInFlight", {{"relative_path", "str"}, {"bytes_done", "int"}, {"bytes_total", "int"}},
-             "A file that is being downloaded.\n\n"
-             "bytes_done: how much of it is here, resumed bytes included. bytes_total: its size, or bytes_done where the\n"
-             "manifest states none.");
-  records.wait =
-      record(module, "Wait", {{"endpoint", "str"}, {"attempt", "int"}, {"reason", "str"}, {"since", "float"}, {"next_try_at", "float"}},
-             "A wait for the server, from the first failure to the answer.\n\n"
-             "endpoint: the URL's path. attempt: failures so far. reason: of the last one, as the events have it: \"http_503\",\n"
-             "\"ConnectionRefusedError\", \"partial_transfer\", ... since, next_try_at: seconds since the epoch; a next_try_at\n"
-             "that has passed means that a try is under way.");
-  records.lock_wait = record(module, "LockWait", {{"since", "float"}, {"pid", "int | None"}, {"command", "str | None"}},
-                             "A wait for another process that works on the directory.\n\n"
-                             "since: seconds since the epoch. pid, command: of that process, None where the system's lock table does\n"
-                             "not tell, or the process may not be looked at.");
-  records.progress = record(
-      module, "Progress",
+nb::dict make_records() {
+  nb::dict records;  // which later ones refer to
+  const auto add = [&](const char* name, const std::vector<DataclassField>& fields, const char* documentation) {
+    records[name] = make_dataclass(records, name, fields, documentation, Mutability::Frozen);
+  };
+  add("FileInFlight", {{"relative_path", "str"}, {"bytes_done", "int"}, {"bytes_total", "int"}},
+      "A file that is being downloaded.\n\n"
+      "bytes_done: how much of it is here, resumed bytes included. bytes_total: its size, or bytes_done where the\n"
+      "manifest states none.");
+  add("Wait", {{"endpoint", "str"}, {"attempt", "int"}, {"reason", "str"}, {"since", "float"}, {"next_try_at", "float"}},
+      "A wait for the server, from the first failure to the answer.\n\n"
+      "endpoint: the URL's path. attempt: failures so far. reason: of the last one, as the events have it: \"http_503\",\n"
+      "\"ConnectionRefusedError\", \"partial_transfer\", ... since, next_try_at: seconds since the epoch; a next_try_at\n"
+      "that has passed means that a try is under way.");
+  add("LockWait", {{"since", "float"}, {"pid", "int | None"}, {"command", "str | None"}},
+      "A wait for another process that works on the directory.\n\n"
+      "since: seconds since the epoch. pid, command: of that process, None where the system's lock table does\n"
+      "not tell, or the process may not be looked at.");
+  add("Progress",
       {{"operation", "str"},
        {"phase", "str"},
        {"files_done", "int"},
@@ -87,31 +83,48 @@ void make_records(nb::module_& module) {
       "\"promoting\" or \"verifying\". files_*, bytes_*: of the set that is fetched or read, 0 before it is known; done is\n"
       "never more than total. bytes_per_second: over the network, of about the last five seconds.\n"
       "started_at: seconds since the epoch. wait: what it waits for, or None.");
-  records.health =
-      record(module, "Health",
-             {{"running", "bool"},
-              {"in_transition", "bool"},
-              {"era_number", "int | None"},
-              {"version", "int | None"},
-              {"last_good_pass_at", "float | None"},
-              {"last_good_pass_age_s", "float | None"},
-              {"last_error", "str | None"},
-              {"last_error_at", "float | None"},
-              {"waiting_for", "Wait | LockWait | None"},
-              {"consumers", "int"},
-              {"threads", "tuple[str, ...]"}},
-             "How a manager is.\n\n"
-             "running: between start or acquire and the stop. era_number, version: of the last commit, None before.\n"
-             "last_good_pass_at: when the directory was last known to be what the server publishes, by a pass, a transition or\n"
-             "a poll that found nothing to do, in seconds since the epoch; None before the first of this process.\n"
-             "last_error: class and text of the last operation that failed; None once it went well again. waiting_for: what any\n"
-             "thread waits for, the longest wait of them, or None. threads: names of those that work in the background.");
+  add("Health",
+      {{"running", "bool"},
+       {"in_transition", "bool"},
+       {"era_number", "int | None"},
+       {"version", "int | None"},
+       {"last_good_pass_at", "float | None"},
+       {"last_good_pass_age_s", "float | None"},
+       {"last_error", "str | None"},
+       {"last_error_at", "float | None"},
+       {"waiting_for", "Wait | LockWait | None"},
+       {"consumers", "int"},
+       {"threads", "tuple[str, ...]"}},
+      "How a manager is.\n\n"
+      "running: between start or acquire and the stop. era_number, version: of the last commit, None before.\n"
+      "last_good_pass_at: when the directory was last known to be what the server publishes, by a pass, a transition or\n"
+      "a poll that found nothing to do, in seconds since the epoch; None before the first of this process.\n"
+      "last_error: class and text of the last operation that failed; None once it went well again. waiting_for: what any\n"
+      "thread waits for, the longest wait of them, or None. threads: names of those that work in the background.");
+  return records;
 }
+
+/// By name, owned for ever. Made when one is first wanted, since making them takes as long as a fifth of the import. Others may
+/// run meanwhile: what was made first counts.
+const nb::dict& records() {
+  static nb::dict* made = nullptr;
+  if (made == nullptr) {
+    auto fresh = std::make_unique<nb::dict>(make_records());
+    if (made == nullptr) made = fresh.release();
+  }
+  return *made;
+}
+
+nb::object record(const char* name) { return records()[name]; }
 
 }  // namespace
 
-void bind_manager_observation(nb::module_& module, Bound& bound) {
-  make_records(module);
+nb::object observation_record(const std::string& name) {
+  const bool is_one = std::ranges::find(OBSERVATION_RECORDS, name) != std::end(OBSERVATION_RECORDS);
+  return is_one ? record(name.c_str()) : nb::object();
+}
+
+void bind_manager_observation(Bound& bound) {
   bound
       .def("progress", progress, nb::sig("def progress(self) -> Progress | None"),
            "What runs now, or None.\n\n"

@@ -16,7 +16,10 @@ struct DataclassField {
 
 enum class Mutability { Mutable, Frozen };
 
-/// Makes the class, with `members` in its body, and adds it to the module. A type may name what the module already has.
+/// Makes the class, with `members` in its body. A type may name what `names` has.
+[[nodiscard]] nb::object make_dataclass(const nb::dict& names, const char* name, const std::vector<DataclassField>& fields,
+                                        const char* documentation, Mutability mutability, const nb::dict& members = nb::dict());
+/// The same with what the module already has, and adds the class to the module.
 [[nodiscard]] nb::object make_dataclass(nb::module_& module, const char* name, const std::vector<DataclassField>& fields,
                                         const char* documentation, Mutability mutability, const nb::dict& members = nb::dict());
 
