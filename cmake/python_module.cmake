@@ -7,7 +7,8 @@ find_package(Python 3.12 REQUIRED COMPONENTS Interpreter Development.Module Deve
 find_package(nanobind CONFIG REQUIRED)
 
 file(GLOB_RECURSE module_sources CONFIGURE_DEPENDS python/*.cpp)
-nanobind_add_module(sync NB_STATIC STABLE_ABI NB_DOMAIN brackenfen NB_SUPPRESS_WARNINGS PROTECT_STACK NOMINSIZE ${module_sources})
+# Symbols stay for profilers; what is installed goes without them.
+nanobind_add_module(sync NOSTRIP NB_STATIC STABLE_ABI NB_DOMAIN brackenfen NB_SUPPRESS_WARNINGS PROTECT_STACK NOMINSIZE ${module_sources})
 get_target_property(module_suffix sync SUFFIX)
 if(NOT module_suffix MATCHES "abi3")
   message(FATAL_ERROR "Not a stable ABI build: the module's suffix is ${module_suffix}")
