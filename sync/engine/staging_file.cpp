@@ -144,19 +144,19 @@ std::optional<FileStat> StagingFile::move_to(Files& files, const Place& target) 
   const std::optional<struct stat> named = look_for(id_, place_);
   if (!named) throw os_error(ENOENT, place_.path());
   files.rename(place_, target);
-  return named->st_size == size_bytes_ ? std::optional(file_stat(*named)) : std::nullopt;
+  return named->st_size == bytes_.held ? std::optional(file_stat(*named)) : std::nullopt;
 }
 
 void StagingFile::digest_prefix(std::int64_t size_bytes) {
   forget_content();
   std::vector<char> block;  // none where there is nothing to read, as for most files
-  while (size_bytes_ < size_bytes) {
+  while (bytes_.held < size_bytes) {
     if (block.empty()) block.resize(READ_BLOCK_BYTES);
-    const auto wanted = static_cast<std::size_t>(std::min<std::int64_t>(size_bytes - size_bytes_, READ_BLOCK_BYTES));
-    const std::size_t count = read_at(file_, size_bytes_, block.data(), wanted, place_.path());
+    const auto wanted = static_cast<std::size_t>(std::min<std::int64_t>(size_bytes - bytes_.held, READ_BLOCK_BYTES));
+    const std::size_t count = read_at(file_, bytes_.held, block.data(), wanted, place_.path());
     if (count == 0) return;
     digest_.update(block.data(), count);
-    size_bytes_ += static_cast<std::int64_t>(count);
+    bytes_.held += static_cast<std::int64_t>(count);
     check_interrupt();
   }
 }
@@ -169,13 +169,13 @@ void StagingFile::clear() {
 
 void StagingFile::forget_content() {
   digest_.reset();
-  size_bytes_ = 0;
+  bytes_.held = 0;
 }
 
 void StagingFile::expect(std::optional<std::uint64_t> partial_limit, std::optional<std::uint64_t> whole_limit) {
   partial_limit_ = partial_limit;
   whole_limit_ = whole_limit;
-  start_bytes_ = size_bytes_;
+  start_bytes_ = bytes_.held;
   if (start_bytes_ > 0) (start_digest_ ? *start_digest_ : start_digest_.emplace()).assign(digest_);
   received_bytes_ = 0;
   overwrites_ = false;
@@ -196,7 +196,7 @@ void StagingFile::accept(std::string_view bytes) {
   if (block_.empty()) held_back_since_ns_ = now_ns;
   if (block_.size() + bytes.size() > WRITE_BLOCK_BYTES) flush();
   block_.append(bytes);
-  size_bytes_ += static_cast<std::int64_t>(bytes.size());
+  bytes_.held += static_cast<std::int64_t>(bytes.size());
   if (now_ns - held_back_since_ns_ > LONGEST_HELD_BACK_NS) flush();
   received_bytes_ += bytes.size();
   bytes_.received += static_cast<std::int64_t>(bytes.size());
@@ -205,13 +205,13 @@ void StagingFile::accept(std::string_view bytes) {
 void StagingFile::flush() {
   if (block_.empty()) return;
   require_name();
-  write_at(file_, size_bytes_ - static_cast<std::int64_t>(block_.size()), block_, place_.path());
+  write_at(file_, bytes_.held - static_cast<std::int64_t>(block_.size()), block_, place_.path());
   digest_.update(block_);
   block_.clear();
 }
 
 void StagingFile::keep_whole() {
-  if (start_bytes_ > size_bytes_) truncate(size_bytes_);
+  if (start_bytes_ > bytes_.held) truncate(bytes_.held);
 }
 
 void StagingFile::roll_back() {
@@ -221,7 +221,7 @@ void StagingFile::roll_back() {
     digest_prefix(start_bytes_);  // the same bytes again if the file has not changed; the checksum decides
   } else {
     start_bytes_ > 0 ? digest_.assign(*start_digest_) : digest_.reset();
-    size_bytes_ = start_bytes_;
+    bytes_.held = start_bytes_;
   }
   received_bytes_ = 0;
   overwrites_ = false;

@@ -88,7 +88,6 @@ class StagingFile : public ResponseSink {
   FileId id_;  ///< of file_, where that is open
   Sha256 digest_;
   DownloadBytes bytes_;
-  SharedCount& size_bytes_ = bytes_.held;
 
   // The response being read.
   std::string block_;  ///< accepted, but neither written nor digested yet

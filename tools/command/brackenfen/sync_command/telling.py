@@ -84,7 +84,7 @@ def status(session: Session) -> Outcome:
     synced_at = (directory / "manifest.json").stat().st_mtime if manifest else None
     document: dict[str, Any] = {
         "directory": str(directory),
-        "era_number": manifest.era_number if manifest else None,
+        "era_number": era_number,
         "version": manifest.version if manifest else None,
         "written_at": synced_at,
         "files": len(files),
