@@ -19,6 +19,7 @@ from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 
 PEER = os.environ.get("BRACKENFEN_JSON_PEER")
+# Never skipped by ./dev, which names the peer; a plain pytest run has nothing to compare with.
 pytestmark = pytest.mark.skipif(not PEER, reason="BRACKENFEN_JSON_PEER names no executable")
 
 LONE_SURROGATE = re.compile(rb"\\u[dD][89a-fA-F]")

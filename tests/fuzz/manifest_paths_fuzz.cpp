@@ -20,7 +20,7 @@ namespace {
 const std::string& data_dir() {
   static const std::string& path = *[] {
     const char* const parent = std::getenv("TMPDIR");
-    auto* made = new std::string(real_path(parent == nullptr ? "/tmp" : parent) + "/manifest_paths_fuzz.XXXXXX");
+    auto* made = new std::string(real_path(parent == nullptr ? "/tmp" : parent) + "/manifest_paths_fuzz.XXXXXX");  // mkdtemp fills the X in
     fuzz::require(mkdtemp(made->data()) != nullptr, "a temporary directory can be made");
     fuzz::require(symlink("/etc", (*made + "/out").c_str()) == 0 && symlink(".", (*made + "/in").c_str()) == 0, "links can be made");
     return made;

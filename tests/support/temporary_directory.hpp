@@ -16,7 +16,7 @@ namespace brackenfen::sync {
 class TemporaryDirectory {
  public:
   TemporaryDirectory() {
-    std::string name = std::filesystem::temp_directory_path() / "brackenfen-test-XXXXXX";
+    std::string name = std::filesystem::temp_directory_path() / "brackenfen-test-XXXXXX";  // mkdtemp fills the X in
     if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("no temporary directory");
     path_ = std::filesystem::canonical(name);
   }

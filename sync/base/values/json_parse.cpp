@@ -22,6 +22,7 @@ namespace {
 
 constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
 constexpr std::string_view EXPECTING_VALUE = "Expecting value";
+// The X stand for hexadecimal digits, as in the messages of Python's json module.
 constexpr std::string_view INVALID_UNICODE_ESCAPE = "Invalid \\uXXXX escape";
 
 bool is_digit(char c) noexcept { return c >= '0' && c <= '9'; }
