@@ -109,15 +109,16 @@ void Manifest::set_sections(Sections sections) {
   std::swap(sections_, sections);
 }
 
-ArtifactsRef Manifest::artifacts(const void* neighbour) const {
+std::optional<RotationCatalog> Manifest::rotation_catalog(const void* neighbour) const {
   MutexLock lock(mutex_);
-  return artifacts_.neighbour == neighbour && artifacts_.source.same_as(data_) ? artifacts_.artifacts : nullptr;
+  if (rotation_catalog_.neighbour != neighbour || !rotation_catalog_.source.same_as(data_)) return std::nullopt;
+  return rotation_catalog_.catalog;
 }
 
-void Manifest::remember_artifacts(const void* neighbour, const Document& source, ArtifactsRef artifacts) {
-  RememberedArtifacts remembered{neighbour, source, std::move(artifacts)};
+void Manifest::remember_rotation_catalog(const void* neighbour, const Document& source, RotationCatalog catalog) {
+  RememberedCatalog remembered{neighbour, source, std::move(catalog)};
   MutexLock lock(mutex_);
-  std::swap(artifacts_, remembered);  // the old ones go after the lock: they may be objects of the host
+  std::swap(rotation_catalog_, remembered);  // the old artifacts go after the lock: they may be objects of the host
 }
 
 }  // namespace brackenfen::sync

@@ -22,6 +22,12 @@ namespace brackenfen::sync {
 /// ValueError or TypeError, and ManifestError for an infinity or nan.
 [[nodiscard]] Value manifest_integer(const Value& value, std::string_view key);
 
+/// What rotations are planned from.
+struct RotationCatalog {
+  ArtifactsRef artifacts;
+  Document context;  ///< what the settings may choose from
+};
+
 /// The record of one manifest. The document is sanitised on the way in; no field is converted or checked, so
 /// a malformed value stays as it came until a reader converts it.
 ///
@@ -61,10 +67,10 @@ class Manifest {
   [[nodiscard]] Sections sections() const;
   void set_sections(Sections sections);
 
-  /// The artifacts that were remembered for this neighbour; null where none were, or an entry has changed since.
-  [[nodiscard]] ArtifactsRef artifacts(const void* neighbour) const;
+  /// The catalog that was remembered for this neighbour; absent where none was, or an entry has changed since.
+  [[nodiscard]] std::optional<RotationCatalog> rotation_catalog(const void* neighbour) const;
   /// Remembers what was made of `source`, this record's document at that time.
-  void remember_artifacts(const void* neighbour, const Document& source, ArtifactsRef artifacts);
+  void remember_rotation_catalog(const void* neighbour, const Document& source, RotationCatalog catalog);
 
  private:
   Value era_number_, version_, base_url_, pnl_column_count_, signals_index_, functions_;
@@ -72,12 +78,12 @@ class Manifest {
   Document data_ GUARDED_BY(mutex_);
   Value files_ GUARDED_BY(mutex_);
   Sections sections_ GUARDED_BY(mutex_);
-  struct RememberedArtifacts {
+  struct RememberedCatalog {
     const void* neighbour = nullptr;
     Document source;
-    ArtifactsRef artifacts;
+    RotationCatalog catalog;
   };
-  RememberedArtifacts artifacts_ GUARDED_BY(mutex_);
+  RememberedCatalog rotation_catalog_ GUARDED_BY(mutex_);
 };
 
 }  // namespace brackenfen::sync

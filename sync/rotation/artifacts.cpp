@@ -72,13 +72,18 @@ std::vector<ArtifactRow> _rotation_artifact_rows(const Value& manifest_data, con
   return entries == nullptr ? std::vector<ArtifactRow>() : rows_of_files(*entries);
 }
 
-ArtifactsRef _rotation_manifest_artifacts(NeighbourSet& neighbours, Manifest& manifest) {
+RotationCatalog rotation_catalog(NeighbourSet& neighbours, Manifest& manifest) {
   const void* identity = neighbours.artifact_rotation().identity();
-  if (ArtifactsRef remembered = manifest.artifacts(identity)) return remembered;
+  if (std::optional<RotationCatalog> remembered = manifest.rotation_catalog(identity)) return *std::move(remembered);
   const Document data = manifest.data();
-  ArtifactsRef artifacts = _rotation_manifest_artifacts(neighbours, Value(data), manifest.files());
-  manifest.remember_artifacts(identity, data, artifacts);
-  return artifacts;
+  const ArtifactsRef artifacts = _rotation_manifest_artifacts(neighbours, Value(data), manifest.files());
+  const RotationCatalog catalog{artifacts, _rotation_catalog_context_from_manifest(data, *artifacts)};
+  manifest.remember_rotation_catalog(identity, data, catalog);
+  return catalog;
+}
+
+ArtifactsRef _rotation_manifest_artifacts(NeighbourSet& neighbours, Manifest& manifest) {
+  return rotation_catalog(neighbours, manifest).artifacts;
 }
 
 ArtifactsRef _rotation_manifest_artifacts(NeighbourSet& neighbours, const Value& manifest_data, const Value& files) {

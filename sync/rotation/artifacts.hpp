@@ -12,9 +12,12 @@ namespace brackenfen::sync {
 /// entries of `files` by path.
 [[nodiscard]] std::vector<ArtifactRow> _rotation_artifact_rows(const Value& manifest_data, const Value& files);
 
-/// Descriptors of the rows that are documents and not excluded here. Made once for each state of the manifest and neighbour.
+/// The two functions below on a manifest. Made once for each state of the manifest and neighbour.
+[[nodiscard]] RotationCatalog rotation_catalog(NeighbourSet& neighbours, Manifest& manifest);
+/// Its artifacts alone.
 [[nodiscard]] ArtifactsRef _rotation_manifest_artifacts(NeighbourSet& neighbours, Manifest& manifest);
-/// The same of a document and its files, remembered nowhere.
+
+/// Descriptors of the rows that are documents and not excluded here.
 [[nodiscard]] ArtifactsRef _rotation_manifest_artifacts(NeighbourSet& neighbours, const Value& manifest_data, const Value& files);
 
 /// Whether anything here rotates at all.

@@ -139,7 +139,7 @@ void SyncManager::_precheck_rotation_disk_budget(NeighbourSet& neighbours, const
 
 LoadedRotationSettings SyncManager::load_rotation_settings(NeighbourSet& neighbours, Manifest& manifest) {
   const RotationStateRef active = _active_rotation_state.get();
-  const Document context = _rotation_catalog_context_from_manifest(manifest.data(), *_rotation_manifest_artifacts(neighbours, manifest));
+  const Document context = rotation_catalog(neighbours, manifest).context;
   const Value seed = active ? active->seed() : planned_seed_.get();
   LoadedRotationSettings settings = neighbours.rotation_settings().load_rotation_settings(_data_dir.get(), context, seed);
   if (settings.rotation_seed.is_null()) settings.rotation_seed = seed.is_null() ? random_rotation_seed() : seed;
