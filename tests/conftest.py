@@ -25,10 +25,11 @@ def tool_path():
 
 @pytest.fixture(scope="session")
 def tool(tool_path):
-    def run(*arguments, code=0):
-        done = subprocess.run([tool_path, *map(str, arguments)], capture_output=True, text=True, timeout=60)
+    def run(*arguments, code=0, warned=False, **options):
+        """What it said: on standard output, or, where it failed or is to be warned of something, on standard error."""
+        done = subprocess.run([tool_path, *map(str, arguments)], capture_output=True, text=True, timeout=60, **options)
         assert done.returncode == code, done.stdout + done.stderr
-        return done.stderr if code else done.stdout
+        return done.stderr if code or warned else done.stdout
 
     return run
 

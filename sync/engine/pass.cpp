@@ -11,6 +11,7 @@
 #include "sync/base/values/json.hpp"
 #include "sync/base/values/member_cursor.hpp"
 #include "sync/documents/feature_paths.hpp"
+#include "sync/documents/kept_files.hpp"
 #include "sync/documents/manifest_file.hpp"
 #include "sync/documents/manifest_filters.hpp"
 #include "sync/documents/own_files.hpp"
@@ -36,14 +37,6 @@ std::int64_t count_groups(const EraConfig& era_config, const Value& files, std::
 
 /// The log names this many of the files that stay although they have changed on the server.
 constexpr std::int64_t KEPT_FILES_NAMED = 10;
-
-bool is_vault_module(const Document& file_info) { return file_info.get("kind").if_text() == "vault_module"; }
-
-/// Within an era, a file that still is what the local manifest promised is kept, whatever the new entry says. But for the
-/// catalogue: the vocabularies are merged with it, and must be right together when the new manifest is committed.
-bool counts_as_promised(const Text& file_path, const Document& file_info) {
-  return !is_vault_module(file_info) && file_path.view() != FUNCTIONS_RELATIVE_PATH;
-}
 
 }  // namespace
 
@@ -207,10 +200,6 @@ void SyncManager::Pass::begin_result() {
   result_.pnl_column_count = server_->pnl_column_count();
 }
 
-bool SyncManager::Pass::is_checked_elsewhere(const Text& file_path, const Value& file_info) {
-  return vocabulary_universe_of(*neighbours_, file_path).has_value() || _manifest_file_is_sync_excluded(*neighbours_, file_info);
-}
-
 ExpectedFiles SyncManager::Pass::promised_files(const Document* files, const Document* local_files) const {
   MemberCursor entries(files);
   MemberCursor local_entries(local_files);
@@ -245,7 +234,7 @@ void SyncManager::Pass::collect_downloads() {
     const Document* file_info = entry ? entry->if_document() : nullptr;
     if (!file_info) throw SyncError("Active rotation path is missing from manifest: " + file_path.str());
     // The signals index is fetched, validated and written by a stage of its own.
-    if (file_path.view() == SIGNALS_INDEX_RELATIVE_PATH || is_checked_elsewhere(file_path, *entry)) continue;
+    if (file_path.view() == SIGNALS_INDEX_RELATIVE_PATH || is_checked_elsewhere(*neighbours_, file_path, *entry)) continue;
     if (const Value& size = file_info->get("size_bytes"); size.if_real())  // one that no file can have is never committed
       static_cast<void>(manifest_integer(size, "size_bytes of " + file_path.str()));
     const Value* const local_entry = local_entries.find(file_path);
@@ -276,7 +265,7 @@ bool SyncManager::Pass::must_download(const Text& file_path, const Document& fil
     log_warning("Manifest-tracked local file failed integrity check; re-downloading: %s", file_path);
   }
 
-  const bool vault_module = is_vault_module(file_info);
+  const bool vault_module = file_info.get("kind").if_text() == "vault_module";
   const auto expected_sha = file_info.get("sha256").if_text();
   if (!vault_module && expected_sha && manager_._hash_cache.holds(file_path, *stat, *expected_sha)) return false;
   const std::string path = local_path();
@@ -287,7 +276,7 @@ bool SyncManager::Pass::must_download(const Text& file_path, const Document& fil
 
 void SyncManager::Pass::note_kept(const Text& file_path, const Document& file_info, const Value* local_entry) {
   const Document* local_info = local_entry != nullptr ? local_entry->if_document() : nullptr;
-  if (local_info == nullptr || local_info->get("sha256") == file_info.get("sha256")) return;
+  if (local_info == nullptr || !states_other_bytes(file_info, *local_info)) return;
   if (kept_count_++ < KEPT_FILES_NAMED) kept_names_ += (kept_names_.empty() ? "" : ", ") + file_path.str();
 }
 

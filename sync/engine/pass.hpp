@@ -72,8 +72,6 @@ class SyncManager::Pass {
   /// Takes artifacts that storage has lost out of the local index and the manifest, and applies the index.
   void settle_signals_index();
   [[nodiscard]] PlannedRotation plan_for(Manifest& manifest, bool force_new_candidate);
-  /// Vocabularies have a stage of their own, where their bytes are validated; excluded files never land.
-  [[nodiscard]] bool is_checked_elsewhere(const Text& file_path, const Value& file_info);
   [[nodiscard]] Document valid_vocabularies(const Manifest& manifest);
   void require_valid_seed(const Manifest& manifest) const;
   [[nodiscard]] SyncResult result_for_era(const Manifest& manifest, const RotationSelection& selection) const;

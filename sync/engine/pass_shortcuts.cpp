@@ -3,6 +3,7 @@
 #include "sync/base/log.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/base/values/member_cursor.hpp"
+#include "sync/documents/kept_files.hpp"
 #include "sync/documents/manifest_file.hpp"
 #include "sync/documents/manifest_filters.hpp"
 #include "sync/documents/signals_index.hpp"
@@ -65,7 +66,7 @@ void SyncManager::Pass::require_active_files(const RotationSelection& selection,
       const Value* entry = entries.find(file_path);
       const Document* file_info = entry ? entry->if_document() : nullptr;
       if (!file_info) throw SyncError("Active rotation path is missing from manifest: " + file_path.str());
-      if (is_checked_elsewhere(file_path, *entry)) continue;
+      if (is_checked_elsewhere(*neighbours_, file_path, *entry)) continue;
       expected.add(file_path, file_info);
       looked_at[index] = true;
     }

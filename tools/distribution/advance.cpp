@@ -14,7 +14,7 @@
 #include "sync/base/threads/clock.hpp"
 #include "sync/era/era_current.hpp"
 #include "tools/distribution/check.hpp"
-#include "tools/distribution/publish.hpp"
+#include "tools/distribution/report.hpp"
 
 namespace brackenfen::sync::distribution {
 namespace {
@@ -96,11 +96,7 @@ class Course {
     return std::string(present.get("min_library_version").if_text().value_or(EraStatus().min_library_version));
   }
 
-  [[nodiscard]] PublishedManifest current() const {
-    std::optional<PublishedManifest> published = read_published_manifest(paths_);
-    if (!published) throw RuntimeError(fmt::format("{} is no distribution tree: it has no data/manifest.json", options_.tree));
-    return *std::move(published);
-  }
+  [[nodiscard]] PublishedManifest current() const { return require_published_manifest(paths_); }
 
   void open(const PublishedManifest& before, const std::string& source) const {
     PublishOptions publication;
@@ -115,6 +111,7 @@ class Course {
     const PublishReport report = publish(publication);
     say(fmt::format("era {}: active, version {}: {} files ({} placed, {} kept, {} dropped)", publication.era, publication.version,
                     report.files, report.placed, report.kept, report.dropped));
+    print_warnings(report.warnings);
   }
 
   const AdvanceOptions& options_;

@@ -47,7 +47,7 @@ void check_vocabulary(const SourceFile& file, const Document& document, const st
 
 void check_index(const SourceFile& file, const Document& document, const std::vector<SourceFile>& files) {
   const auto is_present = [&](std::string_view path) {
-    return std::binary_search(files.begin(), files.end(), SourceFile{std::string(path), {}},
+    return std::binary_search(files.begin(), files.end(), SourceFile{std::string(path), {}, 0},
                               [](const SourceFile& left, const SourceFile& right) { return left.relative_path < right.relative_path; });
   };
   for (const std::string_view section : SIGNALS_INDEX_SECTIONS) {

@@ -2,10 +2,10 @@
 
 #include <fmt/core.h>
 
-#include <algorithm>
 #include <array>
 
 #include "sync/base/text/text.hpp"
+#include "sync/documents/own_files.hpp"
 #include "sync/documents/signals_index.hpp"
 #include "sync/neighbours/artifact_rotation.hpp"
 
@@ -15,9 +15,6 @@ namespace {
 constexpr std::array<std::string_view, 5> MODULE_PLATFORMS = {"linux_x86_64", "linux_aarch64", "macos_x86_64", "macos_arm64",
                                                               "windows_amd64"};
 constexpr std::array<std::string_view, 2> MODULE_SUFFIXES = {".so", ".pyd"};
-
-constexpr std::array<std::string_view, 5> CLIENT_FILES = {"manifest.json", "sync-progress.json", "feature-rotation-state.json",
-                                                          "feature-rotation-settings.json", "shuffle_seed.enc.meta.json"};
 
 std::optional<std::string> module_platform(std::string_view path) {
   for (const std::string_view suffix : MODULE_SUFFIXES) {
@@ -63,9 +60,8 @@ std::optional<std::string> path_objection(std::string_view path) {
 }
 
 bool is_private_to_clients(std::string_view path) {
-  if (std::find(CLIENT_FILES.begin(), CLIENT_FILES.end(), path) != CLIENT_FILES.end()) return true;
-  if (path.ends_with(".tmp")) return true;
-  return path.starts_with('.') || path.find("/.") != std::string_view::npos;
+  if (path.starts_with('.') || path.find("/.") != std::string_view::npos) return true;
+  return path != SHUFFLE_SEED_NAME && OwnFiles("/dev/null").contains(path);  // by name alone: nothing lies there
 }
 
 }  // namespace brackenfen::sync::distribution

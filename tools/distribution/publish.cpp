@@ -6,12 +6,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <filesystem>
+#include <memory>
 #include <optional>
-#include <set>
 #include <string_view>
-#include <system_error>
+#include <utility>
 #include <vector>
 
 #include "sync/base/error.hpp"
@@ -21,9 +21,12 @@
 #include "sync/base/threads/clock.hpp"
 #include "sync/base/values/json.hpp"
 #include "sync/documents/signals_index.hpp"
-#include "sync/transport/files.hpp"
 #include "tools/distribution/check.hpp"
+#include "tools/distribution/examine.hpp"
 #include "tools/distribution/kinds.hpp"
+#include "tools/distribution/progress.hpp"
+#include "tools/distribution/staging.hpp"
+#include "tools/distribution/stop.hpp"
 #include "tools/distribution/tree.hpp"
 #include "tools/distribution/workers.hpp"
 
@@ -31,6 +34,7 @@ namespace brackenfen::sync::distribution {
 namespace {
 
 constexpr std::size_t READ_BYTES = 512 * 1024;
+constexpr std::int64_t COPY_BYTES = 64 * 1024 * 1024;  // between two looks for a signal
 
 struct Artifact {
   SourceFile source;
@@ -50,10 +54,14 @@ bool same_content(const struct stat& before, const struct stat& after) {
          before.st_mtim.tv_nsec == after.st_mtim.tv_nsec;
 }
 
-std::string hash_all(const Descriptor& file, const std::string& path) {
+std::string hash_all(const Descriptor& file, const std::string& path, Progress& progress) {
   Sha256 digest;
   std::string buffer(READ_BYTES, '\0');
-  while (const std::size_t size = read_some(file, buffer.data(), buffer.size(), path)) digest.update(buffer.data(), size);
+  while (const std::size_t size = read_some(file, buffer.data(), buffer.size(), path)) {
+    digest.update(buffer.data(), size);
+    progress.add_bytes(size);
+    stop_point();
+  }
   return digest.hex_digest();
 }
 
@@ -61,7 +69,9 @@ std::string hash_all(const Descriptor& file, const std::string& path) {
 void copy_all(const Descriptor& from, std::int64_t size_bytes, const Descriptor& to, const std::string& path) {
   off_t offset = 0;
   while (offset < size_bytes) {
-    const ssize_t copied = ::copy_file_range(from.get(), &offset, to.get(), nullptr, static_cast<std::size_t>(size_bytes - offset), 0);
+    stop_point();
+    const auto wanted = static_cast<std::size_t>(std::min<std::int64_t>(size_bytes - offset, COPY_BYTES));
+    const ssize_t copied = ::copy_file_range(from.get(), &offset, to.get(), nullptr, wanted, 0);
     if (copied > 0 || (copied < 0 && errno == EINTR)) continue;
     if (copied == 0) return;  // the source has shrunk; the caller notices
     if (offset > 0 || (errno != EXDEV && errno != ENOSYS && errno != EINVAL && errno != EOPNOTSUPP)) throw os_error(errno, path);
@@ -70,12 +80,10 @@ void copy_all(const Descriptor& from, std::int64_t size_bytes, const Descriptor&
   if (offset >= size_bytes) return;
   if (::lseek(from.get(), 0, SEEK_SET) < 0) throw os_error(errno, path);
   std::string buffer(READ_BYTES, '\0');
-  while (const std::size_t size = read_some(from, buffer.data(), buffer.size(), path))
+  while (const std::size_t size = read_some(from, buffer.data(), buffer.size(), path)) {
+    stop_point();
     write_all(to, std::string_view(buffer.data(), size), path);
-}
-
-void rename_over(const std::string& from, const std::string& to) {
-  if (::rename(from.c_str(), to.c_str()) != 0) throw os_error(errno, from, to);
+  }
 }
 
 /// A seed for data sets that bring none: the same for an era on every machine. It hides nothing.
@@ -86,21 +94,21 @@ class Publication {
   explicit Publication(const PublishOptions& options) : options_(options), paths_{absolute_path(options.out)} {}
 
   PublishReport run() {
+    const double began = Clock::real().monotonic_seconds();
+    if (const auto objection = base_url_objection(options_.base_url)) throw RuntimeError("no client accepts this base URL: " + *objection);
     scan_ = scan_source(options_.source);
     if (scan_.files.empty()) throw RuntimeError(fmt::format("{} holds nothing to publish", options_.source));
     if (options_.check_documents) check_documents(scan_.files, options_.era);
     seed_ = read_seed();
     open_tree();
-    stage_all();
-    place_all();
-    place_seed();
-    write_documents();
+    stage_artifacts();
+    stage_documents();
+    stop_point();
+    staging_->commit();
     drop_departed();
-    std::error_code ignored;
-    std::filesystem::remove_all(paths_.staging(), ignored);
-    report_.files = artifacts_.size();
-    report_.left_out = scan_.left_out.size();
-    return report_;
+    staging_.reset();
+    report(Clock::real().monotonic_seconds() - began);
+    return std::move(report_);
   }
 
  private:
@@ -126,10 +134,9 @@ class Publication {
     }
     previous_ = read_published_manifest(paths_);
     if (previous_) require_progress(*previous_);
-    std::error_code failure;
-    std::filesystem::remove_all(paths_.staging(), failure);  // left behind by a publication that died
-    if (failure) throw os_error(failure.value(), paths_.staging());
-    make_directories(paths_.staging());
+    const std::string seed_path = paths_.seed(options_.era);
+    changes_seed_ = path_exists(seed_path) && read_file(seed_path) != seed_;
+    staging_ = std::make_unique<Staging>(paths_);
   }
 
   /// Clients tell manifests apart by era and version: without progress they would never look.
@@ -143,28 +150,35 @@ class Publication {
     }
   }
 
-  void stage_all() {
+  void stage_artifacts() {
+    std::int64_t expected_bytes = 0;
+    for (const SourceFile& file : scan_.files) expected_bytes += file.size_bytes;
+    Progress progress(scan_.files.size(), expected_bytes, options_.progress_seconds);
     artifacts_.resize(scan_.files.size());
-    for_each_index(artifacts_.size(), [this](std::size_t index) {
+    for_each_index(artifacts_.size(), [&](std::size_t index) {
+      stop_point();
       artifacts_[index].source = scan_.files[index];
-      stage(artifacts_[index], paths_.staging() + "/" + std::to_string(index));
+      stage(artifacts_[index], staging_->path(std::to_string(index)), progress);
+      progress.add_file();
     });
     for (const Artifact& artifact : artifacts_) {
       report_.bytes += artifact.size_bytes;
       ++(artifact.staged.empty() ? report_.kept : report_.placed);
+      if (!artifact.staged.empty()) staging_->add_move(artifact.staged, paths_.file(artifact.source.relative_path));
     }
   }
 
-  void stage(Artifact& artifact, const std::string& staged) const {
+  void stage(Artifact& artifact, const std::string& staged, Progress& progress) const {
     const std::string& path = artifact.source.local_path;
     const Descriptor file = open_file(path, O_RDONLY | O_NOFOLLOW);
     const struct stat before = status_of(file, path);
     artifact.size_bytes = before.st_size;
-    artifact.sha256 = hash_all(file, path);
+    artifact.sha256 = hash_all(file, path, progress);
     if (!is_in_place(artifact, before)) {
       if (!options_.link || ::link(path.c_str(), staged.c_str()) != 0) {
-        const Descriptor copy = open_file(staged, O_WRONLY | O_CREAT | O_EXCL);
+        Descriptor copy = open_file(staged, O_WRONLY | O_CREAT | O_EXCL);
         copy_all(file, artifact.size_bytes, copy, staged);
+        copy.close();  // some file systems tell only here that they are full
       }
       artifact.staged = staged;
     }
@@ -181,26 +195,24 @@ class Publication {
     return entry != nullptr && entry->get("sha256").if_text() == artifact.sha256;
   }
 
-  /// Whatever could stop a rename is found out before the first one.
-  void place_all() const {
-    for (const Artifact& artifact : artifacts_) {
-      if (artifact.staged.empty()) continue;
-      const std::string target = paths_.file(artifact.source.relative_path);
-      make_directories(directory_of(target));
-      if (is_directory(target)) throw RuntimeError(fmt::format("{} is a folder in the tree, but a file in {}", target, options_.source));
-    }
-    for (const Artifact& artifact : artifacts_) {
-      if (!artifact.staged.empty()) rename_over(artifact.staged, paths_.file(artifact.source.relative_path));
-    }
+  void stage_documents() {
+    stage_seed();
+    manifest_ = manifest();
+    staging_->add_document("manifest", write_json(manifest_, JsonForm::InsertionOrder), paths_.manifest());
+    const Document version{{"version", options_.version}, {"era_number", options_.era}};
+    staging_->add_document("version", write_json(version, JsonForm::InsertionOrder), paths_.manifest_version());
+    EraStatus status;
+    status.era = options_.era;
+    status.min_library_version = options_.min_library_version;
+    staging_->add_document("era", write_json(era_document(status, options_.era_shape), JsonForm::InsertionOrder), paths_.era_current());
   }
 
-  void place_seed() const {
-    make_directories(paths_.seed_folder());
-    _atomic_write(Files::real(), Clock::real(), paths_.seed(options_.era), seed_);
-    const std::string link = paths_.staging() + "/seed";
+  void stage_seed() {
+    staging_->add_document("seed", seed_, paths_.seed(options_.era));
+    const std::string link = staging_->path("seed-link");
     const std::string target = fmt::format("seeds/era-{}.enc", options_.era);
     if (::symlink(target.c_str(), link.c_str()) != 0) throw os_error(errno, link);
-    rename_over(link, paths_.seed_link());
+    staging_->add_move(link, paths_.seed_link());
   }
 
   [[nodiscard]] Document manifest() const {
@@ -225,25 +237,12 @@ class Publication {
     return Document(std::move(members));
   }
 
-  static void write_document(const std::string& path, const Document& document) {
-    _atomic_write(Files::real(), Clock::real(), path, write_json(document, JsonForm::InsertionOrder));
-  }
-
-  void write_documents() const {
-    write_document(paths_.manifest(), manifest());
-    write_document(paths_.manifest_version(), Document{{"version", options_.version}, {"era_number", options_.era}});
-    EraStatus status;
-    status.era = options_.era;
-    status.min_library_version = options_.min_library_version;
-    write_era(paths_, status, options_.era_shape);
-  }
+  [[nodiscard]] const Document& files() const { return *manifest_.get("files").if_document(); }
 
   void drop_departed() {
     if (!previous_) return;
-    std::set<std::string_view> present;
-    for (const Artifact& artifact : artifacts_) present.insert(artifact.source.relative_path);
     for (const Member& member : previous_->files) {
-      if (present.contains(member.key.view()) || path_objection(member.key.view())) continue;
+      if (files().contains(member.key) || path_objection(member.key.view())) continue;
       std::string path = paths_.file(member.key.view());
       if (::unlink(path.c_str()) != 0) continue;
       ++report_.dropped;
@@ -253,13 +252,50 @@ class Publication {
     if (previous_->era != options_.era) ::unlink(paths_.seed(previous_->era).c_str());
   }
 
+  void report(double seconds) {
+    report_.era = options_.era;
+    report_.version = options_.version;
+    report_.files = artifacts_.size();
+    report_.left_out = scan_.left_out;
+    report_.seconds = seconds;
+    report_.warnings = examine(manifest_, paths_.files());
+    if (!previous_) return;
+    report_.changes = changes_since(*previous_);
+    if (previous_->era != options_.era) return;
+    if (changes_seed_)
+      report_.warnings.push_back("clients that have a shuffle seed of this era keep it; another one comes with the next era");
+    const NamedFiles kept = kept_by_clients(previous_->files, files());
+    if (kept.empty()) return;
+    report_.warnings.push_back(
+        fmt::format("clients that hold version {} keep the bytes of {} files through their next pass; the new ones "
+                    "come with the pass after it: {}",
+                    previous_->version, kept.count(), kept.text()));
+  }
+
+  [[nodiscard]] PublishedChanges changes_since(const PublishedManifest& before) const {
+    PublishedChanges changes{before.era, before.version, {}, {}, {}};
+    for (const Artifact& artifact : artifacts_) {
+      const Document* entry = before.files.get(artifact.source.relative_path).if_document();
+      if (entry != nullptr && entry->get("sha256").if_text() == artifact.sha256) continue;
+      (entry == nullptr ? changes.added : changes.changed).add(artifact.source.relative_path, artifact.size_bytes);
+    }
+    for (const Member& member : before.files) {
+      if (!files().contains(member.key)) changes.removed.add(member.key);
+    }
+    return changes;
+  }
+
   const PublishOptions& options_;
-  TreePaths paths_;
+  const TreePaths paths_;
+  const StopSignals signals_;
   SourceScan scan_;
   std::string seed_;
+  bool changes_seed_ = false;  ///< within the era
   Descriptor lock_;
+  std::unique_ptr<Staging> staging_;  // after the lock, which is let go once this is gone
   std::optional<PublishedManifest> previous_;
   std::vector<Artifact> artifacts_;
+  Document manifest_;
   PublishReport report_;
 };
 

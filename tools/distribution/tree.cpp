@@ -61,33 +61,32 @@ class SourceWalk {
     struct stat status {};
     if (::lstat(local(relative_path).c_str(), &status) != 0) throw os_error(errno, local(relative_path));
     if (is_private_to_clients(relative_path)) {
-      scan_.left_out.push_back(relative_path);
+      scan_.left_out.add(relative_path);
       return;
     }
     if (const std::optional<std::string> objection = path_objection(relative_path)) {
       throw RuntimeError(fmt::format("{} cannot be published: {}", to_quoted(relative_path), *objection));
     }
     if (S_ISDIR(status.st_mode)) {
+      if (relative_path == SHUFFLE_SEED_NAME) throw RuntimeError(fmt::format("{} is a folder, not a seed", local(relative_path)));
       walk(relative_path);
       return;
     }
-    const std::string target = S_ISLNK(status.st_mode) ? resolve_link(relative_path) : local(relative_path);
-    if (!S_ISLNK(status.st_mode) && !S_ISREG(status.st_mode)) {
-      throw RuntimeError(fmt::format("{} is neither a file nor a folder", local(relative_path)));
-    }
+    const std::string target = S_ISLNK(status.st_mode) ? resolve_link(relative_path, status) : local(relative_path);
+    if (!S_ISREG(status.st_mode)) throw RuntimeError(fmt::format("{} is neither a file nor a folder", local(relative_path)));
     if (relative_path == SHUFFLE_SEED_NAME) {
       scan_.seed_path = target;
     } else {
-      scan_.files.push_back({relative_path, target});
+      scan_.files.push_back({relative_path, target, status.st_size});
     }
   }
 
-  [[nodiscard]] std::string resolve_link(const std::string& relative_path) const {
+  /// Puts the status of what the link leads to in the place of the link's own.
+  [[nodiscard]] std::string resolve_link(const std::string& relative_path, struct stat& status) const {
     std::string target = real_path(local(relative_path));
     if (!target.starts_with(root_ == "/" ? root_ : root_ + "/")) {
       throw RuntimeError(fmt::format("{} is a link that leads out of {}, to {}", local(relative_path), root_, target));
     }
-    struct stat status {};
     if (::lstat(target.c_str(), &status) != 0) throw RuntimeError(fmt::format("{} is a link that leads nowhere", local(relative_path)));
     if (!S_ISREG(status.st_mode)) throw RuntimeError(fmt::format("{} is a link to something that is no file", local(relative_path)));
     return target;
@@ -107,7 +106,7 @@ std::optional<PublishedManifest> read_published_manifest(const TreePaths& paths)
     const Value manifest = parse_json(read_file(paths.manifest()));
     if (!manifest.is_document()) throw RuntimeError("it is no JSON object");
     const Document& document = *manifest.if_document();
-    PublishedManifest published{to_int64(document.get("era_number")), to_int64(document.get("version")), {}, 0, {}};
+    PublishedManifest published{to_int64(document.get("era_number")), to_int64(document.get("version")), {}, 0, {}, document};
     if (const auto base_url = document.get("base_url").if_text()) published.base_url = *base_url;
     if (const auto columns = document.get("pnl_column_count").if_integer()) published.pnl_column_count = *columns;
     if (const Document* files = document.get("files").if_document()) published.files = *files;
@@ -115,6 +114,12 @@ std::optional<PublishedManifest> read_published_manifest(const TreePaths& paths)
   } catch (const Error& error) {
     throw RuntimeError(fmt::format("{} is not a manifest of this tool: {}", paths.manifest(), error.text()));
   }
+}
+
+PublishedManifest require_published_manifest(const TreePaths& paths) {
+  std::optional<PublishedManifest> published = read_published_manifest(paths);
+  if (!published) throw RuntimeError(fmt::format("{} is no distribution tree: it has no data/manifest.json", paths.root));
+  return *std::move(published);
 }
 
 std::optional<std::int64_t> era_of_seed_target(std::string_view target) {

@@ -6,7 +6,7 @@
 //   data/shuffle                 a link to seeds/era-{n}.enc: one rename changes the seed and its era together
 //   data/seeds/era-{n}.enc       the 60-byte shuffle seed of an era
 //   era/current.json             the era as /era/current reports it
-//   .publishing/                 files on their way in; present only while a publication runs
+//   .publishing/                 files and documents on their way in; present only while a publication runs
 #pragma once
 
 #include <cstddef>
@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "sync/base/values/value.hpp"
+#include "tools/distribution/named_files.hpp"
 
 namespace brackenfen::sync::distribution {
 
@@ -44,10 +45,13 @@ struct PublishedManifest {
   std::string base_url;               ///< empty where it has none
   std::int64_t pnl_column_count = 0;  ///< 0 where it has none
   Document files;                     ///< relative path to file entry
+  Document document;                  ///< all of it
 };
 
 /// Absent where the tree has no manifest yet. Throws Error for one that cannot be read.
 [[nodiscard]] std::optional<PublishedManifest> read_published_manifest(const TreePaths& paths);
+/// The same of a tree that must have one.
+[[nodiscard]] PublishedManifest require_published_manifest(const TreePaths& paths);
 
 /// The era that a seed link's target names ("seeds/era-7.enc" gives 7).
 [[nodiscard]] std::optional<std::int64_t> era_of_seed_target(std::string_view target);
@@ -56,11 +60,12 @@ struct PublishedManifest {
 struct SourceFile {
   std::string relative_path;
   std::string local_path;  ///< links resolved
+  std::int64_t size_bytes = 0;
 };
 
 struct SourceScan {
-  std::vector<SourceFile> files;      ///< sorted by relative path; the shuffle seed is not among them
-  std::vector<std::string> left_out;  ///< files that are private to clients
+  std::vector<SourceFile> files;  ///< sorted by relative path; the shuffle seed is not among them
+  NamedFiles left_out;            ///< private to clients
   std::optional<std::string> seed_path;
 };
 

@@ -4,29 +4,28 @@
 #include <algorithm>
 #include <atomic>
 #include <cstddef>
+#include <exception>
 #include <functional>
-#include <optional>
 #include <thread>
 #include <vector>
 
-#include "sync/base/error.hpp"
 #include "sync/base/threads/mutex.hpp"
 
 namespace brackenfen::sync::distribution {
 
 /// Calls `work(index)` once for each index below `count`, on as many threads as the machine has cores, and
-/// returns when all are done. The first Error ends the rest early and is thrown here.
+/// returns when all are done. The first exception ends the rest early and is thrown here.
 inline void for_each_index(std::size_t count, const std::function<void(std::size_t)>& work) {
   std::atomic<std::size_t> next{0};
   Mutex mutex;
-  std::optional<Error> first_error;
+  std::exception_ptr first_failure;
   const auto run = [&] {
     try {
       for (std::size_t index = next.fetch_add(1); index < count; index = next.fetch_add(1)) work(index);
-    } catch (const Error& error) {
+    } catch (...) {
       next.store(count);
       const MutexLock lock(mutex);
-      if (!first_error) first_error = error;
+      if (!first_failure) first_failure = std::current_exception();
     }
   };
   const std::size_t threads = std::min<std::size_t>(count, std::max(1U, std::thread::hardware_concurrency()));
@@ -34,7 +33,7 @@ inline void for_each_index(std::size_t count, const std::function<void(std::size
   for (std::size_t i = 1; i < threads; ++i) helpers.emplace_back(run);
   run();
   helpers.clear();
-  if (first_error) throw Error(*first_error);
+  if (first_failure) std::rethrow_exception(first_failure);
 }
 
 }  // namespace brackenfen::sync::distribution

@@ -1,0 +1,74 @@
+#include "tools/distribution/staging.hpp"
+
+#include <fcntl.h>
+#include <fmt/core.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <system_error>
+
+#include "sync/base/error.hpp"
+#include "sync/base/files/descriptor.hpp"
+#include "sync/base/files/paths.hpp"
+
+namespace brackenfen::sync::distribution {
+namespace {
+
+dev_t device_of(const std::string& folder) {
+  struct stat status {};
+  if (::stat(folder.c_str(), &status) != 0) throw os_error(errno, folder);
+  return status.st_dev;
+}
+
+}  // namespace
+
+Staging::Staging(TreePaths paths) : paths_(std::move(paths)), folders_{paths_.files()} {
+  std::error_code failure;
+  std::filesystem::remove_all(paths_.staging(), failure);
+  if (failure) throw os_error(failure.value(), paths_.staging());
+  make_directories(paths_.staging());
+  device_ = device_of(paths_.staging());
+}
+
+Staging::~Staging() {
+  std::error_code ignored;
+  std::filesystem::remove_all(paths_.staging(), ignored);
+  if (!committed_) remove_empty_folders();
+}
+
+void Staging::add_move(std::string staged, std::string target) {
+  const std::string folder = directory_of(target);
+  if (folder != folders_.back()) {
+    folders_.push_back(folder);  // first, for it may be made in part
+    make_directories(folder);
+    if (device_of(folder) != device_) throw RuntimeError(fmt::format("{} is on another file system than {}", folder, paths_.staging()));
+  }
+  if (is_directory(target)) throw RuntimeError(fmt::format("{} is a folder in the tree, but a file in what is published", target));
+  moves_.emplace_back(std::move(staged), std::move(target));
+}
+
+void Staging::add_document(std::string_view name, std::string_view bytes, std::string target) {
+  Descriptor file = open_file(path(name), O_WRONLY | O_CREAT | O_EXCL);
+  write_all(file, bytes, path(name));
+  file.close();
+  add_move(path(name), std::move(target));
+}
+
+void Staging::commit() {
+  committed_ = true;
+  for (const auto& [staged, target] : moves_) {
+    if (::rename(staged.c_str(), target.c_str()) != 0) throw os_error(errno, staged, target);
+  }
+}
+
+void Staging::remove_empty_folders() {
+  for (; !folders_.empty(); folders_.pop_back()) {
+    std::string& folder = folders_.back();
+    while (folder != paths_.root && ::rmdir(folder.c_str()) == 0) folder = directory_of(folder);
+  }
+}
+
+}  // namespace brackenfen::sync::distribution
