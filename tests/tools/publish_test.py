@@ -215,7 +215,7 @@ def test_files_that_clients_keep_for_a_pass_are_named(tool, source, tmp_path):
     write_files(source, {"features/signal_is/plain.arrow": b"other", "modules/vault-linux_aarch64.so": b"other", "shuffle_seed.enc": b"t" * 60})
     write_files(source, {"functions.json": {"era_number": 4, "x": 1}, "named_universes/u/vocabulary.json": {**vocabulary("u"), "x": 1}})
     warned = tool(*publish, 2, warned=True)
-    assert "another one comes with the next era\nwarning: clients that hold version 1 keep the bytes of 1 files" in warned
+    assert "another one comes with the next era\nwarning: clients that hold version 1 keep these as they are" in warned
     assert warned.endswith("it: features/signal_is/plain.arrow\n")
     assert tool(*publish, 3, warned=True) == ""
 

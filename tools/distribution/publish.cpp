@@ -267,9 +267,9 @@ class Publication {
     const NamedFiles kept = kept_by_clients(previous_->files, files());
     if (kept.empty()) return;
     report_.warnings.push_back(
-        fmt::format("clients that hold version {} keep the bytes of {} files through their next pass; the new ones "
-                    "come with the pass after it: {}",
-                    previous_->version, kept.count(), kept.text()));
+        fmt::format("clients that hold version {} keep these as they are through their next pass; the new bytes come "
+                    "with the pass after it: {}",
+                    previous_->version, kept.text()));
   }
 
   [[nodiscard]] PublishedChanges changes_since(const PublishedManifest& before) const {
