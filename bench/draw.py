@@ -35,6 +35,11 @@ def kind(contender: str) -> str:
     return "limit" if contender.startswith(LIMITS) else "peer"
 
 
+def title(measured: Measured, scale: float) -> str:
+    """What was measured, and on how much of its set."""
+    return measured["title"] if scale == 1 else f"{measured['title']}, {scale:g} of its files"
+
+
 def contenders(measured: Measured) -> list[str]:
     return [name for name in measured["seen"] if name != INTERPRETER]
 
@@ -187,7 +192,7 @@ def main() -> None:
     if not paths:
         raise SystemExit("there is no run: ./dev bench makes one")
     runs = [json.loads(path.read_text()) for path in paths]
-    measurements = {measured["name"]: measured for run in runs for measured in run["measurements"]}
+    measurements = {measured["name"]: measured | {"title": title(measured, run["scale"])} for run in runs for measured in run["measurements"]}
 
     matplotlib.use("svg")
     # The same run gives the same bytes, and text stays text.
