@@ -5,6 +5,7 @@
 #include "sync/base/error.hpp"
 #include "sync/base/files/paths.hpp"
 #include "sync/base/log.hpp"
+#include "sync/base/threads/failure.hpp"
 #include "sync/base/threads/interrupt.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/base/values/integer_sum.hpp"
@@ -117,7 +118,7 @@ SyncManager::Pass::VersionHint SyncManager::Pass::read_version_hint() {
     response = manager_._http_get(*neighbours_, manager_._server_url.get() + "/data/manifest/version");
   } catch (const Error& error) {
     if (error.is(neighbours_->auth().auth_error_class()) || error.is(error_class::SyncUnavailableError)) throw;
-    log_warning("Manifest version check failed: %s", error.text());
+    log_warning("Manifest version check failed: %s", told(error));
     return {};
   }
   if (response.status == 401) throw neighbours_->auth().auth_error("Authentication failed: HTTP 401");

@@ -152,6 +152,10 @@ TEST_F(PassTest, theVersionHintDecidesWhetherTheManifestIsFetched) {
     EXPECT_THAT(failure_of([&] { return manager->sync(); }), StartsWith(failure));
     EXPECT_EQ(asked(), fetches ? std::vector<std::string>({VERSION_PATH, MANIFEST_PATH}) : std::vector<std::string>({VERSION_PATH}));
   }
+  server.script(VERSION_PATH, {{.status = 503}});
+  const auto stopped = SyncBackoff::builtin().enter_context({{}, {}, [] { return true; }, {}});
+  EXPECT_EQ(failure_of([&] { return manager->sync(); }), "");
+  EXPECT_EQ(warnings().back(), "Manifest version check failed: SyncBackoffCancelled");
 }
 
 TEST_F(PassTest, anOlderVersionOfTheSameEraIsTakenOverWithoutADownload) {

@@ -19,9 +19,11 @@ Error error_of(const std::exception& failure) {
   return RuntimeError(failure.what());
 }
 
+std::string_view told(const Error& error) noexcept { return error.text().empty() ? error.error_class().name() : error.text(); }
+
 void log_failure(const char* format, const std::exception& failure) {
   try {
-    log_warning(format, error_of(failure).text());
+    log_warning(format, told(error_of(failure)));
   } catch (const std::exception&) {
     if (!on_worker_thread()) throw;
   }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <exception>
+#include <string_view>
 
 #include "sync/base/error.hpp"
 #include "sync/base/threads/interrupt.hpp"
@@ -15,7 +16,10 @@ namespace brackenfen::sync {
 /// Needs no memory for the first two.
 [[nodiscard]] Error error_of(const std::exception& failure);
 
-/// Logs `failure` as a warning, with its text in the place of the format's %s. Where logging fails too, that is thrown on
+/// What a line of the log says of an error: its text, or the name of its class where it has none. As long-lived as the error.
+[[nodiscard]] std::string_view told(const Error& error) noexcept;
+
+/// Logs `failure` as a warning, with what is told of it in the place of the format's %s. Where logging fails too, that is thrown on
 /// a thread of the host, and dropped on one of the library's own. Throws Interrupted.
 void log_failure(const char* format, const std::exception& failure);
 
