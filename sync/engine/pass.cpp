@@ -402,7 +402,8 @@ std::vector<std::string> SyncManager::Pass::promote_rotation(const std::shared_p
     ++index;
     return seen || local_files.stat(file_path);
   });
-  return manager_._complete_rotation_promotion(*neighbours_, rotation_.plan.candidate_state, available, manifest).without_staging;
+  return manager_._complete_rotation_promotion(*neighbours_, rotation_.plan.candidate_state, available, manifest, local_.get())
+      .without_staging;
 }
 
 Document SyncManager::Pass::valid_vocabularies(const Manifest& manifest) {

@@ -362,11 +362,13 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   /// Makes the candidate the active state as far as its files are available, deletes what no longer belongs here and tells
   /// the running searches. An error of the vocabulary comes before anything is written; later ones find the state kept.
   /// Without a candidate, where nothing rotates, only the clean-up runs.
+  /// `before` is the manifest that was committed before, null for none: what it listed is the library's own too.
   Promotion _complete_rotation_promotion(NeighbourSet& neighbours, const RotationStateRef& candidate_state,
-                                         const TextList& available_relative_paths, const std::shared_ptr<Manifest>& manifest);
-  /// Returns what delete_files_not_kept does.
+                                         const TextList& available_relative_paths, const std::shared_ptr<Manifest>& manifest,
+                                         const Manifest* before = nullptr);
+  /// Logs how many files it deleted that the library had not put there. Returns what delete_files_not_kept does.
   std::vector<std::string> _cleanup_inactive_rotation_artifacts(NeighbourSet& neighbours, const Manifest& manifest,
-                                                                const TextList& active_relative_paths);
+                                                                const TextList& active_relative_paths, const Manifest* before = nullptr);
   /// Adds to the active paths of the state on disk and returns all of them; empty where there is no state. Waits for the
   /// directory lock, unless the caller is part of the work that holds it: a pass that has its plan keeps what a callback
   /// of its own adds. Throws FeatureRotationStateError and os_error.
@@ -498,6 +500,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
 
   [[nodiscard]] LoadedRotationSettings load_rotation_settings(NeighbourSet& neighbours, Manifest& manifest);
   [[nodiscard]] bool rotation_is_due(NeighbourSet& neighbours, const LoadedRotationSettings& settings, const RotationStateRef& active);
+  /// What the clean-up leaves below the folders of artifacts.
+  [[nodiscard]] TextSet paths_to_keep(NeighbourSet& neighbours, const Manifest& manifest, const TextList& active_relative_paths);
   /// Whether the file is here as far as size, hash cache and the local manifest's promise tell; null for no such manifest.
   [[nodiscard]] bool is_present(LocalFiles& local_files, const Manifest* local, const Text& path, std::int64_t size_bytes,
                                 const Value& sha256);

@@ -49,8 +49,7 @@ std::vector<SearchRefreshPayload> SyncManager::_rotation_search_refresh_payloads
   return payloads;
 }
 
-std::vector<std::string> SyncManager::_cleanup_inactive_rotation_artifacts(NeighbourSet& neighbours, const Manifest& manifest,
-                                                                           const TextList& active_relative_paths) {
+TextSet SyncManager::paths_to_keep(NeighbourSet& neighbours, const Manifest& manifest, const TextList& active_relative_paths) {
   TextSet protected_paths = set_of(active_relative_paths);
   for (const std::string& path : _prefetched_features._prefetched_feature_keep_paths(neighbours, manifest))
     protected_paths.insert(Text(path));
@@ -59,11 +58,22 @@ std::vector<std::string> SyncManager::_cleanup_inactive_rotation_artifacts(Neigh
   TextSet keep = neighbours.artifact_rotation().rotation_cleanup_keep_paths(files.is_document() ? files : Value(Document()),
                                                                             std::move(protected_paths), metadata);
   for (const Text& path : rotation_state_changes_.added()) keep.insert(path);
-  const Document* entries = files.if_document();
+  return keep;
+}
+
+std::vector<std::string> SyncManager::_cleanup_inactive_rotation_artifacts(NeighbourSet& neighbours, const Manifest& manifest,
+                                                                           const TextList& active_relative_paths, const Manifest* before) {
+  const auto lists = [](const Value& files, std::string_view path) {
+    const Document* const entries = files.if_document();
+    return entries != nullptr && entries->contains(path);
+  };
+  const TextSet keep = paths_to_keep(neighbours, manifest, active_relative_paths);
+  const Value files = manifest.files();
+  const Value files_before = before != nullptr ? before->files() : Value();
   int strangers = 0;
   std::vector<std::string> without_staging = delete_files_not_kept(*seams_.files, _data_dir.get(), keep, [&](std::string_view path) {
     const bool is_staging = path.ends_with(".tmp");  // of a download that was broken off
-    if (is_staging || (entries != nullptr && entries->contains(path)) || _hash_cache.knows(path)) return;
+    if (is_staging || lists(files, path) || lists(files_before, path) || _hash_cache.knows(path)) return;
     ++strangers;
     log_debug("Deleted a file that this library had not put there: %s", path);
   });
@@ -73,7 +83,7 @@ std::vector<std::string> SyncManager::_cleanup_inactive_rotation_artifacts(Neigh
 
 SyncManager::Promotion SyncManager::_complete_rotation_promotion(NeighbourSet& neighbours, const RotationStateRef& candidate_state,
                                                                  const TextList& available_relative_paths,
-                                                                 const std::shared_ptr<Manifest>& manifest) {
+                                                                 const std::shared_ptr<Manifest>& manifest, const Manifest* before) {
   RotationStateRef promoted;
   if (candidate_state) {
     promoted =
@@ -84,7 +94,8 @@ SyncManager::Promotion SyncManager::_complete_rotation_promotion(NeighbourSet& n
   const std::vector<SearchRefreshPayload> refresh_payloads =
       _rotation_search_refresh_payloads(neighbours, scope, vocabulary ? Value(*vocabulary) : Value(), manifest);
   if (promoted) promoted = store_rotation_state(neighbours, promoted);
-  std::vector<std::string> without_staging = _cleanup_inactive_rotation_artifacts(neighbours, *manifest, scope->active_relative_paths());
+  std::vector<std::string> without_staging =
+      _cleanup_inactive_rotation_artifacts(neighbours, *manifest, scope->active_relative_paths(), before);
   _deliver_rotation_search_refresh_payloads(refresh_payloads);
   return {std::move(promoted), std::move(without_staging)};
 }

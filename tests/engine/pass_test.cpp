@@ -194,6 +194,21 @@ TEST_F(PassTest, aNewVersionFetchesOnlyWhatThisDirectoryLacks) {
   EXPECT_EQ(directory.read(ALPHA.path), alpha_2.content);
 }
 
+TEST_F(PassTest, countsAmongWhatItDeletesNothingThatItHadPutThere) {
+  const PublishedFile module{"features/vault.so", "code", "vault_module"};  // whose digest no cache remembers
+  auto manager = synced({ALPHA, BETA, module});
+  int version = 1;
+  for (const std::vector<PublishedFile>& left : {std::vector{ALPHA, BETA}, std::vector{ALPHA}}) {
+    publish(++version, left);
+    const RecordingLog pass_log;
+    EXPECT_EQ(manager->sync().n_features, static_cast<std::int64_t>(left.size()));
+    EXPECT_THAT(pass_log.messages(LogLevel::Info), ElementsAre(StartsWith("Synced era 7 to version ")));
+    std::filesystem::remove(directory / ".sync_hash_cache.json");
+    manager = open();
+  }
+  EXPECT_FALSE(directory.contains(module.path) || directory.contains(BETA.path));
+}
+
 TEST_F(PassTest, aSupersededPassIsRunThreeTimes) {
   const PublishedFile promised{ALPHA.path, "what the first manifest promised"};
   publish(2, {ALPHA});
