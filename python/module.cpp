@@ -71,6 +71,7 @@ void bind_all(nb::module_& module) {
   bind_rotation_records(module);
   bind_rotation(module);
   bind_manager(module);
+  bind_lock_holder(module);
   module.def("__getattr__", module_getattr, nb::arg("name"));
   module.def("__dir__", [] { return module_names(true); });
 }

@@ -13,13 +13,14 @@ from typing import Any, Protocol, final, type_check_only
 __all__ = [
     "ActiveRotationStateError", "ArtifactDescriptor", "ArtifactRotationSettings", "AuthError",
     "CURRENT_PLATFORM", "DiskSpaceError", "EraError", "EraThread", "FeatureRotationStateError",
-    "FileInFlight", "Health", "IntegrityError", "LibraryUpdateRequired", "LockWait",
+    "FileInFlight", "Health", "IntegrityError", "LibraryUpdateRequired", "LockHolder", "LockWait",
     "MandatoryArtifactsTooLargeError", "Manifest", "ManifestError", "ManifestSupersededError",
     "PermanentDownloadError", "Progress", "RotationPlan", "RotationSelection", "RotationSettings",
     "RotationState", "RotationStatePayloadError", "SelectionScope", "StateError", "SyncBackoffCancelled",
-    "SyncError", "SyncManager", "SyncResult", "SyncUnavailableError", "VerifyResult", "VocabularyScopeError",
-    "Wait", "backoff_context", "current_context", "feature_rotation_state_path",
-    "feature_rotation_status_payload", "load_feature_rotation_state", "write_feature_rotation_state",
+    "SyncError", "SyncManager", "SyncPlan", "SyncResult", "SyncUnavailableError", "VerifyResult",
+    "VocabularyScopeError", "Wait", "backoff_context", "current_context", "feature_rotation_state_path",
+    "feature_rotation_status_payload", "load_feature_rotation_state", "lock_holder",
+    "write_feature_rotation_state",
 ]
 
 __version__: str
@@ -423,11 +424,26 @@ class LockWait:
     """Its command line; None where it may not be looked at."""
 
 @dataclass(frozen=True)
+class LockHolder:
+    """A process that works on a directory."""
+
+    pid: int | None
+    """None where the system's lock table does not tell, as for a process in another container."""
+    command: str | None
+    """Its command line; None where it may not be looked at."""
+
+def lock_holder(data_dir: _Path) -> LockHolder | None:
+    """The process that works on a directory at this moment, this one included; None for nobody.
+
+    Tries the directory's locks for a moment, and waits for nothing.
+    """
+
+@dataclass(frozen=True)
 class Progress:
     """An operation at one moment. Done is never more than total; both are 0 before the set of files is known."""
 
     operation: str
-    """The outermost one: "sync", "repair", "transition", "features", "verify" or "download"."""
+    """The outermost one: "sync", "repair", "transition", "features", "verify", "plan" or "download"."""
     phase: str
     """What it is at: "waiting" (for its turn at the directory), "manifest", "comparing", "downloading", "documents",
     "committing", "promoting" or "verifying".
@@ -469,6 +485,25 @@ class Health:
     consumers: int
     threads: tuple[str, ...]
     """Names of the threads that work in the background: "bf-poll", "bf-era", "bf-repair", "brackenfen-sync-cleanup"."""
+
+@dataclass(frozen=True)
+class SyncPlan:
+    """What a sync would do, or the transition where the server is in another era."""
+
+    era_number: int
+    """Of the server's manifest, as is the version."""
+    version: int
+    is_transition: bool
+    fetch: dict[str, int]
+    """Relative paths with their sizes, 0 where the manifest states none. The shuffle seed, which it does not list, is not here."""
+    fetch_bytes: int
+    keep: tuple[str, ...]
+    """Files that stay although the manifest of the same era states other bytes; the sync after fetches them."""
+    remove: tuple[str, ...]
+    """Relative paths: what is no longer listed or rotates out, and whatever else lies in the folders of artifacts."""
+    free_bytes: int
+    fits: bool
+    """Whether fetch_bytes are free."""
 
 # ---- manager ------------------------------------------------------------------------------------------------
 
@@ -522,6 +557,14 @@ class SyncManager:
         and whatever the token source or the guard raises.
         """
 
+    def plan(self) -> SyncPlan:
+        """What a sync would do now, or the transition where the server is in another era.
+
+        Asks the server for its manifest, reads files that the hash cache does not know, and changes nothing on disk. Waits
+        for a sync of this process, not for other processes. Raises what sync() raises before it downloads, DiskSpaceError
+        where the disk is too small for any selection included; whether what is to be fetched fits is `fits`.
+        """
+
     def verify(self) -> VerifyResult:
         """Read every active local file and compare size and SHA-256 with the manifest.
 
@@ -559,6 +602,13 @@ class SyncManager:
         expression_type: a text or an enumeration member; one with "strategy" in it means the strategy epoch.
 
         Raises StateError in an era transition and where the manager does not run, DiskSpaceError, and what sync raises.
+        """
+
+    def fetch_features(
+        self, feature_names: Iterable[object] | None, *, expression_type: object = "SIGNAL", named_universe: str | None = None
+    ) -> list[str]:
+        """The same as request_feature_files_for_sync, whether the manager runs or not: waits for its turn at the directory,
+        also while an era transition runs.
         """
 
     def add_active_feature_paths(self, relative_paths: Iterable[str]) -> tuple[str, ...]:

@@ -21,12 +21,6 @@ auto ending(Work work) {
   return [work](const ManagerObject& self) { quietly_at_exit([&] { work(*self.core); }); };
 }
 
-nb::object paths_to_python(const std::vector<std::string>& paths) {
-  nb::list result;
-  for (const std::string& path : paths) result.append(path_to_python(path));
-  return result;
-}
-
 void bind_consumers(Bound& bound) {
   bound
       .def("acquire", starting(&SyncManager::acquire), nb::sig("def acquire(self) -> None"),
@@ -61,16 +55,15 @@ void bind_requests(Bound& bound) {
   bound
       .def(
           "request_for_sync",
-          [](const ManagerObject& self) { return paths_to_python(self.run([](SyncManager& core) { return core.request_for_sync(); })); },
+          [](const ManagerObject& self) { return list_of_paths(self.run([](SyncManager& core) { return core.request_for_sync(); })); },
           nb::sig("def request_for_sync(self) -> list[str]"),
           "Cross-process sync trigger, returns file paths.\n\n"
           "Absolute paths of found signal and strategy PnL files, newest first: those that this sync brought, else all.\n"
           "While another request of this process runs, waits for it, at most 30 seconds, and returns all.\n"
           "Raises StateError in an era transition and where the manager does not run, and what sync raises.")
-      .def("_get_found_file_paths",
-           [](const ManagerObject& self) {
-             return paths_to_python(self.run([](SyncManager& core) { return core._get_found_file_paths(); }));
-           })
+      .def(
+          "_get_found_file_paths",
+          [](const ManagerObject& self) { return list_of_paths(self.run([](SyncManager& core) { return core._get_found_file_paths(); })); })
       .def(
           "report_corruption",
           [](const ManagerObject& self, nb::handle file_path) {

@@ -1,4 +1,4 @@
-// What a host sees of a manager while it works: snapshots, made when they are asked for.
+// What a host sees of a manager and of its directory: snapshots, made when they are asked for.
 #include <algorithm>
 #include <iterator>
 
@@ -14,16 +14,18 @@ using Bound = nb::class_<ManagerObject>;
 /// The dataclass of that name.
 nb::object record(const char* name);
 
+nb::object pid_of(const LockHolder& holder) { return holder.pid ? nb::object(nb::int_(*holder.pid)) : nb::none(); }
+nb::object command_of(const LockHolder& holder) { return holder.command ? path_to_python(*holder.command) : nb::none(); }
+
 nb::object wait_to_python(const std::optional<WaitUnderWay>& wait) {
   if (!wait) return nb::none();
   if (const auto* server = std::get_if<ServerWait>(&*wait)) {
     return record("Wait")(to_python(server->endpoint), server->attempt, to_python(server->reason), server->since, server->next_try_at);
   }
   const auto& lock = std::get<LockWait>(*wait);
-  const std::optional<LockHolder> holder =
-      detached([&] { return lock.locked_file ? find_lock_holder(*lock.locked_file) : std::optional<LockHolder>(); });
-  return record("LockWait")(lock.since, holder ? nb::object(nb::int_(holder->pid)) : nb::none(),
-                            holder && holder->command ? path_to_python(*holder->command) : nb::none());
+  const LockHolder holder =
+      detached([&] { return lock.locked_file ? find_lock_holder(*lock.locked_file) : std::nullopt; }).value_or(LockHolder());
+  return record("LockWait")(lock.since, pid_of(holder), command_of(holder));
 }
 
 // The core's snapshots take no longer than a copy, so both keep the interpreter lock, which others may hold for long.
@@ -48,6 +50,15 @@ nb::object health(const ManagerObject& self) {
                           tuple_of_texts(standing.threads));
 }
 
+nb::object plan(const ManagerObject& self) {
+  const SyncPlan made = self.run([](SyncManager& core) { return core.plan(); });
+  nb::dict fetch;
+  for (const SyncPlan::File& file : made.fetch) fetch[to_python(file.relative_path)] = file.size_bytes;
+  return record("SyncPlan")(to_python(made.era_number), to_python(made.version), made.is_transition, fetch, made.fetch_bytes,
+                            tuple_of_texts(made.keep), nb::steal(PyList_AsTuple(list_of_paths(made.remove).ptr())), made.free_bytes,
+                            made.fits());
+}
+
 nb::dict make_records() {
   nb::dict records;  // which later ones refer to
   const auto add = [&](const char* name, const std::vector<DataclassField>& fields, const char* documentation) {
@@ -66,6 +77,24 @@ nb::dict make_records() {
       "A wait for another process that works on the directory.\n\n"
       "since: seconds since the epoch. pid, command: of that process, None where the system's lock table does\n"
       "not tell, or the process may not be looked at.");
+  add("LockHolder", {{"pid", "int | None"}, {"command", "str | None"}},
+      "A process that works on a directory.\n\n"
+      "pid: None where the system's lock table does not tell, as for one in another container. command: its command line,\n"
+      "None where it may not be looked at.");
+  add("SyncPlan",
+      {{"era_number", "int"},
+       {"version", "int"},
+       {"is_transition", "bool"},
+       {"fetch", "dict[str, int]"},
+       {"fetch_bytes", "int"},
+       {"keep", "tuple[str, ...]"},
+       {"remove", "tuple[str, ...]"},
+       {"free_bytes", "int"},
+       {"fits", "bool"}},
+      "What a sync would do, or the transition where the server is in another era.\n\n"
+      "era_number, version: of the server's manifest. fetch: relative paths with their sizes. keep: files that stay although\n"
+      "the manifest of the same era states other bytes; the sync after fetches them. remove: relative paths. fits: whether\n"
+      "fetch_bytes are free.");
   add("Progress",
       {{"operation", "str"},
        {"phase", "str"},
@@ -78,7 +107,8 @@ nb::dict make_records() {
        {"started_at", "float"},
        {"wait", "Wait | LockWait | None"}},
       "An operation at one moment.\n\n"
-      "operation: \"sync\", \"repair\", \"transition\", \"features\", \"verify\" or \"download\"; the outermost one. phase: \"waiting\"\n"
+      "operation: \"sync\", \"repair\", \"transition\", \"features\", \"verify\", \"plan\" or \"download\"; the outermost one. phase: "
+      "\"waiting\"\n"
       "(for its turn at the directory), \"manifest\", \"comparing\", \"downloading\", \"documents\", \"committing\",\n"
       "\"promoting\" or \"verifying\". files_*, bytes_*: of the set that is fetched or read, 0 before it is known; done is\n"
       "never more than total. bytes_per_second: over the network, of about the last five seconds.\n"
@@ -124,6 +154,18 @@ nb::object observation_record(const std::string& name) {
   return is_one ? record(name.c_str()) : nb::object();
 }
 
+void bind_lock_holder(nb::module_& module) {
+  module.def(
+      "lock_holder",
+      [](nb::handle data_dir) {
+        const std::string directory = path_argument(data_dir, "data_dir");
+        const std::optional<LockHolder> holder = detached([&] { return lock_holder(directory); });
+        return holder ? record("LockHolder")(pid_of(*holder), command_of(*holder)) : nb::none();
+      },
+      any("data_dir"), nb::sig("def lock_holder(data_dir: str | os.PathLike[str]) -> LockHolder | None"),
+      "The process that works on a directory at this moment, this one included; None for nobody.");
+}
+
 void bind_manager_observation(Bound& bound) {
   bound
       .def("progress", progress, nb::sig("def progress(self) -> Progress | None"),
@@ -132,6 +174,11 @@ void bind_manager_observation(Bound& bound) {
            "for no other. A poll that only looks whether there is something to do counts as nothing.")
       .def("health", health, nb::sig("def health(self) -> Health"),
            "How the manager is, always and at once: asks neither the server nor the files.")
+      .def("plan", plan, nb::sig("def plan(self) -> SyncPlan"),
+           "What a sync would do now, or the transition where the server is in another era.\n\n"
+           "Asks the server for its manifest, reads files that the hash cache does not know, and changes nothing on disk. Waits\n"
+           "for a sync of this process. Raises what sync() raises before it downloads, DiskSpaceError where the disk is too\n"
+           "small for any selection included; whether what is to be fetched fits is `fits`.")
       .def_prop_rw(
           "stop_ends_waits", [](const ManagerObject& self) { return self.core->stop_ends_waits(); },
           [](const ManagerObject& self, nb::handle value) { self.core->set_stop_ends_waits(truth(value)); }, nb::for_setter(any("value")),

@@ -7,30 +7,25 @@ namespace {
 
 std::shared_ptr<NeighbourSet> neighbours() { return host_neighbours().bind(); }
 
-nb::object paths_to_python(const std::vector<std::string>& local_paths) {
-  nb::list paths;
-  for (const std::string& path : local_paths) paths.append(path_to_python(path));
-  return paths;
-}
-
+template <auto Request>
 nb::object request_files(const ManagerObject& self, nb::handle feature_names, nb::handle expression_type, nb::handle named_universe) {
   const std::vector<Value> names = texts_or_nulls_argument(or_empty(feature_names), "feature_names");
   const Value type = expression_type_argument(expression_type);
   const Value universe = text_or_null(named_universe);
-  return paths_to_python(self.run([&](SyncManager& core) { return core.request_feature_files_for_sync(names, type, universe); }));
+  return list_of_paths(self.run([&](SyncManager& core) { return (core.*Request)(names, type, universe); }));
 }
 
 nb::object request_files_impl(const ManagerObject& self, nb::handle feature_names, nb::handle expression_type, nb::handle named_universe) {
   const std::vector<std::string> names = texts_argument(feature_names, "feature_names");
   const Value type = expression_type_argument(expression_type);
   const Value universe = text_or_null(named_universe);
-  return paths_to_python(self.run([&](SyncManager& core) { return core._request_feature_files_for_sync_impl(names, type, universe); }));
+  return list_of_paths(self.run([&](SyncManager& core) { return core._request_feature_files_for_sync_impl(names, type, universe); }));
 }
 
 void bind_requests(nb::class_<ManagerObject>& bound) {
   bound
-      .def("request_feature_files_for_sync", request_files, any("feature_names"), nb::kw_only(),
-           nb::arg("expression_type").none() = "SIGNAL", nb::arg("named_universe") = nb::none(),
+      .def("request_feature_files_for_sync", request_files<&SyncManager::request_feature_files_for_sync>, any("feature_names"),
+           nb::kw_only(), nb::arg("expression_type").none() = "SIGNAL", nb::arg("named_universe") = nb::none(),
            nb::sig("def request_feature_files_for_sync(self, feature_names: collections.abc.Iterable[object] | None, *, expression_type: "
                    "object = 'SIGNAL', named_universe: str | None = None) -> list[str]"),
            "Ensure manifest feature arrow files exist locally for parent dispatch.\n\n"
@@ -38,6 +33,12 @@ void bind_requests(nb::class_<ManagerObject>& bound) {
            "Returns the local paths of all that the names resolve to; a name that the manifest lacks gives none.\n"
            "expression_type: a text or an enumeration member; one with \"strategy\" in it means the strategy epoch.\n"
            "Raises StateError in an era transition and where the manager does not run, DiskSpaceError, and what sync raises.")
+      .def("fetch_features", request_files<&SyncManager::fetch_features>, any("feature_names"), nb::kw_only(),
+           nb::arg("expression_type").none() = "SIGNAL", nb::arg("named_universe") = nb::none(),
+           nb::sig("def fetch_features(self, feature_names: collections.abc.Iterable[object] | None, *, expression_type: "
+                   "object = 'SIGNAL', named_universe: str | None = None) -> list[str]"),
+           "The same as request_feature_files_for_sync, whether the manager runs or not: waits for its turn at the directory,\n"
+           "also while an era transition runs.")
       .def("_request_feature_files_for_sync_impl", request_files_impl, any("feature_names"), nb::kw_only(),
            nb::arg("expression_type").none() = "SIGNAL", nb::arg("named_universe") = nb::none());
 }

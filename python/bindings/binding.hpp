@@ -32,9 +32,11 @@ void bind_vocabulary(nb::module_& module);
 void bind_shuffle_seed(nb::module_& module);
 void bind_rotation(nb::module_& module);
 void bind_manager(nb::module_& module);
+void bind_lock_holder(nb::module_& module);
 
-/// The records of what a manager is doing: names of the module that are looked up when they are asked for.
-inline constexpr std::string_view OBSERVATION_RECORDS[] = {"FileInFlight", "Health", "LockWait", "Progress", "Wait"};
+/// The records of what a manager is doing, or would do: names of the module that are looked up when they are asked for.
+inline constexpr std::string_view OBSERVATION_RECORDS[] = {"FileInFlight", "Health",   "LockHolder", "LockWait",
+                                                           "Progress",     "SyncPlan", "Wait"};
 /// The class of that name; no object for any other.
 [[nodiscard]] nb::object observation_record(const std::string& name);
 void bind_era_thread(nb::module_& module);

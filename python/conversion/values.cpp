@@ -319,6 +319,12 @@ nb::object path_to_python(std::string_view path) {
   return checked(PyUnicode_DecodeFSDefaultAndSize(path.data(), static_cast<Py_ssize_t>(path.size())));
 }
 
+nb::list list_of_paths(const std::vector<std::string>& paths) {
+  nb::list result;
+  for (const std::string& path : paths) result.append(path_to_python(path));
+  return result;
+}
+
 nb::object bytes_to_python(std::string_view bytes) {
   return checked(PyBytes_FromStringAndSize(bytes.data(), static_cast<Py_ssize_t>(bytes.size())));
 }

@@ -79,6 +79,7 @@ struct Item {
 [[nodiscard]] inline nb::object to_python(double number) { return nb::float_(number); }
 /// A local path, decoded as os.fsdecode does.
 [[nodiscard]] nb::object path_to_python(std::string_view path);
+[[nodiscard]] nb::list list_of_paths(const std::vector<std::string>& paths);
 [[nodiscard]] nb::object bytes_to_python(std::string_view bytes);
 /// (status, headers, body)
 [[nodiscard]] nb::object to_python(const HttpResult& response);

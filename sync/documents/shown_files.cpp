@@ -14,9 +14,14 @@ std::int64_t shown_size(const Document& entry) {
   return size ? std::max<std::int64_t>(size->if_integer().value_or(0), 0) : 0;
 }
 
+std::int64_t sum_of_sizes(std::int64_t left, std::int64_t right) noexcept {
+  std::int64_t sum = 0;
+  return __builtin_add_overflow(left, right, &sum) ? std::numeric_limits<std::int64_t>::max() : sum;
+}
+
 void AnnouncedFiles::add(const Document* entry) {
   ++files_;
-  if (entry != nullptr && __builtin_add_overflow(bytes_, shown_size(*entry), &bytes_)) bytes_ = std::numeric_limits<std::int64_t>::max();
+  if (entry != nullptr) bytes_ = sum_of_sizes(bytes_, shown_size(*entry));
 }
 
 void AnnouncedFiles::announce() const { Operation::expect(files_, bytes_); }

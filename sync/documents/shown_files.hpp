@@ -10,6 +10,9 @@ namespace brackenfen::sync {
 /// The size that a manifest's entry states; 0 where it states none that a file can have.
 [[nodiscard]] std::int64_t shown_size(const Document& entry);
 
+/// Sizes of many files, as far as they can be counted.
+[[nodiscard]] std::int64_t sum_of_sizes(std::int64_t left, std::int64_t right) noexcept;
+
 class AnnouncedFiles {
  public:
   /// Null for a file without an entry.

@@ -67,7 +67,7 @@ SyncManager::SyncManager(Options options)
       _server_url(options.server_url),
       _poll_interval(options.poll_interval_s),
       _consumer_count_path(join_path(options.data_dir, ".consumer_count")),
-      _flock_path(join_path(options.data_dir, ".sync_flock")),
+      _flock_path(join_path(options.data_dir, FLOCK_FILENAME)),
       own_process_(options.seams),
       _hash_cache(*seams_.files, *seams_.clock, join_path(options.data_dir, SYNC_HASH_CACHE_FILENAME)),
       _prefetched_features(*seams_.files, *seams_.clock, _data_dir),

@@ -1,6 +1,8 @@
 #include "sync/engine/pass.hpp"
 
+#include <algorithm>
 #include <set>
+#include <span>
 
 #include "sync/base/error.hpp"
 #include "sync/base/files/paths.hpp"
@@ -20,6 +22,7 @@
 #include "sync/documents/shuffle_seed.hpp"
 #include "sync/documents/signals_index.hpp"
 #include "sync/documents/vocabulary.hpp"
+#include "sync/rotation/state_file.hpp"
 #include "sync/transport/progress.hpp"
 
 namespace brackenfen::sync {
@@ -37,7 +40,7 @@ std::int64_t count_groups(const EraConfig& era_config, const Value& files, std::
 }
 
 /// The log names this many of the files that stay although they have changed on the server.
-constexpr std::int64_t KEPT_FILES_NAMED = 10;
+constexpr std::size_t KEPT_FILES_NAMED = 10;
 
 }  // namespace
 
@@ -173,7 +176,12 @@ void SyncManager::Pass::refuse_another_era() const {
 }
 
 SyncManager::PlannedRotation SyncManager::Pass::plan_for(Manifest& manifest, bool force_new_candidate) {
-  PlannedRotation rotation = manager_._plan_feature_rotation_for_manifest(*neighbours_, manifest, free_bytes_, force_new_candidate);
+  const auto retired_left_out = [&] {
+    return _drop_retired_unsupported_runtime_paths_from_state(manager_._active_rotation_state.get(), manifest.files());
+  };
+  PlannedRotation rotation = is_dry_run_
+                                 ? manager_.plan_rotation(*neighbours_, manifest, free_bytes_, force_new_candidate, retired_left_out())
+                                 : manager_._plan_feature_rotation_for_manifest(*neighbours_, manifest, free_bytes_, force_new_candidate);
   manager_._precheck_rotation_disk_budget(*neighbours_, rotation.plan.selection, free_bytes_, !rotation.explicit_rotation_budget);
   return rotation;
 }
@@ -263,7 +271,7 @@ bool SyncManager::Pass::must_download(const Text& file_path, const Document& fil
       note_kept(file_path, file_info, local_entry);
       return false;
     }
-    log_warning("Manifest-tracked local file failed integrity check; re-downloading: %s", file_path);
+    if (!is_dry_run_) log_warning("Manifest-tracked local file failed integrity check; re-downloading: %s", file_path);
   }
 
   const bool vault_module = file_info.get("kind").if_text() == "vault_module";
@@ -277,14 +285,16 @@ bool SyncManager::Pass::must_download(const Text& file_path, const Document& fil
 
 void SyncManager::Pass::note_kept(const Text& file_path, const Document& file_info, const Value* local_entry) {
   const Document* local_info = local_entry != nullptr ? local_entry->if_document() : nullptr;
-  if (local_info == nullptr || !states_other_bytes(file_info, *local_info)) return;
-  if (kept_count_++ < KEPT_FILES_NAMED) kept_names_ += (kept_names_.empty() ? "" : ", ") + file_path.str();
+  if (local_info != nullptr && states_other_bytes(file_info, *local_info)) kept_.push_back(file_path);
 }
 
 void SyncManager::Pass::warn_of_kept_files() const {
-  if (kept_count_ == 0) return;
+  if (kept_.empty()) return;
+  std::string names;
+  for (const Text& file_path : std::span(kept_).first(std::min(kept_.size(), KEPT_FILES_NAMED)))
+    names += (names.empty() ? "" : ", ") + file_path.str();
   log_warning("%d files keep their bytes although the new manifest of this era states others, which come with the next pass: %s%s",
-              kept_count_, kept_names_, kept_count_ > KEPT_FILES_NAMED ? ", ..." : "");
+              kept_.size(), names, kept_.size() > KEPT_FILES_NAMED ? ", ..." : "");
 }
 
 Document SyncManager::generation_stamped(const Document& file_info, const Manifest& manifest) {

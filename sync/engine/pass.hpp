@@ -27,6 +27,8 @@ class SyncManager::Pass {
   /// The pass's result, or nothing where artifacts turned out to be missing from storage: they are excluded
   /// now, and a fresh pass must run.
   [[nodiscard]] std::optional<SyncResult> run();
+  /// What run() would do; in place of it.
+  [[nodiscard]] SyncPlan plan();
   /// The manifest that the server gave to this pass, sanitised; empty before.
   [[nodiscard]] const Document& fetched() const noexcept { return fetched_; }
 
@@ -48,7 +50,7 @@ class SyncManager::Pass {
   [[nodiscard]] ExpectedFiles promised_files(const Document* files, const Document* local_files) const;
   void collect_downloads();
   [[nodiscard]] bool must_download(const Text& file_path, const Document& file_info, const Value* local_entry, LocalFiles& local_files);
-  /// Counts and names a file that stays although the new manifest states other bytes.
+  /// Remembers a file that stays although the new manifest states other bytes.
   void note_kept(const Text& file_path, const Document& file_info, const Value* local_entry);
   void warn_of_kept_files() const;
   void check_disk() const;
@@ -68,7 +70,12 @@ class SyncManager::Pass {
   /// Walks the active paths of `manifest`. Throws SyncError at the first file that is not as it must be.
   void require_active_files(const RotationSelection& selection, const Value& files);
 
-  // Used by both.
+  // The dry run: dry_run.cpp.
+  /// What stages of their own fetch where it is not as the manifest says: the signals index and vocabularies.
+  [[nodiscard]] std::vector<Member> documents_to_fetch();
+  [[nodiscard]] std::vector<std::string> files_to_remove(bool is_transition);
+
+  // Used by all.
   /// Takes artifacts that storage has lost out of the local index and the manifest, and applies the index.
   void settle_signals_index();
   [[nodiscard]] PlannedRotation plan_for(Manifest& manifest, bool force_new_candidate);
@@ -99,8 +106,8 @@ class SyncManager::Pass {
   Document files_to_download_;
   Document vocabularies_;           ///< merged; of the manifest that is about to be committed
   bool documents_fetched_ = false;  ///< so that an outage may have been waited out since the walk
-  std::int64_t kept_count_ = 0;
-  std::string kept_names_;  ///< of the first few
+  std::vector<Text> kept_;          ///< although the new manifest states other bytes
+  bool is_dry_run_ = false;
   const std::int64_t began_ns_;
   std::int64_t stage_began_ns_ = 0;
 };

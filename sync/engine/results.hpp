@@ -37,6 +37,25 @@ struct SyncResult {
   bool operator==(const SyncResult&) const = default;
 };
 
+/// What a pass would do, or the transition where the server is in another era.
+struct SyncPlan {
+  struct File {
+    Text relative_path;
+    std::int64_t size_bytes = 0;  ///< as the manifest states it; 0 where it states none
+  };
+
+  Value era_number;  ///< of the server's manifest, as is the version
+  Value version;
+  bool is_transition = false;
+  std::vector<File> fetch;
+  std::int64_t fetch_bytes = 0;
+  std::vector<Text> keep;           ///< although the new manifest of the same era states other bytes: the pass after fetches them
+  std::vector<std::string> remove;  ///< by relative path; no staging files
+  std::int64_t free_bytes = 0;
+
+  [[nodiscard]] bool fits() const noexcept { return fetch_bytes <= free_bytes; }
+};
+
 /// How a manager and its directory are.
 struct Health {
   bool running = false;  ///< between start or acquire and the stop

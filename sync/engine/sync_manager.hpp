@@ -136,7 +136,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   /// What a request begins with, its fresh token. Throws TypeError where there is no source, and what the source throws.
   [[nodiscard]] RequestStart start_request() const;
 
-  // ---- the pass: sync_driver.cpp, pass.hpp -----------------------------------------------------------
+  // ---- the pass: sync_driver.cpp, pass.hpp, dry_run.cpp ----------------------------------------------
 
   /// A full sync: manifest, compare, download, verify, commit. Takes the locks of a pass and keeps them while an
   /// outage is waited out. Throws AuthError, SyncError and its subclasses (SyncUnavailableError where the server says
@@ -146,6 +146,11 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   /// Runs passes until one is not superseded, at most SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT. The caller
   /// holds the directory lock.
   [[nodiscard]] SyncResult _sync_with_manifest_refresh();
+  /// What sync() would do, with one request for the manifest and without a change on disk; of another era than the
+  /// directory's, what its transition would do. Reads files that the hash cache does not know. Waits for a pass of this
+  /// process, and takes no lock between processes. Throws what a pass does before it downloads, DiskSpaceError but for the
+  /// download set included.
+  [[nodiscard]] SyncPlan plan();
   /// One pass. The caller holds _sync_lock or otherwise owns the pass.
   [[nodiscard]] SyncResult _sync_impl();
 
@@ -393,8 +398,11 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   // ---- features on demand: rotation/on_demand.cpp ----------------------------------------------------
 
   /// Fetches the named features and their companions, keeps them for the era, and returns their local paths. Names that the
-  /// manifest lacks give none. Takes the locks of a pass. Throws StateError in a transition and where the manager does not
-  /// run, DiskSpaceError, and what downloads and passes throw.
+  /// manifest lacks give none. Takes the locks of a pass. Throws DiskSpaceError, and what downloads and passes throw.
+  [[nodiscard]] std::vector<std::string> fetch_features(const std::vector<Value>& feature_names, const Value& expression_type = "SIGNAL",
+                                                        const Value& named_universe = {});
+  /// The same for a running manager: throws StateError in a transition and where the manager does not run, and lets a sync
+  /// that a host asked for go first.
   [[nodiscard]] std::vector<std::string> request_feature_files_for_sync(const std::vector<Value>& feature_names,
                                                                         const Value& expression_type = "SIGNAL",
                                                                         const Value& named_universe = {});
@@ -500,6 +508,9 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
 
   [[nodiscard]] LoadedRotationSettings load_rotation_settings(NeighbourSet& neighbours, Manifest& manifest);
   [[nodiscard]] bool rotation_is_due(NeighbourSet& neighbours, const LoadedRotationSettings& settings, const RotationStateRef& active);
+  /// _plan_feature_rotation_for_manifest of the active state as it is, which may list retired paths. Writes nothing.
+  [[nodiscard]] PlannedRotation plan_rotation(NeighbourSet& neighbours, Manifest& manifest, std::int64_t free_disk_bytes,
+                                              bool force_new_candidate, const RotationStateRef& active);
   /// What the clean-up leaves below the folders of artifacts.
   [[nodiscard]] TextSet paths_to_keep(NeighbourSet& neighbours, const Manifest& manifest, const TextList& active_relative_paths);
   /// Whether the file is here as far as size, hash cache and the local manifest's promise tell; null for no such manifest.

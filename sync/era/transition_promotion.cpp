@@ -9,10 +9,9 @@
 #include "sync/base/files/place.hpp"
 #include "sync/base/log.hpp"
 #include "sync/base/values/convert.hpp"
+#include "sync/documents/departed_files.hpp"
 #include "sync/documents/local_files.hpp"
 #include "sync/documents/manifest_file.hpp"
-#include "sync/documents/manifest_paths.hpp"
-#include "sync/documents/own_files.hpp"
 #include "sync/documents/vocabulary.hpp"
 #include "sync/era/transition.hpp"
 #include "sync/lifecycle/told_era.hpp"
@@ -50,22 +49,11 @@ void SyncManager::Transition::prepare_promotion() {
 
 void SyncManager::Transition::find_departed_files() {
   const std::shared_ptr<Manifest> old_manifest = manager_._manifest.get();
-  const Value old_files = old_manifest ? old_manifest->files() : Value();
-  const Value new_files = new_manifest_->files();
-  const Document* departing = old_files.if_document();
-  const Document* present = new_files.if_document();
-  if (!departing) return;
-  OwnFiles own_files(data_dir_);
-  for (const Member& member : *departing) {
-    if (present && present->contains(member.key)) continue;
-    try {
-      std::string live_path = _manifest_local_path(data_dir_, member.key);
-      if (live_paths_.contains(live_path) || own_files.contains_local(live_path)) continue;
-      departed_files_.push_back(member.key.str());
-      departed_paths_.insert(std::move(live_path));
-    } catch (const Error& error) {
-      if (!error.is(error_class::ManifestError)) throw;  // it never had a file here
-    }
+  if (!old_manifest) return;
+  for (DepartedFile& departed : departed_files(data_dir_, old_manifest->files(), new_manifest_->files())) {
+    if (live_paths_.contains(departed.live_path)) continue;
+    departed_files_.push_back(std::move(departed.file_path));
+    departed_paths_.insert(std::move(departed.live_path));
   }
 }
 

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -38,12 +37,6 @@ int flock_once(const Descriptor& descriptor, int operation) noexcept {
 /// comes from a directory that may be written but not read.
 bool means_not_available(int error_number) {
   return error_number == EBADF || error_number == ENOLCK || error_number == EOPNOTSUPP || error_number == EACCES;
-}
-
-std::optional<FileId> id_of(const Descriptor& descriptor) noexcept {
-  struct stat found {};
-  if (::fstat(descriptor.get(), &found) != 0) return std::nullopt;
-  return FileId{found.st_dev, found.st_ino};
 }
 
 void log_failed_close(int error_number) {
@@ -241,7 +234,7 @@ int DirectoryLock::wait_for_flock(const Descriptor& descriptor) {
   for (double pause_seconds = FIRST_PAUSE_SECONDS;; pause_seconds = std::min(pause_seconds * PAUSE_GROWTH, LONGEST_PAUSE_SECONDS)) {
     const int error_number = flock_once(descriptor, LOCK_EX | LOCK_NB);
     if (error_number != EWOULDBLOCK) return error_number;
-    if (!shown) shown.emplace(id_of(descriptor));
+    if (!shown) shown.emplace(file_id(descriptor));
     clock_.sleep(pause_seconds);
   }
 }

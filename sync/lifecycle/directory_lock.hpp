@@ -20,6 +20,8 @@
 
 namespace brackenfen::sync {
 
+inline constexpr const char* FLOCK_FILENAME = ".sync_flock";
+
 /// Any thread. Units of work must not nest: the inner release ends the outer one's protection between
 /// processes.
 class DirectoryLock {

@@ -1,10 +1,12 @@
 #include "sync/lifecycle/lock_holder.hpp"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <vector>
@@ -12,7 +14,9 @@
 #include "sync/base/error.hpp"
 #include "sync/base/files/descriptor.hpp"
 #include "sync/base/files/directory_reader.hpp"
+#include "sync/base/files/paths.hpp"
 #include "sync/base/text/text.hpp"
+#include "sync/lifecycle/directory_lock.hpp"
 
 namespace brackenfen::sync {
 namespace {
@@ -80,6 +84,24 @@ std::optional<LockHolder> find_lock_holder(const FileId& locked_file) {
     if (has_locked(*pid, locked_file)) holder = *pid;
   if (!holder) return std::nullopt;
   return LockHolder{*holder, command_of(*holder)};
+}
+
+std::optional<LockHolder> lock_holder(const std::string& data_dir) {
+  std::optional<LockHolder> hidden;
+  for (const std::string& path : {data_dir, join_path(data_dir, FLOCK_FILENAME)}) {
+    // What is no regular file there is not waited for.
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const std::optional<FileId> id = file ? file_id(file) : std::nullopt;
+    if (!id) continue;
+    if (::flock(file.get(), LOCK_SH | LOCK_NB) == 0) {
+      ::flock(file.get(), LOCK_UN);  // a child that was forked meanwhile keeps none either
+      continue;
+    }
+    const bool is_held = errno == EWOULDBLOCK;  // else locks cannot be tried here
+    if (std::optional<LockHolder> found = find_lock_holder(*id)) return found;
+    if (is_held) hidden.emplace();
+  }
+  return hidden;
 }
 
 }  // namespace brackenfen::sync

@@ -41,12 +41,11 @@ TextSet in_local_spelling(const TextSet& keep) {
 
 }  // namespace
 
-std::vector<std::string> delete_files_not_kept(Files& files, std::string_view data_dir, const TextSet& keep,
-                                               const std::function<void(std::string_view relative_path)>& deleted) {
+std::vector<std::string> find_files_not_kept(std::string_view data_dir, const TextSet& keep, const FoundFile& found) {
   const RootDirectory root(real_path(data_dir));
   const std::vector<std::string> folders(std::begin(ARTIFACT_FOLDERS), std::end(ARTIFACT_FOLDERS));
   std::atomic<bool> may_hold_staging = false;  // a name of a staging file was seen, or a folder was not entered
-  std::optional<TextSet> respelt;              // made for the first file that is about to go, which mostly there is none of
+  std::optional<TextSet> respelt;              // made for the first file that is not kept, which mostly there is none of
   root.search({.folders = folders,
                .hidden_folders = false,
                .picks =
@@ -60,9 +59,7 @@ std::vector<std::string> delete_files_not_kept(Files& files, std::string_view da
                      if (!respelt) respelt = in_local_spelling(keep);
                      const std::string local_path = place.path();
                      const std::string_view relative_path = std::string_view(local_path).substr(root.path().size() + 1);
-                     if (contains(*respelt, relative_path)) return;
-                     files.unlink(place);
-                     if (deleted) deleted(relative_path);
+                     if (!contains(*respelt, relative_path)) found(place, relative_path);
                    },
                .failed =
                    [](const Error& error, const std::string& folder) {
@@ -70,6 +67,14 @@ std::vector<std::string> delete_files_not_kept(Files& files, std::string_view da
                    }});
   const bool are_theirs = expand_user(data_dir) == data_dir;  // staging files lie where a "~" leads, which is not followed here
   return are_theirs && !may_hold_staging ? folders : std::vector<std::string>();
+}
+
+std::vector<std::string> delete_files_not_kept(Files& files, std::string_view data_dir, const TextSet& keep,
+                                               const std::function<void(std::string_view relative_path)>& deleted) {
+  return find_files_not_kept(data_dir, keep, [&](const Place& place, std::string_view relative_path) {
+    files.unlink(place);
+    if (deleted) deleted(relative_path);
+  });
 }
 
 }  // namespace brackenfen::sync

@@ -66,13 +66,19 @@ std::vector<std::string> normalized(const std::vector<Value>& feature_names) {
 std::vector<std::string> SyncManager::request_feature_files_for_sync(const std::vector<Value>& feature_names, const Value& expression_type,
                                                                      const Value& named_universe) {
   require_own_process();
-  const std::vector<std::string> names = normalized(feature_names);
-  if (names.empty()) return {};
+  if (normalized(feature_names).empty()) return {};
   if (_in_transition.load() || path_exists(join_path(_data_dir.get(), ".transition_lock")))
     throw StateError("Sync is in era transition mode \xE2\x80\x94 request_feature_files_for_sync rejected");
   if (!_running.load()) throw StateError("Sync thread is not running. Call start() or acquire() first.");
   if (const std::shared_ptr<RunningRequest> other = _request_coalescing.running()) other->wait(*seams_.clock);
+  return fetch_features(feature_names, expression_type, named_universe);
+}
 
+std::vector<std::string> SyncManager::fetch_features(const std::vector<Value>& feature_names, const Value& expression_type,
+                                                     const Value& named_universe) {
+  require_own_process();
+  const std::vector<std::string> names = normalized(feature_names);
+  if (names.empty()) return {};
   require_outside_own_pass();
   return run_operation(activity_, operation::FEATURES, phase::WAITING, [&] {
     WorkLock one_pass(_sync_lock);

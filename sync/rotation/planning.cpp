@@ -89,9 +89,13 @@ bool SyncManager::_feature_rotation_needs_sync_for_manifest(NeighbourSet& neighb
 
 SyncManager::PlannedRotation SyncManager::_plan_feature_rotation_for_manifest(NeighbourSet& neighbours, Manifest& manifest,
                                                                               std::int64_t free_disk_bytes, bool force_new_candidate) {
-  _normalize_active_rotation_state_for_manifest(neighbours, manifest);
+  return plan_rotation(neighbours, manifest, free_disk_bytes, force_new_candidate,
+                       _normalize_active_rotation_state_for_manifest(neighbours, manifest));
+}
+
+SyncManager::PlannedRotation SyncManager::plan_rotation(NeighbourSet& neighbours, Manifest& manifest, std::int64_t free_disk_bytes,
+                                                        bool force_new_candidate, const RotationStateRef& active) {
   const ArtifactsRef artifacts = _rotation_manifest_artifacts(neighbours, manifest);
-  const RotationStateRef active = _active_rotation_state.get();
   const ArtifactRotation& rotation = neighbours.artifact_rotation();
   ArtifactRotationSettings rotation_settings;
   PlanningFacts facts;

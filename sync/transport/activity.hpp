@@ -27,7 +27,7 @@ namespace brackenfen::sync {
 /// Operations and their phases, as hosts see them.
 namespace operation {
 inline constexpr const char *SYNC = "sync", *REPAIR = "repair", *TRANSITION = "transition", *FEATURES = "features", *VERIFY = "verify",
-                            *DOWNLOAD = "download";
+                            *DOWNLOAD = "download", *PLAN = "plan";
 }
 namespace phase {
 inline constexpr const char *WAITING = "waiting", *MANIFEST = "manifest", *COMPARING = "comparing", *DOWNLOADING = "downloading",

@@ -95,7 +95,7 @@ def next_era(site, tmp_path):
         (["verify"], {"BRACKENFEN_SERVER": None}, 0, {"valid", "corrupted_files", "missing_files"}),
         (["repair"], {}, 0, {"repaired"}),
         (["repair", FEATURE], {}, 0, {"repaired", "bytes_downloaded"}),
-        (["plan"], {}, 0, {"fetch", "fetch_bytes", "no_longer_listed", "rotated_out", "free_bytes", "fits"}),
+        (["plan"], {}, 0, {"fetch", "fetch_bytes", "keep", "remove", "free_bytes", "fits"}),
         (["rotation"], {"BRACKENFEN_SERVER": None}, 0, {"generation", "next_rotation_at", "skipped_relative_paths"}),
         (["features", "momentum__close__w005__z0"], {}, 0, {"features"}),
         (["features", "momentum__close__w005__z0", "nonsense"], {}, 1, {"unknown"}),
@@ -136,7 +136,7 @@ def test_what_is_damaged_too_large_or_of_another_era_has_a_code_of_its_own(site,
     )
     another = {"BRACKENFEN_SERVER": next_era(site, tmp_path)}
     assert run(site, "era", directory=directory, **another).returncode == 7
-    assert json.loads(run(site, "plan", "--json", directory=directory, **another).stdout)["era_transition"] is True
+    assert json.loads(run(site, "plan", "--json", directory=directory, **another).stdout)["is_transition"] is True
     document = json.loads(run(site, "sync", "--json", directory=directory, **another).stdout)
     assert (document["transition_from"], document["era_number"]) == (1, 2)
     assert run(site, "era", directory=directory, **another).returncode == 0

@@ -48,8 +48,10 @@ TEST_F(DirectoryLockTest, holdsFileAndDirectoryUntilReleased) {
     DirectoryLock::Hold hold(lock);
     EXPECT_FALSE(Rival(file).takes());
     EXPECT_FALSE(Rival(directory.path()).takes());
+    EXPECT_EQ(lock_holder(directory.path()).value().pid, ::getpid());
     hold.release();
     EXPECT_TRUE(free());
+    EXPECT_FALSE(lock_holder(directory.path()));
   }
   EXPECT_TRUE(free());
 }

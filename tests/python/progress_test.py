@@ -1,6 +1,9 @@
 """What a host sees of a manager while it works, and how a stop ends its waits."""
 
+import json
 import logging
+import os
+import pathlib
 import pickle
 import threading
 import time
@@ -114,6 +117,43 @@ def test_health_tells_how_it_went(manager: sync.SyncManager, server: Any) -> Non
         assert not manager.needs_sync()
         assert (manager.health().last_error is None) == clears, "nothing to do for a pass says nothing of the next era"
         assert manager.health().last_good_pass_at > bad.last_good_pass_at and pickle.loads(pickle.dumps(bad)) == bad
+
+
+def contents(directory: pathlib.Path) -> dict[str, bytes]:
+    return {str(path.relative_to(directory)): path.read_bytes() for path in directory.rglob("*") if path.is_file()}
+
+
+@pytest.mark.parametrize("change", ["nothing", "version", "damage", "rotation", "era"])
+def test_a_plan_is_what_then_happens(manager: sync.SyncManager, server: Any, change: str) -> None:
+    directory = pathlib.Path(manager._data_dir)
+    a, b, c, d = (f"features/us/signal_is/{name}.arrow" for name in "abcd")
+    for path in (a, b, c, "models/m"):
+        server.add(path, b"%10d" % len(path), "feature" if path.startswith("features") else "model")
+    manager.sync()
+    if change in ("version", "era"):
+        server.version, server.era_number = 2, 7 + (change == "era")
+        server.answers["/era/current"] = (200, b'{"era_number": 8, "state": "active"}')
+        del server.entries[b], server.entries["models/m"]
+        server.add(a, b"other bytes")
+        server.add(d, b"new")
+        (directory / "features/stranger.arrow").touch()
+    elif change == "damage":
+        (directory / c).write_bytes(b"x" * 10)
+        (directory / "named_universes/us/vocabulary.json").unlink()
+    elif change == "rotation":
+        (directory / "feature-rotation-settings.json").write_text(json.dumps({"feature_budget_gb": 20 / 2**30}))
+        os.utime(sync.feature_rotation_state_path(directory), (0, 0))
+    before, asked = contents(directory), len(server.requests)
+    plan = manager.plan()
+    assert contents(directory) == before and [path for path, _ in server.requests[asked:]] == ["/data/manifest"]
+    manager.trigger_era_transition(8) if change == "era" else manager.sync()
+    fetched = {path for path, _ in server.requests[asked:] if path.startswith("/data/files/")}
+    assert fetched == {f"/data/files/{path}" for path in plan.fetch}
+    assert before.keys() - contents(directory).keys() == set(plan.remove)
+    assert plan.fetch_bytes == sum((directory / path).stat().st_size for path in plan.fetch) == sum(plan.fetch.values()) and plan.fits
+    assert (plan.era_number, plan.version, plan.is_transition) == (server.era_number, server.version, change == "era")
+    assert plan.keep == ((a,) if change == "version" else ())
+    assert bool(plan.fetch) == (change not in ("nothing", "rotation")) and bool(plan.remove) == (change in ("version", "rotation", "era"))
 
 
 @pytest.mark.parametrize("ends", [True, False])

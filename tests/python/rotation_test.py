@@ -53,9 +53,10 @@ def test_a_rotation_reaches_the_running_search(manager: sync.SyncManager, server
     result = manager.sync()
     assert len(held(manager)) == 4 and (result.rotation_seed, result.feature_budget_bytes) == (7, 450)
     make_due(manager)
-    manager._running = True
     [wanted] = sorted({f"f{number:02}" for number in range(12)} - held(manager))[:1]
-    assert manager.request_feature_files_for_sync([wanted]) == [f"{manager._data_dir}/features/us/signal_is/{wanted}.arrow"]
+    assert manager.fetch_features([wanted]) == [f"{manager._data_dir}/features/us/signal_is/{wanted}.arrow"]
+    manager._running = True
+    assert manager.request_feature_files_for_sync([wanted]) == manager.fetch_features([wanted])
     manager.sync()
     for generation, (state, vocabulary) in enumerate(search.told, 1):
         assert state.generation == generation and len(vocabulary["features"]) == 4

@@ -41,6 +41,12 @@ std::optional<FileId> file_id(const std::string& path) noexcept {
   return id_of(status);
 }
 
+std::optional<FileId> file_id(const Descriptor& file) noexcept {
+  struct stat status {};
+  if (::fstat(file.get(), &status) != 0) return std::nullopt;
+  return id_of(status);
+}
+
 std::optional<struct stat> look_at(const Place& place) {
   struct stat status {};
   if (::fstatat(place.folder(), place.name(), &status, AT_SYMLINK_NOFOLLOW) == 0) return status;

@@ -47,6 +47,7 @@ struct FileId {
 };
 /// Of what `path` leads to, links followed; absent for nothing.
 [[nodiscard]] std::optional<FileId> file_id(const std::string& path) noexcept;
+[[nodiscard]] std::optional<FileId> file_id(const Descriptor& file) noexcept;
 
 /// What stands there itself, a link included; absent where nothing does. Throws os_error.
 [[nodiscard]] std::optional<struct stat> look_at(const Place& place);

@@ -16,7 +16,6 @@ from brackenfen import sync
 from brackenfen.sync_command import library
 from brackenfen.sync_command.events import Heard, listening
 from brackenfen.sync_command.exits import TokenError
-from brackenfen.sync_command.locks import Holder, lock_holder
 from brackenfen.sync_command.probe import Probe, ask
 from brackenfen.sync_command.session import NO_SERVER, Session
 from brackenfen.sync_command.telling import read_manifest
@@ -82,8 +81,8 @@ class Patient:
         return read_manifest(self.directory)[0] if self.directory else None
 
     @cached_property
-    def holder(self) -> Holder | None:
-        return lock_holder(self.directory) if self.directory else None
+    def holder(self) -> sync.LockHolder | None:
+        return sync.lock_holder(self.directory) if self.directory else None
 
     @cached_property
     def manager(self) -> sync.SyncManager | None:
@@ -92,7 +91,9 @@ class Patient:
             return None
         with listening(self.heard):
             try:
-                return sync.SyncManager(self.directory, NO_SERVER, lambda: "")
+                # Without `asking` there is no server, or none that is acceptable.
+                server = NO_SERVER if self.asking is None else self.session.server
+                return sync.SyncManager(self.directory, server, self.session.settings.token)
             except (sync.StateError, OSError):
                 return None
 
@@ -111,20 +112,18 @@ class Patient:
     def version(self) -> Probe | None:
         return self.probe(library.VERSION_PATH)
 
+    @property
+    def is_answered(self) -> bool:
+        """Whether the server takes the token and is a data server."""
+        return self.version is not None and self.version.status == 200
+
     @cached_property
     def era(self) -> dict[str, Any] | None:
-        return self._document(library.ERA_PATH, library.current_era)
-
-    @cached_property
-    def server_manifest(self) -> sync.Manifest | None:
-        return self._document(library.MANIFEST_PATH, library.server_manifest)
-
-    def _document[T](self, path: str, read: Callable[[sync.SyncManager], T]) -> T | None:
-        if self.asking is None or self.version is None or self.version.status != 200:
+        if self.asking is None or not self.is_answered:
             return None
         try:
             with self.session.one_try():
-                return read(self.asking)
+                return library.current_era(self.asking)
         except (sync.SyncError, sync.SyncBackoffCancelled):
             return None
 

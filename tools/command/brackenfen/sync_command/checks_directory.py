@@ -17,9 +17,8 @@ from brackenfen import sync
 from brackenfen.sync_command import library
 from brackenfen.sync_command.checks import Check, Finding, Patient, fault, fine, note
 from brackenfen.sync_command.files import by_kind, leftovers, read_state, rotation_state_error
-from brackenfen.sync_command.planning import differing
 from brackenfen.sync_command.telling import read_manifest
-from brackenfen.sync_command.texts import counted, size
+from brackenfen.sync_command.texts import counted, holder_text, size
 
 CLOCK_SLACK_SECONDS = 60.0
 NAMED = 3
@@ -68,12 +67,12 @@ def locks(patient: Patient) -> Iterator[Finding]:
     if lock_file.is_symlink() or (lock_file.exists() and not lock_file.is_file()):
         yield fault(f"{lock_file} is no regular file, so no pass can lock the directory", f"rm -r {lock_file}")
         return
-    if patient.holder is not None:
-        state = stopped(patient.holder.pid)
-        if state:
-            yield fault(f"{patient.holder} holds the directory and is stopped", f"kill -CONT {patient.holder.pid}, or end it")
+    if (holder := patient.holder) is not None:
+        named = holder_text(holder.pid, holder.command)
+        if stopped(holder.pid):
+            yield fault(f"{named} holds the directory and is stopped", f"kill -CONT {holder.pid}, or end it")
         else:
-            yield note(f"{patient.holder} works on the directory; others wait for it", "nothing: they go on when it is done")
+            yield note(f"{named} works on the directory; others wait for it", "nothing: they go on when it is done")
         return
     descriptor = os.open(directory, os.O_RDONLY | os.O_DIRECTORY)
     try:
@@ -102,23 +101,21 @@ def disk(patient: Patient) -> Iterator[Finding]:
     volume = os.statvfs(directory)
     if volume.f_files and not volume.f_favail:
         yield fault("the file system has no room for another file (inodes)", "remove files, or make the file system anew with more inodes")
-    manifest, manager = patient.server_manifest, patient.manager
-    if manifest is None or manager is None:
+    manager = patient.manager
+    if manager is None or not patient.is_answered:
         yield fine(f"{size(free)} are free") if free > 100_000_000 else fault(f"only {size(free)} are free", "make room")
         return
     try:
-        selection = library.planned_selection(manager, manifest, free, False)
-    except (sync.SyncError, ValueError) as error:
+        with patient.session.one_try():
+            plan = manager.plan()
+    except (sync.SyncError, sync.SyncBackoffCancelled, ValueError) as error:
         if isinstance(error, sync.MandatoryArtifactsTooLargeError):  # of which no budget takes any away
             yield fault(f"{error}", "make room: half of what is free must hold what every client holds")
         elif isinstance(error, sync.DiskSpaceError):
             yield fault(f"{error}", LESS_NEEDED)
         return  # any other is named by the check of its own
-    needed = sum(differing(patient.session, manager, manifest, selection.active_relative_paths).values())
-    if needed > free:
-        yield fault(f"a pass needs {size(needed)}, {size(free)} are free", LESS_NEEDED)
-    else:
-        yield fine(f"a pass needs {size(needed)}, {size(free)} are free")
+    needs = f"a pass needs {size(plan.fetch_bytes)}, {size(plan.free_bytes)} are free"
+    yield fine(needs) if plan.fits else fault(needs, LESS_NEEDED)
 
 
 def left_over(patient: Patient) -> Iterator[Finding]:
@@ -187,9 +184,15 @@ def data_files(patient: Patient) -> Iterator[Finding]:
     if directory is None or manifest is None or manager is None:
         return
     held_back = set(sync.feature_rotation_status_payload(directory)["skipped_relative_paths"])
-    wanted = differing(patient.session, manager, manifest, tuple(path for path in manifest.files if path not in held_back))
+    wanted = [
+        path
+        for path, entry in manifest.files.items()
+        if path not in held_back
+        and not library.is_for_another_platform(entry)
+        and not library.matches(manager, path, library.local_path(directory, path), entry)
+    ]
     if wanted:
-        named = ", ".join(list(wanted)[:NAMED]) + (", ..." if len(wanted) > NAMED else "")
+        named = ", ".join(wanted[:NAMED]) + (", ..." if len(wanted) > NAMED else "")
         yield fault(f"{counted(len(wanted), 'file')} missing or not what the manifest says: {named}", "brackenfen-sync repair")
     else:
         yield fine(f"{counted(len(manifest.files), 'file')} in place by size and hash cache; brackenfen-sync verify reads them")

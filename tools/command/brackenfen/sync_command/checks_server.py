@@ -78,7 +78,7 @@ def token(patient: Patient) -> Iterator[Finding]:
 
 def era(patient: Patient) -> Iterator[Finding]:
     current, manifest = patient.era, patient.manifest
-    if patient.version is None or patient.version.status != 200:
+    if not patient.is_answered:
         return
     if current is None:
         yield fault(f"the server does not tell its era at {library.ERA_PATH}", "no transition can begin: ask whoever runs the server")

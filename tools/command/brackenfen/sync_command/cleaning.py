@@ -11,12 +11,11 @@ from brackenfen import sync
 
 from brackenfen.sync_command import library
 from brackenfen.sync_command.files import Kind, Leftover, by_kind, leftovers, remove, rotation_state_error
-from brackenfen.sync_command.locks import lock_holder
 from brackenfen.sync_command.output import Output
 from brackenfen.sync_command.session import NO_SERVER, Outcome, Session
 from brackenfen.sync_command.telling import read_manifest
 from brackenfen.sync_command.texts import clean as cleaned
-from brackenfen.sync_command.texts import counted, size
+from brackenfen.sync_command.texts import counted, holder_text, size
 
 DAMAGED_STATE = Kind(
     "damaged rotation state", lambda _path, _era: False, "the record of which features are held, which cannot be read",
@@ -45,8 +44,8 @@ def clean(session: Session, yes: bool) -> Outcome:
     directory, output = session.directory, session.output
     things = found(directory)
     asks = not yes and not output.as_json and sys.stdin.isatty()
-    if things and (yes or asks) and (holder := lock_holder(directory)):
-        raise sync.StateError(f"{holder} works on {directory}: nothing is cleaned under its feet")
+    if things and (yes or asks) and (holder := sync.lock_holder(directory)):
+        raise sync.StateError(f"{holder_text(holder.pid, holder.command)} works on {directory}: nothing is cleaned under its feet")
     removed: list[Leftover] = []
     for kind, group in by_kind(things):
         if not output.as_json:

@@ -20,7 +20,7 @@ NEIGHBOURS = {
     "agent_onboarding", "auth", "deployment", "era_config", "identity", "logging_style", "reason_descriptions",
     "runtime_module_freshness", "search_tracking", "sync_backoff",
 }  # fmt: skip
-VERSION_PATH, MANIFEST_PATH, ERA_PATH = "/data/manifest/version", "/data/manifest", "/era/current"
+VERSION_PATH, ERA_PATH = "/data/manifest/version", "/era/current"
 
 
 class Answer:
@@ -61,25 +61,14 @@ def current_era(manager: sync.SyncManager) -> dict[str, Any]:
     return cast(dict[str, Any], _module._normalize_era_current_response(answer.document()))
 
 
-def server_manifest(manager: sync.SyncManager) -> sync.Manifest:
-    return sync.Manifest(require_fine(get(manager, MANIFEST_PATH), MANIFEST_PATH).document())
-
-
-def planned_selection(manager: sync.SyncManager, manifest: sync.Manifest, free_bytes: int, rotate: bool) -> sync.RotationSelection:
-    """What a pass over `manifest` would hold. Raises as a pass does where the disk is too small for it."""
-    inner = cast(Any, manager)
-    plan, explicit = inner._plan_feature_rotation_for_manifest(manifest, free_disk_bytes=free_bytes, force_new_candidate=rotate)
-    inner._precheck_rotation_disk_budget(plan.selection, free_disk_bytes=free_bytes, enforce_default_cap=not explicit)
-    return cast(sync.RotationSelection, plan.selection)
-
-
-def rotation_is_due(manager: sync.SyncManager, manifest: sync.Manifest) -> bool:
-    return cast(bool, cast(Any, manager)._feature_rotation_should_rotate(manifest))
-
-
 def rotation_settings(manager: sync.SyncManager, manifest: sync.Manifest) -> sync.RotationSettings:
     """The directory's own. Raises ValueError that names file and key."""
     return cast(sync.RotationSettings, cast(Any, manager)._feature_rotation_settings_for_manifest(manifest, free_disk_bytes=0)[0])
+
+
+def stated_size(file_info: object) -> int:
+    """The size of a file as an entry of a manifest states it; 0 where it states none."""
+    return cast(int, _module._manifest_size(file_info)[1])
 
 
 def is_for_another_platform(file_info: object) -> bool:
@@ -115,11 +104,6 @@ def unit_of_work(manager: sync.SyncManager) -> Iterator[None]:
         yield
     finally:
         inner._release_flock()
-
-
-def serve_requests(manager: sync.SyncManager) -> None:
-    """Lets the manager answer requests of this process without a poll thread, whose first act would be a pass."""
-    cast(Any, manager)._running = True
 
 
 def settings_in_force() -> dict[str, object]:

@@ -18,12 +18,6 @@ from brackenfen.sync_command.texts import clean, counted, duration, size
 NAMES_TOLD = 20
 
 
-def entry_size(entry: object) -> int:
-    """The stated size of a file; 0 where the manifest states none that is a number."""
-    stated = entry.get("size_bytes") if isinstance(entry, dict) else None
-    return stated if isinstance(stated, int) and not isinstance(stated, bool) and stated > 0 else 0
-
-
 def pass_document(session: Session, manager: sync.SyncManager, result: sync.SyncResult | None, seconds: float) -> dict[str, Any]:
     manifest = manager.get_manifest()
     files = manifest.files if manifest else {}
@@ -33,7 +27,7 @@ def pass_document(session: Session, manager: sync.SyncManager, result: sync.Sync
         "era_number": manifest.era_number if manifest else None,
         "version": manifest.version if manifest else None,
         "files": len(held),
-        "bytes": sum(entry_size(files.get(path)) for path in held),
+        "bytes": sum(library.stated_size(files.get(path)) for path in held),
         "seconds": round(seconds, 3),
     }
     if result is not None:
@@ -168,10 +162,9 @@ def features(session: Session, names: tuple[str, ...], strategy: bool, universe:
     manager = session.manager()
     if manager.get_manifest() is None:
         raise sync.StateError("there is no manifest yet, so no feature is known: brackenfen-sync sync fills the directory")
-    library.serve_requests(manager)
     kind = "STRATEGY" if strategy else "SIGNAL"
     with session.working(manager, writes=True):
-        found = {name: manager.request_feature_files_for_sync([name], expression_type=kind, named_universe=universe) for name in names}
+        found = {name: manager.fetch_features([name], expression_type=kind, named_universe=universe) for name in names}
     unknown = [name for name, paths in found.items() if not paths]
     document = {"directory": str(session.directory), "features": found, "unknown": unknown}
 

@@ -15,7 +15,7 @@ from rich.table import Table
 from rich.text import Text
 
 from brackenfen.sync_command.output import Output
-from brackenfen.sync_command.texts import cause, clean, counted, duration, size
+from brackenfen.sync_command.texts import cause, clean, counted, duration, holder_text, size
 
 LIVE_SECONDS = 0.1
 PLAIN_SECONDS = 0.5
@@ -31,8 +31,7 @@ class Source(Protocol):
 
 def wait_text(wait: sync.Wait | sync.LockWait, now: float) -> str:
     if isinstance(wait, sync.LockWait):
-        holder = "another process" if wait.pid is None else f"process {wait.pid}{f' ({wait.command})' if wait.command else ''}"
-        return clean(f"waiting for {holder}, which works on the directory, since {duration(now - wait.since)}")
+        return clean(f"waiting for {holder_text(wait.pid, wait.command)}, which works on the directory, since {duration(now - wait.since)}")
     left = wait.next_try_at - now
     following = f"next try in {duration(left)}" if left > 0 else "trying again"
     return clean(f"waiting for the server at {wait.endpoint}: {cause(wait.reason)}, attempt {wait.attempt}, {following}")

@@ -5,6 +5,7 @@ from __future__ import annotations
 import json
 import time
 from collections import Counter
+from dataclasses import asdict
 from pathlib import Path
 from typing import Any
 
@@ -13,12 +14,10 @@ from brackenfen import sync
 from brackenfen.sync_command import library
 from brackenfen.sync_command.exits import Exit
 from brackenfen.sync_command.files import EMPTY, leftovers, read_state, rotation_state_error
-from brackenfen.sync_command.locks import Holder, lock_holder
 from brackenfen.sync_command.output import Output
-from brackenfen.sync_command.passes import entry_size
 from brackenfen.sync_command.probe import Probe, ask
 from brackenfen.sync_command.session import Outcome, Session
-from brackenfen.sync_command.texts import ago, cause, clean, counted, duration, moment, size
+from brackenfen.sync_command.texts import ago, cause, clean, counted, duration, holder_text, moment, size
 
 
 def read_manifest(directory: Path) -> tuple[sync.Manifest | None, str | None]:
@@ -56,10 +55,6 @@ def wait_of(directory: Path) -> dict[str, Any] | None:
     return {**told, "next_try_at": next_try_at} if next_try_at > time.time() - 1 else None
 
 
-def holder_document(holder: Holder | None) -> dict[str, object] | None:
-    return {"pid": holder.pid, "command": holder.command} if holder else None
-
-
 def status(session: Session) -> Outcome:
     """Tell what the directory holds and what goes on in it, from its files alone."""
     directory = session.directory
@@ -70,13 +65,13 @@ def status(session: Session) -> Outcome:
     for entry in files.values():
         kind = str(entry.get("kind", "")) if isinstance(entry, dict) else ""
         counts[kind] += 1
-        sizes[kind] += entry_size(entry)
+        sizes[kind] += library.stated_size(entry)
     if damage is not None:
         damage = f"manifest.json: {damage}"
     elif (damage := rotation_state_error(directory)) is not None:
         damage = f"feature-rotation-state.json: {damage}"
     rotation = None if damage else sync.feature_rotation_status_payload(directory, settings_payload=settings_payload(directory))
-    holder = lock_holder(directory)
+    holder = sync.lock_holder(directory)
     era_number = manifest.era_number if manifest else None
     left: Counter[str] = Counter()
     if holder is None:  # what belongs to the work under way is not left over
@@ -91,7 +86,7 @@ def status(session: Session) -> Outcome:
         "bytes": sum(sizes.values()),
         "kinds": {kind: {"files": counts[kind], "bytes": sizes[kind]} for kind in sorted(counts)},
         "damage": damage,
-        "holder": holder_document(holder),
+        "holder": asdict(holder) if holder else None,
         "wait": wait_of(directory),
         "rotation": rotation
         and {name: rotation[name] for name in ("state", "generation", "selected_feature_count", "skipped_feature_count")},
@@ -106,7 +101,7 @@ def status(session: Session) -> Outcome:
             rows = [("era", "none yet: brackenfen-sync sync fills the directory")]
         if rotation and rotation["skipped_feature_count"]:
             rows.append(("rotation", f"{rotation['selected_feature_count']:,} of {rotation['eligible_feature_count']:,} features are held"))
-        rows.append(("at work", str(holder) if holder else "nobody"))
+        rows.append(("at work", holder_text(holder.pid, holder.command) if holder else "nobody"))
         if document["wait"]:
             rows.append(("waiting", "for the server, see brackenfen-sync why"))
         if left:
@@ -132,17 +127,17 @@ def why(session: Session) -> Outcome:
     """Tell what is waited for: which process holds the directory, which try of the server comes next, and whether the server
     answers now."""
     directory = session.directory
-    holder, wait = lock_holder(directory), wait_of(directory)
+    holder, wait = sync.lock_holder(directory), wait_of(directory)
     with session.asking_manager() as manager:
         probe = ask(session, manager, library.VERSION_PATH)
     in_transition = (directory / ".transition_lock").exists()
     document = {
-        "directory": str(directory), "holder": holder_document(holder), "wait": wait, "in_transition": in_transition,
+        "directory": str(directory), "holder": asdict(holder) if holder else None, "wait": wait, "in_transition": in_transition,
         "server": {"address": session.server, **probe.document()},
     }  # fmt: skip
 
     def tell(output: Output) -> None:
-        rows = [("directory", f"{holder} works on it; others wait" if holder else "nobody works on it")]
+        rows = [("directory", f"{holder_text(holder.pid, holder.command)} works on it; others wait" if holder else "nobody works on it")]
         if in_transition:
             rows.append(("transition", "one runs" if holder else "one was killed: brackenfen-sync clean, or the next transition"))
         if wait:

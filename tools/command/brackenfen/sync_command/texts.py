@@ -18,6 +18,15 @@ def cause(reason: object) -> str:
     return str(reason).replace("http_", "HTTP ")
 
 
+def holder_text(pid: int | None, command: str | None) -> str:
+    """The process that works on a directory; what it was started with at most to 120 characters."""
+    if pid is None:
+        return "a process that this one cannot see"
+    if not command:
+        return f"process {pid}"
+    return f"process {pid} ({command if len(command) <= 120 else command[:117] + '...'})"
+
+
 def size(count: float) -> str:
     """Bytes in decimal units, as disks are sold."""
     for factor, unit in FACTORS:
