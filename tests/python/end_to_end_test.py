@@ -19,11 +19,11 @@ from typing import Any
 import brackenfen.sync as sync
 import pytest
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
 TOKEN = "canary-77c0b1"
 CHUNK_BYTES = 65536
 DRIP = "/data/files/*:drip=150000"  # bytes per second and connection: slow enough to be caught in the middle of files
 VOCABULARIES = "named_universes/"
+HOST = "import os, sys; from brackenfen import sync; sync.SyncManager(*sys.argv[1:], lambda: os.environ['BRACKENFEN_TOKEN']).sync()"
 
 
 @dataclasses.dataclass
@@ -130,7 +130,7 @@ def test_a_client_killed_again_and_again_goes_on_where_it_was(
         log = tmp_path / f"{number}.log"
         before = data_set.landed(directory), data_set.staged(directory)
         peer = serve(data_set.tree, "--token", TOKEN, "--log", log, *(["--fault", DRIP] if seconds else []))
-        command = [sys.executable, str(ROOT / "examples/host.py"), str(directory), peer.url]
+        command = [sys.executable, "-c", HOST, str(directory), peer.url]
         environment = os.environ | {"BRACKENFEN_TOKEN": TOKEN}
         with subprocess.Popen(command, env=environment, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True) as host:
             try:
