@@ -167,6 +167,9 @@ void close_gate() {
 void register_exit_hooks() {
   const nb::object end = nb::cpp_function(end_waits);
   try {
+    // Hooks run in reverse. That of the host's thread pools joins their threads, which may be waiting in us, so it must be there
+    // before ours: otherwise it would come whenever the host first uses a pool.
+    nb::module_::import_("concurrent.futures.thread");
     nb::module_::import_("threading").attr("_register_atexit")(end);
   } catch (nb::python_error&) {  // an interpreter without that hook: the later one does both
   }

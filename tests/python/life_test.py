@@ -128,17 +128,25 @@ else: raise SystemExit("not raised")
 """)
 
 
-@pytest.mark.parametrize("daemon", [True, False], ids=["daemon", "joined"])
+STARTS = {
+    "daemon": "threading.Thread(target=seen, daemon=True).start()",
+    "joined": "threading.Thread(target=seen).start()",
+    "pool": "pool.submit(seen)",  # whose module is first imported after this library's
+}
+
+
+@pytest.mark.parametrize("kind", STARTS)
 @pytest.mark.parametrize("where", BLOCKED)
-def test_exit_with_blocked_threads(ends_quietly: Callable[..., None], where: str, daemon: bool) -> None:
+def test_exit_with_blocked_threads(ends_quietly: Callable[..., None], where: str, kind: str) -> None:
     source = f"""
-import atexit
+import atexit, concurrent.futures
+pool = concurrent.futures.ThreadPoolExecutor(3)
 if "{where}" == "lock": manager._acquire_flock()
 def seen():
     try: {where}()
     except SystemExit: raise
     except BaseException as error: print("saw", repr(error), file=sys.stderr)
-for _ in range(3): threading.Thread(target=seen, daemon={daemon}).start()
+for _ in range(3): {STARTS[kind]}
 def busy():
     while True: manager.status(); sync._sha256(b"x" * 100000); sync.Manifest({{"files": {{"a": {{}}}}}})
 for _ in range(2): threading.Thread(target=busy, daemon=True).start()
@@ -148,7 +156,7 @@ def late():
 atexit.register(late)
 sys.exit(7)
 """
-    ends_quietly(source, 7)
+    ends_quietly(source, 7, repeats=1 if kind == "pool" else 5)
 
 
 @pytest.mark.parametrize("where", ["conversion", "caller", "worker", "poll_thread"])
