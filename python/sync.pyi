@@ -588,8 +588,9 @@ class SyncManager:
     def needs_sync(self) -> bool:
         """Whether a pass would find something to do: one request, and a look at each local file.
 
-        True where that cannot be told. Raises SyncUnavailableError where the server does not answer, and
-        json.JSONDecodeError, UnicodeDecodeError or AttributeError where its answer is no JSON object.
+        True where that cannot be told. An outage is waited out as in sync(); a `stop_requested` that ends the wait gives True.
+        Raises SyncUnavailableError where the server itself says that retrying cannot help, and json.JSONDecodeError,
+        UnicodeDecodeError or AttributeError where its answer is no JSON object.
         """
 
     def request_feature_files_for_sync(

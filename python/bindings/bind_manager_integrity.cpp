@@ -59,8 +59,9 @@ void bind_verify_and_repair(nb::class_<ManagerObject>& bound) {
           "needs_sync", [](const ManagerObject& self) { return self.run([](SyncManager& core) { return core.needs_sync(); }); },
           nb::sig("def needs_sync(self) -> bool"),
           "Whether a pass would find something to do: one request, and a look at each local file.\n\n"
-          "True where that cannot be told. Raises SyncUnavailableError where the server does not answer, and\n"
-          "json.JSONDecodeError, UnicodeDecodeError or AttributeError where its answer is no JSON object.");
+          "True where that cannot be told. An outage is waited out as in sync(); a `stop_requested` that ends the wait gives True.\n"
+          "Raises SyncUnavailableError where the server itself says that retrying cannot help, and json.JSONDecodeError,\n"
+          "UnicodeDecodeError or AttributeError where its answer is no JSON object.");
 }
 
 }  // namespace
