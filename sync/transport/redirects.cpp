@@ -20,9 +20,10 @@ class ParsedUrl {
     if (!handle_) throw Error(error_class::MemoryError, "the URL parser could not be set up");
   }
 
-  /// A relative `url` is resolved against what was set before. False, with why() telling, where it is no URL.
+  /// A relative `url` is resolved against what was set before. False, with why() telling, where it is no URL. Any scheme is
+  /// one: which of them this libcurl was built with must not decide what a refusal says.
   [[nodiscard]] bool set(const std::string& url, unsigned flags) {
-    outcome_ = curl_url_set(handle_.get(), CURLUPART_URL, url.c_str(), flags);
+    outcome_ = curl_url_set(handle_.get(), CURLUPART_URL, url.c_str(), flags | CURLU_NON_SUPPORT_SCHEME);
     return outcome_ == CURLUE_OK;
   }
   [[nodiscard]] std::string why() const { return curl_url_strerror(outcome_); }
