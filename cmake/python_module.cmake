@@ -18,6 +18,14 @@ set(version_script ${PROJECT_SOURCE_DIR}/python/sync.map)
 target_link_libraries(sync PRIVATE brackenfen_sync_core)
 target_link_options(sync PRIVATE "-Wl,--version-script=${version_script}")
 target_link_options(sync PRIVATE "-Wl,--wrap=__gxx_personality_v0")  # python/interpreter/gate.cpp says why
+if(BRACKENFEN_STATIC_LIBRARIES)
+  # libgcc stays the system's: the unwinder that ends a thread must be the one that knows this module's frames.
+  target_sources(sync PRIVATE wheel/arc4random.cpp)
+  target_link_options(sync PRIVATE -static-libstdc++)
+  if(SKBUILD_METADATA_DIR)
+    install(DIRECTORY ${BRACKENFEN_STATIC_LIBRARIES}/licences/ DESTINATION ${SKBUILD_METADATA_DIR}/licenses/libraries COMPONENT python)
+  endif()
+endif()
 brackenfen_warnings(sync)
 
 # Importable from the build tree, with its types beside it.

@@ -55,3 +55,8 @@ def test_one_version_everywhere() -> None:
     version = tomllib.loads((ROOT / "pyproject.toml").read_text())["project"]["version"]
     assert f"VERSION {version} " in (ROOT / "CMakeLists.txt").read_text()
     assert f"\n## {version}" in (ROOT / "CHANGELOG.md").read_text()
+
+
+def test_the_wheel_is_built_with_what_an_isolated_build_fetches() -> None:
+    wanted = tomllib.loads((ROOT / "pyproject.toml").read_text())["build-system"]["requires"]
+    assert set(wanted) <= set((ROOT / "requirements-dev.txt").read_text().splitlines())
