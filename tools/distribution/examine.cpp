@@ -74,13 +74,16 @@ class Examination {
       return;
     }
     const UrlParts parts = split_url(base_url);
-    if (names_this_machine(parts.host())) warnings_.push_back("the base URL names this machine: clients elsewhere would ask themselves");
-    if (!parts.query.empty()) warnings_.push_back("the base URL ends in a query, of which the path of each file would become a part");
+    if (names_this_machine(parts.host())) warnings_.emplace_back("the base URL names this machine: clients elsewhere would ask themselves");
+    if (!parts.query.empty()) warnings_.emplace_back("the base URL ends in a query, of which the path of each file would become a part");
   }
 
   void examine_files() {
     const Value files = stated_.get("files");
-    if (!files.is_document()) return warnings_.push_back("no client can complete this set: the manifest has no files");
+    if (!files.is_document()) {
+      warnings_.emplace_back("no client can complete this set: the manifest has no files");
+      return;
+    }
     NamedFiles own, refused, too_long, lost, lost_pnl, dropped, folding;
     LocalFiles local_files(folder_);
     OwnFiles own_files(folder_);

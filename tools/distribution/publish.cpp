@@ -263,7 +263,7 @@ class Publication {
     report_.changes = changes_since(*previous_);
     if (previous_->era != options_.era) return;
     if (changes_seed_)
-      report_.warnings.push_back("clients that have a shuffle seed of this era keep it; another one comes with the next era");
+      report_.warnings.emplace_back("clients that have a shuffle seed of this era keep it; another one comes with the next era");
     const NamedFiles kept = kept_by_clients(previous_->files, files());
     if (kept.empty()) return;
     report_.warnings.push_back(
