@@ -12,7 +12,7 @@ from typing import Any
 import click
 from brackenfen import sync
 
-from brackenfen.sync_command import cleaning, doctor, passes, planning, telling, watching
+from brackenfen.sync_command import cleaning, doctor, passes, planning, reporting, telling, watching
 from brackenfen.sync_command.exits import ADVICE, Exit, exit_code
 from brackenfen.sync_command.output import Output
 from brackenfen.sync_command.session import Outcome, Session
@@ -36,6 +36,7 @@ SHARED_OPTIONS = (
 WAIT_OPTION = click.option(
     "--wait", "wait_seconds", type=click.FloatRange(min=0), metavar="SECONDS", help="Give up when the server is away for so long."
 )
+EVENTS_OPTION = click.option("--events", type=PATH, metavar="FILE", help="Append what happens as JSON lines.")
 
 GROUP_HELP = """Keep a data directory in step with its server.
 
@@ -111,12 +112,17 @@ command(
 command(
     "Keep it up to date until stopped, through eras.",
     watching.watch,
-    click.option("--events", type=PATH, metavar="FILE", help="Append every event as a JSON line."),
+    EVENTS_OPTION,
     examples=("", "--events /var/log/brackenfen-events.jsonl", "--json"),
 )
 command("What the directory holds, and who works on it.", telling.status, examples=("", "-d /data/research --json"))
 command("What is waited for.", telling.why)
-command("Read every file and compare it with the manifest.", passes.verify, examples=("", "--json"))
+command(
+    "Read every file and compare it with the manifest.",
+    passes.verify,
+    EVENTS_OPTION,
+    examples=("", "--events /var/log/brackenfen-events.jsonl", "--json"),
+)
 command(
     "Fetch damaged files anew.",
     passes.repair,
@@ -149,6 +155,15 @@ command(
     examples=("", "--yes"),
 )
 command("Look for faults, and say what to do.", doctor.doctor, examples=("", "--json"))
+command(
+    "Write a page to look at.",
+    reporting.report,
+    click.argument("place", required=False, type=PATH, metavar="[DIR]"),
+    click.option("-o", "--output", "page", type=PATH, default=Path("report.html"), show_default=True, metavar="FILE", help="The page."),
+    click.option("--events", type=PATH, metavar="FILE", help="What watch --events and verify --events recorded."),
+    click.option("--verify", "read_all", is_flag=True, help="Read every file, as the command verify does."),
+    examples=("", "data -o report.html --events events.jsonl", "--verify --json"),
+)
 
 
 def report(error: BaseException, arguments: list[str]) -> Exit:

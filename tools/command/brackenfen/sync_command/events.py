@@ -8,8 +8,10 @@ import threading
 import time
 from collections.abc import Iterator, Mapping
 from contextlib import contextmanager, nullcontext
+from pathlib import Path
 from typing import IO, Any
 
+from brackenfen.sync_command.exits import SettingsError
 from brackenfen.sync_command.output import Output
 from brackenfen.sync_command.texts import clean, duration, stamp
 
@@ -27,6 +29,13 @@ def cause(event: dict[str, Any]) -> str:
     seen = [f"HTTP {status}" for status in event.get("status_sequence", ())] + [*event.get("exception_sequence", ())]
     words = [event.get("last_server_error_code"), event.get("reason")]
     return ", ".join(dict.fromkeys(str(word) for word in [*seen, *words] if word))
+
+
+def opened(path: Path) -> IO[str]:
+    try:
+        return path.open("a", encoding="utf-8")
+    except OSError as error:
+        raise SettingsError(f"the file of events {path} cannot be written: {error.strerror}") from None
 
 
 @contextmanager

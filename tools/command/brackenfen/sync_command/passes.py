@@ -10,6 +10,7 @@ import click
 from brackenfen import sync
 
 from brackenfen.sync_command import library
+from brackenfen.sync_command.events import EventLines, opened
 from brackenfen.sync_command.exits import Exit
 from brackenfen.sync_command.output import Output
 from brackenfen.sync_command.session import Outcome, Session
@@ -91,8 +92,9 @@ def tell_damaged(output: Output, corrupted: list[str], missing: list[str]) -> No
             output.line(f"and {len(paths) - NAMES_TOLD:,} more that are {word}")
 
 
-def verify(session: Session) -> Outcome:
+def verify(session: Session, events: Path | None = None) -> Outcome:
     """Read every local file and compare it with the manifest. Makes no request; exit code 3 where one is not right."""
+    stream = opened(events) if events is not None else None
     manager = session.local_manager()
     manifest = manager.get_manifest()
     began = time.monotonic()
@@ -100,6 +102,10 @@ def verify(session: Session) -> Outcome:
         found = manager.verify()
     seconds = time.monotonic() - began
     files = len(manifest.files) if manifest else 0
+    if stream is not None:
+        told = {"files": files, "corrupted": len(found.corrupted_files), "missing": len(found.missing_files), "seconds": round(seconds, 3)}
+        with stream:
+            EventLines(stream).write({"event_type": "verified", "directory": str(session.directory), **told})
     document = {
         "directory": str(session.directory), "valid": found.valid, "has_manifest": manifest is not None, "files": files,
         "corrupted_files": found.corrupted_files, "missing_files": found.missing_files, "seconds": round(seconds, 3),

@@ -61,5 +61,10 @@ def stamp(seconds: float) -> str:
     return datetime.fromtimestamp(seconds, UTC).isoformat(timespec="milliseconds").replace("+00:00", "Z")
 
 
+def utc(seconds: float | None) -> str:
+    """For a page that travels: the minute, and in which zone."""
+    return "an unknown time" if seconds is None else datetime.fromtimestamp(seconds, UTC).strftime("%-d %b %Y, %H:%M UTC")
+
+
 def counted(count: int, one: str, many: str | None = None) -> str:
     return f"{count:,} {one if count == 1 else many or one + 's'}"

@@ -6,12 +6,11 @@ import contextlib
 import sys
 import time
 from pathlib import Path
-from typing import IO
 
 from brackenfen import sync
 
-from brackenfen.sync_command.events import EventLines, listening
-from brackenfen.sync_command.exits import Exit, SettingsError
+from brackenfen.sync_command.events import EventLines, listening, opened
+from brackenfen.sync_command.exits import Exit
 from brackenfen.sync_command.main import Terminated
 from brackenfen.sync_command.passes import run_pass
 from brackenfen.sync_command.progress import wait_text
@@ -28,13 +27,6 @@ def idle_text(manager: sync.SyncManager) -> str:
     age = "" if health.last_good_pass_age_s is None else f", last good pass {duration(health.last_good_pass_age_s)} ago"
     failure = f"; {health.last_error}" if health.last_error else ""
     return clean(f"era {health.era_number}, version {health.version}{age}{failure}")
-
-
-def opened(path: Path) -> IO[str]:
-    try:
-        return path.open("a", encoding="utf-8")
-    except OSError as error:
-        raise SettingsError(f"the file of events {path} cannot be written: {error.strerror}") from None
 
 
 def work(session: Session, manager: sync.SyncManager, lines: list[EventLines]) -> None:
