@@ -76,8 +76,7 @@ std::vector<std::string> SyncManager::Pass::files_to_remove(bool is_transition) 
     }
   }
   std::ranges::sort(doomed);
-  const auto twice = std::ranges::unique(doomed);
-  doomed.erase(twice.begin(), twice.end());
+  doomed.erase(std::unique(doomed.begin(), doomed.end()), doomed.end());
   return doomed;
 }
 

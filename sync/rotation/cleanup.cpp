@@ -57,7 +57,7 @@ std::vector<std::string> find_files_not_kept(std::string_view data_dir, const Te
                .found =
                    [&](const Place& place) {
                      if (!respelt) respelt = in_local_spelling(keep);
-                     const std::string local_path = place.path();
+                     const std::string& local_path = place.path();
                      const std::string_view relative_path = std::string_view(local_path).substr(root.path().size() + 1);
                      if (!contains(*respelt, relative_path)) found(place, relative_path);
                    },

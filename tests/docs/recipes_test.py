@@ -17,7 +17,7 @@ TOKEN = "canary-9a41"
     ("recipe", "shown"),
     [
         ("tqdm", r"waiting for /data/manifest/version: http_503, attempt 1[\s\S]+sync: downloading: +[1-9]\d?%[\s\S]+B/s"),
-        ("rich", r"sync: \w+ +━+.* [\d.]+/[\d.]+ \wB .*\wB/s"),
+        ("rich", r"sync: \w+ +━+.* [\d.]+/[\d.]+ \wB"),
         ("A notebook", r"waiting for /data/manifest/version: http_503[\s\S]+<progress value='[1-9]\d*' max='\d+'></progress> sync: down"),
     ],
 )
