@@ -21,6 +21,7 @@ from markdown_it import MarkdownIt
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 PAGES = [ROOT / "README.md", *sorted((ROOT / "docs").glob("*.md"))]
 TOKEN = "canary-d0c5"
+LANGUAGES = {"python", "sh", "console", "text", "json", "toml"}  # console: what was typed behind "$ ", and what came
 RUN = {"sync", "status", "why", "verify", "plan", "rotation", "era", "doctor"}  # what the command may do in a test as it stands
 
 each_page = pytest.mark.parametrize("page", PAGES, ids=lambda page: page.stem)
@@ -34,8 +35,13 @@ def blocks(page, language):
     """The blocks in that language, each behind as many lines as in its page, but for those below a `<!-- not run: why -->`."""
     for before, token in itertools.pairwise([None, *tokens_of(page)]):
         marked = before is not None and before.type == "html_block" and before.content.startswith("<!-- not run: ")
+        assert token.type != "fence" or token.info in LANGUAGES, token.content
         if token.type == "fence" and token.info == language and not marked:
             yield "\n" * (token.map[0] + 1) + token.content
+
+
+def lines(page, language):
+    return itertools.chain(*(block.replace("\\\n", "").splitlines() for block in blocks(page, language)))
 
 
 @pytest.fixture(scope="session")
@@ -87,12 +93,14 @@ def check_words(program, words, tool):
 def test_commands_are_as_written(page, site, tool):
     given = {"BRACKENFEN_DIRECTORY": "data", "BRACKENFEN_SERVER": site.url, "BRACKENFEN_TOKEN": TOKEN, "XDG_CONFIG_HOME": "/nowhere"}
     command = [sys.executable, "-m", "brackenfen.sync_command"]
-    for line in itertools.chain(*(site.real(block).replace("\\\n", "").splitlines() for block in blocks(page, "sh"))):
-        program, *words = itertools.takewhile(lambda word: word not in ("&", "&&", "|", ">", ";"), shlex.split(line, comments=True) or [""])
+    shown = [line.removeprefix("$ ") for line in lines(page, "console") if line.startswith("$ ")]  # of a directory in some state of its own
+    for line, runs in [(line, True) for line in lines(page, "sh")] + [(line, False) for line in shown]:
+        split = shlex.split(site.real(line), comments=True) or [""]
+        program, *words = itertools.takewhile(lambda word: not re.match(r"\d?[<>]|[&|;]", word), split)
         if program not in ("brackenfen-sync", "brackenfen-distribution", "./dev") or not words:
             continue
         check_words(program, words, tool)
-        if program == "brackenfen-sync" and words[0] in RUN:
+        if program == "brackenfen-sync" and words[0] in RUN and runs:
             for arguments in (["sync"], words):
                 done = subprocess.run([*command, *arguments], env=os.environ | given, capture_output=True, text=True, timeout=60)
                 assert done.returncode == 0, line + done.stdout + done.stderr
