@@ -103,7 +103,6 @@ class History:
 
     first: float | None = None
     last: float | None = None
-    lines: int = 0
     unreadable: int = 0
     """Lines that are no events: not JSON, too long, without a time."""
     begins_later: bool = False
@@ -258,7 +257,6 @@ def is_open(path: Path) -> bool:
 
 def read_lines(stream: IO[bytes], history: History) -> None:
     while line := stream.readline(LINE_BYTES):
-        history.lines += 1
         rest = line
         while len(rest) == LINE_BYTES and not rest.endswith(b"\n"):
             rest = stream.readline(LINE_BYTES)  # of a line that is too long to be an event
