@@ -18,11 +18,12 @@ async def sync_once(manager: sync.SyncManager, directory: str) -> sync.SyncResul
     with sync.backoff_context(data_dir=directory, surface="asyncio host", stop_requested=stop.is_set):  # goes along to the thread
         work = asyncio.create_task(asyncio.to_thread(manager.sync))
         try:
-            return await asyncio.shield(work)
+            await asyncio.wait([work])  # which leaves it running where this is cancelled
         except asyncio.CancelledError:
             stop.set()
             await asyncio.gather(work, return_exceptions=True)  # a request that is under way ends first
             raise
+        return work.result()
 
 
 async def on_era(event: str, era_number: int) -> None:

@@ -77,7 +77,7 @@ RotationCatalog rotation_catalog(NeighbourSet& neighbours, Manifest& manifest) {
   if (std::optional<RotationCatalog> remembered = manifest.rotation_catalog(identity)) return *std::move(remembered);
   const Document data = manifest.data();
   const ArtifactsRef artifacts = _rotation_manifest_artifacts(neighbours, Value(data), manifest.files());
-  const RotationCatalog catalog{artifacts, _rotation_catalog_context_from_manifest(data, *artifacts)};
+  RotationCatalog catalog{artifacts, _rotation_catalog_context_from_manifest(data, *artifacts)};
   manifest.remember_rotation_catalog(identity, data, catalog);
   return catalog;
 }
