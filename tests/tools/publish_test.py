@@ -1,11 +1,16 @@
 """`publish`: from a folder of artifacts to a tree, again and again, under the eyes of readers."""
 
+import fcntl
 import json
 import os
+import pty
+import re
 import resource
 import shutil
 import signal
+import struct
 import subprocess
+import termios
 import threading
 
 import pytest
@@ -37,8 +42,9 @@ def source(tmp_path):
 
 
 def test_manifest_describes_every_artifact(tool, source, tmp_path):
-    write_files(source, {"shuffle_seed.enc": b"s" * 60, ".sync_hash_cache.json": {}, "manifest.json": {}, "x.arrow.tmp": b""})
-    tool("publish", source, tmp_path / "tree", "--era", 4, "--version", 9, "--base-url", "https://cdn.example.com/4")
+    write_files(source, {"shuffle_seed.enc": b"s" * 60, ".sync_hash_cache.json": {}, "manifest.json": {}, "x.tmp": b"", ".\x1b[2J\n\x9b": b""})
+    said = tool("publish", source, tmp_path / "tree", "--era", 4, "--version", 9, "--base-url", "https://cdn.example.com/4")
+    assert ".\\x1b[2J\\x0a\\x9b" in said  # not for the terminal to obey
     manifest = assert_complete(tmp_path / "tree")
     assert (manifest["era_number"], manifest["version"], manifest["base_url"]) == (4, 9, "https://cdn.example.com/4")
     assert (manifest["signals_index"], manifest["functions"]) == ("signals_index.json", "functions.json")
@@ -231,7 +237,6 @@ def test_full_disk_leaves_the_tree_as_it_was(tool, source, tmp_path):
     write_files(source, {"new/folder/large": b"x" * 100_000, "features/signal_is/plain.arrow": b"other"})
     for limit in (50_000, 500):  # a write fails as on a full disk: that of an artifact, or of the manifest when all artifacts are staged
         def fill_up(limit=limit):
-            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
             resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit))
 
         assert "File too large" in tool("publish", source, tree, "--era", 4, "--version", 2, code=1, preexec_fn=fill_up)
@@ -254,6 +259,39 @@ def test_signal_during_a_long_publication_leaves_the_tree_as_it_was(tool, tool_p
         said = process.communicate(timeout=20)[1]
     assert process.returncode == -number and "before anything was published" in said
     assert state_of(tree) == before
+
+
+@pytest.fixture
+def start(tool_path, source, tmp_path):
+    """Begins a long publication."""
+
+    def run(*prefix, size=1 << 27, **options):
+        (source / "long").touch()
+        os.truncate(source / "long", size)
+        switches = ("--era", "4", "--version", "1", "--link", "--progress", "0.001")
+        return subprocess.Popen([*prefix, tool_path, "publish", source, tmp_path / "tree", *switches], **options)
+
+    return run
+
+
+@pytest.mark.parametrize("streams", [">/dev/full 2>&1", "2>&1 | true", ">&- 2>&-"], ids=["full", "gone", "closed"])
+def test_publication_goes_on_where_nobody_listens(start, tmp_path, streams):
+    assert start("sh", "-c", f'"$@" {streams}', "sh").wait(60) == 0
+    assert_complete(tmp_path / "tree")
+
+
+def test_progress_keeps_to_one_line_of_a_narrow_terminal(start):
+    ours, theirs = pty.openpty()
+    fcntl.ioctl(theirs, termios.TIOCSWINSZ, struct.pack("4H", 24, 20, 0, 0))
+    with start(stderr=theirs, stdout=subprocess.DEVNULL, env={**os.environ, "TERM": "xterm"}):
+        assert re.match(rb"\rpublishing: [^\r]{7}\x1b\[K", os.read(ours, 1000))
+
+
+def test_file_that_is_replaced_before_it_is_linked_is_told(start, source):
+    with start(size=1 << 30, stderr=subprocess.PIPE, text=True) as process:
+        process.stderr.readline()
+        os.replace(write_files(source.parent / "other", {"long": b"other"}) / "long", source / "long")
+        assert "long changed while it was being published" in process.communicate(timeout=60)[1]
 
 
 @pytest.mark.parametrize(("arguments", "words"), [(["publsh", "a"], "no command 'publsh'"), (["--loud"], "no option '--loud'"), ([], "is needed")])

@@ -15,14 +15,11 @@
 #include "sync/era/era_current.hpp"
 #include "tools/distribution/check.hpp"
 #include "tools/distribution/report.hpp"
+#include "tools/distribution/say.hpp"
+#include "tools/distribution/stop.hpp"
 
 namespace brackenfen::sync::distribution {
 namespace {
-
-void say(const std::string& line) {
-  fmt::print("{}\n", line);
-  std::fflush(stdout);  // a pipe would hold it back until the end of the course
-}
 
 void wait(double seconds) { Clock::real().sleep(std::max(0.0, seconds)); }
 
@@ -68,19 +65,19 @@ class Course {
     switch (step) {
       case EraStep::Announce:
         status.next_closing_at = time_in(options_.announced_seconds);
-        say(fmt::format("era {}: closes at {}", published.era, *status.next_closing_at));
+        say(stdout, fmt::format("era {}: closes at {}", published.era, *status.next_closing_at));
         break;
       case EraStep::Close:
         status.state = "closing";
-        say(fmt::format("era {}: closing", published.era));
+        say(stdout, fmt::format("era {}: closing", published.era));
         break;
       case EraStep::Reopen:
-        say(fmt::format("era {}: active again", published.era));
+        say(stdout, fmt::format("era {}: active again", published.era));
         break;
       case EraStep::Gap:
         status.era.reset();
         status.state = "between_eras";
-        say(fmt::format("between eras: {} is over", published.era));
+        say(stdout, fmt::format("between eras: {} is over", published.era));
         break;
       case EraStep::Open:
         open(published, source);
@@ -109,9 +106,10 @@ class Course {
     publication.pnl_column_count = before.pnl_column_count;
     publication.base_url = before.base_url;
     const PublishReport report = publish(publication);
-    say(fmt::format("era {}: active, version {}: {} files ({} placed, {} kept, {} dropped)", publication.era, publication.version,
-                    report.files, report.placed, report.kept, report.dropped));
+    say(stdout, fmt::format("era {}: active, version {}: {} files ({} placed, {} kept, {} dropped)", publication.era, publication.version,
+                            report.files, report.placed, report.kept, report.dropped));
     print_warnings(report.warnings);
+    stop_point(Stage::Published);
   }
 
   const AdvanceOptions& options_;

@@ -15,6 +15,7 @@
 #include "sync/base/files/descriptor.hpp"
 #include "sync/base/text/text.hpp"
 #include "sync/base/values/convert.hpp"
+#include "tools/distribution/say.hpp"
 
 namespace brackenfen::sync::distribution {
 namespace {
@@ -203,7 +204,7 @@ void FaultTable::refresh() {
   try {
     replace_file_rules(version.inode == 0 ? std::vector<Fault>{} : parse_fault_lines(read_file(file_)));
   } catch (const Error& error) {
-    fmt::print(stderr, "{}: {}; the earlier faults stay in force\n", file_, error.text());
+    say(stderr, fmt::format("{}: {}; the earlier faults stay in force", file_, error.text()));
   }
 }
 

@@ -21,6 +21,7 @@
 #include "tools/distribution/examine.hpp"
 #include "tools/distribution/report.hpp"
 #include "tools/distribution/sample.hpp"
+#include "tools/distribution/say.hpp"
 #include "tools/distribution/serve.hpp"
 #include "tools/distribution/stop.hpp"
 
@@ -175,6 +176,7 @@ void add_publish(CLI::App& app, PublishOptions& options) {
       throw CLI::ValidationError("--base-url", "no client accepts it: " + *objection);
     }
     print_report(publish(options));
+    stop_point(Stage::Published);
   });
 }
 
@@ -189,7 +191,7 @@ void add_check(CLI::App& app, std::string& tree) {
     print_warnings(warnings);
     const std::string what = fmt::format("era {} version {}: {} files", published.era, published.version, published.files.size());
     if (!warnings.empty()) throw RuntimeError(what + ", on which clients would stumble");
-    fmt::print("{}, nothing that clients would stumble on\n", what);
+    say(stdout, what + ", nothing that clients would stumble on");
   });
 }
 
@@ -243,8 +245,8 @@ void add_sample(CLI::App& app, SampleOptions& options) {
   command.add_flag("--source", options.source_only, "Leave folders of artifacts instead of trees");
   command.callback([&options] {
     const SampleReport report = make_sample(options);
-    fmt::print("sample of {} files, {} bytes{}\n", report.files, report.bytes, report.folders.size() > 1 ? " in each era" : "");
-    for (const std::string& folder : report.folders) fmt::print("  {}\n", folder);
+    say(stdout, fmt::format("sample of {} files, {} bytes{}", report.files, report.bytes, report.folders.size() > 1 ? " in each era" : ""));
+    for (const std::string& folder : report.folders) say(stdout, "  " + folder);
   });
 }
 
@@ -293,17 +295,19 @@ void add_advance(CLI::App& app, AdvanceOptions& options) {
 void tell_commands(CLI::App& app) {
   const std::vector<std::string> unknown = app.remaining();
   if (unknown.empty()) {
-    fmt::print(stderr, "brackenfen-distribution: a command is needed\n");
+    say(stderr, "brackenfen-distribution: a command is needed");
   } else {
     const bool is_option = unknown.front().starts_with('-');
-    fmt::print(stderr, "brackenfen-distribution: there is no {} '{}'\n", is_option ? "option" : "command", unknown.front());
+    say(stderr, fmt::format("brackenfen-distribution: there is no {} '{}'", is_option ? "option" : "command", unknown.front()));
   }
   std::string names;
   for (const CLI::App* command : app.get_subcommands({})) names += (names.empty() ? "" : ", ") + command->get_name();
-  fmt::print(stderr, "The commands are {}.\nRun with --help for more information.\n", names);
+  say(stderr, "The commands are " + names + ".");
+  say(stderr, "Run with --help for more information.");
 }
 
 int run(int argument_count, char** arguments) {
+  prepare_streams();
   CLI::App app("Makes, fills and serves distribution trees:\nwhat a data server publishes to its clients.", "brackenfen-distribution");
   app.require_subcommand(1);
   app.get_formatter()->column_width(26);
@@ -325,12 +329,16 @@ int run(int argument_count, char** arguments) {
     tell_commands(app);
     return 2;
   } catch (const Error& error) {
-    fmt::print(stderr, "brackenfen-distribution: {}\n", error.text());
+    say(stderr, "brackenfen-distribution: " + error.text());
     return 1;
   } catch (const Stopped& stopped) {
-    fmt::print(stderr, "brackenfen-distribution: stopped ({}) before anything was published\n", ::strsignal(stopped.signal));
+    const char* const when = stopped.stage == Stage::Published ? "after all was" : "before anything was";
+    say(stderr, fmt::format("brackenfen-distribution: stopped ({}) {} published", ::strsignal(stopped.signal), when));
     std::signal(stopped.signal, SIG_DFL);
-    std::raise(stopped.signal);  // a shell script that runs the tool is to end too
+    std::raise(stopped.signal);              // a shell script that runs the tool is to end too
+  } catch (const std::exception& failure) {  // of the system: no thread, no memory
+    say(stderr, std::string("brackenfen-distribution: ") + failure.what());
+    return 1;
   }
   return 0;
 }

@@ -1,6 +1,7 @@
 #include "tools/distribution/progress.hpp"
 
 #include <fmt/core.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
+#include <system_error>
 
 #include "sync/base/threads/clock.hpp"
 
@@ -20,6 +22,15 @@ bool is_terminal() {
   const char* const kind = std::getenv("TERM");
   return ::isatty(STDERR_FILENO) == 1 && kind != nullptr && std::string_view(kind) != "dumb";
 }
+
+/// One more character would begin another line, which no later one overwrites.
+std::size_t terminal_columns() {
+  winsize size{};
+  return ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1 ? size.ws_col - 1U : std::string::npos;
+}
+
+/// A terminal may have hung up, and a file be full.
+void put(std::string_view text) { static_cast<void>(std::fwrite(text.data(), 1, text.size(), stderr)); }
 
 }  // namespace
 
@@ -37,14 +48,18 @@ std::string size_text(std::int64_t bytes) {
 
 Progress::Progress(std::size_t files, std::int64_t bytes, double line_seconds)
     : files_(files), bytes_(bytes), on_terminal_(is_terminal()), line_seconds_(on_terminal_ ? TERMINAL_LINE_SECONDS : line_seconds) {
-  if (line_seconds > 0) teller_ = std::jthread([this](const std::stop_token& stop) { run(stop); });
+  if (line_seconds <= 0) return;
+  try {
+    teller_ = std::jthread([this](const std::stop_token& stop) { run(stop); });
+  } catch (const std::system_error&) {  // the work goes on untold
+  }
 }
 
 Progress::~Progress() {
   if (!teller_.joinable()) return;
   teller_.request_stop();
   teller_.join();
-  if (on_terminal_) fmt::print(stderr, "\r\x1b[K");
+  if (on_terminal_) put("\r\x1b[K");
 }
 
 void Progress::run(const std::stop_token& stop) {
@@ -54,8 +69,7 @@ void Progress::run(const std::stop_token& stop) {
     waker_.wait_for(lock, stop, std::chrono::duration<double>(line_seconds_), [] { return false; });
     if (stop.stop_requested()) return;
     const std::string text = line(Clock::real().monotonic_seconds() - began);
-    fmt::print(stderr, "{}{}{}", on_terminal_ ? "\r" : "", text, on_terminal_ ? "\x1b[K" : "\n");
-    std::fflush(stderr);
+    put(on_terminal_ ? "\r" + text.substr(0, terminal_columns()) + "\x1b[K" : text + "\n");
   }
 }
 

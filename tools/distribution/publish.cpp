@@ -17,6 +17,7 @@
 #include "sync/base/error.hpp"
 #include "sync/base/files/descriptor.hpp"
 #include "sync/base/files/paths.hpp"
+#include "sync/base/files/place.hpp"
 #include "sync/base/files/sha256.hpp"
 #include "sync/base/threads/clock.hpp"
 #include "sync/base/values/json.hpp"
@@ -73,7 +74,8 @@ void copy_all(const Descriptor& from, std::int64_t size_bytes, const Descriptor&
     const auto wanted = static_cast<std::size_t>(std::min<std::int64_t>(size_bytes - offset, COPY_BYTES));
     const ssize_t copied = ::copy_file_range(from.get(), &offset, to.get(), nullptr, wanted, 0);
     if (copied > 0 || (copied < 0 && errno == EINTR)) continue;
-    if (copied == 0) return;  // the source has shrunk; the caller notices
+    if (copied == 0 && offset > 0) return;  // the source has shrunk; the caller notices
+    if (copied == 0) break;                 // or its file system leaves the reading to us
     if (offset > 0 || (errno != EXDEV && errno != ENOSYS && errno != EINVAL && errno != EOPNOTSUPP)) throw os_error(errno, path);
     break;
   }
@@ -162,6 +164,7 @@ class Publication {
       progress.add_file();
     });
     for (const Artifact& artifact : artifacts_) {
+      stop_point();
       report_.bytes += artifact.size_bytes;
       ++(artifact.staged.empty() ? report_.kept : report_.placed);
       if (!artifact.staged.empty()) staging_->add_move(artifact.staged, paths_.file(artifact.source.relative_path));
@@ -175,15 +178,24 @@ class Publication {
     artifact.size_bytes = before.st_size;
     artifact.sha256 = hash_all(file, path, progress);
     if (!is_in_place(artifact, before)) {
-      if (!options_.link || ::link(path.c_str(), staged.c_str()) != 0) {
+      if (!options_.link || !is_linked(file, path, staged)) {
         Descriptor copy = open_file(staged, O_WRONLY | O_CREAT | O_EXCL);
         copy_all(file, artifact.size_bytes, copy, staged);
         copy.close();  // some file systems tell only here that they are full
       }
       artifact.staged = staged;
     }
-    if (!same_content(before, status_of(file, path))) throw RuntimeError(fmt::format("{} changed while it was being published", path));
+    if (!same_content(before, status_of(file, path))) throw changed(path);
   }
+
+  /// Whether a link could be made. It is of what has that name now, which may be another file than the one that was read.
+  static bool is_linked(const Descriptor& file, const std::string& path, const std::string& staged) {
+    if (::linkat(AT_FDCWD, path.c_str(), AT_FDCWD, staged.c_str(), AT_SYMLINK_FOLLOW) != 0) return false;
+    if (file_id(staged) != file_id(file)) throw changed(path);
+    return true;
+  }
+
+  static Error changed(const std::string& path) { return RuntimeError(fmt::format("{} changed while it was being published", path)); }
 
   /// The digest in the tree's own manifest is taken at its word.
   [[nodiscard]] bool is_in_place(const Artifact& artifact, const struct stat& source) const {

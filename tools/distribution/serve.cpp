@@ -21,6 +21,7 @@
 #include "tools/distribution/body.hpp"
 #include "tools/distribution/range.hpp"
 #include "tools/distribution/resource.hpp"
+#include "tools/distribution/say.hpp"
 
 namespace brackenfen::sync::distribution {
 namespace {
@@ -235,11 +236,9 @@ void Server::run() {
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
   ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  ::signal(SIGPIPE, SIG_IGN);  // sending from a file raises it where a peer is gone
   open_port();
   const bool is_ipv6 = address_.ss_family == AF_INET6;
-  fmt::print("serving {} at http://{}:{}\n", options_.tree, is_ipv6 ? "[" + options_.host + "]" : options_.host, port_);
-  std::fflush(stdout);
+  say(stdout, fmt::format("serving {} at http://{}:{}", options_.tree, is_ipv6 ? "[" + options_.host + "]" : options_.host, port_));
   constexpr timespec look_around{0, 50'000'000};
   for (;;) {
     const int signal = ::sigtimedwait(&signals, nullptr, &look_around);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <fmt/core.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,22 +16,12 @@
 #include "sync/base/files/paths.hpp"
 
 namespace brackenfen::sync::distribution {
-namespace {
-
-dev_t device_of(const std::string& folder) {
-  struct stat status {};
-  if (::stat(folder.c_str(), &status) != 0) throw os_error(errno, folder);
-  return status.st_dev;
-}
-
-}  // namespace
-
 Staging::Staging(TreePaths paths) : paths_(std::move(paths)), folders_{paths_.files()} {
   std::error_code failure;
   std::filesystem::remove_all(paths_.staging(), failure);
   if (failure) throw os_error(failure.value(), paths_.staging());
   make_directories(paths_.staging());
-  device_ = device_of(paths_.staging());
+  mount_ = mount_of(paths_.staging());
 }
 
 Staging::~Staging() {
@@ -44,7 +35,7 @@ void Staging::add_move(std::string staged, std::string target) {
   if (folder != folders_.back()) {
     folders_.push_back(folder);  // first, for it may be made in part
     make_directories(folder);
-    if (device_of(folder) != device_) throw RuntimeError(fmt::format("{} is on another file system than {}", folder, paths_.staging()));
+    if (mount_of(folder) != mount_) throw RuntimeError(fmt::format("{} is on another file system than {}", folder, paths_.staging()));
   }
   if (is_directory(target)) throw RuntimeError(fmt::format("{} is a folder in the tree, but a file in what is published", target));
   moves_.emplace_back(std::move(staged), std::move(target));
@@ -62,6 +53,12 @@ void Staging::commit() {
   for (const auto& [staged, target] : moves_) {
     if (::rename(staged.c_str(), target.c_str()) != 0) throw os_error(errno, staged, target);
   }
+}
+
+Staging::Mount Staging::mount_of(const std::string& folder) {
+  struct statx status {};
+  if (::statx(AT_FDCWD, folder.c_str(), 0, STATX_INO | STATX_MNT_ID, &status) != 0) throw os_error(errno, folder);
+  return {makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_mnt_id};
 }
 
 void Staging::remove_empty_folders() {

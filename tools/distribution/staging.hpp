@@ -1,8 +1,7 @@
 // What a publication prepares beside a tree, so that nothing but renames is left to do when the first of them is made.
 #pragma once
 
-#include <sys/types.h>
-
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -33,10 +32,16 @@ class Staging {
   void commit();
 
  private:
+  /// What a rename cannot leave: a mount, which a file system may have several of.
+  struct Mount {
+    std::uint64_t device = 0, id = 0;
+    bool operator==(const Mount&) const = default;
+  };
+  static Mount mount_of(const std::string& folder);
   void remove_empty_folders();
 
   const TreePaths paths_;
-  dev_t device_ = 0;
+  Mount mount_;
   std::vector<std::string> folders_;  // made for the moves
   std::vector<std::pair<std::string, std::string>> moves_;
   bool committed_ = false;

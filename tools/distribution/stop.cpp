@@ -27,8 +27,8 @@ StopSignals::~StopSignals() {
   for (const auto& [signal, before] : before_) ::sigaction(signal, &before, nullptr);
 }
 
-void stop_point() {
-  if (const int signal = received) throw Stopped{signal};
+void stop_point(Stage stage) {
+  if (const int signal = received) throw Stopped{signal, stage};
 }
 
 }  // namespace brackenfen::sync::distribution

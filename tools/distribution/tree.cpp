@@ -15,6 +15,7 @@
 #include "sync/base/values/convert.hpp"
 #include "sync/base/values/json.hpp"
 #include "tools/distribution/kinds.hpp"
+#include "tools/distribution/stop.hpp"
 
 namespace brackenfen::sync::distribution {
 namespace {
@@ -58,6 +59,7 @@ class SourceWalk {
   }
 
   void visit(const std::string& relative_path) {
+    stop_point();
     struct stat status {};
     if (::lstat(local(relative_path).c_str(), &status) != 0) throw os_error(errno, local(relative_path));
     if (is_private_to_clients(relative_path)) {
