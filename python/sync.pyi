@@ -421,7 +421,7 @@ class LockWait:
     pid: int | None
     """Of that process; None where the system's lock table does not tell."""
     command: str | None
-    """Its command line; None where it may not be looked at."""
+    """Its command line, at most 4 KiB of it; None where it may not be looked at."""
 
 @dataclass(frozen=True)
 class LockHolder:
@@ -430,7 +430,7 @@ class LockHolder:
     pid: int | None
     """None where the system's lock table does not tell, as for a process in another container."""
     command: str | None
-    """Its command line; None where it may not be looked at."""
+    """Its command line, at most 4 KiB of it; None where it may not be looked at."""
 
 def lock_holder(data_dir: _Path) -> LockHolder | None:
     """The process that works on a directory at this moment, this one included; None for nobody.

@@ -80,7 +80,7 @@ nb::dict make_records() {
   add("LockHolder", {{"pid", "int | None"}, {"command", "str | None"}},
       "A process that works on a directory.\n\n"
       "pid: None where the system's lock table does not tell, as for one in another container. command: its command line,\n"
-      "None where it may not be looked at.");
+      "at most 4 KiB of it, None where it may not be looked at.");
   add("SyncPlan",
       {{"era_number", "int"},
        {"version", "int"},

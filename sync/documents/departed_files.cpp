@@ -8,7 +8,8 @@
 
 namespace brackenfen::sync {
 
-std::vector<DepartedFile> departed_files(const std::string& data_dir, const Value& old_files, const Value& new_files) {
+std::vector<DepartedFile> departed_files(const std::string& data_dir, const Value& old_files, const Value& new_files,
+                                         const std::unordered_set<std::string>& live_paths) {
   const Document* const departing = old_files.if_document();
   const Document* const present = new_files.if_document();
   std::vector<DepartedFile> departed;
@@ -18,7 +19,8 @@ std::vector<DepartedFile> departed_files(const std::string& data_dir, const Valu
     if (present != nullptr && present->contains(member.key)) continue;
     try {
       std::string live_path = _manifest_local_path(data_dir, member.key);
-      if (!own_files.contains_local(live_path)) departed.push_back({member.key.str(), std::move(live_path)});
+      if (!live_paths.contains(live_path) && !own_files.contains_local(live_path))
+        departed.push_back({member.key.str(), std::move(live_path)});
     } catch (const Error& error) {
       if (!error.is(error_class::ManifestError)) throw;
     }

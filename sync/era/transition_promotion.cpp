@@ -50,8 +50,7 @@ void SyncManager::Transition::prepare_promotion() {
 void SyncManager::Transition::find_departed_files() {
   const std::shared_ptr<Manifest> old_manifest = manager_._manifest.get();
   if (!old_manifest) return;
-  for (DepartedFile& departed : departed_files(data_dir_, old_manifest->files(), new_manifest_->files())) {
-    if (live_paths_.contains(departed.live_path)) continue;
+  for (DepartedFile& departed : departed_files(data_dir_, old_manifest->files(), new_manifest_->files(), live_paths_)) {
     departed_files_.push_back(std::move(departed.file_path));
     departed_paths_.insert(std::move(departed.live_path));
   }

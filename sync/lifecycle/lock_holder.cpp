@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cinttypes>
+#include <csignal>
 #include <cstdio>
 #include <vector>
 
@@ -23,11 +24,12 @@ namespace {
 
 constexpr const char* LOCK_TABLE = "/proc/locks";
 constexpr std::size_t LONGEST_TABLE_BYTES = 1048576;
-constexpr std::size_t LONGEST_COMMAND_BYTES = 65536;
 
 std::optional<std::string> command_of(pid_t pid) {
   try {
-    std::string command = read_file("/proc/" + std::to_string(pid) + "/cmdline", LONGEST_COMMAND_BYTES);
+    const std::string path = "/proc/" + std::to_string(pid) + "/cmdline";
+    std::string command(LONGEST_COMMAND_BYTES, '\0');
+    command.resize(read_some(open_file(path, O_RDONLY), command.data(), command.size(), path));
     std::replace(command.begin(), command.end(), '\0', ' ');
     const std::string_view shown = strip(command);
     return shown.empty() ? std::nullopt : std::optional<std::string>(shown);
@@ -35,6 +37,9 @@ std::optional<std::string> command_of(pid_t pid) {
     return std::nullopt;
   }
 }
+
+/// The table goes on naming a process that has left its lock to a child, and its number may be another's one day.
+bool has_ended(pid_t pid) { return ::kill(pid, 0) != 0 && errno == ESRCH; }
 
 /// Whether a process has a lock on this very file; false too where the process may not be looked at.
 bool has_locked(pid_t pid, const FileId& file) {
@@ -72,7 +77,7 @@ std::optional<LockHolder> find_lock_holder(const FileId& locked_file) {
     unsigned major_number = 0, minor_number = 0;
     std::uint64_t inode = 0;
     if (std::sscanf(text.c_str(), "%*u: FLOCK %*s WRITE %d %x:%x:%" SCNu64, &pid, &major_number, &minor_number, &inode) != 4) continue;
-    if (inode != locked_file.inode || pid <= 0) continue;
+    if (inode != locked_file.inode || pid <= 0 || has_ended(pid)) continue;
     if (makedev(major_number, minor_number) == locked_file.device) {
       holder = pid;
       break;

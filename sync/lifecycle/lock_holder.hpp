@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <optional>
 #include <string>
 
@@ -10,9 +11,12 @@
 
 namespace brackenfen::sync {
 
+inline constexpr std::size_t LONGEST_COMMAND_BYTES = 4096;
+
 struct LockHolder {
-  std::optional<pid_t> pid;            ///< absent where the table does not tell
-  std::optional<std::string> command;  ///< its command line; absent where it may not be read, or the process has gone
+  std::optional<pid_t> pid;  ///< absent where the table does not tell
+  /// Its command line, or the first LONGEST_COMMAND_BYTES; absent where it may not be read.
+  std::optional<std::string> command;
 };
 
 /// Who holds the flock of a file. Absent where nobody does, and where the table does not tell: a file system of the network,

@@ -5,6 +5,8 @@ import logging
 import os
 import pathlib
 import pickle
+import subprocess
+import sys
 import threading
 import time
 from collections.abc import Callable, Iterator
@@ -90,15 +92,25 @@ def test_done_is_never_more_than_total(manager: sync.SyncManager, server: Any) -
 
 
 def test_who_holds_the_directory(manager: sync.SyncManager, program: Any) -> None:
-    holder = program(LOCK_HOLDER, manager._flock_path)
+    holder = program(LOCK_HOLDER, manager._flock_path, "x" * 100_000)
     holder.wait_for("held")
     syncing = Syncing(manager)
     seen = syncing.shows(lambda each: each.wait)
     assert seen.phase == "waiting" and isinstance(seen.wait, sync.LockWait)
-    assert seen.wait.pid == holder.process.pid and "fcntl.flock" in str(seen.wait.command) and manager.health().waiting_for == seen.wait
+    assert seen.wait.pid == holder.process.pid and "fcntl.flock" in str(seen.wait.command) and len(str(seen.wait.command)) == 4096
+    assert manager.health().waiting_for == seen.wait
     holder.finish()
     syncing.thread.join()
     assert syncing.failure is None
+
+
+FORKING = "import fcntl, os, sys; fcntl.flock(os.open(sys.argv[1], os.O_RDONLY), fcntl.LOCK_EX); os.fork() and os._exit(0); sys.stdin.read()"
+
+
+def test_process_that_has_ended_is_not_named(tmp_path: pathlib.Path) -> None:
+    with subprocess.Popen([sys.executable, "-c", FORKING, tmp_path], stdin=subprocess.PIPE) as taker:
+        taker.wait()
+        assert sync.lock_holder(tmp_path) == sync.LockHolder(None, None)  # but its child, which has the lock now, is there
 
 
 def test_health_tells_how_it_went(manager: sync.SyncManager, server: Any) -> None:
@@ -137,15 +149,18 @@ def test_a_plan_is_what_then_happens(manager: sync.SyncManager, server: Any, cha
         server.add(a, b"other bytes")
         server.add(d, b"new")
         (directory / "features/stranger.arrow").touch()
+        if change == "era":  # the same file in another spelling, and features that this era keeps
+            server.entries[c.replace("us", "./us")] = server.entries.pop(c)
+            manager._prefetched_feature_era_id, manager._prefetched_feature_relative_paths = 7, {a}
     elif change == "damage":
         (directory / c).write_bytes(b"x" * 10)
         (directory / "named_universes/us/vocabulary.json").unlink()
     elif change == "rotation":
         (directory / "feature-rotation-settings.json").write_text(json.dumps({"feature_budget_gb": 20 / 2**30}))
         os.utime(sync.feature_rotation_state_path(directory), (0, 0))
-    before, asked = contents(directory), len(server.requests)
+    before, asked, prefetched = contents(directory), len(server.requests), manager._prefetched_feature_relative_paths
     plan = manager.plan()
-    assert contents(directory) == before and [path for path, _ in server.requests[asked:]] == ["/data/manifest"]
+    assert contents(directory) == before and manager._prefetched_feature_relative_paths == prefetched and [path for path, _ in server.requests[asked:]] == ["/data/manifest"]
     manager.trigger_era_transition(8) if change == "era" else manager.sync()
     fetched = {path for path, _ in server.requests[asked:] if path.startswith("/data/files/")}
     assert fetched == {f"/data/files/{path}" for path in plan.fetch}
