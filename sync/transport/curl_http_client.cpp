@@ -1,6 +1,7 @@
 #include <memory>
 #include <optional>
 
+#include "sync/base/log.hpp"
 #include "sync/transport/curl_transfer.hpp"
 #include "sync/transport/header_rules.hpp"
 #include "sync/transport/http_client.hpp"
@@ -39,6 +40,8 @@ class CurlHttpClient final : public HttpClient {
     for (;;) {
       auto transfer = std::make_unique<CurlTransfer>(route, *environment, timeout_seconds, kept);
       transfer->wait_for_headers();
+      if (transfer->status() == 401 && !route.origin_without_token().empty())  // another token would not help
+        log_warning("HTTP 401 after a redirect to %s, where the token does not go", route.origin_without_token());
       if (!is_redirect_status(transfer->status())) return transfer;
       const std::optional<std::string_view> location = header_value(transfer->headers(), "Location");
       if (!location || location->empty()) return transfer;

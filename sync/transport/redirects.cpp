@@ -103,7 +103,8 @@ void RequestRoute::follow(std::string_view location, const TransportSecurity& ma
   url_ = target.url();
   is_encrypted_ = target.scheme() == "https";
   if (target.origin() == origin) return;
-  std::erase_if(headers_, [](const auto& header) { return ascii_lower(header.first) == "authorization"; });
+  const auto erased = std::erase_if(headers_, [](const auto& header) { return ascii_lower(header.first) == "authorization"; });
+  if (erased != 0) origin_without_token_ = target.origin();
 }
 
 }  // namespace brackenfen::sync

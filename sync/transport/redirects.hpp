@@ -25,6 +25,8 @@ class RequestRoute {
   /// The headers to ask with. Authorization is gone once a redirect has left the first origin, for good.
   [[nodiscard]] const Headers& headers() const noexcept { return headers_; }
   [[nodiscard]] bool is_encrypted() const noexcept { return is_encrypted_; }
+  /// The origin that a redirect led to, and before which Authorization was taken away; empty: there is none.
+  [[nodiscard]] const std::string& origin_without_token() const noexcept { return origin_without_token_; }
 
   /// Goes on to `location`, absolute or relative to url(). Throws RedirectRefusedError, saying why, where the
   /// target is refused; its text holds the target's scheme and host at most.
@@ -34,6 +36,7 @@ class RequestRoute {
   std::string url_;
   bool is_encrypted_ = false;
   Headers headers_;
+  std::string origin_without_token_;
   int redirects_ = 0;
 };
 

@@ -21,6 +21,7 @@
 #include "sync/transport/request_environment.hpp"
 #include "tests/support/failures.hpp"
 #include "tests/support/fake_environment.hpp"
+#include "tests/support/recording_log.hpp"
 #include "tests/support/scripted_server.hpp"
 #include "tests/support/temporary_directory.hpp"
 
@@ -406,6 +407,12 @@ TEST(HttpClient, followsRedirectsAndKeepsTheTokenAtItsOrigin) {
   EXPECT_EQ(stranger.requests("/back").at(0).header("Authorization"), std::nullopt);
   EXPECT_EQ(stranger.requests("/back").at(0).header("Range"), "bytes=0-");
   EXPECT_EQ(home.requests("/target?q=1").back().header("Authorization"), std::nullopt) << "once gone, a stranger cannot bring it back";
+
+  const RecordingLog log;
+  stranger.script("/back", {{.status = 401}});
+  for (const Headers& sent : {headers, Headers()}) EXPECT_EQ(open(home.url("/abroad"), sent)->status(), 401);
+  EXPECT_EQ(log.messages(LogLevel::Warning),
+            std::vector{"HTTP 401 after a redirect to " + stranger.url("") + ", where the token does not go"});
 }
 
 TEST(HttpClient, keepsConnectionsToTheirOriginsWhereItIsToldTo) {
