@@ -3,6 +3,7 @@
 import ast
 import inspect
 import json
+import os
 import pathlib
 import subprocess
 import sys
@@ -184,6 +185,14 @@ assert len({{module.SyncError for module in modules}}) == 1
     for program in (source, in_threads):
         done = subprocess.run([sys.executable, "-c", program], capture_output=True, text=True, timeout=60)
         assert (done.returncode, done.stderr) == (0, "")
+
+
+@pytest.mark.parametrize("text, code, said", [("[[[", 0, ""), ("openssl_conf=a\n[a]\nproviders=b\n[b]\nno=c\n[c]\nactivate=1", 1, "OPENSSL_CONF")])
+def test_a_configuration_of_openssl_that_does_not_serve(tmp_path: pathlib.Path, text: str, code: int, said: str) -> None:
+    (tmp_path / "openssl.cnf").write_text(text)
+    given = os.environ | {"OPENSSL_CONF": str(tmp_path / "openssl.cnf")}
+    done = subprocess.run([sys.executable, "-c", "import brackenfen.sync"], capture_output=True, text=True, env=given, timeout=60)
+    assert done.returncode == code and said in done.stderr
 
 
 def test_subinterpreters_are_refused() -> None:

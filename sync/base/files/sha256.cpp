@@ -10,7 +10,8 @@ namespace brackenfen::sync {
 namespace {
 
 void require(int success) {
-  if (success != 1) throw RuntimeError("SHA-256 is not available from the cryptographic library");
+  // What takes it away is a configuration whose providers cannot be loaded.
+  if (success != 1) throw RuntimeError("OpenSSL has no SHA-256 here: look at its configuration (OPENSSL_CONF)");
 }
 
 /// Looked up once for the process and never freed: a look-up costs more than a small digest.
