@@ -8,14 +8,13 @@ import pathlib
 import re
 import shlex
 import subprocess
-import sys
 import threading
 from types import SimpleNamespace
 
 import brackenfen.sync as sync
 import click
 import pytest
-from brackenfen.sync_command.cli import group
+from brackenfen.sync_command.cli import group, run
 from markdown_it import MarkdownIt
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -90,9 +89,10 @@ def check_words(program, words, tool):
 
 
 @each_page
-def test_commands_are_as_written(page, site, tool):
-    given = {"BRACKENFEN_DIRECTORY": "data", "BRACKENFEN_SERVER": site.url, "BRACKENFEN_TOKEN": TOKEN, "XDG_CONFIG_HOME": "/nowhere"}
-    command = [sys.executable, "-m", "brackenfen.sync_command"]
+def test_commands_are_as_written(page, site, tool, monkeypatch, capsys):
+    given = {"DIRECTORY": "data", "SERVER": site.url, "TOKEN": TOKEN, "CONFIG": os.devnull}
+    for name, value in given.items():
+        monkeypatch.setenv(f"BRACKENFEN_{name}", value)
     shown = [line.removeprefix("$ ") for line in lines(page, "console") if line.startswith("$ ")]  # of a directory in some state of its own
     for line, runs in [(line, True) for line in lines(page, "sh")] + [(line, False) for line in shown]:
         split = shlex.split(site.real(line), comments=True) or [""]
@@ -102,8 +102,7 @@ def test_commands_are_as_written(page, site, tool):
         check_words(program, words, tool)
         if program == "brackenfen-sync" and words[0] in RUN and runs:
             for arguments in (["sync"], words):
-                done = subprocess.run([*command, *arguments], env=os.environ | given, capture_output=True, text=True, timeout=60)
-                assert done.returncode == 0, line + done.stdout + done.stderr
+                assert run(arguments) == 0, (line, *capsys.readouterr())
 
 
 @each_page
