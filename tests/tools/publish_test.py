@@ -298,3 +298,9 @@ def test_file_that_is_replaced_before_it_is_linked_is_told(start, source):
 def test_unknown_command_is_named_with_those_there_are(tool, arguments, words):
     said = tool(*arguments, code=2)
     assert words in said and "The commands are publish, check, serve, sample, advance." in said
+
+
+@pytest.mark.parametrize("seconds", ["nan", "inf", "-1"])
+def test_time_that_is_none_is_refused_in_short(tool, seconds):
+    said = tool("publish", "a", "b", "--era", 1, "--version", 1, "--progress", seconds, code=2)
+    assert f"'{seconds}' is no number of seconds, 0 or more\n" in said

@@ -29,6 +29,7 @@ namespace brackenfen::sync::distribution {
 namespace {
 
 constexpr std::int64_t MOST = 1'000'000'000'000'000;  // keeps sums of a few such numbers within 64 bits
+constexpr double MOST_SECONDS = 1e9;                  // in nanoseconds, too
 
 constexpr const char* PUBLISH_FOOTER =
     R"(The kind of a file follows from its path:
@@ -141,6 +142,15 @@ Examples:
 /// A whole number within limits, which the help does not spell out.
 CLI::Validator whole_number(std::int64_t least = 0, std::int64_t most = MOST) { return CLI::Range(least, most).description(""); }
 
+CLI::Validator number_of_seconds() {
+  const auto objection = [](const std::string& text) {
+    double number = 0;
+    const bool is_one = CLI::detail::lexical_cast(text, number) && number >= 0 && number <= MOST_SECONDS;
+    return is_one ? std::string() : fmt::format("'{}' is no number of seconds, 0 or more", text);
+  };
+  return CLI::Validator(objection, "");
+}
+
 /// One of the names of a table, which an error spells out. `table` must outlive it.
 template <typename T>
 CLI::Validator name_of(const std::map<std::string, T>& table) {
@@ -167,7 +177,7 @@ void add_publish(CLI::App& app, PublishOptions& options) {
       "--no-check", [&options] { options.check_documents = false; }, "Publish documents even where they are wrong for\nthe era");
   command
       .add_option("--progress", options.progress_seconds, "Time between two lines on how far it is, where\nthere is no terminal; 0: none")
-      ->check(CLI::NonNegativeNumber.description(""))
+      ->check(number_of_seconds())
       ->type_name("SECONDS")
       ->capture_default_str();
   command.callback([&options] {
@@ -266,10 +276,7 @@ void add_advance(CLI::App& app, AdvanceOptions& options) {
       ->transform(name_of(STEPS))  // asked first
       ->type_name("STEP");
   const auto add_seconds = [&](const char* name, double& seconds, const char* description) {
-    command.add_option(name, seconds, description)
-        ->check(CLI::NonNegativeNumber.description(""))
-        ->type_name("SECONDS")
-        ->capture_default_str();
+    command.add_option(name, seconds, description)->check(number_of_seconds())->type_name("SECONDS")->capture_default_str();
   };
   add_seconds("--active", options.active_seconds, "How long an era stays active");
   add_seconds("--announced", options.announced_seconds, "How long before its end the close is\nannounced");
