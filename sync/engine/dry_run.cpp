@@ -57,8 +57,8 @@ SyncPlan SyncManager::Pass::plan() {
   collect_downloads();
 
   SyncPlan plan;
-  plan.era_number = server_->era_number();
-  plan.version = server_->version();
+  plan.era_number = manifest_integer(server_->era_number(), "era_number");
+  plan.version = manifest_integer(server_->version(), "version");
   plan.is_transition = local_ && local_->era_number() != server_->era_number();
   plan.keep = kept_;
   plan.remove = files_to_remove(plan.is_transition);

@@ -1,6 +1,7 @@
 """`publish`: from a folder of artifacts to a tree, again and again, under the eyes of readers."""
 
 import fcntl
+import functools
 import json
 import os
 import pty
@@ -252,7 +253,8 @@ def test_signal_during_a_long_publication_leaves_the_tree_as_it_was(tool, tool_p
     (source / "long").touch()
     os.truncate(source / "long", 1 << 36)  # a minute's worth of hashing, and no room on the disk
     command = [tool_path, "publish", source, tree, "--era", "4", "--version", "2", "--link", "--progress", "0.01"]
-    with subprocess.Popen(command, stderr=subprocess.PIPE, text=True) as process:
+    heed = functools.partial(signal.signal, number, signal.SIG_DFL)  # what a shell starts in the background ignores SIGINT
+    with subprocess.Popen(command, stderr=subprocess.PIPE, text=True, preexec_fn=heed) as process:
         assert " of 11 files, " in process.stderr.readline()
         assert (tree / ".publishing").exists()
         process.send_signal(number)
@@ -288,7 +290,7 @@ def test_progress_keeps_to_one_line_of_a_narrow_terminal(start):
 
 
 def test_file_that_is_replaced_before_it_is_linked_is_told(start, source):
-    with start(size=1 << 30, stderr=subprocess.PIPE, text=True) as process:
+    with start(size=1 << 28, stderr=subprocess.PIPE, text=True) as process:
         process.stderr.readline()
         os.replace(write_files(source.parent / "other", {"long": b"other"}) / "long", source / "long")
         assert "long changed while it was being published" in process.communicate(timeout=60)[1]
