@@ -20,13 +20,11 @@ class Search:
     def __init__(self, directory: str, named_universe: str) -> None:
         self.named_universe = named_universe  # by this name the library finds the search's vocabulary
         self._folder = Path(directory, "features", named_universe, "signal_is")
-        self._features: list[str] = []
-        self._lock, self._paused = threading.Lock(), False
+        self._features, self._lock, self._paused = list[str](), threading.Lock(), False
         threading.Thread(target=self._run, daemon=True).start()
 
     def refresh_rotation_scope(self, rotation_state: Any, scoped_vocabulary: dict[str, Any]) -> None:
-        """On the syncing thread, once the files are as the new selection has them. Must be quick, and not sync."""
-        self._features = sorted(scoped_vocabulary["features"])
+        self._features = sorted(scoped_vocabulary["features"])  # on the syncing thread, once the files are there: be quick, do not sync
         print(f"{self.named_universe}: generation {rotation_state.generation}, {len(self._features)} features", flush=True)
 
     def on_era(self, event: str, era_number: int) -> None:
@@ -46,14 +44,16 @@ class Search:
 
 if __name__ == "__main__":
     directory, server_url, *universes = sys.argv[1:]
+    Path(directory).mkdir(parents=True, exist_ok=True)
     manager = sync.SyncManager.get_or_create(directory, server_url, lambda: os.environ["BRACKENFEN_TOKEN"])
-    for search in [Search(directory, universe) for universe in universes]:
+    for search in (Search(directory, universe) for universe in universes):
         manager.register_rotation_search_consumer(search)
         manager.register_era_callback(search.on_era)
-    with contextlib.suppress(sync.EraError):  # the server went on while this host was away: the watcher follows it
-        manager.sync()  # tells the searches what is held, where nothing is new too
-    manager.acquire()
-    with contextlib.suppress(KeyboardInterrupt):
+    manager.stop_ends_waits = True  # else a stop waits until a server that is away answers
+    with contextlib.suppress(KeyboardInterrupt), contextlib.ExitStack() as stack:
+        with contextlib.suppress(sync.EraError):  # the server went on while this host was away: the watcher follows it
+            manager.sync()  # tells the searches what is held, where nothing is new too
+        manager.acquire()
+        stack.callback(manager.release)
         while manager.is_alive():
             time.sleep(1)
-    manager.release()

@@ -16,9 +16,9 @@ TOKEN = "canary-9a41"
 @pytest.mark.parametrize(
     ("recipe", "shown"),
     [
-        ("tqdm", r"waiting for /data/manifest/version: http_503, attempt 1[\s\S]+sync: downloading: +[1-9]\d?%[\s\S]+B/s"),
-        ("rich", r"sync: \w+ +━+.* [\d.]+/[\d.]+ \wB"),
-        ("A notebook", r"waiting for /data/manifest/version: http_503[\s\S]+<progress value='[1-9]\d*' max='\d+'></progress> sync: down"),
+        ("tqdm", r"waiting for the server: http_503, attempt 1[\s\S]+sync: downloading: +[1-9]\d?%[\s\S]+B/s[\s\S]+done: 100%"),
+        ("rich", r"sync: done +━+ ([\d.]+)/\1 \wB "),
+        ("A notebook", r"waiting for the server: http_503[\s\S]+<progress value='[1-9]\d*' max='\d+'></progress> sync: down"),
     ],
 )
 def test_a_recipe_shows_how_far_it_is(recipe: str, shown: str, tool: Any, serve: Any, tmp_path: pathlib.Path, monkeypatch: Any) -> None:
