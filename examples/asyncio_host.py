@@ -8,7 +8,6 @@ import os
 import signal
 import sys
 import threading
-from pathlib import Path
 
 from brackenfen import sync
 
@@ -34,7 +33,7 @@ async def on_era(event: str, era_number: int) -> None:
 
 async def main() -> None:
     directory, server_url = sys.argv[1:]
-    Path(directory).mkdir(parents=True, exist_ok=True)
+    os.makedirs(directory, exist_ok=True)
     loop, task = asyncio.get_running_loop(), asyncio.current_task()
     loop.add_signal_handler(signal.SIGTERM, lambda: task and task.cancel())  # Ctrl-C cancels it as it is
     manager = sync.SyncManager.get_or_create(directory, server_url, lambda: os.environ["BRACKENFEN_TOKEN"])

@@ -92,6 +92,8 @@ def next_era(site, tmp_path):
         (["sync"], {}, 0, {"era_number", "version", "files", "bytes", "bytes_downloaded", "seconds"}),
         (["status"], {"BRACKENFEN_SERVER": None}, 0, {"era_number", "kinds", "holder", "wait", "rotation", "leftovers", "damage"}),
         (["why"], {}, 0, {"holder", "wait", "server", "in_transition"}),
+        (["why"], {"BRACKENFEN_SERVER": None, "BRACKENFEN_TOKEN_FILE": "/nowhere/token"}, 0, {"holder", "server"}),
+        (["why"], {"BRACKENFEN_TOKEN_FILE": "/nowhere/token"}, 0, {"holder", "server"}),
         (["verify"], {"BRACKENFEN_SERVER": None}, 0, {"valid", "corrupted_files", "missing_files"}),
         (["repair"], {}, 0, {"repaired"}),
         (["repair", FEATURE], {}, 0, {"repaired", "bytes_downloaded"}),
@@ -122,6 +124,8 @@ def test_exit_codes_and_documents(site, directory, arguments, changes, code, key
     assert (document["exit_code"], document["ok"], document["command"]) == (code, code == 0, arguments[0]) and keys <= set(document)
     plain = run(site, *arguments, directory=directory, **changes)
     assert plain.returncode == code and (plain.stdout or plain.stderr)
+    assert not document.get("error") or plain.stderr.count(document["error"]["message"].removesuffix(".")) == 1, plain.stderr
+    assert "SyncBackoffCancelled" not in plain.stderr
     for text in (done.stdout, done.stderr, plain.stdout, plain.stderr):
         assert "\x1b" not in text and TOKEN not in text and "Traceback" not in text
 
@@ -140,6 +144,28 @@ def test_what_is_damaged_too_large_or_of_another_era_has_a_code_of_its_own(site,
     document = json.loads(run(site, "sync", "--json", directory=directory, **another).stdout)
     assert (document["transition_from"], document["era_number"]) == (1, 2)
     assert run(site, "era", directory=directory, **another).returncode == 0
+    for name in ("manifest.json", "feature-rotation-state.json"):
+        (directory / name).write_bytes(b"")
+    assert run(site, "clean", "--yes", directory=directory).stderr.startswith("warning: Failed to load manifest")
+    for command in (["status"], ["verify"], ["repair"], ["features", "close"], ["era"]):
+        assert run(site, *command, directory=directory).returncode == 3, command
+
+
+@pytest.mark.parametrize(
+    ("arguments", "token", "streams", "code", "said"),
+    [
+        ("sync", TOKEN, ">&- 2>&-", 0, ""),
+        ("sync --json", "wrong", ">&-", 5, "error: Authentication failed"),
+        ("sync", "wrong", "2>/dev/full", 5, ""),
+        ("status", TOKEN, ">/dev/full", 1, "error: standard output cannot be written: No space left on device\n"),
+        ("status --json", TOKEN, ">/dev/full", 1, "error: standard output cannot be written: No space left on device\n"),
+    ],
+)
+def test_streams_that_take_nothing_change_no_result(site, directory, arguments, token, streams, code, said):
+    words = ["sh", "-c", f"{sys.executable} -m brackenfen.sync_command {arguments} {streams}"]
+    given = environment(site, directory, BRACKENFEN_TOKEN=token)
+    done = subprocess.run(words, env=given, capture_output=True, text=True, timeout=60)
+    assert done.returncode == code and done.stderr.startswith(said) and bool(said) == bool(done.stderr), done.stderr
 
 
 HOLDER = "import fcntl, os, signal, sys; fcntl.flock(os.open(sys.argv[1], os.O_RDONLY), fcntl.LOCK_EX); print('holds', flush=True); os.kill(os.getpid(), signal.SIGSTOP)"
@@ -199,6 +225,7 @@ FAULTS = {
     "plain http": (given(BRACKENFEN_SERVER="http://203.0.113.1"), "server", "https", "--server"),
     "maintenance": (faulty("*:status=503,error-code=MAINTENANCE"), "server", "HTTP 503", "retry_later"),
     "another server": (faulty("*:status=404"), "server", "has no", "address"),
+    "login page": (faulty("*:wrong-bytes"), "server", "no JSON", "login page"),
     "no TLS there": (lambda site, **_: {"BRACKENFEN_SERVER": site.url.replace("http:", "https:")}, "server", "SSLError", "TLS"),
     "no authorities": (lambda site, **_: {"BRACKENFEN_SERVER": site.url.replace("http:", "https:"), "SSL_CERT_FILE": "/nowhere"}, "server", "TrustStoreError", "SSL_CERT_FILE"),
     "no token": (given(BRACKENFEN_TOKEN=None), "token", "none is given", "--token-file"),
@@ -261,6 +288,7 @@ def test_an_interrupt_ends_cleanly_in_one_line(site, directory, tmp_path, argume
     process.send_signal(end)
     out, err = process.communicate(timeout=20)
     assert process.returncode == code and err.splitlines()[-1].startswith(last) and "Traceback" not in err, err
+    assert all(err.splitlines()), "no line is empty"
     if "--events" in arguments:
         events = [json.loads(line) for line in (tmp_path / "events").read_text().splitlines()]
         assert [events[0]["event_type"], events[-1]["event_type"]] == ["watch_started", "watch_ended"] and all(
@@ -287,6 +315,14 @@ def test_without_its_extra_the_command_says_what_to_install(site, tmp_path):
     (tmp_path / "click.py").write_text("raise ModuleNotFoundError(\"No module named 'click'\", name='click')")
     done = run(site, "status", PYTHONPATH=f"{tmp_path}:{os.environ['PYTHONPATH']}")
     assert (done.returncode, done.stderr) == (2, "brackenfen-sync needs the package click: pip install 'brackenfen-sync[cli]'\n")
+
+
+def test_a_signal_in_the_middle_of_an_import_is_not_lost(site, tmp_path):
+    (tmp_path / "click.py").write_text(
+        "import os, signal\nclass Last:\n    def __del__(self): os.kill(os.getpid(), signal.SIGTERM)\nLast()\nraise SystemExit(9)"
+    )
+    done = run(site, "status", PYTHONPATH=f"{tmp_path}:{os.environ['PYTHONPATH']}")
+    assert (done.returncode, done.stderr) == (130, "interrupted\n")
 
 
 def test_bars_fit_the_terminal_and_show_no_escapes_of_a_server():

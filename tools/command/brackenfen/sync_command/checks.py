@@ -78,7 +78,9 @@ class Patient:
 
     @cached_property
     def manifest(self) -> sync.Manifest | None:
-        return read_manifest(self.directory)[0] if self.directory else None
+        with contextlib.suppress(PermissionError):
+            return read_manifest(self.directory)[0] if self.directory else None
+        return None
 
     @cached_property
     def holder(self) -> sync.LockHolder | None:
@@ -115,7 +117,7 @@ class Patient:
     @property
     def is_answered(self) -> bool:
         """Whether the server takes the token and is a data server."""
-        return self.version is not None and self.version.status == 200
+        return self.version is not None and self.version.is_data
 
     @cached_property
     def era(self) -> dict[str, Any] | None:

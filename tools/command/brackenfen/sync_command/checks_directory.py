@@ -17,7 +17,7 @@ from brackenfen import sync
 from brackenfen.sync_command import library
 from brackenfen.sync_command.checks import Check, Finding, Patient, fault, fine, note
 from brackenfen.sync_command.files import by_kind, leftovers, read_state, rotation_state_error
-from brackenfen.sync_command.telling import read_manifest
+from brackenfen.sync_command.telling import MANIFEST_MENDS, read_manifest
 from brackenfen.sync_command.texts import counted, holder_text, size
 
 CLOCK_SLACK_SECONDS = 60.0
@@ -46,14 +46,13 @@ def rights(patient: Patient) -> Iterator[Finding]:
     if os.statvfs(directory).f_flag & os.ST_RDONLY:
         yield fault("its file system is mounted read-only", "mount -o remount,rw, and look for errors of the disk in dmesg")
         return
-    manifest = directory / "manifest.json"
     refused = ""
     if patient.directory is None:
         refused = "read it"
     elif not os.access(directory, os.W_OK):
         refused = "write it"
-    elif not readable(manifest):
-        refused = "read manifest.json"
+    elif closed := closed_state(directory):
+        refused = f"read {closed}"
     if refused:
         yield fault(f"user {getpass.getuser()} may not {refused}", f"chown -R {getpass.getuser()} {directory}")
     else:
@@ -131,13 +130,14 @@ def left_over(patient: Patient) -> Iterator[Finding]:
         yield fault(what, kind.goes) if kind.name == "transition lock" else note(what, f"goes with {kind.goes}")
 
 
-def readable(path: Path) -> bool:
-    """Whether this user may read a file, or there is none; the check of permissions tells of those that are closed."""
-    return not path.exists() or os.access(path, os.R_OK)
+def closed_state(directory: Path) -> str | None:
+    """The first state file that is there and that this user may not read; the check of permissions tells of it."""
+    names = ("manifest.json", "feature-rotation-state.json")
+    return next((name for name in names if (directory / name).exists() and not os.access(directory / name, os.R_OK)), None)
 
 
 def state_files(patient: Patient) -> Iterator[Finding]:
-    if (directory := patient.directory) is None or not readable(directory / "manifest.json"):
+    if (directory := patient.directory) is None or closed_state(directory):
         return
     findings = list(damaged_state(directory, patient))
     yield from findings
@@ -149,7 +149,7 @@ def state_files(patient: Patient) -> Iterator[Finding]:
 
 def damaged_state(directory: Path, patient: Patient) -> Iterator[Finding]:
     if (damage := read_manifest(directory)[1]) is not None:
-        yield fault(f"manifest.json is damaged: {damage}", f"{SYNC_MENDS} writes it anew; files that are right stay")
+        yield fault(f"manifest.json is damaged: {damage}", MANIFEST_MENDS)
     if (damage := rotation_state_error(directory)) is not None:
         yield fault(f"feature-rotation-state.json is damaged, so no host starts: {damage}", "brackenfen-sync clean resets it")
     for name, harm in (

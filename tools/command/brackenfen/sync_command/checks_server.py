@@ -16,6 +16,7 @@ from brackenfen import sync
 from brackenfen.sync_command import library
 from brackenfen.sync_command.checks import Check, Finding, Patient, fault, fine, note
 from brackenfen.sync_command.events import Heard, listening
+from brackenfen.sync_command.telling import era_text
 
 ADVICE = {
     "ConnectionRefusedError": "is the server up, is the port right, does a firewall refuse?",
@@ -55,6 +56,8 @@ def server(patient: Patient) -> Iterator[Finding]:
         )
     elif probe.status == 404:
         yield fault(f"it answers, but has no {library.VERSION_PATH}", "is the address that of a data server, is anything published there?")
+    elif probe.status == 200 and not probe.is_data:
+        yield fault("it answers, but not as a data server: no JSON", "is the address right, does a login page or a proxy stand before it?")
     elif probe.status in (200, 401, 403):
         yield fine("it answers")
     else:
@@ -72,6 +75,8 @@ def token(patient: Patient) -> Iterator[Finding]:
     elif probe.status in (401, 403):
         given = f"the server refuses the token of {source}" if str(source) != "nowhere" else "the server wants a token, and none is given"
         yield fault(f"{given}: HTTP {probe.status}", "renew it; --token-file, --token-command or BRACKENFEN_TOKEN say where it comes from")
+    elif not probe.is_data:
+        yield note("not known to be taken, since no data server answers")
     else:
         yield fine("the server takes it" if str(source) != "nowhere" else "none is given, and the server wants none")
 
@@ -90,7 +95,7 @@ def era(patient: Patient) -> Iterator[Finding]:
             "brackenfen-sync sync goes there; a host that runs does so by itself",
         )
     else:
-        yield fine(f"the server is {'between eras' if there is None else f'in era {there}'}, {current.get('state')}")
+        yield fine(f"the server is {'' if there is None else 'in '}{era_text(current)}")
     if (needed := current.get("min_library_version")) not in (None, "0.0.0"):
         yield note(f"the era needs brackenfen-sync {needed} or newer; this is {sync.__version__}")
 

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import logging
 import sys
 from pathlib import Path
 from typing import Any
@@ -10,6 +11,7 @@ import click
 from brackenfen import sync
 
 from brackenfen.sync_command import library
+from brackenfen.sync_command.events import Spoken, listening
 from brackenfen.sync_command.files import Kind, Leftover, by_kind, leftovers, remove, rotation_state_error
 from brackenfen.sync_command.output import Output
 from brackenfen.sync_command.session import NO_SERVER, Outcome, Session
@@ -50,13 +52,13 @@ def clean(session: Session, yes: bool) -> Outcome:
     for kind, group in by_kind(things):
         if not output.as_json:
             output.line(cleaned(f"{kind.name}: {counted(len(group), 'thing')}, {size(sum(thing.size_bytes for thing in group))}"), "bold")
-            output.line(f"  {kind.what}; harm: {kind.harm}; goes with {kind.goes}")
+            output.line(f"  {kind.what}; harm: {kind.harm}; goes with {kind.goes}", hanging=2)
             for thing in group:
                 output.line(cleaned(f"  {thing.relative_path}"))
         if yes or (asks and click.confirm("  remove?", default=False, err=True)):
             removed += group
     if removed:
-        discard(directory, removed)
+        discard(directory, removed, output)
     freed = sum(thing.size_bytes for thing in removed)
     document = {
         "directory": str(directory), "found": [told(thing) for thing in things],
@@ -74,13 +76,15 @@ def clean(session: Session, yes: bool) -> Outcome:
     return Outcome(document, tell)
 
 
-def discard(directory: Path, things: list[Leftover]) -> None:
+def discard(directory: Path, things: list[Leftover], output: Output) -> None:
     """Removes what was told, while no other process works on the directory. A damaged rotation state goes first, since with
     it there is no manager to take the lock."""
     for thing in things:
         if thing.kind is DAMAGED_STATE:
             remove(directory, thing)
-    with library.unit_of_work(sync.SyncManager(directory, NO_SERVER, lambda: "")):
+    with listening(Spoken(output), logging.WARNING):
+        manager = sync.SyncManager(directory, NO_SERVER, lambda: "")
+    with library.unit_of_work(manager):
         for thing in things:
             if thing.kind is not DAMAGED_STATE:
                 remove(directory, thing)

@@ -13,14 +13,15 @@ import click
 from brackenfen import sync
 
 from brackenfen.sync_command import cleaning, doctor, passes, planning, reporting, telling, watching
-from brackenfen.sync_command.exits import ADVICE, Exit, exit_code
-from brackenfen.sync_command.output import Output
+from brackenfen.sync_command.exits import ADVICE, Exit, Interrupted, OutputError, exit_code
+from brackenfen.sync_command.output import Output, silence, writing
 from brackenfen.sync_command.session import Outcome, Session
 from brackenfen.sync_command.settings import settings_of
 from brackenfen.sync_command.texts import clean
 
 NAME = "brackenfen-sync"
-INTERRUPTED_LINE = "interrupted; what has landed stays, and the next run goes on from there"
+LANDS = {"sync", "watch", "repair", "features"}
+LANDED = "; what has landed stays, and the next run goes on from there"
 
 # What cannot be read is told by what reads it.
 PATH = click.Path(path_type=Path, readable=False)
@@ -42,7 +43,7 @@ GROUP_HELP = """Keep a data directory in step with its server.
 
 \b
 Examples:
-  brackenfen-sync sync -d /data/research -s https://data.example.com --token-file /run/token
+  brackenfen-sync sync -d data -s https://data.example.com --token-file token
   brackenfen-sync doctor
   brackenfen-sync status --json
 
@@ -50,8 +51,8 @@ Directory, server and token come from the options, else from the environment, el
 (~/.config/brackenfen/sync.toml). Without --token-file and --token-command the token is BRACKENFEN_TOKEN.
 
 \b
-Exit codes: 0 fine, 1 failed, 2 usage, 3 integrity, 4 server unavailable, 5 authentication, 6 disk, 7 era,
-130 interrupted.
+Exit codes: 0 fine, 1 failed, 2 usage, 3 integrity, 4 server unavailable,
+5 authentication, 6 disk, 7 era, 130 interrupted.
 """
 
 
@@ -84,7 +85,10 @@ def command(
     ) -> Exit:  # fmt: skip
         output = Output(name, as_json)
         settings = settings_of(directory, server, token_file, token_command, config)
-        outcome = function(Session(settings, output, verbose, wait_seconds), **own)
+        try:
+            outcome = function(Session(settings, output, verbose, wait_seconds), **own)
+        except KeyboardInterrupt:
+            raise Interrupted from None
         if isinstance(outcome, Exit):
             return outcome
         if as_json:
@@ -174,42 +178,47 @@ def report(error: BaseException, arguments: list[str]) -> Exit:
     if isinstance(error, click.UsageError):
         message, notes = error.format_message(), [f"Try '{NAME}{f' {name}' if name else ''} --help'."]
     elif code == Exit.INTERRUPTED:
-        message, notes = INTERRUPTED_LINE, []
+        message, notes = f"interrupted{LANDED if name in LANDS else ''}", []
+        if output.is_live:
+            output.say("")  # the terminal has shown a ^C
     else:
         message = str(error) if str(error) else type(error).__name__
         advice = [ADVICE[code]] if code in ADVICE else []
+        if isinstance(error, OSError) and error.filename and error.strerror:
+            message = f"{os.fsdecode(error.filename)}: {error.strerror}"
+            advice = advice or ["brackenfen-sync doctor tells what is wrong with the directory"]
         notes = [str(note) for note in getattr(error, "__notes__", ())] or advice
-    if output.as_json:
+    output.say(clean(message) if code == Exit.INTERRUPTED else f"error: {clean(message)}", "" if code == Exit.INTERRUPTED else "red")
+    for note in notes:
+        output.say(f"  {clean(note)}")
+    if output.as_json and not isinstance(error, OutputError):
         told = {"type": type(error).__name__, "message": message, "notes": notes}
         document = {"ok": False, "exit_code": int(code), "error": told}
         if name == "watch":  # whose documents are lines
             output.event({"event_type": "error", **document})
         else:
             output.document(document)
-    output.say(clean(message) if code == Exit.INTERRUPTED else f"error: {clean(message)}", "" if code == Exit.INTERRUPTED else "red")
-    for note in notes:
-        output.say(f"  {clean(note)}")
     return code
-
-
-def silenced() -> Exit:
-    """Nobody reads any more: nothing is said, at exit neither."""
-    os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
-    return Exit.FAILED
 
 
 def run(arguments: list[str]) -> int:
     """Runs the command line; never raises but for what Python itself cannot go on after."""
     try:
         outcome = group.main(arguments, prog_name=NAME, standalone_mode=False)
-        sys.stdout.flush()
+        with writing():
+            pass
         return int(outcome or 0)
     except click.exceptions.Exit as ended:
         return ended.exit_code
-    except BrokenPipeError:
-        return silenced()
+    except BrokenPipeError:  # nobody reads any more: nothing is said, at exit neither
+        silence(sys.stdout)
+        return Exit.FAILED
     except (Exception, KeyboardInterrupt) as error:
         try:
-            return report(error, arguments)
-        except OSError:  # of the stream itself, which may be full
-            return silenced()
+            code = report(error, arguments)
+        except (OSError, OutputError):
+            code = exit_code(error)
+            silence(sys.stdout)
+        if isinstance(error, OutputError):
+            silence(sys.stdout)
+        return code

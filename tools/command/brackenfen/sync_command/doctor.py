@@ -36,9 +36,9 @@ def doctor(session: Session) -> Outcome:
 
     def tell(output: Output) -> None:
         for finding in findings:
-            output.line(clean(f"{finding.level:<5}  {finding.check}: {finding.what}"), STYLES[finding.level])
+            output.line(clean(f"{finding.level:<5}  {finding.check}: {finding.what}"), STYLES[finding.level], hanging=7)
             if finding.do:
-                output.line(clean(f"       -> {finding.do}"))
+                output.line(clean(f"       -> {finding.do}"), hanging=10)
         output.line(f"{counted(faults, 'fault')}" if faults else "nothing is at fault", "red" if faults else "green")
 
     return Outcome(document, tell, Exit.FAILED if faults else Exit.FINE)

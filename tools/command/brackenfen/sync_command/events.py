@@ -16,7 +16,9 @@ from brackenfen.sync_command.output import Output
 from brackenfen.sync_command.texts import clean, duration, stamp
 
 LOGGER = logging.getLogger("brackenfen.sync")
+LOGGER.addHandler(logging.NullHandler())  # what no command listens to is no line on standard error
 REPEAT_SECONDS = 60.0
+VERSION_CHECK_FAILED = "Manifest version check failed: %s"
 
 
 def event_of(record: logging.LogRecord) -> dict[str, Any] | None:
@@ -63,9 +65,13 @@ class Spoken(logging.Handler):
         self._progress = progress
         self._outage = False
         self._said: dict[str, float] = {}
+        self._held = ""
+        """A warning that an error may follow which says the same."""
 
     def emit(self, record: logging.LogRecord) -> None:
         event = event_of(record)
+        if event is None:  # requests that fail after it belong to the same failure
+            self._release_held()
         kind = event["event_type"] if event else ""
         if event and kind == "sync_unavailable_status":
             if not self._outage:
@@ -77,10 +83,24 @@ class Spoken(logging.Handler):
             self._outage = False
         elif event and kind == "checksum_repair":
             self._output.say(clean(f"{event['file']}: the bytes are not the ones promised; it is fetched again"), "yellow")
+        elif record.msg == VERSION_CHECK_FAILED and not self._progress:
+            self._held = f"warning: {clean(record.getMessage())}"
         elif record.levelno >= logging.WARNING:
             self._once(f"warning: {clean(record.getMessage())}")
         elif self._everything or (self._progress and not event and record.levelno >= logging.INFO):
             self._output.say(clean(record.getMessage()), "dim" if record.levelno < logging.INFO else "")
+
+    def end(self, error: BaseException | None) -> None:
+        """The work is over: a warning that its error repeats is not said."""
+        with self.lock or nullcontext():
+            if error is not None and self._held.endswith(clean(str(error) or type(error).__name__)):
+                self._held = ""
+            self._release_held()
+
+    def _release_held(self) -> None:
+        held, self._held = self._held, ""
+        if held:
+            self._once(held)
 
     def _once(self, text: str) -> None:
         now = time.monotonic()

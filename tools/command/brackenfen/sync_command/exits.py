@@ -29,6 +29,14 @@ class TokenError(Exception):
     """The token's file or command gives none."""
 
 
+class OutputError(Exception):
+    """Standard output takes no more; what was to be done is done."""
+
+
+class Interrupted(Exception):
+    """A KeyboardInterrupt on its way through the parser of the command line, which would say something of its own."""
+
+
 class UnavailableError(Exception):
     """The server was away for longer than the command was to wait."""
 
@@ -46,7 +54,7 @@ ADVICE = {
 def exit_code(error: BaseException) -> Exit:
     """What a script is told of an error. The classes come from the host's modules where it has them."""
     status = getattr(error, "status", None)
-    if isinstance(error, (KeyboardInterrupt, click.Abort)):
+    if isinstance(error, (KeyboardInterrupt, Interrupted, click.Abort)):
         return Exit.INTERRUPTED
     if isinstance(error, (SettingsError, click.UsageError)):
         return Exit.USAGE

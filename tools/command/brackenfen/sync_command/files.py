@@ -145,12 +145,14 @@ def remove(directory: Path, leftover: Leftover) -> None:
 
 
 def rotation_state_error(directory: Path) -> str | None:
-    """Why the rotation state, without which no manager is built, cannot be read; None where it can."""
+    """Why the rotation state, without which no manager is built, cannot be read; None where it can. Raises PermissionError."""
     path = Path(sync.feature_rotation_state_path(directory))
     if path.is_file() and not path.stat().st_size:
         return EMPTY
     try:
         sync.load_feature_rotation_state(directory)
+    except PermissionError:
+        raise
     except (sync.FeatureRotationStateError, OSError) as error:
         return str(error)
     return None

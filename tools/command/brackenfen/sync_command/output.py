@@ -5,26 +5,56 @@ On a terminal tables and bars are drawn; in a pipe every line is whole, plain an
 
 from __future__ import annotations
 
+import contextlib
 import json
+import os
 import sys
-from collections.abc import Iterable, Mapping, Sequence
+import textwrap
+from collections.abc import Iterable, Iterator, Mapping, Sequence
 from typing import IO, Any
 
 from rich.console import Console
 from rich.table import Table
 from rich.text import Text
 
+from brackenfen.sync_command.exits import OutputError
 from brackenfen.sync_command.texts import clean
 
 PLAIN_WIDTH = 10_000  # no line of a pipe is ever broken
 
 
+class Screen(Console):
+    """A pipe that nobody reads any more is an error as any other: rich itself would end whichever thread prints."""
+
+    def on_broken_pipe(self) -> None:
+        raise BrokenPipeError
+
+
 def console_for(stream: IO[str]) -> Console:
     live = stream.isatty()
-    return Console(
+    return Screen(
         file=stream, force_terminal=live, width=None if live else PLAIN_WIDTH, color_system="auto" if live else None,
         highlight=False, markup=False, emoji=False, soft_wrap=not live,
     )  # fmt: skip
+
+
+def silence(stream: IO[str]) -> None:
+    """What is written from now on, and at exit, leads nowhere."""
+    nowhere = os.open(os.devnull, os.O_WRONLY)
+    os.dup2(nowhere, stream.fileno())
+    os.close(nowhere)
+
+
+@contextlib.contextmanager
+def writing() -> Iterator[None]:
+    """Raises OutputError for results that go nowhere, but BrokenPipeError where nobody wants them any more."""
+    try:
+        yield
+        sys.stdout.flush()
+    except BrokenPipeError:
+        raise
+    except OSError as error:
+        raise OutputError(f"standard output cannot be written: {error.strerror}") from None
 
 
 class Output:
@@ -40,13 +70,19 @@ class Output:
         self.talk = console_for(sys.stderr)
         self.is_live = sys.stderr.isatty() and not self.talk.is_dumb_terminal
 
-    def line(self, text: str, style: str = "") -> None:
-        """A line of the result."""
-        self.results.print(Text(text, style))
+    def line(self, text: str, style: str = "", hanging: int = 0) -> None:
+        """A line of the result; on a terminal that breaks it, what follows begins at the column `hanging`."""
+        if hanging and self.results.is_terminal:
+            text = textwrap.fill(text, self.results.width, subsequent_indent=" " * hanging, break_on_hyphens=False)
+        with writing():
+            self.results.print(Text(text, style))
 
     def say(self, text: str, style: str = "") -> None:
-        """A line about what goes on; above the bars, where there are any."""
-        self.talk.print(Text(text, style))
+        """A line about what goes on; above the bars, where there are any. Where it cannot be written the work goes on."""
+        try:
+            self.talk.print(Text(text, style))
+        except OSError:
+            silence(sys.stderr)
 
     def pairs(self, rows: Iterable[tuple[str, object]]) -> None:
         table = Table.grid(padding=(0, 2, 0, 0))
@@ -68,18 +104,21 @@ class Output:
         self._print(table)
 
     def _print(self, table: Table) -> None:
-        if self.results.is_terminal:
-            self.results.print(table)
-            return
-        with self.results.capture() as captured:
-            self.results.print(table)
-        for line in captured.get().splitlines():
-            print(line.rstrip(), file=self.results.file)
+        with writing():
+            if self.results.is_terminal:
+                self.results.print(table)
+                return
+            with self.results.capture() as captured:
+                self.results.print(table)
+            for line in captured.get().splitlines():
+                print(line.rstrip(), file=self.results.file)
 
     def document(self, content: Mapping[str, Any]) -> None:
         """The one document of a command, indented for people who look at it."""
-        print(json.dumps({"command": self.command, **content}, indent=2, default=str), flush=True)
+        with writing():
+            print(json.dumps({"command": self.command, **content}, indent=2, default=str))
 
     def event(self, content: Mapping[str, Any]) -> None:
         """One of many documents, a line each."""
-        print(json.dumps(content, default=str), flush=True)
+        with writing():
+            print(json.dumps(content, default=str))

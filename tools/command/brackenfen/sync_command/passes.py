@@ -14,6 +14,7 @@ from brackenfen.sync_command.events import EventLines, opened
 from brackenfen.sync_command.exits import Exit
 from brackenfen.sync_command.output import Output
 from brackenfen.sync_command.session import Outcome, Session
+from brackenfen.sync_command.telling import MANIFEST_MENDS, read_manifest
 from brackenfen.sync_command.texts import clean, counted, duration, size
 
 NAMES_TOLD = 20
@@ -92,11 +93,20 @@ def tell_damaged(output: Output, corrupted: list[str], missing: list[str]) -> No
             output.line(f"and {len(paths) - NAMES_TOLD:,} more that are {word}")
 
 
+def without_manifest(session: Session, therefore: str) -> Exception:
+    """The error of a command that goes by the manifest, where the library has found none that it can read."""
+    if (damage := read_manifest(session.directory)[1]) is not None:
+        return sync.ManifestError(f"manifest.json is damaged: {damage}; {MANIFEST_MENDS}")
+    return sync.StateError(f"there is no manifest yet, so {therefore}: brackenfen-sync sync fills the directory")
+
+
 def verify(session: Session, events: Path | None = None) -> Outcome:
     """Read every local file and compare it with the manifest. Makes no request; exit code 3 where one is not right."""
     stream = opened(events) if events is not None else None
     manager = session.local_manager()
     manifest = manager.get_manifest()
+    if manifest is None and isinstance(error := without_manifest(session, ""), sync.ManifestError):
+        raise error
     began = time.monotonic()
     with session.working(manager):
         found = manager.verify()
@@ -137,7 +147,7 @@ def repair(session: Session, paths: tuple[str, ...]) -> Outcome:
     manager = session.manager()
     manifest = manager.get_manifest()
     if manifest is None:
-        raise sync.StateError("there is no manifest yet, so nothing to repair: brackenfen-sync sync fills the directory")
+        raise without_manifest(session, "nothing to repair")
     named = [relative(session.directory, path) for path in paths]
     files = manifest.files
     if unknown := [path for path in named if path not in files]:
@@ -167,7 +177,7 @@ def features(session: Session, names: tuple[str, ...], strategy: bool, universe:
     """Fetch features and their companions by name, whatever the rotation selects. They stay until the era ends."""
     manager = session.manager()
     if manager.get_manifest() is None:
-        raise sync.StateError("there is no manifest yet, so no feature is known: brackenfen-sync sync fills the directory")
+        raise without_manifest(session, "no feature is known")
     kind = "STRATEGY" if strategy else "SIGNAL"
     with session.working(manager, writes=True):
         found = {name: manager.fetch_features([name], expression_type=kind, named_universe=universe) for name in names}

@@ -42,6 +42,7 @@ def plan(session: Session, list_files: bool) -> Outcome:
         if list_files:
             rows = [("fetch", size(count), path) for path, count in found.fetch.items()]
             rows += [("remove", "", path) for path in found.remove] + [("later", "", path) for path in found.keep]
-            output.table(("", "size ", "file"), rows, {"fetch": "green"})
+            if rows:
+                output.table(("", "size ", "file"), rows, {"fetch": "green"})
 
     return Outcome(document, tell, Exit.FINE if found.fits else Exit.DISK)

@@ -31,6 +31,17 @@ class Probe:
     def status(self) -> int | None:
         return self.answer.status if self.answer else None
 
+    @property
+    def is_data(self) -> bool:
+        """Whether it is the answer of a data server, and not, say, the page of one that wants a login."""
+        if self.answer is None or self.answer.status != 200:
+            return False
+        try:
+            self.answer.document()
+        except sync.ManifestError:
+            return False
+        return True
+
     def clock_skew(self, now: float) -> float | None:
         """Seconds that `now` is ahead of the server's clock; None where the answer has no date."""
         try:
@@ -41,7 +52,7 @@ class Probe:
     def document(self) -> dict[str, Any]:
         failed = self.failure
         told = {"reason": failed.reason, "next_action": failed.next_action} if failed else {"reason": None, "next_action": None}
-        return {"answers": self.status == 200, "status": self.status, **told}
+        return {"answers": self.is_data, "status": self.status, **told}
 
 
 def ask(session: Session, manager: sync.SyncManager, path: str) -> Probe:

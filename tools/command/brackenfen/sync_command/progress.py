@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import threading
 import time
 from collections.abc import Callable
@@ -111,6 +112,10 @@ class Display(threading.Thread):
         self.join()
 
     def run(self) -> None:
+        with contextlib.suppress(OSError):  # of a terminal that has gone
+            self._show()
+
+    def _show(self) -> None:
         if not self._output.is_live:
             while not self._ended.wait(PLAIN_SECONDS):
                 self._say(self._source.progress())

@@ -86,8 +86,10 @@ class Session:
         idle: what shows while nothing runs, for work in the background, whose passes are told then too.
         """
         level = logging.DEBUG if self.verbose else logging.INFO
-        with contextlib.ExitStack() as stack:
-            stack.enter_context(listening(Spoken(self.output, self.verbose, idle is not None), level))
+        with self._giving_up(), contextlib.ExitStack() as stack:
+            spoken = Spoken(self.output, self.verbose, idle is not None)
+            stack.push(lambda _type, error, _traceback: spoken.end(error))
+            stack.enter_context(listening(spoken, level))
             stack.enter_context(Display(manager, self.output, idle))
             limit = None if self.wait_seconds is None else OutageLimit(self.wait_seconds)
             if limit is not None:
@@ -95,10 +97,14 @@ class Session:
             surface = f"brackenfen-sync {self.output.command}"
             shown_in = self.settings.directory if writes else None
             stack.enter_context(sync.backoff_context(data_dir=shown_in, surface=surface, stop_requested=limit))
-            try:
-                yield
-            except sync.SyncBackoffCancelled:
-                raise UnavailableError(f"the server did not come back within {self.wait_seconds:g} s") from None
+            yield
+
+    @contextlib.contextmanager
+    def _giving_up(self) -> Iterator[None]:
+        try:
+            yield
+        except sync.SyncBackoffCancelled:
+            raise UnavailableError(f"the server did not come back within {self.wait_seconds:g} s") from None
 
     @contextlib.contextmanager
     def one_try(self) -> Iterator[Heard]:

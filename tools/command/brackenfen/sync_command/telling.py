@@ -12,7 +12,7 @@ from typing import Any
 from brackenfen import sync
 
 from brackenfen.sync_command import library
-from brackenfen.sync_command.exits import Exit
+from brackenfen.sync_command.exits import Exit, TokenError
 from brackenfen.sync_command.files import EMPTY, leftovers, read_state, rotation_state_error
 from brackenfen.sync_command.output import Output
 from brackenfen.sync_command.probe import Probe, ask
@@ -20,14 +20,22 @@ from brackenfen.sync_command.session import Outcome, Session
 from brackenfen.sync_command.texts import ago, cause, clean, counted, duration, holder_text, moment, size
 
 
+MANIFEST_MENDS = "brackenfen-sync sync writes it anew, and files that are right stay"
+
+
 def read_manifest(directory: Path) -> tuple[sync.Manifest | None, str | None]:
-    """The local manifest, read without a manager, and why there is none: it is missing or damaged."""
+    """The local manifest, read without a manager, and why there is none: it is missing or damaged.
+
+    Raises PermissionError: what may not be read is not damaged.
+    """
     try:
         if not (content := read_state(directory / "manifest.json")):
             return None, EMPTY
         return sync.Manifest.from_dict(json.loads(content)), None
     except FileNotFoundError:
         return None, None
+    except PermissionError:
+        raise
     except (OSError, ValueError, TypeError, AttributeError, sync.SyncError) as error:
         return None, str(error)
 
@@ -98,7 +106,7 @@ def status(session: Session) -> Outcome:
             rows = [("era", f"{manifest.era_number}, version {manifest.version}"), ("written", ago(synced_at))]
             rows.append(("listed", f"{counted(len(files), 'file')}, {size(document['bytes'])}"))
         else:
-            rows = [("era", "none yet: brackenfen-sync sync fills the directory")]
+            rows = [("era", "not known" if damage else "none yet: brackenfen-sync sync fills the directory")]
         if rotation and rotation["skipped_feature_count"]:
             rows.append(("rotation", f"{rotation['selected_feature_count']:,} of {rotation['eligible_feature_count']:,} features are held"))
         rows.append(("at work", holder_text(holder.pid, holder.command) if holder else "nobody"))
@@ -120,7 +128,22 @@ def status(session: Session) -> Outcome:
 def server_text(probe: Probe) -> str:
     if probe.failure is not None:
         return f"it does not answer: {probe.failure.reason}. {probe.failure.next_action}"
-    return "it answers" if probe.status == 200 else f"it answers HTTP {probe.status}"
+    if probe.status == 200:
+        return "it answers" if probe.is_data else "it answers, but not as a data server: is the address right, is a login page before it?"
+    return f"it refuses the token: HTTP {probe.status}" if probe.status in (401, 403) else f"it answers HTTP {probe.status}"
+
+
+def look(session: Session) -> tuple[dict[str, Any], str]:
+    """Whether the server answers, as a document and in words. What keeps it from being asked is told too."""
+    refusal = "no server is given"
+    if session.settings.server is not None:
+        try:
+            with session.asking_manager() as manager:
+                probe = ask(session, manager, library.VERSION_PATH)
+            return {"address": session.server, **probe.document()}, server_text(probe)
+        except TokenError as error:
+            refusal = str(error)
+    return {"address": session.settings.server, **Probe(None, None).document(), "reason": refusal}, f"not asked: {refusal}"
 
 
 def why(session: Session) -> Outcome:
@@ -128,12 +151,11 @@ def why(session: Session) -> Outcome:
     answers now."""
     directory = session.directory
     holder, wait = sync.lock_holder(directory), wait_of(directory)
-    with session.asking_manager() as manager:
-        probe = ask(session, manager, library.VERSION_PATH)
+    server, told = look(session)
     in_transition = (directory / ".transition_lock").exists()
     document = {
         "directory": str(directory), "holder": asdict(holder) if holder else None, "wait": wait, "in_transition": in_transition,
-        "server": {"address": session.server, **probe.document()},
+        "server": server,
     }  # fmt: skip
 
     def tell(output: Output) -> None:
@@ -144,7 +166,7 @@ def why(session: Session) -> Outcome:
             left = wait["next_try_at"] - time.time()
             when = f"next try in {duration(left)}" if left > 0 else "trying now"
             rows.append(("waits", f"{wait['surface']} for the server: {wait['reason']}, attempt {wait['attempt']}, {when}"))
-        rows.append(("server", server_text(probe)))
+        rows.append(("server", told))
         output.pairs(rows)
 
     return Outcome(document, tell)
@@ -172,18 +194,26 @@ def rotation(session: Session) -> Outcome:
     return Outcome(document, tell)
 
 
+def era_text(current: dict[str, Any]) -> str:
+    """The server's era, and what it says of its state."""
+    number = current.get("era_number")
+    state = str(current.get("state") or "state not told").replace("_", " ")
+    return state if number is None and state == "between eras" else f"{'between eras' if number is None else f'era {number}'}, {state}"
+
+
 def era(session: Session) -> Outcome:
     """Tell which era the directory is in, and what the server says of its own. Exit code 7 where they differ."""
-    local, _ = read_manifest(session.directory)
+    local, damage = read_manifest(session.directory)
     with session.asking_manager() as manager, session.working(manager):
         current = library.current_era(manager)
     here, there = (local.era_number if local else None), current.get("era_number")
     differ = here is not None and there is not None and here != there
-    document = {"directory": str(session.directory), "local_era_number": here, "server": current, "differ": differ}
+    document = {"directory": str(session.directory), "local_era_number": here, "server": current, "differ": differ, "damage": damage}
 
     def tell(output: Output) -> None:
-        rows = [("here", "none yet" if here is None else f"era {here}")]
-        rows.append(("server", f"{'between eras' if there is None else f'era {there}'}, {current.get('state') or 'state not told'}"))
+        nothing = "none yet" if damage is None else f"not known: manifest.json is damaged; {MANIFEST_MENDS}"
+        rows = [("here", nothing if here is None else f"era {here}")]
+        rows.append(("server", era_text(current)))
         for key, label in (("next_closing_at", "closes"), ("min_library_version", "needs library")):
             if (value := current.get(key)) not in (None, "0.0.0"):
                 rows.append((label, moment(value) if isinstance(value, (int, float)) and 0 < value < 1e11 else str(value)))
@@ -191,4 +221,4 @@ def era(session: Session) -> Outcome:
         if differ:
             output.line("brackenfen-sync sync goes to the server's era; watch does so by itself", "yellow")
 
-    return Outcome(document, tell, Exit.ERA if differ else Exit.FINE)
+    return Outcome(document, tell, Exit.INTEGRITY if damage else Exit.ERA if differ else Exit.FINE)
