@@ -61,6 +61,15 @@ def unpacked(tmp_path_factory: pytest.TempPathFactory) -> Path:
     return folder
 
 
+def files_of(folder: Path) -> set[str]:
+    return {path.relative_to(folder).as_posix() for path in folder.rglob("*") if path.is_file() and path.suffix != ".pyc"}
+
+
+def test_the_command_is_there_with_all_its_files(unpacked: Path) -> None:
+    module = {"sync.abi3.so", "sync.pyi", "py.typed"}
+    assert files_of(unpacked / "brackenfen") == module | files_of(ROOT / "tools" / "command" / "brackenfen")
+
+
 def test_one_file_for_many_systems_shows_and_needs_nothing_of_its_libraries(unpacked: Path) -> None:
     assert re.fullmatch(rf"brackenfen_sync-[\d.]+-cp312-abi3-manylinux_2_\d+_{platform.machine()}\.whl", WHEEL.name)
     assert WHEEL.stat().st_size < 12_000_000
