@@ -43,7 +43,8 @@ def source(tmp_path):
 
 
 def test_manifest_describes_every_artifact(tool, source, tmp_path):
-    write_files(source, {"shuffle_seed.enc": b"s" * 60, ".sync_hash_cache.json": {}, "manifest.json": {}, "x.tmp": b"", ".\x1b[2J\n\x9b": b""})
+    write_files(source, {"shuffle_seed.enc": b"s" * 60, ".sync_hash_cache.json": {}, "manifest.json": {}, "x.tmp": b""})
+    write_files(source, {".\x1b[2J\n\x9b": b""})
     said = tool("publish", source, tmp_path / "tree", "--era", 4, "--version", 9, "--base-url", "https://cdn.example.com/4")
     assert ".\\x1b[2J\\x0a\\x9b" in said  # not for the terminal to obey
     manifest = assert_complete(tmp_path / "tree")
