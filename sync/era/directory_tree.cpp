@@ -5,8 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
-#include <system_error>
+#include <optional>
 
 #include "sync/base/error.hpp"
 #include "sync/base/files/directory_reader.hpp"
@@ -17,32 +16,11 @@
 namespace brackenfen::sync {
 namespace {
 
-namespace fs = std::filesystem;
-
-void throw_on(const std::error_code& failure, const std::string& path) {
-  if (failure) throw os_error(failure.value(), path);
-}
-
-/// Calls `visit(entry)` for everything below `directory`, parents first.
-template <typename Visit>
-void walk(const std::string& directory, Visit visit) {
-  std::error_code failure;
-  fs::recursive_directory_iterator entries(directory, failure);
-  throw_on(failure, directory);
-  while (entries != fs::recursive_directory_iterator()) {
-    check_interrupt();
-    visit(*entries);
-    entries.increment(failure);
-    throw_on(failure, directory);
-  }
-}
-
 /// Empties a directory beneath its descriptor, so that no name leads elsewhere, whatever is renamed meanwhile. Needs two
 /// descriptors however deep the tree is.
 class TreeRemoval {
  public:
-  TreeRemoval(const std::string& path, Removal removal)
-      : path_(path), removal_(removal), top_(open_file(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW)) {}
+  TreeRemoval(const Descriptor& top, const std::string& path, Removal removal) : path_(path), removal_(removal), top_(top) {}
 
   void run() {
     enter("");
@@ -103,7 +81,7 @@ class TreeRemoval {
 
   const std::string& path_;
   const Removal removal_;
-  const Descriptor top_;
+  const Descriptor& top_;
   std::vector<Folder> open_;  // from the top to the one that is being emptied
 };
 
@@ -127,22 +105,27 @@ std::vector<std::string> child_directories(const std::string& directory) {
 
 std::int64_t tree_size_bytes(const std::string& directory) {
   std::int64_t bytes = 0;
-  walk(directory, [&](const fs::directory_entry& entry) {
-    std::error_code failure;
-    const bool is_file = entry.symlink_status(failure).type() == fs::file_type::regular;
-    throw_on(failure, entry.path());
-    if (!is_file) return;
-    bytes += static_cast<std::int64_t>(entry.file_size(failure));
-    throw_on(failure, entry.path());
-  });
+  RootDirectory(real_path(directory))
+      .search({.picks = [](const std::string&, const DirectoryReader& reader, const dirent& entry) { return !reader.is_directory(entry); },
+               .found =
+                   [&bytes](const Place& place) {
+                     const std::optional<struct stat> file = look_at(place);
+                     if (!file) throw os_error(ENOENT, place.path());
+                     if (S_ISREG(file->st_mode)) bytes += file->st_size;
+                   },
+               .failed = [](const Error& error, const std::string&) { throw error; }});
   return bytes;
 }
 
 void remove_tree(const std::string& path, Removal removal) {
   if (::unlink(path.c_str()) == 0 || errno == ENOENT) return;
   if (errno != EISDIR && errno != EPERM) throw os_error(errno, path);
-  TreeRemoval(path, removal).run();
-  if (::rmdir(path.c_str()) != 0 && errno != ENOENT) throw os_error(errno, path);
+  remove_tree(open_file(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW), path, removal);
+}
+
+void remove_tree(const Descriptor& directory, const std::string& path, Removal removal) {
+  TreeRemoval(directory, path, removal).run();
+  if (is_directory_at(directory, path) && ::rmdir(path.c_str()) != 0 && errno != ENOENT) throw os_error(errno, path);
 }
 
 void delete_tmp_files(const std::string& directory) {

@@ -23,6 +23,8 @@ namespace brackenfen::sync {
 /// tree gone.
 enum class Removal : char { Interruptible, ToTheEnd };
 void remove_tree(const std::string& path, Removal removal = Removal::Interruptible);
+/// The same of an open directory, whose name it takes too unless that leads to another one by then, which stays.
+void remove_tree(const Descriptor& directory, const std::string& path, Removal removal = Removal::Interruptible);
 
 /// Deletes every file below `directory`, at any depth, whose name ends in ".tmp". Throws os_error at the first that
 /// cannot be deleted, such as a directory of that name.

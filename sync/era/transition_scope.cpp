@@ -60,11 +60,11 @@ void SyncManager::TransitionScope::close() {
 
 void SyncManager::TransitionScope::remove_staging_directory() {
   if (staging_dir_.empty()) return;
-  // Whoever waited for the lock may be staging under the same name by now.
-  if (staging_ && !is_directory_at(staging_, staging_dir_)) return;
   try {
-    remove_tree(staging_dir_, Removal::ToTheEnd);  // the interrupt that ended the transition may be pending still
-  } catch (const Error&) {                         // a later transition to this era removes it
+    // By its descriptor: whoever waited for the lock may be staging under the same name by now. To the end: the interrupt
+    // that ended the transition may be pending still.
+    staging_ ? remove_tree(staging_, staging_dir_, Removal::ToTheEnd) : remove_tree(staging_dir_, Removal::ToTheEnd);
+  } catch (const Error&) {  // a later transition to this era removes it
   }
 }
 

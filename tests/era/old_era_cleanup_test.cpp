@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/resource.h>
 
 #include <atomic>
@@ -99,6 +100,15 @@ TEST_F(OldEraCleanupTest, aTreeGoesHoweverDeepAndStopsAtAnInterrupt) {
   EXPECT_EQ(failure_of([&] { return remove_tree(directory / "deep"), 0; }), "");
   ::setrlimit(RLIMIT_NOFILE, &limit);
   EXPECT_FALSE(std::filesystem::exists(directory / "deep"));
+}
+
+TEST_F(OldEraCleanupTest, anotherDirectoryThatTookTheNameStays) {
+  const Descriptor open = open_file(directory / "eras", O_RDONLY | O_DIRECTORY);
+  std::filesystem::rename(directory / "eras", directory / "moved");
+  std::filesystem::create_directory(directory / "eras");
+  remove_tree(open, directory / "eras");
+  EXPECT_TRUE(std::filesystem::exists(directory / "eras"));
+  EXPECT_TRUE(std::filesystem::is_empty(directory / "moved"));
 }
 
 TEST_F(OldEraCleanupTest, oneThreadAtATimeCleans) {
