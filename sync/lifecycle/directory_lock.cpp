@@ -198,7 +198,7 @@ bool DirectoryLock::is_held_around_this_call() {
 
 void DirectoryLock::count_hold(int change) noexcept {
   const std::lock_guard<std::mutex> lock(mutex_);
-  holds_ = std::max(holds_ + change, 0);  // a forked child started from 0
+  holds_ += change;
 }
 
 bool DirectoryLock::is_owner() {
@@ -253,6 +253,10 @@ DirectoryLock::Hold::Hold(DirectoryLock& lock) : lock_(lock) {
 
 void DirectoryLock::Hold::release() {
   if (!std::exchange(held_, false)) return;
+  {
+    const std::lock_guard<std::mutex> lock(lock_.mutex_);
+    if (lock_.holds_ == 0) return;  // in the child of a fork: the unit of work is the parent's, and the parent releases it
+  }
   lock_.count_hold(-1);
   lock_._release_flock();
 }
