@@ -7,6 +7,7 @@
 #include <new>
 
 #include "python/adapters/callables.hpp"
+#include "python/interpreter/host.hpp"
 #include "python/interpreter/instances.hpp"
 #include "sync/base/threads/fork.hpp"
 
@@ -68,6 +69,7 @@ PyType_Slot collector_slots[] = {
 
 SyncManager::Options options_from(nb::handle data_dir, nb::handle server_url, nb::handle get_token, nb::handle poll_interval_s,
                                   nb::handle guard) {
+  end_waits_before_thread_pools();
   SyncManager::Options options;
   options.data_dir = path_argument(data_dir, "data_dir");
   options.server_url = server_url.is_none() ? std::string() : text_argument(server_url, "server_url");

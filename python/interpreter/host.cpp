@@ -150,7 +150,7 @@ LoggingSink* the_sink = nullptr;  // never destroyed
 
 // ---- the end of the interpreter --------------------------------------------------------------------------
 
-/// Before threading joins the host's threads, which may be waiting in us.
+/// Before threads of the host are joined, which may be waiting in us.
 void end_waits() {
   if (gate::exiting()) return;
   gate::begin_exit();
@@ -164,19 +164,26 @@ void close_gate() {
   gate::close(milliseconds(200));
 }
 
-void register_exit_hooks() {
-  const nb::object end = nb::cpp_function(end_waits);
+/// Has waits ended before threading joins the threads of the host, those of the module `pools` among them.
+void end_waits_before_joins(const char* pools = nullptr) {
   try {
-    // Hooks run in reverse. That of the host's thread pools joins their threads, which may be waiting in us, so it must be there
-    // before ours: otherwise it would come whenever the host first uses a pool.
-    nb::module_::import_("concurrent.futures.thread");
-    nb::module_::import_("threading").attr("_register_atexit")(end);
-  } catch (nb::python_error&) {  // an interpreter without that hook: the later one does both
+    if (pools != nullptr) nb::module_::import_(pools);
+    nb::module_::import_("threading").attr("_register_atexit")(nb::cpp_function(end_waits));
+  } catch (nb::python_error& error) {  // an interpreter without that hook, or one that is at its end: close_gate does both
+    if (!error.matches(PyExc_Exception)) throw;
   }
-  nb::module_::import_("atexit").attr("register")(nb::cpp_function(close_gate));
 }
 
 }  // namespace
+
+void end_waits_before_thread_pools() {
+  static bool done = false;  // under the interpreter lock
+  if (done) return;
+  // Hooks run in reverse. That of the host's thread pools joins their threads, which may be waiting in us, so it must be there
+  // before ours: otherwise it would come whenever the host first uses a pool.
+  end_waits_before_joins("concurrent.futures.thread");
+  done = true;
+}
 
 void install_host() {
   if (the_sink != nullptr) return;
@@ -197,7 +204,8 @@ void install_host() {
   at_fork_child([] { main_thread = pthread_self(); });
   set_interrupt_source(new Interrupts);
 
-  register_exit_hooks();
+  end_waits_before_joins();
+  nb::module_::import_("atexit").attr("register")(nb::cpp_function(close_gate));
 }
 
 }  // namespace brackenfen::sync::python

@@ -11,4 +11,8 @@ namespace brackenfen::sync::python {
 /// what a handler raises. Exit: every wait ends; on threads of the host with SystemExit.
 void install_host();
 
+/// Makes the end of the interpreter end waits before it joins the host's thread pools, whose module it imports: so not at
+/// install_host(), where it would make every import longer. Before the first manager is made; later calls do nothing.
+void end_waits_before_thread_pools();
+
 }  // namespace brackenfen::sync::python
