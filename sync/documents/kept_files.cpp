@@ -11,7 +11,7 @@ bool is_checked_elsewhere(NeighbourSet& neighbours, const Text& file_path, const
 }
 
 bool counts_as_promised(const Text& file_path, const Document& file_info) {
-  return file_info.get("kind").if_text() != "vault_module" && file_path.view() != FUNCTIONS_RELATIVE_PATH;
+  return !is_vault_module(file_info) && file_path.view() != FUNCTIONS_RELATIVE_PATH;
 }
 
 bool states_other_bytes(const Document& file_info, const Document& promised) { return promised.get("sha256") != file_info.get("sha256"); }

@@ -193,6 +193,8 @@ Document without_stamps(const Document& file_info) {
   return without_members(file_info, [](std::string_view key, const Value&) { return key.starts_with("_manifest_"); });
 }
 
+bool is_vault_module(const Document& file_info) { return file_info.get("kind").if_text() == "vault_module"; }
+
 bool _rotation_file_is_platform_excluded(NeighbourSet& neighbours, const Value& file_info) {
   return RuntimeModules(neighbours).is_for_another_platform(file_info);
 }

@@ -41,6 +41,8 @@ class Manifest;
 /// An entry without the keys "_manifest_*", by which the library stamps its own copies: a server's have no say.
 [[nodiscard]] Document without_stamps(const Document& file_info);
 
+/// A runtime module of the kind that is built in. Its digest is never remembered: each look reads it.
+[[nodiscard]] bool is_vault_module(const Document& file_info);
 /// A runtime module that was built for another platform.
 [[nodiscard]] bool _rotation_file_is_platform_excluded(NeighbourSet& neighbours, const Value& file_info);
 /// A file that is listed but never fetched here.

@@ -54,7 +54,7 @@ bool SyncManager::files_match(const std::string& data_dir, const std::function<b
     return [&, local_files = std::make_shared<LocalFiles>(data_dir)](std::size_t index) {
       const ExpectedFile& file = files[index];
       const std::optional<FileStat> stat = local_files->stat(file.file_path);
-      const bool cache_allowed = !(file.file_info->get("kind").if_text() == "vault_module");
+      const bool cache_allowed = !is_vault_module(*file.file_info);
       if (stat && cache_allowed && glance_at(file.file_path, *stat, *file.file_info, &digests) == Glance::Matches) return true;
       const auto local_path = [&] { return local_files->local_path(file.file_path); };
       return stat && file_matches(file.file_path, *stat, local_path, *file.file_info, cache_allowed);

@@ -274,7 +274,7 @@ bool SyncManager::Pass::must_download(const Text& file_path, const Document& fil
     if (!is_dry_run_) log_warning("Manifest-tracked local file failed integrity check; re-downloading: %s", file_path);
   }
 
-  const bool vault_module = file_info.get("kind").if_text() == "vault_module";
+  const bool vault_module = is_vault_module(file_info);
   const auto expected_sha = file_info.get("sha256").if_text();
   if (!vault_module && expected_sha && manager_._hash_cache.holds(file_path, *stat, *expected_sha)) return false;
   const std::string path = local_path();
