@@ -1,0 +1,220 @@
+"""The ten workloads, and a run of one of them in which something happens: then the checker, a healthy run, the checker."""
+
+import atexit
+import dataclasses
+import functools
+import itertools
+import json
+import pathlib
+import shutil
+import subprocess
+import tempfile
+import threading
+from collections.abc import Callable
+
+from torture.case import BUILD, scratch
+from torture.checker import problems_of
+from torture.world import CHUNK_BYTES, DATA, MANDATORY, PNL, ROTATING, SETTINGS, TOKEN, Site, World, digest, open_site, world
+
+SPOILT = b"spoilt"
+DEADLINE_SECONDS = 120  # of one run, which takes a tenth of one on an idle machine
+
+Environment = dict[str, str]
+
+
+def generations(**groups: int) -> dict[str, int]:
+    names = {"first": DATA[:1], "mandatory": MANDATORY, "rotating": ROTATING, "pnl": list(PNL), "calendar": DATA[-1:]}
+    return {path: number for name, number in groups.items() for path in names[name]}
+
+
+FIRST = world(1, 1)
+VERSION = world(1, 2, generations(first=1, calendar=-1) | {"data/new.arrow": 0, "features/us/signal_is/flow__close__w005__z0.arrow": 0})
+LOST = world(1, 1, lost=list(PNL)[:2])
+# Of the 12 files of the era before 3 are gone, 4 stay, 5 have other bytes, and 3 are new: 8 to fetch.
+ERA = world(2, 2, generations(pnl=1, calendar=-1) | dict.fromkeys(ROTATING[:2], -1) | {f"data/new{number}.arrow": 0 for number in range(3)})
+NEXT_ERA = world(3, 3, generations(pnl=2, calendar=1) | {"data/new9.arrow": 0})
+
+
+# ---- what is done to the directory before ----
+
+
+def spoil(data: pathlib.Path, site: Site) -> None:
+    for path in (MANDATORY[0], DATA[-1]):
+        (data / path).write_bytes(SPOILT)
+    (data / list(PNL)[0]).unlink()
+
+
+def list_what_is_retired(data: pathlib.Path, site: Site) -> None:
+    manifest = json.loads((data / "manifest.json").read_bytes())
+    manifest["files"]["found_signals/alpha/s1/signal_is/pnl_long.arrow"] = {"kind": "found_signal_is_pnl", "size_bytes": 3}
+    (data / "manifest.json").write_text(json.dumps(manifest))
+
+
+def leave_old_eras(data: pathlib.Path, site: Site) -> None:
+    for name in ("era_0/a/b", "era_0/c", "era-7", "era7/x"):
+        (data / name).mkdir(parents=True)
+        for number in range(3):
+            (data / name / f"{number}.arrow").write_bytes(b"old")
+
+
+def supersede_in_the_middle(data: pathlib.Path, site: Site) -> None:
+    """The sixth look at the era, with a few files staged, finds the next one."""
+    looks = itertools.count(1)
+
+    def at_request(site: Site, path: str) -> None:
+        if path == "/era/current" and next(looks) == 6:
+            site.publish(site.later.pop())
+
+    site.at_request = at_request
+
+
+def nothing(data: pathlib.Path, site: Site) -> None:
+    pass
+
+
+@dataclasses.dataclass(frozen=True, eq=False)
+class Workload:
+    name: str
+    start: World | None  # what a healthy pass has brought, FIRST; None for an empty directory
+    worlds: tuple[World, ...]  # what the server has, and what it moves on to
+    command: tuple[str, ...]
+    before: Callable[[pathlib.Path, Site], None] = nothing
+
+
+WORKLOADS = [
+    Workload("cold", None, (FIRST,), ("pass",)),
+    Workload("warm", FIRST, (FIRST,), ("pass",), spoil),
+    Workload("version", FIRST, (VERSION,), ("pass",)),
+    Workload("transition", FIRST, (ERA,), ("follow",)),
+    Workload("superseded", FIRST, (ERA, NEXT_ERA), ("follow",), supersede_in_the_middle),
+    Workload("prefetch", FIRST, (FIRST,), ("prefetch", "*")),
+    Workload("repair", FIRST, (FIRST,), ("repair",), spoil),
+    Workload("construction", FIRST, (FIRST,), ("open",), list_what_is_retired),
+    Workload("old-eras", FIRST, (FIRST,), ("clean",), leave_old_eras),
+    Workload("lost", None, (LOST,), ("pass",)),
+]
+
+
+# ---- runs ----
+
+
+@dataclasses.dataclass(frozen=True)
+class Outcome:
+    code: int
+    out: str
+
+
+def start_host(folder: pathlib.Path, phase: str, url: str, command: tuple[str, ...], environment: Environment,
+               within: tuple[str, ...] = ()) -> subprocess.Popen[bytes]:  # fmt: skip
+    """The host on the folder's data directory, its output among the phase's files; `within` is a command that runs it."""
+    preloaded = {"LD_PRELOAD": f"{BUILD}/bin/libtorture_faults.so", "FAULT_BELOW": f"{folder}/data/", "FAULT_LOG": f"{folder}/{phase}/points"}
+    settings = {
+        "BRACKENFEN_SYNC_HTTP_CHUNK_BYTES": str(CHUNK_BYTES), "BRACKENFEN_SYNC_MAX_CONCURRENCY": "1", "TORTURE_TOKEN": TOKEN,
+        "BRACKENFEN_SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS": "30",  # a busy machine is no outage
+    }  # fmt: skip
+    variables = [f"{name}={value}" for name, value in (settings | preloaded | environment).items()]
+    full = [*within, "env", *variables, f"{BUILD}/bin/torture_host", command[0], f"{folder}/data", url, *command[1:]]
+    with (folder / phase / "out").open("a") as out, (folder / phase / "log").open("a") as log:
+        return subprocess.Popen(full, stdout=out, stderr=log)
+
+
+def run_host(folder: pathlib.Path, phase: str, url: str, command: tuple[str, ...], environment: Environment, within: tuple[str, ...] = (),
+             kill_after: float | None = None) -> Outcome:  # fmt: skip
+    process = start_host(folder, phase, url, command, environment, within)
+    try:
+        code = process.wait(DEADLINE_SECONDS if kill_after is None else kill_after)
+    except subprocess.TimeoutExpired:
+        process.kill()
+        code = process.wait()
+        assert kill_after is not None, f"still at it after {DEADLINE_SECONDS} s"
+    return Outcome(code, (folder / phase / "out").read_text())
+
+
+_STARTS_LOCK = threading.Lock()
+
+
+@functools.cache
+def _filled() -> pathlib.Path:
+    """A directory that a healthy pass has filled with the world that everything starts from."""
+    folder = pathlib.Path(tempfile.mkdtemp(prefix="brackenfen-torture-"))
+    atexit.register(shutil.rmtree, folder, True)
+    for name in ("data", "fault"):
+        (folder / name).mkdir()
+    (folder / "data/feature-rotation-settings.json").write_text(json.dumps(SETTINGS))
+    site = open_site(folder / "fault/requests", [FIRST])
+    outcome = run_host(folder, "fault", site.url, ("pass",), {})
+    assert outcome.code == 0 and outcome.out.endswith("verified\n"), outcome
+    return folder / "data"
+
+
+class Trial:
+    """One workload in a folder of its own, ready to be run."""
+
+    def __init__(self, workload: Workload, folder: pathlib.Path) -> None:
+        self.workload, self.folder, self.data = workload, folder, folder / "data"
+        for name in ("fault", "heal"):
+            (folder / name).mkdir()
+        if workload.start is None:
+            self.data.mkdir()
+            (self.data / "feature-rotation-settings.json").write_text(json.dumps(SETTINGS))
+        else:
+            with _STARTS_LOCK:
+                start = _filled()
+            shutil.copytree(start, self.data)
+        self.site = open_site(folder / "fault/requests", list(workload.worlds))
+        workload.before(self.data, self.site)
+        self.start = {path.relative_to(self.data).as_posix(): digest(path.read_bytes()) for path in self.data.rglob("*") if path.is_file()}
+        self.spoilt = [digest(SPOILT)] if workload.before is spoil else []
+        self.outages = False  # whether the server was ever out of reach
+        # Which feature the rotation has left out is what is asked for.
+        left_out = next(path for path in ROTATING if workload.start is None or path not in self.start)
+        self.command = tuple(pathlib.Path(left_out).stem if word == "*" else word for word in workload.command)
+
+    def fault(self, environment: Environment, within: tuple[str, ...] = (), kill_after: float | None = None) -> Outcome:
+        return run_host(self.folder, "fault", self.site.url, self.command, environment, within, kill_after)
+
+    def check(self, phase: str) -> None:
+        published = [self.workload.start] if self.workload.start else []
+        worlds = [*published, *self.site.published]
+        facts = {
+            "stays": [path for path in self.start if path not in ROTATING and all(path in one.bodies for one in worlds)],
+            "rotating": ROTATING, "published": [one.facts for one in worlds],
+            "start": self.start, "spoilt": self.spoilt, "token": TOKEN, "outages": self.outages,
+            "era_change": len(self.workload.worlds) > 1 or self.workload.worlds[-1].era > 1,
+        }  # fmt: skip
+        (self.folder / "facts.json").write_text(json.dumps(facts))
+        problems = problems_of(self.folder, phase)
+        assert not problems, f"{phase}: " + "\n".join(problems) + self.told(phase)
+
+    def told(self, phase: str) -> str:
+        log = (self.folder / phase / "log").read_text(errors="replace").splitlines()
+        return f"\n--- {(self.folder / phase / 'out').read_text()}--- " + "\n".join(log[-24:])
+
+    def survive(self, outcome: Outcome, codes: set[int]) -> None:
+        assert outcome.code in codes, f"exit code {outcome.code}" + self.told("fault")
+        self.heal()
+
+    def heal(self) -> None:
+        """What came of the fault is in order, and one healthy run sets all right."""
+        self.site.settle()
+        self.check("fault")
+        self.site.log = self.folder / "heal/requests"
+        healed = run_host(self.folder, "heal", self.site.url, ("follow",), {})
+        assert healed.code == 0, f"the healthy run ended with {healed.code}" + self.told("heal")
+        self.check("heal")
+
+
+def survive(workload: Workload, environment: Environment, codes: set[int]) -> None:
+    with scratch() as folder:
+        trial = Trial(workload, folder)
+        trial.survive(trial.fault(environment), codes)
+
+
+@functools.cache
+def points_of(workload: Workload) -> list[str]:
+    """Each call of an undisturbed run that changes files, by its name."""
+    with scratch() as folder:
+        trial = Trial(workload, folder)
+        outcome = trial.fault({})
+        assert outcome.code == 0, f"{workload.name}: {outcome}" + trial.told("fault")
+        return [line.split(" ")[0] for line in (folder / "fault/points").read_text().splitlines()]
