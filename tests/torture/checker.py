@@ -6,7 +6,7 @@ looks at a folder that was kept.
 
   data/            the directory
   facts.json       "published": worlds in their order; "start", "spoilt": digests that were there; "stays": what all worlds have
-                   of them; "rotating": paths that may be left out; "token"; "era_change"; "outages"
+                   of them; "rotating": paths that may be left out; "url"; "token"; "era_change"; "processes"
   PHASE/requests, PHASE/log, PHASE/out, PHASE/points   of the phases "fault" and "heal"
   held.json        what was there between the two phases, written by the check of the first
 """
@@ -16,6 +16,7 @@ import collections
 import contextlib
 import fcntl
 import hashlib
+import itertools
 import json
 import os
 import pathlib
@@ -36,6 +37,10 @@ ERRORS = re.compile(
     r"|MandatoryArtifactsTooLargeError|PermanentDownloadError|ManifestSupersededError|SyncUnavailableError|FeatureRotationStateError): .+"
 )
 LINES = re.compile(r"kill|restart|prefetched \d+|manifest \d+ \d+ \d+|verified|damaged .+|used \d+ \d+ \d+")
+INFO = "20"
+SHORTEST_WAIT_NS = 390_000_000
+REPEATS = 10  # of one event that differs from the others by these alone
+VARYING = {"attempt", "count", "elapsed_seconds", "wait_seconds", "bytes_existing", "actual_size", "range_start", "range_end"}
 HEADERS = {"host", "user-agent", "authorization", "range"}
 ENDPOINTS = {"/era/current", "/data/manifest", "/data/manifest/version", "/data/shuffle"}
 
@@ -134,12 +139,31 @@ class Checker:
     def check_what_was_said(self) -> None:
         for line in self.out:
             self.claim(LINES.fullmatch(line) or ERRORS.fullmatch(line), f"it printed: {line}")
-        outages = [line for line in self.lines("log") if "sync_unavailable_status" in line]
-        self.claim(self.facts["outages"] or not outages, f"an outage that there was not: {outages[:1]}")
         if "restart" in self.out:
             stated = next((line.split()[1] for line in self.out if line.startswith("manifest")), None)
             self.claim(self.out.index("kill") < self.out.index("restart"), "searches restart that nobody stopped")
             self.claim(stated in {None, str(self.published[-1]["era"])}, "searches restart in an era that is over")
+
+    def check_each_outage_is_told_once(self) -> None:
+        """Its begin, unless it is one of many, and its end; and nothing of a kind comes more than ten times."""
+        events = [line.split(" ", 3) for line in self.lines("log") if " brackenfen_sync_event {" in line]
+        kinds: collections.Counter[str] = collections.Counter()
+        told: dict[str, collections.Counter[str]] = collections.defaultdict(collections.Counter)
+        for level, process, _, text in events:
+            event = json.loads(text)
+            told[event["event_type"]][event.get("endpoint", "")[len(urllib.parse.urlsplit(self.facts["url"]).path) :]] += 1
+            if level == INFO and event["event_type"] != "sync_recovered_status":
+                kinds[process + json.dumps({name: value for name, value in event.items() if name not in VARYING}, sort_keys=True)] += 1
+        self.claim(max(kinds.values(), default=0) <= REPEATS, f"too often: {kinds.most_common(1)}")
+        if self.facts["processes"] > 1:
+            return
+        pairs = [(first, second) for first, second in itertools.pairwise(self.requests) if first["status"] == 0 < second["status"]]
+        ends = [second for first, second in pairs if second["ns"] - first["ns"] >= SHORTEST_WAIT_NS]  # nobody waits for a probe
+        outages = collections.Counter(request["path"] for request in ends)
+        cured = collections.Counter(request["path"] for request in ends if request["status"] < 300)
+        few = {path: min(count, REPEATS) for path, count in outages.items()}
+        self.claim(told["sync_unavailable_status"] == few, f"outages {outages} began {told['sync_unavailable_status']}")
+        self.claim(told["sync_recovered_status"] == cured, f"outages {cured} ended {told['sync_recovered_status']}")
 
     def check_locks_are_free(self) -> None:
         for name in (".", ".sync_flock"):

@@ -7,8 +7,10 @@
 //   FAULT_ACTION=WORD       KILL; SHORT, where a write takes half; or the name of an error
 //   FAULT_SHARED=FILE       counts of all processes, see Shared
 //   FAULT_MEMORY_AT=N       which allocation fails, counted from 1 and from torture_counts_memory() on
+//   FAULT_MEMORY_ON=NAME    counts those of threads whose names begin so alone
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -36,6 +38,14 @@ namespace {
 
 constinit std::atomic<long> allocations{0}, failing_allocation{0};
 constinit std::atomic<std::atomic<std::int64_t>*> allocation_count{nullptr};
+constinit std::atomic<const char*> counted_threads{nullptr};
+
+bool counts_here() {
+  const char* const wanted = counted_threads;
+  char name[16] = {};
+  return wanted == nullptr ||
+         (::pthread_getname_np(::pthread_self(), name, sizeof name) == 0 && std::string_view(name).starts_with(wanted));
+}
 
 /// For as long as one of our functions runs, whose memory never fails.
 struct OwnCall {
@@ -226,13 +236,14 @@ HOOK int flock(int file, int operation) {
 HOOK void torture_counts_memory() {
   if (plan().shared != nullptr) allocation_count = &plan().shared->allocations;
   const long wanted = std::atol(environment("FAULT_MEMORY_AT").c_str());
+  counted_threads = std::getenv("FAULT_MEMORY_ON");
   allocations = 0;
   failing_allocation = wanted;
 }
 
 /// The other forms of new come here.
 __attribute__((visibility("default"))) void* operator new(std::size_t size) {
-  if (!OwnCall::runs) {
+  if (!OwnCall::runs && counts_here()) {
     if (++allocations == failing_allocation) throw std::bad_alloc();
     if (std::atomic<std::int64_t>* const count = allocation_count) ++*count;
   }

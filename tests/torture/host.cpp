@@ -36,7 +36,8 @@ class WholeLog final : public LogSink {
  public:
   bool enabled(LogLevel) override { return true; }
   void write(const LogRecord& record) override {
-    const std::string line = std::to_string(static_cast<int>(record.level)) + " " + format_message(record) + "\n";
+    const std::string line =
+        std::to_string(static_cast<int>(record.level)) + " " + std::to_string(::getpid()) + " " + format_message(record) + "\n";
     static_cast<void>(!::write(STDERR_FILENO, line.data(), line.size()));
   }
 };
@@ -76,6 +77,15 @@ void prefetch(SyncManager& manager, const std::string& feature) {
   manager._running = true;
   const auto paths = manager.request_feature_files_for_sync({Value(feature)});
   std::printf("prefetched %zu\n", paths.size());
+}
+
+/// The threads of a running manager do the work, a reported repair among it, until they have brought the directory to an era.
+void live(SyncManager& manager, const std::string& damaged, const Value& era) {
+  manager._poll_interval.set(0.02);
+  manager.acquire();
+  for (int reports = 0; reports < 3; ++reports) manager.report_corruption(damaged);
+  while (manager._in_transition || manager.get_manifest()->era_number() != era) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  manager.release();
 }
 
 // ---- many times over ------------------------------------------------------------------------------------------------
@@ -182,6 +192,7 @@ int execute(const std::string& command, const Run& run) {
         {"follow", follow},
         {"repair", repair},
         {"prefetch", [&](SyncManager& manager) { prefetch(manager, run.arguments.at(0)); }},
+        {"live", [&](SyncManager& manager) { live(manager, run.arguments.at(0), Value(run.number(1))); }},
         {"clean", [](SyncManager& manager) { manager.cleanup_old_eras(); }},
         {"passes", [&](SyncManager& manager) { repeat(run.number(0), [&] { static_cast<void>(manager.sync()); }); }},
         {"holds", [&](SyncManager&) { repeat(run.number(0), [&] { run.open()->acquire(), run.open()->release(); }); }},

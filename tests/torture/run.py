@@ -2,27 +2,29 @@
 
 usage: ./dev torture [--long] [NAME...] [--repeat LINE]
 
-The short form takes a fixed sample. NAME is how a piece's name begins; LINE is what a failure printed, and with TORTURE_KEEP=1 its
-folder stays to be looked at.
+The short form takes a sample, drawn by TORTURE_SEED. NAME is how a piece's name begins; LINE is what a failure printed, and with
+TORTURE_KEEP=1 its folder stays to be looked at. At the end stands a table of figures; the exit status is 0 where all held.
 """
 
 import argparse
 import concurrent.futures
+import dataclasses
 import importlib
 import os
 import pathlib
 import sys
 import time
 import traceback
+from collections.abc import Iterable
 from types import ModuleType
 
-from torture.case import Case
+from torture.case import Case, chosen_seed
 
 
 def pieces(names: list[str]) -> list[ModuleType]:
     here = pathlib.Path(__file__).parent
-    modules = [importlib.import_module(f"torture.{path.stem}") for path in sorted(here.glob("*.py")) if path.stem != "run"]
-    return [module for module in modules if hasattr(module, "cases") and (not names or name_of(module).startswith(tuple(names)))]
+    stems = [path.stem for path in sorted(here.glob("*.py")) if "\ndef cases(" in path.read_text() and path.stem.startswith(tuple(names or [""]))]
+    return [importlib.import_module(f"torture.{stem}") for stem in stems]
 
 
 def name_of(module: ModuleType) -> str:
@@ -39,27 +41,45 @@ def outcome(module: ModuleType, case: Case) -> tuple[bool, str | None]:
         return False, None
 
 
-def run_piece(module: ModuleType, cases: list[Case]) -> bool:
-    began = time.monotonic()
+@dataclasses.dataclass(frozen=True)
+class Row:
+    name: str
+    cases: int
+    failed: int
+    seconds: float
+
+    def __str__(self) -> str:
+        return f"{self.name:<16}{self.cases:>8}{self.failed:>8}{self.seconds:>9.0f}"
+
+
+def run_piece(module: ModuleType, cases: Iterable[Case]) -> Row:
+    began, cases = time.monotonic(), list(cases)
     with concurrent.futures.ThreadPoolExecutor(len(os.sched_getaffinity(0))) as pool:
         outcomes = list(pool.map(lambda case: outcome(module, case), [case for case in cases if not case.alone]))
     outcomes += [outcome(module, case) for case in cases if case.alone]
     failed = sum(not held for held, _ in outcomes)
-    print(f"{name_of(module)}: {len(outcomes)} cases, {failed} failed, {time.monotonic() - began:.0f} s", flush=True)
+    row = Row(name_of(module), len(outcomes), failed, time.monotonic() - began)
+    print(row, flush=True)
     for figure in filter(None, (figure for _, figure in outcomes)):
         print(f"    {figure}", flush=True)
-    return failed == 0 and bool(outcomes)
+    return row
 
 
-def repeat(line: str) -> bool:
+def tell(rows: list[Row], form: str) -> bool:
+    """The table; whether all held, of which there was something."""
+    total = Row("total", sum(row.cases for row in rows), sum(row.failed for row in rows), sum(row.seconds for row in rows))
+    print(f"\n{form}, seed {chosen_seed()}\n{'piece':<16}{'cases':>8}{'failed':>8}{'seconds':>9}", *rows, total, sep="\n", flush=True)
+    return total.failed == 0 and total.cases > 0
+
+
+def repeat(line: str) -> Row:
     name, _, text = line.partition(" ")
     for module in pieces([name]):
         for long in (True, False):
             for case in module.cases(long):
                 if case.text == text:
                     return run_piece(module, [case])
-    print(f"no such case: {line}")
-    return False
+    sys.exit(f"no such case: {line}")
 
 
 def main() -> int:
@@ -69,9 +89,9 @@ def main() -> int:
     parser.add_argument("names", metavar="NAME", nargs="*", help="how the names of the wanted pieces begin")
     chosen = parser.parse_args()
     if chosen.repeat:
-        return not repeat(chosen.repeat)
-    wanted = pieces(chosen.names)
-    return not (wanted and all([run_piece(module, list(module.cases(chosen.long))) for module in wanted]))
+        return repeat(chosen.repeat).failed
+    rows = [run_piece(module, module.cases(chosen.long)) for module in pieces(chosen.names)]
+    return not tell(rows, "long form" if chosen.long else "short form")
 
 
 if __name__ == "__main__":

@@ -7,15 +7,17 @@ import random
 import signal
 import struct
 import subprocess
+import sys
 import threading
 import time
 from collections.abc import Iterable
 
-from torture.case import Case, scratch
-from torture.workloads import DEADLINE_SECONDS, FIRST, SPOILT, Trial, Workload, start_host
+from torture.case import BUILD, ROOT, Case, scratch
+from torture.workloads import DEADLINE_SECONDS, FIRST, HOST, SPOILT, Trial, Workload, start_host
 from torture.world import DATA, World, digest, world
 
-PROCESSES = 4
+PROCESSES = 4  # the first of them in Python, but under the thread sanitizer, whose runtime it lacks
+PYTHON_HOST = HOST if BUILD.name == "tsan" else (sys.executable, f"{ROOT}/tests/torture/soak_host.py")
 ERA_SECONDS, VERSION_SECONDS = 10.0, 0.5
 
 
@@ -33,11 +35,12 @@ class Round:
         self.end = time.monotonic() + seconds
         self.kills = 0
         (trial.folder / "shared").write_bytes(bytes(40))
-        self.running = [self.start() for _ in range(PROCESSES)]
+        self.running = [self.start(index) for index in range(PROCESSES)]
 
-    def start(self) -> subprocess.Popen[bytes]:
+    def start(self, index: int) -> subprocess.Popen[bytes]:
         command = ("soak", str(int(self.end * 1e9)), str(self.draw.randrange(10**6)))
-        return start_host(self.trial.folder, "fault", self.trial.site.url, command, {"FAULT_SHARED": f"{self.trial.folder}/shared"})
+        shared = {"FAULT_SHARED": f"{self.trial.folder}/shared"}
+        return start_host(self.trial.folder, "fault", self.trial.site.url, command, shared, host=PYTHON_HOST if index == 0 else HOST)
 
     def publish(self) -> None:
         site, draw = self.trial.site, random.Random(self.draw.random())
@@ -55,7 +58,7 @@ class Round:
         if blow < 0.7:
             self.running[index].kill()
             self.running[index].wait()
-            self.running[index] = self.start()
+            self.running[index] = self.start(index)
             self.kills += 1
         elif blow < 0.85:
             self.running[index].send_signal(signal.SIGSTOP)
@@ -91,8 +94,8 @@ class Round:
 
 def soak(seed: int, seconds: float) -> str:
     with scratch() as folder:
-        trial = Trial(Workload("soak", FIRST, (FIRST,), ()), folder)
-        trial.spoilt, trial.outages = [digest(SPOILT)], True
+        trial = Trial(Workload("soak", FIRST, (FIRST,), ("soak",)), folder)
+        trial.spoilt, trial.processes = [digest(SPOILT)], PROCESSES
         told = Round(trial, seed, seconds).run()
         trial.site.publish(world(trial.site.now.era, trial.site.now.version + 1))  # so that the healthy pass looks at every file
         trial.heal()

@@ -7,10 +7,9 @@ import time
 from collections.abc import Iterable
 
 from torture.case import Case, scratch
-from torture.workloads import WORKLOADS, Trial, Workload
+from torture.workloads import LIVE, PARALLEL, WORKLOADS, Trial, Workload
 
-PARALLEL = {"BRACKENFEN_SYNC_MAX_CONCURRENCY": "4"}
-ROWS = [workload for workload in WORKLOADS if workload.name in ("cold", "warm", "version", "transition", "lost")]
+ROWS = [*(workload for workload in WORKLOADS if workload.name in ("cold", "warm", "version", "transition", "lost")), LIVE]
 
 
 @functools.cache

@@ -5,6 +5,7 @@ import dataclasses
 import functools
 import itertools
 import json
+import os
 import pathlib
 import shutil
 import subprocess
@@ -18,6 +19,8 @@ from torture.world import CHUNK_BYTES, DATA, MANDATORY, PNL, ROTATING, SETTINGS,
 
 SPOILT = b"spoilt"
 DEADLINE_SECONDS = 120  # of one run, which takes a tenth of one on an idle machine
+PARALLEL = {"BRACKENFEN_SYNC_MAX_CONCURRENCY": "4"}
+HOST = (f"{BUILD}/bin/torture_host",)
 
 Environment = dict[str, str]
 
@@ -68,6 +71,21 @@ def supersede_in_the_middle(data: pathlib.Path, site: Site) -> None:
     site.at_request = at_request
 
 
+def leave_work(data: pathlib.Path, site: Site) -> None:
+    """Something to repair and to remove; and whenever a pass is over, the server has moved on."""
+    spoil(data, site)
+    leave_old_eras(data, site)
+    asked = set()
+
+    def at_request(site: Site, path: str) -> None:
+        asked.add(path)
+        if path == "/data/manifest/version" and "/data/manifest" in asked and site.later:
+            asked.clear()
+            site.publish(site.later.pop(0))
+
+    site.at_request = at_request
+
+
 def nothing(data: pathlib.Path, site: Site) -> None:
     pass
 
@@ -93,6 +111,8 @@ WORKLOADS = [
     Workload("old-eras", FIRST, (FIRST,), ("clean",), leave_old_eras),
     Workload("lost", None, (LOST,), ("pass",)),
 ]
+# Beside the ten: all that the threads of a running manager do.
+LIVE = Workload("live", FIRST, (FIRST, VERSION, ERA), ("live", MANDATORY[0], "2"), leave_work)
 
 
 # ---- runs ----
@@ -105,15 +125,15 @@ class Outcome:
 
 
 def start_host(folder: pathlib.Path, phase: str, url: str, command: tuple[str, ...], environment: Environment,
-               within: tuple[str, ...] = ()) -> subprocess.Popen[bytes]:  # fmt: skip
+               within: tuple[str, ...] = (), host: tuple[str, ...] = HOST) -> subprocess.Popen[bytes]:  # fmt: skip
     """The host on the folder's data directory, its output among the phase's files; `within` is a command that runs it."""
-    preloaded = {"LD_PRELOAD": f"{BUILD}/bin/libtorture_faults.so", "FAULT_BELOW": f"{folder}/data/", "FAULT_LOG": f"{folder}/{phase}/points"}
+    preloaded = {"LD_PRELOAD": f"{BUILD}/bin/libtorture_faults.so " + os.environ.get("LD_PRELOAD", ""), "FAULT_BELOW": f"{folder}/data/", "FAULT_LOG": f"{folder}/{phase}/points"}
     settings = {
         "BRACKENFEN_SYNC_HTTP_CHUNK_BYTES": str(CHUNK_BYTES), "BRACKENFEN_SYNC_MAX_CONCURRENCY": "1", "TORTURE_TOKEN": TOKEN,
         "BRACKENFEN_SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS": "30",  # a busy machine is no outage
     }  # fmt: skip
     variables = [f"{name}={value}" for name, value in (settings | preloaded | environment).items()]
-    full = [*within, "env", *variables, f"{BUILD}/bin/torture_host", command[0], f"{folder}/data", url, *command[1:]]
+    full = [*within, "env", *variables, *host, command[0], f"{folder}/data", url, *command[1:]]
     with (folder / phase / "out").open("a") as out, (folder / phase / "log").open("a") as log:
         return subprocess.Popen(full, stdout=out, stderr=log)
 
@@ -164,8 +184,8 @@ class Trial:
         self.site = open_site(folder / "fault/requests", list(workload.worlds))
         workload.before(self.data, self.site)
         self.start = {path.relative_to(self.data).as_posix(): digest(path.read_bytes()) for path in self.data.rglob("*") if path.is_file()}
-        self.spoilt = [digest(SPOILT)] if workload.before is spoil else []
-        self.outages = False  # whether the server was ever out of reach
+        self.spoilt = [digest(SPOILT)] if digest(SPOILT) in self.start.values() else []
+        self.processes = 1
         # Which feature the rotation has left out is what is asked for.
         left_out = next(path for path in ROTATING if workload.start is None or path not in self.start)
         self.command = tuple(pathlib.Path(left_out).stem if word == "*" else word for word in workload.command)
@@ -179,8 +199,8 @@ class Trial:
         facts = {
             "stays": [path for path in self.start if path not in ROTATING and all(path in one.bodies for one in worlds)],
             "rotating": ROTATING, "published": [one.facts for one in worlds],
-            "start": self.start, "spoilt": self.spoilt, "token": TOKEN, "outages": self.outages,
-            "era_change": len(self.workload.worlds) > 1 or self.workload.worlds[-1].era > 1,
+            "start": self.start, "spoilt": self.spoilt, "token": TOKEN, "url": self.site.url, "processes": self.processes,
+            "era_change": self.command[0] == "follow" and self.workload.worlds[-1].era > 1,
         }  # fmt: skip
         (self.folder / "facts.json").write_text(json.dumps(facts))
         problems = problems_of(self.folder, phase)

@@ -110,6 +110,8 @@ class Site:
         self.url, self.log, self.published = url, log, [worlds[0]]
         self.later = worlds[1:]
         self.cut = False  # every connection is reset
+        self.cuts: set[int] = set()  # those of these requests, counted from 1
+        self.asked = 0
         self.at_request: Callable[[Site, str], None] = lambda site, path: None
         self.lock = threading.Lock()
 
@@ -123,13 +125,20 @@ class Site:
     def settle(self) -> None:
         """From now on nothing moves."""
         self.at_request = lambda site, path: None
+        self.cuts = set()
         self.published += self.later
         self.later = []
 
-    def note(self, method: str, path: str, headers: dict[str, str]) -> None:
-        line = json.dumps({"ns": time.monotonic_ns(), "method": method, "path": path, "headers": headers})
+    def handle(self, method: str, path: str, headers: dict[str, str]) -> Answer | None:
+        """Absent where the connection is to be reset. The log has it before anybody sees the answer."""
+        request = {"ns": time.monotonic_ns(), "method": method, "path": path, "headers": headers}
+        with self.lock:
+            self.asked += 1
+            cut = self.cut or self.asked in self.cuts
+        answer = None if cut else self.answer(path, headers)
         with self.lock, self.log.open("a") as file:
-            file.write(line + "\n")
+            file.write(json.dumps(request | {"status": answer[0] if answer else 0}) + "\n")
+        return answer
 
     def answer(self, path: str, headers: dict[str, str]) -> Answer:
         self.at_request(self, path)
@@ -166,11 +175,11 @@ class Handler(socketserver.StreamRequestHandler):
             return
         _, number, path = words[1].split("/", 2)
         site = Server.sites[int(number)]
-        site.note(words[0], "/" + path, headers)
-        if site.cut:
+        answer = site.handle(words[0], "/" + path, headers)
+        if answer is None:
             self.connection.setsockopt(SOL_SOCKET, SO_LINGER, struct.pack("ii", 1, 0))
             return
-        status, more, body = site.answer("/" + path, headers)
+        status, more, body = answer
         head = "".join(f"{name}: {value}\r\n" for name, value in {**more, "Content-Length": str(len(body)), "Connection": "close"}.items())
         self.wfile.write(f"HTTP/1.1 {status} -\r\n{head}\r\n".encode() + body)
 
