@@ -269,16 +269,50 @@ nb::object rotation_settings_to_python(const ArtifactRotationSettings& settings,
                         nb::arg("feature_budget_bytes") = budget, nb::arg("free_disk_bytes") = to_python(settings.free_disk_bytes));
 }
 
-void bind_rotation_records(nb::module_& module) {
+namespace {
+
+/// What a directory is set to, and what a plan is asked for.
+void bind_settings_records(nb::module_& module) {
   const nb::object none = nb::none();
-  const nb::object nothing = nb::tuple();
+  records.scope = make_record(module, "SelectionScope",
+                              {{"market", "str | None", none},
+                               {"named_universes", "tuple[str, ...]", nb::tuple()},
+                               {"family", "str | None", none},
+                               {"subfamily", "str | None", none}},
+                              "Which features are considered; None and () for all.");
+  records.rotation_settings =
+      make_record(module, "ArtifactRotationSettings",
+                  {{"artifact_kind", "str", to_python(FEATURE_KIND)},
+                   {"algorithm", "str | None", none},
+                   {"seed", "int | None", none},
+                   {"scope", "SelectionScope", make(records.scope)},
+                   {"feature_budget_bytes", "int | str | None", none},
+                   {"free_disk_bytes", "int | None", none}},
+                  "What a plan is asked for. Sizes are in bytes; free_disk_bytes is None where the budget is explicit.");
+  nb::dict members;
+  members["model_dump"] = nb::module_::import_("dataclasses").attr("asdict");
+  records.settings = make_record(module, "RotationSettings",
+                                 {{"feature_budget_gb", "float | str | None", none},
+                                  {"algorithm", "str", to_python("seeded-hash")},
+                                  {"rotation_seed", "int | None", none},
+                                  {"market", "str | None", none},
+                                  {"named_universes", "tuple[str, ...] | None", none},
+                                  {"family", "str | None", none},
+                                  {"subfamily", "str | None", none},
+                                  {"rotation_frequency", "str", to_python("weekly")}},
+                                 "A directory's rotation settings. feature_budget_gb is in units of 2**30 bytes.", members);
+}
+
+}  // namespace
+
+void bind_rotation_records(nb::module_& module) {
   records.state =
       make_record(module, "RotationState",
                   {{"active_relative_paths", "tuple[str, ...]"},
                    {"generation", "int"},
                    {"seed", "int"},
                    {"rng_state", "str"},
-                   {"rotated_at", "int | None", none}},
+                   {"rotated_at", "int | None", nb::none()}},
                   "What a directory holds, and since when.\n\n"
                   "generation counts rotations from 1. seed and generation give the order in which features are considered, of which\n"
                   "rng_state is the generator. rotated_at is in seconds since the epoch.");
@@ -293,21 +327,6 @@ void bind_rotation_records(nb::module_& module) {
                                     {"family", "str"},
                                     {"subfamily", "str"}},
                                    "One artifact of a manifest. Texts are empty where the manifest says nothing.");
-  records.scope = make_record(module, "SelectionScope",
-                              {{"market", "str | None", none},
-                               {"named_universes", "tuple[str, ...]", nothing},
-                               {"family", "str | None", none},
-                               {"subfamily", "str | None", none}},
-                              "Which features are considered; None and () for all.");
-  records.rotation_settings =
-      make_record(module, "ArtifactRotationSettings",
-                  {{"artifact_kind", "str", to_python(FEATURE_KIND)},
-                   {"algorithm", "str | None", none},
-                   {"seed", "int | None", none},
-                   {"scope", "SelectionScope", make(records.scope)},
-                   {"feature_budget_bytes", "int | str | None", none},
-                   {"free_disk_bytes", "int | None", none}},
-                  "What a plan is asked for. Sizes are in bytes; free_disk_bytes is None where the budget is explicit.");
   records.selection = make_record(module, "RotationSelection",
                                   {{"active_relative_paths", "tuple[str, ...]"},
                                    {"selected_artifacts", "tuple[ArtifactDescriptor, ...]"},
@@ -321,18 +340,7 @@ void bind_rotation_records(nb::module_& module) {
                                   "come may take.");
   records.plan = make_record(module, "RotationPlan", {{"selection", "RotationSelection"}, {"candidate_state", "RotationState | None"}},
                              "A selection, and the state that it makes once its files are here; None where nothing rotates.");
-  nb::dict members;
-  members["model_dump"] = nb::module_::import_("dataclasses").attr("asdict");
-  records.settings = make_record(module, "RotationSettings",
-                                 {{"feature_budget_gb", "float | str | None", none},
-                                  {"algorithm", "str", to_python("seeded-hash")},
-                                  {"rotation_seed", "int | None", none},
-                                  {"market", "str | None", none},
-                                  {"named_universes", "tuple[str, ...] | None", none},
-                                  {"family", "str | None", none},
-                                  {"subfamily", "str | None", none},
-                                  {"rotation_frequency", "str", to_python("weekly")}},
-                                 "A directory's rotation settings. feature_budget_gb is in units of 2**30 bytes.", members);
+  bind_settings_records(module);
 }
 
 }  // namespace brackenfen::sync::python

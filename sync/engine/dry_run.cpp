@@ -1,6 +1,5 @@
 // What a pass would do, found out by its own steps up to the first that changes something.
 #include <algorithm>
-#include <set>
 #include <unordered_set>
 #include <utility>
 
@@ -14,29 +13,6 @@
 #include "sync/rotation/cleanup.hpp"
 
 namespace brackenfen::sync {
-namespace {
-
-/// Who asks what a clean-up keeps steps into the manifest's era, and features of another one are forgotten. They change under
-/// the lock of passes, which a dry run holds.
-class PrefetchedFeaturesPutBack {
- public:
-  explicit PrefetchedFeaturesPutBack(PrefetchedFeatures& features)
-      : features_(features), era_id_(features.era_id()), relative_paths_(features.relative_paths()) {}
-  PrefetchedFeaturesPutBack(const PrefetchedFeaturesPutBack&) = delete;
-  PrefetchedFeaturesPutBack& operator=(const PrefetchedFeaturesPutBack&) = delete;
-  ~PrefetchedFeaturesPutBack() {
-    features_.set_era_id(std::move(era_id_));
-    features_.set_relative_paths(std::move(relative_paths_));
-  }
-
- private:
-  PrefetchedFeatures& features_;
-  Value era_id_;
-  std::set<std::string> relative_paths_;
-};
-
-}  // namespace
-
 SyncPlan SyncManager::plan() {
   require_own_process();
   require_outside_own_pass();
@@ -90,10 +66,8 @@ std::vector<Member> SyncManager::Pass::documents_to_fetch() {
 std::vector<std::string> SyncManager::Pass::files_to_remove(bool is_transition) {
   std::vector<std::string> doomed;
   const TextList& active_paths = rotation_.plan.selection.active_relative_paths;
-  const TextSet keep = [&] {
-    const PrefetchedFeaturesPutBack put_back(manager_._prefetched_features);
-    return manager_.paths_to_keep(*neighbours_, *server_, active_paths);
-  }();
+  const TextSet keep = manager_.paths_to_keep(*neighbours_, *server_, active_paths,
+                                              manager_._prefetched_features.keep_paths_in_era_of(*neighbours_, *server_));
   find_files_not_kept(data_dir_, keep, [&](const Place&, std::string_view relative_path) {
     if (!relative_path.ends_with(".tmp")) doomed.emplace_back(relative_path);
   });

@@ -46,6 +46,15 @@ class SyncManager::Pass {
   void refuse_another_era() const;
   void plan_rotation();
   void begin_result();
+  /// False where artifacts turned out to be lost, and were excluded.
+  [[nodiscard]] bool download();
+  /// Remembers the artifacts as lost. False where all of them were known.
+  bool exclude(const std::vector<std::string>& lost);
+  void land_documents();
+  void commit();
+  void finish();
+
+  // The walk: pass_walk.cpp.
   /// The active paths, each with the entry by which it is kept without a further question.
   [[nodiscard]] ExpectedFiles promised_files(const Document* files, const Document* local_files) const;
   void collect_downloads();
@@ -54,13 +63,6 @@ class SyncManager::Pass {
   void note_kept(const Text& file_path, const Document& file_info, const Value* local_entry);
   void warn_of_kept_files() const;
   void check_disk() const;
-  /// False where artifacts turned out to be lost, and were excluded.
-  [[nodiscard]] bool download();
-  /// Remembers the artifacts as lost. False where all of them were known.
-  bool exclude(const std::vector<std::string>& lost);
-  void land_documents();
-  void commit();
-  void finish();
 
   // The shortcuts: pass_shortcuts.cpp.
   [[nodiscard]] std::optional<SyncResult> end_on_version_hint(const VersionHint& hint);

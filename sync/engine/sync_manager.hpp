@@ -511,8 +511,9 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   /// _plan_feature_rotation_for_manifest of the active state as it is, which may list retired paths. Writes nothing.
   [[nodiscard]] PlannedRotation plan_rotation(NeighbourSet& neighbours, Manifest& manifest, std::int64_t free_disk_bytes,
                                               bool force_new_candidate, const RotationStateRef& active);
-  /// What the clean-up leaves below the folders of artifacts.
-  [[nodiscard]] TextSet paths_to_keep(NeighbourSet& neighbours, const Manifest& manifest, const TextList& active_relative_paths);
+  /// What the clean-up leaves below the folders of artifacts, given what was fetched on demand in the manifest's era.
+  [[nodiscard]] TextSet paths_to_keep(NeighbourSet& neighbours, const Manifest& manifest, const TextList& active_relative_paths,
+                                      const std::vector<std::string>& prefetched);
   /// Whether the file is here as far as size, hash cache and the local manifest's promise tell; null for no such manifest.
   [[nodiscard]] bool is_present(LocalFiles& local_files, const Manifest* local, const Text& path, std::int64_t size_bytes,
                                 const Value& sha256);

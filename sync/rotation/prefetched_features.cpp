@@ -64,6 +64,14 @@ std::vector<std::string> PrefetchedFeatures::_prefetched_feature_keep_paths(Neig
   return {relative_paths_.begin(), relative_paths_.end()};
 }
 
+std::vector<std::string> PrefetchedFeatures::keep_paths_in_era_of(NeighbourSet& neighbours, const Manifest& manifest) const {
+  const Value era_number = _manifest_era_id_or_none(manifest.era_number());
+  std::set<std::string> kept = _read_prefetched_feature_relative_paths(neighbours, manifest);
+  MutexLock lock(mutex_);
+  if (era_id_ == era_number) kept.insert(relative_paths_.begin(), relative_paths_.end());
+  return {kept.begin(), kept.end()};
+}
+
 std::set<std::string> PrefetchedFeatures::_read_prefetched_feature_relative_paths(NeighbourSet& neighbours,
                                                                                   const Manifest& manifest) const {
   const Document members = members_of(_prefetched_features_state_path(data_dir_.get()));

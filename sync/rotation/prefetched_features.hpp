@@ -31,9 +31,11 @@ class PrefetchedFeatures {
   /// Adds the features among `relative_paths` to memory and file. Without any, nothing is touched. Throws os_error.
   void _remember_prefetched_feature_relative_paths(NeighbourSet& neighbours, const Manifest& manifest,
                                                    const std::vector<Value>& relative_paths) EXCLUDES(mutex_);
-  /// What memory and file hold for the manifest's era, sorted.
+  /// What memory and file hold for the manifest's era, sorted, which memory enters.
   [[nodiscard]] std::vector<std::string> _prefetched_feature_keep_paths(NeighbourSet& neighbours, const Manifest& manifest)
       EXCLUDES(mutex_);
+  /// The same without entering the era: for who only asks.
+  [[nodiscard]] std::vector<std::string> keep_paths_in_era_of(NeighbourSet& neighbours, const Manifest& manifest) const EXCLUDES(mutex_);
   /// What the file holds for the manifest's era and the manifest still lists; empty for a file that is unusable.
   [[nodiscard]] std::set<std::string> _read_prefetched_feature_relative_paths(NeighbourSet& neighbours, const Manifest& manifest) const;
   /// Throws os_error.

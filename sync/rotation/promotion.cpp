@@ -49,10 +49,10 @@ std::vector<SearchRefreshPayload> SyncManager::_rotation_search_refresh_payloads
   return payloads;
 }
 
-TextSet SyncManager::paths_to_keep(NeighbourSet& neighbours, const Manifest& manifest, const TextList& active_relative_paths) {
+TextSet SyncManager::paths_to_keep(NeighbourSet& neighbours, const Manifest& manifest, const TextList& active_relative_paths,
+                                   const std::vector<std::string>& prefetched) {
   TextSet protected_paths = set_of(active_relative_paths);
-  for (const std::string& path : _prefetched_features._prefetched_feature_keep_paths(neighbours, manifest))
-    protected_paths.insert(Text(path));
+  for (const std::string& path : prefetched) protected_paths.insert(Text(path));
   const std::vector<Text> metadata{"manifest.json", "shuffle_seed.enc", "shuffle_seed.enc.meta.json", FEATURE_ROTATION_STATE_FILENAME};
   const Value files = manifest.files();
   TextSet keep = neighbours.artifact_rotation().rotation_cleanup_keep_paths(files.is_document() ? files : Value(Document()),
@@ -67,7 +67,8 @@ std::vector<std::string> SyncManager::_cleanup_inactive_rotation_artifacts(Neigh
     const Document* const entries = files.if_document();
     return entries != nullptr && entries->contains(path);
   };
-  const TextSet keep = paths_to_keep(neighbours, manifest, active_relative_paths);
+  const TextSet keep =
+      paths_to_keep(neighbours, manifest, active_relative_paths, _prefetched_features._prefetched_feature_keep_paths(neighbours, manifest));
   const Value files = manifest.files();
   const Value files_before = before != nullptr ? before->files() : Value();
   int strangers = 0;
