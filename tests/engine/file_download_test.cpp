@@ -1,9 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
-#include <csignal>
 #include <filesystem>
 #include <functional>
 
@@ -320,22 +318,6 @@ TEST(FileDownloadTest, aFolderThatBecomesALinkLeadsNowhere) {
     EXPECT_EQ(landing.run(), "");
     EXPECT_THAT(elsewhere.files(), IsEmpty());
   }
-}
-
-TEST(FileDownloadTest, aFullDiskIsNoOutageOfTheServer) {
-  Download download;
-  download.server.serve_file(DATA_PATH, content());
-  rlimit before{};
-  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
-  auto* const handler = std::signal(SIGXFSZ, SIG_IGN);
-  const rlimit tight{.rlim_cur = 600, .rlim_max = before.rlim_max};
-  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &tight), 0);
-  const std::string failure = download.run();
-  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
-  std::signal(SIGXFSZ, handler);
-  EXPECT_THAT(failure, StartsWith("OSError: [Errno 27]"));
-  EXPECT_EQ(download.staging(), content().substr(0, 400)) << "still a prefix, to resume from";
-  EXPECT_THAT(download.wait_reasons(), IsEmpty());
 }
 
 TEST(FileDownloadTest, anErrorOfTheCallbackIsNotRetried) {

@@ -2,7 +2,6 @@
 
 import gc
 import logging
-import os
 import pathlib
 import sys
 import threading
@@ -260,30 +259,3 @@ def test_the_last_reference_may_go_in_a_callback(tmp_path: pathlib.Path) -> None
     del notify
     gc.collect()
     assert not hasattr(holder, "owner")
-
-
-def test_acquire_and_release_leave_nothing_behind(tmp_path: pathlib.Path, server: Any, wait_until: Callable[..., None]) -> None:
-    managers: list[weakref.ref[sync.SyncManager]] = []
-
-    def count(directory: str) -> int:
-        return len(os.listdir(f"/proc/self/{directory}"))
-
-    def cycle() -> None:
-        manager = sync.SyncManager.get_or_create(tmp_path, server.url, str)
-        manager.acquire()
-        manager.release()
-        managers.append(weakref.ref(manager))
-        server.requests.clear()
-
-    for _ in range(20):
-        cycle()
-    wait_until(lambda: count("task") <= 3)  # this thread and the server's
-    descriptors, objects = count("fd"), len(gc.get_objects())
-    for _ in range(1000):
-        cycle()
-    wait_until(lambda: count("task") <= 3 and count("fd") <= descriptors)
-    gc.collect()
-    assert all(reference() is None for reference in managers)
-    managers.clear()
-    assert len(gc.get_objects()) - objects < 50
-    assert (tmp_path / ".consumer_count").read_text() == "0"
