@@ -27,17 +27,6 @@ class Files : public ::testing::Test {
   TemporaryDirectory root_;
 };
 
-TEST_F(Files, makeDirectoriesCreatesParentsAndAcceptsWhatIsThere) {
-  make_directories(at("a/b/c/"));
-  EXPECT_TRUE(is_directory(at("a/b/c")));
-  make_directories(at("a/b"));
-  root_.write("file", "");
-  EXPECT_TRUE(path_exists(at("file")));
-  EXPECT_FALSE(is_directory(at("file")));
-  EXPECT_THROW(make_directories(at("file")), Error);
-  EXPECT_THROW(make_directories(at("file/below")), Error);
-}
-
 TEST_F(Files, descriptorsCarryWholeContents) {
   std::string content(300'000, 'x');
   content[70'000] = '\0';

@@ -1,7 +1,4 @@
-#include <gmock/gmock.h>
-
 #include <algorithm>
-#include <functional>
 
 #include "sync/documents/signals_index.hpp"
 #include "tests/documents/values.hpp"
@@ -11,11 +8,6 @@ namespace brackenfen::sync {
 namespace {
 
 using namespace std::string_literals;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Not;
-using testing::StartsWith;
 
 constexpr const char* INDEX = "signals_index.json";
 const PublishedFile ALPHA{"features/alpha.arrow", "alpha"};

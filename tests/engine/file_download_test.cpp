@@ -1,19 +1,10 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
-
-#include <filesystem>
-#include <functional>
 
 #include "sync/transport/http.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
 namespace {
-
-using testing::IsEmpty;
-using testing::SizeIs;
-using testing::StartsWith;
 
 using Ranges = std::vector<std::string>;
 

@@ -1,16 +1,10 @@
 // What the server says of its version: whether a pass is wanted, and whether a download is still worth its while.
-#include <gmock/gmock.h>
-
-#include <functional>
 
 #include "sync/neighbours/rotation_state.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
 namespace {
-
-using testing::Contains;
-using testing::StartsWith;
 
 const PublishedFile ALPHA{"features/alpha.arrow", "alpha"};
 const PublishedFile BETA{"features/beta.arrow", "beta"};
@@ -44,7 +38,7 @@ TEST_F(NeedsSyncTest, theServersAnswerDecidesBeforeTheFiles) {
     std::string answer;
     const std::string failure = failure_of([&] { return answer = manager->needs_sync() ? "yes" : "no"; });
     EXPECT_THAT(answer + failure, StartsWith(outcome));
-    EXPECT_THAT(asked(), testing::ElementsAre(VERSION_PATH));
+    EXPECT_THAT(asked(), ElementsAre(VERSION_PATH));
   }
 }
 
@@ -103,14 +97,14 @@ TEST_F(SupersedeTest, aLaterVersionOrEraSupersedes) {
   EXPECT_THAT(log.messages(LogLevel::Debug), Contains(StartsWith("Manifest version probe was not parseable during checksum repair: ")));
   static_cast<void>(asked());
   for (const Value& version : {Value(), Value("x"), Value(List())}) EXPECT_FALSE(superseded(stamp.with("_manifest_version", version)));
-  EXPECT_THAT(asked(), testing::IsEmpty()) << "a file without a stamp asks nobody";
+  EXPECT_THAT(asked(), IsEmpty()) << "a file without a stamp asks nobody";
 }
 
 TEST_F(SupersedeTest, aProbeThatFailsAsksOnceAndAnswersNo) {
   for (const Reply& reply : {Reply{.status = 503}, Reply{.status = 404}, Reply{.cut_after = 0, .reset = true}}) {
     server.script(VERSION_PATH, {reply});
     EXPECT_FALSE(superseded(stamp));
-    EXPECT_THAT(asked(), testing::ElementsAre(VERSION_PATH));
+    EXPECT_THAT(asked(), ElementsAre(VERSION_PATH));
   }
   manager->_server_url.set("http://127.0.0.1:1");
   EXPECT_FALSE(superseded(stamp));

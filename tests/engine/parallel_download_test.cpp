@@ -1,6 +1,3 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <chrono>
 #include <set>
@@ -14,9 +11,6 @@ namespace brackenfen::sync {
 namespace {
 
 using std::chrono::milliseconds;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::StartsWith;
 
 class ParallelDownloadTest : public testing::Test, protected SyncSetup {
  protected:

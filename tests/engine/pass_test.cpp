@@ -1,11 +1,9 @@
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cmath>
-#include <filesystem>
 
 #include "sync/neighbours/sync_backoff.hpp"
 #include "tests/documents/values.hpp"
@@ -13,14 +11,6 @@
 
 namespace brackenfen::sync {
 namespace {
-
-using testing::AllOf;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::Not;
-using testing::StartsWith;
 
 const PublishedFile ALPHA{"features/alpha.arrow", "alpha, first edition"};
 const PublishedFile BETA{"features/beta.arrow", "beta"};
@@ -165,7 +155,7 @@ TEST_F(PassTest, anOlderVersionOfTheSameEraIsTakenOverWithoutADownload) {
   const RecordingLog pass_log;
   EXPECT_EQ(manager->sync().n_features, 0) << "this short way counts nothing";
   EXPECT_FALSE(std::filesystem::exists(staging));
-  EXPECT_THAT(pass_log.messages(LogLevel::Info), testing::IsEmpty()) << "the library's own is nothing to report";
+  EXPECT_THAT(pass_log.messages(LogLevel::Info), IsEmpty()) << "the library's own is nothing to report";
   EXPECT_THAT(asked(), ElementsAre(VERSION_PATH, MANIFEST_PATH));
   EXPECT_EQ(manager->get_manifest()->version(), Value(0));
   EXPECT_THAT(directory.read("manifest.json"), HasSubstr(R"("version": 0)"));

@@ -1,14 +1,7 @@
-#include <gmock/gmock.h>
-
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
 namespace {
-
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::StartsWith;
 
 const PublishedFile ALPHA{"features/alpha.arrow", "alpha"};
 const PublishedFile BETA{"features/beta.arrow", "beta"};

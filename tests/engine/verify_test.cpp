@@ -1,7 +1,3 @@
-#include <gmock/gmock.h>
-
-#include <filesystem>
-
 #include "sync/neighbours/rotation_state.hpp"
 #include "tests/support/sync_setup.hpp"
 
@@ -76,7 +72,7 @@ TEST_F(VerifyTest, theListsFollowTheOrderOfTheManifestOrOfTheActivePaths) {
   EXPECT_EQ(manager->verify(), found({corrupted[5], corrupted[2]}, {missing[1], "unknown", missing[0]}));
 
   entries.insert(entries.begin() + 100, {"../outside", FILE_A.entry()});
-  EXPECT_THAT(failure_of([&] { return knowing(entries)->verify(); }), testing::StartsWith("ManifestError: "));
+  EXPECT_THAT(failure_of([&] { return knowing(entries)->verify(); }), StartsWith("ManifestError: "));
 }
 
 }  // namespace

@@ -1,6 +1,4 @@
 // What the server says of the active era, and the gates that ask it.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "sync/base/values/convert.hpp"
 #include "sync/era/era_current.hpp"

@@ -1,15 +1,9 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "sync/base/values/convert.hpp"
 #include "sync/era/era_thread.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
 namespace {
-
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 /// Remembers the transitions asked for, and fails them on demand.
 struct Transitions : EraManager {
@@ -138,7 +132,7 @@ TEST_F(EraPollTest, aNewEraIsTriedAgainAtEveryPollAndAClosingOneIsNot) {
   const std::string failed = "Trigger era transition (";
   EXPECT_THAT(warnings(),
               ElementsAre(failed + "closing) failed: not now", failed + "new era) failed: not now", failed + "new era) failed: not now"));
-  EXPECT_THAT(log.messages(LogLevel::Debug), testing::Contains("Agent onboarding: era_change, from era 7 to era 8"));
+  EXPECT_THAT(log.messages(LogLevel::Debug), Contains("Agent onboarding: era_change, from era 7 to era 8"));
 }
 
 TEST_F(EraPollTest, withoutAnEraToLeaveOnlyClosingLeadsToATransition) {
@@ -157,8 +151,8 @@ TEST_F(EraPollTest, aPollThatFailsChangesNothing) {
   poll(*thread, {.body = "{"});
   token->call_once([] { throw ValueError("no token"); });
   poll(*thread, era("8", "active"));
-  EXPECT_THAT(warnings(), ElementsAre(testing::StartsWith("Era poll failed: 'utf-8' codec"),
-                                      testing::StartsWith("Era poll failed: Expecting"), "Era poll failed: no token"));
+  EXPECT_THAT(warnings(), ElementsAre(StartsWith("Era poll failed: 'utf-8' codec"), StartsWith("Era poll failed: Expecting"),
+                                      "Era poll failed: no token"));
   EXPECT_THAT(manager->asked, IsEmpty());
 }
 

@@ -1,11 +1,7 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <fcntl.h>
 #include <sys/resource.h>
 
 #include <atomic>
-#include <filesystem>
 #include <future>
 
 #include "sync/base/threads/interrupt.hpp"
@@ -14,9 +10,6 @@
 
 namespace brackenfen::sync {
 namespace {
-
-using testing::ElementsAre;
-using testing::UnorderedElementsAre;
 
 class OldEraCleanupTest : public testing::Test, protected SyncSetup {
  protected:
@@ -80,7 +73,7 @@ TEST_F(OldEraCleanupTest, theBackgroundFormTellsWhatItFreedAndSwallowsFailures) 
   EXPECT_THAT(log.messages(LogLevel::Info), ElementsAre("Old era cleanup completed: freed 10 bytes"));
   manager->_data_dir.set(directory / "gone");
   manager->_cleanup_old_eras_background(true);
-  EXPECT_THAT(log.messages(LogLevel::Warning), testing::Contains(testing::StartsWith("Background old-era cleanup failed: [Errno 2]")));
+  EXPECT_THAT(log.messages(LogLevel::Warning), Contains(StartsWith("Background old-era cleanup failed: [Errno 2]")));
 }
 
 TEST_F(OldEraCleanupTest, aTreeGoesHoweverDeepAndStopsAtAnInterrupt) {

@@ -1,13 +1,8 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <filesystem>
-#include <functional>
 #include <future>
 #include <map>
 #include <thread>
@@ -21,12 +16,6 @@
 
 namespace brackenfen::sync {
 namespace {
-
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
-using testing::StartsWith;
 
 constexpr const char* ERA_PATH = "/era/current";
 constexpr const char* STAGING = ".transition_era8.tmp";
@@ -92,7 +81,7 @@ class TransitionTest : public testing::Test, protected SyncSetup {
   }
   void expect_nothing_left() const {
     for (const std::string& path : directory.files()) {
-      EXPECT_THAT(path, Not(testing::AnyOf(HasSubstr(".tmp"), StartsWith(".transition"), StartsWith(".sync_flock"))));
+      EXPECT_THAT(path, Not(AnyOf(HasSubstr(".tmp"), StartsWith(".transition"), StartsWith(".sync_flock"))));
     }
     EXPECT_FALSE(manager->_in_transition);
     EXPECT_EQ(manager->status(), Value());
@@ -164,7 +153,7 @@ TEST_F(TransitionTest, movesTheDirectoryToTheNextEra) {
   manager->_cleanup_thread()->join(Clock::real(), 10);
   EXPECT_FALSE(directory.contains("era_6"));
   expect_nothing_left();
-  EXPECT_THAT(log.messages(LogLevel::Debug), testing::Contains("Authentication: the data is in era 8 now"));
+  EXPECT_THAT(log.messages(LogLevel::Debug), Contains("Authentication: the data is in era 8 now"));
   EXPECT_THAT(warnings(), IsEmpty());
 }
 
@@ -178,7 +167,7 @@ TEST_F(TransitionTest, aFilledDirectoryNeedsNoEraToLeave) {
   server.script(ERA_PATH, {era(8)});
   transit("8");
   EXPECT_EQ(empty.read(FRESH.path), FRESH.content);
-  EXPECT_THAT(log.messages(LogLevel::Debug), testing::Contains("Search tracking: " + empty.path() + " went from era None to era 8"));
+  EXPECT_THAT(log.messages(LogLevel::Debug), Contains("Search tracking: " + empty.path() + " went from era None to era 8"));
 }
 
 TEST_F(TransitionTest, nothingLiveChangesBeforeTheSecondConfirmation) {
@@ -352,7 +341,7 @@ TEST_F(TransitionTest, withinAnEraAClosingOneIsGoodEnough) {
     EXPECT_EQ(directory.read(second.path), second.content);
     expect_nothing_left();
   }
-  EXPECT_THAT(log.messages(LogLevel::Debug), Not(testing::Contains(StartsWith("Search tracking"))));
+  EXPECT_THAT(log.messages(LogLevel::Debug), Not(Contains(StartsWith("Search tracking"))));
 }
 
 TEST_F(TransitionTest, whateverStandsInTheStagingPlaceGivesWay) {

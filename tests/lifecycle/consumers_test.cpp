@@ -1,12 +1,9 @@
 // Starting, counting and stopping: what state each event leads to, and stopping from a callback on each thread.
-#include <gmock/gmock.h>
 
 #include <fcntl.h>
 #include <sys/file.h>
 
 #include <atomic>
-#include <filesystem>
-#include <functional>
 #include <future>
 #include <sstream>
 
@@ -16,12 +13,6 @@
 
 namespace brackenfen::sync {
 namespace {
-
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::SizeIs;
-using testing::StartsWith;
 
 const PublishedFile ALPHA{"features/alpha.arrow", "alpha"};
 const PublishedFile BETA{"features/beta.arrow", "beta"};
@@ -267,7 +258,7 @@ TEST_F(ConsumersTest, workInsideWorkIsRefusedAtOnceAndTakesNothingAway) {
       EXPECT_NE(::flock(rival.get(), LOCK_EX | LOCK_NB), 0) << "the outer one keeps its locks";
     });
     EXPECT_EQ(failure_of([&] { return outer(), 0; }), "") << &outer - operations;
-    EXPECT_THAT(inside, testing::AllOf(SizeIs(5), testing::Each(StartsWith("StateError: ")))) << &outer - operations;
+    EXPECT_THAT(inside, AllOf(SizeIs(5), Each(StartsWith("StateError: ")))) << &outer - operations;
     EXPECT_FALSE(manager->_in_transition);
     EXPECT_FALSE(directory.contains(".transition_lock"));
   }

@@ -1,9 +1,6 @@
 // What outlives a lack of memory: each thread of the library, the flags of one that could not be started, and the host.
-#include <gtest/gtest.h>
 
 #include <cstring>
-#include <filesystem>
-#include <functional>
 #include <thread>
 
 #include "sync/base/threads/worker_thread.hpp"

@@ -1,19 +1,12 @@
 // What a host asks of a running manager, and one round of the poll thread.
-#include <gmock/gmock.h>
 
-#include <filesystem>
 #include <fstream>
-#include <functional>
 #include <future>
 
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
 namespace {
-
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::StartsWith;
 
 const PublishedFile ALPHA{"features/alpha.arrow", "alpha"};
 const PublishedFile OLD_PNL{"found_signals/pool/old/signal_is/pnl.arrow", "old", "found_signal_is_pnl"};

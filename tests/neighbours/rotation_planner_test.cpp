@@ -1,5 +1,4 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <set>
 
@@ -10,8 +9,7 @@
 namespace brackenfen::sync {
 namespace {
 
-using testing::ElementsAre;
-using testing::SizeIs;
+using namespace testing;
 
 std::vector<std::string> texts(const TextList& paths) { return {paths.begin(), paths.end()}; }
 std::set<std::string> active(const RotationSelection& selection) {
@@ -197,7 +195,7 @@ TEST(RotationPlanner, anActiveStateIsHeldAsFarAsItIsStillThere) {
   for (const auto& [budget, active] : {std::pair(9, std::vector{"features/a", "new"}), {10, {"features/a", "features/b", "new"}}}) {
     settings.feature_budget_bytes = budget;
     const RotationPlan plan = builtin_plan_rotation(artifacts, settings, state, facts);
-    EXPECT_THAT(texts(plan.selection.active_relative_paths), testing::ElementsAreArray(active));
+    EXPECT_THAT(texts(plan.selection.active_relative_paths), ElementsAreArray(active));
     EXPECT_EQ(plan.candidate_state->generation(), Value(2));
   }
 }

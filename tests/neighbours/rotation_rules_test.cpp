@@ -1,5 +1,4 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "sync/base/values/convert.hpp"
 #include "sync/base/values/json.hpp"
@@ -11,7 +10,7 @@
 namespace brackenfen::sync {
 namespace {
 
-using testing::UnorderedElementsAre;
+using namespace testing;
 
 const ArtifactRotation& rotation() { return ArtifactRotation::builtin(); }
 
@@ -85,7 +84,7 @@ TEST(RotationSettings, nameTheKeyThatIsWrong) {
     if (*row.failure == '\0') {
       EXPECT_EQ(failure, "");
     } else {
-      EXPECT_THAT(failure, testing::StartsWith("ValueError: " + path + ": " + row.failure));
+      EXPECT_THAT(failure, StartsWith("ValueError: " + path + ": " + row.failure));
     }
   }
 }

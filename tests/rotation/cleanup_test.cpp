@@ -1,7 +1,6 @@
 #include "sync/rotation/cleanup.hpp"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <filesystem>
 
@@ -12,7 +11,7 @@
 namespace brackenfen::sync {
 namespace {
 
-using testing::ElementsAre;
+using namespace testing;
 
 TEST(CleanUp, deletesWhatNoRotationKeepsAndNothingElse) {
   const TemporaryDirectory directory, outside;
@@ -66,9 +65,9 @@ TEST(CleanUp, vouchesOnlyForFoldersWithoutStagingFiles) {
     return delete_files_not_kept(Files::real(), directory.path(), {path});
   };
   for (const char* path : {"features/a.arrow.tmp", "features/u/folder.tmp/a", "useful_signals/u/.hidden/a.tmp"})
-    EXPECT_THAT(vouched_beside(path), testing::IsEmpty()) << path;
-  EXPECT_THAT(vouched_beside("features/.a.arrow"), testing::SizeIs(6));
-  EXPECT_THAT(delete_files_not_kept(Files::real(), "~/data", {}), testing::IsEmpty()) << "staging files lie below the home directory";
+    EXPECT_THAT(vouched_beside(path), IsEmpty()) << path;
+  EXPECT_THAT(vouched_beside("features/.a.arrow"), SizeIs(6));
+  EXPECT_THAT(delete_files_not_kept(Files::real(), "~/data", {}), IsEmpty()) << "staging files lie below the home directory";
 }
 
 TEST(CleanUp, stopsAtTheFirstFileThatCannotBeDeleted) {
@@ -77,7 +76,7 @@ TEST(CleanUp, stopsAtTheFirstFileThatCannotBeDeleted) {
   directory.write("found_signals/b", "x");
   FaultFiles files;
   files.fail(FaultFiles::Call::Unlink, 1, EACCES);
-  EXPECT_THAT(failure_of([&] { return delete_files_not_kept(files, directory.path(), {}), 0; }), testing::StartsWith("PermissionError: "));
+  EXPECT_THAT(failure_of([&] { return delete_files_not_kept(files, directory.path(), {}), 0; }), StartsWith("PermissionError: "));
   EXPECT_TRUE(directory.contains("found_signals/b"));
 }
 

@@ -1,8 +1,5 @@
 // The rotation through a manager, with a server: what lands, what goes, what searches are told.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <functional>
 #include <map>
 #include <set>
 
@@ -13,11 +10,6 @@
 
 namespace brackenfen::sync {
 namespace {
-
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::SizeIs;
-using testing::StartsWith;
 
 constexpr const char* PNL = "found_signals/pool/one/signal_is/pnl.arrow";
 constexpr std::int64_t NS_PER_SECOND = 1'000'000'000;
@@ -136,8 +128,8 @@ TEST_F(RotationTest, whatIsAddedDuringAPassOutlivesItsPlan) {
   static_cast<void>(manager->sync());
   const RotationStateRef active = manager->_active_rotation_state.get();
   EXPECT_EQ(active->generation(), Value(2));
-  EXPECT_THAT(active->active_relative_paths(), testing::IsSupersetOf(added)) << "also what was active all along";
-  EXPECT_THAT(held(), testing::IsSupersetOf(rotated_out));
+  EXPECT_THAT(active->active_relative_paths(), IsSupersetOf(added)) << "also what was active all along";
+  EXPECT_THAT(held(), IsSupersetOf(rotated_out));
   ASSERT_THAT(search->told, SizeIs(1));
   EXPECT_TRUE(equal_states(search->told[0], active));
 
@@ -182,7 +174,7 @@ TEST_F(RotationTest, theDiskIsCheckedBeforeAnythingIsFetched) {
     selection.feature_budget_bytes = row.budget;
     const std::string failure =
         failure_of([&] { return manager->_precheck_rotation_disk_budget(*neighbours(), selection, row.free_bytes, false), 0; });
-    EXPECT_THAT(failure, *row.failure == '\0' ? testing::Matcher<std::string>("") : StartsWith(row.failure));
+    EXPECT_THAT(failure, *row.failure == '\0' ? Matcher<std::string>("") : StartsWith(row.failure));
   }
   publish(1, {{PNL, "seven..", "found_signal_is_pnl"}});
   std::int64_t needed = 7;

@@ -1,8 +1,5 @@
 #include "sync/rotation/state_file.hpp"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "sync/base/values/convert.hpp"
 #include "sync/base/values/json.hpp"
 #include "sync/neighbours/rotation_state.hpp"
@@ -11,9 +8,6 @@
 
 namespace brackenfen::sync {
 namespace {
-
-using testing::ElementsAre;
-using testing::StartsWith;
 
 constexpr const char* GOOD_STATE =
     R"({"active_relative_paths":["features/a.arrow","gone"],"generation":3,"rng_state":"00ff","rotated_at":17,"schema_version":1,"seed":18446744073709551615})";

@@ -1,8 +1,9 @@
 // A manager on a directory of its own, and the server that it syncs with: what most tests of the engine need.
 #pragma once
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
@@ -23,6 +24,8 @@
 #include "tests/support/temporary_directory.hpp"
 
 namespace brackenfen::sync {
+
+using namespace testing;  // for the matchers
 
 struct PublishedFile {
   std::string path;

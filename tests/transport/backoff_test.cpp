@@ -17,11 +17,7 @@
 namespace brackenfen::sync {
 namespace {
 
-using testing::AllOf;
-using testing::Each;
-using testing::Ge;
-using testing::Le;
-using testing::SizeIs;
+using namespace testing;
 
 class BackoffTest : public testing::Test {
  protected:

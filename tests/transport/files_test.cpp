@@ -20,10 +20,7 @@
 namespace brackenfen::sync {
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::MatchesRegex;
-using testing::SizeIs;
+using namespace testing;
 using Call = FaultFiles::Call;
 
 class FilesTest : public testing::Test {
@@ -50,8 +47,7 @@ TEST_F(FilesTest, leavesTheTargetAloneWhenAWriteFails) {
   for (const Call call : {Call::WriteNew, Call::Flush, Call::Rename}) {
     FaultFiles faulty;
     faulty.fail(call, 1, ENOSPC);
-    EXPECT_THAT(failure_of([&] { _atomic_write(faulty, clock_, target, "replacement", Flush::Yes); }),
-                testing::StartsWith("OSError: [Errno 28]"));
+    EXPECT_THAT(failure_of([&] { _atomic_write(faulty, clock_, target, "replacement", Flush::Yes); }), StartsWith("OSError: [Errno 28]"));
     EXPECT_EQ(directory_.read("target"), "old");
     EXPECT_THAT(directory_.files(), ElementsAre("target"));
   }
@@ -97,7 +93,7 @@ TEST_F(FilesTest, showsWhatAPassDownloads) {
             R"({"era_number": 0, "files": {}, "phase": "syncing", "total_bytes": 0, "total_bytes_known": true, )"
             R"("unknown_size_files": [], "updated_at": 1700000000.5, "version": 0})");
   std::filesystem::remove_all(directory_.path());
-  EXPECT_THAT(failure_of([&] { write_progress({}); }), testing::StartsWith("FileNotFoundError"));
+  EXPECT_THAT(failure_of([&] { write_progress({}); }), StartsWith("FileNotFoundError"));
   EXPECT_FALSE(std::filesystem::exists(directory_.path())) << "a directory that was removed stays so";
 }
 

@@ -16,12 +16,7 @@ namespace brackenfen::sync {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::AllOf;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::Not;
-using testing::Pair;
+using namespace testing;
 
 /// Notes the timeouts that requests are sent under.
 struct NotingClient final : HttpClient {

@@ -22,13 +22,7 @@
 namespace brackenfen::sync {
 namespace {
 
-using testing::AllOf;
-using testing::Each;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::Not;
-using testing::SizeIs;
-using testing::StartsWith;
+using namespace testing;
 
 /// What one attempt meets.
 struct Step {

@@ -12,8 +12,7 @@ namespace brackenfen::sync {
 namespace {
 
 using Variables = std::map<std::string, std::string>;
-using testing::ElementsAre;
-using testing::IsEmpty;
+using namespace testing;
 
 struct NumberRow {
   std::function<double(Environment&)> read;
@@ -63,7 +62,7 @@ TEST(Settings, readTheEnvironmentAnewAndFallBackWithAWarning) {
   for (const NumberRow& row : rows) {
     FakeEnvironment environment(row.variables);
     const RecordingLog log;
-    EXPECT_EQ(row.read(environment), row.expected) << row.warning << testing::PrintToString(row.variables);
+    EXPECT_EQ(row.read(environment), row.expected) << row.warning << PrintToString(row.variables);
     if (row.warning.empty()) {
       EXPECT_THAT(log.messages(LogLevel::Warning), IsEmpty());
     } else {
