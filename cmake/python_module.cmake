@@ -36,7 +36,9 @@ foreach(file IN ITEMS sync.pyi py.typed)
 endforeach()
 
 # The command beside the module, as in the wheel; a link, so that an edit needs no build.
-file(CREATE_LINK ${PROJECT_SOURCE_DIR}/tools/command/brackenfen/sync_command ${package_dir}/sync_command SYMBOLIC)
+foreach(package IN ITEMS sync_command sync_metrics)
+  file(CREATE_LINK ${PROJECT_SOURCE_DIR}/tools/command/brackenfen/${package} ${package_dir}/${package} SYMBOLIC)
+endforeach()
 
 install(TARGETS sync LIBRARY DESTINATION . COMPONENT python)
 install(FILES python/sync.pyi python/py.typed DESTINATION . COMPONENT python)

@@ -12,7 +12,7 @@ from typing import Any
 import click
 from brackenfen import sync
 
-from brackenfen.sync_command import cleaning, doctor, passes, planning, reporting, telling, watching
+from brackenfen.sync_command import cleaning, doctor, metrics, passes, planning, reporting, telling, watching
 from brackenfen.sync_command.exits import ADVICE, Exit, Interrupted, OutputError, exit_code
 from brackenfen.sync_command.output import Output, silence, writing
 from brackenfen.sync_command.session import Outcome, Session
@@ -117,6 +117,7 @@ command(
     "Keep it up to date until stopped, through eras.",
     watching.watch,
     EVENTS_OPTION,
+    click.option("--metrics", "target", type=PATH, metavar="FILE.prom", help="Keep figures for Prometheus up to date in a file."),
     examples=("", "--events /var/log/brackenfen-events.jsonl", "--json"),
 )
 command("What the directory holds, and who works on it.", telling.status, examples=("", "-d /data/research --json"))
@@ -167,6 +168,16 @@ command(
     click.option("--events", type=PATH, metavar="FILE", help="What watch --events and verify --events recorded."),
     click.option("--verify", "read_all", is_flag=True, help="Read every file, as the command verify does."),
     examples=("", "data -o report.html --events events.jsonl", "--verify --json"),
+)
+command(
+    "Print figures for Prometheus.",
+    metrics.metrics,
+    click.argument("place", required=False, type=PATH, metavar="[DIR]"),
+    click.option("-o", "--output", "target", type=PATH, metavar="FILE.prom", help="Write them to a file, for node_exporter."),
+    click.option(
+        "--events", type=PATH, multiple=True, metavar="FILE", help="What watch --events recorded. May be given more than once."
+    ),
+    examples=("data", "data --events events.jsonl -o /srv/textfile/data.prom"),
 )
 
 

@@ -13,24 +13,13 @@ from typing import IO, Any
 
 from brackenfen.sync_command.exits import SettingsError
 from brackenfen.sync_command.output import Output
+from brackenfen.sync_command.records import cause, event_of, told
 from brackenfen.sync_command.texts import clean, duration, stamp
 
 LOGGER = logging.getLogger("brackenfen.sync")
 LOGGER.addHandler(logging.NullHandler())  # what no command listens to is no line on standard error
 REPEAT_SECONDS = 60.0
 VERSION_CHECK_FAILED = "Manifest version check failed: %s"
-
-
-def event_of(record: logging.LogRecord) -> dict[str, Any] | None:
-    event = getattr(record, "brackenfen_sync_event", None)
-    return event if isinstance(event, dict) else None
-
-
-def cause(event: dict[str, Any]) -> str:
-    """What the server said last, else what the network did."""
-    seen = [f"HTTP {status}" for status in event.get("status_sequence", ())] + [*event.get("exception_sequence", ())]
-    words = [event.get("last_server_error_code"), event.get("reason")]
-    return ", ".join(dict.fromkeys(str(word) for word in [*seen, *words] if word))
 
 
 def opened(path: Path) -> IO[str]:
@@ -41,17 +30,17 @@ def opened(path: Path) -> IO[str]:
 
 
 @contextmanager
-def listening(handler: logging.Handler, level: int = logging.INFO) -> Iterator[None]:
+def listening(handler: logging.Handler, level: int = logging.INFO, logger: logging.Logger = LOGGER) -> Iterator[None]:
     """The library's log goes to `handler` for the duration of the block; levels below `level` cost nothing."""
-    before = LOGGER.level
+    before = logger.level
     handler.setLevel(level)
-    LOGGER.addHandler(handler)
-    LOGGER.setLevel(min(level, before or level))
+    logger.addHandler(handler)
+    logger.setLevel(min(level, before or level))
     try:
         yield
     finally:
-        LOGGER.removeHandler(handler)
-        LOGGER.setLevel(before)
+        logger.removeHandler(handler)
+        logger.setLevel(before)
 
 
 class Spoken(logging.Handler):
@@ -122,10 +111,7 @@ class EventLines(logging.Handler):
         self.error: OSError | None = None
 
     def emit(self, record: logging.LogRecord) -> None:
-        event = event_of(record)
-        if event is None:
-            event = {"event_type": "log", "message": record.getMessage(), "format": str(record.msg), "args": list(record.args or ())}
-        self.write(event, record.levelname, record.created)
+        self.write(told(record), record.levelname, record.created)
 
     def write(self, event: Mapping[str, Any], level: str = "INFO", moment: float | None = None) -> None:
         line = json.dumps({"time": stamp(time.time() if moment is None else moment), "level": level, **event}, default=str)

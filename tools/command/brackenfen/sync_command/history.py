@@ -1,26 +1,16 @@
-"""What a file of events tells: passes, outages, eras, warnings and the last verify.
-
-Read once and in bounded memory, whatever the file holds: `watch --events` may be writing it at the moment, a killed process
-or a full disk may have cut a line, and other programs may have written into it.
-"""
+"""What events tell: passes, outages, eras, warnings and the last verify. In bounded memory, however many there are."""
 
 from __future__ import annotations
 
-import glob
 import json
-import os
 import time
 from collections import deque
 from dataclasses import dataclass, field
 from datetime import datetime
-from pathlib import Path
-from typing import IO, Any
+from typing import Any
 
-from brackenfen.sync_command.events import cause
-from brackenfen.sync_command.exits import SettingsError
+from brackenfen.sync_command.records import cause
 
-READ_BYTES = 128 * 2**20  # of a longer file its end
-LINE_BYTES = 2**20
 EARLIEST = 946_684_800.0  # a time before the year 2000 is that of no event
 SAME_OUTAGE_SECONDS = 40.0  # requests that met one outage come back within their longest pause of each other
 LASTING_SECONDS = 120.0  # what fails goes on failing at every poll, so a failure that is older is over
@@ -28,6 +18,12 @@ CHANGES_KEPT, SPANS_KEPT, NAMES_KEPT, BUCKETS_KEPT = 12, 2000, 200, 4096
 TEXT_KEPT = 400
 SYNCED, MENDED = "Synced era %s to version %s: %d files, %d bytes, in %.1f s", "Synced era %s to version %s: mended %s in %.1f s"
 TRANSITION = "Era transition to era %s completed in %.1f s"
+DAMAGED = {
+    "Manifest-tracked local file failed integrity check; re-downloading: %s",
+    "Manifest version matched but local metadata needs repair: %s",
+    "Local vocabulary %s failed validation; re-downloading: %s",
+    "Local shuffle seed failed validation; re-downloading: %s",
+}
 FAILURES = ("Poll once failed", "Poll loop iteration failed", "Trigger era transition")
 
 
@@ -99,7 +95,7 @@ def seconds_of(value: object) -> float:
 
 @dataclass
 class History:
-    """Lines are taken in one after the other; `settle` ends that."""
+    """Events are taken in one after the other; `settle` ends that for those of a file."""
 
     first: float | None = None
     last: float | None = None
@@ -110,8 +106,12 @@ class History:
     is_cut: bool = False
     """The last line is half-written."""
     change_count: int = 0
+    """Passes that committed something, and transitions."""
+    transition_count: int = 0
     changes: deque[Change] = field(default_factory=lambda: deque(maxlen=CHANGES_KEPT))
     landed: Landed = field(default_factory=Landed)
+    landed_files: int = 0
+    landed_bytes: int = 0
     outage_count: int = 0
     outages: deque[Span] = field(default_factory=deque)
     forgotten_seconds: float = 0.0
@@ -120,8 +120,12 @@ class History:
     """When each began, as far as the log tells."""
     watched: deque[Span] = field(default_factory=lambda: deque(maxlen=SPANS_KEPT))
     warnings: dict[str, Repeated] = field(default_factory=dict)
+    warning_count: int = 0
     repaired: int = 0
     """Files that were fetched again since their bytes were not the ones promised."""
+    damaged: int = 0
+    """Files here that a pass found damaged, and fetched anew."""
+    failure_count: int = 0
     verified: dict[str, Any] | None = None
     """The last verify: `moment`, `valid`, `files`, `corrupted`, `missing`."""
     failure: tuple[float, str] | None = None
@@ -139,6 +143,12 @@ class History:
         """The one that lasts, if one does."""
         return self.outages[-1] if self.outages and self.outages[-1].end is None else None
 
+    @property
+    def outage_seconds(self) -> float:
+        """Of all outages together; of one that lasts, to the last event. Never goes down."""
+        known = sum(max(0.0, (span.end or self.last or span.begin) - span.begin) for span in self.outages)
+        return round(self.forgotten_seconds + known, 3)
+
     def lasting_failure(self, now: float) -> tuple[float, str] | None:
         until = now if self.is_watched else (self.last or now)
         return self.failure if self.failure and until - self.failure[0] < LASTING_SECONDS else None
@@ -149,6 +159,10 @@ class History:
         moment = datetime.fromisoformat(event["time"]).timestamp()
         if not EARLIEST <= moment <= time.time() + 86400:
             raise ValueError(event["time"])
+        self.take_event(event, moment)
+
+    def take_event(self, event: dict[str, Any], moment: float) -> None:
+        """Raises as `take` does."""
         kind = event["event_type"]
         before = self.last
         self.first, self.last = min(self.first or moment, moment), max(before or moment, moment)
@@ -182,12 +196,18 @@ class History:
             era_number, version, files, count = map(whole, args[:4])
             self._change(Change(moment, era_number, version, files, count, seconds_of(args[4])))
             self.landed.add(moment, count)
+            self.landed_files += files
+            self.landed_bytes += count
         elif form == MENDED:
             self._change(Change(moment, whole(args[0]), whole(args[1]), 0, 0, seconds_of(args[3])))
         elif form == TRANSITION:
             self._change(Change(moment, whole(args[0]), None, None, None, seconds_of(args[1])))
+            self.transition_count += 1
+        elif form in DAMAGED:
+            self.damaged += 1
         elif message.startswith(FAILURES):
             self.failure = (moment, message)
+            self.failure_count += 1
             self._answered(moment)
 
     def _change(self, change: Change) -> None:
@@ -232,6 +252,7 @@ class History:
         if key not in self.warnings and len(self.warnings) >= NAMES_KEPT:
             del self.warnings[next(iter(self.warnings))]
         known = self.warnings.pop(key, None)
+        self.warning_count += 1
         self.warnings[key] = Repeated(known.count + 1 if known else 1, moment, message)
 
     def settle(self, is_written: bool) -> None:
@@ -241,49 +262,3 @@ class History:
         elif self._down:
             begin, why = min(self._down.values())
             self._outage(Span(begin, None, why))
-
-
-def is_open(path: Path) -> bool:
-    """Whether a process that this user may look into has a file open."""
-    place = path.stat()
-    for descriptor in glob.iglob("/proc/[0-9]*/fd/*"):
-        try:
-            if os.path.samestat(os.stat(descriptor), place):
-                return True
-        except OSError:
-            continue  # it has ended meanwhile, or is another user's
-    return False
-
-
-def read_lines(stream: IO[bytes], history: History) -> None:
-    while line := stream.readline(LINE_BYTES):
-        rest = line
-        while len(rest) == LINE_BYTES and not rest.endswith(b"\n"):
-            rest = stream.readline(LINE_BYTES)  # of a line that is too long to be an event
-        try:
-            history.take(line)
-        except (ValueError, TypeError, KeyError, IndexError, AttributeError, OverflowError, RecursionError):
-            if rest.endswith(b"\n"):
-                history.unreadable += 1
-            else:
-                history.is_cut = True
-
-
-def read_history(path: Path) -> History:
-    """Raises SettingsError where the file cannot be read at all."""
-    history = History()
-    try:
-        if not path.is_file():  # a pipe would be waited for
-            raise SettingsError(f"the file of events {path} {'is no regular file' if path.exists() else 'does not exist'}")
-        with path.open("rb") as stream:
-            excess = path.stat().st_size - READ_BYTES
-            if excess > 0:
-                history.begins_later = True
-                stream.seek(excess)
-                while (rest := stream.readline(LINE_BYTES)) and not rest.endswith(b"\n"):
-                    pass
-            read_lines(stream, history)
-    except OSError as error:
-        raise SettingsError(f"the file of events {path} cannot be read: {error.strerror}") from None
-    history.settle(is_open(path))
-    return history

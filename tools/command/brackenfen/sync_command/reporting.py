@@ -13,8 +13,9 @@ from typing import Any
 from brackenfen import sync
 
 from brackenfen.sync_command import library
+from brackenfen.sync_command.event_file import read_history
 from brackenfen.sync_command.exits import Exit, SettingsError
-from brackenfen.sync_command.history import History, read_history
+from brackenfen.sync_command.history import History
 from brackenfen.sync_command.output import Output
 from brackenfen.sync_command.passes import verify
 from brackenfen.sync_command.session import Outcome, Session

@@ -3,21 +3,25 @@
 from __future__ import annotations
 
 import contextlib
+import logging
 import sys
 import time
+from collections.abc import Iterator
 from pathlib import Path
 
 from brackenfen import sync
 
-from brackenfen.sync_command.events import EventLines, listening, opened
+from brackenfen.sync_command.events import EventLines, Spoken, listening, opened
 from brackenfen.sync_command.exits import Exit
 from brackenfen.sync_command.main import Terminated
+from brackenfen.sync_command.metrics import place_of, require_client
 from brackenfen.sync_command.passes import run_pass
 from brackenfen.sync_command.progress import wait_text
 from brackenfen.sync_command.session import Session
 from brackenfen.sync_command.texts import clean, duration
 
 LOOK_SECONDS = 0.2
+WRITER = logging.getLogger("brackenfen.sync_metrics")
 
 
 def idle_text(manager: sync.SyncManager) -> str:
@@ -43,11 +47,23 @@ def work(session: Session, manager: sync.SyncManager, lines: list[EventLines]) -
         manager.stop()  # also where a count that another host left behind keeps the threads up
 
 
-def watch(session: Session, events: Path | None) -> Exit:
+@contextlib.contextmanager
+def figures(session: Session, manager: sync.SyncManager, target: Path) -> Iterator[None]:
+    """A file of figures that is kept up to date for the duration of the block."""
+    from brackenfen.sync_metrics import MetricsFile
+
+    with listening(Spoken(session.output), logging.WARNING, WRITER), MetricsFile(manager, session.directory, target):
+        yield
+
+
+def watch(session: Session, events: Path | None, target: Path | None) -> Exit:
     """Keep the directory up to date until it is stopped, and follow the server from era to era.
 
     Outages are waited out. Ctrl-C ends it with 130, SIGTERM with 0. With --json every event of the library is a line.
     """
+    if target is not None:
+        require_client("--metrics")
+        target = place_of(target, session.directory, [events] if events else [])
     manager = session.manager()
     with contextlib.ExitStack() as stack:
         streams = [sys.stdout] if session.output.as_json else []
@@ -65,6 +81,8 @@ def watch(session: Session, events: Path | None) -> Exit:
             write("era", event=event, era_number=era_number)
 
         stack.enter_context(session.working(manager, writes=True, idle=lambda: idle_text(manager)))
+        if target is not None:
+            stack.enter_context(figures(session, manager, target))
         manager.register_era_callback(on_era)
         try:
             write("watch_started", directory=str(session.directory), server=session.server)
