@@ -9,6 +9,7 @@ Without a name it takes the newest run. Of several, a later one counts where bot
 from __future__ import annotations
 
 import argparse
+import functools
 import json
 import re
 import statistics
@@ -20,6 +21,7 @@ from typing import Any
 import matplotlib  # type: ignore[import-not-found]
 from matplotlib import pyplot
 
+from fleet_plots import PLOTS as FLEET_PLOTS
 from measure import INTERPRETER
 
 WORK = Path(__file__).resolve().parent.parent / "build" / "bench"
@@ -181,6 +183,7 @@ def save(figure: Any, path: Path) -> None:
 
 
 plots = {"processes": bars, "growth": lines, "flame": flame}
+plots |= {name: functools.partial(plot, save=save) for name, plot in FLEET_PLOTS.items()}
 
 
 def main() -> None:

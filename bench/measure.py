@@ -195,5 +195,5 @@ class Measurement:
     measure: Callable[[Ground], Samples]
     checks: Sequence[Check] = ()
     quick: bool = False  # is part of a quick run
-    plot: Literal["", "processes", "growth", "flame"] = ""
+    plot: Literal["", "processes", "growth", "flame", "followers", "in-step", "herd", "rotation"] = ""
     show: Callable[[Samples], str] | None = None  # what else there is to see

@@ -10,10 +10,11 @@ import socket
 import subprocess
 import tempfile
 import time
-from collections.abc import Iterator, Sequence
+from collections.abc import Iterator, Mapping, Sequence
 from contextlib import ExitStack, contextmanager
 from dataclasses import dataclass
 from pathlib import Path
+from types import MappingProxyType
 
 from measure import Ground, Word
 
@@ -31,6 +32,19 @@ class Place:
     inside: Sequence[str] = ()  # the words before a client's command
 
 
+@dataclass(frozen=True)
+class Nginx:
+    """A running server, with its processes and what it logs."""
+
+    url: str
+    master: int
+    log: Path
+
+    def processes(self) -> list[int]:
+        workers = Path(f"/proc/{self.master}/task/{self.master}/children").read_text().split()
+        return [self.master, *map(int, workers)]
+
+
 class NotPossibleHere(Exception):
     """This machine lacks, or does not allow, what a measurement needs."""
 
@@ -43,11 +57,12 @@ def free_port() -> int:
 
 
 @contextmanager
-def running(command: Sequence[Word], log: Path) -> Iterator[None]:
+def running(command: Sequence[Word], log: Path) -> Iterator[int]:
+    """Yields the process's number."""
     with log.open("w") as errors:
         process = subprocess.Popen([str(word) for word in command], stdout=errors, stderr=errors)
     try:
-        yield
+        yield process.pid
     finally:
         process.terminate()
         process.wait()
@@ -64,15 +79,16 @@ def wait_until_answered(port: int, log: Path, address: str = "127.0.0.1", inside
 
 
 @contextmanager
-def nginx(
+def started_nginx(
     ground: Ground,
     tree: Path,
     certificate: Path | None = None,
     address: str = "127.0.0.1",
     at_server: Sequence[str] = (),
     at_client: Sequence[str] = (),
-) -> Iterator[str]:
-    """Yields the URL of the tree, served with the configuration that the examples give, and TLS where there is a certificate."""
+    changes: Mapping[str, str] = MappingProxyType({}),
+) -> Iterator[Nginx]:
+    """The tree, served with the configuration that the examples give, in which some texts are changed, and TLS with a certificate."""
     port = free_port()
     listen = f"listen {address}:{port}"
     if certificate is not None:
@@ -81,33 +97,45 @@ def nginx(
     with tempfile.TemporaryDirectory() as prefix:
         text = (ground.root / "examples" / "nginx.conf").read_text()
         configuration = Path(prefix) / "nginx.conf"
-        configuration.write_text(text.replace("listen 127.0.0.1:@PORT@", listen).replace("@ROOT@", str(tree)))
+        for part, changed in {"listen 127.0.0.1:@PORT@": listen, "@ROOT@": str(tree), **changes}.items():
+            if part not in text:
+                raise SystemExit(f"the example's configuration has no {part}")
+            text = text.replace(part, changed)
+        configuration.write_text(text)
         command: list[Word] = [*at_server, "/usr/sbin/nginx", "-p", prefix, "-c", configuration]
         if os.geteuid() == 0:
             command += ["-g", "user root;"]
         log = ground.work / "nginx.log"
-        with running(command, log):
+        with running(command, log) as master:
             wait_until_answered(port, log, address, at_client)
-            yield f"{'http' if certificate is None else 'https'}://{address}:{port}"
+            yield Nginx(f"{'http' if certificate is None else 'https'}://{address}:{port}", master, Path(prefix) / "access.log")
 
 
 @contextmanager
 def plain(ground: Ground, tree: Path) -> Iterator[Place]:
-    with nginx(ground, tree) as url:
-        yield Place(url)
+    with started_nginx(ground, tree) as server:
+        yield Place(server.url)
 
 
 @contextmanager
 def encrypted(ground: Ground, tree: Path) -> Iterator[Place]:
     with tempfile.TemporaryDirectory() as folder:
         certificate = make_certificate(Path(folder))
-        with nginx(ground, tree, certificate) as url:
-            yield Place(url, certificate)
+        with started_nginx(ground, tree, certificate) as server:
+            yield Place(server.url, certificate)
+
+
+@dataclass(frozen=True)
+class Ends:
+    """The words before a command that shall run at one end of a wire."""
+
+    server: Sequence[str]
+    client: Sequence[str]
 
 
 @contextmanager
-def delayed(ground: Ground, tree: Path) -> Iterator[Place]:
-    """From one network namespace to another, half a round trip each way; with TLS, as plain HTTP stays on one machine."""
+def wire(ground: Ground) -> Iterator[Ends]:
+    """From one network namespace to another, half a round trip each way. The interface is called "wire" at either end."""
     missing = [program for program in ("ip", "nsenter") if shutil.which(program) is None]
     if missing:
         raise NotPossibleHere(f"not installed: {', '.join(missing)}")
@@ -124,9 +152,16 @@ def delayed(ground: Ground, tree: Path) -> Iterator[Place]:
         for end, address in (("server", SERVER_ADDRESS), ("client", CLIENT_ADDRESS)):
             for words in (f"addr add {address}/24 dev wire", "link set lo up", "link set wire txqueuelen 10000 up"):
                 subprocess.run([*inside[end], "ip", *words.split()], check=True)
-        certificate = make_certificate(Path(stack.enter_context(tempfile.TemporaryDirectory())))
-        url = stack.enter_context(nginx(ground, tree, certificate, SERVER_ADDRESS, inside["server"], inside["client"]))
-        yield Place(url, certificate, inside["client"])
+        yield Ends(inside["server"], inside["client"])
+
+
+@contextmanager
+def delayed(ground: Ground, tree: Path) -> Iterator[Place]:
+    """Over a wire, with TLS, as plain HTTP stays on one machine."""
+    with wire(ground) as ends, tempfile.TemporaryDirectory() as folder:
+        certificate = make_certificate(Path(folder))
+        with started_nginx(ground, tree, certificate, SERVER_ADDRESS, ends.server, ends.client) as server:
+            yield Place(server.url, certificate, ends.client)
 
 
 def make_certificate(folder: Path) -> Path:

@@ -6,6 +6,9 @@ from collections.abc import Callable, Sequence
 
 import fetch
 import flame
+import fleet
+import followers
+import polls
 import servers
 import unchanged
 from fetch import LIBRARY, LIBRARY_KEPT, LIMIT, LIMIT_KEPT, VERIFIED_HTTP_PEERS, WORKERS, workers_name
@@ -255,4 +258,20 @@ TABLE = [
             Check("live files missing or torn", median("reader", "wrong"), 0, "files"),
         ],
     ),
+    # fleets
+    Measurement("fleet-polls", "what clients cost a server that have nothing to fetch", polls.measure()),
+    Measurement(
+        "fleet-followers",
+        f"{followers.CLIENTS} real clients behind {servers.ROUND_TRIP_MS} ms and 100 Mbit/s, beside as many simulated ones",
+        followers.measure,
+        [
+            Check("99 % in step with a new version, simulated over real", followers.simulated_over_real("new version"), 1.25),
+            Check("99 % in step with a new era, simulated over real", followers.simulated_over_real("new era"), 1.25),
+        ],
+        plot="followers",
+    ),
+    Measurement("fleet-version", "simulated: a new version of 40 files, 10 MB", fleet.publications(fleet.Publication()), plot="in-step"),
+    Measurement("fleet-era", "simulated: a new era of 2,000 files, of which 100 are new", fleet.publications(fleet.ERA), plot="in-step"),
+    Measurement("fleet-herd", "simulated: 10,000 clients that were started together meet a new version", fleet.herds, plot="herd"),
+    Measurement("fleet-rotation", "simulated: a rotating selection of 20 % of 300 features", fleet.rotation, plot="rotation"),
 ]
