@@ -1,11 +1,11 @@
-# core_tests, one executable of all C++ tests, and the peers that Python tests talk to.
+# core_tests, one executable of all C++ tests, and the programs of the torture campaign.
 
 enable_testing()
 find_package(GTest REQUIRED)
 include(GoogleTest)
 
 file(GLOB_RECURSE test_sources CONFIGURE_DEPENDS tests/*.cpp)
-list(FILTER test_sources EXCLUDE REGEX "/tests/(python|fuzz|torture)/|/tests/support/json_peer\\.cpp$")
+list(FILTER test_sources EXCLUDE REGEX "/tests/(python|fuzz|torture)/")
 if(NOT TARGET brackenfen_distribution)
   list(FILTER test_sources EXCLUDE REGEX "/tests/tools/")
 endif()
@@ -19,10 +19,10 @@ endif()
 brackenfen_warnings(core_tests)
 gtest_discover_tests(core_tests DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120)
 
-add_executable(json_peer tests/support/json_peer.cpp)
 # What the torture campaign runs, and what it preloads into that.
 add_executable(torture_host tests/torture/host.cpp)
-foreach(name json_peer torture_host)
+add_executable(torture_peer tests/torture/peer.cpp)
+foreach(name torture_host torture_peer)
   target_link_libraries(${name} PRIVATE brackenfen_sync_core)
   brackenfen_warnings(${name})
 endforeach()

@@ -1,4 +1,4 @@
-// What Python has no counterpart of; everything else is compared with Python itself by python_property_test.py.
+// What Python has no counterpart of; everything else is compared with Python itself, by tests/torture/differential.py.
 #include "sync/base/values/value.hpp"
 
 #include <gtest/gtest.h>

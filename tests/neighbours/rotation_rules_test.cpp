@@ -4,7 +4,6 @@
 #include "sync/base/values/json.hpp"
 #include "sync/neighbours/rotation_scope.hpp"
 #include "sync/neighbours/rotation_settings.hpp"
-#include "tests/support/failures.hpp"
 #include "tests/support/temporary_directory.hpp"
 
 namespace brackenfen::sync {
@@ -45,47 +44,6 @@ TEST(ArtifactDescriptors, comeFromTheRowFirstAndFromThePathOtherwise) {
     EXPECT_EQ(artifact.named_universe.view(), row.universe);
     EXPECT_EQ(artifact.family.view(), row.family);
     EXPECT_EQ(artifact.subfamily.view(), row.subfamily);
-  }
-}
-
-TEST(RotationSettings, nameTheKeyThatIsWrong) {
-  struct Row {
-    const char *file, *failure;
-  };
-  const Row rows[] = {
-      {"{}", ""},
-      {R"({"feature_budget_gb": 0.5, "rotation_seed": -3, "market": "eu", "named_universes": ["a"], "rotation_frequency": "PT12H"})", ""},
-      {R"({"feature_budget_gb": "FULL_DOWNLOAD", "algorithm": "seeded-hash", "family": null})", ""},
-      {"", "Expecting value: line 1 column 1 (char 0)"},
-      {R"({"feature_budget_gb": 1)", "Expecting ',' delimiter"},
-      {"[]", "it must hold a JSON object, not list"},
-      {R"({"feature_budget": 1})", "unknown key 'feature_budget'"},
-      {R"({"feature_budget_gb": -1})", "feature_budget_gb must be a number of gigabytes from 0 to 2^33, or \"FULL_DOWNLOAD\", not -1"},
-      {R"({"feature_budget_gb": 1e300})", "feature_budget_gb must be"},
-      {R"({"feature_budget_gb": 99999999999999999999})", "feature_budget_gb must be"},
-      {R"({"feature_budget_gb": NaN})", "feature_budget_gb must be"},
-      {R"({"feature_budget_gb": true})", "feature_budget_gb must be"},
-      {R"({"algorithm": "random"})", "algorithm must be 'seeded-hash', not 'random'"},
-      {R"({"rotation_seed": "7"})", "rotation_seed must be an integer, not '7'"},
-      {R"({"market": " "})", "market must be a text without blanks around it, not ' '"},
-      {R"({"named_universes": "a"})", "named_universes must be a list of texts without blanks around them, not 'a'"},
-      {R"({"named_universes": []})", "named_universes must be"},
-      {R"({"named_universes": ["a", " b"]})", "named_universes must be"},
-      {R"({"subfamily": 1})", "subfamily must be"},
-      {R"({"rotation_frequency": "daily"})", "rotation_frequency must be \"weekly\" or \"PT{hours}H\", not 'daily'"},
-      {R"({"rotation_frequency": "PT0H"})", "rotation_frequency must be"},
-      {R"({"rotation_frequency": "PTH"})", "rotation_frequency must be"},
-  };
-  const TemporaryDirectory directory;
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.file);
-    const std::string path = directory.write(FEATURE_ROTATION_SETTINGS_FILENAME, row.file);
-    const std::string failure = failure_of([&] { return RotationSettings::builtin().load_rotation_settings(directory.path(), {}, 5); });
-    if (*row.failure == '\0') {
-      EXPECT_EQ(failure, "");
-    } else {
-      EXPECT_THAT(failure, StartsWith("ValueError: " + path + ": " + row.failure));
-    }
   }
 }
 

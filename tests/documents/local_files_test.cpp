@@ -1,11 +1,10 @@
-#include "sync/documents/manifest_paths.hpp"
+#include "sync/documents/local_files.hpp"
 
 #include <filesystem>
 
 #include "sync/base/files/paths.hpp"
-#include "sync/documents/local_files.hpp"
+#include "sync/documents/manifest_paths.hpp"
 #include "sync/documents/own_files.hpp"
-#include "sync/neighbours/transport_security.hpp"
 #include "tests/documents/values.hpp"
 #include "tests/support/failures.hpp"
 #include "tests/support/temporary_directory.hpp"
@@ -13,44 +12,11 @@
 namespace brackenfen::sync {
 namespace {
 
-using namespace std::string_literals;
-
 void link(const TemporaryDirectory& directory, const std::string& name, const std::string& target) {
   std::filesystem::create_symlink(target, directory / name);
 }
 
-TEST(ManifestPaths, normaliseToOneForm) {
-  const std::pair<std::string, const char*> rows[] = {
-      {"a/b", "a/b"},         {" a/b\t", "a/b"},      {"\u00a0a\\b\u3000", "a/b"},
-      {"a/./b", "a/b"},       {"a//b", "a/b"},        {"a/b/", "a/b"},
-      {"./a", "a"},           {"C:/x", "C:/x"},       {"a b/ c", "a b/ c"},
-      {"..a/b..", "..a/b.."}, {"a/.../b", "a/.../b"}, {"é/ü", "é/ü"},
-      {"a/ /", "a/ "},        {"a\nb", "a\nb"},       {"./ a", " a"},
-  };
-  for (const auto& [path, normalised] : rows) {
-    EXPECT_EQ(_safe_manifest_relative_path(path), normalised) << path;
-    if (is_plain_relative_path(path)) {
-      EXPECT_EQ(path, normalised);
-    }
-  }
-}
-
-TEST(ManifestPaths, refuseByTheFirstRuleBroken) {
-  const std::pair<Value, std::string> rows[] = {
-      {nullptr, "must be a non-empty relative path"},   {" \u2003\x1c", "must be a non-empty relative path"},
-      {"/a\0b"s, "contains NUL byte: '/a\\x00b'"},      {"/etc/x", "must be relative: '/etc/x'"},
-      {"..\\x", "contains unsafe segments: '..\\\\x'"}, {"a/../b", "contains unsafe segments: 'a/../b'"},
-      {"a/..", "contains unsafe segments: 'a/..'"},     {"./", "contains unsafe segments: './'"},
-  };
-  for (const auto& [path, problem] : rows) {
-    EXPECT_EQ(failure_of([&path = path] { return _safe_manifest_relative_path(path); }), "ManifestError: Manifest file path " + problem);
-    if (path.is_text()) {
-      EXPECT_FALSE(is_plain_relative_path(*path.if_text()));
-    }
-  }
-}
-
-TEST(ManifestPaths, ofTheLibrarysOwnFilesAreKnownInEverySpelling) {
+TEST(OwnFiles, areKnownInEverySpelling) {
   const TemporaryDirectory scratch;
   link(scratch, "self", ".");
   link(scratch, "state", "feature-rotation-state.json");
@@ -76,26 +42,6 @@ TEST(ManifestPaths, ofTheLibrarysOwnFilesAreKnownInEverySpelling) {
   for (const std::string path : {"Manifest.json", "MANIFEST.JSON./x", "a.Tmp"}) {
     EXPECT_THROW(OwnFiles(scratch.path()).refuse(path), Error) << path;
   }
-}
-
-TEST(ManifestPaths, stayInsideTheDirectoryAlsoThroughLinks) {
-  const TemporaryDirectory scratch;
-  scratch.write("data/real/file", "");
-  scratch.write("data-beside/file", "");
-  link(scratch, "data/inside", "real");
-  link(scratch, "data/beside", scratch / "data-beside");
-  link(scratch, "data/self", ".");
-  link(scratch, "way-in", "data");
-
-  const std::string data = scratch / "data";
-  for (const std::string& data_dir : {data, data + "/", scratch / "way-in", scratch / "data/../data/./real/.."}) {
-    EXPECT_EQ(_manifest_local_path(data_dir, "inside/file"), data + "/real/file");
-    EXPECT_EQ(_manifest_local_path(data_dir, "new/file"), data + "/new/file");
-    EXPECT_EQ(_manifest_local_path(data_dir, "self"), data);
-    EXPECT_EQ(failure_of([&] { return _manifest_local_path(data_dir, " beside/x"); }),
-              "ManifestError: Manifest file path escapes data directory: ' beside/x'");
-  }
-  EXPECT_EQ(_manifest_local_path("/", "etc"), "/etc");
 }
 
 /// All that is told of a file, or the text of a refusal.
@@ -155,44 +101,6 @@ TEST(LocalFiles, seeAFileThatComesAndGoes) {
   EXPECT_FALSE(files.stat("new/file"));
   link(scratch, "new/file", "/etc/passwd");
   EXPECT_EQ(failure_of([&] { return files.stat("new/file"); }), "ManifestError: Manifest file path escapes data directory: 'new/file'");
-}
-
-TEST(ManifestUrl, joinsBaseAndPathAsTheyStandAndRefusesThePathBeforeTheBase) {
-  const char* server = "https://host:8443/api//";
-  const std::string not_absolute = "ManifestError: Manifest base_url must be an absolute data-file URL";
-  const std::tuple<const char*, Value, const char*, std::string> rows[] = {
-      {server, nullptr, "a b/ü", "https://host:8443/api/data/files/a b/ü"},
-      {server, "  ", " a//b ", "https://host:8443/api/data/files/a/b"},
-      {server, 7, "a", "https://host:8443/api/data/files/a"},
-      {server, " https://cdn/x/ ", "a#b?c", "https://cdn/x/a#b?c"},
-      {server, "/x", "a/..", "ManifestError: Manifest file path contains unsafe segments: 'a/..'"},
-      {server, "/data/files", "a", not_absolute},
-      {server, "https://[::1/x", "a", not_absolute},
-      {"host", nullptr, "a", not_absolute},
-      {server, "http://example.com/x", "a", "ManifestError: URL must use https, or http on this machine only: http://example.com"},
-  };
-  for (const auto& [origin, base, path, outcome] : rows) {
-    std::string url;
-    const auto join = [&, &of_server = origin, &base_url = base, &relative = path] {
-      return url = _manifest_file_url(TransportSecurity::builtin(), of_server, relative, base_url);
-    };
-    EXPECT_EQ(failure_of(join) + url, outcome);
-  }
-}
-
-TEST(ManifestUrl, isPublicUnlessItIsTheServersOwn) {
-  const std::tuple<const char*, Value, bool> rows[] = {
-      {"https://host", nullptr, false},
-      {"https://host", " https://host/data/files/ ", false},
-      {"https://host/api", "https://host/data/files", false},
-      {"https://host/api", "https://host/api/data/files", true},
-      {"https://host", "https://host:444/data/files", true},
-      {"https://host", "https://u@host/data/files", true},
-      {"https://host", "https://[::1/data/files", true},
-  };
-  for (const auto& [server, base_url, is_public] : rows) {
-    EXPECT_EQ(_manifest_base_url_uses_public_download(server, base_url), is_public) << json_of(base_url);
-  }
 }
 
 }  // namespace
