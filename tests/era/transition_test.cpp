@@ -10,7 +10,6 @@
 
 #include "sync/base/values/convert.hpp"
 #include "sync/era/staged_moves.hpp"
-#include "tests/support/failing_memory.hpp"
 #include "tests/support/host_interrupt.hpp"
 #include "tests/support/sync_setup.hpp"
 
@@ -271,25 +270,6 @@ TEST_F(TransitionTest, aFailureWhileFilesMoveIsMendedByTheNextAttempt) {
     const std::vector<std::string> told = log.messages(LogLevel::Debug);
     EXPECT_EQ(std::ranges::count(told, "Search tracking: " + directory.path() + " went from era 7 to era 8"), ++times_told);
     EXPECT_FALSE(directory.contains(".told_era"));
-  }
-}
-
-TEST_F(TransitionTest, aLackOfMemoryIsMendedByTheNextAttempt) {
-  for (const bool lasts : {false, true}) {
-    bool has_failed = true;
-    for (int nth = 1; has_failed; nth += 1 + nth / 4) {
-      SCOPED_TRACE(nth);
-      begin_in_era_7();
-      try {
-        const FailingMemory memory(nth, lasts);
-        transit();
-        has_failed = memory.has_failed();
-      } catch (const std::exception&) {
-      }
-      EXPECT_EQ(std::async(std::launch::async, [this] { return failure(); }).get(), "") << "whichever thread it is on";
-      expect_era_8();
-      expect_nothing_left();
-    }
   }
 }
 

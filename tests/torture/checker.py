@@ -165,6 +165,10 @@ class Checker:
         self.claim(told["sync_unavailable_status"] == few, f"outages {outages} began {told['sync_unavailable_status']}")
         self.claim(told["sync_recovered_status"] == cured, f"outages {cured} ended {told['sync_recovered_status']}")
 
+    def check_no_sanitizer_complains(self) -> None:
+        complaints = [line for line in self.lines("log") if re.search(r"(Address|Thread|Leak)Sanitizer|: runtime error: ", line)]
+        self.claim(not complaints, f"{complaints[:1]}")
+
     def check_locks_are_free(self) -> None:
         for name in (".", ".sync_flock"):
             with contextlib.suppress(FileNotFoundError):

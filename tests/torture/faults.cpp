@@ -6,7 +6,8 @@
 //   FAULT_AT=N              which call, counted from 1; with FAULT_LATER set all later ones too that the action suits
 //   FAULT_ACTION=WORD       KILL; SHORT, where a write takes half; or the name of an error
 //   FAULT_SHARED=FILE       counts of all processes, see Shared
-//   FAULT_MEMORY_AT=N       which allocation fails, counted from 1 and from torture_counts_memory() on
+//   FAULT_MEMORY_AT=N       which allocation fails, counted from 1 and from torture_counts_memory() on; with FAULT_LATER set
+//                           the hundred after it too
 //   FAULT_MEMORY_ON=NAME    counts those of threads whose names begin so alone
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -36,7 +37,7 @@
 
 namespace {
 
-constinit std::atomic<long> allocations{0}, failing_allocation{0};
+constinit std::atomic<long> allocations{0}, first_failure{0}, last_failure{0};
 constinit std::atomic<std::atomic<std::int64_t>*> allocation_count{nullptr};
 constinit std::atomic<const char*> counted_threads{nullptr};
 
@@ -238,13 +239,15 @@ HOOK void torture_counts_memory() {
   const long wanted = std::atol(environment("FAULT_MEMORY_AT").c_str());
   counted_threads = std::getenv("FAULT_MEMORY_ON");
   allocations = 0;
-  failing_allocation = wanted;
+  last_failure = wanted + (plan().later ? 100 : 0);
+  first_failure = wanted;
 }
 
 /// The other forms of new come here.
 __attribute__((visibility("default"))) void* operator new(std::size_t size) {
   if (!OwnCall::runs && counts_here()) {
-    if (++allocations == failing_allocation) throw std::bad_alloc();
+    const long number = ++allocations, first = first_failure;
+    if (first > 0 && number >= first && number <= last_failure) throw std::bad_alloc();
     if (std::atomic<std::int64_t>* const count = allocation_count) ++*count;
   }
   if (void* const block = std::malloc(size > 0 ? size : 1)) return block;

@@ -82,10 +82,17 @@ void prefetch(SyncManager& manager, const std::string& feature) {
 /// The threads of a running manager do the work, a reported repair among it, until they have brought the directory to an era.
 void live(SyncManager& manager, const std::string& damaged, const Value& era) {
   manager._poll_interval.set(0.02);
-  manager.acquire();
+  const auto acquires = [&] {
+    try {
+      return manager.acquire(), true;
+    } catch (const std::bad_alloc&) {  // the next call starts what this one could not
+      return false;
+    }
+  };
+  while (!acquires()) continue;
   for (int reports = 0; reports < 3; ++reports) manager.report_corruption(damaged);
   while (manager._in_transition || manager.get_manifest()->era_number() != era) std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  manager.release();
+  manager.stop();
 }
 
 // ---- many times over ------------------------------------------------------------------------------------------------
@@ -202,7 +209,8 @@ int execute(const std::string& command, const Run& run) {
     commands.at(command)(*manager);
     report(*manager);
   } catch (const Error& error) {
-    std::printf("%s: %s\n", std::string(error.error_class().name()).c_str(), error.what());
+    const std::string_view name = error.error_class().name();
+    std::printf("%.*s: %s\n", static_cast<int>(name.size()), name.data(), error.what());
     return 1;
   } catch (const std::bad_alloc&) {
     std::puts("MemoryError: std::bad_alloc");

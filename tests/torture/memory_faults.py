@@ -1,4 +1,4 @@
-"""One allocation fails, whichever it is and on whichever thread."""
+"""One allocation fails, or a hundred from there on: whichever it is, on whichever thread."""
 
 import functools
 import struct
@@ -9,7 +9,8 @@ from torture.workloads import FIRST, LIVE, PARALLEL, VERSION, WORKLOADS, Trial, 
 
 HOLD = Workload("hold", FIRST, (VERSION,), ("holds", "1"))
 WHOLE = {"cold", "transition", "hold"}  # of the others one allocation in ten
-THREADS = ("torture_host", "bf-poll", "bf-era", "bf-repair", "bf-sync", "bf-check", "brackenfen-sync")
+WATCHERS = ("bf-poll", "bf-era")  # whose passes and transitions are those of the other rows
+THREADS = (*WATCHERS, "torture_host", "bf-repair", "bf-sync", "bf-check", "brackenfen-sync")
 
 
 @functools.cache
@@ -26,13 +27,15 @@ def on(thread: str) -> dict[str, str]:
     return PARALLEL | {"FAULT_MEMORY_ON": thread} if thread else {}
 
 
-def fail(workload: Workload, thread: str, at: int) -> None:
-    survive(workload, {"FAULT_MEMORY_AT": str(at)} | on(thread), {0, 1})
+def fail(workload: Workload, thread: str, at: int, lasts: bool) -> None:
+    later = {"FAULT_LATER": "1"} if lasts else {}
+    survive(workload, {"FAULT_MEMORY_AT": str(at)} | later | on(thread), {0, 1})
 
 
 def cases(long: bool) -> Iterable[Case]:
-    rows = [(workload, "", 1 if workload.name in WHOLE else 10) for workload in (*WORKLOADS, HOLD)]
-    rows += [(LIVE, thread, 1) for thread in THREADS]
-    table = [(workload, thread, at) for workload, thread, step in rows for at in range(1, allocations_of(workload, thread) + 1, step)]
-    for workload, thread, at in table if long else draw(table, 150):
-        yield Case(f"{workload.name} allocation={at}" + f" on={thread}" * (thread != ""), functools.partial(fail, workload, thread, at))
+    rows = [(workload, "", lasts, 1 if workload.name in WHOLE and not lasts else 10) for workload in (*WORKLOADS, HOLD) for lasts in (False, True)]
+    rows += [(LIVE, thread, False, 10 if thread in WATCHERS else 1) for thread in THREADS]
+    table = [(workload, thread, lasts, at) for workload, thread, lasts, step in rows for at in range(1, allocations_of(workload, thread) + 1, step)]
+    for workload, thread, lasts, at in table if long else draw(table, 150):
+        text = f"{workload.name} allocation={at}{'+' * lasts}" + f" on={thread}" * (thread != "")
+        yield Case(text, functools.partial(fail, workload, thread, at, lasts))
