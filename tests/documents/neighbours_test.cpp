@@ -1,5 +1,6 @@
 #include "sync/neighbours/neighbours.hpp"
 
+#include "sync/base/text/text.hpp"
 #include "sync/base/values/convert.hpp"
 #include "tests/documents/values.hpp"
 
@@ -44,26 +45,16 @@ TEST(TransportSecurity, letsOnlySafeAddressesCarryAToken) {
 
 TEST(Deployment, ordersVersions) {
   const Deployment& deployment = Deployment::builtin();
-  // Rows of equal versions, from the oldest to the newest.
-  const std::vector<std::vector<const char*>> ascending = {{"0.9"},
-                                                           {"1.0.dev1", "1.dev01"},
-                                                           {"1.0a1.dev2"},
-                                                           {"1.0a1", "1.0-ALPHA.1"},
-                                                           {"1.0b", "1.0beta0"},
-                                                           {"1.0rc1", "v1.0c1", "1.0pre1"},
-                                                           {"1", "1.0", "1.0.0+local.7", " 1.0 "},
-                                                           {"1.0.post1.dev3"},
-                                                           {"1.0.post1", "1.0-1", "1.0r1"},
-                                                           {"1.0.1"},
-                                                           {"1.9"},
-                                                           {"1.10"},
-                                                           {"1.99999999999999999999"},
-                                                           {"1!0.1"}};
-  for (std::size_t left = 0; left < ascending.size(); ++left) {
-    for (std::size_t right = 0; right < ascending.size(); ++right) {
-      const int order = left < right ? -1 : left > right ? 1 : 0;
-      for (const char* version : ascending[right]) {
-        EXPECT_EQ(deployment.compare_versions(ascending[left].front(), version), order) << ascending[left].front() << " and " << version;
+  // Equal versions stand together, from the oldest to the newest.
+  const std::vector<std::string_view> ascending = split(
+      "0.9, 1.0.dev1|1.dev01, 1.0a1.dev2, 1.0a1|1.0-ALPHA.1, 1.0b|1.0beta0, 1.0rc1|v1.0c1|1.0pre1, 1|1.0|1.0.0+local.7| 1.0 , "
+      "1.0.post1.dev3, 1.0.post1|1.0-1|1.0r1, 1.0.1, 1.9, 1.10, 1.99999999999999999999, 1!0.1",
+      ", ");
+  for (const std::string_view& left : ascending) {
+    for (const std::string_view& right : ascending) {
+      const int order = &left < &right ? -1 : &left > &right ? 1 : 0;
+      for (const std::string_view version : split(right, "|")) {
+        EXPECT_EQ(deployment.compare_versions(std::string(split(left, "|")[0]), Value(version)), order) << left << " and " << version;
       }
     }
   }

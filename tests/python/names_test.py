@@ -116,7 +116,9 @@ CALLS: list[tuple[str, dict[str, Any], Any]] = [
     ("_sync_unavailable_action_recovery", {"details": {"error": "AUTH"}}, "reauthenticate"),
     ("_sync_local_data_status", {}, "intact and preserved, but not run because fresh data is required"),
     ("_sync_endpoint_from_url", {"url": "https://h/p?q"}, "/p"),
-    ("_sync_event_file_from_url", {"url": "http://h/data/files/a/b.arrow"}, "a/b.arrow"),
+    *(("_sync_endpoint_from_url", {"url": url}, endpoint) for url, endpoint in (("https://h", "https://h"), ("http://[broken", "http://[broken"), ("", "<unknown>"))),
+    *(("_sync_event_file_from_url", {"url": url}, file) for url, file in (
+        ("http://h/data/files/a/b.arrow?x=1#y", "a/b.arrow"), ("https://h/o/releases/v1/a//b.arrow", "a/b.arrow"), ("https://h/era/current/", "era/current"), ("https://h", ""), ("http://[broken", ""))),
 ]
 
 

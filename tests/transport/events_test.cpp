@@ -102,21 +102,5 @@ TEST(OutageStatus, saysWhatHappenedAndWhatToDo) {
   EXPECT_EQ(emit(R"({"reason": ""})", 0).get("reason"), Value(""));
 }
 
-TEST(Events, shortenUrls) {
-  const std::vector<std::array<std::string, 3>> rows{
-      // URL, endpoint, file
-      {"https://host/data/files/a/b.arrow?x=1#y", "/data/files/a/b.arrow", "a/b.arrow"},
-      {"https://host/o/releases/v1/a//b.arrow", "/o/releases/v1/a//b.arrow", "a/b.arrow"},
-      {"https://host/era/current/", "/era/current/", "era/current"},
-      {"https://host", "https://host", ""},
-      {"http://[broken", "http://[broken", ""},
-      {"", "<unknown>", ""},
-  };
-  for (const auto& [url, endpoint, file] : rows) {
-    EXPECT_EQ(_sync_endpoint_from_url(url), endpoint);
-    EXPECT_EQ(_sync_event_file_from_url(url), file);
-  }
-}
-
 }  // namespace
 }  // namespace brackenfen::sync

@@ -104,10 +104,5 @@ TEST_F(HttpTest, refusesTokensWithoutShowingThem) {
   EXPECT_TRUE(server_.requests().empty());
 }
 
-TEST(ErrorBodies, areDocumentsOrNothing) {
-  EXPECT_EQ(_parse_sync_error_body(R"({"error": "x"})"), (Document{{"error", "x"}}));
-  for (const char* body : {"", "\xff{}", "{", "[1]", "null", "\xef\xbb\xbf{}"}) EXPECT_EQ(_parse_sync_error_body(body), Document()) << body;
-}
-
 }  // namespace
 }  // namespace brackenfen::sync
