@@ -59,8 +59,9 @@ std::optional<Value> SyncManager::Transition::run() {
     if (must_tell_) notify_neighbours();
     forget_told_era(*manager_.seams_.files, data_dir_);
     restart_searches();
-    log_info("Era transition to era %s completed in %.1f s", manifest_era_id_,
-             static_cast<double>(manager_.seams_.clock->monotonic_ns() - began_ns) * 1e-9);
+    log_info("Era transition to era %s completed in %.1f s: %d files, %d bytes", manifest_era_id_,
+             static_cast<double>(manager_.seams_.clock->monotonic_ns() - began_ns) * 1e-9, staged_file_paths_.size(),
+             sync_result_.bytes_downloaded);
   }
   scope.close();
   return superseded_era_id_;

@@ -108,7 +108,7 @@ class SyncManager::Transition {
   std::vector<std::pair<std::string, Document>> transition_download_items_;
 
   std::string transition_staging_dir_;
-  SyncResult sync_result_;  ///< collects what the downloads report; nobody reads it
+  SyncResult sync_result_;  ///< collects what the downloads report, for the log
   std::size_t completed_files_ = 0;
   std::vector<std::string> staged_file_paths_;
   std::vector<std::string> departed_files_;         ///< as the manifest of the era before spells them

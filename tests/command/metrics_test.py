@@ -90,7 +90,11 @@ def test_what_a_client_goes_through_is_in_its_figures(command, promtool, tool, s
     assert TOKEN not in text and written.stat().st_mode & 0o777 == 0o644
     assert inside["outages_total"] == 1 and 0.3 < inside["outage_seconds_total"] < 20 and inside["download_repairs_total"] == 1 == inside["local_repairs_total"]
     assert (inside["transitions_total"], inside["era_number"], inside["manifest_version"]) == (1, 2, 2)
-    assert inside["passes_total"] >= 2 and inside["landed_files_total"] > 10 and inside["landed_bytes_total"] > 10_000
+    lines = [event for line in events.read_text().splitlines() if (event := json.loads(line))["event_type"] == "log"]
+    [moved] = [event["args"][2:] for event in lines if event["format"].startswith("Era transition")]
+    landed = [moved, *(event["args"][2:4] for event in lines if event["format"] == SYNCED["format"])]
+    assert len(landed) == inside["passes_total"] + 1 >= 3 and moved[0] > 0 and moved[1] > 1000
+    assert [inside["landed_files_total"], inside["landed_bytes_total"]] == [sum(pair) for pair in zip(*landed, strict=True)]
     assert inside["rotation_generation"] == 2 and 0 < inside["rotation_held_features"] < inside["rotation_eligible_features"]
     assert inside["disk_budget_bytes"] == 0.00005 * 2**30 and inside["disk_free_bytes"] > 0
     assert inside["running"] == 0 and inside["in_step"] == 1 and time.time() - inside["last_good_pass_timestamp_seconds"] < 60

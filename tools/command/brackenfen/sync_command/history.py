@@ -17,7 +17,7 @@ LASTING_SECONDS = 120.0  # what fails goes on failing at every poll, so a failur
 CHANGES_KEPT, SPANS_KEPT, NAMES_KEPT, BUCKETS_KEPT = 12, 2000, 200, 4096
 TEXT_KEPT = 400
 SYNCED, MENDED = "Synced era %s to version %s: %d files, %d bytes, in %.1f s", "Synced era %s to version %s: mended %s in %.1f s"
-TRANSITION = "Era transition to era %s completed in %.1f s"
+TRANSITION = "Era transition to era %s completed in %.1f s: %d files, %d bytes"
 DAMAGED = {
     "Manifest-tracked local file failed integrity check; re-downloading: %s",
     "Manifest version matched but local metadata needs repair: %s",
@@ -29,13 +29,13 @@ FAILURES = ("Poll once failed", "Poll loop iteration failed", "Trigger era trans
 
 @dataclass(frozen=True)
 class Change:
-    """A pass that committed something, or a transition, of which neither version nor amounts are in the log."""
+    """A pass that committed something, or a transition, of which the version is not in the log."""
 
     moment: float
     era_number: int
     version: int | None
-    files: int | None
-    bytes: int | None
+    files: int
+    bytes: int
     seconds: float
 
 
@@ -195,13 +195,10 @@ class History:
         if form == SYNCED:
             era_number, version, files, count = map(whole, args[:4])
             self._change(Change(moment, era_number, version, files, count, seconds_of(args[4])))
-            self.landed.add(moment, count)
-            self.landed_files += files
-            self.landed_bytes += count
         elif form == MENDED:
             self._change(Change(moment, whole(args[0]), whole(args[1]), 0, 0, seconds_of(args[3])))
         elif form == TRANSITION:
-            self._change(Change(moment, whole(args[0]), None, None, None, seconds_of(args[1])))
+            self._change(Change(moment, whole(args[0]), None, whole(args[2]), whole(args[3]), seconds_of(args[1])))
             self.transition_count += 1
         elif form in DAMAGED:
             self.damaged += 1
@@ -213,6 +210,10 @@ class History:
     def _change(self, change: Change) -> None:
         self.changes.append(change)
         self.change_count += 1
+        if change.bytes:
+            self.landed.add(change.moment, change.bytes)
+        self.landed_files += change.files
+        self.landed_bytes += change.bytes
         self.failure = None
         self._answered(change.moment)
         if not self.eras:
