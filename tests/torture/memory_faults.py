@@ -8,7 +8,7 @@ from torture.case import Case, draw, scratch
 from torture.workloads import FIRST, LIVE, PARALLEL, VERSION, WORKLOADS, Trial, Workload, survive
 
 HOLD = Workload("hold", FIRST, (VERSION,), ("holds", "1"))
-WHOLE = {"cold", "transition", "hold"}  # of the others one allocation in ten
+WHOLE = {"cold", "transition", "hold"}  # of the others one allocation in twenty
 WATCHERS = ("bf-poll", "bf-era")  # whose passes and transitions are those of the other rows
 THREADS = (*WATCHERS, "torture_host", "bf-repair", "bf-sync", "bf-check", "brackenfen-sync")
 
@@ -33,8 +33,8 @@ def fail(workload: Workload, thread: str, at: int, lasts: bool) -> None:
 
 
 def cases(long: bool) -> Iterable[Case]:
-    rows = [(workload, "", lasts, 1 if workload.name in WHOLE and not lasts else 10) for workload in (*WORKLOADS, HOLD) for lasts in (False, True)]
-    rows += [(LIVE, thread, False, 10 if thread in WATCHERS else 1) for thread in THREADS]
+    rows = [(workload, "", lasts, 1 if workload.name in WHOLE and not lasts else 20) for workload in (*WORKLOADS, HOLD) for lasts in (False, True)]
+    rows += [(LIVE, thread, False, 20 if thread in WATCHERS else 1) for thread in THREADS]
     table = [(workload, thread, lasts, at) for workload, thread, lasts, step in rows for at in range(1, allocations_of(workload, thread) + 1, step)]
     for workload, thread, lasts, at in table if long else draw(table, 150):
         text = f"{workload.name} allocation={at}{'+' * lasts}" + f" on={thread}" * (thread != "")

@@ -86,17 +86,13 @@ def leave_work(data: pathlib.Path, site: Site) -> None:
     site.at_request = at_request
 
 
-def nothing(data: pathlib.Path, site: Site) -> None:
-    pass
-
-
 @dataclasses.dataclass(frozen=True, eq=False)
 class Workload:
     name: str
     start: World | None  # what a healthy pass has brought, FIRST; None for an empty directory
     worlds: tuple[World, ...]  # what the server has, and what it moves on to
     command: tuple[str, ...]
-    before: Callable[[pathlib.Path, Site], None] = nothing
+    before: Callable[[pathlib.Path, Site], object] = lambda data, site: None
 
 
 WORKLOADS = [

@@ -204,11 +204,7 @@ def server() -> Server:
 
 
 def open_site(log: pathlib.Path, worlds: list[World]) -> Site:
-    running = server()
-    with _OPENING:
-        made = Site(f"http://127.0.0.1:{running.server_address[1]}/{len(Server.sites)}", log, worlds)
-        Server.sites.append(made)
+    made = Site("", log, worlds)
+    Server.sites.append(made)
+    made.url = f"http://127.0.0.1:{server().server_address[1]}/{Server.sites.index(made)}"
     return made
-
-
-_OPENING = threading.Lock()
