@@ -76,6 +76,7 @@ StagedMoves::~StagedMoves() {
 void StagedMoves::add(const std::string& file_path) {
   Move move{.file_path = file_path, .live_path = _manifest_local_path(data_dir_, file_path), .obstacle = {}, .copy = {}};
   if (!live_paths_.insert(move.live_path).second) return;
+  if (move.live_path == root_.path()) throw os_error(EISDIR, move.live_path);  // where a link led
   find_obstacle(move);
   if (!move.obstacle.empty()) static_cast<void>(go_through(move, [](const Place&) {}));
   if (const Folder& folder = folder_above(move.live_path); !folder.reachable) move.copy = copied_into(folder.path, file_path);

@@ -368,6 +368,9 @@ TEST_F(TransitionTest, aFileMayTakeTheNameOfAFolderAndAFolderThatOfAFile) {
   manager = open();
   static_cast<void>(manager->sync());
   publish_era(8, {KEPT, NEW, FRESH, folder[0], folder[1], in_place});
+  std::filesystem::create_directory_symlink(directory.path(), directory / NEW.path);
+  EXPECT_EQ(failure(), "IsADirectoryError: [Errno 21] Is a directory: '" + directory.path() + "'") << "all of it is in the way";
+  std::filesystem::remove(directory / NEW.path);
   directory.write("data/b/foreign", "nobody's");
   const auto before = live();
   EXPECT_EQ(failure(), "IsADirectoryError: [Errno 21] Is a directory: '" + (directory / "data/b") + "'");
