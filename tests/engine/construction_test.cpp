@@ -1,8 +1,4 @@
 #include <gmock/gmock.h>
-#include <sys/stat.h>
-
-#include <filesystem>
-#include <functional>
 #include <map>
 
 #include "tests/support/sync_setup.hpp"
@@ -48,29 +44,6 @@ TEST_F(ConstructionTest, restoresTheConsumerCount) {
     directory.write(".consumer_count", content);
     EXPECT_EQ(open()->_consumer_count.load(), count) << content;
     EXPECT_THAT(warnings(), testing::AllOf(SizeIs(warned), testing::Each(StartsWith("Failed to read consumer count: "))));
-  }
-}
-
-TEST_F(ConstructionTest, waitsForNoStateFileAndReadsNoneWithoutEnd) {
-  const std::pair<const char*, const char*> names[] = {{"manifest.json", ""},
-                                                       {".sync_hash_cache.json", ""},
-                                                       {".consumer_count", ""},
-                                                       {"feature-rotation-state.json", "FeatureRotationStateError: invalid feature rotat"}};
-  const std::function<void(const std::string&)> kinds[] = {
-      [](const std::string& path) { ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0); },
-      [](const std::string& path) { std::filesystem::create_directory(path); },
-      [&](const std::string& path) {
-        std::filesystem::resize_file(directory.write(path.substr(directory.path().size()), ""), 1ULL << 40U);
-      },
-  };
-  for (const auto& [name, failure] : names) {
-    for (const auto& put : kinds) {
-      put(directory / name);
-      log.clear();
-      EXPECT_THAT(failure_of([&] { return open(); }), StartsWith(failure)) << name;
-      EXPECT_THAT(warnings(), SizeIs(*failure == '\0' ? 1 : 0));
-      std::filesystem::remove(directory / name);
-    }
   }
 }
 

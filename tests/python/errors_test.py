@@ -1,6 +1,5 @@
 """The classes of errors, and errors on their way through the core."""
 
-import base64
 import copy
 import json
 import pickle
@@ -189,23 +188,3 @@ def test_notes_tell_where_it_failed_and_what_to_do(manager: sync.SyncManager, se
         with pytest.raises(sync.SyncError) as caught:
             manager.sync()
         assert vars(caught.value) == facts | ({"__notes__": notes} if notes else {})
-
-
-def test_no_token_that_a_server_gives_back_comes_out(manager: sync.SyncManager, server: Any, records: pytest.LogCaptureFixture) -> None:
-    packed = base64.b64encode(b"Bearer " + server.token.encode()).decode()
-    echo = f"{server.token} {packed}"
-    shown = ""
-    for answer in (
-        (503, json.dumps({"retryable": False, "error": [echo], "reason": echo}).encode()),
-        (302, b"", {"Location": f"http://{server.token}.invalid/"}),
-        (200, echo.encode()),
-        (200, b"\xff" + echo.encode()),
-        (200, json.dumps({**server.manifest(), "era_number": echo}).encode()),
-        (200, json.dumps({**server.manifest(), "files": {f"../{echo}": {}}}).encode()),
-    ):
-        server.answers["/data/manifest"] = answer
-        with sync.backoff_context(stop_requested=lambda: True), pytest.raises(Exception) as caught:
-            manager.sync()
-        shown += f"{caught.value} {caught.value.args} {vars(caught.value)} {getattr(caught.value, 'object', '')}"
-    shown += "".join(f"{record.getMessage()} {vars(record)}" for record in records.records)
-    assert "*" * len(server.token) in shown and not [form for form in (server.token, packed[10:-4]) if form in shown]

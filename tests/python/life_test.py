@@ -2,12 +2,9 @@
 
 import os
 import pathlib
-import signal
-import time
 from collections.abc import Callable
 from typing import Any
 
-import brackenfen.sync as sync
 import pytest
 
 # Programs start with this: a manager of the directory and server given, and ways to block in the library.
@@ -19,18 +16,9 @@ manager = sync.SyncManager.get_or_create(directory, url, lambda: "t")
 names = map(str, range(16))  # a later download of a file would take it from the one before
 def download(): manager._download_file(next(names), {"size_bytes": 1000}, sync.SyncResult())
 def batch(): manager._download_files_parallel({next(names): {"size_bytes": 1000} for n in range(4)}, sync.SyncResult())
-def fetch(): manager.sync()
 def outage():
     with sync.backoff_context(surface="s"): sync._sleep_for_sync_backoff(60)
 def away(): sync._http_get("http://127.0.0.1:1/", "t")
-def audit():
-    files = {f"sparse{n}": {"size_bytes": 1 << 36, "sha256": "0" * 64} for n in range(4)}
-    for name in files: open(f"{directory}/{name}", "ab").truncate(1 << 36)
-    other = sync.SyncManager(directory, url, str)
-    other._manifest = sync.Manifest({"files": files})
-    other.verify()
-def lock(): sync.SyncManager(directory, url, str)._acquire_flock()
-def say(text): print(text, flush=True)
 """
 
 
@@ -39,7 +27,6 @@ def stalled(server: Any) -> Any:
     """A server that never sends a body."""
     for name in map(str, range(16)):
         server.answers["/data/files/" + name] = server.stall
-    server.answers["/data/manifest"] = server.stall
     return server
 
 
@@ -89,32 +76,6 @@ for thread in threads: thread.join()
         assert (code, err) == (0, "")
 
 
-BLOCKED = ["download", "batch", "fetch", "outage", "away", "lock", "audit"]
-
-
-@pytest.mark.parametrize("where", BLOCKED)
-def test_ctrl_c_ends_a_blocked_call(program: Any, stalled: Any, tmp_path: pathlib.Path, where: str) -> None:
-    source = PROLOGUE + f"""
-import fcntl
-holder = open(directory + "/.sync_flock", "ab")
-if "{where}" == "lock": fcntl.flock(holder, fcntl.LOCK_EX)
-say("ready")
-try: {where}()
-except KeyboardInterrupt: say("%.3f" % time.time())
-if "{where}" == "fetch": assert not os.path.exists(directory + "/.sync_flock")
-fcntl.flock(holder, fcntl.LOCK_UN)
-manager._acquire_flock(); manager._release_flock()
-"""
-    running = program(source, str(tmp_path), stalled.url)
-    running.wait_for("ready")
-    time.sleep(0.4)
-    running.process.send_signal(signal.SIGINT)
-    sent = time.time()
-    code, out, err, _ = running.finish()
-    assert (code, err) == (0, "")
-    assert float(out) - sent < 0.2
-
-
 def test_a_signal_handlers_own_exception_comes_out(ends_quietly: Callable[..., None]) -> None:
     ends_quietly("""
 class Late(Exception): pass
@@ -126,37 +87,6 @@ try: download()
 except Late as error: assert error is late and error.__traceback__ is not None
 else: raise SystemExit("not raised")
 """)
-
-
-STARTS = {
-    "daemon": "threading.Thread(target=seen, daemon=True).start()",
-    "joined": "threading.Thread(target=seen).start()",
-    "pool": "pool.submit(seen)",  # whose module is first imported after this library's
-}
-
-
-@pytest.mark.parametrize("kind", STARTS)
-@pytest.mark.parametrize("where", BLOCKED)
-def test_exit_with_blocked_threads(ends_quietly: Callable[..., None], where: str, kind: str) -> None:
-    source = f"""
-import atexit, concurrent.futures
-pool = concurrent.futures.ThreadPoolExecutor(3)
-if "{where}" == "lock": manager._acquire_flock()
-def seen():
-    try: {where}()
-    except SystemExit: raise
-    except BaseException as error: print("saw", repr(error), file=sys.stderr)
-for _ in range(3): {STARTS[kind]}
-def busy():
-    while True: manager.status(); sync._sha256(b"x" * 100000); sync.Manifest({{"files": {{"a": {{}}}}}})
-for _ in range(2): threading.Thread(target=busy, daemon=True).start()
-time.sleep(0.3)
-def late():
-    assert manager.status() is None and sync._sha256(b"") and manager.get_manifest() is None
-atexit.register(late)
-sys.exit(7)
-"""
-    ends_quietly(source, 7, repeats=1 if kind == "pool" else 5)
 
 
 @pytest.mark.parametrize("where", ["conversion", "caller", "worker", "poll_thread"])

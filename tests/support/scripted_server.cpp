@@ -251,17 +251,14 @@ Reply ScriptedServer::reply_to(const LoggedRequest& request) {
 
 void ScriptedServer::send_reply(Connection& connection, const Reply& reply) {
   if (reply.delay > milliseconds(0) && !connection.wait(reply.delay)) return;
-  std::string message = reply.raw.value_or("");
-  if (!reply.raw) {
-    message = "HTTP/1.1 " + std::to_string(reply.status) + " Status\r\n";
-    bool framed = reply.endless;
-    for (const auto& [name, value] : reply.headers) {
-      message += name + ": " + value + "\r\n";
-      framed = framed || name == "Content-Length" || name == "Transfer-Encoding";
-    }
-    if (!framed) message += "Content-Length: " + std::to_string(reply.body.size()) + "\r\n";
-    message += "\r\n" + reply.body.substr(0, reply.cut_after.value_or(reply.body.size()));
+  std::string message = "HTTP/1.1 " + std::to_string(reply.status) + " Status\r\n";
+  bool framed = reply.endless;
+  for (const auto& [name, value] : reply.headers) {
+    message += name + ": " + value + "\r\n";
+    framed = framed || name == "Content-Length" || name == "Transfer-Encoding";
   }
+  if (!framed) message += "Content-Length: " + std::to_string(reply.body.size()) + "\r\n";
+  message += "\r\n" + reply.body.substr(0, reply.cut_after.value_or(reply.body.size()));
   if (reply.drip > milliseconds(0)) {
     for (const char byte : message) {
       if (!connection.send({&byte, 1}) || !connection.wait(reply.drip)) return;

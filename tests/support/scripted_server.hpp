@@ -32,7 +32,6 @@ struct Reply {
   bool keep = false;                          ///< the connection serves another request
   std::chrono::milliseconds delay{0};         ///< before the first byte
   std::chrono::milliseconds drip{0};          ///< after every byte
-  std::optional<std::string> raw = {};        ///< the whole message as it stands, instead of the fields above it
 };
 
 struct LoggedRequest {

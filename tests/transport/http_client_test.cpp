@@ -227,48 +227,6 @@ TEST(HttpClient, tellsAWantOfDescriptorsAndOfCertificateAuthoritiesAsWhatTheyAre
   EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &usual), 0);
 }
 
-TEST(HttpClient, namesNetworkFailuresByClass) {
-  ScriptedServer server;
-  ScriptedServer untrusted(ScriptedServer::Scheme::Https);
-  untrusted.script("/", {{.body = "secret"}});
-  const auto raw = [&](const std::string& path, std::string message, bool reset = false) {
-    server.script(path, {{.reset = reset, .raw = std::move(message)}});
-    return server.url(path);
-  };
-  const std::string ok = "HTTP/1.1 200 OK\r\n";
-  const auto repeated = [](int times, const char* line) {
-    std::string lines;
-    while (times-- > 0) lines += line;
-    return lines;
-  };
-  const std::vector<std::pair<std::string, std::string>> rows{
-      {"http://127.0.0.1:1/", "ConnectionRefusedError: [Errno 111] Connection refused"},
-      {"https://no-such-host.invalid/", "URLError: "},
-      {raw("/rst", "", true), "ConnectionResetError: "},
-      {raw("/silent", ""), "ConnectionResetError: "},
-      {raw("/0.9", "just text"), "URLError: "},
-      {raw("/999", "HTTP/1.1 999 Odd\r\n\r\n"), "URLError: "},
-      {raw("/two-lengths", ok + "Content-Length: 1\r\nContent-Length: 2\r\n\r\nab"), "URLError: "},
-      {raw("/wide", ok + "Content-Length: 99999999999999999999\r\n\r\nab"), "URLError: "},
-      {raw("/both", ok + "Content-Length: 2\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n"), "URLError: "},
-      {raw("/bad-chunk", ok + "Transfer-Encoding: chunked\r\n\r\nzz\r\nab"), "URLError: "},
-      {raw("/cut-headers", ok + "Name: va"), "URLError: "},
-      {raw("/long-line", ok + std::string(400'000, 'a')), "URLError: "},
-      {raw("/long-trailer", ok + "Transfer-Encoding: chunked\r\n\r\n0\r\n" + std::string(400'000, 'a')), "URLError: "},
-      {raw("/hidden-packing", ok + "Transfer-Encoding: gzip\r\nHTTP/1.1: x\r\n\r\nab"), "URLError: "},
-      {raw("/many", ok + repeated(30'000, "Name: value\r\n")), "URLError: "},
-      {raw("/interim", repeated(20'000, "HTTP/1.1 100 Continue\r\n\r\n")), "URLError: "},
-      {untrusted.url("/"), "SSLCertVerificationError: "},
-      {"https" + server.url("/").substr(4), "SSLError: "},
-      {"http" + untrusted.url("/").substr(5), "Error: "},
-  };
-  for (const auto& [url, expected] : rows) {
-    EXPECT_THAT(failure_of_get(url), AllOf(HasSubstr(expected), Not(HasSubstr("canary")))) << url;
-    EXPECT_EQ(failure_of_get(raw("/next", ok + "\r\nwhole")), "") << "after " << url;
-  }
-  EXPECT_TRUE(untrusted.requests().empty()) << "the token must not travel before the certificate is checked";
-}
-
 TEST(HttpClient, readsTheCertificateFileOnceForEachDirectoryBesideIt) {
   ScriptedServer server{ScriptedServer::Scheme::Https};
   server.script("/", {{.body = "whole"}, {.body = "whole"}});
