@@ -10,11 +10,6 @@
 namespace brackenfen::sync {
 namespace {
 
-TEST(ErrorClass, familiesAreThoseOfTheHostLanguage) {
-  EXPECT_TRUE(error_class::OverflowError.derives_from(error_class::ArithmeticError));
-  EXPECT_FALSE(error_class::URLError.derives_from(error_class::ConnectionError));
-}
-
 TEST(OsError, readsAsPythonPrintsIt) {
   const struct {
     int number;
@@ -38,13 +33,6 @@ TEST(OsError, readsAsPythonPrintsIt) {
   }
   EXPECT_TRUE(os_error(EACCES).fields().get("filename").is_null());
   EXPECT_EQ(os_error(EXDEV, "a", "b").fields().get("filename2"), Value("b"));
-}
-
-TEST(JSONDecodeError, countsCodePoints) {
-  const JSONDecodeError error("Expecting value", "\u00e9\n\U0001F600 x", 8);
-  EXPECT_EQ(error.text(), "Expecting value: line 2 column 3 (char 4)");
-  EXPECT_EQ(error.fields().get("pos"), Value(4));
-  EXPECT_EQ(error.fields().get("msg"), Value("Expecting value"));
 }
 
 TEST(FormatMessage, followsPythonsLogging) {

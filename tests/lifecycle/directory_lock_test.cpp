@@ -8,7 +8,6 @@
 #include "sync/base/threads/interrupt.hpp"
 #include "sync/lifecycle/lock_holder.hpp"
 #include "tests/documents/values.hpp"
-#include "tests/support/failing_memory.hpp"
 #include "tests/support/temporary_directory.hpp"
 
 namespace brackenfen::sync {
@@ -82,20 +81,6 @@ TEST_F(DirectoryLockTest, isFreeAgainAfterAFailure) {
   for (int round = 0; round < 2; ++round) EXPECT_EQ(failure_of([&] { return elsewhere._acquire_flock(), 0; }), failure);
   std::filesystem::create_directory(directory / "gone");
   std::thread([&elsewhere] { const DirectoryLock::Hold hold(elsewhere); }).join();
-
-  // So it is where memory ran out on the way, to it or from it.
-  bool has_failed = true;
-  for (int nth = 1; has_failed; ++nth) {
-    try {
-      const FailingMemory memory(nth);
-      DirectoryLock::Hold hold(lock);
-      hold.release();
-      has_failed = memory.has_failed();
-    } catch (const std::bad_alloc&) {
-    }
-    std::thread([this] { const DirectoryLock::Hold hold(lock); }).join();
-    EXPECT_TRUE(free()) << nth;
-  }
 
   // A lock file that cannot be removed fails nothing.
   lock._acquire_flock();
