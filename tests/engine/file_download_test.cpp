@@ -1,5 +1,3 @@
-#include <sys/stat.h>
-
 #include "sync/transport/http.hpp"
 #include "tests/support/sync_setup.hpp"
 
@@ -248,41 +246,6 @@ TEST(FileDownloadTest, whatTheEntryDoesNotStateIsNotChecked) {
     EXPECT_EQ(download.run(), "");
     EXPECT_EQ(download.directory.read(PATH), body);
     EXPECT_EQ(download.result.features_downloaded, 0);
-  }
-}
-
-TEST(FileDownloadTest, anEndlessBodyEndsBehindTheStatedSize) {
-  Download download(1000);
-  download.options.retry_checksum_mismatch = false;
-  download.server.script(DATA_PATH, {{.body = std::string(4096, 'x'), .endless = true}});
-  EXPECT_THAT(download.run(), StartsWith("IntegrityError: Checksum failure"));
-  EXPECT_EQ(download.staging().size(), 1000 + BODY_SLACK_BYTES);
-}
-
-TEST(FileDownloadTest, whatStandsInTheWayOfTheFileIsReplacedAndNotFollowed) {
-  const TemporaryDirectory elsewhere;
-  const std::string victim = elsewhere.write("victim", "untouched");
-  const auto folder = [](const std::string& path) { std::filesystem::create_directory(path); };
-  const auto full_folder = [&](const std::string& path) { folder(path), folder(path + "/content"); };
-  const auto pipe = [](const std::string& path) { ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0); };
-  const std::tuple<const char*, std::function<void(const std::string&)>, std::string> rows[] = {
-      {STAGING, [&](const std::string& path) { std::filesystem::create_symlink(victim, path); }, ""},
-      {STAGING, [&](const std::string& path) { std::filesystem::create_hard_link(victim, path); }, ""},
-      {STAGING, pipe, ""},
-      {STAGING, folder, ""},
-      {STAGING, full_folder, "IsADirectoryError: "},
-      {PATH, pipe, ""},
-      {PATH, folder, ""},
-      {PATH, full_folder, "IsADirectoryError: "},
-  };
-  for (const auto& [name, put, failure] : rows) {
-    Download download;
-    folder(download.directory / "features");
-    put(download.directory / name);
-    download.server.serve_file(DATA_PATH, content());
-    EXPECT_THAT(download.run(), StartsWith(failure));
-    EXPECT_TRUE(!failure.empty() || download.landed());
-    EXPECT_EQ(elsewhere.read("victim"), "untouched");
   }
 }
 

@@ -96,6 +96,9 @@ TEST_F(PassTest, whatIsNoFileWhereOneBelongsIsFetchedAnew) {
       EXPECT_TRUE(std::filesystem::is_regular_file(directory / name)) << name;
     }
   }
+  std::filesystem::rename(directory / ALPHA.path, directory / "away");
+  std::filesystem::create_directory(directory / (ALPHA.path + ".tmp"));
+  EXPECT_EQ(failure_of([&] { return manager->sync(); }), "") << "the same of a staging file";
   std::filesystem::remove(directory / ALPHA.path);
   ASSERT_EQ(::mkfifo((directory / ALPHA.path).c_str(), 0600), 0);
   EXPECT_THAT(manager->verify().corrupted_files, ElementsAre(ALPHA.path));

@@ -120,17 +120,6 @@ TEST_F(ConsumersTest, aCountLeftBehindKeepsTheThreadsUp) {
   negative->stop();
 }
 
-TEST_F(ConsumersTest, countAndLockAreNotWrittenWhereALinkLeads) {
-  const TemporaryDirectory elsewhere;
-  for (const char* name : {".consumer_count", ".sync_flock"}) std::filesystem::create_symlink(elsewhere / "made", directory / name);
-  manager = open();
-  manager->_persist_consumer_count();
-  manager->_acquire_flock();
-  manager->_release_flock();
-  EXPECT_THAT(elsewhere.files(), IsEmpty());
-  EXPECT_EQ(directory.read(".consumer_count"), "0");
-}
-
 TEST_F(ConsumersTest, aDirectoryThatCannotBeWrittenDoesNotStopTheLifecycle) {
   std::filesystem::create_directory(directory / ".consumer_count");
   manager = SyncManager::get_or_create(options());

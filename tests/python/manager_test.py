@@ -201,25 +201,6 @@ def test_verify_and_repair(manager: sync.SyncManager, server: Any) -> None:
         manager.needs_sync()
 
 
-def test_what_a_power_failure_emptied_is_mended_by_the_next_pass(server: Any, tmp_path: pathlib.Path) -> None:
-    def synced() -> dict[pathlib.Path, bytes]:
-        manager = sync.SyncManager(tmp_path, server.url, lambda: server.token)
-        manager.sync()
-        assert manager.verify().valid and manager.get_manifest() is not None
-        # Of the hash cache all that counts is that an empty one harms nobody.
-        return {path: path.read_bytes() for path in tmp_path.rglob("*.*") if path.is_file() and path.name != ".sync_hash_cache.json"}
-
-    server.add("features/us/signal_is/a.arrow", b"a" * 1000)
-    whole = synced()
-    flushed = tmp_path / "feature-rotation-state.json"
-    emptied = [*whole.keys() - {flushed}, tmp_path / ".sync_hash_cache.json"]
-    assert flushed in whole and len(emptied) == 7
-    for paths in (emptied, *([path] for path in emptied)):
-        for path in paths:
-            path.write_bytes(b"")
-        assert synced() == whole
-
-
 def test_a_batch_with_callbacks_on_worker_threads(manager: sync.SyncManager, server: Any) -> None:
     names: set[str] = set()
     manager._get_token = lambda: names.add(threading.current_thread().name) or server.token

@@ -195,14 +195,3 @@ def test_a_configuration_of_openssl_that_does_not_serve(tmp_path: pathlib.Path, 
     given = os.environ | {"OPENSSL_CONF": str(tmp_path / "openssl.cnf")}
     done = subprocess.run([sys.executable, "-c", "import brackenfen.sync"], capture_output=True, text=True, env=given, timeout=60)
     assert done.returncode == code and said in done.stderr
-
-
-def test_subinterpreters_are_refused() -> None:
-    interpreters = pytest.importorskip("_xxsubinterpreters", reason="this interpreter has another module for them")
-    made = interpreters.create(isolated=False)
-    try:
-        with pytest.raises(interpreters.RunFailedError, match="subinterpreters"):
-            interpreters.run_string(made, "import sys; sys.path[:] = %r; import brackenfen.sync" % sys.path)
-    finally:
-        interpreters.destroy(made)
-    assert sync.Manifest({"a": 1}).to_dict() == {"a": 1}  # and this one goes on as before
