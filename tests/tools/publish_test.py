@@ -61,6 +61,8 @@ def test_next_version_places_what_changed_and_drops_what_left(tool, source, tmp_
     tool("publish", source, tree, "--era", 4, "--version", 1, *switches)
     kept = tree / "data/files/functions.json"
     before = kept.stat().st_ino
+    documents = [tree / path for path in ("data/manifest.json", "data/manifest-version.json", "era/current.json", "data/shuffle")]
+    dates = [int(document.stat().st_mtime) for document in documents]
     (tree / ".publishing").mkdir()  # as a publication that died leaves it
     (tree / ".publishing" / "0").write_bytes(b"half")
     changed = source / "features/u/signal_is/a__b__c__d.arrow"
@@ -77,6 +79,8 @@ def test_next_version_places_what_changed_and_drops_what_left(tool, source, tmp_
     assert_complete(tree)
     assert (tree / "data/files/features/u/signal_is/a__b__c__d.arrow").read_bytes() == b"FEATURE"
     assert kept.stat().st_ino == before
+    # to a server that makes validators of size and second, each is another document
+    assert all(int(document.stat().st_mtime) > date for document, date in zip(documents, dates, strict=True))
     assert not (tree / "data/files/features/signal_is").exists()
 
 
