@@ -63,6 +63,7 @@ def test_the_whole_course_on_a_schedule(tool_path, serve, eras, tree):
     [
         ((), 2, "a folder of artifacts is needed"),
         (("--step", "open"), 2, "a folder of artifacts is needed"),
+        (("{eras}/era-2", "--step", "open", "--base-url", "http://cdn.example.com"), 2, "no client accepts it"),
         (("--step", "close", "x"), 2, "more folders than this step can use"),
         (("--step", "sleep"), 2, "--step"),
         (("--step", "open", "{eras}/era-3"), 1, "era"),  # its documents belong to another era than the next

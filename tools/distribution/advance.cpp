@@ -104,7 +104,7 @@ class Course {
     publication.era_shape = options_.shape;
     if (options_.min_library_version) publication.min_library_version = *options_.min_library_version;
     publication.pnl_column_count = before.pnl_column_count;
-    publication.base_url = before.base_url;
+    publication.base_url = options_.base_url.value_or(before.base_url);
     const PublishReport report = publish(publication);
     say(stdout, fmt::format("era {}: active, version {}: {} files ({} placed, {} kept, {} dropped)", publication.era, publication.version,
                             report.files, report.placed, report.kept, report.dropped));

@@ -30,6 +30,7 @@ struct AdvanceOptions {
   EraShape shape = EraShape::Flat;
   /// Absent: what the tree says already, and "0.0.0" for a new era.
   std::optional<std::string> min_library_version;
+  std::optional<std::string> base_url;  ///< of the eras that are opened; absent: the one before
 };
 
 /// Prints a line at each step. An era's number and version are one above those before it. Throws Error; the tree is

@@ -128,8 +128,9 @@ published as the next era. With --step, one of these alone:
   reopen            the close is called off: active again
   gap               between eras
   open              publish SRC as the next era
-An era's number and version are one above those before it; base URL and PnL
-columns stay. TREE may be served meanwhile, and is whole at any moment.
+An era's number and version are one above those before it; PnL columns stay, and
+the base URL where none is given. TREE may be served meanwhile, and is whole at
+any moment.
 
 Examples:
   brackenfen-distribution sample eras/ --source --files 40 --bytes 2MB --eras 3
@@ -162,6 +163,13 @@ CLI::Validator name_of(const std::map<std::string, T>& table) {
   return CLI::Validator(objection, "");
 }
 
+/// Throws ValidationError for one that no client would ask.
+std::string accepted_base_url(std::string_view given) {
+  const std::string url(strip(given));
+  if (const auto objection = base_url_objection(url)) throw CLI::ValidationError("--base-url", "no client accepts it: " + *objection);
+  return url;
+}
+
 void add_publish(CLI::App& app, PublishOptions& options) {
   CLI::App& command = *app.add_subcommand("publish", "Turn a folder of artifacts into a distribution tree");
   command.footer(PUBLISH_FOOTER);
@@ -181,10 +189,7 @@ void add_publish(CLI::App& app, PublishOptions& options) {
       ->type_name("SECONDS")
       ->capture_default_str();
   command.callback([&options] {
-    options.base_url = std::string(strip(options.base_url));
-    if (const auto objection = base_url_objection(options.base_url)) {
-      throw CLI::ValidationError("--base-url", "no client accepts it: " + *objection);
-    }
+    options.base_url = accepted_base_url(options.base_url);
     print_report(publish(options));
     stop_point(Stage::Published);
   });
@@ -290,7 +295,9 @@ void add_advance(CLI::App& app, AdvanceOptions& options) {
       .add_option("--min-library-version", options.min_library_version,
                   "What clients must have at least; else it stays,\nand is 0.0.0 in a new era")
       ->type_name("V");
+  command.add_option("--base-url", options.base_url, "Where clients fetch the next era's data files; else\nit stays")->type_name("URL");
   command.callback([&options] {
+    if (options.base_url) options.base_url = accepted_base_url(*options.base_url);
     const std::size_t needed = options.step && options.step != EraStep::Open ? 0 : 1;
     if (options.sources.size() < needed) throw CLI::ValidationError("SRC", "a folder of artifacts is needed for the next era");
     if (options.step && options.sources.size() > needed) throw CLI::ValidationError("SRC", "more folders than this step can use");
