@@ -95,7 +95,7 @@ def started_nginx(
         key = certificate.with_suffix(".key")
         listen += f" ssl; ssl_certificate {certificate}; ssl_certificate_key {key}; ssl_protocols TLSv1.3"
     with tempfile.TemporaryDirectory() as prefix:
-        text = (ground.root / "examples" / "nginx.conf").read_text()
+        text = (ground.root / "examples" / "nginx" / "plain.conf").read_text()
         configuration = Path(prefix) / "nginx.conf"
         for part, changed in {"listen 127.0.0.1:@PORT@": listen, "@ROOT@": str(tree), **changes}.items():
             if part not in text:

@@ -5,6 +5,7 @@ import http.client
 import json
 import os
 import pathlib
+import re
 import shutil
 import signal
 import socket
@@ -45,9 +46,9 @@ class Answer:
 class Peer:
     """A server on loopback; every request is a connection of its own, as clients make them."""
 
-    def __init__(self, port, process):
-        self.port, self.process = port, process
-        self.url = f"http://127.0.0.1:{port}"
+    def __init__(self, port, process, context=None):
+        self.port, self.process, self.context = port, process, context  # for TLS, where there is one
+        self.url = f"{'https' if context else 'http'}://127.0.0.1:{port}"
 
     def kill(self):
         """Ends it as a crash would."""
@@ -55,7 +56,10 @@ class Peer:
         self.process.wait()
 
     def get(self, path, method="GET", **headers):
-        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=20)
+        if self.context:
+            connection = http.client.HTTPSConnection("127.0.0.1", self.port, timeout=20, context=self.context)
+        else:
+            connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=20)
         with contextlib.closing(connection):
             connection.request(method, path, headers={name.replace("_", "-"): value for name, value in headers.items()})
             response = connection.getresponse()
@@ -89,34 +93,57 @@ def serve(tool_path):
 
 
 @pytest.fixture
-def serve_with_nginx(tmp_path):
-    """The same with nginx and the configuration we ship."""
+def start_nginx(tmp_path):
+    """start_nginx(example, PLACE=..., folder=..., edit=...) -> Peer: nginx with a configuration we ship, the places between "@" filled in."""
     nginx = shutil.which("nginx", path=os.environ.get("PATH", "") + ":/usr/sbin")
     if nginx is None:
         pytest.skip("nginx is not installed")
     with contextlib.ExitStack() as stack:
 
-        def start(tree):
-            with socket.create_server(("127.0.0.1", 0)) as probe:
-                port = probe.getsockname()[1]
-            prefix = tmp_path / "nginx"
-            prefix.mkdir()
-            example = (ROOT / "examples" / "nginx.conf").read_text()
-            (prefix / "nginx.conf").write_text(example.replace("@ROOT@", str(tree)).replace("@PORT@", str(port)))
+        def start(example, folder="nginx", edit=(), context=None, **places):
+            prefix = tmp_path / folder
+            prefix.mkdir(exist_ok=True)
+            places.setdefault("PORT", free_port())
+            text = (ROOT / "examples/nginx" / example).read_text()
+            for old, new in edit:
+                assert old in text, old
+                text = text.replace(old, new)
+            for place, value in places.items():
+                text = text.replace(f"@{place}@", str(value))
+            left = [line for line in text.splitlines() if not line.startswith("#") and re.search("@[A-Z_]+@", line)]
+            assert not left
+            (prefix / "nginx.conf").write_text(text)
             command = [nginx, "-p", str(prefix), "-c", str(prefix / "nginx.conf")]
             if os.geteuid() == 0:
                 command += ["-g", "user root;"]
+            looked_through = subprocess.run([*command, "-t"], capture_output=True, text=True)
+            assert looked_through.returncode == 0 and "[warn]" not in looked_through.stderr, looked_through.stderr
             process = stack.enter_context(running(command, stderr=subprocess.PIPE))
-            deadline = time.monotonic() + 10
-            while True:
-                try:
-                    socket.create_connection(("127.0.0.1", port), timeout=1).close()
-                    return Peer(port, process)
-                except ConnectionRefusedError:
-                    assert process.poll() is None and time.monotonic() < deadline, (prefix / "error.log").read_text()
-                    time.sleep(0.01)
+            wait_for_port(places["PORT"], process, prefix / "error.log")
+            return Peer(places["PORT"], process, context)
 
         yield start
+
+
+def free_port():
+    with socket.create_server(("127.0.0.1", 0)) as probe:
+        return probe.getsockname()[1]
+
+
+def wait_for_port(port, process, log):
+    deadline = time.monotonic() + 10
+    while True:
+        try:
+            return socket.create_connection(("127.0.0.1", port), timeout=1).close()
+        except ConnectionRefusedError:
+            assert process.poll() is None and time.monotonic() < deadline, log.read_text()
+            time.sleep(0.01)
+
+
+@pytest.fixture
+def serve_with_nginx(start_nginx):
+    """The same with nginx and the configuration we ship."""
+    return lambda tree: start_nginx("plain.conf", ROOT=tree)
 
 
 @pytest.fixture(scope="session")
