@@ -32,6 +32,12 @@ def draw[Row](rows: Sequence[Row], count: int) -> list[Row]:
     return [rows[index] for index in sorted(chosen)]
 
 
+def module_environment() -> dict[str, str]:
+    """Of a process that loads the module. The interpreter is not instrumented, so that a sanitizer's runtime is preloaded."""
+    preload = os.environ.get("TORTURE_PRELOAD")
+    return {"PYTHONDONTWRITEBYTECODE": "1"} | ({"LD_PRELOAD": preload, "PYTHONMALLOC": "malloc"} if preload else {})
+
+
 @contextlib.contextmanager
 def scratch() -> Iterator[pathlib.Path]:
     """A folder for one case, gone behind it; with TORTURE_KEEP set that of a failure stays to be looked at."""

@@ -5,7 +5,7 @@ import json
 from collections.abc import Callable, Iterator
 
 from torture.case import Case, draw
-from torture.hostile_case import BAD_JSON, MEMORY_KIB, STRANGERS, Row, next_world, run
+from torture.hostile_case import BAD_JSON, MEMORY_KIB, Row, next_world, run
 from torture.hostile_client import Report
 from torture.hostile_documents import documents
 from torture.hostile_server import (
@@ -171,7 +171,7 @@ def redirects() -> Iterator[Row]:
         """{home} and {other} stand for the addresses of the server and of another one."""
 
         def attack(exchange: Exchange) -> None:
-            where = location.format(home=exchange.server.url, other=STRANGERS[exchange.server][0].url, path=exchange.path, token=TOKEN)
+            where = location.format(home=exchange.server.url, other=exchange.server.stranger.url, path=exchange.path, token=TOKEN)
             answer(status, Location=where)(exchange)
 
         return attack
@@ -189,7 +189,7 @@ def redirects() -> Iterator[Row]:
             yield Row(f"redirect abroad {place} {status}", place, to("{other}{path}", status), "", times=1, then=assert_public)
 
     def back_and_forth(exchange: Exchange) -> None:
-        stranger = STRANGERS[exchange.server][0]
+        stranger = exchange.server.stranger
         stranger.attacks[exchange.path] = (answer(302, Location=exchange.server.url + exchange.path), 1)
         answer(302, Location=stranger.url + exchange.path)(exchange)
 
@@ -197,7 +197,7 @@ def redirects() -> Iterator[Row]:
 
 
 def assert_public(server: Server, _: Report) -> None:
-    seen = [headers for stranger in STRANGERS[server] for _, headers in stranger.requests]
+    seen = [headers for _, headers in server.stranger.requests]
     assert seen and not [headers for headers in seen if "Authorization" in headers], seen
 
 
@@ -289,7 +289,7 @@ def elsewhere() -> Iterator[Row]:
     def based(base: str) -> Callable[[Exchange], str]:
         return lambda exchange: base.format(port=exchange.server.port)
 
-    yield Row("base other", "manifest", at(lambda exchange: STRANGERS[exchange.server][0].url + "/data/files"), "", times=1, then=assert_public)
+    yield Row("base other", "manifest", at(lambda exchange: exchange.server.stranger.url + "/data/files"), "", times=1, then=assert_public)
     yield Row("base own", "manifest", at(lambda exchange: exchange.server.url + "/data/files/"), "", times=1)
     for name, base, reason in (("unknown", "https://no-such-host.invalid/x", "URLError"), ("refusing", "http://127.0.0.1:1/x", "ConnectionRefusedError"), ("not-encrypted", "https://127.0.0.1:{port}/x", "TimeoutError")):
 

@@ -20,7 +20,7 @@ from torture.hostile_server import CHUNK, PLACES, SMALL, TOKEN, Attack, Server, 
 TIMEOUTS = ("BRACKENFEN_SYNC_HTTP_TIMEOUT_SECONDS", "BRACKENFEN_SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS")
 SETTINGS = {"BRACKENFEN_SYNC_HTTP_CHUNK_BYTES": str(CHUNK)} | dict.fromkeys(TIMEOUTS, "60")  # for a busy machine
 HASTE = dict.fromkeys(TIMEOUTS, "0.5")  # where a timeout is what is looked at
-ASAN = "libasan" in os.environ.get("LD_PRELOAD", "")
+ASAN = "libasan" in os.environ.get("TORTURE_PRELOAD", "")
 MEMORY_KIB = (64 << 10) + 2 * 8 * CHUNK // 1024
 BAD_JSON = "ManifestError: Invalid manifest JSON: .*"
 
@@ -102,10 +102,10 @@ def assert_whole(directory: pathlib.Path, world: World, besides: tuple[str, ...]
     assert not left, f"left behind: {left}"
 
 
-def assert_kept_secret(report: Report, directory: pathlib.Path, server: Server, others: list[Server]) -> None:
+def assert_kept_secret(report: Report, directory: pathlib.Path, server: Server) -> None:
     places = {"the exception": report.shown, "the log": report.log, "an event": repr(report.events)}
     places |= {str(path): path.read_bytes().decode("latin-1") for path in directory.rglob("*") if path.is_file() and path.stat().st_size < 1 << 20}
-    places |= {"another host": repr([(other.requests, other.odd) for other in others])}
+    places |= {"another host": repr((server.stranger.requests, server.stranger.odd))}
     places |= {"a URL": repr([path for path, _ in server.requests])}
     for place, text in places.items():
         found = [form for form in forms(TOKEN) if form in text]
@@ -134,10 +134,9 @@ def run(row: Row) -> str | None:
     server = Server(World() if row.start else row.world(), context)
     if context:
         server.handshakes = [tls_context(row.handshake) if isinstance(row.handshake, str) else row.handshake] * int(row.times)
-    others = [Server(), Server()]
+    server.stranger = Server()
     directory = arena.directory(template(row.start))
     before = arena.around(directory)
-    STRANGERS[server] = others
     server.world = row.world()
     for place in row.place.split():
         server.attacks[PLACES.get(place, place)] = (row.attack, row.times)
@@ -149,7 +148,7 @@ def run(row: Row) -> str | None:
         report = arena.client.run(OPERATIONS[row.operation], SETTINGS | trust | hasty, **variables)
         figure = f"{row.name}: {time.monotonic() - began:.1f} s, {report.grown >> 10} MiB" if row.memory_kib > MEMORY_KIB else None
         assert_expected(row, report)
-        assert_kept_secret(report, directory, server, others)
+        assert_kept_secret(report, directory, server)
         assert report.grown < row.memory_kib or ASAN, f"it took {report.grown >> 10} MiB"
         if row.then:
             row.then(server, report)
@@ -166,12 +165,9 @@ def run(row: Row) -> str | None:
         assert arena.around(directory) == before, "something outside of the directory changed"
         return figure
     finally:
-        for each in (server, *others):
-            each.close()
-        del STRANGERS[server]
+        server.close()
+        server.stranger.close()
 
-
-STRANGERS: dict[Server, list[Server]] = {}  # of each server that runs
 
 # ---- certificates ---------------------------------------------------------------------------------------------------
 

@@ -23,6 +23,8 @@ import traceback
 import urllib.parse
 from typing import Any
 
+from torture.case import module_environment
+
 # ---- within the process ---------------------------------------------------------------------------------------------
 
 
@@ -139,8 +141,8 @@ class Client:
     def run(self, code: str, environment: dict[str, str] | None = None, deadline: float = DEADLINE_SECONDS, **variables: Any) -> Report:
         if self.process is None:
             modules = [os.environ.get("PYTHONPATH", ""), str(pathlib.Path(__file__).parents[2] / "tools/command")]
-            settings = {"PYTHONPATH": ":".join(modules), "PYTHONDONTWRITEBYTECODE": "1"}
-            self.process = subprocess.Popen(self.command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self.errors, text=True, env=os.environ | settings)
+            whole = os.environ | module_environment() | {"PYTHONPATH": ":".join(modules)}
+            self.process = subprocess.Popen(self.command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self.errors, text=True, env=whole)
         assert self.process.stdin and self.process.stdout
         self.process.stdin.write(json.dumps({"code": code, "environment": environment or {}, "variables": variables}) + "\n")
         self.process.stdin.flush()

@@ -111,6 +111,8 @@ Attack = Callable[[Exchange], None]
 class Server:
     """Publishes `world`. `attacks` has what happens at a path instead, and how often."""
 
+    stranger: "Server"  # of another origin, for those who are sent there
+
     def __init__(self, world: World | None = None, tls: ssl.SSLContext | None = None) -> None:
         self.world, self.tls = world or World(), tls
         self.handshakes: list[Attack | ssl.SSLContext] = []  # what the next connections get instead

@@ -11,7 +11,7 @@ import sys
 import time
 from collections.abc import Iterator
 
-from torture.case import Case, draw
+from torture.case import Case, draw, module_environment
 from torture.hostile_case import OPERATIONS, arena, assert_whole, template
 from torture.hostile_server import PLACES, TOKEN, Exchange, Server, World, answer, raw
 
@@ -183,7 +183,7 @@ def run(work: str, kind: str, ending: str, seed: int) -> None:
         if work == "lock":
             fcntl.flock(holder, fcntl.LOCK_EX)
         command = [sys.executable, str(program), str(directory), server.url, TOKEN, work, kind, ending, str(seed)]
-        environment = os.environ | {"PYTHONDONTWRITEBYTECODE": "1", "BRACKENFEN_SYNC_HTTP_TIMEOUT_SECONDS": "2"}
+        environment = os.environ | module_environment() | {"BRACKENFEN_SYNC_HTTP_TIMEOUT_SECONDS": "2"}
         host = stack.enter_context(subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, env=environment, start_new_session=True))
         stack.callback(host.kill)
         assert host.stdout and host.stdout.readline() == "ready\n", host.communicate()[1]

@@ -133,5 +133,5 @@ def cases(long: bool) -> Iterator[Case]:
         yield Case("left out", lambda: reason)
         return
     for mode in MODES:
-        for seed in range(8 if long else 1):
+        for seed in range(12 if long else 1):
             yield Case(f"{mode} {seed}", functools.partial(run, mode, seed), alone=True)
