@@ -47,6 +47,7 @@ TEST_F(Files, failuresNameThePath) {
   EXPECT_EQ(failure_of([&] { return read_file(at("missing")); }),
             "FileNotFoundError: [Errno 2] No such file or directory: '" + at("missing") + "'");
   EXPECT_THROW((void)read_file(root_.path()), Error);
+  EXPECT_THROW(make_directories(root_.write("file", "")), Error);
   EXPECT_THROW((void)read_file(root_.write("file", "content") + std::string(1, '\0') + "x"), ValueError);
 }
 
