@@ -152,6 +152,7 @@ class Host:
         log.addFilter(self.does("filter", lambda _: True))
         handler = logging.Handler()
         handler.emit = self.does("handler", lambda _: None)
+        handler.lock = None  # under it an emit that waits for a thread of the library would keep that thread's own record waiting
         log.addHandler(handler)
         self.manager = None if slot in AT_CONSTRUCTION else self.made()
 
