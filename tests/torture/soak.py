@@ -19,6 +19,7 @@ from torture.world import DATA, World, digest, world
 PROCESSES = 4  # the first of them in Python, but under the thread sanitizer, whose runtime it lacks
 PYTHON_HOST = HOST if BUILD.name == "tsan" else (sys.executable, f"{ROOT}/tests/torture/soak_host.py")
 ERA_SECONDS, VERSION_SECONDS = 10.0, 0.5
+PAUSE_SECONDS = 2.0 if BUILD.name in ("asan", "tsan") else 0.2  # at most, between two blows; a slow program must come to its work
 
 
 def world_after(draw: random.Random, before: World, new_era: bool) -> World:
@@ -70,7 +71,7 @@ class Round:
             self.trial.site.cut = True
             time.sleep(self.draw.uniform(0, 0.5))
             self.trial.site.cut = False
-        time.sleep(self.draw.uniform(0, 0.25))
+        time.sleep(self.draw.uniform(0, PAUSE_SECONDS))
 
     def run(self) -> str:
         publisher = threading.Thread(target=self.publish)
