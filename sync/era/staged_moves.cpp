@@ -68,7 +68,7 @@ StagedMoves::~StagedMoves() {
     try {
       const Place place = place_at(copy);
       ::unlinkat(place.folder(), place.name(), 0);
-    } catch (const Error&) {  // the next pass removes it
+    } catch (const std::exception&) {  // the next pass removes it
     }
   }
 }

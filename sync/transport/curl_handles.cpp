@@ -112,6 +112,7 @@ detail::CurlProcess& process_in_force() {
 }  // namespace
 
 detail::CurlPool::CurlPool(std::string directory) : certificate_directory(std::move(directory)), share(curl_share_init()) {
+  idle.reserve(MAX_IDLE_HANDLES);  // so that a lease ends without memory
   if (share == nullptr) out_of_memory();
   curl_share_setopt(share, CURLSHOPT_LOCKFUNC, lock_share);
   curl_share_setopt(share, CURLSHOPT_UNLOCKFUNC, unlock_share);
