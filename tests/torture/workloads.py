@@ -123,7 +123,7 @@ class Outcome:
 def start_host(folder: pathlib.Path, phase: str, url: str, command: tuple[str, ...], environment: Environment,
                within: tuple[str, ...] = (), host: tuple[str, ...] = HOST) -> subprocess.Popen[bytes]:  # fmt: skip
     """The host on the folder's data directory, its output among the phase's files; `within` is a command that runs it."""
-    preloaded = {"LD_PRELOAD": f"{BUILD}/bin/libtorture_faults.so " + os.environ.get("LD_PRELOAD", ""), "FAULT_BELOW": f"{folder}/data/", "FAULT_LOG": f"{folder}/{phase}/points"}
+    preloaded = {"LD_PRELOAD": f"{BUILD}/bin/libtorture_faults.so " + os.environ.get("TORTURE_PRELOAD", ""), "FAULT_BELOW": f"{folder}/data/", "FAULT_LOG": f"{folder}/{phase}/points"}
     settings = {
         "BRACKENFEN_SYNC_HTTP_CHUNK_BYTES": str(CHUNK_BYTES), "BRACKENFEN_SYNC_MAX_CONCURRENCY": "1", "TORTURE_TOKEN": TOKEN,
         "BRACKENFEN_SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS": "30",  # a busy machine is no outage
