@@ -140,6 +140,14 @@ def test_every_promise_has_its_tests():
             assert f"\ndef {name}(" in (ROOT / path).read_text() if name else f"({test.replace('.', ', ')})" in in_cpp, test
 
 
+def test_every_piece_of_the_campaign_has_its_figures():
+    def named(heading, column):
+        return {name for row in table("reliability.md", heading) for name in re.findall(r"`(\w+)`", row[column])}
+
+    pieces = {path.stem for path in (ROOT / "tests/torture").glob("*.py") if "\ndef cases(" in path.read_text()}
+    assert named("Figures", 0) == named("What holds, whatever happens", -1) == pieces
+
+
 def test_every_module_of_a_site_is_told():
     adapters = "".join(path.read_text() for path in (ROOT / "python/adapters").glob("*.cpp"))
     told = {name for row in table("hosts.md", "Modules that a site supplies") for name in re.findall(r"`(\w+)`", row[0])}

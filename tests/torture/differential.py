@@ -219,7 +219,7 @@ def is_known(argument: bytes, answer: Any, ruled: Any) -> bool:
     return answer[:3] == ruled[:3] and any(unicodedata.category(character) == "Cn" for character in answer[3])
 
 
-def compare(kind: str, seed: int) -> str:
+def compare(kind: str, seed: int) -> None:
     operation = "json" if kind == "numbers" else kind
     with scratch() as folder:
         grow(folder)
@@ -234,7 +234,6 @@ def compare(kind: str, seed: int) -> str:
             if answer != ruled and not (operation == "json" and is_known(argument, json.loads(answer), json.loads(ruled))):
                 raise AssertionError(f"{operation} of {argument!r}\nlibrary: {answer}\nrules:   {ruled}")
         assert len(answers) == len(arguments) and peer.returncode == 0, f"the peer ended on {arguments[len(answers) :][:1]}: {peer.stderr}"
-    return f"{kind} {seed}: {len(answers)} inputs"
 
 
 def cases(long: bool) -> list[Case]:
