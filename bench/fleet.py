@@ -13,6 +13,7 @@ from __future__ import annotations
 
 import json
 import math
+import operator
 import random
 import statistics
 from collections import Counter, OrderedDict
@@ -24,6 +25,7 @@ from typing import Any
 import simpy
 
 from measure import Ground, Samples
+from polls import FLEETS, PATHS
 from servers import NotPossibleHere
 
 COHORTS = 300
@@ -41,11 +43,13 @@ Steps = Generator[simpy.Event, Any, None]
 
 @dataclass(frozen=True)
 class Costs:
-    """Measured: what an answer on a new, resumed TLS connection takes."""
+    """Measured: what an answer over TLS takes, on a new connection that resumes a session unless something else is said."""
 
     answer_s: float  # processor time
+    kept_answer_s: float  # on a connection that is there
     byte_s: float  # processor time of each byte of a body
     overhead_bytes: float  # sent beside a body: headers, TLS, TCP, IP
+    request_bytes: float = 0  # received, likewise
 
 
 @dataclass(frozen=True)
@@ -82,6 +86,7 @@ class Fleet:
     started_ago_s: float = 3600.0  # how long before the publication
     share: float = 1.0  # of the features that a client holds, chosen by a seed of its own
     workers: int = WORKERS
+    keeps_connections: bool = False  # from file to file of a pass
     round_trip_s: float = 0.02
     line_bits_per_s: float = 100e6  # of each client
 
@@ -110,14 +115,14 @@ class Server:
         self.line_bytes_per_s = site.servers * site.line_bits_per_s / 8
         self.processors, self.line = simpy.Resource(env), simpy.Resource(env)
 
-    def answer(self, requests: int, body: float, limit: float, turns: float, backoff: random.Random) -> Steps:
+    def answer(self, requests: int, body: float, limit: float, turns: float, backoff: random.Random, kept: bool = False) -> Steps:
         """So many equal requests, of so many bytes each. What is not answered in time is asked again after a wait.
 
         Clients make theirs one after the other, in so many turns, and have as much time for each.
         """
         at_once = round(requests / turns)
         sent = requests * (body + self.costs.overhead_bytes)
-        spent = requests * (self.costs.answer_s + body * self.costs.byte_s) / self.cores
+        spent = requests * ((self.costs.kept_answer_s if kept else self.costs.answer_s) + body * self.costs.byte_s) / self.cores
         stages = [(self.processors, spent)]
         if body > FIRST_FLIGHT_BYTES:
             stages.append((self.line, sent / self.line_bytes_per_s))
@@ -271,6 +276,7 @@ class Simulation:
         body = self.publication.file_bytes
         first = 0
         for part in parts(count, max(1, min(STEPS, math.ceil(count / at_once)))):
+            kept = self.fleet.keeps_connections and not self.publication.is_era and first > 0
             wanted = {number: self.wanting(number, clients) for number in range(first, first + part)}
             first += part
             requests = sum(wanted.values())
@@ -279,15 +285,15 @@ class Simulation:
             mine = requests / clients  # files that each of them fetches now
             rounds = mine / at_once if at_once == 1 else math.ceil(mine / at_once)
             line = mine * body / (self.fleet.line_bits_per_s / 8)
-            yield self.env.timeout(max(rounds * self.waits(body), line))
+            yield self.env.timeout(max(rounds * self.waits(body, kept), line))
             if self.publication.is_era:
                 yield from self.documents("era", round(mine) or 1, 0, clients)
             if self.cache is None:
-                yield from self.front.answer(requests, body, DOCUMENT_SECONDS, max(1, mine / at_once), self.draw)
+                yield from self.front.answer(requests, body, DOCUMENT_SECONDS, max(1, mine / at_once), self.draw, kept)
             else:
                 for number, clients_wanting in wanted.items():
                     if clients_wanting:
-                        yield from self.through(f"{kind} {number}", clients_wanting, body, DOCUMENT_SECONDS, turns=1, ages=False)
+                        yield from self.through(f"{kind} {number}", clients_wanting, body, DOCUMENT_SECONDS, turns=1, ages=False, kept=kept)
             self.outcome.fetched_bytes += requests * body
 
     def wanting(self, number: int, clients: int) -> int:
@@ -295,7 +301,7 @@ class Simulation:
             return clients
         return self.draw.binomialvariate(clients, self.fleet.share)
 
-    def through(self, key: str, requests: int, body: int, limit: float, turns: float, ages: bool) -> Steps:
+    def through(self, key: str, requests: int, body: int, limit: float, turns: float, ages: bool, kept: bool = False) -> Steps:
         """Answered by the origin, or by the cache, which may have to ask the origin first."""
         if self.cache is not None and not self.cache.has(key, self.env.now):
             if key in self.cache.coming:
@@ -305,12 +311,12 @@ class Simulation:
                 yield from self.origin.answer(1, body, limit, 1, self.draw)
                 self.cache.until[key] = self.env.now + self.cache.fresh_s if ages else math.inf
                 self.cache.coming.pop(key).succeed()
-        yield from self.front.answer(requests, body, limit, turns, self.draw)
+        yield from self.front.answer(requests, body, limit, turns, self.draw, kept)
 
-    def waits(self, body: int) -> float:
-        """For a request and its answer, without what the site takes: connection, TLS, and as many flights as the body needs."""
+    def waits(self, body: int, kept: bool = False) -> float:
+        """For a request and its answer, without what the site takes: connection and TLS, and as many flights as the body needs."""
         flights = math.ceil(math.log2(max(body, 1) / FIRST_FLIGHT_BYTES + 1))
-        return (2 + max(1, flights)) * self.fleet.round_trip_s
+        return (max(1, flights) + (0 if kept else 2)) * self.fleet.round_trip_s
 
 
 def parts(count: int, most: int) -> Iterator[int]:
@@ -384,12 +390,32 @@ def newest(work: Path, row: str) -> dict[str, dict[str, list[Any]]]:
 def measured_costs(work: Path) -> Costs:
     polls = Samples(newest(work, "fleet-polls"))
     [idle] = [figures for name, figures in newest(work, "fleet-followers").items() if name == "idle"]
-    overhead = [sent / requests for sent, requests in zip(idle["ip_sent"], idle["requests"], strict=True)]
+    sent, received = (statistics.median(map(operator.truediv, idle[way], idle["requests"])) for way in ("ip_sent", "ip_received"))
     return Costs(
-        polls.median("TLS, new connections, flat out", "cpu_us_per_answer") / 1e6,
+        polls.median(f"TLS, new connections, {FLEETS[-1]} clients", "cpu_us_per_answer") / 1e6,
+        polls.median("TLS, kept connections, flat out", "cpu_us_per_answer") / 1e6,
         polls.median("TLS, a file of 1 MiB", "cpu_ns_per_byte") / 1e9,
-        statistics.median(overhead),
+        sent,
+        received,
     )
+
+
+def idle(ground: Ground) -> Samples:
+    """What fleets in step cost: requests, processors, servers of four cores that are half busy, and the line, by size and interval."""
+    costs, samples = measured_costs(ground.work), Samples()
+    for clients in SIZES:
+        for poll_s in (5.0, 60.0):
+            requests_per_s = clients * len(PATHS) / poll_s
+            cores = requests_per_s * costs.answer_s
+            figures = {
+                "requests_per_s": requests_per_s,
+                "cores": cores,
+                "servers": math.ceil(cores / Site().cores / 0.5),
+                "mbit_per_s_received": requests_per_s * costs.request_bytes * 8 / 1e6,
+                "mbit_per_s_sent": requests_per_s * costs.overhead_bytes * 8 / 1e6,
+            }
+            samples.add(f"{clients} clients, {poll_s:g} s", figures)
+    return samples
 
 
 def told(outcome: Outcome) -> dict[str, Any]:
@@ -436,8 +462,8 @@ def herds(ground: Ground) -> Samples:
     fleets = {
         "started over a day": replace(together, started_within_s=None),
         "started within a second": together,
-        "started within a second, poll_interval_s 5": replace(together, poll_s=5.0),
         "started within a second, 2 workers": replace(together, workers=2),
+        "started within a second, connections kept": replace(together, keeps_connections=True),
         "started within a second, poll_interval_s 60 ± 10 %": replace(together, poll_variation=0.1),
         "started within an interval": replace(together, started_within_s=60.0),
     }
@@ -470,6 +496,6 @@ def rotation(ground: Ground) -> Samples:
 
 def like(seconds: Sequence[float], fleet: Fleet, publication: Publication, line_bits_per_s: float) -> dict[str, Any]:
     """The same as a real fleet did, simulated: its curve has a point for each client."""
-    outcome = Simulation(fleet, publication, Site(cores=1000, line_bits_per_s=line_bits_per_s), Costs(0, 0, 1_250), None).run(HORIZON_S)
+    outcome = Simulation(fleet, publication, Site(cores=1000, line_bits_per_s=line_bits_per_s), Costs(0, 0, 0, 1_250), None).run(HORIZON_S)
     curve = [outcome.seconds_until((number + 1) / len(seconds)) for number in range(len(seconds))]
     return {"in_step": curve, "requests": outcome.front.requests, "ip_sent": outcome.front.bytes_sent}

@@ -36,7 +36,7 @@ def in_step(measured: Measured, path: Path, save: Save) -> None:
     seen = measured["seen"]
     intervals = list(dict.fromkeys(name.split(", ")[1] for name in seen))
     sizes = list(dict.fromkeys(name.split(", ")[0] for name in seen))
-    figure, panels = pyplot.subplots(ncols=len(intervals), figsize=(11, 4), layout="constrained", sharey=True, sharex=True)
+    figure, panels = pyplot.subplots(ncols=len(intervals), figsize=(11, 4.6), layout="constrained", sharey=True, sharex=True)
     for axes, interval in zip(panels, intervals, strict=True):
         for colour, size in zip(COLOURS, sizes, strict=True):
             for way, style in WAYS.items():
@@ -47,7 +47,7 @@ def in_step(measured: Measured, path: Path, save: Save) -> None:
         dress(axes, f"seconds since the publication, polls every {interval}", "clients in step")
         axes.set_xscale("log")
         axes.xaxis.set_major_formatter("{x:,.0f}")
-    panels[0].legend(fontsize=7)
+    figure.legend(*panels[0].get_legend_handles_labels(), loc="outside lower center", ncols=len(sizes), fontsize=8)
     figure.suptitle(measured["title"], fontsize=10)
     save(figure, path)
 
@@ -70,7 +70,7 @@ def herd(measured: Measured, path: Path, save: Save) -> None:
 
 def rotation(measured: Measured, path: Path, save: Save) -> None:
     """What the origin serves, by the size of the caches; and when clients that began together rotate."""
-    figure, (left, right) = pyplot.subplots(ncols=2, figsize=(11, 4), layout="constrained")
+    figure, (left, right) = pyplot.subplots(ncols=2, figsize=(11, 5), layout="constrained")
     curves: dict[tuple[str, str], list[tuple[int, float]]] = {}
     for name, figures in measured["seen"].items():
         if "caches for" in name:
@@ -82,14 +82,14 @@ def rotation(measured: Measured, path: Path, save: Save) -> None:
         left.plot(*zip(*points, strict=True), style, marker="o", markersize=3, color=COLOURS[rooms.index(room)], label=f"{seeds}, {room}")
     left.set(xscale="log", yscale="log")
     dress(left, "clients", "share of the bytes that the origin serves")
-    left.legend(fontsize=7)
+    left.legend(fontsize=7, loc="upper left", bbox_to_anchor=(0, -0.15), ncols=2)
     for colour, name in zip(COLOURS[1:], ("rotating weekly", "rotating PT132H to PT204H"), strict=False):
         [hours] = measured["seen"][name]["by_hour"]
         right.plot([hour / 24 for hour in range(len(hours))], hours, color=colour, label=name)
     right.set_yscale("log")
     right.yaxis.set_major_formatter("{x:.1%}")
     dress(right, "days since all began", "clients that rotate in an hour")
-    right.legend(fontsize=7)
+    right.legend(fontsize=7, loc="upper left", bbox_to_anchor=(0, -0.15))
     save(figure, path)
 
 

@@ -32,7 +32,7 @@ LOG = {
     "worker_connections 1024;": "worker_connections 4096;",
 }
 IDLE_SECONDS = 20
-CLIENTS, PROCESSES = 80, 2
+CLIENTS, PROCESSES = 50, 2
 LINE_BYTES_PER_S = 100e6 / 8
 HELD = FileSet("held", 200, 20_000, 20_000)
 SIMULATED = SimulatedFleet(CLIENTS, POLL_SECONDS, round_trip_s=servers.ROUND_TRIP_MS / 1000)

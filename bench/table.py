@@ -270,6 +270,7 @@ TABLE = [
         ],
         plot="followers",
     ),
+    Measurement("fleet-idle", "what fleets in step cost by these figures, with TLS and new connections", fleet.idle),
     Measurement("fleet-version", "simulated: a new version of 40 files, 10 MB", fleet.publications(fleet.Publication()), plot="in-step"),
     Measurement("fleet-era", "simulated: a new era of 2,000 files, of which 100 are new", fleet.publications(fleet.ERA), plot="in-step"),
     Measurement("fleet-herd", "simulated: 10,000 clients that were started together meet a new version", fleet.herds, plot="herd"),

@@ -11,7 +11,7 @@ sys.path.append(str(Path(__file__).resolve().parent.parent / "bench"))
 
 from fleet import COHORTS, Costs, Fleet, Publication, Simulation, Site, rotation_share  # noqa: E402
 
-COSTS = Costs(answer_s=200e-6, byte_s=1e-9, overhead_bytes=1000)
+COSTS = Costs(answer_s=200e-6, kept_answer_s=20e-6, byte_s=1e-9, overhead_bytes=1000)
 
 
 @pytest.mark.parametrize("front", [None, Site(servers=2)], ids=["one server", "a cache"])
