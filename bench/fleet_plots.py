@@ -58,7 +58,7 @@ def herd(measured: Measured, path: Path, save: Save) -> None:
     figure, panels = pyplot.subplots(nrows=math.ceil(len(seen) / 2), ncols=2, figsize=(11, 6), layout="constrained", sharex=True, sharey=True)
     for axes, (name, figures) in zip(panels.flat, seen.items(), strict=False):
         [seconds] = figures["every_second"]
-        axes.bar(range(len(seconds)), seconds, width=1, align="edge", color=COLOURS[2])
+        axes.stairs(seconds, fill=True, color=COLOURS[2])
         axes.set_title(f"{name}: peak over mean {figures['peak_over_mean'][0]:.1f}", fontsize=9)
         dress(axes, "", "requests in a second")
         axes.yaxis.set_major_formatter("{x:,.0f}")
@@ -83,9 +83,10 @@ def rotation(measured: Measured, path: Path, save: Save) -> None:
     left.set(xscale="log", yscale="log")
     dress(left, "clients", "share of the bytes that the origin serves")
     left.legend(fontsize=7, loc="upper left", bbox_to_anchor=(0, -0.15), ncols=2)
-    for colour, name in zip(COLOURS[1:], ("rotating weekly", "rotating PT132H to PT204H"), strict=False):
+    ways = [name for name in measured["seen"] if name.startswith("rotating: ")]
+    for colour, name in zip((COLOURS[0], COLOURS[1], COLOURS[2]), ways, strict=True):
         [hours] = measured["seen"][name]["by_hour"]
-        right.plot([hour / 24 for hour in range(len(hours))], hours, color=colour, label=name)
+        right.plot([hour / 24 for hour in range(len(hours))], hours, color=colour, label=name.removeprefix("rotating: "))
     right.set_yscale("log")
     right.yaxis.set_major_formatter("{x:.1%}")
     dress(right, "days since all began", "clients that rotate in an hour")
