@@ -24,6 +24,7 @@ FLAT_OUT = 64  # connections that ask again as soon as they are answered
 WINDOW_SECONDS = 5.0
 BULK, BULK_BYTES = "bulk.bin", 1 << 20
 SMALL = FileSet("fleet", 20, 1_000, 1_000)
+ONE_WORKER = {"worker_processes auto;": "worker_processes 1;"}
 HELD = {"new": "close", "kept": "keep"}
 
 
@@ -41,7 +42,7 @@ class Load:
 @contextmanager
 def one_worker(ground: Ground, tree: Path, encrypted: bool) -> Iterator[Nginx]:
     """One worker process, which is what one core serves, with room for ten thousand connections; the rest as the examples have it."""
-    changes = {"worker_processes auto;": "worker_processes 1;", "worker_connections 1024;": "worker_connections 19000;"}
+    changes = ONE_WORKER | {"worker_connections 1024;": "worker_connections 19000;"}
     with tempfile.TemporaryDirectory() as folder:
         certificate = servers.make_certificate(Path(folder)) if encrypted else None
         with servers.started_nginx(ground, tree, certificate, changes=changes) as server:
@@ -120,3 +121,22 @@ def measure(fleets: tuple[int, ...] = FLEETS) -> Callable[[Ground], Samples]:
         return samples
 
     return measure_all
+
+
+def cached(ground: Ground) -> Samples:
+    """One core of the examples' cache, beside one of a server, as fast as each can."""
+    if shutil.which("wrk") is None:
+        raise NotPossibleHere("not installed: wrk")
+    published = publish(ground, SMALL)
+    samples = Samples()
+    with tempfile.TemporaryDirectory() as folder:
+        certificate = servers.make_certificate(Path(folder))
+        for _ in range(ground.rounds):
+            for held in HELD:
+                load = Load(FLAT_OUT, 0, HELD[held], PATHS, settling=2)
+                with one_worker(ground, published.tree, True) as server:
+                    samples.add(f"a server, {held} connections", under(load, server, ground))
+                with one_worker(ground, published.tree, False) as origin, servers.cache(ground, origin, certificate, ONE_WORKER) as cache:
+                    seen = under(load, cache, ground)
+                    samples.add(f"a cache, {held} connections", {**seen, "asked_of_the_origin": lines_in(origin.log)[0]})
+    return samples

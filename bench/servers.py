@@ -18,6 +18,7 @@ from types import MappingProxyType
 
 from measure import Ground, Word
 
+TOKEN = "t" * 40  # as bench/limits/polls.lua brings it
 TOLERATED_START_SECONDS = 10
 ROUND_TRIP_MS = 20
 SERVER_ADDRESS, CLIENT_ADDRESS = "10.213.0.1", "10.213.0.2"
@@ -94,18 +95,59 @@ def started_nginx(
     if certificate is not None:
         key = certificate.with_suffix(".key")
         listen += f" ssl; ssl_certificate {certificate}; ssl_certificate_key {key}; ssl_protocols TLSv1.3"
+    filled = {"listen 127.0.0.1:@PORT@": listen, "@ROOT@": str(tree), **changes}
+    with configured_nginx(ground, "plain", filled, address, port, certificate, at_server, at_client) as server:
+        yield server
+
+
+@contextmanager
+def cache(ground: Ground, origin: Nginx, certificate: Path, changes: Mapping[str, str]) -> Iterator[Nginx]:
+    """The examples' cache in front of a server on this machine."""
+    port = free_port()
+    with tempfile.TemporaryDirectory() as folder:
+        (Path(folder) / "tokens").write_text(f'"Bearer {TOKEN}" data;\n')
+        filled = {
+            "@PORT@": str(port),
+            "@CERTIFICATE@": str(certificate),
+            "@KEY@": str(certificate.with_suffix(".key")),
+            "@TOKENS@": f"{folder}/tokens",
+            "@ORIGIN_SCHEME@": "http",
+            "@ORIGIN_HOST@:@ORIGIN_PORT@": origin.url.removeprefix("http://"),
+            "@ORIGIN_HOST@": "127.0.0.1",
+            "@ORIGIN_CA@": str(certificate),
+            "@ORIGIN_TOKEN@": "t",
+            "@CACHE@": f"{folder}/cache",
+            "@INNER_PORT@": str(free_port()),
+            **changes,
+        }
+        (Path(folder) / "cache").mkdir()
+        with configured_nginx(ground, "caching_proxy", filled, "127.0.0.1", port, certificate) as server:
+            yield server
+
+
+@contextmanager
+def configured_nginx(
+    ground: Ground,
+    example: str,
+    filled: Mapping[str, str],
+    address: str,
+    port: int,
+    certificate: Path | None,
+    at_server: Sequence[str] = (),
+    at_client: Sequence[str] = (),
+) -> Iterator[Nginx]:
     with tempfile.TemporaryDirectory() as prefix:
-        text = (ground.root / "examples" / "nginx" / "plain.conf").read_text()
+        text = (ground.root / "examples" / "nginx" / f"{example}.conf").read_text()
         configuration = Path(prefix) / "nginx.conf"
-        for part, changed in {"listen 127.0.0.1:@PORT@": listen, "@ROOT@": str(tree), **changes}.items():
+        for part, put in filled.items():
             if part not in text:
                 raise SystemExit(f"the example's configuration has no {part}")
-            text = text.replace(part, changed)
+            text = text.replace(part, put)
         configuration.write_text(text)
         command: list[Word] = [*at_server, "/usr/sbin/nginx", "-p", prefix, "-c", configuration]
         if os.geteuid() == 0:
             command += ["-g", "user root;"]
-        log = ground.work / "nginx.log"
+        log = ground.work / f"nginx-{example}.log"
         with running(command, log) as master:
             wait_until_answered(port, log, address, at_client)
             yield Nginx(f"{'http' if certificate is None else 'https'}://{address}:{port}", master, Path(prefix) / "access.log")

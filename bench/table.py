@@ -260,6 +260,7 @@ TABLE = [
     ),
     # fleets
     Measurement("fleet-polls", "what clients cost a server that have nothing to fetch", polls.measure()),
+    Measurement("fleet-cache", "the same from the examples' cache, beside a server, with TLS", polls.cached),
     Measurement(
         "fleet-followers",
         f"{followers.CLIENTS} real clients behind {servers.ROUND_TRIP_MS} ms and 100 Mbit/s, beside as many simulated ones",
