@@ -31,10 +31,14 @@ FakeClient CLIENT;
 void check_era(const Document& answer) {
   require(answer.contains("era") || _normalize_era_current_response(answer).same_as(answer), "a flat answer is passed through");
   const EraReport report = read_era_report(answer);
+  require(!announces_close(report) || report.state == Value("active"), "what is active has its end announced");
   const auto is_later = [](const Value& left, const Value& right) {
     return unless_refused([&] { return era_is_later(left, right); }, error_class::TypeError, error_class::OverflowError);
   };
   for (const Value& known : {Value(7), Value("7"), Value(), report.state}) {
+    const EraAction in_closing = decide_era_action(report, true, known);
+    require(in_closing != EraAction::TransitToClosing && (in_closing != EraAction::Cancel || report.state == Value("active")),
+            "an end comes once");
     const bool is_new = decide_era_action(report, false, known) == EraAction::TransitToNewEra;
     require(!is_new || report.era_number != known, "a new era is another one");
     require(is_later(report.era_number, known) != true || is_later(known, report.era_number) == false, "of two eras one is later");
@@ -62,7 +66,11 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   CLIENT.answer.status = static_cast<int>(to_integer_or_absent(input.line()).value_or(200).if_integer().value_or(200) % 1000);
   CLIENT.answer.headers = {{"X-Era-Id", text_from_latin1(input.line())}};
   CLIENT.answer.body = input.rest();
-  static_cast<void>(_sync_unavailable_from("https://server.example/era/current", 1, {}, {}, _parse_sync_error_body(CLIENT.answer.body)));
+  const Document words = _parse_sync_error_body(CLIENT.answer.body);
+  const bool is_typed = _sync_unavailable_has_typed_details(_sync_unavailable_from("https://server.example/a", 1, {}, {}, words));
+  const SyncUnavailableError same(
+      {.dependency = words.get("dependency"), .retryable = words.get("retryable"), .recovery = words.get("recovery")});
+  require(is_typed || !_sync_unavailable_has_typed_details(same), "an error is typed by its details");
   const auto parse = [&] { return parse_era_current(CLIENT.answer.body); };
   if (const auto answer = unless_refused(parse, error_class::JSONDecodeError, error_class::UnicodeDecodeError)) check_era(*answer);
 

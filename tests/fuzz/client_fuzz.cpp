@@ -48,8 +48,6 @@ class Server {
     require(!request.starts_with("CONNECT ") || request.find(TOKEN) == std::string::npos, "no token for a proxy");
     const std::string answer = next();
     static_cast<void>(::send(peer.get(), answer.data(), answer.size(), MSG_NOSIGNAL));  // whole, being short
-    ::shutdown(peer.get(), SHUT_WR);
-    while (::recv(peer.get(), buffer, sizeof buffer, 0) > 0) continue;
   }
   std::string next() {
     const std::lock_guard lock(mutex_);

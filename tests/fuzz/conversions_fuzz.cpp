@@ -7,6 +7,7 @@
 #include "sync/base/text/text.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/base/values/integer_sum.hpp"
+#include "sync/documents/manifest.hpp"
 #include "sync/neighbours/release_version.hpp"
 #include "sync/transport/header_rules.hpp"
 #include "sync/transport/settings.hpp"
@@ -29,6 +30,7 @@ void check_text(std::string_view text) {
   const std::string quoted = to_quoted(text);
   require(quoted.size() >= 2 && quoted.front() == quoted.back(), "a quoted text is enclosed");
   require(refused || find_invalid_utf8(quoted) == std::string::npos, "a quoted text is valid where the text is");
+  remember_secret(text);
   remember_secret(TOKEN);
   const std::string masked = mask_secrets(std::string(text) + TOKEN + std::string(text));
   require(masked.size() == 2 * text.size() + std::string_view(TOKEN).size() && masked.find(TOKEN) == std::string::npos,
@@ -42,8 +44,8 @@ void check_header(const std::string& text) {
   require(sent.has_value() == sendable.has_value(), "both checks of a header agree");
   require(!sent || sent->find_first_of(std::string_view("\r\n\0", 3)) == std::string::npos, "what is sent stays in its line");
   static_cast<void>(unless_refused([&] { require_sendable_headers({{text, ""}}); }, error_class::ValueError));
-  for (const char* name : {"content-length", "Transfer-Encoding"})
-    static_cast<void>(unless_refused([&] { require_unambiguous_length({{name, text}}); }, error_class::URLError));
+  const Headers lengths{{"content-length", text.substr(0, text.find(';'))}, {"Transfer-Encoding", text.substr(text.find(';') + 1)}};
+  static_cast<void>(unless_refused([&] { require_unambiguous_length(lengths); }, error_class::URLError));
 }
 
 void check_integers(std::string_view left, std::string_view right) {
@@ -68,6 +70,8 @@ void check_integers(std::string_view left, std::string_view right) {
 
 void check_real(const std::string& text) {
   const auto real = parse_real(text);
+  const auto converted = unless_refused([&] { return to_real(text); }, error_class::ValueError);
+  require(real.has_value() == converted.has_value(), "both conversions agree");
   if (!text.empty() && consists_of(text, "0123456789.eE+-")) {
     char* end = nullptr;
     const double expected = std::strtod(text.c_str(), &end);
@@ -106,6 +110,7 @@ void check_settings(std::string_view text) {
   require(_sync_http_chunk_bytes(environment) > 0 && _sync_http_response_read_bytes(environment) > 0, "sizes are positive");
   require(_sync_max_concurrency(environment) >= 1 && _sync_max_unchanged_checksum_repairs(environment) >= 0, "counts are in bounds");
   static_cast<void>(reuses_http_connections(environment));
+  static_cast<void>(_sync_parallel_timeout_description(_sync_parallel_timeout_seconds(environment, 1, 1)));
 }
 
 }  // namespace
@@ -120,5 +125,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   check_real(first);
   check_versions(first, second, input.rest());
   check_settings(first);
+  require(platform_name(first, second).find('_') != std::string::npos, "a platform has two names");
   return 0;
 }

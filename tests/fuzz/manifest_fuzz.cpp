@@ -43,16 +43,18 @@ void check_forms(std::string_view text, const Value& parsed) {
 
 void check_entry(const Document& files, const Text& path, const Value& entry) {
   const EraConfig& eras = neighbours().era_config();
+  const bool is_unsupported = _is_unsupported_runtime_module_file(neighbours(), path, entry);
+  require(!is_unsupported && !to_quoted(entry).empty(), "nothing unsupported is left, and each reads for people");
   static_cast<void>(_manifest_file_is_sync_excluded(neighbours(), entry));
   static_cast<void>(_rotation_file_is_platform_excluded(neighbours(), entry));
   static_cast<void>(_is_retired_unsupported_runtime_module_path(path));
   static_cast<void>(artifact_row_path(entry));
   const Document stated = without_stamps(entry.is_document() ? *entry.if_document() : Document());
-  require(!stated.contains("_manifest_base_url") || is_vault_module(stated), "a server's stamps have no say");
+  require(!stated.contains("_manifest_base_url") && (!is_vault_module(stated) || stated.contains("kind")), "a server's stamps have no say");
   const auto size = [&] { return manifest_integer(stated.get("size_bytes"), "size_bytes"); };
   static_cast<void>(unless_refused(size, error_class::ManifestError, error_class::ValueError, error_class::TypeError));
-  const auto group = _agent_signal_group_key(eras, path, "found_signals/");
-  require(!group || path.view().starts_with(*group + "/signal_is/"), "a group is the beginning of its path");
+  const auto group = _agent_signal_group_key(eras, path, path.view().substr(0, path.view().find('/') + 1));
+  require(!group || path.view().starts_with(*group + "/"), "a group is the beginning of its path");
   const std::string_view name = path.view().substr(path.view().rfind('/') + 1);
   const Value stem(name.substr(0, name.rfind('.')));
   for (const Value& universe : {Value(), Value("us")}) {

@@ -46,6 +46,7 @@ void check_path(std::string_view text) {
   require(local.has_value() == seen.has_value(), "both looks refuse the same");
   require(!local || (*local + "/").starts_with(data_dir() + "/"), "the local path does not leave the data directory");
   require(!local || stat_or_absent(Files::real(), *local) == *seen, "both looks see the same");
+  if (local && *seen) require(real_path(absolute_path(*local)) == *local && expand_user(*local) == *local, "a local path is its own");
   const auto find = [&] { return files.place(text, LocalFiles::Parents::Leave); };
   const auto place = unless_refused(find, error_class::ManifestError, error_class::OSError);
   require(!place || (local && !OwnFiles(data_dir()).contains(*path)), "what may be written is inside, and no file of ours");
@@ -61,9 +62,10 @@ void check_url(const std::string& url) {
   }
   const auto file = unless_refused([&] { return _manifest_file_url(SECURITY, SERVER, "a/b", url); }, error_class::ManifestError);
   require(!file || is_public_download(SERVER, url, *file) || same_origin(SERVER, *file), "a token goes to the server alone");
+  const bool is_server = same_origin(SERVER, url);
   const auto route = unless_refused([&] { return RequestRoute({url, {}}); }, error_class::ValueError);
   if (!route) return;
-  require(!same_origin(SERVER, url) || same_origin(SERVER, route->url()), "who connects goes to the origin that was meant");
+  require(!is_server || same_origin(SERVER, route->url()), "who connects goes to the origin that was meant");
   if (may_go) SECURITY.validate_bearer_transport_url(route->url());
 }
 

@@ -54,7 +54,7 @@ def corpus(build: Path, name: str) -> list[Path]:
 
 def run(build: Path, name: str, seconds: int, temporary: str) -> bool:
     target, log = build / "bin" / f"{name}_fuzz", build / f"{name}.log"
-    command: list[str | Path] = [target, f"-dict={HERE / 'words.dict'}", f"-max_total_time={seconds}", "-max_len=4096", "-timeout=20", "-rss_limit_mb=1024"]
+    command: list[str | Path] = [target, f"-dict={HERE / 'words.dict'}", f"-max_total_time={seconds}", "-max_len=4096", "-timeout=60", "-rss_limit_mb=1024"]
     command += [f"-artifact_prefix={build}/finding-{name}-", "-print_final_stats=1", *corpus(build, name)]
     with log.open("w") as output:
         code = subprocess.run(command, stdout=output, stderr=output, env={**os.environ, "TMPDIR": temporary}).returncode
@@ -71,14 +71,14 @@ def run(build: Path, name: str, seconds: int, temporary: str) -> bool:
 
 
 def keep(build: Path, name: str) -> None:
-    """Writes the smallest inputs that reach all code that any of them reaches, nothing else being counted."""
-    folders = corpus(build, name)
-    with tempfile.TemporaryDirectory(dir=build) as merged:
-        target = build / "bin" / f"{name}_fuzz"
-        subprocess.run([target, "-merge=1", "-use_counters=0", "-max_len=4096", merged, *folders], check=True, capture_output=True)
-        inputs = sorted({path.read_bytes() for path in Path(merged).iterdir()}, key=lambda data: (len(data), data))
-    (HERE / "corpus" / f"{name}.txt").write_text("".join(escape(data) + "\n" for data in inputs))
-    print(f"{name}: {len(inputs)} inputs, {sum(map(len, inputs))} bytes")
+    """Adds the small inputs that reach code which what is kept does not."""
+    grown, kept = corpus(build, name)
+    before = set(kept.iterdir())
+    command: list[str | Path] = [build / "bin" / f"{name}_fuzz", "-merge=1", "-use_counters=0", "-max_len=256", kept, grown]
+    subprocess.run(command, check=True, capture_output=True)
+    inputs = {path.read_bytes() for path in kept.iterdir() if path in before or path.stat().st_size <= 256}
+    (HERE / "corpus" / f"{name}.txt").write_text("".join(escape(data) + "\n" for data in sorted(inputs, key=lambda data: (len(data), data))))
+    print(f"{name}: {len(inputs) - len(before)} more inputs, {sum(map(len, inputs))} bytes in all")
 
 
 def coverage(build: Path, corpora: Path) -> None:
@@ -92,10 +92,17 @@ def coverage(build: Path, corpora: Path) -> None:
         )
     subprocess.run(["llvm-profdata-14", "merge", "-sparse", "-o", f"{build}/all.profdata", *map(str, build.glob("*.profraw"))], check=True)
     targets = [f"-object={build}/bin/{name}_fuzz" for name in NAMES]
-    shown = [f"-instr-profile={build}/all.profdata", *targets[1:], targets[0].removeprefix("-object="), *PARSERS]
-    subprocess.run(["llvm-cov-14", "report", "-show-region-summary=0", "-show-branch-summary=0", *shown], check=True)
-    with (build / "lines.txt").open("w") as output:
-        subprocess.run(["llvm-cov-14", "show", *shown], check=True, stdout=output)
+    export = ["llvm-cov-14", "export", "-format=lcov", f"-instr-profile={build}/all.profdata", *targets[1:], targets[0].removeprefix("-object=")]
+    traced = subprocess.run(export, check=True, stdout=subprocess.PIPE, text=True).stdout
+    missed, total = 0, 0
+    for record in traced.split("end_of_record\n")[:-1]:
+        file = os.path.relpath(re.findall(r"^SF:(.*)", record, re.MULTILINE)[0], HERE.parents[1])
+        lines = dict(re.findall(r"^DA:(\d+),(\d+)", record, re.MULTILINE))
+        if file in PARSERS:
+            unreached = [line for line, count in lines.items() if count == "0"]
+            missed, total = missed + len(unreached), total + len(lines)
+            print(f"{1 - len(unreached) / len(lines):7.1%} of {len(lines):4} lines  {file}  {'not ' if unreached else ''}{' '.join(unreached)}")
+    print(f"{1 - missed / total:7.1%} of {total:4} lines")
 
 
 def main() -> int:

@@ -24,7 +24,10 @@ void check_hash_cache() {
   cache.set_entries(entries);
   cache.set_dirty(true);
   cache._persist_hash_cache();
+  require(!cache.dirty(), "what is written is no longer to be");
   require(text_of(HashCache::_load_hash_cache(path)) == text_of(entries), "what is written reads as it was");
+  cache._remember_local_sha("own", path, std::string(64, 'b'));
+  require(cache._cached_local_sha("own", path, std::string(64, 'b')).has_value(), "what is remembered is known");
 }
 
 void check_rotation_state() {
@@ -35,7 +38,10 @@ void check_rotation_state() {
     require(("/" + path.str() + "/").find("/../") == std::string::npos, "an active path stays inside");
   write_feature_rotation_state(neighbours(), Files::real(), CLOCK, directory().path(), *state);
   require(equal_states(*state, load()), "a state survives its file");
-  static_cast<void>(_drop_retired_unsupported_runtime_paths_from_state(*state, Document()));
+  const RotationStateRef kept = _drop_retired_unsupported_runtime_paths_from_state(*state, Document());
+  const TextList paths = kept->active_relative_paths();
+  static_cast<void>(_existing_rotation_paths(directory().path(), {paths.begin(), paths.end()}));
+  static_cast<void>(_rotation_is_due(Files::real(), CLOCK, directory().path(), Document{{"rotation_frequency", "weekly"}}, kept));
 }
 
 void check_settings(const Value& parsed) {
@@ -55,6 +61,7 @@ void check_prefetched() {
   const Document feature{{"kind", "feature"}};
   const Manifest manifest(neighbours(), Document{{"era_number", 7}, {"files", Document{{"features/a", feature}, {"features/b", feature}}}});
   const std::vector<std::string> kept = features._prefetched_feature_keep_paths(neighbours(), manifest);
+  require(kept == features.keep_paths_in_era_of(neighbours(), manifest), "looking changes nothing");
   for (const std::string& path : kept) require(manifest.file(path).is_document(), "only features of the manifest are kept");
   features._remember_prefetched_feature_relative_paths(neighbours(), manifest, {"features/b"});
   const std::set<std::string> remembered = features._read_prefetched_feature_relative_paths(neighbours(), manifest);
@@ -82,6 +89,9 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   check_prefetched();
   const auto told = era_told_before(directory().path(), 7);
   require(!told || told->is_null() || told->is_integer(), "a note tells of an era or of none");
+  note_told_era(directory().path(), told.value_or(6));
+  require(era_told_before(directory().path(), 7) == told.value_or(6), "a note survives its file");
+  forget_told_era(Files::real(), directory().path());
   const auto validate_seed = [] { _validate_shuffle_seed_file(directory() / SHUFFLE_SEED_FILENAME, Value(7)); };
   static_cast<void>(unless_refused(validate_seed, error_class::SyncError));
   return 0;

@@ -12,16 +12,25 @@ constexpr const char* PATH = "named_universes/us/vocabulary.json";
 
 std::string text_of(const Value& value) { return write_json(value, JsonForm::Canonical); }
 
+Manifest manifest_of(const Document& functions) {
+  const Document files{{FUNCTIONS_RELATIVE_PATH, functions}, {PATH, Document{{"kind", "vocabulary"}}}};
+  return Manifest(neighbours(), Document{{"era_number", 7}, {"functions", FUNCTIONS_RELATIVE_PATH}, {"files", files}});
+}
+
 void check_merged(std::string_view functions, std::string_view body) {
   const Document entry{{"kind", "functions"}, {"size_bytes", functions.size()}, {"sha256", _sha256(functions)}};
-  const Document files{{FUNCTIONS_RELATIVE_PATH, entry}, {PATH, Document{{"kind", "vocabulary"}}}};
-  const Manifest manifest(neighbours(), Document{{"era_number", 7}, {"functions", FUNCTIONS_RELATIVE_PATH}, {"files", files}});
+  const Manifest manifest = manifest_of(entry);
   const std::string& data_dir = directory().path();
   const auto validate = [&] { return _validate_manifest_vocabulary_files(neighbours(), data_dir, manifest); };
   const auto validate_staged = [&] { return validate_staged_vocabulary_files(neighbours(), data_dir, "/nowhere", manifest); };
   const auto merged = unless_refused(validate, error_class::SyncError);
   const auto staged = unless_refused(validate_staged, error_class::SyncError);
   require(merged.has_value() == staged.has_value(), "staged documents are judged as those that lie there");
+  for (const Member& other : {Member{"kind", "x"}, Member{"size_bytes", functions.size() + 1}, Member{"sha256", "x"}}) {
+    const Manifest another = manifest_of(entry.with(other.key, other.value));
+    const auto refuse = [&] { return _validate_functions_file(neighbours(), data_dir, another); };
+    require(!unless_refused(refuse, error_class::SyncError), "a catalogue is the one that the manifest states");
+  }
   if (!merged) return;
   const Document& vocabulary = *merged->get("us").if_document();
   const Document own = _validate_vocabulary_bytes(neighbours(), body, 7, "us");
