@@ -331,6 +331,8 @@ void CurlTransfer::end_of_headers() {
 
 std::size_t CurlTransfer::take_body(std::string_view bytes) {
   if (bytes.empty()) return 0;
+  // To curl, a line that only begins as the empty one does ends the headers too.
+  if (!headers_done_) throw Error(error_class::URLError, "the response's headers hold a line that is none");
   if (sink_ == nullptr) return CURL_WRITEFUNC_PAUSE;
   moved_ = true;
   body_begun_ = true;

@@ -203,6 +203,9 @@ TEST(HttpClient, tellsAConnectionClosedEarlyFromOneThatBroke) {
   for (const char* path : {"/nothing", "/error"}) {
     EXPECT_EQ(failure_of_get(plain.url(path)), "ConnectionResetError: remote end closed the connection within the response") << path;
   }
+  // Told at once, and not by the time limit.
+  plain.script("/begun", {{.headers = {{"\rX", "y"}}, .body = "half"}});
+  EXPECT_EQ(failure_of_get(plain.url("/begun")), "URLError: the response's headers hold a line that is none");
   plain.script("/reset", {{.headers = {{"Content-Length", "100"}}, .body = "half", .reset = true}});
   EXPECT_THAT(failure_of_get(plain.url("/reset")), HasSubstr("ConnectionResetError: "));
 }
