@@ -43,8 +43,7 @@ std::string_view normalised_or_empty(const Value& path, std::string& buffer) {
   if (text && is_plain_relative_path(*text)) return *text;
   try {
     buffer = _safe_manifest_relative_path(path);
-  } catch (const Error& error) {
-    if (!error.is(error_class::ManifestError)) throw;
+  } catch (const ManifestError&) {
     buffer.clear();
   }
   return buffer;

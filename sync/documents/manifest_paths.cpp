@@ -61,9 +61,8 @@ bool lies_within(std::string_view path, std::string_view directory) {
 std::optional<UrlParts> split_url_or_absent(std::string_view url) {
   try {
     return split_url(url);
-  } catch (const Error& error) {
-    if (error.is(error_class::ValueError)) return std::nullopt;
-    throw;
+  } catch (const ValueError&) {
+    return std::nullopt;
   }
 }
 

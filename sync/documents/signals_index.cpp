@@ -36,9 +36,8 @@ void add_found_pnl_path(const Value& file_path, std::set<std::string>& paths) {
   std::string normalised;
   try {
     normalised = _safe_manifest_relative_path(file_path.is_text() ? file_path : Value(to_text(file_path)));
-  } catch (const Error& error) {
-    if (error.is(error_class::ManifestError)) return;
-    throw;
+  } catch (const ManifestError&) {
+    return;
   }
   if (_found_pnl_section_for_path(normalised)) paths.insert(std::move(normalised));
 }

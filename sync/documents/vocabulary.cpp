@@ -42,9 +42,8 @@ std::optional<std::string> _vocabulary_named_universe_from_path(NeighbourSet& ne
   std::string relative_path;
   try {
     relative_path = _safe_manifest_relative_path(file_path);
-  } catch (const Error& error) {
-    if (error.is(error_class::ManifestError)) return std::nullopt;
-    throw;
+  } catch (const ManifestError&) {
+    return std::nullopt;
   }
   return universe_from_safe_path(neighbours, relative_path);
 }

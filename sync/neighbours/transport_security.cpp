@@ -33,9 +33,8 @@ bool has_usable_port(const UrlParts& parts) {
   try {
     const std::optional<int> port = parts.port();
     return !port || *port != 0;
-  } catch (const Error& error) {
-    if (error.is(error_class::ValueError)) return false;
-    throw;
+  } catch (const ValueError&) {
+    return false;
   }
 }
 
