@@ -1,5 +1,6 @@
 """A small world of data, and a server on raw sockets that publishes it and misbehaves where it is told to."""
 
+import collections
 import contextlib
 import dataclasses
 import hashlib
@@ -72,6 +73,7 @@ class Exchange:
     connection: socket.socket
     path: str
     headers: dict[str, str]
+    method: str = ""
     count: int = 0  # of requests for that path before
 
     def send(self, *parts: bytes) -> None:
@@ -118,12 +120,17 @@ class Server:
         self.handshakes: list[Attack | ssl.SSLContext] = []  # what the next connections get instead
         self.attacks: dict[str, tuple[Attack, float]] = {}
         self.requests: list[tuple[str, dict[str, str]]] = []
+        self.counts: collections.Counter[str] = collections.Counter()  # of requests, by path
         self.odd: list[bytes] = []  # requests that are no GET
         self.lock = threading.Lock()
         self.listener = socket.create_server(("127.0.0.1", 0), backlog=200)
         self.port = self.listener.getsockname()[1]
         self.url = f"{'https' if tls else 'http'}://{'localhost' if tls else '127.0.0.1'}:{self.port}"
         threading.Thread(target=self._accept, args=(self.listener,), daemon=True).start()
+
+    def usual(self, exchange: Exchange) -> None:
+        """What happens where nothing is attacked."""
+        exchange.send(*exchange.healthy())
 
     def down(self, seconds: float) -> None:
         """Refuses connections for a while."""
@@ -140,7 +147,7 @@ class Server:
         with self.lock:
             self.attacks = {}
             self.world = world or self.world
-            self.requests, self.odd = [], []
+            self.requests, self.odd, self.counts = [], [], collections.Counter()
 
     def _accept(self, listener: socket.socket) -> None:
         while True:
@@ -168,9 +175,10 @@ class Server:
                 received += more
             lines = received.decode("latin-1").split("\r\n\r\n")[0].split("\r\n")
             method, path, *_ = lines[0].split(" ")
-            exchange = Exchange(self, connection, path, dict(line.split(": ", 1) for line in lines[1:]))
+            exchange = Exchange(self, connection, path, dict(line.split(": ", 1) for line in lines[1:]), method)
             with self.lock:
-                exchange.count = sum(path == seen for seen, _ in self.requests)
+                exchange.count = self.counts[path]
+                self.counts[path] += 1
                 self.requests.append((path, exchange.headers))
                 if method != "GET" or not received.endswith(b"\r\n\r\n"):
                     self.odd.append(received)
@@ -179,10 +187,7 @@ class Server:
                     attack = None
                 elif attack:
                     self.attacks[path] = attack, times - 1
-            if attack:
-                attack(exchange)
-            else:
-                exchange.send(*exchange.healthy())
+            (attack or self.usual)(exchange)
         except (OSError, ValueError):  # ValueError: of a closed TLS connection
             pass
         finally:
