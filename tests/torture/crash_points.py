@@ -5,7 +5,7 @@ import signal
 from collections.abc import Iterable
 
 from torture.case import Case, draw
-from torture.workloads import WORKLOADS, Workload, points_of, survive
+from torture.workloads import WORKLOADS, Workload, survive, undisturbed
 
 
 def kill(workload: Workload, at: int) -> None:
@@ -13,6 +13,6 @@ def kill(workload: Workload, at: int) -> None:
 
 
 def cases(long: bool) -> Iterable[Case]:
-    table = [(workload, at) for workload in WORKLOADS for at in range(1, len(points_of(workload)) + 1)]
+    table = [(workload, at) for workload in WORKLOADS for at in range(1, len(undisturbed(workload).points) + 1)]
     for workload, at in table if long else draw(table, 120):
         yield Case(f"{workload.name} point={at} KILL", functools.partial(kill, workload, at))

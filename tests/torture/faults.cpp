@@ -6,8 +6,8 @@
 //   FAULT_AT=N              which call, counted from 1; with FAULT_LATER set all later ones too that the action suits
 //   FAULT_ACTION=WORD       KILL; SHORT, where a write takes half; or the name of an error
 //   FAULT_SHARED=FILE       counts of all processes, see Shared
-//   FAULT_MEMORY_AT=N       which allocation fails, counted from 1 and from torture_counts_memory() on; with FAULT_LATER set
-//                           the hundred after it too
+//   FAULT_MEMORY_AT=N       which allocation fails, counted from 1 on where the program has set torture_allocations to 0; with
+//                           FAULT_LATER set the hundred after it too
 //   FAULT_MEMORY_ON=NAME    counts those of threads whose names begin so alone
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -35,18 +35,10 @@
 
 #define HOOK extern "C" __attribute__((visibility("default")))
 
+/// Below 0 until the program says where what it starts with is over.
+__attribute__((visibility("default"))) constinit std::atomic<long> torture_allocations{LONG_MIN};
+
 namespace {
-
-constinit std::atomic<long> allocations{0}, first_failure{0}, last_failure{0};
-constinit std::atomic<std::atomic<std::int64_t>*> allocation_count{nullptr};
-constinit std::atomic<const char*> counted_threads{nullptr};
-
-bool counts_here() {
-  const char* const wanted = counted_threads;
-  char name[16] = {};
-  return wanted == nullptr ||
-         (::pthread_getname_np(::pthread_self(), name, sizeof name) == 0 && std::string_view(name).starts_with(wanted));
-}
 
 /// For as long as one of our functions runs, whose memory never fails.
 struct OwnCall {
@@ -74,7 +66,6 @@ struct Shared {
   std::atomic<std::int64_t> holds;     ///< how often it was locked
   std::atomic<std::int64_t> overlaps;  ///< changes while another process had locked it since
   std::atomic<std::int64_t> unlocked;  ///< changes by a process that did not hold it
-  std::atomic<std::int64_t> allocations;
 };
 
 Shared* open_shared(const std::string& path) {
@@ -89,6 +80,8 @@ struct Plan {
   std::string below = environment("FAULT_BELOW"), log = environment("FAULT_LOG"), action = environment("FAULT_ACTION");
   long at = std::atol(environment("FAULT_AT").c_str());
   bool later = !environment("FAULT_LATER").empty();
+  std::string memory_on = environment("FAULT_MEMORY_ON");
+  long memory_at = std::atol(environment("FAULT_MEMORY_AT").c_str());
   Shared* shared = open_shared(environment("FAULT_SHARED"));
 };
 
@@ -233,23 +226,18 @@ HOOK int flock(int file, int operation) {
   return outcome;
 }
 
-/// The program says where what it starts with is over.
-HOOK void torture_counts_memory() {
-  if (plan().shared != nullptr) allocation_count = &plan().shared->allocations;
-  const long wanted = std::atol(environment("FAULT_MEMORY_AT").c_str());
-  counted_threads = std::getenv("FAULT_MEMORY_ON");
-  allocations = 0;
-  last_failure = wanted + (plan().later ? 100 : 0);
-  first_failure = wanted;
+bool memory_ends() {
+  const OwnCall own;
+  char name[16] = {};
+  ::pthread_getname_np(::pthread_self(), name, sizeof name);
+  if (!std::string_view(name).starts_with(plan().memory_on)) return false;
+  const long behind = ++torture_allocations - plan().memory_at;
+  return plan().memory_at > 0 && behind >= 0 && behind <= (plan().later ? 100 : 0);
 }
 
 /// The other forms of new come here.
 __attribute__((visibility("default"))) void* operator new(std::size_t size) {
-  if (!OwnCall::runs && counts_here()) {
-    const long number = ++allocations, first = first_failure;
-    if (first > 0 && number >= first && number <= last_failure) throw std::bad_alloc();
-    if (std::atomic<std::int64_t>* const count = allocation_count) ++*count;
-  }
+  if (torture_allocations >= 0 && !OwnCall::runs && memory_ends()) throw std::bad_alloc();
   if (void* const block = std::malloc(size > 0 ? size : 1)) return block;
   throw std::bad_alloc();
 }

@@ -4,7 +4,7 @@ import functools
 from collections.abc import Iterable
 
 from torture.case import Case, draw
-from torture.workloads import WORKLOADS, Workload, points_of, survive
+from torture.workloads import WORKLOADS, Workload, survive, undisturbed
 
 ACTIONS = {
     "create": ("ENOSPC", "ENOSPC+", "EIO", "EACCES", "EMFILE", "EINTR", "EROFS+"),
@@ -23,7 +23,7 @@ def fail(workload: Workload, at: int, action: str) -> None:
 
 
 def cases(long: bool) -> Iterable[Case]:
-    points = [(workload, at, call) for workload in WORKLOADS for at, call in enumerate(points_of(workload), 1)]
+    points = [(workload, at, call) for workload in WORKLOADS for at, call in enumerate(undisturbed(workload).points, 1)]
     table = [(workload, at, action) for workload, at, call in points for action in ACTIONS[call]]
     for workload, at, action in table if long else draw(table, 240):
         yield Case(f"{workload.name} point={at} {action}", functools.partial(fail, workload, at, action))

@@ -4,8 +4,8 @@ import functools
 import subprocess
 from collections.abc import Iterable
 
-from torture.case import Case, draw, scratch
-from torture.workloads import WORKLOADS, Trial, Workload
+from torture.case import Case, draw
+from torture.workloads import WORKLOADS, Workload, trial
 
 # In a mount namespace of its own: the directory on a tmpfs with so much left, then the host, then what it left copied out.
 SCRIPT = """
@@ -27,14 +27,13 @@ def mounts_are_allowed() -> bool:
 
 
 def run(workload: Workload, kind: str, left: int) -> None:
-    with scratch() as folder:
-        trial = Trial(workload, folder)
-        copy = trial.data.rename(folder / "fault/copy")
-        trial.data.mkdir()
-        outcome = trial.fault({}, ("unshare", "-m", "sh", "-c", SCRIPT, "sh", str(trial.data), str(copy), kind, str(left)))
-        trial.data.rmdir()
-        copy.rename(trial.data)
-        trial.survive(outcome, {0, 1})
+    with trial(workload) as made:
+        copy = made.data.rename(made.folder / "fault/copy")
+        made.data.mkdir()
+        outcome = made.fault({}, ("unshare", "-m", "sh", "-c", SCRIPT, "sh", str(made.data), str(copy), kind, str(left)))
+        made.data.rmdir()
+        copy.rename(made.data)
+        made.survive(outcome, {0, 1})
 
 
 def cases(long: bool) -> Iterable[Case]:

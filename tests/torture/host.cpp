@@ -5,15 +5,17 @@
 // Prints what happens, a line each: "kill" and "restart" of the searches, figures, "manifest ERA VERSION FILES" as it is in
 // memory at the end, "verified" or "damaged PATH...", and "CLASS: TEXT" of an error, whose exit code is 1. Standard error
 // gets the whole log. The token is read from TORTURE_TOKEN.
-#include <dirent.h>
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -97,27 +99,20 @@ void live(SyncManager& manager, const std::string& damaged, const Value& era) {
 
 // ---- many times over ------------------------------------------------------------------------------------------------
 
-/// Without std::filesystem, which ends the process where memory runs out.
-std::size_t entries_in(const char* folder) {
-  DIR* const stream = ::opendir(folder);
-  std::size_t count = 0;
-  while (stream != nullptr && ::readdir(stream) != nullptr) ++count;
-  ::closedir(stream);
-  return count - 2;  // "." and ".."
-}
+long entries_in(const char* folder) { return std::distance(std::filesystem::directory_iterator(folder), {}); }
 
 /// "used DESCRIPTORS THREADS KILOBYTES" after a fifth, in which things are made that stay, and at the end.
 void repeat(long times, const std::function<void()>& action) {
   for (long done = 1; done <= times; ++done) {
     action();
-    if (done != times / 5 && done != times) continue;
+    if (times < 5 || (done != times / 5 && done != times)) continue;
     if (!wait_for_worker_threads(std::chrono::seconds(10))) std::puts("threads stay");
     // The system takes a moment to let go of a thread that has ended.
     for (int tries = 0; tries < 100 && entries_in("/proc/self/task") > 1; ++tries)
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     long pages = 0;
     std::ifstream("/proc/self/statm") >> pages >> pages;
-    std::printf("used %zu %zu %ld\n", entries_in("/proc/self/fd"), entries_in("/proc/self/task"), pages * ::sysconf(_SC_PAGESIZE) / 1024);
+    std::printf("used %ld %ld %ld\n", entries_in("/proc/self/fd"), entries_in("/proc/self/task"), pages * ::sysconf(_SC_PAGESIZE) / 1024);
   }
 }
 
@@ -242,8 +237,10 @@ int main(int argument_count, char** arguments) {
                  .runtime_freshness_guard = nullptr,
                  .seams = Seams::real()},
                 {arguments + 4, arguments + argument_count}};
-  if (void* const begin = ::dlsym(RTLD_DEFAULT, "torture_counts_memory")) reinterpret_cast<void (*)()>(begin)();
+  auto* const allocations = static_cast<std::atomic<long>*>(::dlsym(RTLD_DEFAULT, "torture_allocations"));
+  if (allocations != nullptr) *allocations = 0;
   const int code = execute(arguments[1], run);
+  if (allocations != nullptr) std::printf("allocated %ld\n", allocations->exchange(LONG_MIN));
   std::fflush(stdout);
   std::_Exit(code);
 }

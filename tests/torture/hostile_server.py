@@ -6,6 +6,7 @@ import dataclasses
 import hashlib
 import json
 import pathlib
+import random
 import socket
 import ssl
 import struct
@@ -37,11 +38,10 @@ class World:
             VOCABULARY: {"era_number": era, "named_universe": "us", "features": {"small": {}, "big": {}}, "metadata": universe},
             FUNCTIONS: {"era_number": era, "rotations": ["weekly"]},
         }
-        stamp = hashlib.sha256(b"%d %d" % (era, version)).digest()
-        self.files = {SMALL: (stamp * 2)[:60], BIG: hashlib.sha256(b"%d" % era).digest() * 300, PNL: b"pnl of era %d" % era, "plain.bin": b"plain"}
+        self.files = {SMALL: body_of(SMALL, 1000 * era + version, 60), BIG: body_of(BIG, era, 9600), PNL: b"pnl of era %d" % era, "plain.bin": b"plain"}
         self.files |= {path: json.dumps(document).encode() for path, document in documents.items()}
         self.entries = {path: entry(body, KINDS.get(path, "data")) for path, body in self.files.items()}
-        self.seed = hashlib.sha256(b"seed of %d" % era).digest() * 2
+        self.seed = body_of("seed", era, 60)
         self.fields: dict[str, Any] = {}
 
     def manifest(self) -> dict[str, Any]:
@@ -58,11 +58,19 @@ class World:
         for name, document in documents.items():
             if path == PLACES[name]:
                 return json.dumps(document).encode()
-        return self.seed[:60] if path == PLACES["seed"] else self.files.get(path.removeprefix(FILES))
+        return self.seed if path == PLACES["seed"] else self.files.get(path.removeprefix(FILES))
 
 
 def entry(body: bytes, kind: str = "data") -> dict[str, Any]:
-    return {"kind": kind, "size_bytes": len(body), "sha256": hashlib.sha256(body).hexdigest()}
+    return {"kind": kind, "size_bytes": len(body), "sha256": digest(body)}
+
+
+def digest(body: bytes) -> str:
+    return hashlib.sha256(body).hexdigest()
+
+
+def body_of(path: str, generation: int, size: int) -> bytes:
+    return random.Random(f"{path} {generation}").randbytes(size)
 
 
 @dataclasses.dataclass
@@ -270,4 +278,4 @@ def document(change: Callable[[dict[str, Any]], Any]) -> Attack:
 
 
 def digest_of(path: pathlib.Path) -> str:
-    return hashlib.sha256(path.read_bytes()).hexdigest()
+    return digest(path.read_bytes())

@@ -2,35 +2,36 @@
 
 import functools
 import itertools
-from collections.abc import Iterable
+from collections.abc import Callable, Iterable
 
-from torture.case import Case, scratch
-from torture.workloads import FIRST, Trial, Workload
+from torture.case import Case
+from torture.hostile_server import PLACES
+from torture.workloads import FIRST, Workload, trial
 from torture.world import Site, world
 
 KILOBYTES_FOR_EACH = 1
 
 
-def flap(trial: Trial) -> None:
+def flap() -> Callable[[Site, str], None]:
     """Each pass finds a new version, which has a file more or less than the one before."""
     numbers = itertools.count(2)
 
     def at_request(site: Site, path: str) -> None:
-        if path == "/data/manifest/version":
+        if path == PLACES["version"]:
             number = next(numbers)
-            site.published[:] = [world(1, number, {"data/new.arrow": number % 2 - 1})]
+            site.published.clear()
+            site.publish(world(1, number, {"data/new.arrow": number % 2 - 1}))
 
-    trial.site.at_request = at_request
+    return at_request
 
 
 def measure(command: str, times: int) -> str:
-    with scratch() as folder:
-        trial = Trial(Workload(command, FIRST, (FIRST,), (command, str(times))), folder)
+    with trial(Workload(command, FIRST, (FIRST,), (command, str(times)))) as made:
         if command == "passes":
-            flap(trial)
-        outcome = trial.fault({"FAULT_BELOW": ""})
+            made.site.at_request = flap()
+        outcome = made.fault({"FAULT_BELOW": ""})
         used = [tuple(map(int, line.split()[1:])) for line in outcome.out.splitlines() if line.startswith("used")]
-        assert outcome.code == 0 and len(used) == 2 and "threads stay" not in outcome.out, f"{outcome}" + trial.told("fault")
+        assert outcome.code == 0 and len(used) == 2 and "threads stay" not in outcome.out, f"{outcome}" + made.told("fault")
         (descriptors, threads, memory), (descriptors_after, threads_after, memory_after) = used
         assert (descriptors_after, threads_after) == (descriptors, threads), f"descriptors and threads: {used}"
         assert memory_after - memory <= KILOBYTES_FOR_EACH * times * 4 / 5, f"memory in KB: {used}"

@@ -1,11 +1,10 @@
 """One allocation fails, or a hundred from there on: whichever it is, on whichever thread."""
 
 import functools
-import struct
 from collections.abc import Iterable
 
-from torture.case import Case, draw, scratch
-from torture.workloads import FIRST, LIVE, PARALLEL, VERSION, WORKLOADS, Trial, Workload, survive
+from torture.case import Case, draw
+from torture.workloads import FIRST, LIVE, PARALLEL, VERSION, WORKLOADS, Environment, Workload, survive, undisturbed
 
 HOLD = Workload("hold", FIRST, (VERSION,), ("holds", "1"))
 WHOLE = {"cold", "transition", "hold"}  # of the others one allocation in twenty
@@ -13,17 +12,7 @@ WATCHERS = ("bf-poll", "bf-era")  # whose passes and transitions are those of th
 THREADS = (*WATCHERS, "torture_host", "bf-repair", "bf-sync", "bf-check", "brackenfen-sync")
 
 
-@functools.cache
-def allocations_of(workload: Workload, thread: str) -> int:
-    with scratch() as folder:
-        trial = Trial(workload, folder)
-        (folder / "shared").write_bytes(bytes(40))
-        counting = {"FAULT_BELOW": "", "FAULT_SHARED": f"{folder}/shared"}
-        assert trial.fault(counting | on(thread)).code == 0, trial.told("fault")
-        return int(struct.unpack("5q", (folder / "shared").read_bytes())[4])
-
-
-def on(thread: str) -> dict[str, str]:
+def on(thread: str) -> Environment:
     return PARALLEL | {"FAULT_MEMORY_ON": thread} if thread else {}
 
 
@@ -35,7 +24,8 @@ def fail(workload: Workload, thread: str, at: int, lasts: bool) -> None:
 def cases(long: bool) -> Iterable[Case]:
     rows = [(workload, "", lasts, 1 if workload.name in WHOLE and not lasts else 20) for workload in (*WORKLOADS, HOLD) for lasts in (False, True)]
     rows += [(LIVE, thread, False, 20 if thread in WATCHERS else 1) for thread in THREADS]
-    table = [(workload, thread, lasts, at) for workload, thread, lasts, step in rows for at in range(1, allocations_of(workload, thread) + 1, step)]
+    table = [(workload, thread, lasts, at) for workload, thread, lasts, step in rows
+             for at in range(1, undisturbed(workload, **on(thread)).allocations + 1, step)]  # fmt: skip
     for workload, thread, lasts, at in table if long else draw(table, 150):
         text = f"{workload.name} allocation={at}{'+' * lasts}" + f" on={thread}" * (thread != "")
         yield Case(text, functools.partial(fail, workload, thread, at, lasts))

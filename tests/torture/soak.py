@@ -7,17 +7,15 @@ import random
 import signal
 import struct
 import subprocess
-import sys
 import threading
 import time
 from collections.abc import Iterable
 
-from torture.case import BUILD, ROOT, Case, scratch
-from torture.workloads import DEADLINE_SECONDS, FIRST, HOST, SPOILT, Trial, Workload, start_host
-from torture.world import DATA, World, digest, world
+from torture.case import BUILD, Case
+from torture.workloads import DEADLINE_SECONDS, FIRST, SPOILT, Trial, Workload, start_host, trial
+from torture.world import DATA, World, world
 
-PROCESSES = 4  # the first of them in Python, but under the thread sanitizer, whose runtime it lacks
-PYTHON_HOST = HOST if BUILD.name == "tsan" else (sys.executable, f"{ROOT}/tests/torture/soak_host.py")
+PROCESSES = 4
 ERA_SECONDS, VERSION_SECONDS = 10.0, 0.5
 PAUSE_SECONDS = 2.0 if BUILD.name in ("asan", "tsan") else 0.2  # at most, between two blows; a slow program must come to its work
 
@@ -35,13 +33,13 @@ class Round:
         self.trial, self.draw = trial, random.Random(seed)
         self.end = time.monotonic() + seconds
         self.kills = 0
-        (trial.folder / "shared").write_bytes(bytes(40))
-        self.running = [self.start(index) for index in range(PROCESSES)]
+        (trial.folder / "shared").write_bytes(bytes(32))
+        self.running = [self.start() for _ in range(PROCESSES)]
 
-    def start(self, index: int) -> subprocess.Popen[bytes]:
+    def start(self) -> subprocess.Popen[bytes]:
         command = ("soak", str(int(self.end * 1e9)), str(self.draw.randrange(10**6)))
         shared = {"FAULT_SHARED": f"{self.trial.folder}/shared"}
-        return start_host(self.trial.folder, "fault", self.trial.site.url, command, shared, host=PYTHON_HOST if index == 0 else HOST)
+        return start_host(self.trial.folder, "fault", self.trial.site.url, command, shared)
 
     def publish(self) -> None:
         site, draw = self.trial.site, random.Random(self.draw.random())
@@ -50,7 +48,7 @@ class Round:
             time.sleep(VERSION_SECONDS)
             new_era = time.monotonic() > era_until
             era_until += ERA_SECONDS if new_era else 0
-            site.publish(world_after(draw, site.now, new_era))
+            site.publish(world_after(draw, site.published[-1], new_era))
 
     def strike(self) -> None:
         """One blow of the nemesis."""
@@ -59,7 +57,7 @@ class Round:
         if blow < 0.7:
             self.running[index].kill()
             self.running[index].wait()
-            self.running[index] = self.start(index)
+            self.running[index] = self.start()
             self.kills += 1
         elif blow < 0.85:
             self.running[index].send_signal(signal.SIGSTOP)
@@ -86,7 +84,7 @@ class Round:
                 process.kill()
                 process.wait()
         assert codes == [0] * PROCESSES, f"exit codes {codes}" + self.trial.told("fault")
-        _, holds, overlaps, unlocked, _ = struct.unpack("5q", (self.trial.folder / "shared").read_bytes())
+        _, holds, overlaps, unlocked = struct.unpack("4q", (self.trial.folder / "shared").read_bytes())
         points = self.trial.folder / "fault/points"
         loose = points.read_text() if points.exists() else ""
         assert (overlaps, unlocked) == (0, 0) and holds > 0, f"{holds} holds, {overlaps} overlaps, {unlocked} changes without the lock\n{loose[:3000]}"
@@ -94,12 +92,12 @@ class Round:
 
 
 def soak(seed: int, seconds: float) -> str:
-    with scratch() as folder:
-        trial = Trial(Workload("soak", FIRST, (FIRST,), ("soak",)), folder)
-        trial.spoilt, trial.processes = [digest(SPOILT)], PROCESSES
-        told = Round(trial, seed, seconds).run()
-        trial.site.publish(world(trial.site.now.era, trial.site.now.version + 1))  # so that the healthy pass looks at every file
-        trial.heal()
+    with trial(Workload("soak", FIRST, (FIRST,), ("soak",))) as made:
+        made.spoilt, made.processes = True, PROCESSES
+        told = Round(made, seed, seconds).run()
+        last = made.site.published[-1]
+        made.site.publish(world(last.era, last.version + 1))  # so that the healthy pass looks at every file
+        made.heal()
         return told
 
 

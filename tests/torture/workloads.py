@@ -1,6 +1,7 @@
 """The ten workloads, and a run of one of them in which something happens: then the checker, a healthy run, the checker."""
 
 import atexit
+import contextlib
 import dataclasses
 import functools
 import itertools
@@ -11,16 +12,17 @@ import shutil
 import subprocess
 import tempfile
 import threading
-from collections.abc import Callable
+import time
+from collections.abc import Callable, Iterator
 
 from torture.case import BUILD, scratch
 from torture.checker import problems_of
-from torture.world import CHUNK_BYTES, DATA, MANDATORY, PNL, ROTATING, SETTINGS, TOKEN, Site, World, digest, open_site, world
+from torture.hostile_server import CHUNK, TOKEN, digest, digest_of
+from torture.world import DATA, MANDATORY, PNL, ROTATING, SETTINGS, Site, World, world
 
 SPOILT = b"spoilt"
 DEADLINE_SECONDS = 120  # of one run, which takes a tenth of one on an idle machine
 PARALLEL = {"BRACKENFEN_SYNC_MAX_CONCURRENCY": "4"}
-HOST = (f"{BUILD}/bin/torture_host",)
 
 Environment = dict[str, str]
 
@@ -121,15 +123,16 @@ class Outcome:
 
 
 def start_host(folder: pathlib.Path, phase: str, url: str, command: tuple[str, ...], environment: Environment,
-               within: tuple[str, ...] = (), host: tuple[str, ...] = HOST) -> subprocess.Popen[bytes]:  # fmt: skip
+               within: tuple[str, ...] = ()) -> subprocess.Popen[bytes]:  # fmt: skip
     """The host on the folder's data directory, its output among the phase's files; `within` is a command that runs it."""
-    preloaded = {"LD_PRELOAD": f"{BUILD}/bin/libtorture_faults.so " + os.environ.get("TORTURE_PRELOAD", ""), "FAULT_BELOW": f"{folder}/data/", "FAULT_LOG": f"{folder}/{phase}/points"}
     settings = {
-        "BRACKENFEN_SYNC_HTTP_CHUNK_BYTES": str(CHUNK_BYTES), "BRACKENFEN_SYNC_MAX_CONCURRENCY": "1", "TORTURE_TOKEN": TOKEN,
+        "LD_PRELOAD": f"{BUILD}/bin/libtorture_faults.so " + os.environ.get("TORTURE_PRELOAD", ""),
+        "FAULT_BELOW": f"{folder}/data/", "FAULT_LOG": f"{folder}/{phase}/points", "TORTURE_TOKEN": TOKEN,
+        "BRACKENFEN_SYNC_HTTP_CHUNK_BYTES": str(CHUNK), "BRACKENFEN_SYNC_MAX_CONCURRENCY": "1",
         "BRACKENFEN_SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS": "30",  # a busy machine is no outage
     }  # fmt: skip
-    variables = [f"{name}={value}" for name, value in (settings | preloaded | environment).items()]
-    full = [*within, "env", *variables, *host, command[0], f"{folder}/data", url, *command[1:]]
+    variables = [f"{name}={value}" for name, value in (settings | environment).items()]
+    full = [*within, "env", *variables, f"{BUILD}/bin/torture_host", command[0], f"{folder}/data", url, *command[1:]]
     with (folder / phase / "out").open("a") as out, (folder / phase / "log").open("a") as log:
         return subprocess.Popen(full, stdout=out, stderr=log)
 
@@ -146,45 +149,28 @@ def run_host(folder: pathlib.Path, phase: str, url: str, command: tuple[str, ...
     return Outcome(code, (folder / phase / "out").read_text())
 
 
-_STARTS_LOCK = threading.Lock()
-
-
-@functools.cache
-def _filled() -> pathlib.Path:
-    """A directory that a healthy pass has filled with the world that everything starts from."""
-    folder = pathlib.Path(tempfile.mkdtemp(prefix="brackenfen-torture-"))
-    atexit.register(shutil.rmtree, folder, True)
-    for name in ("data", "fault"):
-        (folder / name).mkdir()
-    (folder / "data/feature-rotation-settings.json").write_text(json.dumps(SETTINGS))
-    site = open_site(folder / "fault/requests", [FIRST])
-    outcome = run_host(folder, "fault", site.url, ("pass",), {})
-    assert outcome.code == 0 and outcome.out.endswith("verified\n"), outcome
-    return folder / "data"
-
-
 class Trial:
-    """One workload in a folder of its own, ready to be run."""
+    """One workload in a folder of its own, ready to be run; its last world is served until that is closed."""
 
     def __init__(self, workload: Workload, folder: pathlib.Path) -> None:
         self.workload, self.folder, self.data = workload, folder, folder / "data"
-        for name in ("fault", "heal"):
+        for name in ("fault", "heal", "data"):
             (folder / name).mkdir()
         if workload.start is None:
-            self.data.mkdir()
             (self.data / "feature-rotation-settings.json").write_text(json.dumps(SETTINGS))
         else:
-            with _STARTS_LOCK:
-                start = _filled()
-            shutil.copytree(start, self.data)
-        self.site = open_site(folder / "fault/requests", list(workload.worlds))
+            shutil.copytree(filled(), self.data, dirs_exist_ok=True)
+        self.site = Site(folder / "fault/requests", list(workload.worlds))
         workload.before(self.data, self.site)
-        self.start = {path.relative_to(self.data).as_posix(): digest(path.read_bytes()) for path in self.data.rglob("*") if path.is_file()}
-        self.spoilt = [digest(SPOILT)] if digest(SPOILT) in self.start.values() else []
+        self.start = {path.relative_to(self.data).as_posix(): digest_of(path) for path in self.data.rglob("*") if path.is_file()}
+        self.spoilt = digest(SPOILT) in self.start.values()
         self.processes = 1
         # Which feature the rotation has left out is what is asked for.
         left_out = next(path for path in ROTATING if workload.start is None or path not in self.start)
         self.command = tuple(pathlib.Path(left_out).stem if word == "*" else word for word in workload.command)
+
+    def close(self) -> None:
+        self.site.close()
 
     def fault(self, environment: Environment, within: tuple[str, ...] = (), kill_after: float | None = None) -> Outcome:
         return run_host(self.folder, "fault", self.site.url, self.command, environment, within, kill_after)
@@ -193,9 +179,9 @@ class Trial:
         published = [self.workload.start] if self.workload.start else []
         worlds = [*published, *self.site.published]
         facts = {
-            "stays": [path for path in self.start if path not in ROTATING and all(path in one.bodies for one in worlds)],
-            "rotating": ROTATING, "published": [one.facts for one in worlds],
-            "start": self.start, "spoilt": self.spoilt, "token": TOKEN, "url": self.site.url, "processes": self.processes,
+            "stays": [path for path in self.start if path not in ROTATING and all(path in one.entries for one in worlds)],
+            "rotating": ROTATING, "published": [one.facts for one in worlds], "start": self.start,
+            "spoilt": [digest(SPOILT)] * self.spoilt, "token": TOKEN, "processes": self.processes,
             "era_change": self.command[0] == "follow" and self.workload.worlds[-1].era > 1,
         }  # fmt: skip
         (self.folder / "facts.json").write_text(json.dumps(facts))
@@ -215,24 +201,59 @@ class Trial:
         self.site.settle()
         self.check("fault")
         published = self.site.published
-        self.site = open_site(self.folder / "heal/requests", published[-1:])  # requests of the killed one may still come to the other
+        self.close()  # requests of the killed one may still come
+        self.site = Site(self.folder / "heal/requests", published[-1:])
         self.site.published = published
         healed = run_host(self.folder, "heal", self.site.url, ("follow",), {})
         assert healed.code == 0, f"the healthy run ended with {healed.code}" + self.told("heal")
         self.check("heal")
 
 
-def survive(workload: Workload, environment: Environment, codes: set[int]) -> None:
-    with scratch() as folder:
-        trial = Trial(workload, folder)
-        trial.survive(trial.fault(environment), codes)
+@contextlib.contextmanager
+def trial(workload: Workload) -> Iterator[Trial]:
+    with scratch() as folder, contextlib.closing(Trial(workload, folder)) as made:
+        yield made
+
+
+STARTS_LOCK = threading.Lock()
+
+
+def filled() -> pathlib.Path:
+    """A directory that a healthy pass has filled with the world that everything starts from."""
+    with STARTS_LOCK:
+        return filled_once()
 
 
 @functools.cache
-def points_of(workload: Workload) -> list[str]:
-    """Each call of an undisturbed run that changes files, by its name."""
-    with scratch() as folder:
-        trial = Trial(workload, folder)
-        outcome = trial.fault({})
-        assert outcome.code == 0, f"{workload.name}: {outcome}" + trial.told("fault")
-        return [line.split(" ")[0] for line in (folder / "fault/points").read_text().splitlines()]
+def filled_once() -> pathlib.Path:
+    folder = pathlib.Path(tempfile.mkdtemp(prefix="brackenfen-torture-"))
+    atexit.register(shutil.rmtree, folder, True)
+    with contextlib.closing(Trial(Workload("fill", None, (FIRST,), ("pass",)), folder)) as made:
+        outcome = made.fault({})
+    assert outcome.code == 0 and "\nverified\n" in outcome.out, outcome
+    return made.data
+
+
+def survive(workload: Workload, environment: Environment, codes: set[int]) -> None:
+    with trial(workload) as made:
+        made.survive(made.fault(environment), codes)
+
+
+@dataclasses.dataclass(frozen=True)
+class Undisturbed:
+    points: list[str]  # the calls that change files, by their names
+    requests: int
+    allocations: int
+    seconds: float
+
+
+@functools.cache
+def undisturbed(workload: Workload, **environment: str) -> Undisturbed:
+    """What a run comes to in which nothing happens."""
+    with trial(workload) as made:
+        began = time.monotonic()
+        outcome = made.fault(environment)
+        seconds = time.monotonic() - began
+        assert outcome.code == 0, f"{workload.name}: {outcome}" + made.told("fault")
+        points = [line.split(" ")[0] for line in (made.folder / "fault/points").read_text().splitlines()]
+        return Undisturbed(points, made.site.asked, int(outcome.out.split()[-1]), seconds)
