@@ -42,15 +42,10 @@ def test_an_index_on_any_record(own: bool, manager: sync.SyncManager, server: An
         manager._repair_vocabulary_manifest_entry(record, INDEX, b"yy", sync.IntegrityError("why"))
     manager._repair_vocabulary_manifest_entry(record, INDEX, b"yy", reason="why", allow_sha_mismatch=True)
     assert record._data["files"][INDEX]["sha256"] == hashlib.sha256(b"yy").hexdigest()
-
-
-def test_a_record_of_the_host_in_an_unusual_shape(manager: sync.SyncManager) -> None:
-    for data in (5, {"files": 5}):
-        record = types.SimpleNamespace(files={}, _data=data)
-        manager._repair_signals_index_manifest_entry(record, INDEX, b"x")
-        assert record.files[INDEX]["size_bytes"] == 1 and record._data is data
-    with pytest.raises(sync.EraError, match="^signals_index.json has invalid era_number=7$"):
-        sync._apply_manifest_signals_index(types.SimpleNamespace(era_number=None), {"era_number": 7})
+    for odd in (5, {"files": 5}):
+        unusual = types.SimpleNamespace(files={}, _data=odd)
+        manager._repair_signals_index_manifest_entry(unusual, INDEX, b"x")
+        assert unusual.files[INDEX]["size_bytes"] == 1 and unusual._data is odd
 
 
 def test_a_scrub_hands_back_the_same_document_or_a_new_one(tmp_path: pathlib.Path) -> None:
@@ -64,14 +59,11 @@ def test_a_scrub_hands_back_the_same_document_or_a_new_one(tmp_path: pathlib.Pat
     assert update == {"relative_path": INDEX, "local_path": str(tmp_path / INDEX), "kind": "signals_index", "sha256": hashlib.sha256(written).hexdigest()}
 
 
-def test_names_of_tokens_come_one_by_one() -> None:
-    names = sync._iter_vocabulary_entry_names(value={"name": "first", "list": ["no name", {"name": "second"}]})
-    assert iter(names) is names and next(names) == "first"
-    assert list(names) == ["second", "name", "name", "list"]
-
-
-@pytest.mark.parametrize(("count", "shown"), [(0, None), (1, "t0"), (5, "t0, t1, t2, t3, t4"), (6, r"t0, t1, t2, t3, t4 \(\+1 more\)")])
+@pytest.mark.parametrize(("count", "shown"), [(0, None), (1, "t0"), (6, r"t0, t1, t2, t3, t4 \(\+1 more\)")])
 def test_retired_tokens_of_the_host(neighbour: Install, manager: sync.SyncManager, server: Any, count: int, shown: str | None) -> None:
+    names = sync._iter_vocabulary_entry_names(value={"name": "first", "list": ["no name", {"name": "second"}]})
+    assert iter(names) is names and next(names) == "first", "they come one by one"
+    assert list(names) == ["second", "name", "name", "list"]
     neighbour("_function_token_safety", is_retired_public_function_token_name=lambda name: name.startswith("t"))
     tokens = {f"t{number}": {"name": "x"} for number in range(count)}
     body = json.dumps(json.loads(server.documents[FUNCTIONS]) | {"reductions": [[tokens]], "more": {"name": "t9"}, "rotations": ["t8"]}).encode()

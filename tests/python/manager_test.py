@@ -1,6 +1,5 @@
 """SyncManager: construction, its fields, and passes against a server."""
 
-import itertools
 import json
 import pathlib
 import threading
@@ -83,28 +82,6 @@ def test_what_a_pass_hands_to_python(manager: sync.SyncManager, server: Any) -> 
     assert manager._manifest.to_dict() == server.manifest()
 
 
-@pytest.mark.parametrize("call", [2, 3], ids=["token for the manifest", "token for a file"])
-def test_a_pass_that_is_let_down_loses_nothing(manager: sync.SyncManager, server: Any, call: int) -> None:
-    directory = pathlib.Path(manager._data_dir)
-
-    def state() -> tuple[Any, ...]:
-        files = {path: path.read_bytes() for path in directory.rglob("*") if path.is_file() and path.suffix != ".tmp" and path.name != "sync-progress.json"}
-        return files, manager._manifest, manager._hash_cache
-
-    fill(server)
-    manager.sync()
-    before = state()
-    server.add("late", b"late")
-    server.version = 2
-    failure, asked = RuntimeError("the key ring is locked"), itertools.count(1)
-    manager._get_token = lambda: server.token if next(asked) != call else (_ for _ in ()).throw(failure)
-    with pytest.raises(RuntimeError) as caught:
-        manager.sync()
-    assert caught.value is failure and state() == before
-    manager.sync()
-    assert (directory / "late").read_bytes() == b"late" and not list(directory.rglob("*.tmp"))
-
-
 def test_a_download_with_every_argument(manager: sync.SyncManager, server: Any, short_waits: None, tmp_path: pathlib.Path, records: pytest.LogCaptureFixture) -> None:
     server.add("f", b"x")
     waits: list[float] = []
@@ -165,16 +142,16 @@ def test_requests_and_probes(manager: sync.SyncManager, server: Any) -> None:
 def test_local_integrity(manager: sync.SyncManager, server: Any) -> None:
     fill(server)
     manager.sync()
-    path = pathlib.Path(manager._data_dir, "features/u/signal_is/a.arrow")
-    stat, entry = path.stat(), server.entries["features/u/signal_is/a.arrow"]
+    name = "features/u/signal_is/a.arrow"
+    path, entry = pathlib.Path(manager._data_dir, name), server.entries[name]
+    stat = path.stat()
     assert sync.SyncManager._cache_stat_key(path) == (5000, stat.st_mtime_ns, stat.st_ctime_ns, stat.st_ino)
-    assert manager._load_hash_cache() == manager._hash_cache and "features/u/signal_is/a.arrow" in manager._hash_cache
-    assert manager._cached_local_sha("features/u/signal_is/a.arrow", path, entry["sha256"]) == entry["sha256"]
-    assert manager._local_file_matches_manifest("features/u/signal_is/a.arrow", path, entry, cache_allowed=False)
-    state = types.SimpleNamespace(active_relative_paths=["features/u/signal_is/a.arrow"])
+    assert manager._load_hash_cache() == manager._hash_cache and name in manager._hash_cache
+    assert manager._cached_local_sha(name, path, entry["sha256"]) == entry["sha256"]
+    assert manager._local_file_matches_manifest(name, path, entry, cache_allowed=False)
+    state = types.SimpleNamespace(active_relative_paths=[name])
     record = types.SimpleNamespace(files=server.manifest()["files"], era_number=7, functions="functions.json")
     assert manager._local_manifest_files_complete(manager._manifest, active_rotation_state=state)
-    assert manager._local_manifest_files_complete(record)
     path.write_bytes(b"alphb" * 1000)
     assert not manager._local_manifest_files_complete(record, state)
 

@@ -12,10 +12,11 @@ from typing import Any
 import brackenfen.sync as sync
 import pytest
 
-KINDS = {
-    int: "_SYNC_HTTP_CHUNK_BYTES _SYNC_HTTP_RESPONSE_READ_BYTES _SYNC_MAX_CONCURRENCY _SYNC_MAX_UNCHANGED_CHECKSUM_REPAIRS "
-         "_SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT _SYNC_HASH_CACHE_VERSION _SYNC_HASH_FILE_CHUNK_BYTES "
-         "_SYNC_EVENT_COALESCE_LIMIT _FEATURE_ROTATION_STATE_VERSION _FEATURE_ROTATION_BYTES_PER_GB _PREFETCHED_FEATURES_VERSION",
+# Constants, by their types, and operations that no other test calls, by whose they are.
+CONSTANTS = {
+    int: "_SYNC_HTTP_CHUNK_BYTES _SYNC_HTTP_RESPONSE_READ_BYTES _SYNC_MAX_CONCURRENCY _SYNC_MAX_UNCHANGED_CHECKSUM_REPAIRS _SYNC_HASH_CACHE_VERSION "
+         "_SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT _SYNC_HASH_FILE_CHUNK_BYTES _SYNC_EVENT_COALESCE_LIMIT _FEATURE_ROTATION_STATE_VERSION "
+         "_FEATURE_ROTATION_BYTES_PER_GB _PREFETCHED_FEATURES_VERSION",
     float: "_SYNC_HTTP_TIMEOUT_SECONDS _SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS _SYNC_PARALLEL_TIMEOUT_SECONDS _SYNC_MANIFEST_POLL_INTERVAL_SECONDS",
     str: "__version__ _SYNC_USER_AGENT _SYNC_HASH_CACHE_FILENAME _SYNC_PROGRESS_FILENAME _SIGNALS_INDEX_RELATIVE_PATH CURRENT_PLATFORM "
          "_FEATURE_ROTATION_STATE_FILENAME _PREFETCHED_FEATURES_FILENAME _FOUND_SIGNAL_PNL_KIND _FOUND_STRATEGY_EPOCH_PNL_KIND "
@@ -24,25 +25,20 @@ KINDS = {
     tuple: "_TRANSIENT_HTTP_STATUSES _SIGNALS_INDEX_SECTIONS _RUNTIME_MODULE_EXTENSION_SUFFIXES _FOUND_PNL_FILE_KINDS",
     dict: "_FOUND_PNL_SECTION_KINDS _RECOVERABLE_SIGNAL_PNL_SECTION_KINDS",
 }  # fmt: skip
-
-# Operations that no other test calls.
 FURTHER = {
     sync: "_cleanup_sync_tmp_files _detect_platform _manifest_has_retired_found_pnl_long_files _manifest_local_path _remove_manifest_tmp_file "
           "_remove_sync_progress_json _sync_http_chunk_bytes _sync_http_response_read_bytes _sync_http_timeout_seconds _sync_max_concurrency "
           "_sync_manifest_version_http_timeout_seconds _sync_max_unchanged_checksum_repairs _write_sync_backoff_progress_json",
-    sync.SyncManager: "_cleanup_inactive_rotation_artifacts _cleanup_old_eras_background _normalize_active_rotation_state_for_manifest "
+    sync.SyncManager: "_fetch_active_era_for_transition _confirm_active_era _check_transition_superseded _schedule_cleanup_old_eras "
+                      "_cleanup_inactive_rotation_artifacts _cleanup_old_eras_background _normalize_active_rotation_state_for_manifest "
                       "_persist_consumer_count _persist_hash_cache _poll_loop _process_repair_queue _promote_rotation_candidate "
-                      "_remember_local_sha _start_sync_thread _stop_internal _sync_impl _sync_with_manifest_refresh",
+                      "_parse_era_directory_id _remember_local_sha _start_sync_thread _stop_internal _sync_impl _sync_with_manifest_refresh",
     sync.EraThread: "_run",
 }  # fmt: skip
 
 
-@pytest.mark.parametrize(("kind", "names"), KINDS.items(), ids=lambda kind: getattr(kind, "__name__", ""))
-def test_constants(kind: type, names: str) -> None:
-    assert {type(getattr(sync, name)) for name in names.split()} == {kind}
-
-
-def test_no_operation_is_missing() -> None:
+def test_constants_and_operations_are_there() -> None:
+    assert [name for kind, names in CONSTANTS.items() for name in names.split() if type(getattr(sync, name, None)) is not kind] == []
     assert [name for owner, names in FURTHER.items() for name in names.split() if not callable(getattr(owner, name, None))] == []
 
 
@@ -60,14 +56,13 @@ CALLS: list[tuple[str, dict[str, Any], Any]] = [
     ("_safe_manifest_relative_path", {"file_path": " a\\b/./c "}, "a/b/c"),
     ("_feature_epoch_for_expression_type", {"expression_type": "My_STRATEGY"}, "strategy_is"),
     ("_feature_artifact_family_prefix", {"feature_name": "a__b__c__d"}, "a__b__"),
-    ("_manifest_file_url", {"server_url": "http://localhost/", "file_path": "a", "base_url": None}, "http://localhost/data/files/a"),
     ("_manifest_base_url_uses_public_download", {"server_url": "http://localhost", "base_url": "http://localhost:1/data/files"}, True),
     ("_agent_signal_group_key", {"file_path": "useful_signals/p/e/signal_os/f", "prefix": "useful_signals/"}, "useful_signals/p/e"),
     ("_validate_named_universe", {"named_universe": 5}, "5"),
+    ("_normalize_era_current_response", {"data": {"era_number": 5}}, {"era_number": 5}),
+    ("_parse_era_directory_id", {"name": "era_7"}, 7),
     ("_rotation_vocabulary_named_universe_from_path", {"relative_path": "named_universes/u/vocabulary.json"}, "u"),
     ("_manifest_size", {"file_info": {"size_bytes": 5}}, (True, 5)),
-    ("_manifest_size", {"file_info": {}}, (False, 0)),
-    ("_vocabulary_named_universe_from_path", {"file_path": "named_universes/u/vocabulary.json"}, "u"),
     ("_found_pnl_section_for_path", {"file_path": "useful_signals/x/signal_os/pnl.arrow"}, "useful_signals"),
     ("_is_manifest_found_pnl_file", {"file_path": "found_signals/x/signal_is/pnl.arrow", "file_info": {"kind": "found_signal_is_pnl"}}, True),
     ("_drop_found_pnl_paths_from_membership", {"section_data": {"e": {"files": ["a"]}}, "missing_paths": {"a"}}, {}),
@@ -89,27 +84,20 @@ CALLS: list[tuple[str, dict[str, Any], Any]] = [
     ("_is_manifest_version_url", {"url": "http://h/data/manifest/version//"}, True),
     ("_parse_sync_error_body", {"body": b'{"a": 1}'}, {"a": 1}),
     ("_should_retry_http_status", {"status": "503"}, True),
-    ("feature_rotation_state_path", {"data_dir": "/d"}, "/d/feature-rotation-state.json"),
     ("load_feature_rotation_state", {"data_dir": "/nowhere"}, None),
     ("_drop_retired_unsupported_runtime_paths_from_state", {"state": None, "manifest": None}, None),
     ("_load_feature_rotation_status_manifest", {"data_dir": "/nowhere"}, None),
-    ("_rotation_frequency_seconds", {"settings_payload": {"rotation_frequency": "PT2H"}}, 7200),
     ("_rotation_next_at", {"data_dir": "/nowhere", "settings_payload": None}, (None, None)),
     ("_rotation_is_due", {"data_dir": "/nowhere", "settings_payload": None, "active_state": None}, True),
     ("_existing_rotation_paths", {"data_dir": "/", "relative_paths": ["etc/passwd", "nowhere"]}, ("etc/passwd",)),
     ("_manifest_era_id_or_none", {"manifest": object()}, None),
     ("_rotation_artifact_rows", {"manifest": object()}, ()),
-    ("_rotation_manifest_artifacts", {"manifest": object()}, ()),
-    ("_rotation_artifacts_require_scoped_settings", {"artifacts": []}, False),
     ("_prefetched_features_state_path", {"data_dir": "/d"}, "/d/.prefetched-features.json"),
     ("_manifest_prefetched_feature_paths", {"manifest": object(), "paths": None}, ()),
-    ("_sha256", {"data": b""}, "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"),
-    ("_sync_backoff_surface", {"default_surface": "d"}, "d"),
     ("_should_emit_sync_event", {"event": {"event_type": "sync_recovered_status"}}, True),
     ("_sync_event_is_coalescible", {"event": {"event_type": "http_retry"}}, True),
-    ("_sync_event_coalesce_key", {"event": {"reason": None, "count": 1, "file": "null", "x": {1}}}, (("file", "'null'"), ("reason", "null"), ("x", "{1}"))),
-    ("_sync_event_coalesce_key", {"event": {"r": 1.0, "l": [10**20, "a"], "d": {"b": 1, "a": None}, "i": 10**20}},
-     (("d", '{"a": null, "b": 1}'), ("i", str(10**20)), ("l", f'[{10**20}, "a"]'), ("r", "1.0"))),
+    ("_sync_event_coalesce_key", {"event": {"r": 1.0, "count": 1, "l": [10**20, "a"], "d": {"b": 1, "a": None}, "n": None, "x": {1}}},
+     (("d", '{"a": null, "b": 1}'), ("l", f'[{10**20}, "a"]'), ("n", "null"), ("r", "1.0"), ("x", "{1}"))),
     ("_sync_event_stable_coalesce_value", {"value": True}, "true"),
     ("_sync_event_level_name", {"event": {"recovery": "reauthenticate"}}, "warning"),
     ("_sync_unavailable_has_typed_details", {"err": OSError()}, False),
@@ -129,14 +117,14 @@ def test_arguments_by_name_and_by_position(name: str, arguments: dict[str, Any],
         assert got == result and type(got) is type(result)
 
 
-@pytest.mark.parametrize("name", ["_manifest_feature_relative_path", "_manifest_feature_prefetch_relative_paths"])
-def test_named_arguments_are_keyword_only(name: str) -> None:
-    function = getattr(sync, name)
+def test_named_arguments_are_keyword_only() -> None:
     manifest = sync.Manifest({"files": {"features/u/strategy_is/a__b__c__d.arrow": {}, "features/u/strategy_is/a__b__x__y.arrow": {}}})
-    got = function(manifest, feature_name="a__b__c__d", expression_type=type("Member", (), {"value": "STRATEGY"}), named_universe="u")
-    assert got in ("features/u/strategy_is/a__b__c__d.arrow", ("features/u/strategy_is/a__b__c__d.arrow", "features/u/strategy_is/a__b__x__y.arrow"))
-    with pytest.raises(TypeError):
-        function(manifest, "a__b__c__d")
+    named = {"feature_name": "a__b__c__d", "expression_type": type("Member", (), {"value": "STRATEGY"}), "named_universe": "u"}
+    assert sync._manifest_feature_relative_path(manifest, **named) == "features/u/strategy_is/a__b__c__d.arrow"
+    assert sync._manifest_feature_prefetch_relative_paths(manifest, **named) == tuple(manifest.files)
+    for function in (sync._manifest_feature_relative_path, sync._manifest_feature_prefetch_relative_paths):
+        with pytest.raises(TypeError):
+            function(manifest, "a__b__c__d")
 
 
 def test_the_stub_tells_the_truth() -> None:
@@ -160,6 +148,11 @@ def test_the_stub_tells_the_truth() -> None:
         members |= {item.target.id for item in node.body if isinstance(item, ast.AnnAssign) and isinstance(item.target, ast.Name)}
         bound = {name for name in vars(getattr(sync, name)) if not name.startswith("_")}
         assert bound == members - {"__init__"}
+    for node in listed.values():
+        made = getattr(sync, node.name, None)
+        if isinstance(node, ast.ClassDef) and isinstance(made, type) and issubclass(made, Exception):
+            assert [base.__name__ for base in made.__bases__] == [ast.unparse(base) for base in node.bases] != [], node.name
+            assert (made.__module__, made.__qualname__) == ("brackenfen.sync", node.name)
     assert all(inspect.getdoc(getattr(sync, name)) for name in public if callable(getattr(sync, name)))
 
 

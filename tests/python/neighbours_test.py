@@ -53,19 +53,13 @@ def test_errors_of_the_hosts_auth(neighbour: Install, manager: sync.SyncManager,
 
 
 def test_which_failures_of_an_import_count_as_absent(monkeypatch: pytest.MonkeyPatch, neighbour: Install) -> None:
-    class Finder:
-        def __init__(self, error: Exception) -> None:
-            self.error, self.asked = error, 0
+    asked: list[Exception] = []
 
+    class Finder:
         def find_spec(self, name: str, *_: object) -> None:
             if name == "brackenfen.era_config":
-                self.asked += 1
-                raise self.error
-
-    def ask(error: Exception) -> Finder:
-        finder = Finder(error)
-        monkeypatch.setattr(sys, "meta_path", [finder, *sys.meta_path])
-        return finder
+                asked.append(failure)
+                raise failure
 
     for _ in range(2):  # each answer forgets the one before
         monkeypatch.setitem(sys.modules, "brackenfen.era_config", None)
@@ -73,14 +67,15 @@ def test_which_failures_of_an_import_count_as_absent(monkeypatch: pytest.MonkeyP
         neighbour("era_config", EpochName=EPOCHS)
         assert sync._feature_epoch_for_expression_type("x") == "sig"
     monkeypatch.delitem(sys.modules, "brackenfen.era_config")
-    for error in (ImportError("broken"), ModuleNotFoundError("No module named 'numpy'", name="numpy"), RuntimeError("at import")):
-        ask(error)
-        with pytest.raises(type(error)) as caught:
+    monkeypatch.setattr(sys, "meta_path", [Finder(), *sys.meta_path])
+    failure: Exception
+    for failure in (ImportError("broken"), ModuleNotFoundError("No module named 'numpy'", name="numpy"), RuntimeError("at import")):
+        with pytest.raises(type(failure)) as caught:
             sync._feature_epoch_for_expression_type("x")
-        assert caught.value is error
-    absent = ask(ModuleNotFoundError("gone", name="brackenfen.era_config"))
-    assert {sync._feature_epoch_for_expression_type("x") for _ in range(3)} == {"signal_is"}
-    assert absent.asked == 1
+        assert caught.value is failure
+    asked.clear()
+    failure = ModuleNotFoundError("gone", name="brackenfen.era_config")
+    assert {sync._feature_epoch_for_expression_type("x") for _ in range(3)} == {"signal_is"} and len(asked) == 1
 
 
 def test_a_neighbour_is_looked_up_once_per_operation(neighbour: Install) -> None:
@@ -91,7 +86,7 @@ def test_a_neighbour_is_looked_up_once_per_operation(neighbour: Install) -> None
     assert looked == ["RUNTIME_MODULE_KIND_SUFFIX"]
 
 
-def backoff_module(**changes: Any) -> dict[str, Any]:
+def backoff_module() -> dict[str, Any]:
     """A provider that records, never sleeps, and keeps its context in a list."""
     current: list[dict[str, Any]] = [{}]
 
@@ -117,11 +112,10 @@ def backoff_module(**changes: Any) -> dict[str, Any]:
     class Cancelled(Exception):
         pass
 
-    fields = dict(
+    return dict(
         SyncBackoffPolicy=Policy, SyncBackoffCancelled=Cancelled, backoff_context=backoff_context, current_context=lambda: current[-1],
         sync_backoff_event_fields=lambda **given: {"event_type": "sync_backoff_wait", **given, "host": True},
     )  # fmt: skip
-    return fields | changes
 
 
 def test_backoff_of_the_host_at_every_use(neighbour: Install, monkeypatch: pytest.MonkeyPatch, tmp_path: Any) -> None:
@@ -196,12 +190,11 @@ def test_builtin_backoff_context() -> None:
 
 
 def test_a_context_ends_on_whichever_thread_leaves_it() -> None:
-    def elsewhere(action: Callable[[], object]) -> None:
+    def elsewhere(action: Callable[[], object]) -> Any:
+        """The surface of this thread once another one has done that."""
         thread = threading.Thread(target=action)
         thread.start()
         thread.join()
-
-    def surface() -> Any:
         return sync.current_context().get("surface")
 
     def entering(*surfaces: str) -> Iterator[None]:
@@ -211,15 +204,12 @@ def test_a_context_ends_on_whichever_thread_leaves_it() -> None:
 
     outer, inner = entering("outer", "second"), entering("inner")
     next(outer), next(inner)
-    elsewhere(outer.close)
-    assert surface() == "inner"
-    elsewhere(inner.close)
-    assert surface() is None
+    assert elsewhere(outer.close) == "inner"
+    assert elsewhere(inner.close) is None
     shared = sync.backoff_context(surface="shared")
     with shared:
-        elsewhere(lambda: shared.__enter__())
-        assert surface() == "shared"
-    assert surface() is None
+        assert elsewhere(lambda: shared.__enter__()) == "shared"
+    assert sync.current_context() == {}
     shared.__exit__(None, None, None)  # what the other thread has left behind
 
 
@@ -247,7 +237,10 @@ def test_a_context_goes_along_with_a_copy_of_the_hosts() -> None:
     asyncio.run(main())
 
 
-def test_events_in_the_log(records: pytest.LogCaptureFixture) -> None:
+def test_events_in_the_log(records: pytest.LogCaptureFixture, monkeypatch: pytest.MonkeyPatch, manager: sync.SyncManager) -> None:
+    def interrupted(_: int) -> bool:
+        raise KeyboardInterrupt
+
     sync._log_sync_event("range_resume", "f", " 2 ", None, bytes_existing=5, nothing=None, note="\udcff", retryable=False)
     sync._log_sync_event("x", "", "abc", "", next_action="Action: contact_brackenfen")
     first, second = records.records
@@ -259,6 +252,10 @@ def test_events_in_the_log(records: pytest.LogCaptureFixture) -> None:
     records.set_level(logging.ERROR, logger="brackenfen.sync")
     sync._log_sync_event("checksum_repair_exhausted", "f", 1, "")
     assert len(records.records) == 2
+    monkeypatch.setattr(logging.getLogger("brackenfen.sync"), "isEnabledFor", interrupted)
+    for call in (manager.sync, lambda: sync._log_sync_event("http_retry", "f", 1, "")):
+        with pytest.raises(KeyboardInterrupt):
+            call()
 
 
 def test_outages_as_python_sees_them(records: pytest.LogCaptureFixture, neighbour: Install) -> None:
@@ -301,13 +298,3 @@ def test_a_look_at_one_thing_costs_no_more_for_many_others() -> None:
     for look in (lambda: dict(sync._SYNC_EVENT_COALESCE_COUNTS), lambda: sync._rotation_manifest_artifacts(manifest)):
         began = time.process_time()
         assert look() and time.process_time() - began < 1, "some ten milliseconds on a quiet machine"
-
-
-def test_an_interrupt_that_comes_while_the_level_is_asked_for(monkeypatch: pytest.MonkeyPatch, manager: sync.SyncManager) -> None:
-    def interrupted(_: int) -> bool:
-        raise KeyboardInterrupt
-
-    monkeypatch.setattr(logging.getLogger("brackenfen.sync"), "isEnabledFor", interrupted)
-    for call in (manager.sync, lambda: sync._log_sync_event("http_retry", "f", 1, "")):
-        with pytest.raises(KeyboardInterrupt):
-            call()
