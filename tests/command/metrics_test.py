@@ -182,15 +182,15 @@ def changed():
     return lambda: (os.stat("x.prom").st_ino, os.stat("x.prom").st_mtime_ns) != before
 """
 SCENES = {
-    "it ends without a word": "print(oct(os.stat('x.prom').st_mode & 0o777))",
-    "a full disk": """
+    "it ends without a word": ("print(oct(os.stat('x.prom').st_mode & 0o777))", "0o644", 0),
+    "a full disk": ("""
 resource.setrlimit(resource.RLIMIT_FSIZE, (100, resource.RLIM_INFINITY))
 until(lambda: figures._has_warned)
 print(os.path.getsize("x.prom") > 1000, sorted(os.listdir()))
 resource.setrlimit(resource.RLIMIT_FSIZE, (resource.RLIM_INFINITY, resource.RLIM_INFINITY))
 until(changed())
-""",
-    "a fork": """
+""", "True ['data', 'x.prom']", 1),
+    "a fork": ("""
 figures.close()
 figures = MetricsFile(manager, "data", "x.prom", 60)
 if (child := os.fork()) == 0:
@@ -201,19 +201,17 @@ print(os.waitpid(child, 0)[1])
 figures.close()
 figures.close()
 print(os.path.exists("x.prom"))
-""",
-    "no manager any more": "del manager; figures._thread.join(20); print(figures._thread.is_alive(), len(logging.getLogger('brackenfen.sync').handlers))",
-}
-SAID = {
-    "it ends without a word": ("0o644", 0), "a full disk": ("True ['data', 'x.prom']", 1), "a fork": ("0\nTrue", 0), "no manager any more": ("False 0", 0),
+""", "0\nTrue", 0),
+    "no manager any more": (
+        "del manager; figures._thread.join(20); print(figures._thread.is_alive(), len(logging.getLogger('brackenfen.sync').handlers))", "False 0", 0
+    ),
 }  # fmt: skip
 
 
-@pytest.mark.parametrize("scene", SCENES)
-def test_a_host_is_not_harmed_by_its_figures(tmp_path, scene):
+@pytest.mark.parametrize(("scene", "printed", "warnings"), SCENES.values(), ids=SCENES)
+def test_a_host_is_not_harmed_by_its_figures(tmp_path, scene, printed, warnings):
     (tmp_path / "data").mkdir()
-    done = subprocess.run([sys.executable, "-W", "ignore", "-c", HOST + SCENES[scene]], cwd=tmp_path, capture_output=True, text=True, timeout=30)
-    printed, warnings = SAID[scene]
+    done = subprocess.run([sys.executable, "-W", "ignore", "-c", HOST + scene], cwd=tmp_path, capture_output=True, text=True, timeout=30)
     assert (done.returncode, done.stdout.strip()) == (0, printed) and done.stderr.count("WARNING") == warnings, done.stderr
     assert not warnings or "File too large" in done.stderr
 
@@ -231,38 +229,27 @@ def test_a_host_whose_logger_is_closed_has_figures_without_counters(tmp_path, ca
 
 
 def test_a_reader_meets_a_whole_file_at_any_moment(tmp_path):
-    place, ended = tmp_path / "x.prom", threading.Event()
-    contents = [letter * 3_000_000 for letter in (b"a", b"b")]
+    place, contents, seen = tmp_path / "x.prom", [letter * 3_000_000 for letter in (b"a", b"b")], []
     write_whole(place, contents[0])
 
     def write():
-        for turn in range(60):
-            write_whole(place, contents[turn % 2])
-        ended.set()
+        for content in contents * 30:
+            write_whole(place, content)
 
     writer = threading.Thread(target=write)
     writer.start()
-    seen = []
-    while not ended.is_set():
+    while writer.is_alive():
         seen.append(place.read_bytes() in contents)
-    writer.join()
     assert all(seen) and list(tmp_path.iterdir()) == [place]
 
 
-def dashboard_queries():
-    panels = json.loads((EXAMPLES / "dashboard.json").read_text())["panels"]
-    for query in (target["expr"] for panel in panels for target in panel["targets"]):
-        yield query.replace("$__rate_interval", "5m")
-
-
-def test_the_alerts_fire_when_they_should_and_at_no_other_time(promtool):
+def test_alerts_fire_when_they_should_and_dashboard_and_pages_speak_of_figures_that_there_are(promtool, tmp_path):
     promtool("check", "rules", EXAMPLES / "alerts.yml")
     promtool("test", "rules", EXAMPLES / "alerts_test.yml")
-
-
-def test_dashboard_alerts_and_pages_speak_of_figures_that_there_are(promtool, tmp_path):
     alerts, page = (EXAMPLES / "alerts.yml").read_text(), (ROOT / "docs" / "monitoring.md").read_text()
-    queries = [*re.findall(r"^ +expr: (.*)$", alerts, re.MULTILINE), *dashboard_queries()]
+    panels = json.loads((EXAMPLES / "dashboard.json").read_text())["panels"]
+    shown = [target["expr"].replace("$__rate_interval", "5m") for panel in panels for target in panel["targets"]]
+    queries = [*re.findall(r"^ +expr: (.*)$", alerts, re.MULTILINE), *shown]
     used = set(re.findall(rf"{PREFIX}(\w+)", " ".join(queries)))
     assert used <= set(FIGURES) and len(FIGURES.keys() - used) < 15
     told = [re.findall(r"^\| `(\w+)` \|", part, re.MULTILINE) for part in page.split("\n## ")]

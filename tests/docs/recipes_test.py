@@ -13,14 +13,11 @@ PAGE = pathlib.Path(__file__).resolve().parents[2] / "docs" / "progress.md"
 TOKEN = "canary-9a41"
 
 
-@pytest.mark.parametrize(
-    ("recipe", "shown"),
-    [
-        ("tqdm", r"waiting for the server: http_503, attempt 1[\s\S]+sync: downloading: +[1-9]\d?%[\s\S]+B/s[\s\S]+done: 100%"),
-        ("rich", r"sync: done +━+ ([\d.]+)/\1 \wB "),
-        ("A notebook", r"waiting for the server: http_503[\s\S]+<progress value='[1-9]\d*' max='\d+'></progress> sync: down"),
-    ],
-)
+@pytest.mark.parametrize(("recipe", "shown"), [
+    ("tqdm", r"waiting for the server: http_503, attempt 1[\s\S]+sync: downloading: +[1-9]\d?%[\s\S]+B/s[\s\S]+done: 100%"),
+    ("rich", r"sync: done +━+ ([\d.]+)/\1 \wB "),
+    ("A notebook", r"waiting for the server: http_503[\s\S]+<progress value='[1-9]\d*' max='\d+'></progress> sync: down"),
+])  # fmt: skip
 def test_a_recipe_shows_how_far_it_is(recipe: str, shown: str, tool: Any, serve: Any, tmp_path: pathlib.Path, monkeypatch: Any) -> None:
     tool("sample", tmp_path / "tree", "--files", 24, "--bytes", "100kB", "--universes", "liquid_500")
     away, slow = "/data/manifest/version:status=503,times=1", "/data/files/features/*:drip=20000"

@@ -58,19 +58,16 @@ def test_the_whole_course_on_a_schedule(tool_path, serve, eras, tree):
     assert assert_complete(tree)["era_number"] == 3
 
 
-@pytest.mark.parametrize(
-    ("arguments", "code", "complaint"),
-    [
-        ((), 2, "a folder of artifacts is needed"),
-        (("--step", "open"), 2, "a folder of artifacts is needed"),
-        (("{eras}/era-2", "--step", "open", "--base-url", "http://cdn.example.com"), 2, "no client accepts it"),
-        (("--step", "close", "x"), 2, "more folders than this step can use"),
-        (("--step", "sleep"), 2, "--step"),
-        (("--step", "open", "{eras}/era-3"), 1, "era"),  # its documents belong to another era than the next
-        (("{eras}/era-2", "{eras}/era-2"), 1, "era 3 is being published"),  # found before the first era ends
-        (("{eras}/era-2", "{eras}/era-9"), 1, "era-9 is not a folder"),
-    ],
-)
+@pytest.mark.parametrize(("arguments", "code", "complaint"), [
+    ((), 2, "a folder of artifacts is needed"),
+    (("--step", "open"), 2, "a folder of artifacts is needed"),
+    (("{eras}/era-2", "--step", "open", "--base-url", "http://cdn.example.com"), 2, "no client accepts it"),
+    (("--step", "close", "x"), 2, "more folders than this step can use"),
+    (("--step", "sleep"), 2, "--step"),
+    (("--step", "open", "{eras}/era-3"), 1, "era"),  # its documents belong to another era than the next
+    (("{eras}/era-2", "{eras}/era-2"), 1, "era 3 is being published"),  # found before the first era ends
+    (("{eras}/era-2", "{eras}/era-9"), 1, "era-9 is not a folder"),
+])  # fmt: skip
 def test_what_is_refused_changes_nothing(tool, eras, tree, arguments, code, complaint):
     assert complaint in tool("advance", tree, *(argument.format(eras=eras) for argument in arguments), code=code)
     assert era_of(tree) == ACTIVE and manifest_of(tree)["era_number"] == 1
