@@ -165,22 +165,6 @@ def neighbour(monkeypatch: pytest.MonkeyPatch) -> Callable[..., types.ModuleType
     return install
 
 
-@pytest.fixture
-def short_waits(neighbour: Callable[..., types.ModuleType]) -> None:
-    """A host's back-off that waits for milliseconds, whatever the attempt."""
-    builtin = sync._sync_backoff_module()
-
-    class Policy:
-        def delay_seconds(self, attempt_index: int) -> float:
-            return 0.02
-
-        def sleep(self, wait_seconds: float, *, sleep: Callable[[float], None], stop_requested: Callable[[], bool]) -> bool:
-            sleep(wait_seconds)
-            return not stop_requested()
-
-    neighbour("sync_backoff", **{**vars(builtin), "SyncBackoffPolicy": Policy})
-
-
 class Program:
     """A fresh interpreter running a program; what it prints, how it ends and how long that takes. Its input stays open until finish()."""
 

@@ -73,10 +73,14 @@ def test_they_are_short() -> None:
 def test_the_host_follows_eras(start: Any, tool: Any, site: Any, tmp_path: pathlib.Path) -> None:
     host = start("host.py", tmp_path / "data", site[1])
     says(host, "era 1 is here: 24 files")
-    tool("advance", site[0], "--step", "gap")
-    tool("advance", site[0], tmp_path / "eras/era-2", "--step", "open")
-    says(host, "kill: stop what reads the files, era 1")
-    says(host, "restart: start what reads the files, era 2")
+    kill, restart = "kill: stop what reads the files, era ", "restart: start what reads the files, era "
+    for step, told in (("announce", []), ("close", [kill, restart]), ("reopen", [restart]), ("close", [kill, restart]), ("gap", [])):
+        tool("advance", site[0], "--step", step)
+        for text in told:
+            says(host, text + "1")
+    tool("advance", site[0], tmp_path / "eras/era-2", "--step", "open", "--shape", "wrapped")
+    says(host, kill + "1")
+    says(host, restart + "2")
     assert ends(host) == 0 and sync.SyncManager(tmp_path / "data", site[1], str).verify().valid
 
 

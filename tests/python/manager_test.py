@@ -82,7 +82,12 @@ def test_what_a_pass_hands_to_python(manager: sync.SyncManager, server: Any) -> 
     assert manager._manifest.to_dict() == server.manifest()
 
 
-def test_a_download_with_every_argument(manager: sync.SyncManager, server: Any, short_waits: None, tmp_path: pathlib.Path, records: pytest.LogCaptureFixture) -> None:
+def test_a_download_with_every_argument(manager: sync.SyncManager, server: Any, neighbour: Any, tmp_path: pathlib.Path, records: Any) -> None:
+    class Policy:
+        delay_seconds = staticmethod(lambda _: 0.02)
+        sleep = staticmethod(lambda seconds, sleep, stop_requested: sleep(seconds) or not stop_requested())
+
+    neighbour("sync_backoff", **{**vars(sync._sync_backoff_module()), "SyncBackoffPolicy": Policy})
     server.add("f", b"x")
     waits: list[float] = []
     answers = iter([(503, b"{}"), (200, b"")])  # the first is an outage of the server, the second a failed transfer of this file
@@ -139,43 +144,28 @@ def test_requests_and_probes(manager: sync.SyncManager, server: Any) -> None:
     assert manager._download_manifest_superseded(stamped) and not manager._download_manifest_superseded({})
 
 
-def test_local_integrity(manager: sync.SyncManager, server: Any) -> None:
-    fill(server)
-    manager.sync()
-    name = "features/u/signal_is/a.arrow"
-    path, entry = pathlib.Path(manager._data_dir, name), server.entries[name]
-    stat = path.stat()
-    assert sync.SyncManager._cache_stat_key(path) == (5000, stat.st_mtime_ns, stat.st_ctime_ns, stat.st_ino)
-    assert manager._load_hash_cache() == manager._hash_cache and name in manager._hash_cache
-    assert manager._cached_local_sha(name, path, entry["sha256"]) == entry["sha256"]
-    assert manager._local_file_matches_manifest(name, path, entry, cache_allowed=False)
-    state = types.SimpleNamespace(active_relative_paths=[name])
-    record = types.SimpleNamespace(files=server.manifest()["files"], era_number=7, functions="functions.json")
-    assert manager._local_manifest_files_complete(manager._manifest, active_rotation_state=state)
-    path.write_bytes(b"alphb" * 1000)
-    assert not manager._local_manifest_files_complete(record, state)
-
-
-def test_verify_and_repair(manager: sync.SyncManager, server: Any) -> None:
+def test_what_is_here_is_judged_and_repaired(manager: sync.SyncManager, server: Any) -> None:
     fill(server)
     assert manager.needs_sync() and manager.verify() == sync.VerifyResult()
     manager.sync()
     damaged, gone = list(server.files)[:2]
-    pathlib.Path(manager._data_dir, damaged).write_bytes(b"?" * len(server.files[damaged]))
+    path, entry = pathlib.Path(manager._data_dir, damaged), server.entries[damaged]
+    stat = path.stat()
+    assert sync.SyncManager._cache_stat_key(path) == (5000, stat.st_mtime_ns, stat.st_ctime_ns, stat.st_ino)
+    assert manager._load_hash_cache() == manager._hash_cache and damaged in manager._hash_cache
+    assert manager._cached_local_sha(damaged, path, entry["sha256"]) == entry["sha256"]
+    assert manager._local_file_matches_manifest(damaged, path, entry, cache_allowed=False)
+    record = types.SimpleNamespace(files=server.manifest()["files"], era_number=7, functions="functions.json")
+    assert manager._local_manifest_files_complete(manager._manifest, active_rotation_state=types.SimpleNamespace(active_relative_paths=[damaged]))
+    path.write_bytes(b"?" * 5000)
     pathlib.Path(manager._data_dir, gone).unlink()
-    found = manager.verify()
-    assert found == sync.VerifyResult(valid=False, corrupted_files=[damaged], missing_files=[gone])
-    assert manager.needs_sync()
+    assert not manager._local_manifest_files_complete(record)
+    assert manager.verify() == sync.VerifyResult(valid=False, corrupted_files=[damaged], missing_files=[gone]) and manager.needs_sync()
     result = manager.repair(corrupted_files=(path for path in (damaged, gone, "unknown")))
     assert isinstance(result, sync.SyncResult) and result.bytes_downloaded == len(server.files[damaged]) + len(server.files[gone])
     assert manager.verify().valid and not manager.needs_sync()
-    result = manager.ensure_manifest_file_available(file_path=damaged, file_info=types.MappingProxyType(server.entries[damaged]))
+    result = manager.ensure_manifest_file_available(file_path=damaged, file_info=types.MappingProxyType(entry))
     assert result.bytes_downloaded == len(server.files[damaged])
-    with pytest.raises(TypeError, match="corrupted_files"):
-        manager.repair(5)
-    server.answers["/data/manifest/version"] = (503, b'{"retryable": false}')
-    with pytest.raises(sync.SyncUnavailableError):
-        manager.needs_sync()
 
 
 def test_a_batch_with_callbacks_on_worker_threads(manager: sync.SyncManager, server: Any) -> None:
@@ -189,15 +179,3 @@ def test_a_batch_with_callbacks_on_worker_threads(manager: sync.SyncManager, ser
         manager._download_files_parallel(server.entries, result)
     assert (caught.value.file_path, caught.value.status, result.bytes_downloaded) == ("f3", 410, 12)
     assert names and all(name.startswith("bf-sync") for name in names)
-    server.add("a", b"a"), server.add("b", b"b")
-    for interrupt in (KeyboardInterrupt, SystemExit):  # of one worker: what the others bring counts all the same
-
-        def token(once: Any = iter([interrupt])) -> str:
-            for raised in once:
-                raise raised
-            return server.token
-
-        manager._get_token, result = token, sync.SyncResult()
-        with pytest.raises(interrupt):
-            manager._download_files_parallel({path: server.entries[path] for path in ("f1", "a", "b")}, result)
-        assert result.bytes_downloaded == 2

@@ -10,6 +10,7 @@ import sys
 import threading
 import time
 from collections.abc import Callable, Iterator
+from concurrent.futures import Future, ThreadPoolExecutor
 from typing import Any
 
 import brackenfen.sync as sync
@@ -19,34 +20,22 @@ AWAY = (503, b"{}")
 LOCK_HOLDER = "import fcntl, sys; file = open(sys.argv[1], 'a'); fcntl.flock(file, fcntl.LOCK_EX); print('held', flush=True); sys.stdin.read()"
 
 
-class Syncing:
-    """A sync on a thread of its own, looked at from this one."""
-
-    def __init__(self, manager: sync.SyncManager) -> None:
-        self.manager, self.failure = manager, None
-        self.thread = threading.Thread(target=self.run)
-        self.thread.start()
-
-    def run(self) -> None:
-        try:
-            self.manager.sync()
-        except Exception as error:
-            self.failure = error
-
-    def shows(self, enough: Callable[[sync.Progress], object]) -> sync.Progress:
-        deadline = time.monotonic() + 10
-        while time.monotonic() < deadline:
-            if (seen := self.manager.progress()) is not None and enough(seen):
-                return seen
-        raise AssertionError(seen)
-
-    def snapshots(self) -> Iterator[sync.Progress]:
-        while self.thread.is_alive():
-            if (seen := self.manager.progress()) is not None:
-                yield seen
+@pytest.fixture
+def begin() -> Iterator[Callable[[sync.SyncManager], Future[sync.SyncResult]]]:
+    """begin(manager): a sync on a thread of its own, looked at from this one."""
+    with ThreadPoolExecutor(1) as pool:
+        yield lambda manager: pool.submit(manager.sync)
 
 
-def test_a_pass_shows_its_files_bytes_and_waits(manager: sync.SyncManager, server: Any) -> None:
+def shown(manager: sync.SyncManager, enough: Callable[[sync.Progress], object]) -> sync.Progress:
+    deadline = time.monotonic() + 10
+    while time.monotonic() < deadline:
+        if (seen := manager.progress()) is not None and enough(seen):
+            return seen
+    raise AssertionError(seen)
+
+
+def test_a_pass_shows_its_files_bytes_and_waits(manager: sync.SyncManager, server: Any, begin: Any) -> None:
     assert manager.progress() is None
     for name in "abc":
         server.add(f"features/{name}.arrow", name.encode() * 1000)
@@ -60,9 +49,8 @@ def test_a_pass_shows_its_files_bytes_and_waits(manager: sync.SyncManager, serve
         handler.wfile.write(b"b" * 400)
 
     server.answers |= {"/data/files/features/b.arrow": pause, "/data/files/features/c.arrow": AWAY}
-    began = time.time()
-    syncing = Syncing(manager)
-    seen = syncing.shows(lambda each: each.wait and each.wait.attempt > 1 and any(file.bytes_done for file in each.files_in_flight))
+    began, syncing = time.time(), begin(manager)
+    seen = shown(manager, lambda each: each.wait and each.wait.attempt > 1 and any(file.bytes_done for file in each.files_in_flight))
     # The catalogue of functions is one of the set; the vocabulary comes behind it.
     assert (seen.operation, seen.phase, seen.files_done, seen.files_total) == ("sync", "downloading", 2, 4)
     assert seen.bytes_total == 3000 + len(server.documents["functions.json"]) and seen.bytes_done == seen.bytes_total - 1400
@@ -79,29 +67,30 @@ def test_a_pass_shows_its_files_bytes_and_waits(manager: sync.SyncManager, serve
     assert time.process_time() - called < 2
     server.answers.clear()
     server.released.set()
-    syncing.thread.join()
-    assert manager.progress() is None and manager.health().waiting_for is None and syncing.failure is None
+    syncing.result()
+    assert manager.progress() is None and manager.health().waiting_for is None
 
 
-def test_done_is_never_more_than_total(manager: sync.SyncManager, server: Any) -> None:
+def test_done_is_never_more_than_total(manager: sync.SyncManager, server: Any, begin: Any) -> None:
     for index in range(150):
         server.add(f"features/{index}.arrow", b"x" * 100)
-    seen = list(Syncing(manager).snapshots())
+    syncing, seen = begin(manager), list[sync.Progress]()
+    while not syncing.done():
+        seen += filter(None, [manager.progress()])
     assert all(each.files_done <= each.files_total and each.bytes_done <= each.bytes_total for each in seen)
     assert any(0 < each.files_done < 150 for each in seen)
 
 
-def test_who_holds_the_directory(manager: sync.SyncManager, program: Any) -> None:
+def test_who_holds_the_directory(manager: sync.SyncManager, program: Any, begin: Any) -> None:
     holder = program(LOCK_HOLDER, manager._flock_path, "x" * 100_000)
     holder.wait_for("held")
-    syncing = Syncing(manager)
-    seen = syncing.shows(lambda each: each.wait)
+    syncing = begin(manager)
+    seen = shown(manager, lambda each: each.wait)
     assert seen.phase == "waiting" and isinstance(seen.wait, sync.LockWait)
     assert seen.wait.pid == holder.process.pid and "fcntl.flock" in str(seen.wait.command) and len(str(seen.wait.command)) == 4096
     assert manager.health().waiting_for == seen.wait
     holder.finish()
-    syncing.thread.join()
-    assert syncing.failure is None
+    syncing.result()
 
 
 FORKING = "import fcntl, os, sys; fcntl.flock(os.open(sys.argv[1], os.O_RDONLY), fcntl.LOCK_EX); os.fork() and os._exit(0); sys.stdin.read()"

@@ -2,6 +2,7 @@
 
 import fcntl
 import functools
+import itertools
 import json
 import os
 import pty
@@ -40,6 +41,13 @@ ARTIFACTS = {
 @pytest.fixture
 def source(tmp_path):
     return write_files(tmp_path / "artifacts", ARTIFACTS)
+
+
+@pytest.fixture
+def tree(tool, source, tmp_path):
+    """Version 1 of era 4."""
+    tool("publish", source, tmp_path / "tree", "--era", 4, "--version", 1)
+    return tmp_path / "tree"
 
 
 def test_manifest_describes_every_artifact(tool, source, tmp_path):
@@ -84,13 +92,10 @@ def test_next_version_places_what_changed_and_drops_what_left(tool, source, tmp_
     assert not (tree / "data/files/features/signal_is").exists()
 
 
-def test_readers_never_meet_a_manifest_without_its_files(tool, source, tmp_path):
-    tree = tmp_path / "tree"
-    tool("publish", source, tree, "--era", 4, "--version", 1)
-    faults, done, looks = [], threading.Event(), 0
+def test_readers_never_meet_a_manifest_without_its_files(tool, source, tree):
+    faults, done, looks = [], threading.Event(), itertools.count()
 
     def read():
-        nonlocal looks
         while not done.is_set():
             manifest = manifest_of(tree)
             missing = [path for path in manifest["files"] if not (tree / "data/files" / path).exists()]
@@ -99,7 +104,7 @@ def test_readers_never_meet_a_manifest_without_its_files(tool, source, tmp_path)
             version = json.loads((tree / "data/manifest-version.json").read_bytes())["version"]
             if manifest_of(tree)["version"] < version:
                 faults.append(f"version {version} announced before its manifest")
-            looks += 1
+            next(looks)
 
     reader = threading.Thread(target=read)
     reader.start()
@@ -111,8 +116,7 @@ def test_readers_never_meet_a_manifest_without_its_files(tool, source, tmp_path)
     finally:
         done.set()
         reader.join()
-    assert not faults
-    assert looks > 20
+    assert faults == [] and next(looks) > 20
     assert_complete(tree)
 
 
@@ -143,9 +147,7 @@ REFUSALS = {
 
 
 @pytest.mark.parametrize(("spoil", "words"), REFUSALS.values(), ids=REFUSALS.keys())
-def test_bad_source_is_refused_and_the_tree_stays(tool, source, tmp_path, spoil, words):
-    tree = tmp_path / "tree"
-    tool("publish", source, tree, "--era", 4, "--version", 1)
+def test_bad_source_is_refused_and_the_tree_stays(tool, source, tree, spoil, words):
     spoil(source)
     assert words in tool("publish", source, tree, "--era", 4, "--version", 2, code=1)
     assert manifest_of(tree)["version"] == 1
@@ -195,9 +197,7 @@ def test_what_clients_would_stumble_on_is_told(tool, tmp_path, spoil, words):
     assert tool("check", tree, code=1).startswith(warned)
 
 
-def test_files_that_got_lost_in_a_tree_are_told(tool, source, tmp_path):
-    tree = tmp_path / "tree"
-    tool("publish", source, tree, "--era", 4, "--version", 1)
+def test_files_that_got_lost_in_a_tree_are_told(tool, tree):
     assert "10 files, nothing that clients would stumble on" in tool("check", tree)
     os.truncate(tree / "data/files/features/signal_is/plain.arrow", 3)
     (tree / "data/files/useful_signals/p/e/signal_os/pnl.arrow").unlink()
@@ -221,9 +221,7 @@ def state_of(tree):
     return {path: path.is_dir() or path.read_bytes() for path in tree.rglob("*")}
 
 
-def test_full_disk_leaves_the_tree_as_it_was(tool, source, tmp_path):
-    tree = tmp_path / "tree"
-    tool("publish", source, tree, "--era", 4, "--version", 1)
+def test_full_disk_leaves_the_tree_as_it_was(tool, source, tree):
     before = state_of(tree)
     write_files(source, {"new/folder/large": b"x" * 100_000, "features/signal_is/plain.arrow": b"other"})
     for limit in (50_000, 500):  # a write fails as on a full disk: that of an artifact, or of the manifest when all artifacts are staged
@@ -236,9 +234,7 @@ def test_full_disk_leaves_the_tree_as_it_was(tool, source, tmp_path):
 
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
-def test_signal_during_a_long_publication_leaves_the_tree_as_it_was(tool, tool_path, source, tmp_path, number):
-    tree = tmp_path / "tree"
-    tool("publish", source, tree, "--era", 4, "--version", 1)
+def test_signal_during_a_long_publication_leaves_the_tree_as_it_was(tool_path, source, tree, number):
     before = state_of(tree)
     (source / "long").touch()
     os.truncate(source / "long", 1 << 36)  # a minute's worth of hashing, and no room on the disk
