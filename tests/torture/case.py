@@ -11,6 +11,7 @@ from collections.abc import Callable, Iterator, Sequence
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ.get("BRACKENFEN_BUILD_DIR", ROOT / "build/dev"))
+SANITIZED = BUILD.name in ("asan", "tsan")  # programs are slow then, and what they hold is not the library's own
 
 
 @dataclasses.dataclass(frozen=True)

@@ -4,7 +4,6 @@ import atexit
 import dataclasses
 import functools
 import json
-import os
 import pathlib
 import re
 import ssl
@@ -14,13 +13,13 @@ import time
 from collections.abc import Callable
 from typing import Any
 
+from torture.case import SANITIZED
 from torture.hostile_client import Arena, Report, clear, forms
 from torture.hostile_server import CHUNK, PLACES, SMALL, TOKEN, Attack, Server, World, digest_of
 
 TIMEOUTS = ("BRACKENFEN_SYNC_HTTP_TIMEOUT_SECONDS", "BRACKENFEN_SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS")
 SETTINGS = {"BRACKENFEN_SYNC_HTTP_CHUNK_BYTES": str(CHUNK)} | dict.fromkeys(TIMEOUTS, "60")  # for a busy machine
 HASTE = dict.fromkeys(TIMEOUTS, "0.5")  # where a timeout is what is looked at
-ASAN = "libasan" in os.environ.get("TORTURE_PRELOAD", "")
 MEMORY_KIB = (64 << 10) + 2 * 8 * CHUNK // 1024
 BAD_JSON = "ManifestError: Invalid manifest JSON: .*"
 
@@ -149,7 +148,7 @@ def run(row: Row) -> str | None:
         figure = f"{row.name}: {time.monotonic() - began:.1f} s, {report.grown >> 10} MiB" if row.memory_kib > MEMORY_KIB else None
         assert_expected(row, report)
         assert_kept_secret(report, directory, server)
-        assert report.grown < row.memory_kib or ASAN, f"it took {report.grown >> 10} MiB"
+        assert report.grown < row.memory_kib or SANITIZED, f"it took {report.grown >> 10} MiB"
         if row.then:
             row.then(server, report)
         server.heal()

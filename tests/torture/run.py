@@ -12,6 +12,7 @@ import dataclasses
 import importlib
 import os
 import pathlib
+import signal
 import sys
 import time
 import traceback
@@ -88,6 +89,7 @@ def main() -> int:
     parser.add_argument("--repeat", metavar="LINE", help="one case, by the line that its failure printed")
     parser.add_argument("names", metavar="NAME", nargs="*", help="how the names of the wanted pieces begin")
     chosen = parser.parse_args()
+    signal.signal(signal.SIGINT, signal.default_int_handler)  # a shell has its background work ignore Ctrl-C, and that is inherited
     if chosen.repeat:
         return repeat(chosen.repeat).failed
     rows = [run_piece(module, module.cases(chosen.long)) for module in pieces(chosen.names)]

@@ -11,13 +11,13 @@ import threading
 import time
 from collections.abc import Iterable
 
-from torture.case import BUILD, Case
+from torture.case import SANITIZED, Case
 from torture.workloads import DEADLINE_SECONDS, FIRST, SPOILT, Trial, Workload, start_host, trial
 from torture.world import DATA, World, world
 
 PROCESSES = 4
 ERA_SECONDS, VERSION_SECONDS = 10.0, 0.5
-PAUSE_SECONDS = 2.0 if BUILD.name in ("asan", "tsan") else 0.2  # at most, between two blows; a slow program must come to its work
+PAUSE_SECONDS = 2.0 if SANITIZED else 0.2  # at most, between two blows; a slow program must come to its work
 
 
 def world_after(draw: random.Random, before: World, new_era: bool) -> World:

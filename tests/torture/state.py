@@ -10,8 +10,8 @@ import socket
 from collections.abc import Callable, Iterator
 from typing import Any
 
-from torture.case import Case, draw
-from torture.hostile_case import ASAN, OPERATIONS, SETTINGS, arena, assert_whole, template
+from torture.case import SANITIZED, Case, draw
+from torture.hostile_case import OPERATIONS, SETTINGS, arena, assert_whole, template
 from torture.hostile_client import Report
 from torture.hostile_server import BIG, CHUNK, FUNCTIONS, INDEX, SMALL, TOKEN, VOCABULARY, Server, World
 
@@ -130,7 +130,7 @@ def run(name: str, damage: str, operation: str) -> None:
                 shutil.rmtree(path) if path.is_dir() and not path.is_symlink() else path.unlink()
             report = arena.client.run(code, SETTINGS, **variables)
         assert not report.error, f"then: {report.error}"
-        assert report.grown < 400 << 10 or ASAN, f"it took {report.grown >> 10} MiB"
+        assert report.grown < 400 << 10 or SANITIZED, f"it took {report.grown >> 10} MiB"
         return report
 
     try:
