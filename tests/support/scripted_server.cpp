@@ -259,13 +259,7 @@ void ScriptedServer::send_reply(Connection& connection, const Reply& reply) {
   }
   if (!framed) message += "Content-Length: " + std::to_string(reply.body.size()) + "\r\n";
   message += "\r\n" + reply.body.substr(0, reply.cut_after.value_or(reply.body.size()));
-  if (reply.drip > milliseconds(0)) {
-    for (const char byte : message) {
-      if (!connection.send({&byte, 1}) || !connection.wait(reply.drip)) return;
-    }
-  } else if (!connection.send(message)) {
-    return;
-  }
+  if (!connection.send(message)) return;
   while (reply.endless && connection.send(reply.body)) continue;
   if (reply.stall) static_cast<void>(connection.wait(std::chrono::hours(1)));
   if (reply.reset) connection.reset_on_close();

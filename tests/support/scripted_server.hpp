@@ -31,7 +31,6 @@ struct Reply {
   bool stall = false;                         ///< after the body (or its cut) nothing happens any more
   bool keep = false;                          ///< the connection serves another request
   std::chrono::milliseconds delay{0};         ///< before the first byte
-  std::chrono::milliseconds drip{0};          ///< after every byte
 };
 
 struct LoggedRequest {

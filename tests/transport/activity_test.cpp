@@ -44,16 +44,13 @@ TEST_F(ActivityTest, showsTheOutermostOperationWithTheInnermostPhase) {
   }
   EXPECT_EQ(now().phase, phase::DOWNLOADING);
   EXPECT_FALSE(activity_->standing().last_error);
+  // One that waits for its turn gives way to the one at work.
   EXPECT_EQ(another_->progress()->phase, phase::WAITING);
-}
-
-TEST_F(ActivityTest, anOperationThatWaitsForItsTurnGivesWayToTheOneAtWork) {
-  const Operation waiting(activity_, operation::SYNC, phase::WAITING);
   std::thread([&] {
-    const Operation at_work(activity_, operation::TRANSITION, phase::PROMOTING);
-    EXPECT_EQ(now().operation, operation::TRANSITION);
+    const Operation at_work(another_, operation::TRANSITION, phase::PROMOTING);
+    EXPECT_EQ(another_->progress()->operation, operation::TRANSITION);
   }).join();
-  EXPECT_EQ(now().operation, operation::SYNC);
+  EXPECT_EQ(another_->progress()->operation, operation::SYNC);
 }
 
 TEST_F(ActivityTest, countsNeverMoreThanIsToCome) {

