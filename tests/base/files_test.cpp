@@ -1,19 +1,15 @@
-// Directories, descriptors and digests, against real files.
+// Directories and descriptors, against real files.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <cerrno>
 #include <filesystem>
-#include <functional>
 #include <string>
 
 #include "sync/base/files/descriptor.hpp"
-#include "sync/base/files/file_text.hpp"
 #include "sync/base/files/paths.hpp"
 #include "sync/base/files/place.hpp"
 #include "sync/base/files/root_directory.hpp"
-#include "sync/base/files/sha256.hpp"
 #include "tests/support/failures.hpp"
 #include "tests/support/temporary_directory.hpp"
 
@@ -26,22 +22,6 @@ class Files : public ::testing::Test {
 
   TemporaryDirectory root_;
 };
-
-TEST_F(Files, descriptorsCarryWholeContents) {
-  std::string content(300'000, 'x');
-  content[70'000] = '\0';
-  {
-    Descriptor file = open_file(at("file"), O_CREAT | O_WRONLY);
-    EXPECT_NE(::fcntl(file.get(), F_GETFD) & FD_CLOEXEC, 0);
-    write_all(file, content, at("file"));
-    file.close();
-    EXPECT_FALSE(file);
-  }
-  EXPECT_EQ(read_file(at("file")), content);
-  EXPECT_EQ(FileText(at("file")).view(), content);
-  EXPECT_FALSE(read_file("/proc/self/stat").empty());  // its size reads as 0
-  EXPECT_EQ(FileText("/proc/cpuinfo").view().size(), read_file("/proc/cpuinfo").size());
-}
 
 TEST_F(Files, failuresNameThePath) {
   EXPECT_EQ(failure_of([&] { return read_file(at("missing")); }),
@@ -69,54 +49,6 @@ TEST_F(Files, foldersAreOpenedWithoutALinkOnTheWay) {
   EXPECT_TRUE(is_directory(at("a/new/deep")));
   EXPECT_THROW((void)directory.make_folder("link/new"), Error);
   EXPECT_FALSE(path_exists(at("elsewhere/new")));
-}
-
-TEST_F(Files, whatIsNoFileOfOnesOwnGivesWayAndIsNeverWaitedFor) {
-  const std::string foreign = root_.write("foreign", "precious");
-  const std::pair<const char*, std::function<void(const std::string&)>> rows[] = {
-      {"nothing", [](const std::string&) {}},
-      {"a link", [&](const std::string& path) { std::filesystem::create_symlink(foreign, path); }},
-      {"a link to nothing", [&](const std::string& path) { std::filesystem::create_symlink(at("made"), path); }},
-      {"a further name", [&](const std::string& path) { std::filesystem::create_hard_link(foreign, path); }},
-      {"a pipe", [](const std::string& path) { ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0); }},
-  };
-  for (const auto& [name, put] : rows) {
-    SCOPED_TRACE(name);
-    const std::string path = at("own");
-    put(path);
-    write_all(open_own_file(path, O_WRONLY), "mine", path);
-    EXPECT_EQ(root_.read("own"), "mine");
-    EXPECT_EQ(root_.read("foreign"), "precious");
-    EXPECT_FALSE(path_exists(at("made")));
-    std::filesystem::remove(path);
-    put(path);
-    if (std::string_view(name) == "a pipe") {
-      EXPECT_EQ(failure_of([&] { return read_file(path); }), "OSError: [Errno 22] Invalid argument: '" + path + "'");
-    }
-    std::filesystem::remove(path);
-  }
-  EXPECT_EQ(failure_of([&] { return read_file(foreign, 7); }), "OSError: [Errno 27] File too large: '" + foreign + "'");
-  EXPECT_EQ(read_file(foreign, 8), "precious");
-  make_directories(at("own"));
-  EXPECT_EQ(failure_of([&] { return open_own_file(at("own"), O_WRONLY); }),
-            "IsADirectoryError: [Errno 21] Is a directory: '" + at("own") + "'");
-}
-
-TEST(Sha256, givesThePublishedDigestsAndGoesBackToAState) {
-  EXPECT_EQ(_sha256(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
-  EXPECT_EQ(_sha256("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
-  Sha256 digest;
-  digest.update("a");
-  Sha256 kept;
-  kept.assign(digest);
-  digest.update("x");
-  EXPECT_NE(digest.hex_digest(), _sha256("a"));
-  kept.update("bc");
-  EXPECT_EQ(kept.hex_digest(), _sha256("abc"));
-  for (int digest_of_nothing = 0; digest_of_nothing < 2; ++digest_of_nothing) {
-    kept.reset();
-    EXPECT_EQ(kept.hex_digest(), _sha256(""));
-  }
 }
 
 }  // namespace

@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "sync/base/error.hpp"
-#include "sync/base/threads/interrupt.hpp"
 #include "tests/support/failures.hpp"
 
 namespace brackenfen::sync {
@@ -57,32 +56,6 @@ TEST(ForEachIndex, worksOnEachIndexOnceUntilTheLowestThatEndsItDecides) {
       const auto lowest = static_cast<std::ptrdiff_t>(row.lowest);
       EXPECT_TRUE(std::all_of(worked.begin(), worked.begin() + lowest, [](const auto& times) { return times == 1; }));
     }
-  }
-}
-
-TEST(ForEachIndex, anInterruptOfTheCallerTakesTheOthersAlong) {
-  for (int repeat = 0; repeat < REPEATS; ++repeat) {
-    const auto token = std::make_shared<InterruptToken>();
-    const InterruptScope scope(token);
-    std::atomic<int> inside{0};
-    const auto endless = [&]() -> IndexWork {
-      return [&](std::size_t index) {
-        ++inside;
-        if (index == 50) token->trip();
-        while (token->tripped()) {  // as long as the thread is not interrupted itself
-          try {
-            check_interrupt();
-          } catch (const Interrupted&) {
-            --inside;
-            throw;
-          }
-        }
-        --inside;
-        return true;
-      };
-    };
-    EXPECT_THROW(static_cast<void>(for_each_index(100000, endless)), Interrupted);
-    EXPECT_EQ(inside, 0) << "a thread works on after the call";
   }
 }
 

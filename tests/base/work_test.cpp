@@ -10,13 +10,11 @@
 #include <future>
 
 #include "sync/base/threads/background_thread.hpp"
-#include "sync/base/threads/clock.hpp"
 #include "sync/base/threads/interrupt.hpp"
 #include "sync/base/threads/mutex.hpp"
 #include "sync/base/threads/snapshot.hpp"
 #include "tests/support/failures.hpp"
 #include "tests/support/fake_clock.hpp"
-#include "tests/support/host_interrupt.hpp"
 
 namespace brackenfen::sync {
 namespace {
@@ -46,36 +44,6 @@ TEST(Interrupt, theInnermostTokenOfTheThreadCounts) {
     EXPECT_FALSE(std::async(std::launch::async, is_interrupted).get());
   }
   EXPECT_FALSE(is_interrupted());
-}
-
-TEST(Clock, sleepEndsWhenTheHostSaysSo) {
-  Clock& clock = Clock::real();
-  const double start = clock.monotonic_seconds();
-  {
-    const HostInterrupt host([asked = 0]() mutable {
-      if (++asked == 2) throw Interrupted{};
-    });
-    EXPECT_THROW(clock.sleep(3600), Interrupted);
-  }
-  EXPECT_LT(clock.monotonic_seconds() - start, 60);
-  clock.sleep(0);
-  clock.sleep(-1);
-  const double before = clock.monotonic_seconds();
-  clock.sleep(0.06);
-  EXPECT_GE(clock.monotonic_seconds() - before, 0.06);
-}
-
-TEST(WorkMutex, lockingEndsWhenTheOperationIsInterrupted) NO_THREAD_SAFETY_ANALYSIS {
-  WorkMutex mutex;
-  const WorkLock held(mutex);
-  EXPECT_FALSE(mutex.try_lock());
-  const auto token = std::make_shared<InterruptToken>();
-  auto waiter = std::async(std::launch::async, [&]() NO_THREAD_SAFETY_ANALYSIS {
-    const InterruptScope scope(token);
-    EXPECT_THROW(mutex.lock(), Interrupted);
-  });
-  token->trip();
-  waiter.get();
 }
 
 TEST(Work, aLockIsRefusedToTheWorkThatHoldsIt) NO_THREAD_SAFETY_ANALYSIS {
@@ -133,42 +101,6 @@ TEST(Work, aCircleOfStopsIsBrokenInTheEnd) NO_THREAD_SAFETY_ANALYSIS {
   auto one = std::async(std::launch::async, [&] { return refused(first, second, first_held, second_held.get_future()); });
   const bool two = refused(second, first, second_held, first_held.get_future());
   EXPECT_TRUE(one.get() || two);
-}
-
-TEST(Event, endsAWaitWhenItIsSetOrWhenTimeIsUp) {
-  FakeClock clock;
-  Event event;
-  EXPECT_FALSE(event.wait(clock, 0.0));
-  EXPECT_FALSE(event.wait(clock, -1.0));
-  auto waiting = std::async(std::launch::async, [&] { return event.wait(clock, 30.0); });
-  while (waiting.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready) clock.advance(31.0);
-  EXPECT_FALSE(waiting.get());
-  waiting = std::async(std::launch::async, [&] { return event.wait(clock, 30.0); });
-  event.set();
-  EXPECT_TRUE(waiting.get());
-  event.clear();
-  EXPECT_FALSE(event.is_set());
-}
-
-TEST(BackgroundThread, livesFromItsStartToItsEndAndIsNotJoinedByItself) {
-  const auto thread = std::make_shared<BackgroundThread>();
-  thread->join(Clock::real(), 30.0);  // one that never started
-  std::promise<void> go_on;
-  const auto owned = std::make_shared<int>(1);
-  std::promise<std::string> joined_itself;
-  thread->start("name", [&, thread, owned] {
-    joined_itself.set_value(failure_of([&] { return thread->join(Clock::real(), 30.0), 0; }));
-    go_on.get_future().get();
-  });
-  EXPECT_TRUE(thread->is_alive());
-  EXPECT_FALSE(thread->is_current());
-  EXPECT_EQ(joined_itself.get_future().get(), "RuntimeError: cannot join current thread");
-  thread->join(Clock::real(), 0.0);
-  EXPECT_TRUE(thread->is_alive());
-  go_on.set_value();
-  thread->join(Clock::real(), 30.0);
-  EXPECT_FALSE(thread->is_alive());
-  EXPECT_EQ(owned.use_count(), 1) << "what the body owned goes before the thread counts as ended";
 }
 
 TEST(BackgroundThread, isNotJoinedByWhatItWaitsFor) NO_THREAD_SAFETY_ANALYSIS {
