@@ -44,49 +44,25 @@ TEST(OwnFiles, areKnownInEverySpelling) {
   }
 }
 
-/// All that is told of a file, or the text of a refusal.
-template <typename LocalPath, typename Stat>
-std::string answer(LocalPath local_path, Stat stat) {
-  try {
-    const std::optional<FileStat> found = stat();
-    const std::string path = local_path();
-    if (!found) return path + " missing";
-    return path + json_of(List{found->size_bytes, found->mtime_ns, found->ctime_ns, found->inode, found->is_directory});
-  } catch (const Error& error) {
-    return error.text();
-  }
-}
-
-TEST(LocalFiles, answerAsTheFullResolutionDoes) {
+TEST(LocalFiles, answerAsTheFullResolutionDoesHoweverManyFoldersAreOpen) {
   const TemporaryDirectory scratch;
-  std::vector<std::string> paths = {"top",           "a/b/one",   "a/b/two",    "a/b",          "a//b/one",     "gone",   "gone/file",
-                                    "a/gone/file",   "top/file",  "inside/one", "a/linked",     "out/file",     "a/out",  "dangling",
-                                    "loop/file",     "../x",      "/etc",       "a/b/../b/one", "self/a/b/one", "é/file", "inside/gone",
-                                    "gone/out/file", "a\\b\\two", "",           "loop"};
-  paths.insert(paths.end(), {std::string(300, 'x'), std::string(300, 'x') + "/y"});
-  for (const char* file : {"top", "a/b/one", "a/b/two", "é/file"}) scratch.write("data/" + std::string(file), file);
-  scratch.write("outside/file", "");
+  std::vector<std::string> paths = {"a/b/one", "a//b/one", "inside/one", "self/a/b/one", "a/linked", "gone/file", "a/b", "a/b/one/x"};
+  scratch.write("data/a/b/one", "one");
   link(scratch, "data/inside", "a/b");
-  link(scratch, "data/a/linked", "b/two");
-  link(scratch, "data/out", "../outside");
-  link(scratch, "data/a/out", scratch / "outside/file");
-  link(scratch, "data/dangling", "nowhere/at/all");
-  link(scratch, "data/loop", "loop");
+  link(scratch, "data/a/linked", "b/one");
   link(scratch, "data/self", scratch / "data");
-  link(scratch, "way-in", "data");
   for (int folder = 0; folder < 200; ++folder) {  // more than stay open, so that places are taken over
     paths.push_back("many/" + std::to_string(folder) + "/file");
     scratch.write("data/" + paths.back(), "");
   }
-
-  for (const std::string& data_dir : {scratch / "data", scratch / "way-in", scratch / "nothing-here"}) {
-    LocalFiles files(data_dir);
-    for (int round = 0; round < 2; ++round) {
-      for (const std::string& path : paths) {
-        const auto full_path = [&] { return _manifest_local_path(data_dir, path); };
-        const auto full_stat = [&] { return path_exists(full_path()) ? Files::real().stat(full_path()) : std::nullopt; };
-        EXPECT_EQ(answer([&] { return files.local_path(path); }, [&] { return files.stat(path); }), answer(full_path, full_stat)) << path;
-      }
+  LocalFiles files(scratch / "data");
+  for (int round = 0; round < 2; ++round) {
+    for (const std::string& path : paths) {
+      const std::string full_path = _manifest_local_path(scratch / "data", path);
+      EXPECT_EQ(files.local_path(path), full_path);
+      const std::optional<FileStat> found = files.stat(path), full = Files::real().stat(full_path);
+      EXPECT_EQ(found.has_value(), full.has_value()) << path;
+      EXPECT_EQ(found.value_or(FileStat{}).inode, full.value_or(FileStat{}).inode) << path;
     }
   }
 }

@@ -1,6 +1,5 @@
 #include "sync/documents/signals_index.hpp"
 
-#include "sync/base/files/sha256.hpp"
 #include "tests/documents/values.hpp"
 #include "tests/support/temporary_directory.hpp"
 
@@ -17,23 +16,18 @@ constexpr const char* LISTED = R"({"signals_index.json": {"kind": "signals_index
 Manifest record(const Document& data) { return {*Neighbours::builtin().bind(), data}; }
 
 TEST(FoundPnl, isRecoverableWherePathAndKindAgree) {
-  const std::string of_useful = R"(["useful_signal_os_pnl", "useful_signal_strategy_is_pnl"])";
-  const std::tuple<const char*, const char*, std::string> rows[] = {
-      {SIGNAL, "found_signals", R"(["found_signal_is_pnl"])"},
-      {STRATEGY, "found_strategies", R"(["found_strategy_is_epoch_pnl"])"},
-      {USEFUL, "useful_signals", of_useful},
-      {"useful_signals/p/e/strategy_is/pnl.arrow", "useful_signals", of_useful},
-      {"found_signals/p/e/strategy_is/pnl.arrow", "", "[]"},
-      {"found_signals/p/e/signal_is/xpnl.arrow", "", "[]"},
+  const std::tuple<const char*, const char*, std::set<std::string>> rows[] = {
+      {SIGNAL, "found_signals", {"found_signal_is_pnl"}},
+      {STRATEGY, "found_strategies", {"found_strategy_is_epoch_pnl"}},
+      {USEFUL, "useful_signals", {"useful_signal_os_pnl", "useful_signal_strategy_is_pnl"}},
+      {"found_signals/p/e/strategy_is/pnl.arrow", "", {}},
+      {"found_signals/p/e/signal_is/xpnl.arrow", "", {}},
   };
   for (const auto& [path, section, kinds] : rows) {
     EXPECT_EQ(_found_pnl_section_for_path(path).value_or(""), section) << path;
-    std::vector<Value> recoverable;
-    for (const Value kind :
-         {"found_signal_is_pnl", "found_strategy_is_epoch_pnl", "useful_signal_os_pnl", "useful_signal_strategy_is_pnl", "feature"}) {
-      if (_is_manifest_found_pnl_file(path, Document{{"kind", kind}})) recoverable.push_back(kind);
-    }
-    EXPECT_EQ(json_of(List(std::move(recoverable))), kinds) << path;
+    for (const char* kind :
+         {"found_signal_is_pnl", "found_strategy_is_epoch_pnl", "useful_signal_os_pnl", "useful_signal_strategy_is_pnl", "feature"})
+      EXPECT_EQ(_is_manifest_found_pnl_file(path, Document{{"kind", kind}}), kinds.contains(kind)) << path << kind;
   }
 }
 
@@ -69,8 +63,6 @@ TEST(FoundPnl, ofAMembershipHasTheKindOfItsSection) {
       {{}, listing(SIGNAL), "{}", failure(SIGNAL, "found_signals", "found_signal_is_pnl", "found_signals")},
       {files(SIGNAL, "5"), listing(SIGNAL), "{}", failure(SIGNAL, "found_signals", "found_signal_is_pnl", "found_signals")},
       {files(STRATEGY, of_signal), listing(STRATEGY), "{}", failure(STRATEGY, "found_signals", "found_signal_is_pnl", "found_strategies")},
-      {files(STRATEGY, of_signal), "{}", listing(STRATEGY),
-       failure(STRATEGY, "found_strategies", "found_strategy_is_epoch_pnl", "found_strategies")},
       {{},
        listing("found_signals/z/signal_is/pnl.arrow\", \"found_signals/a/signal_is/pnl.arrow"),
        "{}",
@@ -92,12 +84,9 @@ TEST(SignalsIndex, isFoundByPointerOrByListing) {
       {"{" + listed, "signals_index.json", "signals_index.json"},
       {R"({"signals_index": " ./signals_index.json", )" + listed, "signals_index.json", "signals_index.json"},
       {R"({"files": {"signals_index.json": {"kind": "data"}}})", "", ""},
-      {R"({"files": {"signals_index.json": []}, "signals_index": null})", "", ""},
-      {R"({"files": []})", "", ""},
       {R"({"signals_index": "a//b", )" + listed, must_reference, "a/b"},
       {R"({"signals_index": 5, )" + listed, must_reference, "5"},
       {R"({"signals_index": "signals_index.json", "files": {"signals_index.json": 1}})", must_be_listed, "signals_index.json"},
-      {R"({"signals_index": "signals_index.json", "files": 7})", must_be_listed, "signals_index.json"},
       {R"({"signals_index": ""})", no_path, no_path},
   };
   for (const auto& [manifest, of_record, of_data] : rows) {
@@ -117,21 +106,13 @@ TEST(SignalsIndex, isAppliedAsAWholeOrNotAtAll) {
       {complete, 12, ""},
       {R"({"era_number": " 12 "})", "12", ""},
       {R"({"era_number": null})", "x", ""},
-      {R"({"era_number": "13"})", 12, "EraError: signals_index.json era_number=13 does not match manifest era_number=12"},
-      {R"({"era_number": "x"})", 12, "EraError: signals_index.json has invalid era_number='x'"},
-      {R"({"era_number": [1]})", 12, "EraError: signals_index.json has invalid era_number=[1]"},
       {R"({"era_number": 12})", "x", "EraError: signals_index.json has invalid era_number=12"},
-      {"[]", 12, "ManifestError: signals_index.json must contain a JSON object"},
       {R"({"found_strategies": {"b": 1}, "found_signals": []})", 12,
        "ManifestError: signals_index.json found_signals must be a JSON object"},
       {R"({"found_signals": {"b": 1}, "useful_signals": null})", 12,
        "ManifestError: signals_index.json useful_signals must be a JSON object"},
-      {R"({"found_signals": {"a)", 12,
-       "ManifestError: Invalid signals_index.json JSON: Unterminated string starting at: line 1 column 20 (char 19)"},
       {"\xef\xbb\xbf{}", 12,
        "ManifestError: Invalid signals_index.json JSON: Unexpected UTF-8 BOM (decode using utf-8-sig): line 1 column 1 (char 0)"},
-      {"{\"a\": \"\xff\"}", 12,
-       "ManifestError: Invalid signals_index.json UTF-8: 'utf-8' codec can't decode byte 0xff in position 7: invalid start byte"},
   };
   const TemporaryDirectory directory;
   const Document before{{"before", 1}};
@@ -144,8 +125,6 @@ TEST(SignalsIndex, isAppliedAsAWholeOrNotAtAll) {
     EXPECT_EQ(json_of(after.found_signals) + json_of(after.useful_signals), !failure.empty()   ? R"({"before": 1}{"before": 1})"
                                                                             : body == complete ? R"({"a": 1}{"c": {}})"
                                                                                                : "{}{}");
-
-    if (failure.find("UTF-8:") != std::string::npos) continue;  // local text that does not decode stays what it is
     directory.write("signals_index.json", body);
     EXPECT_EQ(failure_of([&] { return _load_manifest_signals_index(directory.path(), manifest); }), failure);
   }
@@ -168,34 +147,6 @@ TEST(SignalsIndex, isLoadedFromTheDirectoryOrElseFromTheOther) {
   EXPECT_EQ(load().substr(0, 19), "UnicodeDecodeError:");
   Manifest without = record({});
   EXPECT_FALSE(_load_manifest_signals_index(staged.path(), without));
-}
-
-TEST(SignalsIndex, losesMissingPathsTogetherWithTheManifest) {
-  const TemporaryDirectory directory;
-  const auto scrub = [&](const Document& manifest_data, const std::string& missing) {
-    return _scrub_missing_found_pnl_paths_from_signals_index(Files::real(), Clock::real(), directory.path(), manifest_data, {missing});
-  };
-  const Document manifest = document(R"({"files": {"signals_index.json": {"size_bytes": 1, "sha256": "x", "note": 2}, "a": {}},
-                                         "signals_index": "signals_index.json"})");
-  const std::string index = R"({"useful_signals": {"u": {"files": ["found_signals/p/e/signal_is/pnl.arrow"]}},
-    "found_signals": {"both": {"z": 1, "files": ["a", "found_signals/p/e/signal_is/pnl.arrow"]}}, "era_number": 12, "more": []})";
-  EXPECT_TRUE(scrub(manifest, SIGNAL).first.same_as(manifest)) << "there is no index to scrub";
-  directory.write("signals_index.json", index);
-  for (const auto& [data, missing] : {std::pair(manifest, "a"), std::pair(manifest, STRATEGY), std::pair(Document(), SIGNAL)}) {
-    const auto [kept, update] = scrub(data, missing);
-    EXPECT_TRUE(kept.same_as(data) && !update);
-  }
-  EXPECT_EQ(directory.read("signals_index.json"), index);
-
-  const Document kept = scrub(manifest, SIGNAL).first;
-  const std::string written =
-      R"({"era_number": 12, "found_signals": {"both": {"files": ["a"], "z": 1}}, "more": [], "useful_signals": {}})";
-  EXPECT_EQ(directory.read("signals_index.json"), written);
-  const Document entry{{"size_bytes", written.size()}, {"sha256", _sha256(written)}, {"note", 2}, {"kind", "signals_index"}};
-  EXPECT_EQ(json_of(kept), json_of(manifest.with("files", manifest.get("files").if_document()->with("signals_index.json", entry))));
-
-  directory.write("signals_index.json", "[]");
-  EXPECT_EQ(failure_of([&] { return scrub(manifest, SIGNAL), 0; }), "ManifestError: signals_index.json must contain a JSON object");
 }
 
 }  // namespace

@@ -19,8 +19,6 @@ TEST_F(Vocabulary, universeIsOneSafeSegmentOfItsPath) {
   const std::string unsafe = "SyncError: named_universe must be a single safe path segment: ";
   const std::pair<Value, std::string> universes[] = {
       {" us ", "us"},
-      {5, "5"},
-      {"...", "..."},
       {nullptr, "SyncError: named_universe is required"},
       {" ..", unsafe + "' ..'"},
       {"a/b", unsafe + "'a/b'"},
@@ -32,49 +30,29 @@ TEST_F(Vocabulary, universeIsOneSafeSegmentOfItsPath) {
     EXPECT_EQ(failure + name, outcome);
   }
   const std::pair<Value, const char*> paths[] = {
-      {"named_universes/us/vocabulary.json", "us"},
-      {" named_universes\\us//vocabulary.json", "us"},
-      {"named_universes/vocabulary.json", ""},
-      {"named_universes/a/b/vocabulary.json", ""},
-      {"x/us/vocabulary.json", ""},
-      {"named_universes/../vocabulary.json", ""},
-      {7, ""},
-  };
+      {" named_universes\\us//vocabulary.json", "us"}, {"named_universes/a/b/vocabulary.json", ""}, {7, ""}};
   for (const auto& [path, universe] : paths) EXPECT_EQ(_vocabulary_named_universe_from_path(neighbours, path).value_or(""), universe);
   EXPECT_EQ(failure_of([&] { return _vocabulary_named_universe_from_path(neighbours, "named_universes/ /vocabulary.json"); }).substr(0, 11),
             "SyncError: ");
 }
 
-TEST_F(Vocabulary, isCheckedStepByStep) {
+TEST_F(Vocabulary, isThatOfItsPath) {
   const Document good =
       document(R"({"era_number": 12, "named_universe": "us", "features": null, "metadata": {"named_universe": "us"}, "x": 1})");
-  const auto changed = [&](const char* key, Value value) { return json_of(good.with(key, std::move(value))); };
-  const std::string no_json = "SyncError: vocabulary.json is not valid JSON: ";
-  const std::tuple<std::string, Value, std::string> rows[] = {
-      {json_of(good), "us", ""},
-      {json_of(good), nullptr, ""},
-      {"[]", "us", "SyncError: vocabulary.json must contain a JSON object"},
-      {json_of(good.without("era_number").without("features")), "us",
-       "SyncError: vocabulary.json missing required keys: ['era_number', 'features']"},
-      {changed("era_number", "12"), "us", "EraError: vocabulary.json era_number=12 does not match manifest era_number=12"},
-      {json_of(good.with("metadata", nullptr).with("era_number", 1)), "us",
-       "EraError: vocabulary.json era_number=1 does not match manifest era_number=12"},
-      {changed("metadata", nullptr), "us", "SyncError: vocabulary.json metadata must be an object"},
-      {json_of(good), "eu", "SyncError: vocabulary.json named_universe does not match manifest path 'eu'"},
-      {changed("named_universe", " us "), nullptr, "SyncError: vocabulary.json named_universe does not match manifest path 'us'"},
-      {changed("named_universe", ""), nullptr, "SyncError: named_universe is required"},
-      {changed("metadata", Document()), "us", "SyncError: vocabulary.json metadata.named_universe does not match manifest path 'us'"},
-      {"{\"a\": \"\xff\"}", "us", no_json + "'utf-8' codec can't decode byte 0xff in position 7: invalid start byte"},
-      {"\xef\xbb\xbf{}", "us", no_json + "Unexpected UTF-8 BOM (decode using utf-8-sig): line 1 column 1 (char 0)"},
-      {"{", "us", no_json + "Expecting property name enclosed in double quotes: line 1 column 2 (char 1)"},
+  const std::tuple<Document, Value, std::string> rows[] = {
+      {good, "us", ""},
+      {good, nullptr, ""},
+      {good, "eu", "SyncError: vocabulary.json named_universe does not match manifest path 'eu'"},
+      {good.with("named_universe", " us "), nullptr, "SyncError: vocabulary.json named_universe does not match manifest path 'us'"},
+      {good.with("named_universe", ""), nullptr, "SyncError: named_universe is required"},
+      {good.with("metadata", Document()), "us", "SyncError: vocabulary.json metadata.named_universe does not match manifest path 'us'"},
   };
-  for (const auto& [body, universe, failure] : rows) {
-    const std::string path = directory.write("vocabulary.json", body);
-    EXPECT_EQ(failure_of([&, &name = universe] { return _validate_vocabulary_file(neighbours, path, 12, name); }), failure) << body;
-  }
-  EXPECT_EQ(failure_of([&] { return _validate_vocabulary_file(neighbours, directory / "none", 12, "us"); }),
-            "SyncError: vocabulary.json is missing");
-  EXPECT_EQ(failure_of([&] { return _validate_vocabulary_file(neighbours, directory.path(), 12, "us"); }),
+  const auto validate = [&](const std::string& path, const Value& universe) {
+    return failure_of([&] { return _validate_vocabulary_file(neighbours, path, 12, universe); });
+  };
+  for (const auto& [body, universe, failure] : rows) EXPECT_EQ(validate(directory.write("x.json", json_of(body)), universe), failure);
+  EXPECT_EQ(validate(directory / "none", "us"), "SyncError: vocabulary.json is missing");
+  EXPECT_EQ(validate(directory.path(), "us"),
             "SyncError: vocabulary.json is not readable: [Errno 21] Is a directory: '" + directory.path() + "'");
 }
 

@@ -67,14 +67,6 @@ TEST_F(RotationStateFileTest, aDamagedOneFailsTheConstructionOfAManager) {
 }
 
 TEST_F(RotationStateFileTest, theNextRotationIsReckonedFromTheTimeOfTheFile) {
-  const auto seconds = [](const Value& frequency) {
-    return _rotation_frequency_seconds(Value(Document{{"rotation_frequency", frequency}}));
-  };
-  EXPECT_EQ(seconds("PT 1_0 H"), 36000);
-  for (const Value& none : List{"Weekly", "PT0H", "PT-1H", "PTH", "PT1.5H", "P1D", "", 7, Value(), "PT9999999999999999999H"})
-    EXPECT_EQ(seconds(none), std::nullopt) << to_text(none);
-  EXPECT_EQ(_rotation_frequency_seconds("weekly"), std::nullopt);
-
   const Value hourly(Document{{"rotation_frequency", "PT1H"}});
   const auto next = [&] { return _rotation_next_at(files, clock, directory.path(), hourly); };
   EXPECT_FALSE(next().has_value());

@@ -1,9 +1,13 @@
+// Small rules of the built-in neighbours: artifacts, settings, vocabularies, versions, platforms.
 #include <gmock/gmock.h>
 
+#include "sync/base/text/text.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/base/values/json.hpp"
+#include "sync/documents/manifest.hpp"
 #include "sync/neighbours/rotation_scope.hpp"
 #include "sync/neighbours/rotation_settings.hpp"
+#include "tests/support/failures.hpp"
 #include "tests/support/temporary_directory.hpp"
 
 namespace brackenfen::sync {
@@ -11,12 +15,10 @@ namespace {
 
 using namespace testing;
 
-const ArtifactRotation& rotation() { return ArtifactRotation::builtin(); }
-
 ArtifactsRef describe(const std::vector<std::pair<std::string, std::string>>& files) {
   std::vector<ArtifactRow> rows;
   for (const auto& [path, entry] : files) rows.push_back({path, parse_json(entry)});
-  return rotation().artifact_descriptors(std::move(rows));
+  return ArtifactRotation::builtin().artifact_descriptors(std::move(rows));
 }
 
 TEST(ArtifactDescriptors, comeFromTheRowFirstAndFromThePathOtherwise) {
@@ -77,10 +79,33 @@ TEST(ScopedVocabulary, losesTheFeaturesThatTheRotationDoesNotHold) {
   }
 }
 
-TEST(CleanUpKeepPaths, areWhatIsProtectedAndWhateverIsNoFeature) {
-  const Value files = parse_json(R"({"features/a": {"kind": "feature"}, "found/b": {"kind": "pnl"}, "c": {}, "d": 1})");
-  const TextSet keep = rotation().rotation_cleanup_keep_paths(files, {"features/p"}, {"manifest.json"});
-  EXPECT_THAT(std::vector<std::string>(keep.begin(), keep.end()), UnorderedElementsAre("features/p", "manifest.json", "found/b", "c", "d"));
+TEST(Deployment, ordersVersions) {
+  const Deployment& deployment = Deployment::builtin();
+  // Equal versions stand together, from the oldest to the newest.
+  const std::vector<std::string_view> ascending = split(
+      "0.9, 1.0.dev1|1.dev01, 1.0a1.dev2, 1.0a1|1.0-ALPHA.1, 1.0b|1.0beta0, 1.0rc1|v1.0c1|1.0pre1, 1|1.0|1.0.0+local.7| 1.0 , "
+      "1.0.post1.dev3, 1.0.post1|1.0-1|1.0r1, 1.0.1, 1.9, 1.10, 1.99999999999999999999, 1!0.1",
+      ", ");
+  for (const std::string_view& left : ascending) {
+    for (const std::string_view& right : ascending) {
+      const int order = &left < &right ? -1 : &left > &right ? 1 : 0;
+      for (const std::string_view version : split(right, "|")) {
+        EXPECT_EQ(deployment.compare_versions(std::string(split(left, "|")[0]), Value(version)), order) << left << " and " << version;
+      }
+    }
+  }
+  for (const Value& bad : {Value(""), Value("one"), Value("1..2"), Value("1.0x"), Value("1.0+"), Value("1.0+a..b"), Value(), Value(1)}) {
+    EXPECT_EQ(failure_of([&] { return deployment.compare_versions("1.0", bad); }), "ValueError: Invalid version: " + to_quoted(bad));
+  }
+}
+
+TEST(Platform, isNamedByTheFirstRowThatFits) {
+  const char* rows[][3] = {
+      {"linux", "AMD64", "linux_x86_64"},    {"Linux", "ARM64", "linux_aarch64"}, {"Darwin", "x86_64", "macos_x86_64"},
+      {"Windows", "ARM64", "windows_amd64"}, {"Darwin", "Power", "darwin_power"}, {"Linux", "RISCV64", "linux_riscv64"},
+  };
+  for (const auto& [system, machine, platform] : rows) EXPECT_EQ(platform_name(system, machine), platform);
+  EXPECT_EQ(current_platform(), _detect_platform());
 }
 
 }  // namespace
