@@ -37,16 +37,6 @@ TEST_F(ConstructionTest, refusesBadArgumentsOneAfterTheOther) {
   EXPECT_THAT(SyncManager::_instances(), IsEmpty()) << "a failed construction leaves no entry";
 }
 
-TEST_F(ConstructionTest, restoresTheConsumerCount) {
-  const std::tuple<const char*, std::int64_t, std::size_t> rows[] = {{" 1_2\n", 12, 0}, {"", 0, 1}, {"2.0", 0, 1}, {"\xff", 0, 1}};
-  for (const auto& [content, count, warned] : rows) {
-    log.clear();
-    directory.write(".consumer_count", content);
-    EXPECT_EQ(open()->_consumer_count.load(), count) << content;
-    EXPECT_THAT(warnings(), testing::AllOf(SizeIs(warned), testing::Each(StartsWith("Failed to read consumer count: "))));
-  }
-}
-
 TEST_F(ConstructionTest, restoresTheManifestAndRewritesOneThatHoldsRetiredFiles) {
   const std::string good = R"({"era_number":7,"version":2,"files":{}})";
   const std::string no_vocabulary = "Failed to load vocabulary from disk: manifest is missing per-universe vocabulary.json entries";
@@ -91,11 +81,8 @@ TEST_F(ConstructionTest, aManagerOfTheDirectoryKeepsWhatALaterCallLeavesOut) {
   const auto first = SyncManager::get_or_create(options());
   SyncManager::Options again = options();
   again.runtime_freshness_guard = nullptr;
-  again.poll_interval_s = 99;
   EXPECT_EQ(SyncManager::get_or_create(again), first);
   EXPECT_EQ(first->runtime_freshness_guard.get(), guard);
-  EXPECT_EQ(first->_poll_interval.get(), SYNC_MANIFEST_POLL_INTERVAL_SECONDS);
-
   again.server_url = "https://other.example";
   again.get_token = fixed_token("newer");
   EXPECT_EQ(failure_of([&] { return SyncManager::get_or_create(again); }), "ValueError: SyncManager for '" + directory.path() +

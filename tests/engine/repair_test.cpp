@@ -75,25 +75,5 @@ TEST_F(RepairTest, aSupersededManifestMakesItAFullSync) {
   expect_lock_free(*manager);
 }
 
-TEST_F(RepairTest, anErrorLeavesTheLockFree) {
-  const std::tuple<Document, Reply, const char*> rows[] = {
-      {{}, {.status = 404}, "PermanentDownloadError: "},
-      {{}, {.status = 401}, "AuthError: "},
-      {{{"version", "two"}}, {}, "ValueError: manifest version: "},
-      {{{"era_number", Value()}}, {}, "TypeError: manifest era_number: "},
-      {{{"files", Document{{ALPHA.path, "text"}}}}, {}, "TypeError: the manifest's entry of features/alpha.arrow is not a JSON object"},
-  };
-  const auto manager = open();
-  for (const auto& [changes, reply, failure] : rows) {
-    SCOPED_TRACE(failure);
-    Document changed = manifest(1, {ALPHA});
-    for (const Member& change : changes) changed = changed.with(change.key, change.value);
-    manager->_manifest.set(std::make_shared<Manifest>(*neighbours(), Value(changed)));
-    server.script(ALPHA.url_path(), {reply});
-    EXPECT_THAT(failure_of([&] { return manager->repair({ALPHA.path}); }), StartsWith(failure));
-    expect_lock_free(*manager);
-  }
-}
-
 }  // namespace
 }  // namespace brackenfen::sync

@@ -1,13 +1,9 @@
 // Starting, counting and stopping: what state each event leads to, and stopping from a callback on each thread.
 
-#include <fcntl.h>
-#include <sys/file.h>
-
 #include <atomic>
 #include <future>
 #include <sstream>
 
-#include "sync/base/files/descriptor.hpp"
 #include "sync/base/threads/worker_thread.hpp"
 #include "tests/support/sync_setup.hpp"
 
@@ -60,6 +56,7 @@ TEST_F(ConsumersTest, eachEventLeadsToItsState) {
     const char* file;  ///< empty where it was never written
     bool registered = true;
     const char* failure = "";
+    const char* file_before = nullptr;
   };
   const Row rows[] = {
       {"acquire", true, true, 1, "1"},
@@ -78,10 +75,16 @@ TEST_F(ConsumersTest, eachEventLeadsToItsState) {
       {"start stop", false, false, 0, ""},
       {"start acquire", true, false, 1, "1"},
       {"start acquire release", false, false, 0, "0", false},
+      // A count that was left behind keeps the threads up.
+      {"acquire", true, true, 4, "4", true, "", "3"},
+      {"acquire release", true, true, 3, "3", true, "", "3"},
+      {"release", false, false, -3, "-3", true, "", "-3"},
+      {"release acquire", true, true, -2, "-2", true, "", "-3"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.events);
     std::filesystem::remove(directory / ".consumer_count");
+    if (row.file_before) directory.write(".consumer_count", row.file_before);
     manager = SyncManager::get_or_create(options());
     std::string failure;
     std::istringstream events(row.events);
@@ -99,25 +102,6 @@ TEST_F(ConsumersTest, eachEventLeadsToItsState) {
     manager.reset();
     ASSERT_TRUE(wait_for_worker_threads(std::chrono::seconds(30)));  // a download worker in its last steps shares in it
   }
-}
-
-TEST_F(ConsumersTest, aCountLeftBehindKeepsTheThreadsUp) {
-  directory.write(".consumer_count", "3");
-  manager = open();
-  manager->acquire();
-  EXPECT_EQ(count_file(), "4");
-  EXPECT_TRUE(manager->is_alive());
-  manager->release();
-  EXPECT_EQ(count_file(), "3");
-  EXPECT_TRUE(manager->is_alive());
-
-  directory.write(".consumer_count", "-3");
-  const auto negative = open();
-  negative->release();
-  EXPECT_EQ(negative->consumer_count(), -3);
-  negative->acquire();
-  EXPECT_TRUE(negative->is_alive());
-  negative->stop();
 }
 
 TEST_F(ConsumersTest, aDirectoryThatCannotBeWrittenDoesNotStopTheLifecycle) {
@@ -181,26 +165,10 @@ TEST_F(ConsumersTest, aCallbackMayReleaseTheLastConsumerOnWhateverThreadItRuns) 
   guard = std::make_shared<CallingGuard>([&](auto...) {
     if (!landed.exchange(true)) release();
   });
-  struct Row {
-    const char* thread;
-    std::function<void()> make_it_run;
-  };
-  const Row rows[] = {
-      {"the caller's, in a pass",
-       [&] {
-         token->call_once(release);
-         static_cast<void>(manager->sync());
-       }},
-      {"a download worker",
-       [&] {
-         landed = false;
-         static_cast<void>(manager->sync());
-       }},
-      {"the poll thread",
-       [&] {
-         token->call_once(release);
-         manager->_in_transition = false;
-       }},
+  const std::pair<const char*, std::function<void()>> rows[] = {
+      {"the caller's, in a pass", [&] { token->call_once(release), static_cast<void>(manager->sync()); }},
+      {"a download worker", [&] { landed = false, static_cast<void>(manager->sync()); }},
+      {"the poll thread", [&] { token->call_once(release), manager->_in_transition = false; }},
       {"a repair thread",
        [&] {
          static_cast<void>(manager->sync());
@@ -208,8 +176,8 @@ TEST_F(ConsumersTest, aCallbackMayReleaseTheLastConsumerOnWhateverThreadItRuns) 
          manager->report_corruption(ALPHA.path);
        }},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.thread);
+  for (const auto& [thread, make_it_run] : rows) {
+    SCOPED_TRACE(thread);
     landed = true;
     released = {};
     std::filesystem::remove(directory / "manifest.json");
@@ -217,42 +185,13 @@ TEST_F(ConsumersTest, aCallbackMayReleaseTheLastConsumerOnWhateverThreadItRuns) 
     manager = SyncManager::get_or_create(options());
     manager->_in_transition = true;  // keeps the poll thread out of the way
     manager->acquire();
-    row.make_it_run();
+    make_it_run();
     const std::future<void> done = released.get_future();
     while (done.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready) clock.advance(10);
     EXPECT_FALSE(manager->_running);
     EXPECT_FALSE(registered());
     ASSERT_TRUE(wait_for_worker_threads(std::chrono::seconds(30)));
   }
-}
-
-TEST_F(ConsumersTest, workInsideWorkIsRefusedAtOnceAndTakesNothingAway) {
-  server.script("/era/current", {{.body = R"({"era_number": 7, "state": "active"})"}});
-  manager = open();
-  static_cast<void>(manager->sync());
-  manager->_running = true;  // as the requests want it
-  const std::function<void()> operations[] = {
-      [&] { static_cast<void>(manager->sync()); },
-      [&] { static_cast<void>(manager->repair({ALPHA.path})); },
-      [&] { static_cast<void>(manager->request_for_sync()); },
-      [&] { static_cast<void>(manager->request_feature_files_for_sync({"alpha"})); },
-      [&] { manager->trigger_era_transition(Value(ERA)); },
-  };
-  const Descriptor rival = open_file(directory.path(), O_RDONLY);
-  for (const auto& outer : operations) {
-    if (&outer == &operations[3]) continue;  // it asks for nothing while all is here
-    std::vector<std::string> inside;
-    token->call_once([&] {
-      for (const auto& inner : operations) inside.push_back(failure_of([&] { return inner(), 0; }));
-      EXPECT_NE(::flock(rival.get(), LOCK_EX | LOCK_NB), 0) << "the outer one keeps its locks";
-    });
-    EXPECT_EQ(failure_of([&] { return outer(), 0; }), "") << &outer - operations;
-    EXPECT_THAT(inside, AllOf(SizeIs(5), Each(StartsWith("StateError: ")))) << &outer - operations;
-    EXPECT_FALSE(manager->_in_transition);
-    EXPECT_FALSE(directory.contains(".transition_lock"));
-  }
-  EXPECT_THAT(clock.waits(), IsEmpty());
-  manager->_running = false;
 }
 
 TEST_F(ConsumersTest, aCallbackThatWouldWaitForItsOwnPassIsRefused) {

@@ -107,17 +107,6 @@ TEST_F(DirectoryLockTest, leavesNothingBehindWhenAWaitIsInterrupted) {
     EXPECT_TRUE(Rival(file).takes());
     EXPECT_TRUE(Rival(directory.path()).takes());
   }
-
-  lock._acquire_flock();
-  auto token = std::make_shared<InterruptToken>();
-  token->trip();
-  std::thread([&] {  // waits for a thread of its own process
-    const InterruptScope scope(token);
-    EXPECT_THROW(lock._acquire_flock(), Interrupted);
-  })
-      .join();
-  lock._release_flock();
-  EXPECT_TRUE(free());
 }
 
 TEST_F(DirectoryLockTest, closesWhatALostUnitOfWorkLeft) {

@@ -179,21 +179,5 @@ TEST_F(HostRequestsTest, aPollSyncsOnlyWhatIsNewAndOnlyWhenNothingElseRuns) {
   EXPECT_EQ(manager->get_manifest()->version(), Value(3)) << "the locks are free again";
 }
 
-TEST_F(HostRequestsTest, aLogThatRaisesTakesNotThePlaceOfWhatEndedTheWork) {
-  const PublishedFile lost{"features/us/signal_is/lost.arrow", "lost"};
-  publish(1, {lost});
-  const auto manager = running();
-  static_cast<void>(manager->sync());
-  std::filesystem::remove(directory / lost.path);
-  log.on_write = [](const LogRecord& record) {
-    if (std::string_view(record.format).starts_with("best-effort")) throw ValueError("no log");
-  };
-  for (const auto& [status, failure] : {std::pair{404, "PermanentDownloadError: "}, std::pair{200, "ValueError: no log"}}) {
-    server.script("/data/files/" + lost.path, {{.status = status, .body = lost.content}});
-    files.fail(FaultFiles::Call::Unlink, 1, EIO);
-    EXPECT_THAT(failure_of([&] { return manager->request_feature_files_for_sync({"lost"}); }), StartsWith(failure));
-  }
-}
-
 }  // namespace
 }  // namespace brackenfen::sync
