@@ -3,10 +3,8 @@
 import collections
 import contextlib
 import dataclasses
-import hashlib
 import json
 import pathlib
-import random
 import socket
 import ssl
 import struct
@@ -14,6 +12,8 @@ import threading
 import time
 from collections.abc import Callable
 from typing import Any
+
+from torture.world import CHUNK_BYTES, body_of, digest
 
 FEATURES = "features/us/signal_is"
 SMALL, BIG, PNL = f"{FEATURES}/small.arrow", f"{FEATURES}/big.arrow", "found_signals/p/e/signal_is/pnl.arrow"
@@ -24,7 +24,7 @@ PLACES = {"version": "/data/manifest/version", "manifest": "/data/manifest", "se
     name: FILES + path for name, path in dict(small=SMALL, big=BIG, pnl=PNL, index=INDEX, vocabulary=VOCABULARY, functions=FUNCTIONS).items()
 }
 TOKEN = "canary-5f1d9c+/~="
-CHUNK = 4096  # which BIG has three of
+CHUNK = CHUNK_BYTES  # which BIG has three of
 
 
 class World:
@@ -38,10 +38,10 @@ class World:
             VOCABULARY: {"era_number": era, "named_universe": "us", "features": {"small": {}, "big": {}}, "metadata": universe},
             FUNCTIONS: {"era_number": era, "rotations": ["weekly"]},
         }
-        self.files = {SMALL: body_of(SMALL, 1000 * era + version, 60), BIG: body_of(BIG, era, 9600), PNL: b"pnl of era %d" % era, "plain.bin": b"plain"}
+        self.files = {SMALL: body_of(SMALL, 1000 * era + version)[:60], BIG: (body_of(BIG, era) * 9)[:9600], PNL: b"pnl of era %d" % era, "plain.bin": b"plain"}
         self.files |= {path: json.dumps(document).encode() for path, document in documents.items()}
         self.entries = {path: entry(body, KINDS.get(path, "data")) for path, body in self.files.items()}
-        self.seed = body_of("seed", era, 60)
+        self.seed = body_of("seed", era)[:60]
         self.fields: dict[str, Any] = {}
 
     def manifest(self) -> dict[str, Any]:
@@ -65,14 +65,6 @@ def entry(body: bytes, kind: str = "data") -> dict[str, Any]:
     return {"kind": kind, "size_bytes": len(body), "sha256": digest(body)}
 
 
-def digest(body: bytes) -> str:
-    return hashlib.sha256(body).hexdigest()
-
-
-def body_of(path: str, generation: int, size: int) -> bytes:
-    return random.Random(f"{path} {generation}").randbytes(size)
-
-
 @dataclasses.dataclass
 class Exchange:
     """One connection after its request was read."""
@@ -81,7 +73,6 @@ class Exchange:
     connection: socket.socket
     path: str
     headers: dict[str, str]
-    method: str = ""
     count: int = 0  # of requests for that path before
 
     def send(self, *parts: bytes) -> None:
@@ -183,7 +174,7 @@ class Server:
                 received += more
             lines = received.decode("latin-1").split("\r\n\r\n")[0].split("\r\n")
             method, path, *_ = lines[0].split(" ")
-            exchange = Exchange(self, connection, path, dict(line.split(": ", 1) for line in lines[1:]), method)
+            exchange = Exchange(self, connection, path if method == "GET" else lines[0], dict(line.split(": ", 1) for line in lines[1:]))
             with self.lock:
                 exchange.count = self.counts[path]
                 self.counts[path] += 1

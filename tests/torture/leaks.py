@@ -6,8 +6,9 @@ from collections.abc import Callable, Iterable
 
 from torture.case import SANITIZED, Case
 from torture.hostile_server import PLACES
+from torture.site import Site
 from torture.workloads import FIRST, Workload, trial
-from torture.world import Site, world
+from torture.world import world
 
 KILOBYTES_FOR_EACH = 1
 
@@ -19,8 +20,7 @@ def flap() -> Callable[[Site, str], None]:
     def at_request(site: Site, path: str) -> None:
         if path == PLACES["version"]:
             number = next(numbers)
-            site.published.clear()
-            site.publish(world(1, number, {"data/new.arrow": number % 2 - 1}))
+            site.published[:] = [world(1, number, {"data/new.arrow": number % 2 - 1})]
 
     return at_request
 

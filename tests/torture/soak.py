@@ -48,7 +48,7 @@ class Round:
             time.sleep(VERSION_SECONDS)
             new_era = time.monotonic() > era_until
             era_until += ERA_SECONDS if new_era else 0
-            site.publish(world_after(draw, site.published[-1], new_era))
+            site.published.append(world_after(draw, site.published[-1], new_era))
 
     def strike(self) -> None:
         """One blow of the nemesis."""
@@ -96,7 +96,7 @@ def soak(seed: int, seconds: float) -> str:
         made.spoilt, made.processes = True, PROCESSES
         told = Round(made, seed, seconds).run()
         last = made.site.published[-1]
-        made.site.publish(world(last.era, last.version + 1))  # so that the healthy pass looks at every file
+        made.site.published.append(world(last.era, last.version + 1))  # so that the healthy pass looks at every file
         made.heal()
         return told
 

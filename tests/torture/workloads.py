@@ -17,8 +17,9 @@ from collections.abc import Callable, Iterator
 
 from torture.case import BUILD, scratch
 from torture.checker import problems_of
-from torture.hostile_server import CHUNK, TOKEN, digest, digest_of
-from torture.world import DATA, MANDATORY, PNL, ROTATING, SETTINGS, Site, World, world
+from torture.hostile_server import TOKEN
+from torture.site import Site
+from torture.world import CHUNK_BYTES, DATA, MANDATORY, PNL, ROTATING, SETTINGS, World, digest, world
 
 SPOILT = b"spoilt"
 DEADLINE_SECONDS = 120  # of one run, which takes a tenth of one on an idle machine
@@ -68,7 +69,7 @@ def supersede_in_the_middle(data: pathlib.Path, site: Site) -> None:
 
     def at_request(site: Site, path: str) -> None:
         if path == "/era/current" and next(looks) == 6:
-            site.publish(site.later.pop())
+            site.published.append(site.later.pop())
 
     site.at_request = at_request
 
@@ -83,7 +84,7 @@ def leave_work(data: pathlib.Path, site: Site) -> None:
         asked.add(path)
         if path == "/data/manifest/version" and "/data/manifest" in asked and site.later:
             asked.clear()
-            site.publish(site.later.pop(0))
+            site.published.append(site.later.pop(0))
 
     site.at_request = at_request
 
@@ -128,7 +129,7 @@ def start_host(folder: pathlib.Path, phase: str, url: str, command: tuple[str, .
     settings = {
         "LD_PRELOAD": f"{BUILD}/bin/libtorture_faults.so " + os.environ.get("TORTURE_PRELOAD", ""),
         "FAULT_BELOW": f"{folder}/data/", "FAULT_LOG": f"{folder}/{phase}/points", "TORTURE_TOKEN": TOKEN,
-        "BRACKENFEN_SYNC_HTTP_CHUNK_BYTES": str(CHUNK), "BRACKENFEN_SYNC_MAX_CONCURRENCY": "1",
+        "BRACKENFEN_SYNC_HTTP_CHUNK_BYTES": str(CHUNK_BYTES), "BRACKENFEN_SYNC_MAX_CONCURRENCY": "1",
         "BRACKENFEN_SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS": "30",  # a busy machine is no outage
     }  # fmt: skip
     variables = [f"{name}={value}" for name, value in (settings | environment).items()]
@@ -162,7 +163,7 @@ class Trial:
             shutil.copytree(filled(), self.data, dirs_exist_ok=True)
         self.site = Site(folder / "fault/requests", list(workload.worlds))
         workload.before(self.data, self.site)
-        self.start = {path.relative_to(self.data).as_posix(): digest_of(path) for path in self.data.rglob("*") if path.is_file()}
+        self.start = {path.relative_to(self.data).as_posix(): digest(path.read_bytes()) for path in self.data.rglob("*") if path.is_file()}
         self.spoilt = digest(SPOILT) in self.start.values()
         self.processes = 1
         # Which feature the rotation has left out is what is asked for.
@@ -179,7 +180,7 @@ class Trial:
         published = [self.workload.start] if self.workload.start else []
         worlds = [*published, *self.site.published]
         facts = {
-            "stays": [path for path in self.start if path not in ROTATING and all(path in one.entries for one in worlds)],
+            "stays": [path for path in self.start if path not in ROTATING and all(path in one.bodies for one in worlds)],
             "rotating": ROTATING, "published": [one.facts for one in worlds], "start": self.start,
             "spoilt": [digest(SPOILT)] * self.spoilt, "token": TOKEN, "processes": self.processes,
             "era_change": self.command[0] == "follow" and self.workload.worlds[-1].era > 1,
