@@ -55,13 +55,13 @@ class Peer:
         self.process.kill()
         self.process.wait()
 
-    def get(self, path, method="GET", **headers):
+    def get(self, path, method="GET", body=None, **headers):
         if self.context:
             connection = http.client.HTTPSConnection("127.0.0.1", self.port, timeout=20, context=self.context)
         else:
             connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=20)
         with contextlib.closing(connection):
-            connection.request(method, path, headers={name.replace("_", "-"): value for name, value in headers.items()})
+            connection.request(method, path, body, headers={name.replace("_", "-"): value for name, value in headers.items()})
             response = connection.getresponse()
             return Answer(response.status, response.headers, response.read())
 

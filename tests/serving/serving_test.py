@@ -225,6 +225,21 @@ def test_what_was_kept_is_asked_for_with_its_validators(servers, start_nginx, da
         assert asked(tmp_path)[path] == 1
 
 
+def test_nobody_has_a_part_in_what_others_are_given(servers, data, tmp_path):
+    origin = servers.tls_token(tokens="origin_tokens", folder="origin")
+    peer = servers.cache(origin)
+    reader = {"Authorization": f"Bearer {TOKEN}", "User-Agent": "of-the-first", "X-Forwarded-Host": "elsewhere"}
+    assert peer.get("/era/current", body=b"that nobody sends on", **reader).status == 200  # and holds up nobody
+    spelled = CHANGING.replace("/", "%2f", 1).replace("/", "//", 1)
+    assert peer.get(f"/data/files/{spelled}", **reader).body == (data.tree / "data/files" / CHANGING).read_bytes()
+    assert asked(tmp_path)[f"/data/files/{CHANGING}"] == 1 and "of-the-first" not in (tmp_path / "origin/access.log").read_text()
+
+    origin.process.terminate()
+    origin.process.wait()
+    servers.tls_token(tokens="tokens", folder="origin", PORT=origin.port)  # the cache's token is one no longer, theirs are as before
+    assert [peer.get(path, **reader).status for path in ("/data/manifest", "/data/files/empty.bin", "/era/current")] == [503, 503, 200]
+
+
 def test_of_an_origin_without_validators_nothing_is_kept(servers, serve, data, client, wait_until, tmp_path):
     """It answers a range of an empty file with 416, too, as many servers do."""
     peer = servers.cache(serve(data.tree, "--token", ORIGIN_TOKEN), "http")
