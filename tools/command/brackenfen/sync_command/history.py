@@ -237,7 +237,7 @@ class History:
         self.outages.append(span)
         if len(self.outages) > SPANS_KEPT:
             begin, end = self.outages[0].begin, self.outages.popleft().end
-            self.forgotten_seconds += (end or begin) - begin
+            self.forgotten_seconds += max(0.0, (end or begin) - begin)
 
     def _unwatched(self, moment: float) -> None:
         """The process has ended, and with it what it waited for."""

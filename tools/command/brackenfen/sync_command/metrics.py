@@ -113,7 +113,8 @@ def metrics(session: Session, place: Path | None, target: Path | None, events: t
     def tell(output: Output) -> None:
         if page is None:
             with writing():
-                sys.stdout.write(content.decode())
+                sys.stdout.flush()
+                sys.stdout.buffer.write(content)  # UTF-8, whatever the terminal speaks
         else:
             output.line(clean(f"{target}, {counted(content.count(b'# TYPE'), 'figure')}"))
 

@@ -21,10 +21,11 @@ def settings_of(directory: Path) -> tuple[str, float | None]:
     try:
         if (path := directory / SETTINGS).is_file():  # a pipe would be waited for
             given = dict(json.loads(path.read_bytes()))
-    except (OSError, ValueError, TypeError):
+    except (OSError, ValueError, TypeError, RecursionError):
         pass
     frequency, budget = given.get("rotation_frequency"), given.get("feature_budget_gb")
-    is_number = isinstance(budget, (int, float)) and not isinstance(budget, bool)
+    # Neither negative, nor NaN, nor more than a float holds.
+    is_number = isinstance(budget, (int, float)) and not isinstance(budget, bool) and 0 <= budget < 2**64
     return (
         frequency if isinstance(frequency, str) and frequency else sync.RotationSettings().rotation_frequency,
         float(budget) * GIBIBYTE if is_number and isinstance(budget, (int, float)) else None,

@@ -3,22 +3,22 @@
 from __future__ import annotations
 
 import os
+import tempfile
 from pathlib import Path
 
 
 def write_whole(place: Path, content: bytes) -> None:
     """Puts a file that everybody may read into its place. Raises OSError, and then what was there stays.
 
-    Until then it lies beside it, under a name that collectors of *.prom files pass over. It is not flushed to the disk:
-    after a power failure the figures of before would be of no use either.
+    Until then it lies beside it, under a name of its own that collectors of *.prom files pass over. It is not flushed to
+    the disk: after a power failure the figures of before would be of no use either.
     """
-    staged = place.with_name(f".{place.name[:100]}.{os.getpid()}.tmp")
-    staged.unlink(missing_ok=True)  # of a process that had this number and was killed
+    descriptor, staged = tempfile.mkstemp(dir=place.parent, prefix=f".{place.name[:50]}.", suffix=".tmp")
     try:
-        with open(os.open(staged, os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o600), "wb") as stream:
+        with open(descriptor, "wb") as stream:
             os.fchmod(stream.fileno(), 0o644)
             stream.write(content)
-        staged.replace(place)
+        os.replace(staged, place)
     except OSError:
-        staged.unlink(missing_ok=True)
+        Path(staged).unlink(missing_ok=True)
         raise

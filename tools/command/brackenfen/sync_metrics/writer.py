@@ -33,7 +33,7 @@ class _Listener(logging.Handler):
         self._history = History(first=time.time())
 
     def emit(self, record: logging.LogRecord) -> None:
-        with contextlib.suppress(ValueError, TypeError, KeyError, IndexError, AttributeError):  # of a line that has not its usual form
+        with contextlib.suppress(Exception):  # whatever a line holds, who logs it goes on
             self._history.take_event({**told(record), "level": record.levelname}, record.created)
 
     def counters(self) -> dict[str, float | None]:
@@ -52,8 +52,8 @@ class MetricsFile:
     in the logger `brackenfen.sync_metrics`, once until it can, and is tried again. In a child of a fork nothing is written.
 
     The counters are of all that this process's library logs from now on, so give each directory a process of its own where
-    they shall tell directories apart. They are left out where the logger `brackenfen.sync` takes no lines at level info:
-    what a host logs is not this class's to change.
+    they shall tell directories apart. They are left out where the logger `brackenfen.sync` takes no lines at level info, and from
+    where its handlers are replaced, as `logging.config` does: what a host logs is not this class's to change.
     """
 
     def __init__(
@@ -73,11 +73,10 @@ class MetricsFile:
         self._figures = DirectoryFigures(self._directory)
         self._pid = os.getpid()
         self._ended = threading.Event()
-        self._has_warned = False
-        if not LIBRARY.isEnabledFor(logging.INFO):
-            LOGGER.warning("the logger brackenfen.sync takes no lines at level info, so the counters are left out")
+        self._has_warned = self._has_warned_of_counters = False
         self._listener = _Listener()
         LIBRARY.addHandler(self._listener)
+        self._counted()
         self._thread = threading.Thread(target=self._run, name="brackenfen-metrics", daemon=True)
         self._thread.start()
 
@@ -89,13 +88,12 @@ class MetricsFile:
 
     def close(self) -> None:
         """Writes the figures once more, with `running` as it is then, and ends. A second call does nothing."""
+        if not self._ended.is_set() and os.getpid() == self._pid:
+            self._ended.set()
+            self._thread.join(JOIN_SECONDS)  # a disk that hangs does not hold the host up
+            if not self._thread.is_alive():
+                self._write()
         LIBRARY.removeHandler(self._listener)
-        if self._ended.is_set() or os.getpid() != self._pid:
-            return
-        self._ended.set()
-        self._thread.join(JOIN_SECONDS)  # a disk that hangs does not hold the host up
-        if not self._thread.is_alive():
-            self._write()
 
     def _run(self) -> None:
         pause = min(FIRST_SECONDS, self._interval_seconds)
@@ -119,13 +117,26 @@ class MetricsFile:
             self._has_warned = True
         return True
 
+    def _counted(self) -> dict[str, float | None]:
+        """The counters, and none where they would stand still: lines do not come here, or no longer."""
+        if not LIBRARY.isEnabledFor(logging.INFO):
+            why = "the logger brackenfen.sync takes no lines at level info"
+        elif self._listener not in LIBRARY.handlers:  # which logging.config does to handlers that it has not set itself
+            why = "the handlers of the logger brackenfen.sync were replaced"
+        else:
+            return self._listener.counters()
+        if not self._has_warned_of_counters:
+            LOGGER.warning("%s, so the counters are left out", why)
+        self._has_warned_of_counters = True
+        return {}
+
     def _collected(self, health: sync.Health, now: float) -> dict[str, float | None]:
         wait = health.waiting_for
         waited = max(0.0, now - wait.since) if wait is not None else 0.0
         is_known = health.last_good_pass_at is not None or health.last_error is not None or wait is not None
         return {
             **self._figures.now(time.monotonic()),
-            **(self._listener.counters() if LIBRARY.isEnabledFor(logging.INFO) else {}),
+            **self._counted(),
             "collected_timestamp_seconds": now,
             "era_number": health.era_number,
             "manifest_version": health.version,
