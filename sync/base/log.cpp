@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "sync/base/error.hpp"
+#include "sync/base/immortal.hpp"
 #include "sync/base/text/secrets.hpp"
 #include "sync/base/values/convert.hpp"
 
@@ -48,8 +49,8 @@ class StandardErrorSink : public LogSink {
 };
 
 LogSink& default_sink() noexcept {
-  static LogSink& sink = *new StandardErrorSink;
-  return sink;
+  static const Immortal<StandardErrorSink> sink;
+  return *sink;
 }
 
 constinit std::atomic<LogSink*> current_sink{nullptr};

@@ -1,6 +1,7 @@
 // List and Document: how they are built, changed, compared and destroyed.
 #include <algorithm>
 
+#include "sync/base/immortal.hpp"
 #include "sync/base/values/value.hpp"
 #include "sync/base/values/value_nodes.hpp"
 
@@ -184,9 +185,9 @@ const Value* Document::find(std::string_view key) const noexcept {
 }
 
 const Value& Document::get(std::string_view key) const noexcept {
-  static const Value& null = *new Value;
+  static const Immortal<Value> null;
   const Value* const value = find(key);
-  return value == nullptr ? null : *value;
+  return value == nullptr ? *null : *value;
 }
 
 Document Document::with(Text key, Value value) const {
