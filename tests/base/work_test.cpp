@@ -1,5 +1,4 @@
-// Every wait ends when it is interrupted, by the token of the thread's operation or by the host, and nothing waits for
-// itself, on whatever thread; and the threads and flags that waits are made of.
+// Whose interrupt counts, and that nothing waits for itself, on whatever thread or in a child.
 #include "sync/base/threads/work.hpp"
 
 #include <gtest/gtest.h>

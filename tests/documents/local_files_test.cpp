@@ -2,7 +2,6 @@
 
 #include <filesystem>
 
-#include "sync/base/files/paths.hpp"
 #include "sync/documents/manifest_paths.hpp"
 #include "sync/documents/own_files.hpp"
 #include "tests/documents/values.hpp"

@@ -1,15 +1,9 @@
-#include <gmock/gmock.h>
 #include <map>
 
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
 namespace {
-
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::SizeIs;
-using testing::StartsWith;
 
 class ConstructionTest : public testing::Test, protected SyncSetup {};
 

@@ -1,17 +1,10 @@
 // What the server says of the active era, and the gates that ask it.
 
 #include "sync/base/values/convert.hpp"
-#include "sync/era/era_current.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
 namespace {
-
-TEST(EraCurrent, erasHaveTheOrderOfNumbers) {
-  const Value huge = Value::integer_from_decimal("99999999999999999999");
-  EXPECT_TRUE(era_is_later(8, 7) && era_is_later(huge, 8) && era_is_later(7.5, 7) && era_is_later("b", "a") && era_is_later(true, 0));
-  EXPECT_FALSE(era_is_later(7, 7) || era_is_later(7, huge) || era_is_later(7, 7.5));
-}
 
 class EraConfirmationTest : public testing::Test, protected SyncSetup {};
 

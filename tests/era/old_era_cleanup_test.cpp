@@ -101,17 +101,14 @@ TEST_F(OldEraCleanupTest, oneThreadAtATimeCleans) {
   std::atomic<int> runs = 0;
   std::promise<void> may_end;
   OldEraCleanup cleanup;
-  EXPECT_EQ(cleanup._cleanup_thread(), nullptr);
   const auto clean = [&, end = may_end.get_future().share()] {
     ++runs;
     end.wait();
   };
   for (int request = 0; request < 3; ++request) cleanup.schedule(clean);
   const auto first = cleanup._cleanup_thread();
-  EXPECT_TRUE(first->is_alive());
   may_end.set_value();
   first->join(Clock::real(), 10);
-  EXPECT_FALSE(first->is_alive());
   EXPECT_EQ(runs, 1) << "a request that comes while one is running is dropped";
   cleanup.schedule(clean);
   cleanup._cleanup_thread()->join(Clock::real(), 10);

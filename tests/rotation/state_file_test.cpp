@@ -1,6 +1,5 @@
 #include "sync/rotation/state_file.hpp"
 
-#include "sync/base/values/convert.hpp"
 #include "sync/base/values/json.hpp"
 #include "sync/neighbours/rotation_state.hpp"
 #include "sync/rotation/status.hpp"

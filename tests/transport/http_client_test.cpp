@@ -176,9 +176,7 @@ TEST(HttpClient, tellsAConnectionClosedEarlyFromOneThatBroke) {
   for (ScriptedServer* const server : {&plain, &encrypted.server}) {
     server->script("/closed", {{.headers = {{"Content-Length", "100"}}, .body = "half", .cut_after = 4}});
     server->script("/chunk", {{.headers = {{"Transfer-Encoding", "chunked"}}, .body = "64\r\nhalf"}});
-    EXPECT_EQ(body_of(*open(server->url("/closed"))), "half");
-    EXPECT_EQ(body_of(*open(server->url("/chunk"))), "half");
-    EXPECT_EQ(body_of(*open(server->url("/closed"))), "half") << "with a resumed session";
+    for (const char* path : {"/closed", "/chunk", "/closed"}) EXPECT_EQ(body_of(*open(server->url(path))), "half") << "also resumed";
   }
   // What brought nothing is no body, and a part of an error is not what the server said.
   plain.script("/nothing", {{.headers = {{"Content-Length", "100"}}, .cut_after = 0}});

@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <deque>
-#include <functional>
 #include <map>
 
 #include "sync/base/log.hpp"
