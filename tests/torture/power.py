@@ -1,5 +1,6 @@
 """Power losses: what a disk holds of a pass in the middle, when only some of what was written has come down to it."""
 
+import contextlib
 import functools
 import os
 import pathlib
@@ -9,15 +10,16 @@ import subprocess
 import threading
 import time
 from collections.abc import Iterator
-from typing import Any
 
 from torture.case import Case, scratch
-from torture.hostile_case import OPERATIONS, arena, assert_whole, template
-from torture.hostile_client import Client
-from torture.hostile_server import PLACES, TOKEN, Exchange, Server, World, entry
+from torture.checker import Checker
+from torture.workloads import FIRST, PARALLEL, Trial, Workload, generations, run_host, trial
+from torture.world import world
 
 MODES = {"ext4": "commit=1", "no-flush-at-rename": "commit=1,noauto_da_alloc", "writeback": "commit=1,noauto_da_alloc,data=writeback"}
 IMAGES = 6  # of each pass
+MANY = world(1, 2, generations(mandatory=1, pnl=1, calendar=1) | {f"data/more{number}.arrow": 0 for number in range(24)})
+PASS = Workload("power", FIRST, (MANY,), ("pass",))
 
 
 def command(*words: object) -> None:
@@ -25,91 +27,66 @@ def command(*words: object) -> None:
     assert done.returncode == 0, f"{words}: {done.stderr}"
 
 
-class Mounted:
-    def __init__(self, image: pathlib.Path, at: pathlib.Path, options: str) -> None:
-        self.at = at
-        at.mkdir(exist_ok=True)
-        command("mount", "-o", f"loop,{options}", image, at)
-
-    def __enter__(self) -> pathlib.Path:
-        return self.at
-
-    def __exit__(self, *_: object) -> None:
-        for _try in range(50):
-            if subprocess.run(["umount", str(self.at)], capture_output=True).returncode == 0:
-                return
-            time.sleep(0.1)
-        raise AssertionError(f"{self.at} stays mounted")
+def disk(image: pathlib.Path, content: pathlib.Path) -> None:
+    with image.open("wb") as file:
+        file.truncate(24 << 20)
+    command("mkfs.ext4", "-q", "-F", "-d", content, image)
 
 
-def published(world: World) -> World:
-    for number in range(24):
-        path, body = f"features/us/signal_is/more{number}.arrow", os.urandom(5000 + 700 * number)
-        world.files[path], world.entries[path] = body, entry(body, "feature")
-    return world
+@contextlib.contextmanager
+def mounted(image: pathlib.Path, at: pathlib.Path, options: str) -> Iterator[None]:
+    command("mount", "-o", f"loop,{options}", image, at)
+    try:
+        yield
+    finally:
+        command("umount", at)
+
+
+def images_of_a_pass(made: Trial, mode: str, draw: random.Random) -> list[pathlib.Path]:
+    """The disk at moments of a pass, while parts of what it writes come down to it."""
+    image, over = made.folder / "fault/image", threading.Event()
+    images: list[pathlib.Path] = []
+
+    def take() -> None:
+        while not over.is_set() and len(images) < IMAGES:
+            time.sleep(draw.random() * 0.06)
+            if draw.random() < 0.5:
+                with open(made.data / "other.tmp", "wb") as other:  # commits the journal, and nothing of others' bytes
+                    other.write(b"x")
+                    os.fsync(other.fileno())
+            elif draw.random() < 0.5:
+                command("sync", "-f", made.data)
+            images.append(image.with_name(f"image{len(images)}"))
+            command("cp", "--sparse=always", image, images[-1])
+
+    disk(image, made.data)
+    made.site.at_request = lambda *_: time.sleep(draw.random() * 0.02)
+    with mounted(image, made.data, MODES[mode]):
+        taker = threading.Thread(target=take)
+        taker.start()
+        outcome = made.fault(PARALLEL)
+        over.set()
+        taker.join()
+    assert outcome.code == 0, made.told("fault")
+    return images
 
 
 def run(mode: str, seed: int) -> str:
-    """Images of the disk, taken while a pass runs and parts of it are written down; each is mounted, started on and healed."""
-    draw, server = random.Random(seed), Server()
-    over = threading.Event()
-    with scratch() as folder:
-        image = folder / "image"
-        images: list[pathlib.Path] = []
-        with image.open("wb") as file:
-            file.truncate(24 << 20)
-        command("mkfs.ext4", "-q", "-F", image)
-        with Mounted(image, folder / "disk", MODES[mode]) as disk:
-            data = disk / "data"
-            shutil.copytree(arena.templates[template("old")], data)
-            command("sync", "-f", disk)
-            world = server.world = published(World(7, 2))
-
-            def slowly(exchange: Exchange) -> None:
-                time.sleep(draw.random() * 0.02)
-                exchange.send(*exchange.healthy())
-
-            for path in [*PLACES.values(), *(f"/data/files/{path}" for path in world.files)]:
-                server.attacks[path] = (slowly, 1e9)
-
-            def take() -> None:
-                while not over.is_set() and len(images) < IMAGES:
-                    time.sleep(draw.random() * 0.06)
-                    if draw.random() < 0.5:
-                        with open(disk / "other", "wb") as other:  # commits the journal, and nothing of others' bytes
-                            other.write(b"x")
-                            os.fsync(other.fileno())
-                    elif draw.random() < 0.5:
-                        command("sync", "-f", disk)
-                    images.append(folder / f"image{len(images)}")
-                    command("cp", "--sparse=always", image, images[-1])
-
-            taker = threading.Thread(target=take)
-            client = Client(folder, is_jailed=False)
-            variables: dict[str, Any] = dict(url=server.url, token=TOKEN)
-            client.run("result = sync.__version__")
-            taker.start()
-            report = client.run(OPERATIONS["sync"], directory=str(data), **variables)
-            time.sleep(0.1 * draw.random())
-            over.set()
-            taker.join()
-            client.end()
-            assert not report.error, report.error
-        server.heal()
-        emptied = 0
-        for each in images:
-            with Mounted(each, folder / "after", MODES[mode]) as disk:
-                data = disk / "data"
-                emptied += any(path.stat().st_size == 0 for path in data.rglob("*") if path.is_file() and not path.name.endswith((".tmp", ".sync_flock")))
-                client = Client(folder, is_jailed=False)
+    """Each image is mounted, started on and healed."""
+    with trial(PASS) as made:
+        images, emptied = images_of_a_pass(made, mode, random.Random(seed)), 0
+        made.site.settle()
+        made.note()
+        for image in images:
+            with mounted(image, made.data, MODES[mode]):
+                written = [path for path in made.data.rglob("*") if path.is_file() and not path.name.endswith((".tmp", ".sync_flock"))]
+                emptied += any(path.stat().st_size == 0 for path in written)
+                Checker(made.folder, "fault").hold()
                 for _ in range(2):
-                    report = client.run(OPERATIONS["sync"], directory=str(data), **variables)
-                    assert not report.error, f"a start after the loss: {report.error}"
-                client.end()
-                assert_whole(data, world)
-            each.unlink()
-    server.close()
-    return f"{mode} {seed}: {len(images)} images, {emptied} with files of no length"
+                    started = run_host(made.folder, "heal", made.site.url, ("pass",), {})
+                    assert started.code == 0, "a start after the loss" + made.told("heal")
+                made.check("heal")
+        return f"{mode} {seed}: {len(images)} images, {emptied} with files of no length"
 
 
 def why_not() -> str:
@@ -117,11 +94,10 @@ def why_not() -> str:
     if os.geteuid() != 0 or shutil.which("mkfs.ext4") is None:
         return "left out: it takes root and mkfs.ext4"
     with scratch() as folder:
+        (folder / "disk").mkdir()
         try:
-            with (folder / "image").open("wb") as file:
-                file.truncate(4 << 20)
-            command("mkfs.ext4", "-q", "-F", folder / "image")
-            with Mounted(folder / "image", folder / "disk", "commit=1"):
+            disk(folder / "image", folder / "disk")
+            with mounted(folder / "image", folder / "disk", "commit=1"):
                 return ""
         except AssertionError as error:
             return f"left out, as this machine mounts no image: {error}"

@@ -176,7 +176,8 @@ class Trial:
     def fault(self, environment: Environment, within: tuple[str, ...] = (), kill_after: float | None = None) -> Outcome:
         return run_host(self.folder, "fault", self.site.url, self.command, environment, within, kill_after)
 
-    def check(self, phase: str) -> None:
+    def note(self) -> None:
+        """For the checker."""
         published = [self.workload.start] if self.workload.start else []
         worlds = [*published, *self.site.published]
         facts = {
@@ -186,6 +187,9 @@ class Trial:
             "era_change": self.command[0] == "follow" and self.workload.worlds[-1].era > 1,
         }  # fmt: skip
         (self.folder / "facts.json").write_text(json.dumps(facts))
+
+    def check(self, phase: str) -> None:
+        self.note()
         problems = problems_of(self.folder, phase)
         assert not problems, f"{phase}: " + "\n".join(problems) + self.told(phase)
 
