@@ -213,11 +213,11 @@ class Checker:
     def healed_nothing_is_left_behind(self) -> None:
         """But for what the next pass that downloads, or the next transition, removes, and what was staged of an era that is over."""
         era = self.published[-1]["era"]
-        committed_before = self.held()["committed"] == [era, self.published[-1]["version"]]
+        was_here = self.held()["committed"][0] == era
         for name in self.files:
             left = STAGING.fullmatch(name) or name in ("sync-progress.json", ".sync_flock", ".transition_lock")
             over = name.startswith(tuple(f".transition_era{number}.tmp/" for number in range(era)))
-            later = ATOMIC.fullmatch(name) or (committed_before and name.startswith(".transition")) or over
+            later = ATOMIC.fullmatch(name) or (was_here and name.startswith(".transition")) or over
             of_a_pass = "restart" in self.out and not name.startswith(".")  # which was killed; a transition leaves that to the next pass
             self.claim(not left or later or of_a_pass, f"{name} is left behind")
 

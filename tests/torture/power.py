@@ -13,7 +13,7 @@ from collections.abc import Iterator
 
 from torture.case import Case, scratch
 from torture.checker import Checker
-from torture.workloads import FIRST, PARALLEL, Trial, Workload, generations, run_host, trial
+from torture.workloads import FIRST, PARALLEL, Trial, Workload, generations, trial
 from torture.world import world
 
 MODES = {"ext4": "commit=1", "no-flush-at-rename": "commit=1,noauto_da_alloc", "writeback": "commit=1,noauto_da_alloc,data=writeback"}
@@ -83,7 +83,7 @@ def run(mode: str, seed: int) -> str:
                 emptied += any(path.stat().st_size == 0 for path in written)
                 Checker(made.folder, "fault").hold()
                 for _ in range(2):
-                    started = run_host(made.folder, "heal", made.site.url, ("pass",), {})
+                    started = made.run_host("heal", ("pass",), {})
                     assert started.code == 0, "a start after the loss" + made.told("heal")
                 made.check("heal")
         return f"{mode} {seed}: {len(images)} images, {emptied} with files of no length"

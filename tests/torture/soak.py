@@ -12,7 +12,7 @@ import time
 from collections.abc import Iterable
 
 from torture.case import SANITIZED, Case
-from torture.workloads import DEADLINE_SECONDS, FIRST, SPOILT, Trial, Workload, start_host, trial
+from torture.workloads import DEADLINE_SECONDS, FIRST, SPOILT, Trial, Workload, trial
 from torture.world import DATA, World, world
 
 PROCESSES = 4
@@ -38,8 +38,7 @@ class Round:
 
     def start(self) -> subprocess.Popen[bytes]:
         command = ("soak", str(int(self.end * 1e9)), str(self.draw.randrange(10**6)))
-        shared = {"FAULT_SHARED": f"{self.trial.folder}/shared"}
-        return start_host(self.trial.folder, "fault", self.trial.site.url, command, shared)
+        return self.trial.start_host("fault", command, {"FAULT_SHARED": f"{self.trial.folder}/shared"})
 
     def publish(self) -> None:
         site, draw = self.trial.site, random.Random(self.draw.random())

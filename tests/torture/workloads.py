@@ -123,31 +123,7 @@ class Outcome:
     out: str
 
 
-def start_host(folder: pathlib.Path, phase: str, url: str, command: tuple[str, ...], environment: Environment,
-               within: tuple[str, ...] = ()) -> subprocess.Popen[bytes]:  # fmt: skip
-    """The host on the folder's data directory, its output among the phase's files; `within` is a command that runs it."""
-    settings = {
-        "LD_PRELOAD": f"{BUILD}/bin/libtorture_faults.so " + os.environ.get("TORTURE_PRELOAD", ""),
-        "FAULT_BELOW": f"{folder}/data/", "FAULT_LOG": f"{folder}/{phase}/points", "TORTURE_TOKEN": TOKEN,
-        "BRACKENFEN_SYNC_HTTP_CHUNK_BYTES": str(CHUNK_BYTES), "BRACKENFEN_SYNC_MAX_CONCURRENCY": "1",
-        "BRACKENFEN_SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS": "30",  # a busy machine is no outage
-    }  # fmt: skip
-    variables = [f"{name}={value}" for name, value in (settings | environment).items()]
-    full = [*within, "env", *variables, f"{BUILD}/bin/torture_host", command[0], f"{folder}/data", url, *command[1:]]
-    with (folder / phase / "out").open("a") as out, (folder / phase / "log").open("a") as log:
-        return subprocess.Popen(full, stdout=out, stderr=log)
-
-
-def run_host(folder: pathlib.Path, phase: str, url: str, command: tuple[str, ...], environment: Environment, within: tuple[str, ...] = (),
-             kill_after: float | None = None) -> Outcome:  # fmt: skip
-    process = start_host(folder, phase, url, command, environment, within)
-    try:
-        code = process.wait(DEADLINE_SECONDS if kill_after is None else kill_after)
-    except subprocess.TimeoutExpired:
-        process.kill()
-        code = process.wait()
-        assert kill_after is not None, f"still at it after {DEADLINE_SECONDS} s"
-    return Outcome(code, (folder / phase / "out").read_text())
+STARTS_LOCK = threading.Lock()
 
 
 class Trial:
@@ -160,7 +136,9 @@ class Trial:
         if workload.start is None:
             (self.data / "feature-rotation-settings.json").write_text(json.dumps(SETTINGS))
         else:
-            shutil.copytree(filled(), self.data, dirs_exist_ok=True)
+            with STARTS_LOCK:
+                start = filled()
+            shutil.copytree(start, self.data, dirs_exist_ok=True)
         self.site = Site(folder / "fault/requests", list(workload.worlds))
         workload.before(self.data, self.site)
         self.start = {path.relative_to(self.data).as_posix(): digest(path.read_bytes()) for path in self.data.rglob("*") if path.is_file()}
@@ -173,8 +151,33 @@ class Trial:
     def close(self) -> None:
         self.site.close()
 
+    def start_host(self, phase: str, command: tuple[str, ...], environment: Environment,
+                   within: tuple[str, ...] = ()) -> subprocess.Popen[bytes]:  # fmt: skip
+        """On the data directory, its output among the phase's files; `within` is a command that runs it."""
+        settings = {
+            "LD_PRELOAD": f"{BUILD}/bin/libtorture_faults.so " + os.environ.get("TORTURE_PRELOAD", ""),
+            "FAULT_BELOW": f"{self.data}/", "FAULT_LOG": f"{self.folder}/{phase}/points", "TORTURE_TOKEN": TOKEN,
+            "BRACKENFEN_SYNC_HTTP_CHUNK_BYTES": str(CHUNK_BYTES), "BRACKENFEN_SYNC_MAX_CONCURRENCY": "1",
+            "BRACKENFEN_SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS": "30",  # a busy machine is no outage
+        }  # fmt: skip
+        variables = [f"{name}={value}" for name, value in (settings | environment).items()]
+        full = [*within, "env", *variables, f"{BUILD}/bin/torture_host", command[0], str(self.data), self.site.url, *command[1:]]
+        with (self.folder / phase / "out").open("a") as out, (self.folder / phase / "log").open("a") as log:
+            return subprocess.Popen(full, stdout=out, stderr=log)
+
+    def run_host(self, phase: str, command: tuple[str, ...], environment: Environment, within: tuple[str, ...] = (),
+                 kill_after: float | None = None) -> Outcome:  # fmt: skip
+        process = self.start_host(phase, command, environment, within)
+        try:
+            code = process.wait(DEADLINE_SECONDS if kill_after is None else kill_after)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            code = process.wait()
+            assert kill_after is not None, f"still at it after {DEADLINE_SECONDS} s"
+        return Outcome(code, (self.folder / phase / "out").read_text())
+
     def fault(self, environment: Environment, within: tuple[str, ...] = (), kill_after: float | None = None) -> Outcome:
-        return run_host(self.folder, "fault", self.site.url, self.command, environment, within, kill_after)
+        return self.run_host("fault", self.command, environment, within, kill_after)
 
     def note(self) -> None:
         """For the checker."""
@@ -209,7 +212,7 @@ class Trial:
         self.close()  # requests of the killed one may still come
         self.site = Site(self.folder / "heal/requests", published[-1:])
         self.site.published = published
-        healed = run_host(self.folder, "heal", self.site.url, ("follow",), {})
+        healed = self.run_host("heal", ("follow",), {})
         assert healed.code == 0, f"the healthy run ended with {healed.code}" + self.told("heal")
         self.check("heal")
 
@@ -220,17 +223,9 @@ def trial(workload: Workload) -> Iterator[Trial]:
         yield made
 
 
-STARTS_LOCK = threading.Lock()
-
-
+@functools.cache
 def filled() -> pathlib.Path:
     """A directory that a healthy pass has filled with the world that everything starts from."""
-    with STARTS_LOCK:
-        return filled_once()
-
-
-@functools.cache
-def filled_once() -> pathlib.Path:
     folder = pathlib.Path(tempfile.mkdtemp(prefix="brackenfen-torture-"))
     atexit.register(shutil.rmtree, folder, True)
     with contextlib.closing(Trial(Workload("fill", None, (FIRST,), ("pass",)), folder)) as made:
