@@ -9,6 +9,7 @@ from typing import Any
 
 import brackenfen.sync as sync
 import pytest
+from torture.hostile_server import answer
 
 
 def test_construction_and_registry(tmp_path: pathlib.Path) -> None:
@@ -91,7 +92,7 @@ def test_a_download_with_every_argument(manager: sync.SyncManager, server: Any, 
     server.add("f", b"x")
     waits: list[float] = []
     answers = iter([(503, b"{}"), (200, b"")])  # the first is an outage of the server, the second a failed transfer of this file
-    server.answers["/data/files/f"] = lambda handler: server.send(handler, *next(answers, (200, b"x")))
+    server.answers["/data/files/f"] = lambda exchange: answer(*next(answers, (200, b"x")))(exchange)
     result = sync.SyncResult(bytes_downloaded=3)
     manager._download_file("f", server.entries["f"], result, waits.append, backoff_surface="mine", target_data_dir=tmp_path / "staging")
     events = [record.brackenfen_sync_event for record in records.records if hasattr(record, "brackenfen_sync_event")]
@@ -133,7 +134,7 @@ def test_a_stop_of_the_host_ends_every_worker_of_an_outage(manager: sync.SyncMan
 
 
 def test_requests_and_probes(manager: sync.SyncManager, server: Any) -> None:
-    server.answers["/x"] = lambda handler: (handler.send_response(201), handler.send_header("X-Odd", "\xe9"), handler.end_headers(), handler.wfile.write(b"\0b"))
+    server.answers["/x"] = answer(201, b"\0b", X_Odd="\xe9")
     status, headers, body = sync._http_get_public(server.url + "/x", range_start=10, range_end=5)
     assert (status, headers["X-Odd"], body) == (201, "\xe9", b"\0b") and type(body) is bytes
     assert server.requests[-1][1]["Range"] == "bytes=10-" and "Authorization" not in server.requests[-1][1]

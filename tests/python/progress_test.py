@@ -15,6 +15,7 @@ from typing import Any
 
 import brackenfen.sync as sync
 import pytest
+from torture.hostile_server import Exchange, head
 
 AWAY = (503, b"{}")
 LOCK_HOLDER = "import fcntl, sys; file = open(sys.argv[1], 'a'); fcntl.flock(file, fcntl.LOCK_EX); print('held', flush=True); sys.stdin.read()"
@@ -40,13 +41,12 @@ def test_a_pass_shows_its_files_bytes_and_waits(manager: sync.SyncManager, serve
     for name in "abc":
         server.add(f"features/{name}.arrow", name.encode() * 1000)
 
-    def pause(handler: Any) -> None:
-        handler.send_response(200)
-        handler.send_header("Content-Length", "1000")
-        handler.end_headers()
-        handler.wfile.write(b"b" * 600)
-        server.released.wait(30)
-        handler.wfile.write(b"b" * 400)
+    released = threading.Event()
+
+    def pause(exchange: Exchange) -> None:
+        exchange.send(head(200, {"Content-Length": "1000"}), b"b" * 600)
+        released.wait(30)
+        exchange.send(b"b" * 400)
 
     server.answers |= {"/data/files/features/b.arrow": pause, "/data/files/features/c.arrow": AWAY}
     began, syncing = time.time(), begin(manager)
@@ -66,7 +66,7 @@ def test_a_pass_shows_its_files_bytes_and_waits(manager: sync.SyncManager, serve
         manager.progress()
     assert time.process_time() - called < 2
     server.answers.clear()
-    server.released.set()
+    released.set()
     syncing.result()
     assert manager.progress() is None and manager.health().waiting_for is None
 
