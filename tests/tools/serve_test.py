@@ -113,7 +113,7 @@ def test_wrong_bytes_have_the_right_size_and_ranges_can_be_ignored(serve, tree, 
     assert peer.get(path, Range="bytes=500-").body == wrong[500:]
 
 
-def test_fault_file_steers_a_running_server(serve, tree, tmp_path):
+def test_fault_file_steers_a_running_server(serve, tree, tmp_path, wait_until):
     steering = tmp_path / "faults"
 
     def steer(*faults):
@@ -132,16 +132,10 @@ def test_fault_file_steers_a_running_server(serve, tree, tmp_path):
     assert peer.get("/era/current").status == 200  # it goes on counting
     steering.unlink()
     assert peer.get("/data/manifest").status == 200
-
-
-def test_refused_port_comes_back(serve, tree, tmp_path, wait_until):
-    steering = tmp_path / "faults"
-    peer = serve(tree, "--fault-file", steering)
-    steering.write_text("*:refuse,outage=0+1000\n")
+    steer("*:refuse,outage=0+1000")
     wait_until(lambda: not accepts(peer.port))
     steering.unlink()
     wait_until(lambda: accepts(peer.port))
-    assert peer.get("/era/current").status == 200
 
 
 def accepts(port):
