@@ -1,6 +1,5 @@
-// Numbers, texts, headers and settings are read as they are defined, inside their bounds, and written so that they read
-// back. Input: two texts on lines of their own, and a third of what is left.
-#include <bit>
+// Numbers, texts, headers and settings are read inside their bounds, and written so that they read back; which values they
+// are is compared with plain rules elsewhere. Input: two texts on lines of their own, and a third of what is left.
 #include <cmath>
 
 #include "sync/base/text/secrets.hpp"
@@ -14,10 +13,6 @@
 #include "tests/fuzz/fuzz.hpp"
 
 namespace {
-
-bool consists_of(std::string_view text, std::string_view characters) {
-  return text.find_first_not_of(characters) == std::string_view::npos;
-}
 
 void check_text(std::string_view text) {
   require(strip(strip(text)) == strip(text), "nothing is left to strip");
@@ -51,10 +46,6 @@ void check_header(const std::string& text) {
 void check_integers(std::string_view left, std::string_view right) {
   const auto a = unless_refused([&] { return to_integer(left); }, error_class::ValueError);
   require(a.has_value() == to_integer_or_absent(left).has_value(), "both conversions agree");
-  if (consists_of(left, "+-0123456789.e")) {
-    const std::string_view digits = left.substr(left.starts_with('+') || left.starts_with('-') ? 1 : 0);
-    require(a.has_value() == (!digits.empty() && consists_of(digits, "0123456789")), "an integer is its digits");
-  }
   const auto b = to_integer_or_absent(right);
   if (!a || !b) return;
   const std::string text = to_text(*b);
@@ -72,12 +63,6 @@ void check_real(const std::string& text) {
   const auto real = parse_real(text);
   const auto converted = unless_refused([&] { return to_real(text); }, error_class::ValueError);
   require(real.has_value() == converted.has_value(), "both conversions agree");
-  if (!text.empty() && consists_of(text, "0123456789.eE+-")) {
-    char* end = nullptr;
-    const double expected = std::strtod(text.c_str(), &end);
-    require(real.has_value() == (*end == '\0'), "a real is what the C library takes for one");
-    require(!real || std::bit_cast<std::int64_t>(*real) == std::bit_cast<std::int64_t>(expected), "to the last bit");
-  }
   if (!real) return;
   const auto again = parse_real(real_text(*real));
   require(again && (*again == *real || std::isnan(*again) == std::isnan(*real)), "a number survives its text");

@@ -179,9 +179,7 @@ bool is_directory(int file) { return plan().shared != nullptr && path_of(file) +
   }
 #define DIRECTORY_PARAMETER int directory,
 DEFINE_OPEN(open, , AT_FDCWD, "openat")
-DEFINE_OPEN(open64, , AT_FDCWD, "openat64")
 DEFINE_OPEN(openat, DIRECTORY_PARAMETER, directory, "openat")
-DEFINE_OPEN(openat64, DIRECTORY_PARAMETER, directory, "openat64")
 
 #define DEFINE(NAME, CALL, PATH, PARAMETERS, ARGUMENTS) \
   HOOK int NAME PARAMETERS {                            \
@@ -197,16 +195,11 @@ DEFINE(rmdir, "unlink", path, (const char* path), (path))
 DEFINE(mkdir, "mkdir", path, (const char* path, mode_t mode), (path, mode))
 DEFINE(mkdirat, "mkdir", at(folder, path), (int folder, const char* path, mode_t mode), (folder, path, mode))
 DEFINE(ftruncate, "truncate", path_of(file), (int file, off_t size), (file, size))
-DEFINE(ftruncate64, "truncate", path_of(file), (int file, off64_t size), (file, size))
 DEFINE(fsync, "fsync", path_of(file), (int file), (file))
-DEFINE(fdatasync, "fsync", path_of(file), (int file), (file))
 
 HOOK ssize_t write(int file, const void* data, std::size_t size) { return write_counted("write", file, data, size); }
 HOOK ssize_t pwrite(int file, const void* data, std::size_t size, off_t offset) {
   return write_counted("pwrite", file, data, size, offset);
-}
-HOOK ssize_t pwrite64(int file, const void* data, std::size_t size, off64_t offset) {
-  return write_counted("pwrite64", file, data, size, offset);
 }
 HOOK ssize_t writev(int file, const iovec* parts, int count) {
   const OwnCall own;
