@@ -4,7 +4,6 @@ import collections
 import contextlib
 import dataclasses
 import json
-import pathlib
 import socket
 import ssl
 import struct
@@ -13,56 +12,29 @@ import time
 from collections.abc import Callable
 from typing import Any
 
-from torture.world import CHUNK_BYTES, body_of, digest
+from torture.world import FUNCTIONS, INDEX, VOCABULARIES, World, body_of
 
-FEATURES = "features/us/signal_is"
-SMALL, BIG, PNL = f"{FEATURES}/small.arrow", f"{FEATURES}/big.arrow", "found_signals/p/e/signal_is/pnl.arrow"
-INDEX, VOCABULARY, FUNCTIONS = "signals_index.json", "named_universes/us/vocabulary.json", "functions.json"
-KINDS = {SMALL: "feature", BIG: "feature", PNL: "found_signal_is_pnl", INDEX: "signals_index", VOCABULARY: "vocabulary", FUNCTIONS: "functions"}
-FILES = "/data/files/"
-PLACES = {"version": "/data/manifest/version", "manifest": "/data/manifest", "seed": "/data/shuffle", "era": "/era/current"} | {
-    name: FILES + path for name, path in dict(small=SMALL, big=BIG, pnl=PNL, index=INDEX, vocabulary=VOCABULARY, functions=FUNCTIONS).items()
-}
+SMALL, BIG = "features/us/signal_is/small.arrow", "features/us/signal_is/big.arrow"
+PNL = "found_signals/alpha/s1/signal_is/pnl.arrow"
+VOCABULARY = VOCABULARIES["us"]
+NAMES = {"small": SMALL, "big": BIG, "pnl": PNL, "index": INDEX, "vocabulary": VOCABULARY, "functions": FUNCTIONS}
+PLACES = {"version": "/data/manifest/version", "manifest": "/data/manifest", "seed": "/data/shuffle", "era": "/era/current"}
+PLACES |= {name: f"/data/files/{path}" for name, path in NAMES.items()}
 TOKEN = "canary-5f1d9c+/~="
-CHUNK = CHUNK_BYTES  # which BIG has three of
 
 
-class World:
-    """All that is published at one version of one era; `files` and `entries` may be changed by a case."""
-
-    def __init__(self, era: int = 7, version: int = 1) -> None:
-        self.era, self.version = era, version
-        universe = {"named_universe": "us", "t_signal_is": 5, "t_strategy_is": 6, "n_instruments": 7}
-        documents = {
-            INDEX: {"era_number": era, "found_signals": {"e": {"files": [PNL]}}},
-            VOCABULARY: {"era_number": era, "named_universe": "us", "features": {"small": {}, "big": {}}, "metadata": universe},
-            FUNCTIONS: {"era_number": era, "rotations": ["weekly"]},
-        }
-        self.files = {SMALL: body_of(SMALL, 1000 * era + version)[:60], BIG: (body_of(BIG, era) * 9)[:9600], PNL: b"pnl of era %d" % era, "plain.bin": b"plain"}
-        self.files |= {path: json.dumps(document).encode() for path, document in documents.items()}
-        self.entries = {path: entry(body, KINDS.get(path, "data")) for path, body in self.files.items()}
-        self.seed = body_of("seed", era)[:60]
-        self.fields: dict[str, Any] = {}
-
-    def manifest(self) -> dict[str, Any]:
-        fields = {"era_number": self.era, "version": self.version, "pnl_column_count": 4, "functions": FUNCTIONS, "files": self.entries}
-        return fields | self.fields
-
-    def body(self, path: str) -> bytes | None:
-        """What lies at that path of the server, whole."""
-        documents = {
-            "version": {"version": self.version, "era_number": self.era},
-            "manifest": self.manifest(),
-            "era": {"era_number": self.era, "state": "active"},
-        }
-        for name, document in documents.items():
-            if path == PLACES[name]:
-                return json.dumps(document).encode()
-        return self.seed if path == PLACES["seed"] else self.files.get(path.removeprefix(FILES))
-
-
-def entry(body: bytes, kind: str = "data") -> dict[str, Any]:
-    return {"kind": kind, "size_bytes": len(body), "sha256": digest(body)}
+def small_world(era: int = 7, version: int = 1) -> World:
+    """Of one file of each sort; a case may change its `bodies` and its `manifest`, which states them as they were at first."""
+    universe = {"named_universe": "us", "t_signal_is": 5, "t_strategy_is": 6, "n_instruments": 7}
+    documents = {
+        INDEX: {"era_number": era, "found_signals": {"e": {"files": [PNL]}}},
+        VOCABULARY: {"era_number": era, "named_universe": "us", "features": {"small": {}, "big": {}}, "metadata": universe},
+        FUNCTIONS: {"era_number": era, "rotations": ["weekly"]},
+    }
+    bodies = {path: json.dumps(document).encode() for path, document in documents.items()}
+    bodies |= {SMALL: body_of(SMALL, 1000 * era + version)[:60], BIG: body_of(BIG, era) * 8}  # of which a chunk is less than a half
+    bodies |= {PNL: b"pnl of era %d" % era, "plain.bin": b"plain"}
+    return World(era, version, bodies)
 
 
 @dataclasses.dataclass
@@ -71,8 +43,8 @@ class Exchange:
 
     server: "Server"
     connection: socket.socket
-    path: str
-    headers: dict[str, str]
+    path: str = ""
+    headers: dict[str, str] = dataclasses.field(default_factory=dict)
     count: int = 0  # of requests for that path before
 
     def send(self, *parts: bytes) -> None:
@@ -88,22 +60,20 @@ class Exchange:
         while self.connection.recv(1000):
             pass
 
-    def healthy(self, world: World | None = None) -> tuple[bytes, bytes]:
-        """Head and body of the answer that belongs here."""
-        world = world or self.server.world
-        whole, headers, status = world.body(self.path), {}, 200
-        if whole is None:
-            status, whole = 404, b"{}"
-        elif (wanted := self.headers.get("Range")) is not None:
-            first, last = wanted.removeprefix("bytes=").split("-")
-            status, whole = (416, b"") if int(first) >= len(whole) else (206, whole[int(first) : int(last) + 1 if last else len(whole)])
-        if self.path == PLACES["seed"]:
-            headers["X-Era-Id"] = str(world.era)
-        return head(status, {**headers, "Content-Length": str(len(whole))}), whole
+    def healthy(self, change: Callable[[bytes], bytes] = bytes) -> tuple[bytes, bytes]:
+        """Head and body of the answer that belongs here; of a changed body the length is stated truly."""
+        return healthy(self.path, self.server.world, self.headers, change)
 
 
-def head(status: object, headers: dict[str, str]) -> bytes:
-    return "".join([f"HTTP/1.1 {status} Odd\r\n", *(f"{name}: {value}\r\n" for name, value in headers.items()), "\r\n"]).encode("latin-1")
+def head(status: object, **headers: object) -> bytes:
+    lines = [f"{name.replace('_', '-')}: {value}\r\n" for name, value in headers.items()]
+    return "".join([f"HTTP/1.1 {status} Odd\r\n", *lines, "\r\n"]).encode("latin-1")
+
+
+def healthy(path: str, world: World, headers: dict[str, str], change: Callable[[bytes], bytes]) -> tuple[bytes, bytes]:
+    status, more, body = world.answer(path, headers.get("range"))
+    body = change(body)
+    return head(status, **more, Content_Length=len(body)), body
 
 
 Attack = Callable[[Exchange], None]
@@ -115,82 +85,66 @@ class Server:
     stranger: "Server"  # of another origin, for those who are sent there
 
     def __init__(self, world: World | None = None, tls: ssl.SSLContext | None = None) -> None:
-        self.world, self.tls = world or World(), tls
+        self.world, self.tls = world or small_world(), tls
         self.handshakes: list[Attack | ssl.SSLContext] = []  # what the next connections get instead
         self.attacks: dict[str, tuple[Attack, float]] = {}
         self.requests: list[tuple[str, dict[str, str]]] = []
         self.counts: collections.Counter[str] = collections.Counter()  # of requests, by path
-        self.odd: list[bytes] = []  # requests that are no GET
         self.lock = threading.Lock()
-        self.listener = socket.create_server(("127.0.0.1", 0), backlog=200)
-        self.port = self.listener.getsockname()[1]
-        self.url = f"{'https' if tls else 'http'}://{'localhost' if tls else '127.0.0.1'}:{self.port}"
-        threading.Thread(target=self._accept, args=(self.listener,), daemon=True).start()
+        self.port = 0
+        self._listen()
+        self.url = f"https://localhost:{self.port}" if tls else f"http://127.0.0.1:{self.port}"
 
     def usual(self, exchange: Exchange) -> None:
         """What happens where nothing is attacked."""
-        exchange.send(*exchange.healthy())
+        WELL(exchange)
 
     def down(self, seconds: float) -> None:
         """Refuses connections for a while."""
         self.close()
+        threading.Timer(seconds, self._listen).start()
 
-        def up() -> None:
-            time.sleep(seconds)
-            self.listener = socket.create_server(("127.0.0.1", self.port), backlog=200)
-            self._accept(self.listener)
-
-        threading.Thread(target=up, daemon=True).start()
-
-    def heal(self, world: World | None = None) -> None:
+    def heal(self) -> None:
         with self.lock:
-            self.attacks = {}
-            self.world = world or self.world
-            self.requests, self.odd, self.counts = [], [], collections.Counter()
+            self.attacks, self.requests, self.counts = {}, [], collections.Counter()
+
+    def _listen(self) -> None:
+        self.listener = socket.create_server(("127.0.0.1", self.port), backlog=200)
+        self.port = self.listener.getsockname()[1]
+        threading.Thread(target=self._accept, args=(self.listener,), daemon=True).start()
 
     def _accept(self, listener: socket.socket) -> None:
-        while True:
-            try:
-                connection, _ = listener.accept()
-            except OSError:
-                return
-            threading.Thread(target=self._serve, args=(connection,), daemon=True).start()
+        with contextlib.suppress(OSError):  # it was closed
+            while True:
+                threading.Thread(target=self._serve, args=listener.accept()[:1], daemon=True).start()
 
-    def _serve(self, plain: socket.socket) -> None:
-        connection = plain
-        try:
+    def _serve(self, connection: socket.socket) -> None:
+        with contextlib.ExitStack() as stack:
+            stack.callback(lambda: connection.close())
+            stack.enter_context(contextlib.suppress(OSError, ValueError))  # ValueError: of a closed TLS connection
             connection.settimeout(20)
             context = self.handshakes.pop() if self.handshakes else self.tls
             if callable(context):
-                context(Exchange(self, connection, "", {}))
+                context(Exchange(self, connection))
                 return
             if context:
                 connection = context.wrap_socket(connection, server_side=True)
-            received = b""
-            while b"\r\n\r\n" not in received:
-                more = connection.recv(65536)
-                if not more:
-                    return
-                received += more
-            lines = received.decode("latin-1").split("\r\n\r\n")[0].split("\r\n")
-            method, path, *_ = lines[0].split(" ")
-            exchange = Exchange(self, connection, path if method == "GET" else lines[0], dict(line.split(": ", 1) for line in lines[1:]))
-            with self.lock:
-                exchange.count = self.counts[path]
-                self.counts[path] += 1
-                self.requests.append((path, exchange.headers))
-                if method != "GET" or not received.endswith(b"\r\n\r\n"):
-                    self.odd.append(received)
-                attack, times = self.attacks.get(path, (None, 0))
-                if times <= 0:
-                    attack = None
-                elif attack:
-                    self.attacks[path] = attack, times - 1
-            (attack or self.usual)(exchange)
-        except (OSError, ValueError):  # ValueError: of a closed TLS connection
-            pass
-        finally:
-            connection.close()
+            lines = stack.enter_context(connection.makefile("rb"))
+            words = lines.readline().decode("latin-1").split(" ")
+            if words[-1].startswith("HTTP/1.1"):  # and no greeting of TLS
+                rows = iter(lambda: lines.readline().decode("latin-1").strip(), "")
+                self._answer(connection, words, {name.lower(): value for name, _, value in (row.partition(": ") for row in rows)})
+
+    def _answer(self, connection: socket.socket, words: list[str], headers: dict[str, str]) -> None:
+        path = words[1] if words[0] == "GET" else " ".join(words)  # which stands out
+        exchange = Exchange(self, connection, path, headers)
+        with self.lock:
+            exchange.count = self.counts[path]
+            self.counts[path] += 1
+            self.requests.append((path, headers))
+            attack, times = self.attacks.get(path, (raw(), 0))
+            self.attacks[path] = attack, times - 1
+        (attack if times > 0 else self.usual)(exchange)
 
     def close(self) -> None:
         with contextlib.suppress(OSError):  # which is closed already
@@ -205,11 +159,9 @@ def raw(*parts: bytes, reset: bool = False, hold: bool = False, pause: float = 0
     """These bytes; then the end, a reset, or silence. With a pause, byte by byte."""
 
     def attack(exchange: Exchange) -> None:
-        for part in b"".join(parts) if pause else ():
-            exchange.send(bytes([part]))
+        for part in (bytes([byte]) for byte in b"".join(parts)) if pause else parts:
+            exchange.send(part)
             time.sleep(pause)
-        if not pause:
-            exchange.send(*parts)
         if hold:
             exchange.hold()
         if reset:
@@ -218,22 +170,16 @@ def raw(*parts: bytes, reset: bool = False, hold: bool = False, pause: float = 0
     return attack
 
 
-def answer(status: object, body: bytes = b"", **headers: str) -> Attack:
-    named = {name.replace("_", "-"): value for name, value in headers.items()}
-    return raw(head(status, {"Content-Length": str(len(body)), **named}), body)
+def answer(status: object, body: bytes = b"", **headers: object) -> Attack:
+    return raw(head(status, **{"Content_Length": len(body), **headers}), body)
 
 
 def changed(change: Callable[[bytes], bytes], **options: Any) -> Attack:
-    """The healthy answer with its body changed, its length stated truly."""
+    """The healthy answer with its body changed."""
+    return lambda exchange: raw(*exchange.healthy(change), **options)(exchange)
 
-    def attack(exchange: Exchange) -> None:
-        start, body = exchange.healthy()
-        body = change(body)
-        lines = [line for line in start.decode("latin-1").split("\r\n") if not line.startswith("Content-Length")]
-        lines.insert(1, f"Content-Length: {len(body)}")
-        raw("\r\n".join(lines).encode("latin-1"), body, **options)(exchange)
 
-    return attack
+WELL = changed(bytes)
 
 
 def cut(at: int, of_body: bool = False, **options: Any) -> Attack:
@@ -246,12 +192,12 @@ def cut(at: int, of_body: bool = False, **options: Any) -> Attack:
     return attack
 
 
-def endless(block: bytes, status: int = 200, pause: float = 0, **headers: str) -> Attack:
+def endless(status: int = 200, pause: float = 0, **headers: object) -> Attack:
     def attack(exchange: Exchange) -> None:
-        exchange.send(head(status, {name.replace("_", "-"): value for name, value in headers.items()}))
+        exchange.send(head(status, **headers))
         until = time.monotonic() + 20
         while time.monotonic() < until:
-            exchange.send(block)
+            exchange.send(b" " * (1 << 20))
             time.sleep(pause)
 
     return attack
@@ -263,10 +209,6 @@ def document(change: Callable[[dict[str, Any]], Any]) -> Attack:
     def altered(body: bytes) -> bytes:
         data = json.loads(body)
         result = change(data)
-        return result if isinstance(result, bytes) else json.dumps(data if result is None else result).encode()
+        return result if isinstance(result, bytes) else json.dumps(data).encode()
 
     return changed(altered)
-
-
-def digest_of(path: pathlib.Path) -> str:
-    return digest(path.read_bytes())

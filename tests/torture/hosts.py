@@ -7,7 +7,7 @@ from typing import Any
 from torture.case import Case, draw
 from torture.hostile_case import OPERATIONS, SETTINGS, arena, assert_whole, template
 from torture.hosts_client import BEHAVIOURS
-from torture.hostile_server import PLACES, TOKEN, Server, World, answer
+from torture.hostile_server import PLACES, TOKEN, Server, answer, small_world
 
 CELL = "from hosts_client import cell\nresult = cell(directory, url, token, slot, operation, behaviour)"
 DEADLINE_SECONDS = 90  # a stop may wait for 10 s for the watcher; the rest is for a busy machine
@@ -17,7 +17,7 @@ def run(slot: str, operation: str, behaviour: str) -> None:
     server, directory = Server(), arena.directory(template("old"))
     (directory / "feature-rotation-state.json").unlink()  # the host brings a planner of its own
     crosses = operation in ("transition", "watch", "follow")
-    server.world = World(8 if crosses else 7, 2)
+    server.world = small_world(8 if crosses else 7, 2)
     for place in ("version", "manifest", "small", "era"):
         server.attacks[PLACES[place]] = (answer(503, b'{"error": "BUSY"}'), 1)
     before = arena.around(directory)

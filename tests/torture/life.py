@@ -13,7 +13,7 @@ from collections.abc import Iterator
 
 from torture.case import Case, draw, module_environment
 from torture.hostile_case import OPERATIONS, arena, assert_whole, template
-from torture.hostile_server import PLACES, TOKEN, Exchange, Server, World, answer, raw
+from torture.hostile_server import PLACES, TOKEN, Exchange, Server, answer, raw, small_world
 
 # A host with work of every kind on threads of every kind. A moment after "ready" it does what it is asked to.
 HOST = '''
@@ -179,7 +179,7 @@ SOON_SECONDS = 4  # in which an end must have come on a busy machine; what start
 
 def run(work: str, kind: str, ending: str, seed: int) -> None:
     server, directory, draw = Server(), arena.directory(template("old")), random.Random(f"{work} {kind} {ending} {seed}")
-    world = server.world = World(8 if work == "transition" else 7, 2)
+    world = server.world = small_world(8 if work == "transition" else 7, 2)
 
     def slowly(exchange: Exchange) -> None:
         time.sleep(draw.random() * 0.02)

@@ -27,17 +27,16 @@ class Site(Server):
 
     def usual(self, exchange: Exchange) -> None:
         """The log has it before anybody sees the answer; its status is 0 where the connection is reset."""
-        headers = {name.lower(): value for name, value in exchange.headers.items()}
-        request = {"ns": time.monotonic_ns(), "path": exchange.path, "headers": headers}
+        request = {"ns": time.monotonic_ns(), "path": exchange.path, "headers": exchange.headers}
         with self.lock:
             self.asked += 1
             cut = self.cut or self.asked in self.cuts
         if not cut:
             self.at_request(self, exchange.path)
-        status, more, body = self.published[-1].answer(exchange.path, headers.get("range"))
+        status, more, body = self.published[-1].answer(exchange.path, exchange.headers.get("range"))
         with self.lock, self.log.open("a") as file:
             file.write(json.dumps(request | {"status": 0 if cut else status}) + "\n")
         if cut:
             exchange.reset()
         else:
-            exchange.send(head(status, {**more, "Content-Length": str(len(body))}), body)
+            exchange.send(head(status, **more, Content_Length=len(body)), body)
