@@ -98,12 +98,15 @@ class Checker:
                 self.claim(name in self.facts["start"], f"{name} is nobody's")
 
     def check_manifest_comes_last(self) -> None:
-        """What stays is never away, and a new era's manifest is there only when its files are."""
+        """What stays is never away, a manifest is there only when its files are, and a new era's when they are the new ones."""
         self.claim(self.files.keys() >= set(self.facts["stays"]), f"away: {set(self.facts['stays']) - self.files.keys()}")
         for world in self.published[1:] if self.facts["era_change"] else []:
             if world["era"] == self.manifest.get("era_number"):
                 wrong = {path for path, digest in world["files"].items() if path not in self.facts["rotating"] and self.digests.get(path) != digest}
                 self.claim(not wrong, f"manifest.json is there before {wrong}")
+        if "manifest.json" in self.files and self.digests["manifest.json"] != self.facts["start"].get("manifest.json"):
+            missing = {path for path in self.manifest.get("files", {}) if not path.startswith("features/")} - self.files.keys()
+            self.claim(not missing, f"manifest.json is there before {missing}")
 
     def check_no_selection_is_newer_than_the_manifest(self) -> None:
         state = self.document("feature-rotation-state.json")
@@ -115,7 +118,7 @@ class Checker:
         self.claim(not newer, f"the rotation state is newer than the manifest: {newer}")
 
     def check_cache_answers_for_what_it_read(self) -> None:
-        entries = self.document(".sync_hash_cache.json").get("entries", {})
+        entries = self.document(".sync_hash_cache.json").get("files", {})
         for name, entry in entries.items():
             if name not in self.files:
                 continue
@@ -144,9 +147,8 @@ class Checker:
         for line in self.out:
             self.claim(LINES.fullmatch(line) or ERRORS.fullmatch(line), f"it printed: {line}")
         if "restart" in self.out:
-            stated = next((line.split()[1] for line in self.out if line.startswith("manifest")), None)
             self.claim(self.out.index("kill") < self.out.index("restart"), "searches restart that nobody stopped")
-            self.claim(stated in {None, str(self.published[-1]["era"])}, "searches restart in an era that is over")
+            self.claim(self.manifest.get("era_number") == self.published[-1]["era"], "searches restart in an era that is not here, or over")
 
     def check_each_outage_is_told_once(self) -> None:
         """Its begin, unless it is one of many, and its end; and nothing of a kind comes more than ten times."""
@@ -218,6 +220,8 @@ class Checker:
         """But for what the next pass that downloads, or the next transition, removes, and what was staged of an era that is over."""
         era = self.published[-1]["era"]
         was_here = self.held()["committed"][0] == era
+        departed = self.published[0]["files"].keys() - self.published[-1]["files"].keys() if self.facts["era_change"] and not was_here else set()
+        self.claim(not departed & self.files.keys(), f"departed with their era: {departed & self.files.keys()}")
         for name in self.files:
             left = STAGING.fullmatch(name) or name in ("sync-progress.json", ".sync_flock", ".transition_lock")
             over = name.startswith(tuple(f".transition_era{number}.tmp/" for number in range(era)))
@@ -234,7 +238,7 @@ class Checker:
             asked.add(path)
             first = int(request["headers"].get("range", "bytes=0-").removeprefix("bytes=").split("-")[0])
             self.claim(path not in held["whole"], f"{path} was fetched although it was here")
-            self.claim(first >= held["begun"].get(path, 0), f"{path} was fetched from {first}, {held['begun'].get(path)} bytes were here")
+            self.claim(first == held["begun"].get(path, first), f"{path} was fetched from {first}, {held['begun'].get(path)} bytes were here")
 
     # ---- between the two ----
 

@@ -1,4 +1,4 @@
-"""1,000 passes that each fetch something, and 1,000 acquire/release: descriptors, threads and memory stay where they were."""
+"""1,000 passes, of which every second fetches something, and 1,000 acquire/release: descriptors, threads and memory stay where they were."""
 
 import functools
 import itertools
@@ -14,13 +14,13 @@ KILOBYTES_FOR_EACH = 1
 
 
 def flap() -> Callable[[Site, str], None]:
-    """Each pass finds a new version, which has a file more or less than the one before."""
+    """Each pass finds a new version and a file with other bytes than before, which it keeps or, every second time, fetches."""
     numbers = itertools.count(2)
 
     def at_request(site: Site, path: str) -> None:
         if path == PLACES["version"]:
             number = next(numbers)
-            site.published[:] = [world(1, number, {"data/new.arrow": number % 2 - 1})]
+            site.published[:] = [world(1, number, {"data/new.arrow": number})]
 
     return at_request
 

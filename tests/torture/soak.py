@@ -13,7 +13,7 @@ from collections.abc import Iterable
 
 from torture.case import SANITIZED, Case
 from torture.workloads import DEADLINE_SECONDS, FIRST, SPOILT, Trial, Workload, trial
-from torture.world import DATA, World, world
+from torture.world import DATA, World, digest, world
 
 PROCESSES = 4
 ERA_SECONDS, VERSION_SECONDS = 10.0, 0.5
@@ -92,7 +92,7 @@ class Round:
 
 def soak(seed: int, seconds: float) -> str:
     with trial(Workload("soak", FIRST, (FIRST,), ("soak",))) as made:
-        made.spoilt, made.processes = True, PROCESSES
+        made.spoilt, made.processes = [digest(SPOILT)], PROCESSES
         told = Round(made, seed, seconds).run()
         last = made.site.published[-1]
         made.site.published.append(world(last.era, last.version + 1))  # so that the healthy pass looks at every file
