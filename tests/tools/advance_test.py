@@ -28,8 +28,14 @@ def era_of(tree):
 
 
 def test_each_step_alone(tool, eras, tree):
+    documents = [tree / "era/current.json", tree / "data/shuffle"]
+
     def step(name, *more):
+        dates = [int(document.stat().st_mtime) for document in documents]
         tool("advance", tree, *more, "--step", name)
+        # as after publish: to a server that makes validators of size and second, each is another document
+        later = [int(document.stat().st_mtime) > date for document, date in zip(documents, dates, strict=True)]
+        assert all(later) if name == "open" else later[0]
         return era_of(tree)
 
     assert era_of(tree) == ACTIVE

@@ -29,7 +29,9 @@ Document era_document(const EraStatus& status, EraShape shape) {
 }
 
 void write_era(const TreePaths& paths, const EraStatus& status, EraShape shape) {
+  const std::optional<FileStat> replaced = Files::real().stat(paths.era_current());
   _atomic_write(Files::real(), Clock::real(), paths.era_current(), write_json(era_document(status, shape), JsonForm::InsertionOrder));
+  date_after(paths.era_current(), replaced);
 }
 
 }  // namespace brackenfen::sync::distribution

@@ -220,7 +220,7 @@ class Publication {
   }
 
   void stage_seed() {
-    staging_->add_document("seed", seed_, paths_.seed(options_.era));
+    staging_->add_document("seed", seed_, paths_.seed(options_.era), paths_.seed_link());
     const std::string link = staging_->path("seed-link");
     const std::string target = fmt::format("seeds/era-{}.enc", options_.era);
     if (::symlink(target.c_str(), link.c_str()) != 0) throw os_error(errno, link);

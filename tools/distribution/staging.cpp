@@ -14,25 +14,9 @@
 #include "sync/base/error.hpp"
 #include "sync/base/files/descriptor.hpp"
 #include "sync/base/files/paths.hpp"
+#include "sync/transport/files.hpp"
 
 namespace brackenfen::sync::distribution {
-namespace {
-
-/// Dates what replaces `target` at least a second after it. Web servers make validators of whole seconds and the size, which
-/// the next version's document shares: two publications in one second would be one to every cache.
-void date_after(const std::string& target, const Descriptor& file, const std::string& path) {
-  struct stat before {};
-  struct stat now {};
-  if (::stat(target.c_str(), &before) != 0) return;
-  if (::fstat(file.get(), &now) != 0) throw os_error(errno, path);
-  if (now.st_mtim.tv_sec > before.st_mtim.tv_sec) return;
-  const timespec later{before.st_mtim.tv_sec + 1, 0};
-  const timespec times[] = {later, later};
-  if (::futimens(file.get(), times) != 0) throw os_error(errno, path);
-}
-
-}  // namespace
-
 Staging::Staging(TreePaths paths) : paths_(std::move(paths)), folders_{paths_.files()} {
   std::error_code failure;
   std::filesystem::remove_all(paths_.staging(), failure);
@@ -58,11 +42,11 @@ void Staging::add_move(std::string staged, std::string target) {
   moves_.emplace_back(std::move(staged), std::move(target));
 }
 
-void Staging::add_document(std::string_view name, std::string_view bytes, std::string target) {
+void Staging::add_document(std::string_view name, std::string_view bytes, std::string target, const std::string& served_as) {
   Descriptor file = open_file(path(name), O_WRONLY | O_CREAT | O_EXCL);
   write_all(file, bytes, path(name));
-  date_after(target, file, path(name));
   file.close();
+  date_after(path(name), Files::real().stat(served_as.empty() ? target : served_as));
   add_move(path(name), std::move(target));
 }
 

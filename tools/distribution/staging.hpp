@@ -26,8 +26,9 @@ class Staging {
 
   /// Makes ready for the move of what waits at `staged` to `target`; whatever could stop it is found out here. Throws Error.
   void add_move(std::string staged, std::string target);
-  /// The same for `bytes`, which are written first, with a date that is later, in whole seconds, than that of what they replace.
-  void add_document(std::string_view name, std::string_view bytes, std::string target);
+  /// The same for `bytes`, which are written first, and dated after what they replace: after `served_as`, where readers know
+  /// them by that name.
+  void add_document(std::string_view name, std::string_view bytes, std::string target, const std::string& served_as = {});
   /// Makes the moves, in the order in which they were added. Throws os_error.
   void commit();
 

@@ -102,6 +102,14 @@ class SourceWalk {
 
 SourceScan scan_source(const std::string& source) { return SourceWalk(source).run(); }
 
+void date_after(const std::string& path, const std::optional<FileStat>& replaced) {
+  constexpr std::int64_t NS_PER_SECOND = 1'000'000'000;
+  Files& files = Files::real();
+  const std::optional<FileStat> present = files.stat(path);
+  if (!replaced || !present || present->mtime_ns / NS_PER_SECOND > replaced->mtime_ns / NS_PER_SECOND) return;
+  files.set_mtime(path, (replaced->mtime_ns / NS_PER_SECOND + 1) * NS_PER_SECOND);
+}
+
 std::optional<PublishedManifest> read_published_manifest(const TreePaths& paths) {
   if (!path_exists(paths.manifest())) return std::nullopt;
   try {

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "sync/base/values/value.hpp"
+#include "sync/transport/files.hpp"
 #include "tools/distribution/named_files.hpp"
 
 namespace brackenfen::sync::distribution {
@@ -52,6 +53,10 @@ struct PublishedManifest {
 [[nodiscard]] std::optional<PublishedManifest> read_published_manifest(const TreePaths& paths);
 /// The same of a tree that must have one.
 [[nodiscard]] PublishedManifest require_published_manifest(const TreePaths& paths);
+
+/// Dates the file at `path` at least a second after `replaced`, the one that readers had before. Web servers make validators of
+/// whole seconds and the size, which the next document often shares: two in one second would be one to every cache. Throws os_error.
+void date_after(const std::string& path, const std::optional<FileStat>& replaced);
 
 /// The era that a seed link's target names ("seeds/era-7.enc" gives 7).
 [[nodiscard]] std::optional<std::int64_t> era_of_seed_target(std::string_view target);
