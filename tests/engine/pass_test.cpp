@@ -127,7 +127,6 @@ TEST_F(PassTest, theVersionHintDecidesWhetherTheManifestIsFetched) {
       {{.body = R"({"version": 2, "era_number": 7})"}, true, ""},
       {{.body = R"({"version": 1})"}, true, ""},
       {{.body = R"({"version": 1, "era_number": "x"})"}, true, ""},
-      {{.body = ""}, true, ""},
       {{.status = 404}, true, ""},
       {{.body = R"({"version": 1, "era_number": 8})"}, false, "EraError: Era mismatch: local era_number=7, server era_number=8"},
       {{.status = 401}, false, "AuthError: Authentication failed: HTTP 401"},
