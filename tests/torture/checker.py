@@ -191,7 +191,7 @@ class Checker:
         if not self.facts["era_change"] or self.phase.name != "fault":
             return
         known = {path for world in self.published for path in world["files"]} | {"shuffle_seed.enc", "manifest.json"}
-        points = [line.split(" ", 2) for line in self.lines("points")][:-1]  # the last may not have happened
+        points = [line.split(" ", 2) for line in self.lines("points")]  # tried, whether or not it came to it
         moves = [int(ns) for call, ns, path in points if call in ("rename", "unlink") and path.split("/data/", 1)[1] in known]
         if not moves:
             changed = {path for path, digest in self.facts["start"].items() if path in known and self.digests.get(path) != digest}
