@@ -10,7 +10,7 @@ from torture.case import Case, draw
 from torture.hostile_case import BAD_JSON, MEMORY_KIB, NAMED, STARTED, Row, one_of, run
 from torture.hostile_documents import documents
 from torture.hostile_server import (
-    BIG, NAMES, PLACES, PNL, SMALL, TOKEN, WELL, Attack, Exchange, answer, changed, cut, document, endless, healthy, raw, small_world,
+    BIG, NAMES, PLACES, PNL, SMALL, TOKEN, WELL, Attack, Exchange, answer, changed, cut, document, endless, head, raw, small_world,
 )  # fmt: skip
 from torture.world import CHUNK_BYTES, World
 
@@ -110,8 +110,9 @@ def broken() -> Iterator[Row]:
 def cuts() -> Iterator[Row]:
     """Before and after each byte."""
     for place, operation, expected in CUTS:
-        start, body = map(len, healthy(PLACES[place], small_world(*STARTED.get(operation, ())), {}, bytes))
-        for at in range(start + body):
+        status, more, body = small_world(*STARTED.get(operation, ())).answer(PLACES[place])
+        start = len(head(status, **more, Content_Length=len(body)))
+        for at in range(start + len(body)):
             yield Row(f"cut {at}", place, cut(at), expected if at > start else f"waits {LOST}", operation, 1)
 
 

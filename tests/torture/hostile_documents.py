@@ -128,10 +128,10 @@ TEXTS = {
     "index": {
         "null": "ManifestError: signals_index.json must contain a JSON object", "list": "ManifestError: .* must contain a JSON object",
         "utf8": "ManifestError: Invalid signals_index.json UTF-8: .*", "cut": "ManifestError: Invalid signals_index.json JSON: .*",
-        "era_number other-era": "EraError: signals_index.json era_number=8 does not match manifest era_number=7", "era_number null": "",
-        "era_number text": "EraError: signals_index.json has invalid era_number='x'", "more text": "",
+        "era_number other-era": "EraError: signals_index.json era_number=8 does not match manifest era_number=7",
+        "era_number text": "EraError: signals_index.json has invalid era_number='x'",
         "useful_signals text": "ManifestError: signals_index.json useful_signals must be a JSON object",
-    },
+    } | dict.fromkeys(("object", "repeated", "huge", "era_number null", "more text"), ""),  # which lack no key that must be there
     "vocabulary": {
         "null": "SyncError: vocabulary.json must contain a JSON object", "utf8": "SyncError: vocabulary.json is not valid JSON: .*",
         "features missing": r"SyncError: vocabulary.json missing required keys: \['features'\]", "era_number digits": "EraError: .*",

@@ -62,18 +62,14 @@ class Exchange:
 
     def healthy(self, change: Callable[[bytes], bytes] = bytes) -> tuple[bytes, bytes]:
         """Head and body of the answer that belongs here; of a changed body the length is stated truly."""
-        return healthy(self.path, self.server.world, self.headers, change)
+        status, more, body = self.server.world.answer(self.path, self.headers.get("range"))
+        body = change(body)
+        return head(status, **more, Content_Length=len(body)), body
 
 
 def head(status: object, **headers: object) -> bytes:
     lines = [f"{name.replace('_', '-')}: {value}\r\n" for name, value in headers.items()]
     return "".join([f"HTTP/1.1 {status} Odd\r\n", *lines, "\r\n"]).encode("latin-1")
-
-
-def healthy(path: str, world: World, headers: dict[str, str], change: Callable[[bytes], bytes]) -> tuple[bytes, bytes]:
-    status, more, body = world.answer(path, headers.get("range"))
-    body = change(body)
-    return head(status, **more, Content_Length=len(body)), body
 
 
 Attack = Callable[[Exchange], None]

@@ -5,7 +5,7 @@ from collections.abc import Iterator
 from typing import Any
 
 from torture.case import Case, draw
-from torture.hostile_case import OPERATIONS, SETTINGS, arena, assert_whole, template
+from torture.hostile_case import SETTINGS, arena, assert_heals, template
 from torture.hosts_client import BEHAVIOURS
 from torture.hostile_server import PLACES, TOKEN, Server, answer, small_world
 
@@ -16,8 +16,7 @@ DEADLINE_SECONDS = 90  # a stop may wait for 10 s for the watcher; the rest is f
 def run(slot: str, operation: str, behaviour: str) -> None:
     server, directory = Server(), arena.directory(template("old"))
     (directory / "feature-rotation-state.json").unlink()  # the host brings a planner of its own
-    crosses = operation in ("transition", "watch", "follow")
-    server.world = small_world(8 if crosses else 7, 2)
+    server.world = small_world(8 if operation in ("transition", "watch", "follow") else 7, 2)
     for place in ("version", "manifest", "small", "era"):
         server.attacks[PLACES[place]] = (answer(503, b'{"error": "BUSY"}'), 1)
     before = arena.around(directory)
@@ -32,12 +31,8 @@ def run(slot: str, operation: str, behaviour: str) -> None:
         except AssertionError as error:
             if behaviour != "exits" or not str(error).startswith("the client ended with 7"):
                 raise
-        server.heal()
         (directory / "feature-rotation-state.json").unlink(missing_ok=True)
-        for again in ("transition" if crosses else "sync", "sync"):  # which brings what was kept within the era
-            report = arena.client.run(OPERATIONS[again], SETTINGS, **variables)
-            assert not report.error, f"a healthy pass: {report.error}"
-        assert_whole(directory, server.world)
+        assert_heals(directory, server)
         assert arena.around(directory) == before, "something outside of the directory changed"
     finally:
         server.close()
