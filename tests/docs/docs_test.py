@@ -5,6 +5,7 @@ import itertools
 import logging
 import os
 import pathlib
+import random
 import re
 import shlex
 import subprocess
@@ -69,7 +70,7 @@ def test_blocks_of_python_run_one_after_the_other(page, site):
     code = [site.real(block) for block in blocks(page, "python")]
     names = {}
     if code and "import sync" not in code[0]:  # parts of a host, which have what a host has
-        names |= {"sync": sync, "logging": logging, "threading": threading, "page_someone": print, "stop_workers": print, "start_workers": print}
+        names |= {"sync": sync, "logging": logging, "random": random, "threading": threading, "page_someone": print, "stop_workers": print, "start_workers": print}
         names |= {"directory": site.directory, "server_url": site.url, "get_token": lambda: TOKEN}
         names["manager"] = sync.SyncManager.get_or_create(site.directory, site.url, names["get_token"])
     for block in code:

@@ -177,7 +177,7 @@ command(
     click.option(
         "--events", type=PATH, multiple=True, metavar="FILE", help="What watch --events recorded. May be given more than once."
     ),
-    examples=("data", "data --events events.jsonl -o /srv/textfile/data.prom"),
+    examples=("data", "data --events events.jsonl -o /srv/prom/data.prom"),
 )
 
 
