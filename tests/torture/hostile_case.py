@@ -49,7 +49,8 @@ STARTED = {"later": (7, 2), "needs_sync": (7, 1), "repair": (7, 1), "features": 
 
 
 BAD_JSON = "ManifestError: Invalid manifest JSON: .*"
-NAMED = r"((?!Runtime|System|Memory|Key|Index|Buffer)(\w+Error|LibraryUpdateRequired): .+)?"  # what may come of a shape that has no text of its own
+# What may come of a shape that has no text of its own.
+NAMED = r"((?!Runtime|System|Memory|Key|Index|Buffer)(\w+Error|LibraryUpdateRequired): .+)?"
 
 
 def one_of(*classes: str) -> str:
