@@ -276,9 +276,10 @@ def test_progress_keeps_to_one_line_of_a_narrow_terminal(start):
 
 
 def test_file_that_is_replaced_before_it_is_linked_is_told(start, source):
-    with start(size=1 << 28, stderr=subprocess.PIPE, text=True) as process:
+    other = write_files(source.parent / "other", {"long": b"other"}) / "long"
+    with start(size=1 << 30, stderr=subprocess.PIPE, text=True) as process:
         next(line for line in process.stderr if " MB of " in line)  # the file is open
-        os.replace(write_files(source.parent / "other", {"long": b"other"}) / "long", source / "long")
+        os.replace(other, source / "long")
         assert "long changed while it was being published" in process.communicate(timeout=60)[1]
 
 
