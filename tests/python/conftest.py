@@ -17,10 +17,15 @@ import pytest
 sys.path.append(str(pathlib.Path(__file__).parents[1]))
 
 import torture.hostile_server  # noqa: E402
-from torture.hostile_server import FUNCTIONS, KINDS, VOCABULARY, Exchange, World, answer, entry, head, raw  # noqa: E402
+from torture.hostile_server import FUNCTIONS, VOCABULARY, Exchange, answer, head, raw  # noqa: E402
+from torture.world import KINDS, World, digest  # noqa: E402
 
 # A run in the background of a shell ignores Ctrl-C, and so would every process that the tests start.
 signal.signal(signal.SIGINT, signal.default_int_handler)
+
+
+def entry(body: bytes, kind: str) -> dict[str, Any]:
+    return {"kind": kind, "size_bytes": len(body), "sha256": digest(body)}
 
 
 class Server(torture.hostile_server.Server):
@@ -28,7 +33,7 @@ class Server(torture.hostile_server.Server):
     or with what happens there."""
 
     token = "canary-5f1d9c"
-    stall = staticmethod(raw(head(200, {"Content-Length": "1000"}), hold=True))  # promises a body and sends none of it
+    stall = staticmethod(raw(head(200, Content_Length=1000), hold=True))  # promises a body and sends none of it
 
     def __init__(self) -> None:
         self.files: dict[str, bytes] = {}
@@ -61,10 +66,10 @@ class Server(torture.hostile_server.Server):
     def usual(self, exchange: Exchange) -> None:
         override = self.answers.get(exchange.path)
         if override is None:
-            world = World()
-            world.era, world.version, world.fields = self.era_number, self.version, self.manifest()
-            world.files, world.seed = self.documents | self.files, b"s" * 60
-            exchange.send(*exchange.healthy(world))
+            world = World(self.era_number, self.version, self.documents | self.files)
+            vars(world).update(manifest=self.manifest(), seed=b"s" * 60)
+            status, more, body = world.answer(exchange.path, exchange.headers.get("range"))
+            exchange.send(head(status, **more, Content_Length=len(body)), body)
         else:
             (override if callable(override) else answer(*override))(exchange)
 

@@ -137,7 +137,7 @@ def test_requests_and_probes(manager: sync.SyncManager, server: Any) -> None:
     server.answers["/x"] = answer(201, b"\0b", X_Odd="\xe9")
     status, headers, body = sync._http_get_public(server.url + "/x", range_start=10, range_end=5)
     assert (status, headers["X-Odd"], body) == (201, "\xe9", b"\0b") and type(body) is bytes
-    assert server.requests[-1][1]["Range"] == "bytes=10-" and "Authorization" not in server.requests[-1][1]
+    assert server.requests[-1][1]["range"] == "bytes=10-" and "authorization" not in server.requests[-1][1]
     assert manager._http_get(server.url + "/missing")[0] == 404
     assert manager._manifest_version_probe_once(server.url + "/data/manifest/version")[2] == b'{"version": 1, "era_number": 7}'
     assert manager._manifest_version_probe_once("http://127.0.0.1:1/") is None

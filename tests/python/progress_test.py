@@ -44,7 +44,7 @@ def test_a_pass_shows_its_files_bytes_and_waits(manager: sync.SyncManager, serve
     released = threading.Event()
 
     def pause(exchange: Exchange) -> None:
-        exchange.send(head(200, {"Content-Length": "1000"}), b"b" * 600)
+        exchange.send(head(200, Content_Length=1000), b"b" * 600)
         released.wait(30)
         exchange.send(b"b" * 400)
 
