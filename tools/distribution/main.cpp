@@ -165,7 +165,7 @@ CLI::Validator name_of(const std::map<std::string, T>& table) {
 
 /// Throws ValidationError for one that no client would ask.
 std::string accepted_base_url(std::string_view given) {
-  const std::string url(strip(given));
+  std::string url(strip(given));
   if (const auto objection = base_url_objection(url)) throw CLI::ValidationError("--base-url", "no client accepts it: " + *objection);
   return url;
 }
