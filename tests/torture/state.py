@@ -73,8 +73,10 @@ def full_folder(path: pathlib.Path) -> None:
 
 
 def socket_at(path: pathlib.Path) -> None:
-    with socket.socket(socket.AF_UNIX) as bound, open(path.with_name("x"), "wb"):
-        bound.bind(f"/proc/self/cwd/{os.path.relpath(path)}")
+    folder = os.open(path.parent, os.O_RDONLY)
+    with socket.socket(socket.AF_UNIX) as bound:
+        bound.bind(f"/proc/self/fd/{folder}/{path.name}")  # the name of a socket has to be short
+    os.close(folder)
 
 
 LINKS: dict[str, Callable[[pathlib.Path], pathlib.Path | str]] = {
