@@ -72,7 +72,7 @@ TEST(ToInteger, narrowsAndForgivesWhereAsked) {
 TEST(Json, refusesLoneSurrogatesAndWritesThemBack) {
   for (const char* document : {R"("\ud800")", R"("\ud800\u0041")"}) {
     EXPECT_EQ(failure_of([&] { return parse_json(document); }),
-              "JSONDecodeError: Lone surrogate in \\uXXXX escape: line 1 column 2 (char 1)");
+              "JSONDecodeError: Lone surrogate in \\uXXXX escape: line 1 column 2 (char 1)");  // the X stand for digits
   }
   // It sorts as its code point does: behind every other character below U+E000, before U+E000 and the emoji.
   const Document document{{"\U0001F600", 1}, {"\uE000", 2}, {"\xED\xA0\x80", 3}, {"\uD7FF", 4}};

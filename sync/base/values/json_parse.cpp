@@ -24,6 +24,7 @@ constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
 constexpr std::string_view EXPECTING_VALUE = "Expecting value";
 // The X stand for hexadecimal digits, as in the messages of Python's json module.
 constexpr std::string_view INVALID_UNICODE_ESCAPE = "Invalid \\uXXXX escape";
+constexpr std::string_view LONE_SURROGATE = "Lone surrogate in \\uXXXX escape";
 
 bool is_digit(char c) noexcept { return c >= '0' && c <= '9'; }
 bool is_high_surrogate(char32_t c) noexcept { return c >= 0xD800 && c <= 0xDBFF; }
@@ -331,10 +332,10 @@ class JsonReader {
     if (is_high_surrogate(character) && std::string_view(at_, end_).starts_with("\\u")) {
       at_ += 2;
       const char32_t low = read_hex();
-      if (!is_low_surrogate(low)) fail("Lone surrogate in \\uXXXX escape", backslash);
+      if (!is_low_surrogate(low)) fail(LONE_SURROGATE, backslash);
       character = 0x10000 + ((character - 0xD800) << 10U) + (low - 0xDC00);
     } else if (is_high_surrogate(character) || is_low_surrogate(character)) {
-      fail("Lone surrogate in \\uXXXX escape", backslash);
+      fail(LONE_SURROGATE, backslash);
     }
     append_utf8(unescaped_, character);
   }
