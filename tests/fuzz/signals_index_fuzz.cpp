@@ -24,7 +24,7 @@ void check_scrub(const Document& manifest, const std::set<std::string>& missing)
   const auto scrubbed = unless_refused([&] { return scrub(manifest); }, error_class::ManifestError, error_class::UnicodeDecodeError);
   if (!scrubbed || !scrubbed->second) return;
   const auto& [document, update] = *scrubbed;
-  const std::string bytes = directory().read(update->relative_path);
+  const std::string bytes = read_file(update->local_path);
   const Document& entry = *document.get("files").if_document()->get(update->relative_path).if_document();
   require(entry.get("sha256") == Value(_sha256(bytes)) && entry.get("size_bytes") == Value(bytes.size()), "the entry is the file's");
   require(!names_any(*parse_json(bytes).if_document(), missing) && !scrub(document).second, "nothing is left to scrub");

@@ -199,7 +199,7 @@ def bases() -> Iterator[Row]:
     ):  # fmt: skip
         attack = at_address(lambda url: document(lambda data: data.update(base_url=url)), base)
         operation = "stopped" if "waits" in expected else "sync"
-        yield Row(f"base {name}", "manifest", attack, expected, operation, 1, asks_stranger=name == "other")
+        yield Row(f"base {name}", "manifest", attack, expected, operation, asks_stranger=name == "other")
 
 
 def encrypted() -> Iterator[Row]:
