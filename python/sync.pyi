@@ -107,14 +107,16 @@ class SyncUnavailableError(SyncError, ConnectionError):
     endpoint: str
     """The URL's path: neither host nor query."""
     attempts: int
+    """Requests that failed."""
     statuses: list[int]
     """HTTP statuses seen, newest last, at most 20."""
     failures: list[str]
     """Class names of network failures seen, newest last, at most 20."""
     server_error_code: str | None
+    """The server's own words, as are the four below; None where it gave none."""
     dependency: str | None
     retryable: bool | None
-    """False where the server said that retrying cannot help; None where it said nothing."""
+    """False where retrying cannot help."""
     recovery: str | None
     reason: str | None
     typed_details: bool
@@ -182,6 +184,7 @@ class MandatoryArtifactsTooLargeError(DiskSpaceError):
     available_bytes: int
     """Half of the free space."""
     selected_paths: tuple[str, ...]
+    """Relative; empty in an error of this library."""
     def __init__(self, mandatory_bytes: int, available_bytes: int, selected_paths: tuple[str, ...] = ()) -> None: ...
 
 # ---- results ------------------------------------------------------------------------------------------------
@@ -197,23 +200,30 @@ class SyncResult:
     bytes_downloaded: int = 0
     """Bytes of the files that landed, whole files, resumed bytes included."""
     era_number: int = 0
+    """Of the manifest, as is pnl_column_count."""
     t_signal_is: int = 0
+    """From the metadata of a vocabulary, as are the two below; 0 where it states none."""
     t_strategy_is: int = 0
     n_instruments: int = 0
     n_features: int = 0
     """Files of kind "feature" in the manifest."""
     n_useful_signals: int = 0
+    """Groups of useful signals in the manifest; of found strategies below."""
     n_found_strategies: int = 0
     pnl_column_count: int = 0
     vocabulary_downloaded: bool = False
     shuffle_seed_downloaded: bool = False
     active_relative_paths: tuple[str, ...] = ()
+    """What the plan of the rotation selects, mandatory files included."""
     skipped_relative_paths: tuple[str, ...] = ()
+    """Features that it leaves out."""
     mandatory_relative_paths: tuple[str, ...] = ()
     found_pnl_paths_downloaded: tuple[str, ...] = ()
     """Local paths."""
     rotation_seed: int | None = None
+    """None where no rotation took part, as is the budget."""
     feature_budget_bytes: int | None = None
+    """The most that features still to come may take."""
 
 @dataclass
 class VerifyResult:
@@ -261,7 +271,9 @@ class Manifest:
     @property
     def pnl_column_count(self) -> int: ...
     @property
-    def signals_index(self) -> str | None: ...
+    def signals_index(self) -> str | None:
+        """The relative path of the index, None without one; of the catalogue of functions below."""
+
     @property
     def functions(self) -> str | None: ...
 
@@ -476,6 +488,7 @@ class Health:
     nothing to do, in seconds since the epoch. None before the first of this process.
     """
     last_good_pass_age_s: float | None
+    """Seconds since then by the system's clock; 0.0 where it was set back."""
     last_error: str | None
     """Class and text of the last operation that failed; None once it went well again."""
     last_error_at: float | None
@@ -483,6 +496,7 @@ class Health:
     waiting_for: Wait | LockWait | None
     """What any thread waits for, those in the background too; None where none does."""
     consumers: int
+    """Acquired and not released, those of an earlier process that crashed included."""
     threads: tuple[str, ...]
     """Names of the threads that work in the background: "bf-poll", "bf-era", "bf-repair", "brackenfen-sync-cleanup"."""
 
@@ -511,6 +525,7 @@ class SyncManager:
     """The one object through which a process reaches one data directory. Any thread may call it."""
 
     runtime_freshness_guard: RuntimeFreshnessGuard | None
+    """None where nobody is told. It may be assigned at any time."""
     stop_ends_waits: bool
     """Whether stop() and the last release() end the waits for a server that is away, and with them what the background
     threads were doing. False by default: a stop then waits until the server answers. What a thread of the host's waits for
