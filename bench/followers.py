@@ -21,7 +21,8 @@ from typing import Any
 
 import servers
 from fleet import Fleet as SimulatedFleet
-from fleet import Publication, like
+from fleet import Publication
+from fleet_figures import like
 from measure import Figure, Ground, Samples, Word
 from polls import POLL_SECONDS
 from sets import FileSet, write_artifacts

@@ -6,7 +6,7 @@ from collections.abc import Callable, Sequence
 
 import fetch
 import flame
-import fleet
+import fleet_figures
 import followers
 import polls
 import servers
@@ -271,9 +271,9 @@ TABLE = [
         ],
         plot="followers",
     ),
-    Measurement("fleet-idle", "what fleets in step cost by these figures, with TLS and new connections", fleet.idle),
-    Measurement("fleet-version", "simulated: a new version of 40 files, 10 MB", fleet.publications(fleet.Publication()), plot="in-step"),
-    Measurement("fleet-era", "simulated: a new era of 2,000 files, of which 100 are new", fleet.publications(fleet.ERA), plot="in-step"),
-    Measurement("fleet-herd", "simulated: 10,000 clients that were started together meet a new version", fleet.herds, plot="herd"),
-    Measurement("fleet-rotation", "simulated: a rotating selection of 20 % of 300 features", fleet.rotation, plot="rotation"),
+    Measurement("fleet-idle", "what fleets in step cost by these figures, with TLS and new connections", fleet_figures.idle),
+    Measurement("fleet-version", "simulated: a new version of 40 files, 10 MB", fleet_figures.publications(fleet_figures.VERSION), plot="in-step"),
+    Measurement("fleet-era", "simulated: a new era of 2,000 files, of which 100 are new", fleet_figures.publications(fleet_figures.ERA), plot="in-step"),
+    Measurement("fleet-herd", "simulated: 10,000 clients that were started together meet a new version", fleet_figures.herds, plot="herd"),
+    Measurement("fleet-rotation", "simulated: a rotating selection of 20 % of 300 features", fleet_figures.rotation, plot="rotation"),
 ]
