@@ -4,7 +4,9 @@ import dataclasses
 import functools
 import itertools
 import json
+from base64 import b64encode
 from collections.abc import Callable, Iterator
+from urllib.parse import quote
 
 from torture.case import Case, draw
 from torture.hostile_case import BAD_JSON, MEMORY_KIB, NAMED, STARTED, Row, one_of, run
@@ -21,8 +23,10 @@ PARTIAL = "waits partial_transfer"
 
 TRANSIENT = (408, 425, 429, 500, 502, 503, 504)
 STATUSES = (*TRANSIENT, 201, 204, 206, 300, 301, 304, 307, 400, 401, 402, 403, 404, 405, 410, 416, 418, 451, 501, 505, 511, 599)
-ECHO = json.dumps({"error": TOKEN, "reason": f"Bearer {TOKEN}", "dependency": [TOKEN], "retryable": "false"}).encode()
-FINAL = json.dumps({"retryable": False, "error": "X" * 5000, "reason": TOKEN, "dependency": {"a": TOKEN}}).encode()
+# The token as it stands and as somebody packed it, also where a word of the server's is cut.
+PACKED = [quote(TOKEN, ""), quote(TOKEN, "").lower(), *(b64encode(b"x" * shift + TOKEN.encode()).decode() for shift in range(3))]
+ECHO = json.dumps({"error": TOKEN, "reason": f"Bearer {TOKEN}", "dependency": PACKED, "retryable": "false"}).encode()
+FINAL = json.dumps({"retryable": False, "error": "X" * 1014 + TOKEN, "reason": TOKEN, "dependency": {TOKEN: TOKEN}}).encode()
 NOT_FINAL = [b"", b"null", b"[]", b"\xff", b"[" * 100_000, *(b'{"retryable": %s' % end for end in (b"null}", b"0}", b'"false"}', b"false"))]
 FAILURES = {"manifest": "SyncError: Failed to fetch manifest", "seed": "SyncError: Failed to download shuffle seed"} | {
     place: f"PermanentDownloadError: Download failed for {name}" for place, name in NAMES.items()
