@@ -128,25 +128,11 @@ TEST(SignalsIndex, isAppliedAsAWholeOrNotAtAll) {
     directory.write("signals_index.json", body);
     EXPECT_EQ(failure_of([&] { return _load_manifest_signals_index(directory.path(), manifest); }), failure);
   }
-}
-
-TEST(SignalsIndex, isLoadedFromTheDirectoryOrElseFromTheOther) {
-  const TemporaryDirectory staged, live;
-  Manifest manifest = record({{"files", document(LISTED)}});
-  const auto load = [&] {
-    manifest.set_sections({});
-    const std::string failure = failure_of([&] { return _load_manifest_signals_index(staged.path(), manifest, live.path()); });
-    return failure + json_of(manifest.sections().found_signals);
-  };
-  EXPECT_EQ(load(), "SyncError: signals_index.json missing from local sync: signals_index.json{}");
-  live.write("signals_index.json", R"({"found_signals": {"live": 1}})");
-  EXPECT_EQ(load(), R"({"live": 1})");
-  staged.write("signals_index.json", R"({"found_signals": {"staged": 1}})");
-  EXPECT_EQ(load(), R"({"staged": 1})");
-  staged.write("signals_index.json", "\xff");
-  EXPECT_EQ(load().substr(0, 19), "UnicodeDecodeError:");
-  Manifest without = record({});
-  EXPECT_FALSE(_load_manifest_signals_index(staged.path(), without));
+  const TemporaryDirectory empty;
+  Manifest listing = record({{"files", document(LISTED)}}), without = record({});
+  EXPECT_EQ(failure_of([&] { return _load_manifest_signals_index(empty.path(), listing); }),
+            "SyncError: signals_index.json missing from local sync: signals_index.json");
+  EXPECT_FALSE(_load_manifest_signals_index(empty.path(), without));
 }
 
 }  // namespace

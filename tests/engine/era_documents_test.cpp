@@ -283,7 +283,7 @@ TEST_F(EraDocumentsTest, aBadVocabularyIsNotLeftBehind) {
 }
 
 TEST_F(EraDocumentsTest, damageIsRepairedAtTheSameVersionAndAloneFetched) {
-  const std::string seed = "shuffle_seed.enc";
+  const std::string seed = "shuffle_seed.enc", meta = seed + ".meta.json";
   using Paths = std::vector<std::string>;
   // What is written over a file, where nothing stands for its removal; and what that makes the pass fetch.
   const std::tuple<std::map<std::string, std::optional<std::string>>, Paths> rows[] = {
@@ -293,7 +293,11 @@ TEST_F(EraDocumentsTest, damageIsRepairedAtTheSameVersionAndAloneFetched) {
       {{{FUNCTIONS, "{"}}, {data_path(FUNCTIONS)}},
       {{{INDEX, "{}"}}, {data_path(INDEX)}},
       {{{seed, std::nullopt}}, {SHUFFLE_PATH}},
-      {{{"shuffle_seed.enc.meta.json", R"({"era_number": 6})"}}, {SHUFFLE_PATH}},
+      {{{seed, std::string(59, 's')}}, {SHUFFLE_PATH}},
+      {{{meta, R"({"era_number": 6})"}}, {SHUFFLE_PATH}},
+      {{{meta, R"({"era_number": "x"})"}}, {SHUFFLE_PATH}},
+      {{{meta, "\xff"}}, {SHUFFLE_PATH}},
+      {{{meta, std::nullopt}}, {SHUFFLE_PATH}},
       {{{VOCABULARY, std::nullopt}, {seed, std::nullopt}}, {data_path(VOCABULARY), SHUFFLE_PATH}},
   };
   const auto manager = synced({ALPHA, index_of({})});

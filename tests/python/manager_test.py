@@ -62,6 +62,7 @@ def test_fields_read_and_assign(manager: sync.SyncManager, tmp_path: pathlib.Pat
 def fill(server: Any) -> None:
     server.add("features/u/signal_is/a.arrow", b"alpha" * 1000)
     server.add("found_signals/p/e/signal_is/pnl.arrow", b"pnl", kind="found_signal_is_pnl")
+    server.add("useful_signals/p/e/signal_os/pnl.arrow", b"os", kind="useful_signal_os_pnl")
     server.add("lib/vault.so", b"code", kind="vault_module", platform=sync.CURRENT_PLATFORM)
     server.add("lib/other.so", b"code", kind="vault_module", platform="mars_z80")
 
@@ -71,9 +72,10 @@ def test_what_a_pass_hands_to_python(manager: sync.SyncManager, server: Any) -> 
     landed: list[dict[str, Any]] = []
     manager.runtime_freshness_guard = types.SimpleNamespace(record_sync_update=lambda **record: landed.append(record))
     result = manager.sync()
-    present = tuple(sorted([*list(server.files)[:3], *server.documents]))
+    present = tuple(sorted([*list(server.files)[:4], *server.documents]))
     catalogue_bytes = len(server.documents["functions.json"])
-    assert (result.features_downloaded, result.bytes_downloaded, result.era_number, result.n_features) == (1, 5007 + catalogue_bytes, 7, 1)
+    assert (result.features_downloaded, result.bytes_downloaded, result.era_number, result.n_features) == (1, 5009 + catalogue_bytes, 7, 1)
+    assert (result.pnl_column_count, result.useful_signals_downloaded, result.n_useful_signals, result.n_found_strategies) == (4, 1, 1, 0)
     assert (result.t_signal_is, result.t_strategy_is, result.n_instruments) == (5, 6, 7)
     assert result.vocabulary_downloaded and result.shuffle_seed_downloaded
     assert result.found_pnl_paths_downloaded == (manager._data_dir + "/found_signals/p/e/signal_is/pnl.arrow",)
