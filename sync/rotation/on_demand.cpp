@@ -3,7 +3,6 @@
 #include <set>
 
 #include "sync/base/error.hpp"
-#include "sync/base/files/paths.hpp"
 #include "sync/base/log.hpp"
 #include "sync/base/threads/failure.hpp"
 #include "sync/base/threads/interrupt.hpp"
@@ -14,6 +13,7 @@
 #include "sync/documents/own_files.hpp"
 #include "sync/documents/shown_files.hpp"
 #include "sync/engine/sync_manager.hpp"
+#include "sync/lifecycle/admission.hpp"
 #include "sync/transport/progress.hpp"
 
 namespace brackenfen::sync {
@@ -67,9 +67,7 @@ std::vector<std::string> SyncManager::request_feature_files_for_sync(const std::
                                                                      const Value& named_universe) {
   require_own_process();
   if (normalized(feature_names).empty()) return {};
-  if (_in_transition.load() || path_exists(join_path(_data_dir.get(), ".transition_lock")))
-    throw StateError("Sync is in era transition mode \xE2\x80\x94 request_feature_files_for_sync rejected");
-  if (!_running.load()) throw StateError("Sync thread is not running. Call start() or acquire() first.");
+  require_admission(*this, "request_feature_files_for_sync");
   if (const std::shared_ptr<RunningRequest> other = _request_coalescing.running()) other->wait(*seams_.clock);
   return fetch_features(feature_names, expression_type, named_universe);
 }
