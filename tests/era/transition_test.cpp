@@ -1,3 +1,5 @@
+#include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -271,6 +273,27 @@ TEST_F(TransitionTest, wrongBytesOfADeadEraAreForgiven) {
     EXPECT_EQ(failure(), "SyncError: Failed to fetch era 9 manifest: HTTP 404");
     EXPECT_THAT(calls, ElementsAre("kill", "kill"));
   }
+}
+
+TEST_F(TransitionTest, cleansUpForTheEraThatOvertookItWhenNobodyElseIsAtWork) {
+  const std::string staged = "features/left.arrow.tmp";
+  directory.write(staged, "of whoever comes between the two transitions");
+  server.script(ERA_PATH, first(1, era(8), era(9)));
+  server.script(MANIFEST_PATH, {body(manifest(8, {KEPT, NEW, FRESH}, 8)), {.status = 404}});
+  Descriptor worker;
+  bool kept = false;
+  files.before(FaultFiles::Call::Unlink, [&] {  // of .transition_lock
+    worker = Descriptor(::open(directory.path().c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(::flock(worker.get(), LOCK_EX | LOCK_NB), 0);
+  });
+  const HostInterrupt waiting([&] {
+    if (!worker || !directory.contains(".sync_flock")) return;  // until it is waited for
+    kept = directory.contains(staged);
+    worker = Descriptor();
+  });
+  EXPECT_EQ(failure(), "SyncError: Failed to fetch era 9 manifest: HTTP 404");
+  EXPECT_TRUE(kept);
+  expect_nothing_left();
 }
 
 TEST_F(TransitionTest, withinAnEraAClosingOneIsGoodEnough) {
