@@ -177,9 +177,10 @@ def test_a_watcher_takes_any_manager(server: Any, publish: Any, neighbour: Insta
     publish(8)
     kill, restart = (lambda: None), (lambda: None)
     watcher = sync.EraThread(server.url, lambda: server.token, Manager(), kill_searches_fn=kill, restart_searches_fn=restart)  # type: ignore[arg-type]
-    watcher._last_known_era_id = 7
+    watcher._last_known_era_id, watcher._in_closing = 7, True
     watcher._poll_once()
     assert (watcher._transition_failed, watcher._last_transition_error, watcher._last_known_era_id) == (True, "new era: first time", 7)
+    assert not watcher._in_closing and "Trigger era transition (new era) failed: first time" in records.messages
     watcher._poll_once()
     watcher._poll_once()
     assert Manager.seen == [(8, kill, restart)] * 2 and (watcher._transition_failed, watcher._last_known_era_id) == (False, 8)

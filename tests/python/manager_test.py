@@ -16,14 +16,22 @@ def test_construction_and_registry(tmp_path: pathlib.Path) -> None:
     (tmp_path / "data").mkdir()
     (tmp_path / "link").symlink_to("data")
     with pytest.raises(TypeError, match="^get_token must be callable, got <class 'int'>$"):
-        sync.SyncManager(tmp_path, "", 5)
-    with pytest.raises(FileNotFoundError, match="^data_dir does not exist: /missing/\udcff$"):
-        sync.SyncManager("/missing/\udcff", "http://127.0.0.1:1", str)
+        sync.SyncManager("/missing", "", 5)
+    with pytest.raises(ValueError, match="^server_url must not be empty$"):
+        sync.SyncManager("/missing", "", str)
+    with pytest.raises(ValueError, match="^URL must use https, or http on this machine only: http://example.com$"):
+        sync.SyncManager("/missing", "http://example.com", str)
+    for missing, make in (("/missing/\udcff", sync.SyncManager), (__file__, sync.SyncManager), (__file__, sync.SyncManager.get_or_create)):
+        with pytest.raises(FileNotFoundError, match=f"^data_dir does not exist: {missing}$"):
+            make(missing, "http://127.0.0.1:1", str)
+    assert __file__ not in sync.SyncManager._instances
     assert sync.SyncManager(tmp_path, "http://127.0.0.1:1", token=b"fixed".decode())._get_token() == "fixed"
 
     guard, newer = types.SimpleNamespace(), lambda: "b"
     made = sync.SyncManager.get_or_create(str(tmp_path / "data"), "http://127.0.0.1:1", lambda: "a", 2, guard)
     again = sync.SyncManager.get_or_create(tmp_path / "link", server_url="http://127.0.0.1:1", get_token=newer, poll_interval_s=9)
+    with pytest.raises(ValueError, match="already exists with server_url='http://127.0.0.1:1', cannot reuse with server_url='https://b'$"):
+        sync.SyncManager.get_or_create(tmp_path / "link", "https://b", str)
     assert again is made and made._get_token is newer and made.runtime_freshness_guard is guard
     assert sync.SyncManager._instances[str(tmp_path / "data")] is made
     sync.SyncManager._evict(tmp_path / "link")
