@@ -100,13 +100,9 @@ class LoggingSink : public LogSink {
   void refresh() {
     int threshold = OFF;
     try {
-      const nb::object is_enabled_for = logger_.get().attr("isEnabledFor");
-      for (const LogLevel level : {LogLevel::Debug, LogLevel::Info, LogLevel::Warning, LogLevel::Error}) {
-        if (!truth(is_enabled_for(static_cast<int>(level)))) continue;
-        threshold = static_cast<int>(level);
-        break;
-      }
+      threshold = lowest_enabled();
     } catch (nb::python_error& error) {
+      if (is_of_a_signal()) throw;
       tell_of_failure(error);
     }
     threshold_.store(threshold, std::memory_order_relaxed);
@@ -117,6 +113,25 @@ class LoggingSink : public LogSink {
   static constexpr int OFF = 1000;
   static constexpr std::int64_t LONGEST_BELIEF_NS = 1'000'000'000;
   static std::int64_t now_ns() { return std::chrono::nanoseconds(Clock::now().time_since_epoch()).count(); }
+
+  [[nodiscard]] int lowest_enabled() const {
+    const nb::object is_enabled_for = logger_.get().attr("isEnabledFor");
+    for (const LogLevel level : {LogLevel::Debug, LogLevel::Info, LogLevel::Warning, LogLevel::Error})
+      if (truth(is_enabled_for(static_cast<int>(level)))) return static_cast<int>(level);
+    return OFF;
+  }
+
+  /// Whether what lowest_enabled() has thrown was not the logger's own: that would fail again.
+  [[nodiscard]] bool is_of_a_signal() const {
+    if (pthread_equal(pthread_self(), main_thread) == 0) return false;
+    try {
+      static_cast<void>(lowest_enabled());
+      return true;
+    } catch (nb::python_error& again) {
+      if (!again.matches(PyExc_Exception)) throw;
+      return false;
+    }
+  }
 
   void hand_over(const LogRecord& record) const {
     nb::list arguments;
