@@ -10,6 +10,7 @@
 #include <new>
 #include <thread>
 
+#include "sync/base/error.hpp"
 #include "sync/base/threads/failure.hpp"
 #include "sync/base/threads/fork.hpp"
 #include "sync/base/threads/worker_thread.hpp"
@@ -35,6 +36,16 @@ Gate& the_gate() noexcept { return *std::launder(reinterpret_cast<Gate*>(gate_st
 // Set on threads of the host while they are inside the core. Plain data, so that no thread's end runs code for it.
 thread_local int released_depth = 0;
 
+/// What the core runs of the host's on this thread, with the greenlet that it was called on.
+struct Callbacks {
+  int running = 0;
+  const void* greenlet = nullptr;
+};
+thread_local Callbacks callbacks;
+
+/// No host nests calls and callables as deeply; a stack of 256 KiB holds as many.
+constexpr int DEEPEST = 16;
+
 std::atomic<void (*)()> before_release{nullptr};
 
 bool enter(bool worker) noexcept {
@@ -54,6 +65,29 @@ void leave() noexcept {
 
 [[noreturn]] void park() noexcept {
   for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
+}
+
+/// Which greenlet runs: an address, nullptr for the one that each thread begins with. Where their package is not loaded
+/// nothing has been switched.
+const void* running_greenlet() {
+  static PyObject* const package = PyUnicode_InternFromString("greenlet");  // owned for ever
+  PyObject* const modules = PyImport_GetModuleDict();
+  if (modules == nullptr || PyDict_Contains(modules, package) != 1) return nullptr;
+  const nb::error_scope raised_meanwhile;
+  try {
+    const nb::object running = nb::borrow(PyDict_GetItemWithError(modules, package)).attr("getcurrent")();
+    return nb::object(running.attr("parent")).is_none() ? nullptr : running.ptr();
+  } catch (const nb::python_error&) {  // half imported, or something else of that name
+    return nullptr;
+  }
+}
+
+/// For a call from a callable of the host. It must fit the thread's stack. And it must come from the greenlet that the
+/// callable was called on: while that one is suspended its frames are not on the stack, but the core has noted where they are.
+void require_room_and_order() {
+  if (callbacks.running == 0) return;
+  if (released_depth >= DEEPEST) throw StateError("calls nest too deeply inside callbacks");
+  if (callbacks.greenlet != running_greenlet()) throw StateError("a callback on another greenlet of this thread has not returned");
 }
 
 /// The thread state of one of our own threads. Kept from the first call into Python to the thread's end, so
@@ -159,6 +193,7 @@ void close(std::chrono::milliseconds timeout) { shut(&Gate::closed, timeout); }
 
 Released::Released() {
   if (gate::exiting() || !attached()) return;
+  require_room_and_order();
   if (auto* const hook = before_release.load(std::memory_order_relaxed)) hook();
   Gate& gate = the_gate();
   {
@@ -190,10 +225,13 @@ Attached::Attached() {
   static thread_local WorkerState worker_state;
   worker_state.ensure();
   state_ = PyGILState_Ensure();
+  // Those inside it run on the same greenlet: no other one gets in.
+  if (callbacks.running++ == 0) callbacks.greenlet = running_greenlet();
 }
 
 Attached::~Attached() {
   if (nested_) return;
+  --callbacks.running;
   PyGILState_Release(state_);
   leave();
 }

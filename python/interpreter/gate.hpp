@@ -52,8 +52,8 @@ void close_workers(std::chrono::milliseconds timeout);
 void close(std::chrono::milliseconds timeout);
 }  // namespace gate
 
-/// Gives the interpreter lock up for the life of this scope. Once the exit has begun it keeps the lock
-/// instead: waits end at once then, and the thread cannot be caught by finalisation on its way back.
+/// Gives the interpreter lock up for the life of this scope, but not once the exit has begun: waits end at once then, and finalisation
+/// cannot catch the thread on its way back. Throws StateError where a callable of the host must not call back: see gate.cpp.
 class Released {
  public:
   Released();

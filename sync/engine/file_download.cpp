@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <future>
 #include <limits>
+#include <memory>
 
 #include "sync/base/error.hpp"
 #include "sync/base/files/paths.hpp"
@@ -79,7 +80,7 @@ class FileDownload {
   SyncManager& manager_;
   NeighbourSet& neighbours_;
   const Seams& seams_;
-  const std::string& file_path_;
+  const std::string file_path_;
   const Document& file_info_;
   SyncResult& result_;
   const SyncManager::DownloadOptions& options_;
@@ -391,7 +392,8 @@ void SyncManager::_download_file(NeighbourSet& neighbours, const std::string& fi
     if (target != _data_dir.get()) make_directories(target);
     opened.emplace(target);
   }
-  FileDownload(*this, neighbours, file_path, file_info, result, options, opened ? *opened : *options.local_files).run();
+  // Not on the stack: what others see of it is read by their threads, while a host may have put this one's stack aside.
+  std::make_unique<FileDownload>(*this, neighbours, file_path, file_info, result, options, opened ? *opened : *options.local_files)->run();
 }
 
 }  // namespace brackenfen::sync

@@ -75,6 +75,34 @@ else: raise SystemExit("not raised")
 """, repeats=3)
 
 
+@pytest.mark.parametrize("source", ["""
+import greenlet
+main, others = greenlet.getcurrent(), [sync.SyncManager(directory, url, lambda: "t")]
+manager._get_token = lambda: main.switch() or "t"
+first = greenlet.greenlet(manager.ensure_manifest_file_available)
+first.switch("0", {})
+for call in (greenlet.greenlet(download).switch, manager.verify): refused(call)
+others.clear()
+assert manager.progress().files_in_flight[0].relative_path == "0"
+try: first.throw(KeyError)
+except KeyError: manager.verify()
+""", """
+names = map(str, range(10000))
+manager._get_token = download
+threading.stack_size(2**18)
+thread = threading.Thread(target=refused, args=(download,))
+thread.start()
+thread.join()
+"""], ids=["greenlets", "depth"])  # fmt: skip
+def test_a_callback_that_leaves_the_stack_in_disorder_is_refused(ends_quietly: Callable[..., None], source: str) -> None:
+    ends_quietly("""
+def refused(call):
+    try: call()
+    except sync.StateError: return
+    os._exit(9)
+""" + source)
+
+
 @pytest.mark.parametrize("where", ["conversion", "caller", "worker", "poll_thread"])
 def test_exit_with_threads_in_code_of_the_host(ends_quietly: Callable[..., None], where: str) -> None:
     """Finalisation ends these threads while frames of the library lie under the host's code on their stacks."""
