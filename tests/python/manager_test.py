@@ -133,7 +133,9 @@ def test_a_stop_of_the_host_ends_every_worker_of_an_outage(manager: sync.SyncMan
     host = threading.Thread(target=run)
     host.start()
     wait_until(lambda: len({path for path, _ in server.requests if path.startswith("/data/files/")}) == 8)
-    progress = json.loads(pathlib.Path(manager._data_dir, "sync-progress.json").read_text())
+    shown = pathlib.Path(manager._data_dir, "sync-progress.json")
+    wait_until(lambda: "backoff" in shown.read_text())  # once the first of the answers is here
+    progress = json.loads(shown.read_text())
     stop.set()
     asked_at = time.monotonic()
     host.join()
