@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "sync/base/error.hpp"
+#include "sync/base/files/path_below.hpp"
 #include "sync/base/files/paths.hpp"
 #include "sync/documents/manifest_paths.hpp"
 
@@ -122,8 +123,9 @@ Place LocalFiles::find_place(std::string_view file_path, Parents parents, const 
       throw os_error(reason, join_path(base_, folder_path));
     }
     const std::string resolved = _manifest_local_path(data_dir_, file_path);
-    if (!resolved.starts_with(base_ + "/")) throw os_error(resolved == base_ ? EISDIR : ENOENT, resolved);
-    relative_path = resolved.substr(base_.size() + 1);
+    const std::optional<std::string_view> below = path_below(base_, resolved);
+    if (!below || below->empty()) throw os_error(below ? EISDIR : ENOENT, resolved);
+    relative_path = *below;
   }
 }
 

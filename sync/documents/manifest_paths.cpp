@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "sync/base/error.hpp"
+#include "sync/base/files/path_below.hpp"
 #include "sync/base/files/paths.hpp"
 #include "sync/base/text/text.hpp"
 #include "sync/base/text/url.hpp"
@@ -52,12 +53,6 @@ bool has_plain_words(std::string_view path) noexcept {
   return (unusual & HIGH_BITS) == 0;
 }
 
-/// Whether `path` is `directory` or lies in it; both absolute and folded.
-bool lies_within(std::string_view path, std::string_view directory) {
-  if (!path.starts_with(directory)) return false;
-  return path.size() == directory.size() || directory.ends_with('/') || path[directory.size()] == '/';
-}
-
 std::optional<UrlParts> split_url_or_absent(std::string_view url) {
   try {
     return split_url(url);
@@ -100,7 +95,7 @@ std::string _manifest_local_path(std::string_view data_dir, const Value& file_pa
   const std::string relative_path = _safe_manifest_relative_path(file_path);
   const std::string base = real_path(expand_user(data_dir));
   std::string target = real_path(join_path(base, relative_path));
-  if (!lies_within(target, base)) throw refusal("escapes data directory", file_path);
+  if (!path_below(base, target)) throw refusal("escapes data directory", file_path);
   return target;
 }
 

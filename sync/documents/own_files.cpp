@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "sync/base/files/path_below.hpp"
 #include "sync/base/files/paths.hpp"
 #include "sync/base/text/text.hpp"
 #include "sync/base/values/convert.hpp"
@@ -73,10 +74,8 @@ bool OwnFiles::contains(std::string_view relative_path) {
 }
 
 bool OwnFiles::contains_local(std::string_view local_path) {
-  const std::string& base = this->base();
-  if (!local_path.starts_with(base)) return false;
-  const std::string_view rest = local_path.substr(base.size());
-  return rest.starts_with('/') ? contains(rest.substr(1)) : base.ends_with('/') && contains(rest);
+  const std::optional<std::string_view> relative_path = path_below(base(), local_path);
+  return relative_path && contains(*relative_path);
 }
 
 void OwnFiles::refuse_in(const Value& files) {

@@ -10,6 +10,7 @@
 
 #include "sync/base/error.hpp"
 #include "sync/base/files/directory_reader.hpp"
+#include "sync/base/files/path_below.hpp"
 #include "sync/base/files/paths.hpp"
 #include "sync/base/threads/interrupt.hpp"
 #include "sync/documents/manifest_paths.hpp"
@@ -36,6 +37,8 @@ std::tuple<std::uint32_t, std::uint32_t, std::uint64_t> mount_of(const std::stri
   if (::statx(AT_FDCWD, path.c_str(), 0, STATX_MNT_ID, &found) != 0) throw os_error(errno, path);
   return {found.stx_dev_major, found.stx_dev_minor, (found.stx_mask & STATX_MNT_ID) != 0 ? found.stx_mnt_id : 0};
 }
+
+std::string in_root(const RootDirectory& root, const std::string& path) { return std::string(path_below(root.path(), path).value_or("")); }
 
 void copy_file(const Place& from, const Place& to) {
   const Descriptor source = open_at(from, O_RDONLY | O_NOFOLLOW);
@@ -113,8 +116,7 @@ std::vector<std::string> StagedMoves::go_through(const Move& move, const EachFil
   for (std::size_t next = 0; next < folders.size(); ++next) {
     check_interrupt();
     const std::string folder_path = folders[next];
-    const auto folder =
-        std::make_shared<const Descriptor>(open_beneath(root_.get(), folder_path.substr(root_.path().size() + 1), O_RDONLY | O_DIRECTORY));
+    const auto folder = std::make_shared<const Descriptor>(open_beneath(root_.get(), in_root(root_, folder_path), O_RDONLY | O_DIRECTORY));
     if (!*folder) throw os_error(errno, folder_path);
     std::vector<Place> files;  // deleted once the folder is read: some file systems skip names otherwise
     DirectoryReader reader(*folder, folder_path);
@@ -166,7 +168,7 @@ std::string StagedMoves::copied_into(const std::string& folder, const std::strin
 
 Place StagedMoves::place_at(const std::string& local_path) const {
   const std::string folder_path = directory_of(local_path);
-  auto folder = root_.folder(folder_path.size() > root_.path().size() ? folder_path.substr(root_.path().size() + 1) : "");
+  auto folder = root_.folder(in_root(root_, folder_path));
   if (!folder) throw os_error(errno, folder_path);
   return {std::move(folder), local_path};
 }

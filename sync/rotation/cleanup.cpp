@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "sync/base/error.hpp"
+#include "sync/base/files/path_below.hpp"
 #include "sync/base/files/paths.hpp"
 #include "sync/base/files/root_directory.hpp"
 #include "sync/documents/manifest_paths.hpp"
@@ -58,7 +59,7 @@ std::vector<std::string> find_files_not_kept(std::string_view data_dir, const Te
                    [&](const Place& place) {
                      if (!respelt) respelt = in_local_spelling(keep);
                      const std::string& local_path = place.path();
-                     const std::string_view relative_path = std::string_view(local_path).substr(root.path().size() + 1);
+                     const std::string_view relative_path = path_below(root.path(), local_path).value_or("");
                      if (!contains(*respelt, relative_path)) found(place, relative_path);
                    },
                .failed =

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "sync/base/error.hpp"
+#include "sync/base/files/path_below.hpp"
 #include "sync/base/files/paths.hpp"
 #include "sync/base/files/root_directory.hpp"
 #include "sync/base/log.hpp"
@@ -46,7 +47,7 @@ class StagingPlaces {
       return std::nullopt;
     }
     path_ = _manifest_local_path(data_dir_, file_path);
-    enter(directory_of(path_.substr(std::min(path_.size(), root_.path().size() + 1))));
+    enter(directory_of(path_below(root_.path(), path_).value_or("")));
     return folder_ ? std::optional(Place(folder_, path_).beside(".tmp")) : std::nullopt;
   }
   /// The same, as os_error where that is absent.

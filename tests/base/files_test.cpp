@@ -7,6 +7,7 @@
 #include <string>
 
 #include "sync/base/files/descriptor.hpp"
+#include "sync/base/files/path_below.hpp"
 #include "sync/base/files/paths.hpp"
 #include "sync/base/files/place.hpp"
 #include "sync/base/files/root_directory.hpp"
@@ -28,6 +29,7 @@ TEST_F(Files, failuresNameThePath) {
             "FileNotFoundError: [Errno 2] No such file or directory: '" + at("missing") + "'");
   EXPECT_THROW((void)read_file(root_.path()), Error);
   EXPECT_THROW(make_directories(root_.write("file", "")), Error);
+  EXPECT_EQ(path_below("/", "/a/b"), "a/b");
   EXPECT_THROW((void)read_file(root_.write("file", "content") + std::string(1, '\0') + "x"), ValueError);
 }
 
