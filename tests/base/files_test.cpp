@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <string>
+#include <thread>
 
 #include "sync/base/files/descriptor.hpp"
 #include "sync/base/files/path_below.hpp"
@@ -31,6 +33,20 @@ TEST_F(Files, failuresNameThePath) {
   EXPECT_THROW(make_directories(root_.write("file", "")), Error);
   EXPECT_EQ(path_below("/", "/a/b"), "a/b");
   EXPECT_THROW((void)read_file(root_.write("file", "content") + std::string(1, '\0') + "x"), ValueError);
+}
+
+TEST_F(Files, aLeaseOfAnotherIsWaitedFor) {
+  const std::string path = root_.write("file", "content");
+  for (const bool writes : {false, true}) {
+    const Descriptor leased = open_file(path, O_RDWR);
+    ASSERT_EQ(::fcntl(leased.get(), F_SETSIG, SIGURG), 0);  // which nobody minds
+    ASSERT_EQ(::fcntl(leased.get(), F_SETLEASE, F_WRLCK), 0);
+    const std::jthread file_server([&] {
+      while (::fcntl(leased.get(), F_GETLEASE) == F_WRLCK) std::this_thread::yield();
+      ::fcntl(leased.get(), F_SETLEASE, F_UNLCK);
+    });
+    writes ? (void)open_own_file(path, O_RDWR) : (void)read_file(path);
+  }
 }
 
 TEST_F(Files, foldersAreOpenedWithoutALinkOnTheWay) {

@@ -8,6 +8,7 @@
 #include <cerrno>
 
 #include "sync/base/error.hpp"
+#include "sync/base/files/lease_wait.hpp"
 
 namespace brackenfen::sync {
 
@@ -37,10 +38,12 @@ int Descriptor::try_close() noexcept {
 Descriptor open_file(const std::string& path, int flags, unsigned mode) {
   // The system would stop reading at the NUL and open another file.
   if (path.find('\0') != std::string::npos) throw ValueError("embedded null byte");
+  LeaseWait lease;
   for (;;) {
     const int number = ::open(path.c_str(), flags | O_CLOEXEC, mode);
     if (number >= 0) return Descriptor(number);
-    if (errno != EINTR) throw os_error(errno, path);
+    const int reason = errno;
+    if (reason != EINTR && !lease.worth_another_try(reason)) throw os_error(reason, path);
   }
 }
 

@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include "sync/base/error.hpp"
+#include "sync/base/files/lease_wait.hpp"
 
 namespace brackenfen::sync {
 namespace {
@@ -70,10 +71,12 @@ bool in_same_folder(const Place& one, const Place& other) noexcept {
 Descriptor open_at(const Place& place, int flags, unsigned mode) {
   // The system would stop reading at the NUL and open another file.
   if (place.path().find('\0') != std::string::npos) throw ValueError("embedded null byte");
+  LeaseWait lease;
   for (;;) {
     const int number = ::openat(place.folder(), place.name(), flags | O_CLOEXEC, mode);
     if (number >= 0) return Descriptor(number);
-    if (errno != EINTR) throw os_error(errno, place.path());
+    const int reason = errno;
+    if (reason != EINTR && !lease.worth_another_try(reason)) throw os_error(reason, place.path());
   }
 }
 

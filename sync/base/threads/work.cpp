@@ -3,9 +3,10 @@
 #include <algorithm>
 #include <atomic>
 #include <mutex>
+#include <new>
 #include <vector>
 
-#include "sync/base/threads/fresh_after_fork.hpp"
+#include "sync/base/threads/fork.hpp"
 
 namespace brackenfen::sync {
 namespace {
@@ -20,12 +21,22 @@ struct Waiter {
   WorkId waits_for;
 };
 
+/// Leaked, and made anew in a forked child, where none of the parent's threads wait.
 struct Waiters {
   std::mutex mutex;
   std::vector<Waiter> waiting;
 };
 
-Waiters& waiters() { return fresh_after_fork<Waiters>(); }
+alignas(Waiters) unsigned char waiters_storage[sizeof(Waiters)];
+
+Waiters& waiters() {
+  static Waiters* const instance = [] {
+    auto* made = new (waiters_storage) Waiters;
+    at_fork_child([] { new (waiters_storage) Waiters; });
+    return made;
+  }();
+  return *instance;
+}
 [[maybe_unused]] static const auto& made_at_load = waiters();  // see at_fork_child
 
 /// Whether `work` cannot end before something that `thread` is part of.

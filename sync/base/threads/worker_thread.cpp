@@ -4,12 +4,13 @@
 
 #include <condition_variable>
 #include <mutex>
+#include <new>
 #include <system_error>
 #include <thread>
 
 #include "sync/base/error.hpp"
 #include "sync/base/threads/failure.hpp"
-#include "sync/base/threads/fresh_after_fork.hpp"
+#include "sync/base/threads/fork.hpp"
 #include "sync/base/threads/interrupt.hpp"
 
 namespace brackenfen::sync {
@@ -17,7 +18,7 @@ namespace {
 
 constexpr std::size_t SYSTEM_NAME_BYTES = 15;
 
-/// How many threads run.
+/// How many threads run. Leaked: a thread that outlives main() still counts itself out.
 struct Count {
   std::mutex mutex;
   std::condition_variable fell;
@@ -34,7 +35,16 @@ struct Count {
   }
 };
 
-Count& count() { return fresh_after_fork<Count>(); }
+alignas(Count) unsigned char count_storage[sizeof(Count)];
+
+Count& count() {
+  static Count* const instance = [] {
+    auto* made = new (count_storage) Count;
+    at_fork_child([] { new (count_storage) Count; });  // none of the parent's threads run in the child
+    return made;
+  }();
+  return *instance;
+}
 [[maybe_unused]] static const auto& made_at_load = count();  // see at_fork_child
 
 constinit thread_local bool started_here = false;
