@@ -15,6 +15,7 @@
 #include "sync/engine/expected_files.hpp"
 #include "sync/engine/sync_failure.hpp"
 #include "sync/engine/sync_manager.hpp"
+#include "sync/transport/seen_file.hpp"
 
 namespace brackenfen::sync {
 bool SyncManager::_local_file_matches_manifest(const std::string& file_path, const std::string& local_path, const Document& file_info,
@@ -35,9 +36,10 @@ bool SyncManager::file_matches(std::string_view file_path, const FileStat& stat,
   const Glance glance = glance_at(file_path, stat, file_info, cache_allowed ? &_hash_cache : nullptr);
   if (glance != Glance::MustBeRead) return glance == Glance::Matches;
   const std::string path = local_path();
-  const std::string actual_sha = _sha256_file(path);
-  if (cache_allowed) _hash_cache.remember_if_unchanged(file_path, path, actual_sha, stat);
-  return file_info.get("sha256") == Value(actual_sha);
+  const std::optional<std::string> actual_sha = sha256_if_there(path);
+  if (!actual_sha) return false;
+  if (cache_allowed) _hash_cache.remember_if_unchanged(file_path, path, *actual_sha, stat);
+  return file_info.get("sha256") == Value(*actual_sha);
 }
 
 bool SyncManager::files_match(const std::string& data_dir, const std::function<bool(ExpectedFiles&)>& collect) {

@@ -14,6 +14,7 @@
 #include "sync/documents/own_files.hpp"
 #include "sync/documents/signals_index.hpp"
 #include "sync/engine/pass.hpp"
+#include "sync/transport/seen_file.hpp"
 
 namespace brackenfen::sync {
 namespace {
@@ -92,9 +93,10 @@ bool SyncManager::Pass::must_download(const Text& file_path, const Document& fil
   const auto expected_sha = file_info.get("sha256").if_text();
   if (!vault_module && expected_sha && manager_._hash_cache.holds(file_path, *stat, *expected_sha)) return false;
   const std::string path = local_path();
-  const std::string actual_sha = _sha256_file(path);
-  if (!vault_module) manager_._hash_cache.remember_if_unchanged(file_path, path, actual_sha, *stat);
-  return expected_sha != actual_sha;
+  const std::optional<std::string> actual_sha = sha256_if_there(path);
+  if (!actual_sha) return true;
+  if (!vault_module) manager_._hash_cache.remember_if_unchanged(file_path, path, *actual_sha, *stat);
+  return expected_sha != *actual_sha;
 }
 
 void SyncManager::Pass::note_kept(const Text& file_path, const Document& file_info, const Value* local_entry) {

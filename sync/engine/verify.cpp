@@ -8,6 +8,7 @@
 #include "sync/documents/shown_files.hpp"
 #include "sync/engine/expected_files.hpp"
 #include "sync/engine/sync_manager.hpp"
+#include "sync/transport/seen_file.hpp"
 
 namespace brackenfen::sync {
 namespace {
@@ -22,12 +23,12 @@ class Auditor {
   [[nodiscard]] Verdict judge(std::string_view file_path, const Document& file_info) {
     if (const auto opened = local_files_.open(file_path)) {
       const std::string local_path = join_path(data_dir_, file_path);
-      return judge(file_info, opened->stat, [&] { return sha256_of_open_file(opened->file, local_path); });
+      return judge(file_info, opened->stat, [&] { return std::optional(sha256_of_open_file(opened->file, local_path)); });
     }
     const std::string local_path = _manifest_local_path(data_dir_, Value(file_path));
     const std::optional<FileStat> stat = files_.stat(local_path);
     if (!stat) return Verdict::Missing;
-    return judge(file_info, *stat, [&] { return _sha256_file(local_path); });
+    return judge(file_info, *stat, [&] { return sha256_if_there(local_path); });
   }
 
  private:
@@ -36,7 +37,10 @@ class Auditor {
     const Value* size_bytes = file_info.find("size_bytes");
     if (!stat.is_regular || (size_bytes ? *size_bytes : Value(0)) != Value(stat.size_bytes)) return Verdict::Corrupted;
     const Value& sha256 = file_info.get("sha256");
-    return !sha256.truthy() || sha256.if_text() == digest() ? Verdict::Good : Verdict::Corrupted;
+    if (!sha256.truthy()) return Verdict::Good;
+    const std::optional<std::string> actual_sha = digest();
+    if (!actual_sha) return Verdict::Missing;
+    return sha256.if_text() == *actual_sha ? Verdict::Good : Verdict::Corrupted;
   }
 
   Files& files_;

@@ -11,6 +11,7 @@
 #include "sync/documents/vocabulary.hpp"
 #include "sync/era/transition.hpp"
 #include "sync/transport/backoff.hpp"
+#include "sync/transport/seen_file.hpp"
 
 namespace brackenfen::sync {
 namespace {
@@ -46,7 +47,8 @@ bool SyncManager::Transition::stage_file(const std::string& file_path, const Doc
   live_paths_.insert(local_path);
   // The file itself is read, whatever the hash cache says of it: what goes live must be what the manifest names.
   const std::optional<FileStat> stat = manager_.seams_.files->stat(local_path);
-  if (stat && stat->is_regular && file_info.get("sha256") == Value(_sha256_file(local_path))) {
+  const std::optional<std::string> live_sha = stat && stat->is_regular ? sha256_if_there(local_path) : std::nullopt;
+  if (live_sha && file_info.get("sha256") == Value(*live_sha)) {
     ++completed_files_;
     Operation::count_file(shown_size(file_info));
     return true;

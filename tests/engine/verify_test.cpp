@@ -47,6 +47,13 @@ TEST_F(VerifyTest, eachFileIsJudgedByItsSizeAndItsBytes) {
   }
 }
 
+TEST_F(VerifyTest, aFileThatGoesWhileItIsLookedAtIsMissing) {
+  const auto manager = knowing({{FILE_A.path, FILE_A.entry()}});
+  files.answer_stat([] { return FileStat{.size_bytes = 7}; });
+  EXPECT_EQ(manager->verify(), found({}, {FILE_A.path}));
+  EXPECT_FALSE(manager->_local_file_matches_manifest(FILE_A.path, directory / FILE_A.path, FILE_A.entry(), true));
+}
+
 TEST_F(VerifyTest, theListsFollowTheOrderOfTheManifestOrOfTheActivePaths) {
   std::vector<Member> entries;
   std::vector<std::string> corrupted, missing;
