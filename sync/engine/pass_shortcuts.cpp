@@ -49,6 +49,7 @@ std::optional<SyncResult> SyncManager::Pass::end_on_version_hint(const VersionHi
 }
 
 Document SyncManager::Pass::check_local_directory(const RotationSelection& selection) {
+  if (!has_manifest_json(*manager_.seams_.files, data_dir_)) throw SyncError("manifest.json is missing");
   Document vocabularies = valid_vocabularies(*local_);
   require_valid_seed(*local_);
   require_active_files(selection, local_->files());
