@@ -81,6 +81,7 @@ std::optional<SyncResult> SyncManager::Pass::run_steps() {
   begin_result();
   collect_downloads();
   note_stage("walk");
+  manager_._directory_lock.require_directory();  // another in its place is not locked
   std::vector<Value> staged;
   for (const Member& member : files_to_download_) staged.emplace_back(member.key);
   _cleanup_sync_tmp_files(*manager_.seams_.files, data_dir_, staged);

@@ -101,22 +101,25 @@ TEST_F(PassTest, whatIsNoFileWhereOneBelongsIsFetchedAnew) {
 }
 
 TEST_F(PassTest, aDirectoryThatIsNotTheOneItBeganInEndsIt) {
-  for (const bool made_anew : {false, true}) {
+  for (const auto& [made_anew, while_downloading] : {std::pair(false, true), {true, true}, {true, false}}) {
     const TemporaryDirectory scratch;
     std::atomic<bool> is_over{false};
     const std::string live = scratch / "live", moved = scratch / "moved";
     std::filesystem::create_directory(live);
-    guard = std::make_shared<CallingGuard>([&](auto...) {
+    const auto move_away = [&, anew = made_anew] {
       if (is_over.exchange(true)) return;
       std::filesystem::rename(live, moved);
-      if (made_anew) std::filesystem::create_directory(live);
-    });
+      if (anew) scratch.write("live/another's.tmp", "");
+    };
+    guard = std::make_shared<CallingGuard>([&](auto...) { move_away(); });
+    if (!while_downloading) files.before(FaultFiles::Call::Unlink, move_away);
     SyncManager::Options elsewhere = options();
     elsewhere.data_dir = live;
     publish(1, {ALPHA, BETA});
     EXPECT_EQ(failure_of([&] { return std::make_shared<SyncManager>(elsewhere)->sync(); }),
               "FileNotFoundError: [Errno 2] No such file or directory: '" + live + "'");
     EXPECT_EQ(std::filesystem::exists(live), made_anew);
+    EXPECT_EQ(std::filesystem::exists(live + "/another's.tmp"), made_anew);
     EXPECT_FALSE(std::filesystem::exists(live + "/manifest.json"));
     EXPECT_FALSE(std::filesystem::exists(live + "/features"));
   }
