@@ -2,14 +2,8 @@
 
 from __future__ import annotations
 
-import sys
-from pathlib import Path
-
 import pytest
-
-sys.path.append(str(Path(__file__).resolve().parent.parent / "bench"))
-
-from fleet import COHORTS, Costs, Fleet, Publication, Simulation, Site, rotation_share  # noqa: E402
+from fleet import COHORTS, Costs, Fleet, Publication, Simulation, Site, rotation_share
 
 COSTS = Costs(answer_s=200e-6, kept_answer_s=20e-6, byte_s=1e-9, overhead_bytes=1000)
 

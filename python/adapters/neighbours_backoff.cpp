@@ -1,9 +1,6 @@
 #include "python/adapters/neighbours_backoff.hpp"
 
-#include <algorithm>
-#include <thread>
 #include <utility>
-#include <vector>
 
 #include "python/adapters/callables.hpp"
 #include "python/adapters/neighbours_lookup.hpp"
@@ -11,7 +8,6 @@
 #include "python/conversion/errors.hpp"
 #include "python/conversion/values.hpp"
 #include "sync/base/threads/failure.hpp"
-#include "sync/neighbours/inherited_backoff.hpp"
 
 namespace brackenfen::sync::python {
 namespace {
@@ -33,42 +29,11 @@ FirstBound& first_bound() {
   return instance;
 }
 
-/// The host's module in force, or nothing. Attached threads only.
-nb::object host_module() {
-  FirstBound& first = first_bound();
-  if (nb::object loaded = first.module.loaded(); loaded.is_valid()) {
-    if (!first.looked) first.provider = share(loaded);
-    first.looked = true;
-    return loaded;
-  }
-  if (!first.looked) {
-    const nb::object found = first.module.find();
-    if (found.is_valid()) first.provider = share(found);
-    first.looked = true;
-  }
-  return first.provider ? nb::borrow(first.provider->get()) : nb::object();
-}
-
-/// While the running thread is in the host's module on behalf of a caller. A module that in turn hands on to the functions
-/// of this one means the built-in provider, and must not be asked again.
-class Forwarding {
- public:
-  Forwarding() : before_(std::exchange(active_, true)) {}
-  Forwarding(const Forwarding&) = delete;
-  Forwarding& operator=(const Forwarding&) = delete;
-  ~Forwarding() { active_ = before_; }
-  [[nodiscard]] static nb::object target() { return active_ ? nb::object() : host_module(); }
-
- private:
-  static inline thread_local bool active_ = false;
-  bool before_;
-};
-
 /// A context of the host's module, left again on the thread that entered it.
 class HostScope {
  public:
   explicit HostScope(nb::handle manager) : manager_(manager) {
-    const Forwarding forwarding;
+    const ForwardingToHost forwarding;
     manager.attr("__enter__")();
   }
   HostScope(const HostScope&) = delete;
@@ -78,7 +43,7 @@ class HostScope {
     drop_failure([this] {
       const Attached guard;
       const nb::error_scope raised_meanwhile;
-      const Forwarding forwarding;
+      const ForwardingToHost forwarding;
       try {
         manager_.get().attr("__exit__")(nb::none(), nb::none(), nb::none());
       } catch (nb::python_error& error) {
@@ -95,7 +60,6 @@ class HostScope {
 class HostSyncBackoff : public SyncBackoff {
  public:
   explicit HostSyncBackoff(nb::handle module) : module_(module) {}
-  [[nodiscard]] nb::handle module() const { return module_.get(); }
 
   double delay_seconds(int attempt_index) override {
     return call_python([&] { return real_argument(policy().attr("delay_seconds")(attempt_index), "delay_seconds"); });
@@ -114,14 +78,14 @@ class HostSyncBackoff : public SyncBackoff {
 
   BackoffContext current_context() override {
     return call_python([&] {
-      const Forwarding forwarding;
+      const ForwardingToHost forwarding;
       return context_from_python(module_.get().attr("current_context")());
     });
   }
 
   std::shared_ptr<void> enter_context(BackoffContext context) override {
     return call_python([&]() -> std::shared_ptr<void> {
-      const Forwarding forwarding;
+      const ForwardingToHost forwarding;
       return std::make_shared<HostScope>(module_.get().attr("backoff_context")(**context_to_python(context)));
     });
   }
@@ -149,209 +113,6 @@ class HostSyncBackoff : public SyncBackoff {
 /// Owned by nobody: the built-in provider lives for the whole process.
 std::shared_ptr<SyncBackoff> builtin_backoff() { return {std::shared_ptr<void>(), &SyncBackoff::builtin()}; }
 
-// ---- the built-in provider in Python's terms -------------------------------------------------------------
-
-/// What a thread finds that runs in a copy of the host's context (asyncio.to_thread, some pools): a ContextVar with the
-/// innermost block of that context. Each value is a dict of the block's fields, the block around it and the thread that
-/// entered it, on which the thread's own contexts count alone. A copy keeps a block that was left after it was made: the
-/// work in it goes on, and its stop callback must still end it. Attached threads only.
-class HandedOn {
- public:
-  static void begin() {
-    variable_ = nb::module_::import_("contextvars").attr("ContextVar")("brackenfen.sync.backoff_context").release().ptr();
-  }
-
-  static nb::dict enter(const nb::dict& fields) {
-    nb::dict block;
-    block["fields"] = fields;
-    block["around"] = innermost_not_left();
-    block["thread"] = PyThread_get_thread_ident();
-    nb::handle(variable_).attr("set")(block);
-    set_inherited_context(context);
-    return block;
-  }
-
-  static void leave(const nb::dict& block) {
-    block["left"] = true;
-    if (is_around(block)) {
-      nb::handle(variable_).attr("set")(innermost_not_left());
-    } else {
-      block["fields"] = nb::none();  // left in another context than it was entered in, where it would be found for ever
-    }
-  }
-
- private:
-  static nb::object innermost() { return nb::handle(variable_).attr("get")(nb::none()); }
-  static nb::object innermost_not_left() {
-    nb::object block = innermost();
-    while (!block.is_none() && nb::borrow<nb::dict>(block).contains("left")) block = block["around"];
-    return block;
-  }
-  static bool is_around(nb::handle wanted) {
-    for (nb::object block = innermost(); !block.is_none(); block = block["around"])
-      if (block.is(wanted)) return true;
-    return false;
-  }
-  static BackoffContext context() {
-    return call_python([] {
-      for (nb::object block = innermost(); !block.is_none(); block = block["around"]) {
-        const bool own = nb::cast<unsigned long>(block["thread"]) == PyThread_get_thread_ident();
-        if (const nb::object fields = block["fields"]; !own && !fields.is_none()) return context_from_python(fields);
-      }
-      return BackoffContext{};
-    });
-  }
-
-  static inline PyObject* variable_ = nullptr;  // owned for ever
-};
-
-/// `with backoff_context(...)` around the built-in provider. Attached threads only.
-class ContextManager {
- public:
-  explicit ContextManager(nb::handle given) : fields_(given) {}
-  [[nodiscard]] nb::handle fields() const noexcept { return fields_.get(); }
-
-  nb::object enter() {
-    nb::dict fields = context_to_python(SyncBackoff::builtin().current_context());
-    fields.update(nb::borrow<nb::dict>(fields_.get()));
-    entered_.push_back({std::this_thread::get_id(), SyncBackoff::builtin().enter_context(context_from_python(fields)), {}});
-    entered_.back().block = share(HandedOn::enter(fields));
-    return nb::borrow(fields_.get());
-  }
-
-  /// What the running thread entered last; where it entered nothing, what any other did: a generator or a task may go on
-  /// elsewhere.
-  void leave() {
-    if (entered_.empty()) return;
-    const auto own =
-        std::find_if(entered_.rbegin(), entered_.rend(), [](const Entered& each) { return each.thread == std::this_thread::get_id(); });
-    const auto left = own == entered_.rend() ? entered_.end() - 1 : own.base() - 1;
-    const std::shared_ptr<void> scope = std::move(left->scope);  // its end may run code of the host, which may come back here
-    const SharedRef block = std::move(left->block);
-    entered_.erase(left);
-    if (block) HandedOn::leave(nb::borrow<nb::dict>(block->get()));
-  }
-
- private:
-  struct Entered {
-    std::thread::id thread;
-    std::shared_ptr<void> scope;
-    SharedRef block;
-  };
-  PyRef fields_;
-  std::vector<Entered> entered_;
-};
-
-/// `with backoff_context(...)` around the host's provider, whose own context may be a generator that hands on only when it
-/// is entered.
-struct ForwardedContext {
-  PyRef manager;
-
-  explicit ForwardedContext(nb::handle given) : manager(given) {}
-  [[nodiscard]] nb::object call(const char* method, const nb::args& arguments) const {
-    const Forwarding forwarding;
-    return manager.get().attr(method)(*arguments);
-  }
-};
-
-/// For the collector: a host often keeps one beside its own stop callback. The dict is the link it cuts.
-int traverse_context(PyObject* self, visitproc visit, void* arg) noexcept {
-  Py_VISIT(Py_TYPE(self));
-  if (nb::inst_ready(self)) Py_VISIT(nb::inst_ptr<ContextManager>(self)->fields().ptr());
-  return 0;
-}
-
-PyType_Slot context_slots[] = {{Py_tp_traverse, reinterpret_cast<void*>(traverse_context)}, {0, nullptr}};
-
-PyObject* builtin_namespace = nullptr;  // owned for ever
-
-/// Stateless: made anew for every delay and every sleep.
-struct Policy {};
-
-nb::object backoff_context(nb::handle data_dir, nb::handle surface, nb::handle stop_requested) {
-  nb::dict fields;
-  if (!data_dir.is_none()) {
-    static_cast<void>(path_argument(data_dir, "data_dir"));
-    fields["data_dir"] = data_dir;
-  }
-  if (!surface.is_none()) fields["surface"] = to_python(text_argument(surface, "surface"));
-  if (!stop_requested.is_none()) {
-    if (PyCallable_Check(stop_requested.ptr()) == 0) throw TypeError("stop_requested must be callable");
-    fields["stop_requested"] = stop_requested;
-  }
-  if (const nb::object module = Forwarding::target(); module.is_valid()) {
-    const Forwarding forwarding;
-    return nb::cast(new ForwardedContext(module.attr("backoff_context")(**fields)), nb::rv_policy::take_ownership);
-  }
-  return nb::cast(new ContextManager(fields), nb::rv_policy::take_ownership);
-}
-
-nb::dict current_context() {
-  if (const nb::object module = Forwarding::target(); module.is_valid()) {
-    const Forwarding forwarding;
-    nb::dict copy;
-    copy.update(nb::object(module.attr("current_context")()));
-    return copy;
-  }
-  return context_to_python(SyncBackoff::builtin().current_context());
-}
-
-bool policy_sleep(const Policy&, double wait_seconds, nb::object sleep, nb::object stop_requested) {
-  std::function<bool()> stop;
-  if (!stop_requested.is_none()) stop = StopCallback{share(stop_requested)};
-  /// Sleeps as the caller asks, if it brings its own way.
-  struct CallerClock : Clock {
-    SharedRef sleeper;
-    std::int64_t monotonic_ns() override { return Clock::real().monotonic_ns(); }
-    double wall_seconds() override { return Clock::real().wall_seconds(); }
-    void sleep(double seconds) override {
-      call_python([&] { sleeper->get()(seconds); });
-    }
-  };
-  CallerClock caller;
-  if (!sleep.is_none()) caller.sleeper = share(sleep);
-  const Released released;
-  return SyncBackoff::builtin().sleep(wait_seconds, caller.sleeper ? static_cast<Clock&>(caller) : Clock::real(), stop);
-}
-
-nb::object event_fields(nb::object surface, std::int64_t attempt, double wait_seconds, nb::object reason, nb::object file_path) {
-  return to_python(SyncBackoff::builtin().sync_backoff_event_fields(text_form(surface), static_cast<int>(attempt), wait_seconds,
-                                                                    text_form(reason), text_form(file_path)));
-}
-
-}  // namespace
-
-std::shared_ptr<SyncBackoff> backoff_in_force() {
-  return call_python([]() -> std::shared_ptr<SyncBackoff> {
-    const nb::object module = host_module();
-    if (!module.is_valid()) return builtin_backoff();
-    return std::make_shared<HostSyncBackoff>(module);
-  });
-}
-
-nb::object backoff_module() {
-  const nb::object module = host_module();
-  return module.is_valid() ? module : nb::borrow(builtin_namespace);
-}
-
-nb::object backoff_cancelled_class() {
-  const nb::object module = host_module();
-  return module.is_valid() ? nb::object(module.attr("SyncBackoffCancelled")) : nb::borrow(python_class(error_class::SyncBackoffCancelled));
-}
-
-nb::dict context_to_python(const BackoffContext& context) {
-  nb::dict fields;
-  if (const auto* host = dynamic_cast<const PythonFields*>(context.host_fields.get()))
-    fields.update(nb::borrow<nb::dict>(host->fields.get()));
-  if (!context.data_dir.empty() && !truth(mapping_item(fields, "data_dir"))) fields["data_dir"] = path_to_python(context.data_dir);
-  if (!context.surface.empty() && text_form(mapping_item(fields, "surface")) != context.surface)
-    fields["surface"] = to_python(context.surface);
-  if (context.stop_requested) fields["stop_requested"] = stop_callable(context.stop_requested);
-  return fields;
-}
-
-namespace {
-
 /// One field, or the empty text where the host gave what cannot be used: the others hold all the same.
 template <typename Convert>
 std::string usable_field(nb::handle fields, const char* name, Convert convert) {
@@ -367,6 +128,45 @@ std::string usable_field(nb::handle fields, const char* name, Convert convert) {
 
 }  // namespace
 
+nb::object host_backoff_module() {
+  FirstBound& first = first_bound();
+  if (nb::object loaded = first.module.loaded(); loaded.is_valid()) {
+    if (!first.looked) first.provider = share(loaded);
+    first.looked = true;
+    return loaded;
+  }
+  if (!first.looked) {
+    const nb::object found = first.module.find();
+    if (found.is_valid()) first.provider = share(found);
+    first.looked = true;
+  }
+  return first.provider ? nb::borrow(first.provider->get()) : nb::object();
+}
+
+std::shared_ptr<SyncBackoff> backoff_in_force() {
+  return call_python([]() -> std::shared_ptr<SyncBackoff> {
+    const nb::object module = host_backoff_module();
+    if (!module.is_valid()) return builtin_backoff();
+    return std::make_shared<HostSyncBackoff>(module);
+  });
+}
+
+nb::object backoff_cancelled_class() {
+  const nb::object module = host_backoff_module();
+  return module.is_valid() ? nb::object(module.attr("SyncBackoffCancelled")) : nb::borrow(python_class(error_class::SyncBackoffCancelled));
+}
+
+nb::dict context_to_python(const BackoffContext& context) {
+  nb::dict fields;
+  if (const auto* host = dynamic_cast<const PythonFields*>(context.host_fields.get()))
+    fields.update(nb::borrow<nb::dict>(host->fields.get()));
+  if (!context.data_dir.empty() && !truth(mapping_item(fields, "data_dir"))) fields["data_dir"] = path_to_python(context.data_dir);
+  if (!context.surface.empty() && text_form(mapping_item(fields, "surface")) != context.surface)
+    fields["surface"] = to_python(context.surface);
+  if (context.stop_requested) fields["stop_requested"] = stop_callable(context.stop_requested);
+  return fields;
+}
+
 BackoffContext context_from_python(nb::handle mapping) {
   nb::dict fields;
   fields.update(mapping);
@@ -377,49 +177,6 @@ BackoffContext context_from_python(nb::handle mapping) {
     context.stop_requested = StopCallback{share(stop)};
   context.host_fields = std::make_shared<const PythonFields>(fields);
   return context;
-}
-
-void bind_backoff(nb::module_& module) {
-  HandedOn::begin();
-  nb::class_<ContextManager>(module, "_BackoffContext", nb::type_slots(context_slots), "The context manager that backoff_context returns.")
-      .def("__enter__", &ContextManager::enter)
-      .def(
-          "__exit__", [](ContextManager& self, nb::handle, nb::handle, nb::handle) { self.leave(); }, nb::arg().none(), nb::arg().none(),
-          nb::arg().none());
-
-  nb::class_<ForwardedContext> forwarded(module, "_ForwardedContext", "The same of a host's own provider.");
-  for (const char* method : {"__enter__", "__exit__"}) {
-    forwarded.def(method, [method](const ForwardedContext& self, const nb::args& arguments) { return self.call(method, arguments); });
-  }
-
-  module.def("backoff_context", backoff_context, nb::kw_only(), nb::arg("data_dir") = nb::none(), nb::arg("surface") = nb::none(),
-             nb::arg("stop_requested") = nb::none(),
-             nb::sig("def backoff_context(*, data_dir: object = None, surface: object = None, stop_requested: object = None)"
-                     " -> contextlib.AbstractContextManager[dict[str, object]]"),
-             "Make this the running thread's back-off context for a `with` block. What is not given, or is None, stays as in the\n"
-             "block around it. The block may end on another thread than it began on. Threads that run in a copy of the host's\n"
-             "context, as those of asyncio.to_thread, begin with it.\n\n"
-             "data_dir: the directory whose sync-progress.json shows a wait. surface: the name of the waiting operation.\n"
-             "stop_requested: a callable; true ends the wait with SyncBackoffCancelled.");
-  module.def("current_context", current_context, nb::sig("def current_context() -> dict[str, object]"),
-             "A copy of the running thread's back-off context.");
-
-  nb::class_<Policy>(module, "_SyncBackoffPolicy", "0.5 s doubled per attempt, capped at 30 s, with a jitter of 20 %.")
-      .def(nb::init<>())
-      .def(
-          "delay_seconds",
-          [](const Policy&, std::int64_t attempt_index) { return SyncBackoff::builtin().delay_seconds(static_cast<int>(attempt_index)); },
-          nb::arg("attempt_index"))
-      .def("sleep", policy_sleep, nb::arg("wait_seconds"), nb::arg("sleep") = nb::none(), nb::arg("stop_requested") = nb::none());
-
-  nb::object builtin = nb::module_::import_("types").attr("SimpleNamespace")();
-  builtin.attr("SyncBackoffPolicy") = module.attr("_SyncBackoffPolicy");
-  builtin.attr("SyncBackoffCancelled") = python_class(error_class::SyncBackoffCancelled);
-  builtin.attr("backoff_context") = module.attr("backoff_context");
-  builtin.attr("current_context") = module.attr("current_context");
-  builtin.attr("sync_backoff_event_fields") = nb::cpp_function(event_fields, nb::arg("surface"), nb::arg("attempt"),
-                                                               nb::arg("wait_seconds"), nb::arg("reason"), nb::arg("file_path"));
-  builtin_namespace = builtin.release().ptr();
 }
 
 }  // namespace brackenfen::sync::python

@@ -1,8 +1,9 @@
-// The back-off provider: the host's module `sync_backoff`, else the built-in one, and the running thread's
-// context in Python's terms.
+// The back-off provider of the host, its module `sync_backoff`, and the running thread's context in Python's terms.
+// Where there is no such module, the built-in provider is in force.
 #pragma once
 
 #include <memory>
+#include <utility>
 
 #include "python/interpreter/gate.hpp"
 #include "sync/neighbours/sync_backoff.hpp"
@@ -15,14 +16,29 @@ namespace brackenfen::sync::python {
 
 // Attached threads only.
 
-/// The module of the host in force, or an object of the same operations around the built-in provider.
-[[nodiscard]] nb::object backoff_module();
+/// The module of the host in force; no object where the built-in provider is.
+[[nodiscard]] nb::object host_backoff_module();
+
+/// While the running thread is in the host's module on behalf of a caller. A module that in turn hands on to the functions
+/// of this one means the built-in provider, and must not be asked again.
+class ForwardingToHost {
+ public:
+  ForwardingToHost() : before_(std::exchange(active_, true)) {}
+  ForwardingToHost(const ForwardingToHost&) = delete;
+  ForwardingToHost& operator=(const ForwardingToHost&) = delete;
+  ~ForwardingToHost() { active_ = before_; }
+  /// The module that a call of this one is handed on to; no object where it is not.
+  [[nodiscard]] static nb::object target() { return active_ ? nb::object() : host_backoff_module(); }
+
+ private:
+  static inline thread_local bool active_ = false;
+  bool before_;
+};
+
 [[nodiscard]] nb::object backoff_cancelled_class();
 /// The context as a dict: the host's own fields, and what was set over them.
 [[nodiscard]] nb::dict context_to_python(const BackoffContext& context);
+/// What cannot be used of a field counts as not given.
 [[nodiscard]] BackoffContext context_from_python(nb::handle mapping);
-
-/// sync.backoff_context(**fields) and sync.current_context().
-void bind_backoff(nb::module_& module);
 
 }  // namespace brackenfen::sync::python

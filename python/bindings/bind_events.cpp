@@ -9,7 +9,6 @@ namespace brackenfen::sync::python {
 namespace {
 
 void bind_waits(nb::module_& module) {
-  module.def("_sync_backoff_module", backoff_module);
   module.def("_current_sync_backoff_context", [] { return context_to_python(_current_sync_backoff_context(host_seams())); });
   module.def(
       "_sync_backoff_surface",

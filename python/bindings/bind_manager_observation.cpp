@@ -59,43 +59,29 @@ nb::object plan(const ManagerObject& self) {
                             made.fits());
 }
 
-nb::dict make_records() {
-  nb::dict records;  // which later ones refer to
-  const auto add = [&](const char* name, const std::vector<DataclassField>& fields, const char* documentation) {
-    records[name] = make_dataclass(records, name, fields, documentation, Mutability::Frozen);
-  };
-  add("FileInFlight", {{"relative_path", "str"}, {"bytes_done", "int"}, {"bytes_total", "int"}},
-      "A file that is being downloaded.\n\n"
-      "bytes_done: how much of it is here, resumed bytes included. bytes_total: its size, or bytes_done where the\n"
-      "manifest states none.");
-  add("Wait", {{"endpoint", "str"}, {"attempt", "int"}, {"reason", "str"}, {"since", "float"}, {"next_try_at", "float"}},
+/// `records` holds what the types of the fields refer to.
+void add(nb::dict& records, const char* name, const std::vector<DataclassField>& fields, const char* documentation) {
+  records[name] = make_dataclass(records, name, fields, documentation, Mutability::Frozen);
+}
+
+void add_waits(nb::dict& records) {
+  add(records, "Wait", {{"endpoint", "str"}, {"attempt", "int"}, {"reason", "str"}, {"since", "float"}, {"next_try_at", "float"}},
       "A wait for the server, from the first failure to the answer.\n\n"
       "endpoint: the URL's path. attempt: failures so far. reason: of the last one, as the events have it: \"http_503\",\n"
       "\"ConnectionRefusedError\", \"partial_transfer\", ... since, next_try_at: seconds since the epoch; a next_try_at\n"
       "that has passed means that a try is under way.");
-  add("LockWait", {{"since", "float"}, {"pid", "int | None"}, {"command", "str | None"}},
+  add(records, "LockWait", {{"since", "float"}, {"pid", "int | None"}, {"command", "str | None"}},
       "A wait for another process that works on the directory.\n\n"
       "since: seconds since the epoch. pid, command: of that process, None where the system's lock table does\n"
       "not tell, or the process may not be looked at.");
-  add("LockHolder", {{"pid", "int | None"}, {"command", "str | None"}},
-      "A process that works on a directory.\n\n"
-      "pid: None where the system's lock table does not tell, as for one in another container. command: its command line,\n"
-      "at most 4 KiB of it, None where it may not be looked at.");
-  add("SyncPlan",
-      {{"era_number", "int"},
-       {"version", "int"},
-       {"is_transition", "bool"},
-       {"fetch", "dict[str, int]"},
-       {"fetch_bytes", "int"},
-       {"keep", "tuple[str, ...]"},
-       {"remove", "tuple[str, ...]"},
-       {"free_bytes", "int"},
-       {"fits", "bool"}},
-      "What a sync would do, or the transition where the server is in another era.\n\n"
-      "era_number, version: of the server's manifest. fetch: relative paths with their sizes. keep: files that stay although\n"
-      "the manifest of the same era states other bytes; the sync after fetches them. remove: relative paths. fits: whether\n"
-      "fetch_bytes are free.");
-  add("Progress",
+}
+
+void add_progress(nb::dict& records) {
+  add(records, "FileInFlight", {{"relative_path", "str"}, {"bytes_done", "int"}, {"bytes_total", "int"}},
+      "A file that is being downloaded.\n\n"
+      "bytes_done: how much of it is here, resumed bytes included. bytes_total: its size, or bytes_done where the\n"
+      "manifest states none.");
+  add(records, "Progress",
       {{"operation", "str"},
        {"phase", "str"},
        {"files_done", "int"},
@@ -107,13 +93,15 @@ nb::dict make_records() {
        {"started_at", "float"},
        {"wait", "Wait | LockWait | None"}},
       "An operation at one moment.\n\n"
-      "operation: \"sync\", \"repair\", \"transition\", \"features\", \"verify\", \"plan\" or \"download\"; the outermost one. phase: "
-      "\"waiting\"\n"
-      "(for its turn at the directory), \"manifest\", \"comparing\", \"downloading\", \"documents\", \"committing\",\n"
-      "\"promoting\" or \"verifying\". files_*, bytes_*: of the set that is fetched or read, 0 before it is known; done is\n"
-      "never more than total. bytes_per_second: over the network, of about the last five seconds.\n"
+      "operation: \"sync\", \"repair\", \"transition\", \"features\", \"verify\", \"plan\" or \"download\"; the outermost one.\n"
+      "phase: \"waiting\" (for its turn at the directory), \"manifest\", \"comparing\", \"downloading\", \"documents\",\n"
+      "\"committing\", \"promoting\" or \"verifying\". files_*, bytes_*: of the set that is fetched or read, 0 before it is\n"
+      "known; done is never more than total. bytes_per_second: over the network, of about the last five seconds.\n"
       "started_at: seconds since the epoch. wait: what it waits for, or None.");
-  add("Health",
+}
+
+void add_health(nb::dict& records) {
+  add(records, "Health",
       {{"running", "bool"},
        {"in_transition", "bool"},
        {"era_number", "int | None"},
@@ -131,6 +119,35 @@ nb::dict make_records() {
       "a poll that found nothing to do, in seconds since the epoch; None before the first of this process.\n"
       "last_error: class and text of the last operation that failed; None once it went well again. waiting_for: what any\n"
       "thread waits for, the longest wait of them, or None. threads: names of those that work in the background.");
+  add(records, "LockHolder", {{"pid", "int | None"}, {"command", "str | None"}},
+      "A process that works on a directory.\n\n"
+      "pid: None where the system's lock table does not tell, as for one in another container. command: its command line,\n"
+      "at most 4 KiB of it, None where it may not be looked at.");
+}
+
+void add_plan(nb::dict& records) {
+  add(records, "SyncPlan",
+      {{"era_number", "int"},
+       {"version", "int"},
+       {"is_transition", "bool"},
+       {"fetch", "dict[str, int]"},
+       {"fetch_bytes", "int"},
+       {"keep", "tuple[str, ...]"},
+       {"remove", "tuple[str, ...]"},
+       {"free_bytes", "int"},
+       {"fits", "bool"}},
+      "What a sync would do, or the transition where the server is in another era.\n\n"
+      "era_number, version: of the server's manifest. fetch: relative paths with their sizes. keep: files that stay although\n"
+      "the manifest of the same era states other bytes; the sync after fetches them. remove: relative paths. fits: whether\n"
+      "fetch_bytes are free.");
+}
+
+nb::dict make_records() {
+  nb::dict records;
+  add_waits(records);  // which the next two refer to
+  add_progress(records);
+  add_health(records);
+  add_plan(records);
   return records;
 }
 

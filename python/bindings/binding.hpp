@@ -22,14 +22,17 @@ void bind_manifest(nb::module_& module);
 void bind_paths(nb::module_& module);
 void bind_settings(nb::module_& module);
 void bind_http(nb::module_& module);
+void bind_backoff(nb::module_& module);
 void bind_events(nb::module_& module);
 void bind_outages(nb::module_& module);
 void bind_files(nb::module_& module);
 void bind_progress(nb::module_& module);
 void bind_found_pnl(nb::module_& module);
+void bind_eras(nb::module_& module);
 void bind_signals_index(nb::module_& module);
 void bind_vocabulary(nb::module_& module);
 void bind_shuffle_seed(nb::module_& module);
+void bind_era_thread(nb::module_& module);
 void bind_rotation(nb::module_& module);
 void bind_manager(nb::module_& module);
 void bind_lock_holder(nb::module_& module);
@@ -39,8 +42,6 @@ inline constexpr std::string_view OBSERVATION_RECORDS[] = {"FileInFlight", "Heal
                                                            "Progress",     "SyncPlan", "Wait"};
 /// The class of that name; no object for any other.
 [[nodiscard]] nb::object observation_record(const std::string& name);
-void bind_era_thread(nb::module_& module);
-void bind_eras(nb::module_& module);
 
 /// An argument that accepts any object, None included; the body converts it and names it in a TypeError.
 [[nodiscard]] constexpr auto any(const char* name) { return nb::arg(name).none(); }

@@ -1,10 +1,11 @@
-// Errors between Python and the core: the class tree, how an error of the core is raised in Python, and how
-// an exception of Python travels through the core and comes out as the very same object.
+// Errors between Python and the core: how an error of the core is raised in Python, and how an exception of Python
+// travels through the core and comes out as the very same object.
 #pragma once
 
 #include <string>
 #include <utility>
 
+#include "python/conversion/error_classes.hpp"
 #include "python/interpreter/gate.hpp"
 #include "sync/base/error.hpp"
 #include "sync/base/threads/interrupt.hpp"
@@ -25,13 +26,6 @@ class HostObject : public HostOrigin {
 
 /// Makes the classes, adds them to the module and installs the one translator.
 void bind_errors(nb::module_& module);
-
-/// The Python class of one of our own error classes. Borrowed, lives for the whole process.
-[[nodiscard]] nb::handle python_class(const ErrorClass& error_class);
-
-/// The family in which the core sees exceptions of a Python class: the class of ours or builtin it is, or
-/// one made from its bases. Lives for the whole process.
-[[nodiscard]] const ErrorClass& describe_class(nb::handle exception_class);
 
 /// The exception as the core sees it. Throws Interrupted for one that is no Exception.
 [[nodiscard]] Error to_error(nb::handle exception);

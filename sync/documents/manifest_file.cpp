@@ -6,7 +6,7 @@
 namespace brackenfen::sync {
 
 void _write_manifest_json(Files& files, Clock& clock, std::string_view data_dir, const Document& manifest_data) {
-  _atomic_write(files, clock, join_path(data_dir, "manifest.json"), write_json(manifest_data, JsonForm::InsertionOrder));
+  _atomic_write(files, clock, join_path(data_dir, MANIFEST_FILENAME), write_json(manifest_data, JsonForm::InsertionOrder));
 }
 
 bool has_manifest_json(Files& files, std::string_view data_dir) {

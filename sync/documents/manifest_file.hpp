@@ -8,6 +8,8 @@
 
 namespace brackenfen::sync {
 
+inline constexpr std::string_view MANIFEST_FILENAME = "manifest.json";
+
 /// Writes the document atomically, keys in insertion order. Throws os_error; the earlier file stays then.
 void _write_manifest_json(Files& files, Clock& clock, std::string_view data_dir, const Document& manifest_data);
 

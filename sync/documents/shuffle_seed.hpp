@@ -15,6 +15,7 @@
 namespace brackenfen::sync {
 
 inline constexpr std::string_view SHUFFLE_SEED_FILENAME = "shuffle_seed.enc";
+inline constexpr std::string_view SHUFFLE_SEED_META_FILENAME = "shuffle_seed.enc.meta.json";  ///< the companion
 inline constexpr std::size_t SHUFFLE_SEED_SIZE_BYTES = 60;
 
 [[nodiscard]] std::string _shuffle_seed_meta_path(const std::string& path);

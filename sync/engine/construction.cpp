@@ -51,7 +51,7 @@ struct SyncManager::StoredDocuments {
     const std::string rotation_state_path = feature_rotation_state_path(data_dir);
     rotation_state_seen = manager.seams_.files->stat(rotation_state_path);
     side_by_side([&] { hash_cache = HashCache::read(manager._hash_cache.path()); },
-                 [&] { manifest = ParsedFile::read(join_path(data_dir, "manifest.json")); });
+                 [&] { manifest = ParsedFile::read(join_path(data_dir, MANIFEST_FILENAME)); });
     // Nearly all paths of the others are the manifest's, and take no room of their own.
     const Document files = manifest.member("files");
     side_by_side([&] { hash_cache.share_paths(files); }, [&] { rotation_state = ParsedFile::read(rotation_state_path, files); });

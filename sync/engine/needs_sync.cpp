@@ -62,7 +62,7 @@ bool SyncManager::something_to_do() {
   if ((server_version ? *server_version : Value(0)) != manifest->version()) return true;
   if (!has_manifest_json(*seams_.files, _data_dir.get())) return true;
   const Value server_manifest_sha = stated_manifest_sha(*answer);
-  if (server_manifest_sha.truthy() && digest_differs(join_path(_data_dir.get(), "manifest.json"), server_manifest_sha)) return true;
+  if (server_manifest_sha.truthy() && digest_differs(join_path(_data_dir.get(), MANIFEST_FILENAME), server_manifest_sha)) return true;
 
   if (_feature_rotation_needs_sync_for_manifest(*neighbours, *manifest)) return true;
   const std::shared_ptr<const RotationState> active_rotation_state = _active_rotation_state.get();

@@ -1,10 +1,8 @@
 // One manager per canonical directory and process.
-#include <new>
-
 #include "sync/base/error.hpp"
 #include "sync/base/files/paths.hpp"
 #include "sync/base/threads/failure.hpp"
-#include "sync/base/threads/fork.hpp"
+#include "sync/base/threads/fresh_after_fork.hpp"
 #include "sync/base/threads/interrupt.hpp"
 #include "sync/engine/sync_manager.hpp"
 
@@ -18,18 +16,7 @@ struct Registry {
   std::map<std::string, std::weak_ptr<SyncManager>> instances GUARDED_BY(class_lock);
 };
 
-alignas(Registry) unsigned char registry_storage[sizeof(Registry)];
-
-/// Leaked, and made anew in a forked child: the parent's managers are not the child's, and the parent's lock
-/// may be held by a thread that the child does not have.
-Registry& registry() {
-  static Registry* const instance = [] {
-    auto* made = new (registry_storage) Registry;
-    at_fork_child([] { new (registry_storage) Registry; });
-    return made;
-  }();
-  return *instance;
-}
+Registry& registry() { return fresh_after_fork<Registry>(); }
 [[maybe_unused]] static const auto& made_at_load = registry();  // see at_fork_child
 
 }  // namespace

@@ -9,12 +9,10 @@
 #include <array>
 #include <cerrno>
 #include <mutex>
-#include <new>
-#include <tuple>
 #include <vector>
 
 #include "sync/base/error.hpp"
-#include "sync/base/threads/fork.hpp"
+#include "sync/base/threads/fresh_after_fork.hpp"
 #include "sync/base/threads/interrupt.hpp"
 
 namespace brackenfen::sync {
@@ -29,23 +27,19 @@ constexpr std::int64_t LONGEST_HELD_BACK_NS = 50'000'000;
 constexpr int MOST_TRIES = 100;
 
 /// One for each file that is likely to be moved at the same time.
-using NameMutexes = std::array<std::mutex, 64>;
+struct NameMutexes {
+  std::array<std::mutex, 64> mutexes;
+};
 
-/// Leaked, and made anew in a forked child.
-NameMutexes& name_mutexes() {
-  alignas(NameMutexes) static unsigned char storage[sizeof(NameMutexes)];
-  static NameMutexes* const instance = [] {
-    auto* made = new (storage) NameMutexes;
-    at_fork_child([] { new (storage) NameMutexes; });
-    return made;
-  }();
-  return *instance;
-}
+NameMutexes& name_mutexes() { return fresh_after_fork<NameMutexes>(); }
 [[maybe_unused]] static const auto& made_at_load = name_mutexes();  // see at_fork_child
 
 /// Held from a look at the name of this staging file until the name has changed, so that nobody of this process changes
 /// it in between.
-std::mutex& name_mutex(const FileId& file) { return name_mutexes()[file.inode % std::tuple_size_v<NameMutexes>]; }
+std::mutex& name_mutex(const FileId& file) {
+  auto& mutexes = name_mutexes().mutexes;
+  return mutexes[file.inode % mutexes.size()];
+}
 
 /// As read_some and write_all, at a place in the file: where the last read or write ended says nothing.
 std::size_t read_at(const Descriptor& file, std::int64_t offset, char* buffer, std::size_t size, const std::string& path) {

@@ -11,13 +11,15 @@
 #include "sync/base/files/paths.hpp"
 #include "sync/base/text/text.hpp"
 #include "sync/base/values/convert.hpp"
+#include "sync/documents/manifest_file.hpp"
+#include "sync/documents/shuffle_seed.hpp"
 #include "sync/era/directory_tree.hpp"
 
 namespace brackenfen::sync {
 namespace {
 
 constexpr const char* CLEANUP_THREAD_NAME = "brackenfen-sync-cleanup";
-constexpr const char* DATA_FILES[] = {"manifest.json", "shuffle_seed.enc"};
+constexpr std::string_view DATA_FILES[] = {MANIFEST_FILENAME, SHUFFLE_SEED_FILENAME};
 
 /// Whether each character alone reads as a number: digits of any script do, signs, blanks and underscores do not.
 bool is_all_digits(std::string_view text) {
@@ -57,7 +59,7 @@ std::int64_t remove_era_directories(const std::string& data_dir, const std::opti
 
 std::int64_t remove_all_data(const std::string& data_dir) {
   std::int64_t bytes_freed = 0;
-  for (const char* name : DATA_FILES) {
+  for (const std::string_view name : DATA_FILES) {
     const std::string path = join_path(data_dir, name);
     struct stat found {};
     if (::lstat(path.c_str(), &found) != 0) continue;

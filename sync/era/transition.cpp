@@ -176,6 +176,7 @@ void SyncManager::transit(const Value& new_era_id, const SearchesFn& kill_search
   Value era = new_era_id;
   while (std::optional<Value> superseding = Transition(*this, era, kill_searches_fn, restart_searches_fn).run()) {
     try {
+      const DirectoryLock::Hold unit_of_work(_directory_lock);  // the next to work here has such files of its own
       delete_tmp_files(_data_dir.get());
     } catch (const Error& error) {
       log_debug("Failed to clean superseded tmp files: %s", error.text());

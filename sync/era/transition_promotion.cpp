@@ -12,19 +12,21 @@
 #include "sync/documents/departed_files.hpp"
 #include "sync/documents/local_files.hpp"
 #include "sync/documents/manifest_file.hpp"
+#include "sync/documents/shuffle_seed.hpp"
 #include "sync/documents/vocabulary.hpp"
 #include "sync/era/transition.hpp"
 #include "sync/lifecycle/told_era.hpp"
 #include "sync/rotation/search_scope.hpp"
+#include "sync/rotation/state_file.hpp"
 
 namespace brackenfen::sync {
 namespace {
 
 /// In the order in which they move.
-constexpr const char* SEED_FILES[] = {"shuffle_seed.enc", "shuffle_seed.enc.meta.json"};
+constexpr std::string_view SEED_FILES[] = {SHUFFLE_SEED_FILENAME, SHUFFLE_SEED_META_FILENAME};
 /// What is written by name, behind the data files.
-constexpr const char* COMMITTED_FILES[] = {"shuffle_seed.enc", "shuffle_seed.enc.meta.json", "manifest.json",
-                                           "feature-rotation-state.json"};
+constexpr std::string_view COMMITTED_FILES[] = {SHUFFLE_SEED_FILENAME, SHUFFLE_SEED_META_FILENAME, MANIFEST_FILENAME,
+                                                FEATURE_ROTATION_STATE_FILENAME};
 
 /// An empty folder gives way to a file, one with content does not.
 void require_place_for_file(const std::string& path) {
@@ -61,7 +63,7 @@ void SyncManager::Transition::plan_moves() {
   find_departed_files();
   moves_.emplace(*manager_.seams_.files, transition_staging_dir_, data_dir_, departed_paths_);
   for (const std::string& file_path : staged_file_paths_) moves_->add(file_path);
-  for (const char* name : COMMITTED_FILES) require_place_for_file(join_path(data_dir_, name));
+  for (const std::string_view name : COMMITTED_FILES) require_place_for_file(join_path(data_dir_, name));
 }
 
 void SyncManager::Transition::promote() {
@@ -101,7 +103,7 @@ void SyncManager::Transition::move_staged_files() {
     };
     guard->record_sync_update(file_path, field("kind"), field("sha256"));
   });
-  for (const char* name : SEED_FILES) {
+  for (const std::string_view name : SEED_FILES) {
     const std::string staged_path = join_path(transition_staging_dir_, name);
     if (path_exists(staged_path)) files.rename(staged_path, join_path(data_dir_, name));
   }

@@ -207,10 +207,20 @@ bool DirectoryLock::is_owner() {
 }
 
 void DirectoryLock::lock_descriptors() {
-  if (!flock_file_) flock_file_ = open_own_file(flock_path_.get(), O_APPEND | O_RDWR);
-  if (const int error_number = wait_for_flock(flock_file_); error_number != 0) throw os_error(error_number);
-  if (!directory_) lock_directory();
-  if (!directory_id_) directory_id_ = file_id(data_dir_.get());
+  for (;;) {
+    const std::optional<FileId> opened = file_id(data_dir_.get());
+    if (!flock_file_) flock_file_ = open_own_file(flock_path_.get(), O_APPEND | O_RDWR);
+    if (const int error_number = wait_for_flock(flock_file_); error_number != 0) throw os_error(error_number);
+    if (!directory_) lock_directory();
+    if (directory_id_) return;  // inside another acquisition
+    directory_id_ = file_id(data_dir_.get());
+    if (directory_id_ == (directory_ ? file_id(directory_) : opened)) return;
+    // While this waited the path came to lead to another directory, whose locks somebody else may hold.
+    flock_once(flock_file_, LOCK_UN);
+    flock_file_ = Descriptor();
+    unlock_directory();
+    directory_id_.reset();
+  }
 }
 
 void DirectoryLock::require_directory() {

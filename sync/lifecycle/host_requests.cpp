@@ -9,11 +9,10 @@
 #include "sync/documents/local_files.hpp"
 #include "sync/documents/signals_index.hpp"
 #include "sync/engine/sync_manager.hpp"
+#include "sync/lifecycle/admission.hpp"
 
 namespace brackenfen::sync {
 namespace {
-
-constexpr const char* NOT_RUNNING = "Sync thread is not running. Call start() or acquire() first.";
 
 struct Dated {
   std::string path;
@@ -30,11 +29,19 @@ std::vector<std::string> sorted_newest_first(std::vector<Dated> files) {
 
 }  // namespace
 
+void require_running(const SyncManager& manager) {
+  if (!manager._running) throw StateError("Sync thread is not running. Call start() or acquire() first.");
+}
+
+void require_admission(const SyncManager& manager, std::string_view request) {
+  if (manager._in_transition || path_exists(join_path(manager._data_dir.get(), TRANSITION_LOCK_FILENAME)))
+    throw StateError("Sync is in era transition mode — " + std::string(request) + " rejected");
+  require_running(manager);
+}
+
 std::vector<std::string> SyncManager::request_for_sync() {
   require_own_process();
-  if (_in_transition || path_exists(join_path(_data_dir.get(), TRANSITION_LOCK_FILENAME)))
-    throw StateError("Sync is in era transition mode — request_for_sync rejected");
-  if (!_running) throw StateError(NOT_RUNNING);
+  require_admission(*this, "request_for_sync");
   if (const std::shared_ptr<RunningRequest> other = _request_coalescing.running()) {
     other->wait(*seams_.clock);
     return _get_found_file_paths();
@@ -87,7 +94,7 @@ std::vector<std::string> SyncManager::_get_found_file_paths() {
 
 void SyncManager::report_corruption(const std::string& file_path) {
   require_own_process();
-  if (!_running) throw StateError(NOT_RUNNING);
+  require_running(*this);
   if (const std::shared_ptr<Manifest> manifest = _manifest.get()) {
     const Value files = manifest->files();
     if (!files.is_document() || !files.if_document()->contains(file_path)) throw ValueError("File not in manifest: " + file_path);

@@ -3,7 +3,6 @@
 #include <set>
 
 #include "sync/base/error.hpp"
-#include "sync/base/files/paths.hpp"
 #include "sync/base/log.hpp"
 #include "sync/base/threads/failure.hpp"
 #include "sync/base/threads/interrupt.hpp"
@@ -14,6 +13,7 @@
 #include "sync/documents/own_files.hpp"
 #include "sync/documents/shown_files.hpp"
 #include "sync/engine/sync_manager.hpp"
+#include "sync/lifecycle/admission.hpp"
 #include "sync/transport/progress.hpp"
 
 namespace brackenfen::sync {
@@ -61,15 +61,29 @@ std::vector<std::string> normalized(const std::vector<Value>& feature_names) {
   return {names.begin(), names.end()};
 }
 
+/// Downloads the files. Until it ends, sync-progress.json tells of them.
+void fetch_shown(SyncManager& manager, const std::shared_ptr<NeighbourSet>& neighbours, const Manifest& manifest,
+                 const Document& files_to_download) {
+  const Seams& seams = manager.seams();
+  const std::string data_dir = manager._data_dir.get();
+  SyncResult result;                                                          // nobody asks for it
+  result.era_number = manifest_integer(manifest.era_number(), "era_number");  // throws for what is no number
+  _write_sync_progress_json(*seams.files, *seams.clock, neighbours->sync_progress(), data_dir, manifest.era_number(), manifest.version(),
+                            files_to_download);
+  Operation::enter_phase(phase::DOWNLOADING);
+  announce_files(files_to_download);
+  ShownProgress shown(*seams.files, data_dir);
+  manager._download_files_parallel(neighbours, files_to_download, result);
+  shown.remove();
+}
+
 }  // namespace
 
 std::vector<std::string> SyncManager::request_feature_files_for_sync(const std::vector<Value>& feature_names, const Value& expression_type,
                                                                      const Value& named_universe) {
   require_own_process();
   if (normalized(feature_names).empty()) return {};
-  if (_in_transition.load() || path_exists(join_path(_data_dir.get(), ".transition_lock")))
-    throw StateError("Sync is in era transition mode \xE2\x80\x94 request_feature_files_for_sync rejected");
-  if (!_running.load()) throw StateError("Sync thread is not running. Call start() or acquire() first.");
+  require_admission(*this, "request_feature_files_for_sync");
   if (const std::shared_ptr<RunningRequest> other = _request_coalescing.running()) other->wait(*seams_.clock);
   return fetch_features(feature_names, expression_type, named_universe);
 }
@@ -131,17 +145,7 @@ std::vector<std::string> SyncManager::_request_feature_files_for_sync_impl(const
   const Document files_to_download(std::move(wanted));
   if (!files_to_download.empty()) {
     require_room(files_to_download, seams_.files->free_bytes(data_dir));
-    SyncResult result;
-    result.era_number = manifest_integer(manifest->era_number(), "era_number");
-    _write_sync_progress_json(*seams_.files, *seams_.clock, neighbours->sync_progress(), data_dir, manifest->era_number(),
-                              manifest->version(), files_to_download);
-    Operation::enter_phase(phase::DOWNLOADING);
-    announce_files(files_to_download);
-    {
-      ShownProgress shown(*seams_.files, data_dir);
-      _download_files_parallel(neighbours, files_to_download, result);
-      shown.remove();
-    }
+    fetch_shown(*this, neighbours, *manifest, files_to_download);
     Operation::enter_phase(phase::COMMITTING);
     _hash_cache._persist_hash_cache();
   }

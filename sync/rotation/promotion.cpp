@@ -3,6 +3,8 @@
 #include "sync/base/files/paths.hpp"
 #include "sync/base/log.hpp"
 #include "sync/base/values/convert.hpp"
+#include "sync/documents/manifest_file.hpp"
+#include "sync/documents/shuffle_seed.hpp"
 #include "sync/engine/sync_manager.hpp"
 #include "sync/rotation/artifacts.hpp"
 #include "sync/rotation/cleanup.hpp"
@@ -53,7 +55,7 @@ TextSet SyncManager::paths_to_keep(NeighbourSet& neighbours, const Manifest& man
                                    const std::vector<std::string>& prefetched) {
   TextSet protected_paths = set_of(active_relative_paths);
   for (const std::string& path : prefetched) protected_paths.insert(Text(path));
-  const std::vector<Text> metadata{"manifest.json", "shuffle_seed.enc", "shuffle_seed.enc.meta.json", FEATURE_ROTATION_STATE_FILENAME};
+  const std::vector<Text> metadata{MANIFEST_FILENAME, SHUFFLE_SEED_FILENAME, SHUFFLE_SEED_META_FILENAME, FEATURE_ROTATION_STATE_FILENAME};
   const Value files = manifest.files();
   TextSet keep = neighbours.artifact_rotation().rotation_cleanup_keep_paths(files.is_document() ? files : Value(Document()),
                                                                             std::move(protected_paths), metadata);

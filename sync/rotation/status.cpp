@@ -8,6 +8,7 @@
 #include "sync/base/files/paths.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/base/values/json.hpp"
+#include "sync/documents/manifest_file.hpp"
 #include "sync/rotation/artifacts.hpp"
 #include "sync/rotation/state_file.hpp"
 
@@ -28,7 +29,7 @@ Document counts_of(const TextList& active_paths, const RotationStatusAccounting&
 }  // namespace
 
 std::shared_ptr<Manifest> _load_feature_rotation_status_manifest(NeighbourSet& neighbours, std::string_view data_dir) {
-  const std::string path = join_path(data_dir, "manifest.json");
+  const std::string path = join_path(data_dir, MANIFEST_FILENAME);
   if (!path_exists(path)) return nullptr;
   Value payload;
   try {

@@ -74,6 +74,4 @@ SyncUnavailableError _sync_unavailable_from(std::string_view url, int attempts, 
   });
 }
 
-bool _sync_unavailable_has_typed_details(const Error& error) { return error.fields().get("typed_details").truthy(); }
-
 }  // namespace brackenfen::sync

@@ -35,7 +35,4 @@ class SyncUnavailableError : public Error {
 [[nodiscard]] SyncUnavailableError _sync_unavailable_from(std::string_view url, int attempts, const List& statuses, const List& failures,
                                                           const Document& details);
 
-/// Whether the failure is described by more than a reason; false for an error that cannot tell.
-[[nodiscard]] bool _sync_unavailable_has_typed_details(const Error& error);
-
 }  // namespace brackenfen::sync

@@ -20,7 +20,7 @@ namespace {
 
 bool is_interrupted() {
   try {
-    check_interrupt();
+    static_cast<void>(Event().wait(Clock::real(), 0));  // takes no time, but asks
     return false;
   } catch (const Interrupted&) {
     return true;

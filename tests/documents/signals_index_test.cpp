@@ -100,53 +100,12 @@ TEST(SignalsIndex, isFoundByPointerOrByListing) {
   }
 }
 
-TEST(SignalsIndex, isAppliedAsAWholeOrNotAtAll) {
-  const std::string complete = R"({"era_number": 12, "found_signals": {"a": 1}, "found_strategies": {}, "useful_signals": {"c": {}}})";
-  const std::tuple<std::string, Value, std::string> rows[] = {
-      {complete, 12, ""},
-      {R"({"era_number": " 12 "})", "12", ""},
-      {R"({"era_number": null})", "x", ""},
-      {R"({"era_number": 12})", "x", "EraError: signals_index.json has invalid era_number=12"},
-      {R"({"found_strategies": {"b": 1}, "found_signals": []})", 12,
-       "ManifestError: signals_index.json found_signals must be a JSON object"},
-      {R"({"found_signals": {"b": 1}, "useful_signals": null})", 12,
-       "ManifestError: signals_index.json useful_signals must be a JSON object"},
-      {"\xef\xbb\xbf{}", 12,
-       "ManifestError: Invalid signals_index.json JSON: Unexpected UTF-8 BOM (decode using utf-8-sig): line 1 column 1 (char 0)"},
-  };
-  const TemporaryDirectory directory;
-  const Document before{{"before", 1}};
-  for (const auto& [body, manifest_era, failure] : rows) {
-    SCOPED_TRACE(body);
-    Manifest manifest = record({{"era_number", manifest_era}, {"files", document(LISTED)}});
-    manifest.set_sections({before, before, before});
-    EXPECT_EQ(failure_of([&, &bytes = body] { return _validate_signals_index_bytes(bytes, manifest), 0; }), failure);
-    const Manifest::Sections after = manifest.sections();
-    EXPECT_EQ(json_of(after.found_signals) + json_of(after.useful_signals), !failure.empty()   ? R"({"before": 1}{"before": 1})"
-                                                                            : body == complete ? R"({"a": 1}{"c": {}})"
-                                                                                               : "{}{}");
-    directory.write("signals_index.json", body);
-    EXPECT_EQ(failure_of([&] { return _load_manifest_signals_index(directory.path(), manifest); }), failure);
-  }
-}
-
-TEST(SignalsIndex, isLoadedFromTheDirectoryOrElseFromTheOther) {
-  const TemporaryDirectory staged, live;
-  Manifest manifest = record({{"files", document(LISTED)}});
-  const auto load = [&] {
-    manifest.set_sections({});
-    const std::string failure = failure_of([&] { return _load_manifest_signals_index(staged.path(), manifest, live.path()); });
-    return failure + json_of(manifest.sections().found_signals);
-  };
-  EXPECT_EQ(load(), "SyncError: signals_index.json missing from local sync: signals_index.json{}");
-  live.write("signals_index.json", R"({"found_signals": {"live": 1}})");
-  EXPECT_EQ(load(), R"({"live": 1})");
-  staged.write("signals_index.json", R"({"found_signals": {"staged": 1}})");
-  EXPECT_EQ(load(), R"({"staged": 1})");
-  staged.write("signals_index.json", "\xff");
-  EXPECT_EQ(load().substr(0, 19), "UnicodeDecodeError:");
-  Manifest without = record({});
-  EXPECT_FALSE(_load_manifest_signals_index(staged.path(), without));
+TEST(SignalsIndex, isMissedWhereItIsListed) {
+  const TemporaryDirectory empty;
+  Manifest listing = record({{"files", document(LISTED)}}), without = record({});
+  EXPECT_EQ(failure_of([&] { return _load_manifest_signals_index(empty.path(), listing); }),
+            "SyncError: signals_index.json missing from local sync: signals_index.json");
+  EXPECT_FALSE(_load_manifest_signals_index(empty.path(), without));
 }
 
 }  // namespace

@@ -36,26 +36,6 @@ TEST_F(Vocabulary, universeIsOneSafeSegmentOfItsPath) {
             "SyncError: ");
 }
 
-TEST_F(Vocabulary, isThatOfItsPath) {
-  const Document good =
-      document(R"({"era_number": 12, "named_universe": "us", "features": null, "metadata": {"named_universe": "us"}, "x": 1})");
-  const std::tuple<Document, Value, std::string> rows[] = {
-      {good, "us", ""},
-      {good, nullptr, ""},
-      {good, "eu", "SyncError: vocabulary.json named_universe does not match manifest path 'eu'"},
-      {good.with("named_universe", " us "), nullptr, "SyncError: vocabulary.json named_universe does not match manifest path 'us'"},
-      {good.with("named_universe", ""), nullptr, "SyncError: named_universe is required"},
-      {good.with("metadata", Document()), "us", "SyncError: vocabulary.json metadata.named_universe does not match manifest path 'us'"},
-  };
-  const auto validate = [&](const std::string& path, const Value& universe) {
-    return failure_of([&] { return _validate_vocabulary_file(neighbours, path, 12, universe); });
-  };
-  for (const auto& [body, universe, failure] : rows) EXPECT_EQ(validate(directory.write("x.json", json_of(body)), universe), failure);
-  EXPECT_EQ(validate(directory / "none", "us"), "SyncError: vocabulary.json is missing");
-  EXPECT_EQ(validate(directory.path(), "us"),
-            "SyncError: vocabulary.json is not readable: [Errno 21] Is a directory: '" + directory.path() + "'");
-}
-
 TEST_F(Vocabulary, theCatalogueMustBeTheOneThatTheManifestStates) {
   const std::string body = R"({"era_number": 12, "functions": {"fn": 1}})";
   const auto entry = [](std::string_view content) {
@@ -91,6 +71,8 @@ TEST_F(Vocabulary, theCatalogueMustBeTheOneThatTheManifestStates) {
   const Manifest manifest = manifest_with(stated, "functions.json");
   EXPECT_EQ(failure_of([&] { return _validate_functions_file(neighbours, empty.path(), manifest); }),
             "SyncError: functions.json is missing: functions.json");
+  EXPECT_EQ(failure_of([&] { return _validate_vocabulary_file(neighbours, empty / "x.json", 12); }),
+            "SyncError: vocabulary.json is missing");
   EXPECT_EQ(failure_of([&] { return _validate_manifest_vocabulary_files(neighbours, empty.path(), manifest); }),
             "SyncError: manifest is missing per-universe vocabulary.json entries");
 }

@@ -7,30 +7,6 @@ namespace {
 
 class ConstructionTest : public testing::Test, protected SyncSetup {};
 
-struct NotCallable : TokenSource {
-  std::string token() override { return {}; }
-  std::optional<std::string> type_where_not_callable() const override { return "<class 'int'>"; }
-};
-
-TEST_F(ConstructionTest, refusesBadArgumentsOneAfterTheOther) {
-  SyncManager::Options bad = options();
-  bad.get_token = std::make_shared<NotCallable>();
-  bad.server_url = "";
-  bad.data_dir = directory / "missing";
-  const auto failure = [&] { return failure_of([&] { return std::make_shared<SyncManager>(bad); }); };
-  EXPECT_EQ(failure(), "TypeError: get_token must be callable, got <class 'int'>");
-  bad.get_token = token_source;
-  EXPECT_EQ(failure(), "ValueError: server_url must not be empty");
-  bad.server_url = "http://example.com";
-  EXPECT_THAT(failure(), StartsWith("ValueError: "));
-  bad.server_url = "https://example.com";
-  EXPECT_EQ(failure(), "FileNotFoundError: data_dir does not exist: " + bad.data_dir);
-  bad.data_dir = directory.write("missing", "a file");
-  EXPECT_EQ(failure(), "FileNotFoundError: data_dir does not exist: " + bad.data_dir);
-  EXPECT_EQ(failure_of([&] { return SyncManager::get_or_create(bad); }), failure());
-  EXPECT_THAT(SyncManager::_instances(), IsEmpty()) << "a failed construction leaves no entry";
-}
-
 TEST_F(ConstructionTest, restoresTheManifestAndRewritesOneThatHoldsRetiredFiles) {
   const std::string good = R"({"era_number":7,"version":2,"files":{}})";
   const std::string no_vocabulary = "Failed to load vocabulary from disk: manifest is missing per-universe vocabulary.json entries";
@@ -68,21 +44,6 @@ TEST_F(ConstructionTest, holdsAPathOnceHoweverManyDocumentsNameIt) {
   EXPECT_THAT(active, SizeIs(3));
   EXPECT_EQ(active, paths_in(*manager->get_manifest()->files().if_document()));
   EXPECT_EQ(active, paths_in(manager->hash_cache().entries()));
-}
-
-TEST_F(ConstructionTest, aManagerOfTheDirectoryKeepsWhatALaterCallLeavesOut) {
-  guard = std::make_shared<CallingGuard>([](auto...) {});
-  const auto first = SyncManager::get_or_create(options());
-  SyncManager::Options again = options();
-  again.runtime_freshness_guard = nullptr;
-  EXPECT_EQ(SyncManager::get_or_create(again), first);
-  EXPECT_EQ(first->runtime_freshness_guard.get(), guard);
-  again.server_url = "https://other.example";
-  again.get_token = fixed_token("newer");
-  EXPECT_EQ(failure_of([&] { return SyncManager::get_or_create(again); }), "ValueError: SyncManager for '" + directory.path() +
-                                                                               "' already exists with server_url='" + server.url() +
-                                                                               "', cannot reuse with server_url='https://other.example'");
-  EXPECT_EQ(first->_get_token.get(), token_source) << "a refused call changes nothing";
 }
 
 }  // namespace

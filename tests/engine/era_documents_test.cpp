@@ -283,7 +283,7 @@ TEST_F(EraDocumentsTest, aBadVocabularyIsNotLeftBehind) {
 }
 
 TEST_F(EraDocumentsTest, damageIsRepairedAtTheSameVersionAndAloneFetched) {
-  const std::string seed = "shuffle_seed.enc";
+  const std::string seed = "shuffle_seed.enc", meta = seed + ".meta.json";
   using Paths = std::vector<std::string>;
   // What is written over a file, where nothing stands for its removal; and what that makes the pass fetch.
   const std::tuple<std::map<std::string, std::optional<std::string>>, Paths> rows[] = {
@@ -293,7 +293,11 @@ TEST_F(EraDocumentsTest, damageIsRepairedAtTheSameVersionAndAloneFetched) {
       {{{FUNCTIONS, "{"}}, {data_path(FUNCTIONS)}},
       {{{INDEX, "{}"}}, {data_path(INDEX)}},
       {{{seed, std::nullopt}}, {SHUFFLE_PATH}},
-      {{{"shuffle_seed.enc.meta.json", R"({"era_number": 6})"}}, {SHUFFLE_PATH}},
+      {{{seed, std::string(59, 's')}}, {SHUFFLE_PATH}},
+      {{{meta, R"({"era_number": 6})"}}, {SHUFFLE_PATH}},
+      {{{meta, R"({"era_number": "x"})"}}, {SHUFFLE_PATH}},
+      {{{meta, "\xff"}}, {SHUFFLE_PATH}},
+      {{{meta, std::nullopt}}, {SHUFFLE_PATH}},
       {{{VOCABULARY, std::nullopt}, {seed, std::nullopt}}, {data_path(VOCABULARY), SHUFFLE_PATH}},
   };
   const auto manager = synced({ALPHA, index_of({})});
@@ -326,19 +330,11 @@ TEST_F(EraDocumentsTest, aSeedIsAskedForUntilItHas60BytesOfThisEra) {
   const auto reply = [](std::size_t size, const char* era) {
     return Reply{.headers = {{"x-era-id", era}}, .body = std::string(size, 's')};
   };
-  const std::pair<Reply, std::string> rows[] = {
-      {{.status = 401}, "AuthError: Authentication failed while downloading shuffle seed: HTTP 401"},
-      {{.body = std::string(60, 's')}, "SyncError: shuffle_seed.enc response is missing X-Era-Id"},
-      {reply(60, "seven"), "EraError: shuffle_seed.enc response has invalid X-Era-Id='seven'"},
-      {reply(5, "08"), "EraError: shuffle_seed.enc response era_number=8 does not match manifest era_number=7"},
-  };
   publish(1, {});
   const auto manager = open();
-  for (const auto& [answer, failure] : rows) {
-    server.script(SHUFFLE_PATH, {answer});
-    EXPECT_EQ(failure_of([&] { return manager->sync(); }), failure);
-    EXPECT_FALSE(directory.contains("shuffle_seed.enc") || directory.contains("manifest.json"));
-  }
+  server.script(SHUFFLE_PATH, {{.status = 401}});
+  EXPECT_EQ(failure_of([&] { return manager->sync(); }), "AuthError: Authentication failed while downloading shuffle seed: HTTP 401");
+  EXPECT_FALSE(directory.contains("shuffle_seed.enc") || directory.contains("manifest.json"));
   server.script(SHUFFLE_PATH, {reply(59, "7"), reply(61, "7"), reply(60, " 7 ")});
   EXPECT_TRUE(manager->sync().shuffle_seed_downloaded);
   EXPECT_EQ(directory.read("shuffle_seed.enc.meta.json"), R"({"era_number": 7})");

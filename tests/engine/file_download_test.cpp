@@ -282,19 +282,5 @@ TEST(FileDownloadTest, anErrorOfTheCallbackIsNotRetried) {
   EXPECT_THAT(download.ranges(PATH), SizeIs(1));
 }
 
-TEST(FileDownloadTest, credentialsGoToTheServersOwnFilesOnly) {
-  const std::tuple<const char*, const char*, bool> rows[] = {
-      {"unused", "", true}, {"base_url", "/data/files", true}, {"base_url", "/mirror", false}, {"_manifest_base_url", "/mirror/", false}};
-  for (const auto& [base_key, base_path, with_token] : rows) {
-    Download download;
-    download.info = download.info.with(base_key, download.server.url(base_path));
-    const std::string url_path = with_token ? DATA_PATH : std::string("/mirror/") + PATH;
-    download.server.serve_file(url_path, content());
-    EXPECT_EQ(download.run(), "");
-    ASSERT_THAT(download.server.requests(url_path), SizeIs(3));
-    EXPECT_EQ(download.server.requests(url_path).front().header("Authorization").has_value(), with_token);
-  }
-}
-
 }  // namespace
 }  // namespace brackenfen::sync

@@ -21,25 +21,6 @@ Reply reply(const Document& body) { return {.body = json_of(body)}; }
 
 class PassTest : public testing::Test, protected SyncSetup {};
 
-TEST_F(PassTest, anEmptyDirectoryFillsAndCommits) {
-  directory.write("sync-progress.json", "left behind");
-  const PublishedFile useful{"useful_signals/pool/three/signal_os/pnl.arrow", "os", "useful_signal_os_pnl"};
-  publish(3, {ALPHA, useful});
-  const Document published = manifest(3, {ALPHA, useful});
-  const Document foreign = MODULE.entry().with("platform", "amiga_68k");
-  publish_manifest(published.with("files", published.get("files").if_document()->with(MODULE.path, foreign)).with("note", "caf\u00e9"));
-
-  const SyncResult result = open()->sync();
-  EXPECT_EQ(result.pnl_column_count, Value(3));
-  EXPECT_EQ((std::tuple(result.useful_signals_downloaded, result.n_useful_signals, result.n_found_strategies)), (std::tuple(1, 1, 0)));
-  EXPECT_THAT(directory.files(), ElementsAre(".sync_hash_cache.json", "feature-rotation-state.json", ALPHA.path, FUNCTIONS, "manifest.json",
-                                             VOCABULARY, "shuffle_seed.enc", "shuffle_seed.enc.meta.json", useful.path));
-  // Keys as the server ordered them, default separators, ASCII.
-  EXPECT_THAT(directory.read("manifest.json"), AllOf(StartsWith(R"({"era_number": 7, "version": 3, "pnl_column_count": 3, "files": {")"),
-                                                     EndsWith(R"("amiga_68k"}}, "functions": "functions.json", "note": "caf\u00e9"})")));
-  EXPECT_EQ(server.requests().front().header("Authorization"), "Bearer token");
-}
-
 TEST_F(PassTest, aManifestThatIsNoneLeavesFilesAndMemoryAsTheyWere) {
   const auto with_entry = [](const char* path, const Document& entry) {
     return reply(manifest(2, {}).with("files", Document{{path, entry}}));

@@ -1,3 +1,5 @@
+#include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -262,31 +264,6 @@ TEST_F(TransitionTest, aFailureWhileFilesMoveIsMendedByTheNextAttempt) {
   }
 }
 
-TEST_F(TransitionTest, anEraThatOvertakesItIsFollowed) {
-  const PublishedFile newest{"features/us/strategy_is/newest.arrow", "of era nine"};
-  // The first answer confirms the era, then one comes before each of the five files: the last of them is functions.json.
-  for (std::size_t file = 1; file <= 5; ++file) {
-    SCOPED_TRACE("before file " + std::to_string(file));
-    begin_in_era_7();
-    server.script(ERA_PATH, first(file, era(8), era(9)));
-    server.script(MANIFEST_PATH, {body(manifest(8, {KEPT, NEW, FRESH}, 8)), body(manifest(9, {KEPT, newest}, 9))});
-    server.serve_file(newest.url_path(), newest.content);
-    server.script("/data/files/" + std::string(VOCABULARY),
-                  first(file == 5 ? 1 : 0, {.body = documents(8)[0].content}, {.body = documents(9)[0].content}));
-    server.serve_file("/data/files/" + std::string(FUNCTIONS), documents(9)[1].content);
-    server.script(SHUFFLE_PATH, {{.headers = {{"X-Era-Id", "9"}}, .body = std::string(60, 'n')}});
-    directory.write("features/left.arrow.tmp", "of a download that nobody goes on with");
-
-    EXPECT_EQ(failure(), "");
-    EXPECT_THAT(calls, ElementsAre("kill", "kill", "restart"));
-    EXPECT_EQ(manager->get_manifest()->era_number(), Value(9));
-    EXPECT_EQ(directory.read(newest.path), newest.content);
-    EXPECT_FALSE(directory.contains(GONE.path) || directory.contains(NEW.path) || directory.contains(FRESH.path));
-    expect_nothing_left();
-    std::filesystem::remove(directory / newest.path);
-  }
-}
-
 TEST_F(TransitionTest, wrongBytesOfADeadEraAreForgiven) {
   for (const int version : {8, 9}) {  // also where the server says that a newer manifest is out
     publish_version(version, version);
@@ -296,6 +273,27 @@ TEST_F(TransitionTest, wrongBytesOfADeadEraAreForgiven) {
     EXPECT_EQ(failure(), "SyncError: Failed to fetch era 9 manifest: HTTP 404");
     EXPECT_THAT(calls, ElementsAre("kill", "kill"));
   }
+}
+
+TEST_F(TransitionTest, cleansUpForTheEraThatOvertookItWhenNobodyElseIsAtWork) {
+  const std::string staged = "features/left.arrow.tmp";
+  directory.write(staged, "of whoever comes between the two transitions");
+  server.script(ERA_PATH, first(1, era(8), era(9)));
+  server.script(MANIFEST_PATH, {body(manifest(8, {KEPT, NEW, FRESH}, 8)), {.status = 404}});
+  Descriptor worker;
+  bool kept = false;
+  files.before(FaultFiles::Call::Unlink, [&] {  // of .transition_lock
+    worker = Descriptor(::open(directory.path().c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(::flock(worker.get(), LOCK_EX | LOCK_NB), 0);
+  });
+  const HostInterrupt waiting([&] {
+    if (!worker || !directory.contains(".sync_flock")) return;  // until it is waited for
+    kept = directory.contains(staged);
+    worker = Descriptor();
+  });
+  EXPECT_EQ(failure(), "SyncError: Failed to fetch era 9 manifest: HTTP 404");
+  EXPECT_TRUE(kept);
+  expect_nothing_left();
 }
 
 TEST_F(TransitionTest, withinAnEraAClosingOneIsGoodEnough) {

@@ -109,6 +109,30 @@ TEST_F(DirectoryLockTest, leavesNothingBehindWhenAWaitIsInterrupted) {
   }
 }
 
+TEST_F(DirectoryLockTest, isThatOfTheDirectoryToWhichThePathLeadsInTheEnd) {
+  struct WaitedOn : Clock {
+    std::int64_t monotonic_ns() override { return real().monotonic_ns(); }
+    double wall_seconds() override { return real().wall_seconds(); }
+    void sleep(double) override { meanwhile(); }
+    std::function<void()> meanwhile;
+  } clock;
+  for (const char* name : {"one", "two"}) std::filesystem::create_directory(directory / name);
+  std::filesystem::create_symlink("one", directory / "link");
+  const Guarded<std::string> link(directory / "link");
+  const Guarded<std::string> link_file(directory / "link/.sync_flock");
+  DirectoryLock behind_link(link, link_file, clock);
+  auto rival = std::make_optional<Rival>(directory / "one");
+  ASSERT_TRUE(rival->takes());
+  clock.meanwhile = [&] {
+    std::filesystem::remove(directory / "link");
+    std::filesystem::create_symlink("two", directory / "link");
+    rival.reset();
+  };
+  const DirectoryLock::Hold hold(behind_link);
+  EXPECT_TRUE(Rival(directory / "one").takes());
+  for (const char* path : {"two", "two/.sync_flock"}) EXPECT_FALSE(Rival(directory / path).takes()) << path;
+}
+
 TEST_F(DirectoryLockTest, closesWhatALostUnitOfWorkLeft) {
   lock._acquire_flock();
   lock.close_leftover();

@@ -13,12 +13,9 @@ from typing import Any
 
 import brackenfen.sync as sync
 import pytest
-
-sys.path.append(str(pathlib.Path(__file__).parents[1]))
-
-import torture.hostile_server  # noqa: E402
-from torture.hostile_server import FUNCTIONS, VOCABULARY, Exchange, answer, head, raw  # noqa: E402
-from torture.world import KINDS, World, digest  # noqa: E402
+import torture.hostile_server
+from torture.hostile_server import FUNCTIONS, VOCABULARY, Exchange, answer, head, raw
+from torture.world import KINDS, World, digest
 
 # A run in the background of a shell ignores Ctrl-C, and so would every process that the tests start.
 signal.signal(signal.SIGINT, signal.default_int_handler)

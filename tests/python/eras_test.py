@@ -2,10 +2,7 @@
 
 import json
 import logging
-import os
-import pathlib
 import sys
-import threading
 import types
 from collections.abc import Callable
 from typing import Any
@@ -157,45 +154,6 @@ def test_neighbours_that_cannot_be_loaded_stop_a_transition_before_it_begins(set
     assert (len(server.requests), killed, settled._in_transition) == (asked, [], False)
 
 
-@pytest.mark.filterwarnings("ignore::DeprecationWarning")  # of fork in a threaded process
-@pytest.mark.parametrize("where", ["kill raises", "kill returns", "token returns", "token of a worker returns"])
-def test_a_child_forked_in_a_callback_leaves_the_work_to_its_parent(settled: sync.SyncManager, server: Any, where: str) -> None:
-    parent, directory, asked = os.getpid(), pathlib.Path(settled._data_dir), len(server.requests)
-    seen: list[Any] = []
-    forked = threading.Lock()
-
-    def fork() -> None:
-        if os.fork() == 0:
-            if where == "kill raises":
-                raise sync.StateError("fork")
-            return
-        status = os.waitstatus_to_exitcode(os.wait()[1])
-        seen.append((status, (directory / ".transition_lock").exists(), json.loads((directory / "manifest.json").read_text())["version"]))
-
-    def token() -> str:
-        if in_pass and len(server.requests) == asked + 2 and forked.acquire(blocking=False):  # about to fetch a file
-            fork()
-        return str(server.token)
-
-    in_pass = where.startswith("token")
-    settled._get_token = token
-    server.era_number -= in_pass
-    for index in range(50 if "worker" in where else 1):
-        server.add(f"b{index}", b"new")
-    try:
-        settled.sync() if in_pass else settled.trigger_era_transition(8, fork)
-    except sync.StateError as error:
-        os._exit(0) if os.getpid() != parent and "fork" in str(error) else pytest.fail(str(error))
-    finally:
-        if os.getpid() != parent:
-            os._exit(2)
-    assert seen == [(0, not in_pass, 7)]
-    asked_for = [path for path, _ in server.requests if path.startswith("/data/files/b")]
-    assert len(set(asked_for)) == len(asked_for), "the child has gone on"
-    assert settled._manifest.version == json.loads((directory / "manifest.json").read_text())["version"] == 8
-    assert not (directory / ".transition_lock").exists()
-
-
 # ---- the watcher ------------------------------------------------------------------------------------------------
 
 
@@ -219,9 +177,10 @@ def test_a_watcher_takes_any_manager(server: Any, publish: Any, neighbour: Insta
     publish(8)
     kill, restart = (lambda: None), (lambda: None)
     watcher = sync.EraThread(server.url, lambda: server.token, Manager(), kill_searches_fn=kill, restart_searches_fn=restart)  # type: ignore[arg-type]
-    watcher._last_known_era_id = 7
+    watcher._last_known_era_id, watcher._in_closing = 7, True
     watcher._poll_once()
     assert (watcher._transition_failed, watcher._last_transition_error, watcher._last_known_era_id) == (True, "new era: first time", 7)
+    assert not watcher._in_closing and "Trigger era transition (new era) failed: first time" in records.messages
     watcher._poll_once()
     watcher._poll_once()
     assert Manager.seen == [(8, kill, restart)] * 2 and (watcher._transition_failed, watcher._last_known_era_id) == (False, 8)

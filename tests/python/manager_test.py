@@ -16,14 +16,22 @@ def test_construction_and_registry(tmp_path: pathlib.Path) -> None:
     (tmp_path / "data").mkdir()
     (tmp_path / "link").symlink_to("data")
     with pytest.raises(TypeError, match="^get_token must be callable, got <class 'int'>$"):
-        sync.SyncManager(tmp_path, "", 5)
-    with pytest.raises(FileNotFoundError, match="^data_dir does not exist: /missing/\udcff$"):
-        sync.SyncManager("/missing/\udcff", "http://127.0.0.1:1", str)
+        sync.SyncManager("/missing", "", 5)
+    with pytest.raises(ValueError, match="^server_url must not be empty$"):
+        sync.SyncManager("/missing", "", str)
+    with pytest.raises(ValueError, match="^URL must use https, or http on this machine only: http://example.com$"):
+        sync.SyncManager("/missing", "http://example.com", str)
+    for missing, make in (("/missing/\udcff", sync.SyncManager), (__file__, sync.SyncManager), (__file__, sync.SyncManager.get_or_create)):
+        with pytest.raises(FileNotFoundError, match=f"^data_dir does not exist: {missing}$"):
+            make(missing, "http://127.0.0.1:1", str)
+    assert __file__ not in sync.SyncManager._instances
     assert sync.SyncManager(tmp_path, "http://127.0.0.1:1", token=b"fixed".decode())._get_token() == "fixed"
 
     guard, newer = types.SimpleNamespace(), lambda: "b"
     made = sync.SyncManager.get_or_create(str(tmp_path / "data"), "http://127.0.0.1:1", lambda: "a", 2, guard)
     again = sync.SyncManager.get_or_create(tmp_path / "link", server_url="http://127.0.0.1:1", get_token=newer, poll_interval_s=9)
+    with pytest.raises(ValueError, match="already exists with server_url='http://127.0.0.1:1', cannot reuse with server_url='https://b'$"):
+        sync.SyncManager.get_or_create(tmp_path / "link", "https://b", str)
     assert again is made and made._get_token is newer and made.runtime_freshness_guard is guard
     assert sync.SyncManager._instances[str(tmp_path / "data")] is made
     sync.SyncManager._evict(tmp_path / "link")
@@ -62,6 +70,7 @@ def test_fields_read_and_assign(manager: sync.SyncManager, tmp_path: pathlib.Pat
 def fill(server: Any) -> None:
     server.add("features/u/signal_is/a.arrow", b"alpha" * 1000)
     server.add("found_signals/p/e/signal_is/pnl.arrow", b"pnl", kind="found_signal_is_pnl")
+    server.add("useful_signals/p/e/signal_os/pnl.arrow", b"os", kind="useful_signal_os_pnl")
     server.add("lib/vault.so", b"code", kind="vault_module", platform=sync.CURRENT_PLATFORM)
     server.add("lib/other.so", b"code", kind="vault_module", platform="mars_z80")
 
@@ -71,9 +80,10 @@ def test_what_a_pass_hands_to_python(manager: sync.SyncManager, server: Any) -> 
     landed: list[dict[str, Any]] = []
     manager.runtime_freshness_guard = types.SimpleNamespace(record_sync_update=lambda **record: landed.append(record))
     result = manager.sync()
-    present = tuple(sorted([*list(server.files)[:3], *server.documents]))
+    present = tuple(sorted([*list(server.files)[:4], *server.documents]))
     catalogue_bytes = len(server.documents["functions.json"])
-    assert (result.features_downloaded, result.bytes_downloaded, result.era_number, result.n_features) == (1, 5007 + catalogue_bytes, 7, 1)
+    assert (result.features_downloaded, result.bytes_downloaded, result.era_number, result.n_features) == (1, 5009 + catalogue_bytes, 7, 1)
+    assert (result.pnl_column_count, result.useful_signals_downloaded, result.n_useful_signals, result.n_found_strategies) == (4, 1, 1, 0)
     assert (result.t_signal_is, result.t_strategy_is, result.n_instruments) == (5, 6, 7)
     assert result.vocabulary_downloaded and result.shuffle_seed_downloaded
     assert result.found_pnl_paths_downloaded == (manager._data_dir + "/found_signals/p/e/signal_is/pnl.arrow",)

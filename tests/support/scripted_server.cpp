@@ -3,9 +3,6 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <openssl/x509v3.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -13,9 +10,11 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <stdexcept>
 
 #include "sync/base/text/text.hpp"
+#include "tests/support/temporary_directory.hpp"
 
 namespace brackenfen::sync {
 namespace {
@@ -180,31 +179,16 @@ std::vector<LoggedRequest> ScriptedServer::requests(std::string_view path) const
 }
 
 void ScriptedServer::set_up_tls() {
-  EVP_PKEY* const key = EVP_EC_gen("P-256");
-  X509* const certificate = X509_new();
-  X509_set_version(certificate, 2);
-  ASN1_INTEGER_set(X509_get_serialNumber(certificate), 1);
-  X509_gmtime_adj(X509_getm_notBefore(certificate), -3600);
-  X509_gmtime_adj(X509_getm_notAfter(certificate), 3600);
-  X509_set_pubkey(certificate, key);
-  X509_NAME* const name = X509_get_subject_name(certificate);
-  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("localhost"), -1, -1, 0);
-  X509_set_issuer_name(certificate, name);
-  X509_EXTENSION* const names = X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, "DNS:localhost,IP:127.0.0.1");
-  require(X509_add_ext(certificate, names, -1) == 1, "the names in the certificate");
-  X509_EXTENSION_free(names);
-  require(X509_sign(certificate, key, EVP_sha256()) > 0, "signing the certificate");
-
+  const TemporaryDirectory made;
+  const std::string key = made / "key", certificate = made / "certificate";
+  const std::string names = " -subj /CN=localhost -addext subjectAltName=DNS:localhost,IP:127.0.0.1";
+  const std::string kind = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes";
+  const std::string command = kind + names + " -keyout " + key + " -out " + certificate + " 2>/dev/null";
+  require(std::system(command.c_str()) == 0, "making a certificate");
+  certificate_pem_ = made.read("certificate");
   tls_.reset(SSL_CTX_new(TLS_server_method()));
-  require(SSL_CTX_use_certificate(tls_.get(), certificate) == 1 && SSL_CTX_use_PrivateKey(tls_.get(), key) == 1, "the TLS server");
-  BIO* const memory = BIO_new(BIO_s_mem());
-  PEM_write_bio_X509(memory, certificate);
-  char* text = nullptr;
-  const long size = BIO_get_mem_data(memory, &text);
-  certificate_pem_.assign(text, static_cast<std::size_t>(size));
-  BIO_free(memory);
-  X509_free(certificate);
-  EVP_PKEY_free(key);
+  require(SSL_CTX_use_certificate_file(tls_.get(), certificate.c_str(), SSL_FILETYPE_PEM) == 1, "the certificate");
+  require(SSL_CTX_use_PrivateKey_file(tls_.get(), key.c_str(), SSL_FILETYPE_PEM) == 1, "its key");
 }
 
 void ScriptedServer::accept_connections() {
@@ -252,7 +236,7 @@ Reply ScriptedServer::reply_to(const LoggedRequest& request) {
 void ScriptedServer::send_reply(Connection& connection, const Reply& reply) {
   if (reply.delay > milliseconds(0) && !connection.wait(reply.delay)) return;
   std::string message = "HTTP/1.1 " + std::to_string(reply.status) + " Status\r\n";
-  bool framed = reply.endless;
+  bool framed = false;
   for (const auto& [name, value] : reply.headers) {
     message += name + ": " + value + "\r\n";
     framed = framed || name == "Content-Length" || name == "Transfer-Encoding";
@@ -260,7 +244,6 @@ void ScriptedServer::send_reply(Connection& connection, const Reply& reply) {
   if (!framed) message += "Content-Length: " + std::to_string(reply.body.size()) + "\r\n";
   message += "\r\n" + reply.body.substr(0, reply.cut_after.value_or(reply.body.size()));
   if (!connection.send(message)) return;
-  while (reply.endless && connection.send(reply.body)) continue;
   if (reply.stall) static_cast<void>(connection.wait(std::chrono::hours(1)));
   if (reply.reset) connection.reset_on_close();
 }

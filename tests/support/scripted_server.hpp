@@ -27,7 +27,6 @@ struct Reply {
   std::string body = {};
   std::optional<std::size_t> cut_after = {};  ///< bytes of the body after which the connection ends
   bool reset = false;                         ///< the connection ends with RST instead of FIN
-  bool endless = false;                       ///< the body is repeated until the peer goes away
   bool stall = false;                         ///< after the body (or its cut) nothing happens any more
   bool keep = false;                          ///< the connection serves another request
   std::chrono::milliseconds delay{0};         ///< before the first byte

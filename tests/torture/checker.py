@@ -48,7 +48,8 @@ ENDPOINTS = {"/era/current", "/data/manifest", "/data/manifest/version", "/data/
 def forms(token: str) -> list[str]:
     """How a token may look where somebody packed it."""
     packed = {base64.b64encode(b"x" * shift + token.encode()).decode()[4:-4] for shift in range(3)}
-    return [token, urllib.parse.quote(token), urllib.parse.quote(token, ""), json.dumps(token)[1:-1], *packed]
+    quoted = [urllib.parse.quote(token), urllib.parse.quote(token, "")]
+    return [token, *quoted, *map(str.lower, quoted), json.dumps(token)[1:-1], *packed]
 
 
 class Checker:

@@ -22,13 +22,19 @@ BLANKS = "\t\n\x1c\x85 \u00a0\u2003\u2028\u3000"
 CHARACTERS = "ab\"'\\/\0\x1b\x7f\b\r\u00ad\u200b\ufeff\ue000\U0001f600" + BLANKS + "".join(
     filter(lambda c: unicodedata.category(c) not in ("Cn", "Cs"), map(chr, random.Random(1).sample(range(0x110000), 2000)))
 )  # fmt: skip
-FRAGMENTS = [b"{", b"}", b"[", b"]", b",", b":", b'"', b'"a"', b'"a":', b"1", b"-", b"0", b".5", b"e", b"E+9", b"NaN", b"Infinity", b"-Infinity", b"Inf", b"null", b"true",
-             b"fals", b"\\", b"\\u", b"\\u00e9", b"\\ud83d\\ude00", b"\\ud800", b"12", b" ", b"\n", b"\t", b"\0", b"\x1f", b"\x7f", "é".encode(), "😀".encode(), b"\xff",
-             b"\xc3", b"\xe2\x82", b"\xed\xa0\x80", b"\xf0\x9f", b"\xf4\x90\x80\x80", b"\xc0\x80", b"\xef\xbb\xbf", b"(", b"\\x"]  # fmt: skip
+FRAGMENTS = [
+    b"{", b"}", b"[", b"]", b",", b":", b'"', b'"a"', b'"a":', b"1", b"-", b"0", b".5", b"e", b"E+9", b"NaN", b"Infinity", b"-Infinity",
+    b"Inf", b"null", b"true", b"fals", b"\\", b"\\u", b"\\u00e9", b"\\ud83d\\ude00", b"\\ud800", b"12", b" ", b"\n", b"\t", b"\0",
+    b"\x1f", b"\x7f", "é".encode(), "😀".encode(), b"\xff", b"\xc3", b"\xe2\x82", b"\xed\xa0\x80", b"\xf0\x9f", b"\xf4\x90\x80\x80",
+    b"\xc0\x80", b"\xef\xbb\xbf", b"(", b"\\x",
+]  # fmt: skip
 EDGE_INTEGERS = [2**63, 2**63 - 1, -(2**63), -(2**63) - 1, 2**64, 2**53 + 1, 10**20, -(10**20), 10**30, 0, 1, -1]
-EDGE_NUMBERS = ["1e999", "-1e999", "1e-999", "0e999", "0.0000001e9999999999999999999999", "1e-99999999999999999999", "-0", "-0.0", "1E400", "1" * 400, "-" + "9" * 5000,
-                "1" + "0" * 400 + "e-400", "1" * 400 + ".5", "5e-324", "1.7976931348623159e308", "9007199254740993.0", "1e15", "1e16", "0.00001", "NaN", "Infinity",
-                *map(json.dumps, ["\U0001d7d8", "\u0663\u0967", "\uff11.5", " 1_0.5_0e+1 ", "nan(1)", "\u00bd", "x" * 300, "-1e-999", "+nan", "1_e5"])]  # fmt: skip
+EDGE_NUMBERS = [
+    "1e999", "-1e999", "1e-999", "0e999", "0.0000001e9999999999999999999999", "1e-99999999999999999999", "-0", "-0.0", "1E400",
+    "1" * 400, "-" + "9" * 5000, "1" + "0" * 400 + "e-400", "1" * 400 + ".5", "5e-324", "1.7976931348623159e308", "9007199254740993.0",
+    "1e15", "1e16", "0.00001", "NaN", "Infinity",
+    *map(json.dumps, ["\U0001d7d8", "\u0663\u0967", "\uff11.5", " 1_0.5_0e+1 ", "nan(1)", "\u00bd", "x" * 300, "-1e-999", "+nan", "1_e5"]),
+]  # fmt: skip
 
 
 class Draw(random.Random):
@@ -129,11 +135,20 @@ def manifest_path(draw: Draw) -> Any:
     return [f"{draw.folder}/{directory}", draw.or_other(relative(draw))]
 
 
-SCHEMES = ["https://", "http://", "HTTPS://", "hTTp://", "http:", "//", "ftp://", "", " http://", "\x01http://", "h+1://", "1h://", "ht tp://", "mailto:"]
-HOSTS = ["LocalHost", "127.255.1.2", "[0:0::1]", "Data.Example.com", "localhost", "127.0.0.1", "127.1", "0177.0.0.1", "[::1]", "[::1%eth0]", "[FE80::1%Eth0]", "[::ffff:127.0.0.1]", "::1", "[1.2.3.4]", "[x]",
-         "[v1.x]", "[v.x]", "[::1", "::1]", "data.example.com", "a_b-c", "128.0.0.1", "é", "a\uff0fb", "%41", "h\no", "", "127.0.0.1.", "localhost."]  # fmt: skip
+SCHEMES = [
+    "https://", "http://", "HTTPS://", "hTTp://", "http:", "//", "ftp://", "", " http://", "\x01http://", "h+1://", "1h://", "ht tp://",
+    "mailto:",
+]
+HOSTS = [
+    "LocalHost", "127.255.1.2", "[0:0::1]", "Data.Example.com", "localhost", "127.0.0.1", "127.1", "0177.0.0.1", "[::1]", "[::1%eth0]",
+    "[FE80::1%Eth0]", "[::ffff:127.0.0.1]", "::1", "[1.2.3.4]", "[x]", "[v1.x]", "[v.x]", "[::1", "::1]", "data.example.com", "a_b-c",
+    "128.0.0.1", "é", "a\uff0fb", "%41", "h\no", "", "127.0.0.1.", "localhost.",
+]  # fmt: skip
 PORTS = ["", "", "", ":", ":0", ":80", ":443", ":0080", ":65535", ":65536", ":99999999999999999999", ":-1", ":8x", ":\uff18", ":80:81"]
-PLACES = ["", "/", "/data/files", "/data/files/", "/data/files//", "/api/data/files", "/a b", "/a:b//c?q=1?2#f#g", "?q", "#f", "/%2e%2e/", "/\x7f", "/a\rb", "/é", ":x", "/@"]
+PLACES = [
+    "", "/", "/data/files", "/data/files/", "/data/files//", "/api/data/files", "/a b", "/a:b//c?q=1?2#f#g", "?q", "#f", "/%2e%2e/",
+    "/\x7f", "/a\rb", "/é", ":x", "/@",
+]
 
 
 def address(draw: Draw) -> str:
@@ -166,7 +181,10 @@ def groups(draw: Draw) -> Any:
     return [draw.or_other(files), names, draw.choice(["SIGNAL", "SIGNAL", "a STRATEGY", None, "Strategy_IS", 5]), universe, draw.or_other(given), prefix]
 
 
-KINDS = ["feature", "vault_declaration", "Vault_declaration", "backtester_declaration", "vault_module", "vault_module", "risk_module", "_module", "module", None, 7, ["risk_module"], ""]
+KINDS = [
+    "feature", "vault_declaration", "Vault_declaration", "backtester_declaration", "vault_module", "vault_module", "risk_module",
+    "_module", "module", None, 7, ["risk_module"], "",
+]
 
 
 def manifest(draw: Draw) -> Any:
@@ -208,7 +226,8 @@ def edges() -> list[bytes]:
 
 
 INPUTS: dict[str, Callable[[Draw], Any]] = {
-    "json": document, "numbers": number, "compare": pair, "system": system_pair, "path": manifest_path, "url": urls, "groups": groups, "manifest": manifest, "rotation": settings,
+    "json": document, "numbers": number, "compare": pair, "system": system_pair, "path": manifest_path, "url": urls, "groups": groups,
+    "manifest": manifest, "rotation": settings,
 }  # fmt: skip
 
 

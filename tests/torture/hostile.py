@@ -4,7 +4,9 @@ import dataclasses
 import functools
 import itertools
 import json
-from collections.abc import Callable, Iterator
+from base64 import b64encode
+from collections.abc import Callable, Iterable, Iterator
+from urllib.parse import quote
 
 from torture.case import Case, draw
 from torture.hostile_case import BAD_JSON, MEMORY_KIB, NAMED, STARTED, Row, one_of, run
@@ -21,8 +23,10 @@ PARTIAL = "waits partial_transfer"
 
 TRANSIENT = (408, 425, 429, 500, 502, 503, 504)
 STATUSES = (*TRANSIENT, 201, 204, 206, 300, 301, 304, 307, 400, 401, 402, 403, 404, 405, 410, 416, 418, 451, 501, 505, 511, 599)
-ECHO = json.dumps({"error": TOKEN, "reason": f"Bearer {TOKEN}", "dependency": [TOKEN], "retryable": "false"}).encode()
-FINAL = json.dumps({"retryable": False, "error": "X" * 5000, "reason": TOKEN, "dependency": {"a": TOKEN}}).encode()
+# The token as it stands and as somebody packed it, also where a word of the server's is cut.
+PACKED = [quote(TOKEN, ""), quote(TOKEN, "").lower(), *(b64encode(b"x" * shift + TOKEN.encode()).decode() for shift in range(3))]
+ECHO = json.dumps({"error": f"Bearer {TOKEN}", "reason": "x" * 1014 + TOKEN, "dependency": PACKED, "retryable": "false"}).encode()
+FINAL = json.dumps({"retryable": False, "error": "X" * 5000, "reason": TOKEN, "dependency": {TOKEN: TOKEN}}).encode()
 NOT_FINAL = [b"", b"null", b"[]", b"\xff", b"[" * 100_000, *(b'{"retryable": %s' % end for end in (b"null}", b"0}", b'"false"}', b"false"))]
 FAILURES = {"manifest": "SyncError: Failed to fetch manifest", "seed": "SyncError: Failed to download shuffle seed"} | {
     place: f"PermanentDownloadError: Download failed for {name}" for place, name in NAMES.items()
@@ -289,15 +293,19 @@ def ranges() -> Iterator[Row]:
         yield Row(f"range {name}", "big", attack, expected, times=times)
 
 
-def named(rows: Iterator[Row]) -> list[Row]:
+def named(rows: Iterable[Row]) -> list[Row]:
     """Each by its name, what is attacked and the operation."""
     words = ((row, (row.text, row.place, row.operation.removeprefix("sync"))) for row in rows)
     return [dataclasses.replace(row, text=" ".join(filter(None, said))) for row, said in words]
 
 
 def cases(long: bool) -> Iterator[Case]:
-    families = (statuses(), broken(), too_much(long), redirects(), bases(), encrypted(), documents(), moving(), ranges())
-    shapes, ends = named(itertools.chain(*families)), named(cuts())
-    assert len({row.text for row in shapes + ends}) == len(shapes + ends)
-    for row in shapes + ends if long else draw(shapes, 260) + draw(ends, 60):
+    """The short form has all that must come to an outcome of its own, and a sample of what many others are like."""
+    of_documents = list(documents())
+    own = named([*bases(), *moving(), *ranges(), *(row for row in of_documents if row.expected != NAMED)])
+    any_error = [row for row in of_documents if row.expected == NAMED]
+    alike = named([*statuses(), *broken(), *too_much(long), *redirects(), *encrypted(), *any_error])
+    ends = named(cuts())
+    assert len({row.text for row in own + alike + ends}) == len(own + alike + ends)
+    for row in own + (alike + ends if long else draw(alike, 90) + draw(ends, 40)):
         yield Case(row.text, functools.partial(run, row), alone=row.memory_kib > MEMORY_KIB)

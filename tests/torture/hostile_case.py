@@ -133,7 +133,7 @@ def assert_kept_secret(report: Report, directory: pathlib.Path, server: Server) 
         "a URL": repr([path for path, _ in server.requests]), "another host": repr(server.stranger.requests),
     }  # fmt: skip
     for place, text in places.items():
-        found = [form for form in forms(TOKEN) if form in text]
+        found = [form for form in (*forms(TOKEN), TOKEN[:9]) if form in text]  # nor a part, where a word was cut
         assert not found, f"{place} holds the token as {found}: {text[max(0, text.find(found[0]) - 200):][:400]}"
     for asked, tokens in ((server, {f"Bearer {TOKEN}", None}), (server.stranger, {None})):
         for path, headers in asked.requests:

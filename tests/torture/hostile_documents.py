@@ -117,6 +117,7 @@ OTHERS: dict[str, list[tuple[str, Change, str]]] = {
         ("announced", top(era_number=7, next_closing_at={"deep": [TOKEN]}), ""),
     ],
 }  # fmt: skip
+ODD_SECTION = "ManifestError: signals_index.json useful_signals must be a JSON object"
 # Where more is known than what may come of a body or of a value.
 TEXTS = {
     "manifest": {
@@ -130,7 +131,7 @@ TEXTS = {
         "utf8": "ManifestError: Invalid signals_index.json UTF-8: .*", "cut": "ManifestError: Invalid signals_index.json JSON: .*",
         "era_number other-era": "EraError: signals_index.json era_number=8 does not match manifest era_number=7",
         "era_number text": "EraError: signals_index.json has invalid era_number='x'",
-        "useful_signals text": "ManifestError: signals_index.json useful_signals must be a JSON object",
+        **dict.fromkeys(("useful_signals text", "useful_signals null", "useful_signals list"), ODD_SECTION),
     } | dict.fromkeys(("object", "repeated", "huge", "era_number null", "more text"), ""),  # which lack no key that must be there
     "vocabulary": {
         "null": "SyncError: vocabulary.json must contain a JSON object", "utf8": "SyncError: vocabulary.json is not valid JSON: .*",

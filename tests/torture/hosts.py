@@ -43,12 +43,15 @@ REQUESTS = f"{PASSES} needs_sync ensure"
 EVERYWHERE = f"{REQUESTS} verify add cleanup construct"
 # Which operations call what.
 REACHED = {
-    "token": REQUESTS, "filter": REQUESTS, "handler": REQUESTS, "context": REQUESTS, "delay": REQUESTS, "sleep": REQUESTS, "wait-event": REQUESTS, "reason": REQUESTS,
-    "transport": EVERYWHERE, "manifest_file_kind": EVERYWHERE, "vocabulary_named_universe_from_path": EVERYWHERE, "merge": EVERYWHERE,
-    "search": PASSES, "settings": PASSES, "artifact_descriptor_from_manifest_file": PASSES, "plan_rotation": PASSES, "promote_rotation_candidate": PASSES, "rotation_state_payload": PASSES,
-    "rotation_cleanup_keep_paths": PASSES, "scope_vocabulary_to_active_rotation": PASSES, "guard": "sync repair transition watch ensure features acquire", "size": "sync repair features",
-    "stop": "sync repair needs_sync transition watch ensure request features", "scope": "sync transition", "dump": "acquire", "plan_from_active_rotation_state": "acquire",
-    "kill": "transition watch", "restart": "transition watch", "era": "follow", "nudge": "watch follow",
+    "token": REQUESTS, "filter": REQUESTS, "handler": REQUESTS, "context": REQUESTS, "delay": REQUESTS, "sleep": REQUESTS,
+    "wait-event": REQUESTS, "reason": REQUESTS, "transport": EVERYWHERE, "manifest_file_kind": EVERYWHERE,
+    "vocabulary_named_universe_from_path": EVERYWHERE, "merge": EVERYWHERE, "search": PASSES, "settings": PASSES,
+    "artifact_descriptor_from_manifest_file": PASSES, "plan_rotation": PASSES, "promote_rotation_candidate": PASSES,
+    "rotation_state_payload": PASSES, "rotation_cleanup_keep_paths": PASSES, "scope_vocabulary_to_active_rotation": PASSES,
+    "guard": "sync repair transition watch ensure features acquire", "size": "sync repair features",
+    "stop": "sync repair needs_sync transition watch ensure request features", "scope": "sync transition", "dump": "acquire",
+    "plan_from_active_rotation_state": "acquire", "kill": "transition watch", "restart": "transition watch", "era": "follow",
+    "nudge": "watch follow",
 } | dict.fromkeys(("identity", "notify", "tracker", "tracker.close", "tracker.handle", "update", "update-check", "versions"), "transition watch follow")  # fmt: skip
 
 

@@ -116,13 +116,19 @@ def exits(*_: Any) -> Any:
 
 # By name: how often at most, and what.
 BEHAVIOURS: dict[str, tuple[int, Call]] = {
-    "raises": (99, raises(Failure("host"))), "raises-speechless": (99, raises(Speechless())), "raises-connection": (2, raises(ConnectionResetError(104, "host"))), "raises-os": (2, raises(OSError(28, "host"))),
-    "raises-value": (99, raises(ValueError("host"))), "raises-timeout": (2, raises(TimeoutError("host"))), "raises-sync": (2, raises(sync.SyncError("host"))), "raises-superseded": (2, raises(sync.ManifestSupersededError("host"))),
-    "raises-permanent": (99, raises(sync.PermanentDownloadError("host", "x", 404))), "raises-memory": (1, raises(MemoryError())), "raises-stop": (99, raises(StopIteration())),
-    "raises-base": (1, raises(Base("host"))), "interrupts": (1, raises(KeyboardInterrupt())), "leaves": (1, raises(SystemExit(7))), "raises-generator": (1, raises(GeneratorExit())),
-    "none": (99, returns(None)), "object": (99, returns(object())), "number": (99, returns(-5)), "wide": (99, returns(10**400)), "nan": (3, returns(float("nan"))), "text": (99, returns("x")), "bytes": (99, returns(b"x")),
-    "list": (99, returns([1, None])), "surrogate": (99, returns("\ud800\0\r\n")), "mapping": (99, returns({1: object()})), "class": (99, returns(type)),
-    "blocks": (1, sleeps), "mutates": (99, mutates), "environment": (1, changes_the_environment), "forks": (1, forks(False)), "forks-on": (1, forks(True)), "threads": (1, begins_threads), "drops": (1, drops), "exits": (1, exits),
+    "raises": (99, raises(Failure("host"))), "raises-speechless": (99, raises(Speechless())),
+    "raises-connection": (2, raises(ConnectionResetError(104, "host"))), "raises-os": (2, raises(OSError(28, "host"))),
+    "raises-value": (99, raises(ValueError("host"))), "raises-timeout": (2, raises(TimeoutError("host"))),
+    "raises-sync": (2, raises(sync.SyncError("host"))), "raises-superseded": (2, raises(sync.ManifestSupersededError("host"))),
+    "raises-permanent": (99, raises(sync.PermanentDownloadError("host", "x", 404))), "raises-memory": (1, raises(MemoryError())),
+    "raises-stop": (99, raises(StopIteration())), "raises-base": (1, raises(Base("host"))),
+    "interrupts": (1, raises(KeyboardInterrupt())), "leaves": (1, raises(SystemExit(7))),
+    "raises-generator": (1, raises(GeneratorExit())), "none": (99, returns(None)), "object": (99, returns(object())),
+    "number": (99, returns(-5)), "wide": (99, returns(10**400)), "nan": (3, returns(float("nan"))), "text": (99, returns("x")),
+    "bytes": (99, returns(b"x")), "list": (99, returns([1, None])), "surrogate": (99, returns("\ud800\0\r\n")),
+    "mapping": (99, returns({1: object()})), "class": (99, returns(type)), "blocks": (1, sleeps), "mutates": (99, mutates),
+    "environment": (1, changes_the_environment), "forks": (1, forks(False)), "forks-on": (1, forks(True)),
+    "threads": (1, begins_threads), "drops": (1, drops), "exits": (1, exits),
 } | {f"enters-{name}": (1, enters(name)) for name in ("sync", "repair", "needs_sync", "verify", "transition", "request", "add", "acquire", "stop", "cleanup", "construct", "watch")}  # fmt: skip
 
 
@@ -219,10 +225,19 @@ class Host:
         install("_artifact_rotation", **operations | {name: does(name, operations[name]) for name in ROTATION})
 
 
-ROTATION = ("manifest_file_kind", "vocabulary_named_universe_from_path", "artifact_descriptor_from_manifest_file", "plan_rotation", "plan_from_active_rotation_state", "promote_rotation_candidate",
-            "rotation_state_payload", "rotation_state_from_payload", "rotation_cleanup_keep_paths", "scope_vocabulary_to_active_rotation")  # fmt: skip
-AT_CONSTRUCTION = ("transport", "module-kind", "manifest_file_kind", "vocabulary_named_universe_from_path", "merge", "retired", "rotation_state_from_payload")
-NAMED = (sync.SyncError, sync.StateError, sync.AuthError, sync.SyncBackoffCancelled, sync.LibraryUpdateRequired, TypeError, ValueError, AttributeError, OSError, KeyError, OverflowError)
+ROTATION = (
+    "manifest_file_kind", "vocabulary_named_universe_from_path", "artifact_descriptor_from_manifest_file", "plan_rotation",
+    "plan_from_active_rotation_state", "promote_rotation_candidate", "rotation_state_payload", "rotation_state_from_payload",
+    "rotation_cleanup_keep_paths", "scope_vocabulary_to_active_rotation",
+)  # fmt: skip
+AT_CONSTRUCTION = (
+    "transport", "module-kind", "manifest_file_kind", "vocabulary_named_universe_from_path", "merge", "retired",
+    "rotation_state_from_payload",
+)
+NAMED = (
+    sync.SyncError, sync.StateError, sync.AuthError, sync.SyncBackoffCancelled, sync.LibraryUpdateRequired, TypeError, ValueError,
+    AttributeError, OSError, KeyError, OverflowError,
+)
 
 
 def on(host: Host) -> sync.SyncManager:
@@ -262,11 +277,14 @@ def watches(host: Host) -> None:
 
 
 OPERATIONS: dict[str, Callable[[Host], Any]] = {
-    "sync": lambda host: (lose(host), on(host).sync()), "repair": lambda host: (lose(host), on(host).repair([SMALL])), "needs_sync": lambda host: on(host).needs_sync(), "verify": lambda host: on(host).verify(),
+    "sync": lambda host: (lose(host), on(host).sync()), "repair": lambda host: (lose(host), on(host).repair([SMALL])),
+    "needs_sync": lambda host: on(host).needs_sync(), "verify": lambda host: on(host).verify(),
     "transition": lambda host: on(host).trigger_era_transition(8, host.kill, host.restart), "watch": watches, "ensure": ensures,
-    "request": lambda host: asks(host, lambda manager: manager.request_for_sync()), "features": lambda host: (lose(host), asks(host, lambda manager: manager.request_feature_files_for_sync(["small"]))),
-    "add": lambda host: on(host).add_active_feature_paths([SMALL]), "acquire": lives, "follow": lives, "stop": lambda host: on(host).stop(),
-    "cleanup": lambda host: on(host).cleanup_old_eras(), "construct": lambda host: sync.SyncManager.get_or_create(host.directory, host.url, host.get_token),
+    "request": lambda host: asks(host, lambda manager: manager.request_for_sync()),
+    "features": lambda host: (lose(host), asks(host, lambda manager: manager.request_feature_files_for_sync(["small"]))),
+    "add": lambda host: on(host).add_active_feature_paths([SMALL]), "acquire": lives, "follow": lives,
+    "stop": lambda host: on(host).stop(), "cleanup": lambda host: on(host).cleanup_old_eras(),
+    "construct": lambda host: sync.SyncManager.get_or_create(host.directory, host.url, host.get_token),
 }  # fmt: skip
 
 

@@ -287,8 +287,9 @@ def rotation(directory: str, content: str, catalogue: dict[str, Any], seed: int)
 
 
 RULES: dict[str, Callable[[Any], Any]] = {
-    "json": forms, "compare": lambda pair: compare(*pair), "system": lambda pair: system(*pair), "path": lambda given: path(*given), "url": lambda given: url(*given),
-    "groups": lambda given: groups(*given), "manifest": manifest, "rotation": lambda given: rotation(*given),
+    "json": forms, "compare": lambda pair: compare(*pair), "system": lambda pair: system(*pair), "path": lambda given: path(*given),
+    "url": lambda given: url(*given), "groups": lambda given: groups(*given), "manifest": manifest,
+    "rotation": lambda given: rotation(*given),
 }  # fmt: skip
 
 

@@ -22,7 +22,10 @@ bool Event::wait(Clock& clock, double timeout_seconds) {
   const double end = clock.monotonic_seconds() + timeout_seconds;
   for (;;) {
     const double left_seconds = end - clock.monotonic_seconds();
-    if (!(left_seconds > 0.0)) return is_set();
+    if (!(left_seconds > 0.0)) {
+      check_interrupt();  // the caller may do nothing but wait for no time, again and again
+      return is_set();
+    }
     if (wait_slice(left_seconds)) return true;
   }
 }

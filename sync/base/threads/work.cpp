@@ -3,10 +3,9 @@
 #include <algorithm>
 #include <atomic>
 #include <mutex>
-#include <new>
 #include <vector>
 
-#include "sync/base/threads/fork.hpp"
+#include "sync/base/threads/fresh_after_fork.hpp"
 
 namespace brackenfen::sync {
 namespace {
@@ -21,22 +20,12 @@ struct Waiter {
   WorkId waits_for;
 };
 
-/// Leaked, and made anew in a forked child, where none of the parent's threads wait.
 struct Waiters {
   std::mutex mutex;
   std::vector<Waiter> waiting;
 };
 
-alignas(Waiters) unsigned char waiters_storage[sizeof(Waiters)];
-
-Waiters& waiters() {
-  static Waiters* const instance = [] {
-    auto* made = new (waiters_storage) Waiters;
-    at_fork_child([] { new (waiters_storage) Waiters; });
-    return made;
-  }();
-  return *instance;
-}
+Waiters& waiters() { return fresh_after_fork<Waiters>(); }
 [[maybe_unused]] static const auto& made_at_load = waiters();  // see at_fork_child
 
 /// Whether `work` cannot end before something that `thread` is part of.

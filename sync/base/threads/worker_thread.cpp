@@ -4,13 +4,12 @@
 
 #include <condition_variable>
 #include <mutex>
-#include <new>
 #include <system_error>
 #include <thread>
 
 #include "sync/base/error.hpp"
 #include "sync/base/threads/failure.hpp"
-#include "sync/base/threads/fork.hpp"
+#include "sync/base/threads/fresh_after_fork.hpp"
 #include "sync/base/threads/interrupt.hpp"
 
 namespace brackenfen::sync {
@@ -18,7 +17,7 @@ namespace {
 
 constexpr std::size_t SYSTEM_NAME_BYTES = 15;
 
-/// How many threads run. Leaked: a thread that outlives main() still counts itself out.
+/// How many threads run.
 struct Count {
   std::mutex mutex;
   std::condition_variable fell;
@@ -35,16 +34,7 @@ struct Count {
   }
 };
 
-alignas(Count) unsigned char count_storage[sizeof(Count)];
-
-Count& count() {
-  static Count* const instance = [] {
-    auto* made = new (count_storage) Count;
-    at_fork_child([] { new (count_storage) Count; });  // none of the parent's threads run in the child
-    return made;
-  }();
-  return *instance;
-}
+Count& count() { return fresh_after_fork<Count>(); }
 [[maybe_unused]] static const auto& made_at_load = count();  // see at_fork_child
 
 constinit thread_local bool started_here = false;
