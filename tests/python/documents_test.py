@@ -110,3 +110,75 @@ def test_what_a_directory_holds(manager: sync.SyncManager, server: Any, tmp_path
     result = sync.SyncResult()
     assert manager._download_validated_vocabulary_repair(file_path=VOCABULARY, file_info=manifest.files[VOCABULARY], result=result)
     assert result == sync.SyncResult(bytes_downloaded=len(server.documents[VOCABULARY]), vocabulary_downloaded=True)
+
+
+def told(call: Callable[..., Any], *arguments: Any) -> Any:
+    """What it gives, or the class and text of its error."""
+    try:
+        return call(*arguments)
+    except sync.SyncError as error:
+        return f"{type(error).__name__}: {error}"
+
+
+UNSAFE = "SyncError: named_universe must be a single safe path segment: "
+
+
+def test_a_universe_is_one_safe_segment_of_its_path() -> None:
+    names = {" us ": "us", " ..": UNSAFE + "' ..'", "a/b": UNSAFE + "'a/b'", "a\0b": UNSAFE + "'a\\x00b'"}
+    assert {name: told(sync._validate_named_universe, name) for name in names} == names
+    assert told(sync._validate_named_universe, None) == "SyncError: named_universe is required"
+    paths = {" named_universes\\us//vocabulary.json": "us", "named_universes/a/b/vocabulary.json": None, 7: None}
+    assert {path: sync._vocabulary_named_universe_from_path(path) for path in paths} == paths
+    assert told(sync._vocabulary_named_universe_from_path, "named_universes/ /vocabulary.json").startswith("SyncError: ")
+
+
+CATALOGUE, ENTRY = b'{"era_number": 12, "functions": {"fn": 1}}', 'manifest files["functions.json"]'
+
+
+def stated(content: bytes, **changes: Any) -> dict[str, Any]:
+    return {"kind": "functions", "size_bytes": len(content), "sha256": f" {hashlib.sha256(content).hexdigest()} ", **changes}
+
+
+@pytest.mark.parametrize(("content", "entry", "pointer", "expected"), [
+    (CATALOGUE, stated(CATALOGUE), FUNCTIONS, json.loads(CATALOGUE)),
+    (CATALOGUE, stated(CATALOGUE, size_bytes=None), FUNCTIONS, json.loads(CATALOGUE)),
+    (CATALOGUE, stated(CATALOGUE), None, "SyncError: manifest is missing functions.json pointer"),
+    (CATALOGUE, stated(CATALOGUE), "./functions.json", "SyncError: manifest is missing functions.json pointer"),
+    (CATALOGUE, 5, FUNCTIONS, f"SyncError: {ENTRY} must be an object"),
+    (CATALOGUE, stated(CATALOGUE, kind="data"), FUNCTIONS, f"SyncError: {ENTRY}.kind must be functions"),
+    (None, stated(CATALOGUE), FUNCTIONS, "SyncError: functions.json is missing: functions.json"),
+    (CATALOGUE + b" ", stated(CATALOGUE), FUNCTIONS, "IntegrityError: functions.json size_bytes mismatch"),
+    (CATALOGUE, stated(CATALOGUE, sha256=" "), FUNCTIONS, f"SyncError: {ENTRY}.sha256 is required"),
+    (CATALOGUE, stated(b"", size_bytes=None), FUNCTIONS, "IntegrityError: functions.json sha256 mismatch"),
+    (b"[", stated(b"["), FUNCTIONS, "SyncError: functions.json is not valid JSON: Expecting value: line 1 column 2 (char 1)"),
+    (b"[]", stated(b"[]"), FUNCTIONS, "SyncError: functions.json must contain a JSON object"),
+    (b"{}", stated(b"{}"), FUNCTIONS, "EraError: functions.json era_number=None does not match manifest era_number=12"),
+])  # fmt: skip
+def test_the_catalogue_must_be_the_one_that_the_manifest_states(
+    tmp_path: pathlib.Path, content: bytes | None, entry: Any, pointer: str | None, expected: Any
+) -> None:
+    if content is not None:
+        (tmp_path / FUNCTIONS).write_bytes(content)
+    manifest = sync.Manifest({"era_number": " 12", "functions": pointer, "files": {FUNCTIONS: entry}})
+    assert told(sync._validate_functions_file, tmp_path, manifest) == expected
+
+
+def test_a_vocabulary_of_each_universe_is_merged_with_the_catalogue(tmp_path: pathlib.Path) -> None:
+    catalogue = json.dumps({"era_number": 12, "rotations": ["shared"], "functions": ["shared"], "note": 1}).encode()
+    vocabularies = {
+        universe: {"era_number": 12, "named_universe": universe, "features": {}, "metadata": {"named_universe": universe}} | own
+        for universe, own in (("us", {"functions": ["own"]}), ("eu", {}))
+    }
+    (tmp_path / FUNCTIONS).write_bytes(catalogue)
+    for universe, vocabulary in vocabularies.items():
+        (tmp_path / "named_universes" / universe).mkdir(parents=True)
+        (tmp_path / "named_universes" / universe / "vocabulary.json").write_text(json.dumps(vocabulary))
+    files = {"named_universes/us/vocabulary.json": {}, "named_universes//eu/vocabulary.json": {}, FUNCTIONS: stated(catalogue)}
+    merged = sync._validate_manifest_vocabulary_files(tmp_path, sync.Manifest({"era_number": 12, "functions": FUNCTIONS, "files": files}))
+    shared = {"rotations": ["shared"], "functions": ["shared"]}
+    assert merged == {"eu": vocabularies["eu"] | shared, "us": shared | vocabularies["us"]} and list(merged) == ["eu", "us"]
+    nothing = told(sync._validate_manifest_vocabulary_files, tmp_path, sync.Manifest({"functions": FUNCTIONS, "files": {FUNCTIONS: {}}}))
+    assert nothing == "SyncError: manifest is missing per-universe vocabulary.json entries"
+    assert told(sync._validate_vocabulary_file, tmp_path / "x", 12, None) == "SyncError: vocabulary.json is missing"
+    assert sync._first_vocabulary_metadata({"a": 1, "b": {"metadata": None}, "c": {"metadata": {"d": 1}}, "e": {"metadata": {}}}) == {"d": 1}
+    assert sync._first_vocabulary_metadata({"a": {}, "c": {"metadata": {"d": 1}}}) == {}

@@ -146,10 +146,16 @@ def test_a_stop_of_the_host_ends_every_worker_of_an_outage(manager: sync.SyncMan
 
 
 def test_requests_and_probes(manager: sync.SyncManager, server: Any) -> None:
-    server.answers["/x"] = answer(201, b"\0b", X_Odd="\xe9")
+    server.answers["/x"] = answer("201 Odd\r\nX-Odd: 1", b"\0b", X_Odd="\xe9")  # twice: the last one counts
     status, headers, body = sync._http_get_public(server.url + "/x", range_start=10, range_end=5)
     assert (status, headers["X-Odd"], body) == (201, "\xe9", b"\0b") and type(body) is bytes
-    assert server.requests[-1][1]["range"] == "bytes=10-" and "authorization" not in server.requests[-1][1]
+    own = {"host": server.url.removeprefix("http://"), "user-agent": "brackenfen-sync/0.0.3"}
+    assert server.requests[-1][1] == {**own, "range": "bytes=10-"}
+    sync._http_get_public(server.url + "/x")
+    assert server.requests[-1][1] == own
+    for first, last in ((0, 0), (4, 6)):
+        sync._http_get(server.url + "/x", "canary", range_start=first, range_end=last)
+        assert server.requests[-1][1] == {**own, "authorization": "Bearer canary", "range": f"bytes={first}-{last}"}
     assert manager._http_get(server.url + "/missing")[0] == 404
     assert manager._manifest_version_probe_once(server.url + "/data/manifest/version")[2] == b'{"version": 1, "era_number": 7}'
     assert manager._manifest_version_probe_once("http://127.0.0.1:1/") is None

@@ -36,22 +36,32 @@ def make_due(manager: sync.SyncManager) -> None:
 class Search:
     named_universe = "us"
 
-    def __init__(self) -> None:
+    def __init__(self, look: Callable[[], object] = list) -> None:
         self.told: list[tuple[Any, Any]] = []
+        self.look, self.seen = look, list[Any]()
 
     def refresh_rotation_scope(self, rotation_state: Any, scoped_vocabulary: Any) -> None:
         self.told.append((rotation_state, scoped_vocabulary))
+        self.seen.append(self.look())
 
 
 def test_a_rotation_reaches_the_running_search(manager: sync.SyncManager, server: Any) -> None:
     publish(server)
     settings = {"feature_budget_gb": 450 / 2**30, "rotation_seed": 7}
     pathlib.Path(manager._data_dir, "feature-rotation-settings.json").write_text(json.dumps(settings))
-    search = Search()
+    stray = pathlib.Path(manager._data_dir, "features/stray.arrow")
+    stray.parent.mkdir()
+    stray.touch()
+    search = Search(lambda: (sync.load_feature_rotation_state(manager._data_dir), stray.exists()))
     manager.register_rotation_search_consumer(search)
     manager.register_rotation_search_consumer(object())
+    search.named_universe = "nowhere"
+    with pytest.raises(sync.VocabularyScopeError, match="^running search consumer requested unknown vocabulary universe: 'nowhere'$"):
+        manager.sync()
+    assert search.look() == (None, True), "nothing is promoted that no search could follow"
+    search.named_universe = "us"
     result = manager.sync()
-    assert len(held(manager)) == 4 and (result.rotation_seed, result.feature_budget_bytes) == (7, 450)
+    assert len(held(manager)) == 4 and search.seen == [(search.told[0][0], False)] and (result.rotation_seed, result.feature_budget_bytes) == (7, 450)
     make_due(manager)
     [wanted] = sorted({f"f{number:02}" for number in range(12)} - held(manager))[:1]
     assert manager.fetch_features([wanted]) == [f"{manager._data_dir}/features/us/signal_is/{wanted}.arrow"]
@@ -62,7 +72,8 @@ def test_a_rotation_reaches_the_running_search(manager: sync.SyncManager, server
         assert state.generation == generation and len(vocabulary["features"]) == 4
     assert state == manager._active_rotation_state == sync.load_feature_rotation_state(manager._data_dir) and generation == 2
     assert held(manager) == vocabulary["features"].keys() | {wanted}
-    manager.unregister_rotation_search_consumer(search)
+    for _ in range(2):
+        manager.unregister_rotation_search_consumer(search)
     assert [type(consumer) for consumer in manager._rotation_search_consumer_snapshot()] == [object]
 
 
@@ -213,6 +224,28 @@ def test_unusual_searches(manager: sync.SyncManager) -> None:
         manager.refresh_running_searches_for_rotation(state, 5)
     assert manager._rotation_vocabulary_for_consumer(vocabulary, object()) is vocabulary
     assert manager._rotation_consumer_named_universe(type("S", (), {"_named_universe": 5, "universe": "u"})) == "5"
+
+
+WANTED = "running search consumer requested unknown vocabulary universe: "
+X, Y = {"features": ["x"]}, {"features": ["y"]}
+
+
+@pytest.mark.parametrize(("vocabulary", "attributes", "expected"), [
+    ({"features": ["z"], "a": 1}, {"universe": "q"}, {"features": ["z"], "a": 1}),
+    ({"a": X, "other": {"no": 1}}, {}, X),
+    ({"a": X, "b": Y}, {"named_universe": " ", "_named_universe": " b ", "universe": "a"}, Y),
+    ({"a": X, "b": Y}, {"_universe": "a"}, X),
+    ({"a": X, "b": Y}, {"universe": "it's"}, WANTED + '"it\'s"'),
+    ({"a": X, "other": {"no": 1}}, {"universe": "other"}, WANTED + "'other'"),
+    ({"a": X, "b": Y}, {}, "running search consumer must declare named_universe when multiple vocabularies are loaded"),
+    ({"a": 1}, {}, "running search rotation refresh requires vocabulary documents with features"),
+    ([], {}, "running search rotation refresh requires loaded vocabulary"),
+])  # fmt: skip
+def test_a_search_gets_the_vocabulary_of_its_universe(manager: sync.SyncManager, vocabulary: Any, attributes: Any, expected: Any) -> None:
+    try:
+        assert manager._rotation_vocabulary_for_consumer(vocabulary, types.SimpleNamespace(**attributes)) == expected
+    except sync.VocabularyScopeError as error:
+        assert str(error) == expected
 
 
 # A planner of the host's own: everything of kind "feature" whose number divides by the generation.

@@ -1,6 +1,5 @@
 // The rotation through a manager, with a server: what lands, what goes, what searches are told.
 
-#include <map>
 #include <set>
 
 #include "sync/neighbours/rotation_settings.hpp"
@@ -15,23 +14,13 @@ constexpr const char* PNL = "found_signals/pool/one/signal_is/pnl.arrow";
 constexpr std::int64_t NS_PER_SECOND = 1'000'000'000;
 constexpr double WEEK_SECONDS = 604800;
 
-/// A search that notes what it is told, and what it finds on disk at that moment.
+/// A search that notes what it is told.
 struct Search : RotationSearchConsumer {
   bool is(const RotationSearchConsumer& other) const noexcept override { return this == &other; }
   SearchRefresh refresh_rotation_scope() const override {
-    if (!callable) return nullptr;
-    return [this](const RotationStateRef& state, const ScopedVocabulary&) {
-      told.push_back(state);
-      look();
-    };
+    return [this](const RotationStateRef& state, const ScopedVocabulary&) { told.push_back(state); };
   }
-  std::optional<std::string> attribute(const char* name) const override {
-    const auto found = attributes.find(name);
-    return found == attributes.end() ? std::nullopt : std::optional(found->second);
-  }
-  bool callable = true;
-  std::map<std::string, std::string> attributes;
-  std::function<void()> look;
+  std::optional<std::string> attribute(const char*) const override { return std::nullopt; }
   mutable std::vector<RotationStateRef> told;
 };
 
@@ -120,7 +109,6 @@ TEST_F(RotationTest, whatIsAddedDuringAPassOutlivesItsPlan) {
   const std::vector<Text> added(rotated_out.begin(), rotated_out.end());
   set_rotated_at(0);
   const auto search = std::make_shared<Search>();
-  search->look = [] {};
   manager->register_rotation_search_consumer(search);
   // Asked for with the version, with the manifest, and then by a download worker.
   const auto add = [&] { static_cast<void>(manager->add_active_feature_paths(added)); };
@@ -176,70 +164,6 @@ TEST_F(RotationTest, theDiskIsCheckedBeforeAnythingIsFetched) {
   files.set_free_bytes(0);
   EXPECT_EQ(failure_of([&] { return manager->sync(); }), "") << "what is here asks for no room";
   EXPECT_FALSE(directory.contains(FEATURE_ROTATION_STATE_FILENAME)) << "without features nothing rotates";
-}
-
-TEST_F(RotationTest, searchesAreToldOnceTheStateIsWrittenAndTheRestDeleted) {
-  publish(1, data_set(6));
-  set_budget(3);
-  directory.write("features/inactive.arrow", "x");
-  const auto search = std::make_shared<Search>();
-  search->look = [&] {
-    EXPECT_TRUE(directory.contains(FEATURE_ROTATION_STATE_FILENAME));
-    EXPECT_FALSE(directory.contains("features/inactive.arrow"));
-  };
-  const auto mute = std::make_shared<Search>();
-  mute->callable = false;
-  const auto manager = open();
-  manager->register_rotation_search_consumer(search);
-  manager->register_rotation_search_consumer(search);
-  manager->register_rotation_search_consumer(mute);
-
-  search->attributes = {{"universe", "nowhere"}};
-  EXPECT_EQ(failure_of([&] { return manager->sync(); }),
-            "VocabularyScopeError: running search consumer requested unknown vocabulary universe: 'nowhere'");
-  EXPECT_FALSE(directory.contains(FEATURE_ROTATION_STATE_FILENAME)) << "nothing is promoted that no search could follow";
-  EXPECT_TRUE(directory.contains("features/inactive.arrow"));
-
-  search->attributes.clear();
-  static_cast<void>(manager->sync());
-  ASSERT_THAT(search->told, SizeIs(1));
-  EXPECT_TRUE(equal_states(search->told[0], manager->_active_rotation_state.get()));
-
-  search->look = [] { throw SyncError("the search is gone"); };
-  EXPECT_EQ(failure_of([&] { return manager->sync(); }), "SyncError: the search is gone");
-  manager->unregister_rotation_search_consumer(*search);
-  manager->unregister_rotation_search_consumer(*search);
-  EXPECT_THAT(manager->_rotation_search_consumer_snapshot(), ElementsAre(mute));
-}
-
-TEST_F(RotationTest, aSearchGetsTheVocabularyOfItsUniverse) {
-  const std::string unknown = "VocabularyScopeError: running search consumer requested unknown vocabulary universe: ";
-  const Value one = Document{{"a", Document{{"features", List{"x"}}}}, {"other", Document{{"no", 1}}}};
-  const Value two = Document{{"a", Document{{"features", List{"x"}}}}, {"b", Document{{"features", List{"y"}}}}};
-  struct Row {
-    Value vocabulary;
-    std::map<std::string, std::string> attributes;
-    std::string outcome;
-  };
-  const Row rows[] = {
-      {Document{{"features", List{"z"}}, {"a", 1}}, {{"universe", "q"}}, R"({"features": ["z"], "a": 1})"},
-      {one, {}, R"({"features": ["x"]})"},
-      {two, {{"named_universe", " "}, {"_named_universe", " b "}, {"universe", "a"}}, R"({"features": ["y"]})"},
-      {two, {{"_universe", "a"}}, R"({"features": ["x"]})"},
-      {two, {{"universe", "it's"}}, unknown + "\"it's\""},
-      {one, {{"universe", "other"}}, unknown + "'other'"},
-      {two, {}, "VocabularyScopeError: running search consumer must declare named_universe when multiple vocabularies are loaded"},
-      {Document{{"a", 1}}, {}, "VocabularyScopeError: running search rotation refresh requires vocabulary documents with features"},
-      {List{}, {}, "VocabularyScopeError: running search rotation refresh requires loaded vocabulary"},
-  };
-  for (const Row& row : rows) {
-    Search search;
-    search.attributes = row.attributes;
-    Document found;
-    const std::string failure =
-        failure_of([&] { return found = _rotation_vocabulary_for_consumer(ArtifactRotation::builtin(), row.vocabulary, search); });
-    EXPECT_EQ(failure.empty() ? write_json(found, JsonForm::InsertionOrder) : failure, row.outcome);
-  }
 }
 
 TEST_F(RotationTest, aStateIsWrittenBeforeItCountsAndNotWithoutNeed) {

@@ -48,21 +48,6 @@ class HttpTest : public testing::Test {
   std::shared_ptr<NeighbourSet> neighbours_ = seams_.neighbours->bind();
 };
 
-TEST_F(HttpTest, sendsItsOwnHeadersAndNoOthers) {
-  server_.script("/file", {{.headers = {{"X-Era-Id", "1"}, {"X-Era-Id", "2"}}, .body = "x"}});
-  EXPECT_THAT(get("/file", 3, 2).headers, AllOf(Contains(Pair("X-Era-Id", "2")), Not(Contains(Pair("X-Era-Id", "1")))));
-  static_cast<void>(_http_get_public(seams_, *neighbours_, server_.url("/file")));
-  const auto host = Pair("Host", server_.url().substr(7));
-  const auto agent = Pair("User-Agent", "brackenfen-sync/0.0.3");
-  EXPECT_THAT(server_.requests().at(0).headers,
-              ElementsAre(host, Pair("Authorization", "Bearer canary"), agent, Pair("Range", "bytes=3-")));
-  EXPECT_THAT(server_.requests().at(1).headers, ElementsAre(host, agent));
-  static_cast<void>(get("/file", 0, 0));
-  EXPECT_EQ(server_.requests().back().header("Range"), "bytes=0-0");
-  static_cast<void>(_http_get_public(seams_, *neighbours_, server_.url("/file"), {}, 4, 6));
-  EXPECT_EQ(server_.requests().back().header("Range"), "bytes=4-6");
-}
-
 TEST_F(HttpTest, sendsEachRequestUnderItsTimeoutAndWaitsOutWhatThatEnds) {
   environment_.set("BRACKENFEN_SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS", "0.5");
   environment_.set("BRACKENFEN_SYNC_HTTP_TIMEOUT_SECONDS", "0.125");
