@@ -26,6 +26,15 @@ Document members_of(const std::string& path) {
   }
 }
 
+/// The manifest's era, as the file knows it.
+struct StoredEra {
+  Value id;
+  std::set<std::string> relative_paths;
+};
+StoredEra stored_era(const PrefetchedFeatures& features, NeighbourSet& neighbours, const Manifest& manifest) {
+  return {_manifest_era_id_or_none(manifest.era_number()), features._read_prefetched_feature_relative_paths(neighbours, manifest)};
+}
+
 }  // namespace
 
 std::string _prefetched_features_state_path(std::string_view data_dir) { return join_path(data_dir, PREFETCHED_FEATURES_FILENAME); }
@@ -46,29 +55,26 @@ void PrefetchedFeatures::_remember_prefetched_feature_relative_paths(NeighbourSe
                                                                      const std::vector<Value>& relative_paths) {
   const std::vector<std::string> paths = _manifest_prefetched_feature_paths(neighbours, manifest.files(), relative_paths);
   if (paths.empty()) return;
-  const Value era_number = _manifest_era_id_or_none(manifest.era_number());
-  std::set<std::string> on_disk = _read_prefetched_feature_relative_paths(neighbours, manifest);
+  StoredEra stored = stored_era(*this, neighbours, manifest);
   MutexLock lock(mutex_);
-  enter_era(era_number);
-  relative_paths_.merge(on_disk);
+  enter_era(stored.id);
+  relative_paths_.merge(stored.relative_paths);
   relative_paths_.insert(paths.begin(), paths.end());
-  _write_prefetched_feature_relative_paths(era_number, relative_paths_);
+  _write_prefetched_feature_relative_paths(stored.id, relative_paths_);
 }
 
 std::vector<std::string> PrefetchedFeatures::_prefetched_feature_keep_paths(NeighbourSet& neighbours, const Manifest& manifest) {
-  const Value era_number = _manifest_era_id_or_none(manifest.era_number());
-  std::set<std::string> on_disk = _read_prefetched_feature_relative_paths(neighbours, manifest);
+  StoredEra stored = stored_era(*this, neighbours, manifest);
   MutexLock lock(mutex_);
-  enter_era(era_number);
-  relative_paths_.merge(on_disk);
+  enter_era(stored.id);
+  relative_paths_.merge(stored.relative_paths);
   return {relative_paths_.begin(), relative_paths_.end()};
 }
 
 std::vector<std::string> PrefetchedFeatures::keep_paths_in_era_of(NeighbourSet& neighbours, const Manifest& manifest) const {
-  const Value era_number = _manifest_era_id_or_none(manifest.era_number());
-  std::set<std::string> kept = _read_prefetched_feature_relative_paths(neighbours, manifest);
+  auto [id, kept] = stored_era(*this, neighbours, manifest);
   MutexLock lock(mutex_);
-  if (era_id_ == era_number) kept.insert(relative_paths_.begin(), relative_paths_.end());
+  if (era_id_ == id) kept.insert(relative_paths_.begin(), relative_paths_.end());
   return {kept.begin(), kept.end()};
 }
 
