@@ -29,6 +29,7 @@ PARSERS = [
     *(f"sync/neighbours/{name}.cpp" for name in ("release_version", "rotation_settings", "rotation_state", "transport_security")),
     *("sync/rotation/state_file.cpp", "sync/rotation/prefetched_features.cpp"),
 ]
+INTERRUPTED = 72  # a target's exit code where it heard the Ctrl-C
 NAMED = {"n": "\n", "r": "\r", "t": "\t", "\\": "\\"}
 
 
@@ -58,6 +59,8 @@ def run(build: Path, name: str, seconds: int, temporary: str) -> bool:
     command += [f"-artifact_prefix={build}/finding-{name}-", "-print_final_stats=1", *corpus(build, name)]
     with log.open("w") as output:
         code = subprocess.run(command, stdout=output, stderr=output, env={**os.environ, "TMPDIR": temporary}).returncode
+    if code == INTERRUPTED:
+        return False
     text = log.read_text(errors="replace")
     executions, speed = (re.search(rf"stat::{key}: +(\d+)", text) for key in ("number_of_executed_units", "average_exec_per_sec"))
     counts = f"{executions[1]} executions, {speed[1]} a second" if executions and speed else "no figures"
@@ -105,15 +108,23 @@ def coverage(build: Path, corpora: Path) -> None:
     print(f"{1 - missed / total:7.1%} of {total:4} lines")
 
 
+def seconds(text: str) -> int:
+    if (count := int(text)) < 1:
+        raise ValueError  # a target would take it as without an end
+    return count
+
+
 def main() -> int:
     parser = argparse.ArgumentParser(prog="./dev fuzz", description=__doc__)
     parser.add_argument("--build", type=Path, required=True, help=argparse.SUPPRESS)
     parser.add_argument("--corpora", type=Path, help=argparse.SUPPRESS)
-    parser.add_argument("--seconds", type=int, default=int(os.environ.get("FUZZ_SECONDS", "60")), help="for each target")
+    parser.add_argument("--seconds", type=seconds, default=os.environ.get("FUZZ_SECONDS", "60"), help="for each target (FUZZ_SECONDS, 60)")
     parser.add_argument("--keep", action="store_true", help="afterwards, keep in the tree what reaches new code")
     parser.add_argument("--coverage", action="store_true", help="instead, print the lines of the parsers that the inputs reach")
     parser.add_argument("targets", nargs="*", metavar="TARGET", help=" ".join(NAMES))
     given = parser.parse_args()
+    if unknown := set(given.targets) - set(NAMES):
+        parser.error(f"there is no target {min(unknown)}; there are {', '.join(NAMES)}")
     if given.coverage:
         coverage(given.build, given.corpora)
         return 0
@@ -128,4 +139,8 @@ def main() -> int:
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    try:
+        sys.exit(main())
+    except KeyboardInterrupt:
+        print("interrupted", file=sys.stderr)
+        sys.exit(130)

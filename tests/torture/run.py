@@ -12,14 +12,17 @@ import dataclasses
 import importlib
 import os
 import pathlib
+import shlex
 import signal
 import sys
 import time
 import traceback
 from collections.abc import Iterable
-from types import ModuleType
+from types import FrameType, ModuleType
 
-from torture.case import Case, chosen_seed
+from torture.case import BUILD, SANITIZED, Case, chosen_seed
+
+_interrupted = False
 
 
 def pieces(names: list[str]) -> list[ModuleType]:
@@ -32,13 +35,21 @@ def name_of(module: ModuleType) -> str:
     return module.__name__.removeprefix("torture.")
 
 
+def again(module: ModuleType, case: Case) -> str:
+    """The line for a shell that repeats a case alone, on the build and among the cases that it came from."""
+    where = f"TORTURE_BUILD={BUILD.name} " * SANITIZED + f"TORTURE_SEED={chosen_seed()} " * ("TORTURE_SEED" in os.environ)
+    return f"{where}./dev torture --repeat {shlex.quote(f'{name_of(module)} {case.text}')}"
+
+
 def outcome(module: ModuleType, case: Case) -> tuple[bool, str | None]:
     """Whether it held, and its figure; a failure is printed where it happens."""
     try:
         return True, case.run()
     except Exception as error:  # whatever it is, the other cases go on
+        if _interrupted:
+            return False, None  # the host of the case heard the Ctrl-C too
         told = f"{error}" if isinstance(error, AssertionError) and f"{error}" else traceback.format_exc()
-        print(f"FAILED ./dev torture --repeat '{name_of(module)} {case.text}'\n    " + told.strip().replace("\n", "\n    "), flush=True)
+        print(f"FAILED {again(module, case)}\n    " + told.strip().replace("\n", "\n    "), flush=True)
         return False, None
 
 
@@ -75,12 +86,18 @@ def tell(rows: list[Row], form: str) -> bool:
 
 def repeat(line: str) -> Row:
     name, _, text = line.partition(" ")
-    for module in pieces([name]):
+    for module in [module for module in pieces([name]) if name_of(module) == name]:
         for long in (True, False):
             for case in module.cases(long):
                 if case.text == text:
                     return run_piece(module, [case])
     sys.exit(f"no such case: {line}")
+
+
+def interrupt(_signal: int, _frame: FrameType | None) -> None:
+    global _interrupted
+    _interrupted = True
+    raise KeyboardInterrupt
 
 
 def main() -> int:
@@ -89,12 +106,22 @@ def main() -> int:
     parser.add_argument("--repeat", metavar="LINE", help="one case, by the line that its failure printed")
     parser.add_argument("names", metavar="NAME", nargs="*", help="how the names of the wanted pieces begin")
     chosen = parser.parse_args()
-    signal.signal(signal.SIGINT, signal.default_int_handler)  # a shell has its background work ignore Ctrl-C, and that is inherited
-    if chosen.repeat:
+    try:
+        chosen_seed()
+    except ValueError:
+        parser.error(f"TORTURE_SEED must be a whole number, not {os.environ['TORTURE_SEED']!r}")
+    if unknown := [name for name in chosen.names if not pieces([name])]:
+        parser.error(f"no piece's name begins with {unknown[0]!r}; there are {', '.join(map(name_of, pieces([])))}")
+    signal.signal(signal.SIGINT, interrupt)  # a shell has its background work ignore Ctrl-C, and that is inherited
+    if chosen.repeat is not None:
         return repeat(chosen.repeat).failed
     rows = [run_piece(module, module.cases(chosen.long)) for module in pieces(chosen.names)]
     return not tell(rows, "long form" if chosen.long else "short form")
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    try:
+        sys.exit(main())
+    except KeyboardInterrupt:
+        print("interrupted", file=sys.stderr)
+        sys.exit(130)
