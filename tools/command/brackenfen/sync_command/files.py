@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import json
 import os
 import re
 import shutil
@@ -9,6 +10,7 @@ import stat
 from collections.abc import Callable, Iterable, Iterator
 from dataclasses import dataclass
 from pathlib import Path
+from typing import Any
 
 from brackenfen import sync
 
@@ -38,11 +40,21 @@ class Leftover:
     size_bytes: int
 
 
-def read_state(path: Path) -> bytes:
-    """A state file's content. What is no regular file is not waited for: that is a ValueError."""
-    if not stat.S_ISREG(path.stat().st_mode):
+def state_size(path: Path) -> int:
+    """A state file's bytes. Raises ValueError for what is no regular file, which would be waited for."""
+    found = path.stat()
+    if not stat.S_ISREG(found.st_mode):
         raise ValueError("it is no regular file")
-    return path.read_bytes()
+    return found.st_size
+
+
+def read_state(path: Path) -> Any:
+    """What a state file of JSON holds. Raises OSError, or ValueError that says what is wrong with it."""
+    state_size(path)
+    try:
+        return json.loads(path.read_bytes())
+    except RecursionError:
+        raise ValueError("it is nested too deeply") from None
 
 
 def is_old_era(path: str, era_number: int | None) -> bool:

@@ -66,6 +66,14 @@ def rotation_settings(manager: sync.SyncManager, manifest: sync.Manifest) -> syn
     return cast(sync.RotationSettings, cast(Any, manager)._feature_rotation_settings_for_manifest(manifest, free_disk_bytes=0)[0])
 
 
+def stored_manifest(directory: Path) -> sync.Manifest | None:
+    """manifest.json as the library takes it, which refuses some that Python's own parser takes; None where there is none.
+
+    Raises FeatureRotationStateError that says what is wrong with it.
+    """
+    return cast("sync.Manifest | None", _module._load_feature_rotation_status_manifest(str(directory)))
+
+
 def stated_size(file_info: object) -> int:
     """The size of a file as an entry of a manifest states it; 0 where it states none."""
     return cast(int, _module._manifest_size(file_info)[1])

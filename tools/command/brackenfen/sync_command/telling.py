@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import json
 import time
 from collections import Counter
 from dataclasses import asdict
@@ -13,7 +12,7 @@ from brackenfen import sync
 
 from brackenfen.sync_command import library
 from brackenfen.sync_command.exits import Exit, TokenError
-from brackenfen.sync_command.files import EMPTY, leftovers, read_state, rotation_state_error
+from brackenfen.sync_command.files import EMPTY, leftovers, read_state, rotation_state_error, state_size
 from brackenfen.sync_command.output import Output
 from brackenfen.sync_command.probe import Probe, ask
 from brackenfen.sync_command.session import Outcome, Session
@@ -29,22 +28,22 @@ def read_manifest(directory: Path) -> tuple[sync.Manifest | None, str | None]:
     Raises PermissionError: what may not be read is not damaged.
     """
     try:
-        if not (content := read_state(directory / "manifest.json")):
+        if not state_size(directory / "manifest.json"):
             return None, EMPTY
-        return sync.Manifest.from_dict(json.loads(content)), None
+        return library.stored_manifest(directory), None
     except FileNotFoundError:
         return None, None
     except PermissionError:
         raise
-    except (OSError, ValueError, TypeError, AttributeError, sync.SyncError) as error:
-        return None, str(error)
+    except (OSError, ValueError, sync.FeatureRotationStateError) as error:
+        return None, str(error).rpartition("for feature rotation status")[2].lstrip(": ")
 
 
 def settings_payload(directory: Path) -> dict[str, object]:
     """What decides when the rotation is due: the directory's own settings, else the library's defaults."""
     defaults: dict[str, object] = {"rotation_frequency": sync.RotationSettings().rotation_frequency}
     try:
-        given = json.loads(read_state(directory / "feature-rotation-settings.json"))
+        given = read_state(directory / "feature-rotation-settings.json")
     except (OSError, ValueError):
         return defaults  # doctor names a file that is none
     frequency = given.get("rotation_frequency") if isinstance(given, dict) else None
@@ -54,7 +53,7 @@ def settings_payload(directory: Path) -> dict[str, object]:
 def wait_of(directory: Path) -> dict[str, Any] | None:
     """The wait that sync-progress.json shows, if it lasts: `reason`, `attempt`, `surface`, `next_try_at`."""
     try:
-        progress = json.loads(read_state(directory / "sync-progress.json"))
+        progress = read_state(directory / "sync-progress.json")
         backoff = progress["backoff"]
         next_try_at = progress["updated_at"] + backoff["wait_seconds"]
         told = {"reason": cause(backoff["reason"]), "attempt": backoff["attempt"], "surface": backoff["surface"]}
