@@ -291,6 +291,7 @@ PUBLISH = ["publish", "a", "b", "--era", 1, "--version", 1]
     (["--loud"], "no option '--loud'"),
     ([], "is needed\nThe commands are publish, check, serve, sample, advance."),
     *(([*PUBLISH, "--progress", seconds], f"'{seconds}' is no number of seconds, 0 or more\n") for seconds in ("nan", "inf", "-1")),
+    (["publish", "a", "", *PUBLISH[3:]], "OUT: no name is given"),
     ([*PUBLISH, "--base-url", "cdn.example.com/4"], "must be an absolute data-file URL"),
     ([*PUBLISH, "--base-url", "ftp://cdn.example.com"], "must begin with https://"),
     ([*PUBLISH, "--base-url", "http://cdn.example.com"], "must use https"),

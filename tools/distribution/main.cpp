@@ -152,6 +152,11 @@ CLI::Validator number_of_seconds() {
   return CLI::Validator(objection, "");
 }
 
+/// Of a file or folder. An empty one, which is what an unset variable of a shell leaves, would mean the folder at hand.
+CLI::Validator place() {
+  return CLI::Validator([](const std::string& text) { return std::string(text.empty() ? "no name is given" : ""); }, "");
+}
+
 /// One of the names of a table, which an error spells out. `table` must outlive it.
 template <typename T>
 CLI::Validator name_of(const std::map<std::string, T>& table) {
@@ -173,8 +178,8 @@ std::string accepted_base_url(std::string_view given) {
 void add_publish(CLI::App& app, PublishOptions& options) {
   CLI::App& command = *app.add_subcommand("publish", "Turn a folder of artifacts into a distribution tree");
   command.footer(PUBLISH_FOOTER);
-  command.add_option("SRC", options.source, "The folder of artifacts")->required()->type_name("");
-  command.add_option("OUT", options.out, "The tree, new or to be brought up to date")->required()->type_name("");
+  command.add_option("SRC", options.source, "The folder of artifacts")->required()->check(place())->type_name("");
+  command.add_option("OUT", options.out, "The tree, new or to be brought up to date")->required()->check(place())->type_name("");
   command.add_option("--era", options.era, "The era of the data set")->required()->check(whole_number())->type_name("N");
   command.add_option("--version", options.version, "The version of the manifest")->required()->check(whole_number())->type_name("N");
   command.add_option("--base-url", options.base_url, "Where clients fetch data files, if not from\nthe server's /data/files")
@@ -198,7 +203,7 @@ void add_publish(CLI::App& app, PublishOptions& options) {
 void add_check(CLI::App& app, std::string& tree) {
   CLI::App& command = *app.add_subcommand("check", "Tell what clients would stumble on in a tree");
   command.footer(CHECK_FOOTER);
-  command.add_option("TREE", tree, "The distribution tree")->required()->type_name("");
+  command.add_option("TREE", tree, "The distribution tree")->required()->check(place())->type_name("");
   command.callback([&tree] {
     const TreePaths paths{absolute_path(tree)};
     const PublishedManifest published = require_published_manifest(paths);
@@ -219,7 +224,7 @@ void add_serve(CLI::App& app, ServeArguments& arguments) {
   CLI::App& command = *app.add_subcommand("serve", "Serve a distribution tree, well or badly");
   ServeOptions& options = arguments.options;
   command.footer(SERVE_FOOTER);
-  command.add_option("OUT", options.tree, "The distribution tree")->required()->type_name("");
+  command.add_option("OUT", options.tree, "The distribution tree")->required()->check(place())->type_name("");
   command.add_option("--host", options.host, "The address to serve at")->type_name("NAME")->capture_default_str();
   command.add_option("--port", options.port, "The port; 0 for any free one")->type_name("N")->capture_default_str();
   command.add_option("--token", options.token, "Require this bearer token")->type_name("TOKEN");
@@ -241,7 +246,7 @@ void add_serve(CLI::App& app, ServeArguments& arguments) {
 void add_sample(CLI::App& app, SampleOptions& options) {
   CLI::App& command = *app.add_subcommand("sample", "Make up a data set");
   command.footer(SAMPLE_FOOTER);
-  command.add_option("OUT", options.out, "A new or empty folder")->required()->type_name("");
+  command.add_option("OUT", options.out, "A new or empty folder")->required()->check(place())->type_name("");
   command.add_option("--files", options.files, "Files in each era, documents included")
       ->check(whole_number(1, 10'000'000))
       ->type_name("N")
@@ -274,8 +279,8 @@ void add_advance(CLI::App& app, AdvanceOptions& options) {
   static const std::map<std::string, EraShape> SHAPES = {{"flat", EraShape::Flat}, {"wrapped", EraShape::Wrapped}};
   CLI::App& command = *app.add_subcommand("advance", "Take a distribution tree from era to era");
   command.footer(ADVANCE_FOOTER);
-  command.add_option("TREE", options.tree, "The distribution tree")->required()->type_name("");
-  command.add_option("SRC", options.sources, "Folders of artifacts, one for each era to open")->type_name("");
+  command.add_option("TREE", options.tree, "The distribution tree")->required()->check(place())->type_name("");
+  command.add_option("SRC", options.sources, "Folders of artifacts, one for each era to open")->check(place())->type_name("");
   command.add_option("--step", options.step, "One step alone")
       ->transform(CLI::Transformer(STEPS).description(""))
       ->transform(name_of(STEPS))  // asked first

@@ -23,8 +23,20 @@ NAME = "brackenfen-sync"
 LANDS = {"sync", "watch", "repair", "features"}
 LANDED = "; what has landed stays, and the next run goes on from there"
 
-# What cannot be read is told by what reads it.
-PATH = click.Path(path_type=Path, readable=False)
+
+class Place(click.Path):
+    """Of a file or folder. What cannot be read is told by what reads it."""
+
+    def __init__(self) -> None:
+        super().__init__(path_type=Path, readable=False)
+
+    def convert(self, value: Any, param: click.Parameter | None, ctx: click.Context | None) -> Any:
+        if value == "":  # which is what an unset variable of a shell leaves, and would mean the folder at hand
+            self.fail("no name is given", param, ctx)
+        return super().convert(value, param, ctx)
+
+
+PATH = Place()
 SHARED_OPTIONS = (
     click.option("-d", "--directory", type=PATH, help="The data directory. [env: BRACKENFEN_DIRECTORY]"),
     click.option("-s", "--server", metavar="URL", help="The server's address. [env: BRACKENFEN_SERVER]"),

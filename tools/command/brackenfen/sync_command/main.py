@@ -36,6 +36,9 @@ def main() -> int:
         if interrupt is signal.default_int_handler:  # a shell has its background jobs ignore it
             signal.signal(signal.SIGINT, _leave)
         signal.signal(signal.SIGTERM, _leave)
+        hears_hangup = signal.getsignal(signal.SIGHUP) is signal.SIG_DFL  # nohup has it ignored
+        if hears_hangup:
+            signal.signal(signal.SIGHUP, _leave)
         try:
             from brackenfen.sync_command.cli import run
         except ModuleNotFoundError as error:
@@ -45,6 +48,8 @@ def main() -> int:
             return 2
         signal.signal(signal.SIGTERM, _terminate)
         signal.signal(signal.SIGINT, interrupt)
+        if hears_hangup:
+            signal.signal(signal.SIGHUP, signal.default_int_handler)
         return run(sys.argv[1:])
     except KeyboardInterrupt:
         print("interrupted", file=sys.stderr)

@@ -5,7 +5,9 @@ A token is never an argument, which every user of the machine could read, and ne
 
 from __future__ import annotations
 
+import contextlib
 import os
+import select
 import shlex
 import subprocess
 import threading
@@ -19,7 +21,21 @@ from brackenfen.sync_command.exits import SettingsError, TokenError
 
 TOKEN_COMMAND_TIMEOUT_SECONDS = 60.0
 TOKEN_COMMAND_LIFETIME_SECONDS = 60.0
+LOOK_SECONDS = 0.1
+SMALL_BYTES = 2**20
 FILE_KEYS = {"directory", "server", "token_file", "token_command", "poll_interval_seconds"}
+
+
+def read_small(path: Path) -> str:
+    """Of a file that people write. Raises OSError, or ValueError that says what is wrong; another that was named by mistake may be vast."""
+    with path.open("rb") as stream:
+        content = stream.read(SMALL_BYTES + 1)
+    if len(content) > SMALL_BYTES:
+        raise ValueError("it is longer than such a file is")
+    try:
+        return content.decode()
+    except UnicodeDecodeError:
+        raise ValueError("it is no text") from None
 
 
 class TokenFile:
@@ -30,9 +46,9 @@ class TokenFile:
 
     def __call__(self) -> str:
         try:
-            token = self.path.read_text().strip()
+            token = read_small(self.path).strip()
         except (OSError, ValueError) as error:
-            reason = error.strerror if isinstance(error, OSError) else "it is no text"
+            reason = error.strerror if isinstance(error, OSError) else error
             raise TokenError(f"the token file {self.path} cannot be read: {reason}") from None
         if not token:
             raise TokenError(f"the token file {self.path} is empty")
@@ -47,6 +63,7 @@ class TokenCommand:
 
     def __init__(self, command: tuple[str, ...]) -> None:
         self._command = command
+        self._ended = threading.Event()
         self._lock = threading.Lock()
         self._token = ""
         self._until = 0.0
@@ -58,20 +75,48 @@ class TokenCommand:
                 self._until = time.monotonic() + TOKEN_COMMAND_LIFETIME_SECONDS
             return self._token
 
+    def end(self) -> None:
+        """Any thread: whoever waits for the program is told at once that it does not end, and it is not run again."""
+        self._ended.set()
+
     def _run(self) -> str:
         try:
-            done = subprocess.run(
-                self._command, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=TOKEN_COMMAND_TIMEOUT_SECONDS, check=False
-            )
+            child = subprocess.Popen(self._command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
         except OSError as error:
             raise TokenError(f"{self} cannot be run: {error.strerror}") from None
-        except (ValueError, subprocess.TimeoutExpired) as error:
-            raise TokenError(f"{self} {'printed no text' if isinstance(error, ValueError) else 'does not end'}") from None
-        if done.returncode != 0:
-            raise TokenError(f"{self} ended with exit code {done.returncode}")
-        if not (token := done.stdout.strip()):
+        except ValueError:
+            raise TokenError(f"{self} cannot be run: its name is none") from None
+        with child:
+            try:
+                printed = self._printed(child)
+            except BaseException:
+                child.kill()
+                raise
+        if child.returncode != 0:
+            raise TokenError(f"{self} ended with exit code {child.returncode}")
+        try:
+            token = printed.decode().strip()
+        except UnicodeDecodeError:
+            raise TokenError(f"{self} printed no text") from None
+        if not token:
             raise TokenError(f"{self} printed nothing")
         return token
+
+    def _printed(self, child: subprocess.Popen[bytes]) -> bytes:
+        """All that it prints, to its end; not more than a token may have, and not for longer than it may take."""
+        assert child.stdout is not None
+        printed, is_open, until = b"", True, time.monotonic() + TOKEN_COMMAND_TIMEOUT_SECONDS
+        while not self._ended.is_set() and time.monotonic() < until:
+            if not is_open:
+                with contextlib.suppress(subprocess.TimeoutExpired):
+                    child.wait(LOOK_SECONDS)
+                    return printed
+            elif select.select([child.stdout], [], [], LOOK_SECONDS)[0]:
+                more = os.read(child.stdout.fileno(), SMALL_BYTES)
+                printed, is_open = printed + more, bool(more)
+                if len(printed) > SMALL_BYTES:
+                    raise TokenError(f"{self} prints more than a token has")
+        raise TokenError(f"{self} does not end")
 
     def __str__(self) -> str:
         return f"the token command {self._command[0]}"
@@ -111,7 +156,7 @@ def read_file(path: Path | None, environment: Mapping[str, str]) -> tuple[Path |
     named = path or (Path(given) if (given := environment.get("BRACKENFEN_CONFIG")) else None)
     place = named or default_file(environment)
     try:
-        content: dict[str, object] = tomllib.loads(place.read_text())
+        content: dict[str, object] = tomllib.loads(read_small(place))
     except FileNotFoundError:
         if named is None:
             return None, {}

@@ -18,6 +18,7 @@ from brackenfen.sync_command.metrics import place_of, require_client
 from brackenfen.sync_command.passes import run_pass
 from brackenfen.sync_command.progress import wait_text
 from brackenfen.sync_command.session import Session
+from brackenfen.sync_command.settings import TokenCommand
 from brackenfen.sync_command.texts import clean, duration
 
 LOOK_SECONDS = 0.2
@@ -43,6 +44,8 @@ def work(session: Session, manager: sync.SyncManager, lines: list[EventLines]) -
         while not (session.output.as_json and lines[0].error):
             time.sleep(LOOK_SECONDS)
     finally:
+        if isinstance(session.settings.token, TokenCommand):
+            session.settings.token.end()  # nor does a program that gives no token
         manager.release()
         manager.stop()  # also where a count that another host left behind keeps the threads up
 
