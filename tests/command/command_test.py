@@ -150,6 +150,8 @@ def test_what_is_damaged_too_large_or_of_another_era_has_a_code_of_its_own(site,
     ("sync --json", "wrong", ">&-", 5, "error: Authentication failed"),
     ("sync", "wrong", "2>/dev/full", 5, ""),
     ("status", TOKEN, ">/dev/full", 1, "error: standard output cannot be written: No space left on device\n"),
+    ("watch --json", TOKEN, ">/dev/full", 1, "watching"),
+    ("verify --events /dev/full", TOKEN, "", 0, "warning: events were lost"),
     ("status --json", TOKEN, ">/dev/full", 1, "error: standard output cannot be written: No space left on device\n"),
 ])  # fmt: skip
 def test_streams_that_take_nothing_change_no_result(site, directory, arguments, token, streams, code, said):

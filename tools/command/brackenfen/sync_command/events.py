@@ -123,6 +123,22 @@ class EventLines(logging.Handler):
             self.error = error
 
 
+@contextmanager
+def recording(path: Path, output: Output) -> Iterator[EventLines]:
+    """Lines for the end of a file. Where it takes no more, a warning says so at last, and what was done stays as it is."""
+    stream = opened(path)
+    lines = EventLines(stream)
+    try:
+        yield lines
+    finally:
+        try:
+            stream.close()  # tries again what could not be written
+        except OSError as error:
+            lines.error = error
+        if lines.error is not None:
+            output.say(clean(f"warning: events were lost, {path} could not be written: {lines.error.strerror}"), "yellow")
+
+
 class OutageLimit(logging.Handler):
     """A stop_requested that ends a wait once an outage has lasted `seconds`; an answer begins the count anew."""
 

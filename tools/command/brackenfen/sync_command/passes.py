@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import time
 from pathlib import Path
 from typing import Any
@@ -10,7 +11,7 @@ import click
 from brackenfen import sync
 
 from brackenfen.sync_command import library
-from brackenfen.sync_command.events import EventLines, opened
+from brackenfen.sync_command.events import recording
 from brackenfen.sync_command.exits import Exit
 from brackenfen.sync_command.output import Output
 from brackenfen.sync_command.session import Outcome, Session
@@ -102,20 +103,20 @@ def without_manifest(session: Session, therefore: str) -> Exception:
 
 def verify(session: Session, events: Path | None = None) -> Outcome:
     """Read every local file and compare it with the manifest. Makes no request; exit code 3 where one is not right."""
-    stream = opened(events) if events is not None else None
-    manager = session.local_manager()
-    manifest = manager.get_manifest()
-    if manifest is None and isinstance(error := without_manifest(session, ""), sync.ManifestError):
-        raise error
-    began = time.monotonic()
-    with session.working(manager):
-        found = manager.verify()
-    seconds = time.monotonic() - began
-    files = len(manifest.files) if manifest else 0
-    if stream is not None:
-        told = {"files": files, "corrupted": len(found.corrupted_files), "missing": len(found.missing_files), "seconds": round(seconds, 3)}
-        with stream:
-            EventLines(stream).write({"event_type": "verified", "directory": str(session.directory), **told})
+    with contextlib.ExitStack() as stack:
+        lines = stack.enter_context(recording(events, session.output)) if events is not None else None
+        manager = session.local_manager()
+        manifest = manager.get_manifest()
+        if manifest is None and isinstance(error := without_manifest(session, ""), sync.ManifestError):
+            raise error
+        began = time.monotonic()
+        with session.working(manager):
+            found = manager.verify()
+        seconds = time.monotonic() - began
+        files = len(manifest.files) if manifest else 0
+        if lines is not None:
+            told = {"files": files, "corrupted": len(found.corrupted_files), "missing": len(found.missing_files), "seconds": round(seconds, 3)}
+            lines.write({"event_type": "verified", "directory": str(session.directory), **told})
     document = {
         "directory": str(session.directory), "valid": found.valid, "has_manifest": manifest is not None, "files": files,
         "corrupted_files": found.corrupted_files, "missing_files": found.missing_files, "seconds": round(seconds, 3),

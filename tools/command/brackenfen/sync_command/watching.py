@@ -11,10 +11,11 @@ from pathlib import Path
 
 from brackenfen import sync
 
-from brackenfen.sync_command.events import EventLines, Spoken, listening, opened
+from brackenfen.sync_command.events import EventLines, Spoken, listening, recording
 from brackenfen.sync_command.exits import Exit
 from brackenfen.sync_command.main import Terminated
 from brackenfen.sync_command.metrics import place_of, require_client
+from brackenfen.sync_command.output import writing
 from brackenfen.sync_command.passes import run_pass
 from brackenfen.sync_command.progress import wait_text
 from brackenfen.sync_command.session import Session
@@ -35,14 +36,19 @@ def idle_text(manager: sync.SyncManager) -> str:
 
 
 def work(session: Session, manager: sync.SyncManager, lines: list[EventLines]) -> None:
-    """Until an interrupt. A watcher that starts without a manifest follows no era, so a first pass comes before it."""
+    """Until an interrupt, or until standard output takes no more events where it is for those.
+
+    A watcher that starts without a manifest follows no era, so a first pass comes before it.
+    """
     if manager.get_manifest() is None:
         run_pass(session, manager)
     manager.stop_ends_waits = True  # an outage does not keep anybody from ending the command
     manager.acquire()
     try:
-        while not (session.output.as_json and lines[0].error):
+        while (failure := lines[0].error if session.output.as_json else None) is None:
             time.sleep(LOOK_SECONDS)
+        with writing():
+            raise failure
     finally:
         if isinstance(session.settings.token, TokenCommand):
             session.settings.token.end()  # nor does a program that gives no token
@@ -69,10 +75,9 @@ def watch(session: Session, events: Path | None, target: Path | None) -> Exit:
         target = place_of(target, session.directory, [events] if events else [])
     manager = session.manager()
     with contextlib.ExitStack() as stack:
-        streams = [sys.stdout] if session.output.as_json else []
+        lines = [EventLines(sys.stdout)] if session.output.as_json else []
         if events is not None:
-            streams.append(stack.enter_context(opened(events)))
-        lines = [EventLines(stream) for stream in streams]
+            lines.append(stack.enter_context(recording(events, session.output)))
         for handler in lines:
             stack.enter_context(listening(handler))
 
@@ -96,7 +101,4 @@ def watch(session: Session, events: Path | None, target: Path | None) -> Exit:
         finally:
             manager.unregister_era_callback(on_era)
             write("watch_ended")
-            for handler in lines:
-                if handler.error is not None and handler is lines[-1] and events is not None:
-                    session.output.say(f"warning: events were lost, {events} could not be written: {handler.error.strerror}", "yellow")
     return Exit.FINE
