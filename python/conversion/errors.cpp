@@ -116,6 +116,7 @@ std::string advice_for(const Error& error) {
       {&error_class::SyncUnavailableError,
        "the server says that waiting does not help; the local data are intact. Ask its operator, or try again later"},
       {&error_class::LibraryUpdateRequired, "install a newer version of this library, then start the transition again"},
+      {&error_class::MandatoryArtifactsTooLargeError, "free space on the volume of the data directory; no budget takes any of this away"},
       {&error_class::DiskSpaceError,
        "free space on the volume of the data directory, or set feature_budget_gb in feature-rotation-settings.json"},
   };

@@ -190,6 +190,7 @@ def test_errors_are_classes_of_this_module_until_the_host_brings_its_own(manager
     with pytest.raises(sync.MandatoryArtifactsTooLargeError) as caught:
         manager._precheck_rotation_disk_budget(selection, free_disk_bytes=100)
     assert isinstance(caught.value, sync.DiskSpaceError) and (caught.value.mandatory_bytes, caught.value.available_bytes, caught.value.selected_paths) == (51, 50, ())
+    assert "no budget" in caught.value.__notes__[0], "which is of features alone"
 
     theirs = dataclasses.make_dataclass("TooLarge", ["mandatory_bytes", "available_bytes", "selected_paths"], bases=(Exception,))
     neighbour("_artifact_rotation", MandatoryArtifactsTooLargeError=theirs)
