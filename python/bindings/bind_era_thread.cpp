@@ -39,7 +39,8 @@ EraThreadObject::~EraThreadObject() {
     detached([&] { core.reset(); });
   } catch (nb::python_error& error) {  // a signal came meanwhile: as with any other finaliser
     error.discard_as_unraisable("EraThread");
-  } catch (const StateError&) {  // in a callback that must not call back: it goes with the interpreter lock held
+  } catch (const StateError&) {   // in a callback that must not call back: it goes with the interpreter lock held
+  } catch (const Interrupted&) {  // the same as the interpreter ends
   }
 }
 

@@ -87,7 +87,9 @@ const void* running_greenlet() {
 void require_room_and_order() {
   if (callbacks.running == 0) return;
   if (released_depth >= DEEPEST) throw StateError("calls nest too deeply inside callbacks");
-  if (callbacks.greenlet != running_greenlet()) throw StateError("a callback on another greenlet of this thread has not returned");
+  if (callbacks.greenlet == running_greenlet()) return;
+  if (gate::exiting()) throw Interrupted{};
+  throw StateError("a callback on another greenlet of this thread has not returned");
 }
 
 /// The thread state of one of our own threads. Kept from the first call into Python to the thread's end, so
@@ -192,8 +194,9 @@ void close(std::chrono::milliseconds timeout) { shut(&Gate::closed, timeout); }
 }  // namespace gate
 
 Released::Released() {
-  if (gate::exiting() || !attached()) return;
+  if (!attached()) return;
   require_room_and_order();
+  if (gate::exiting()) return;
   if (auto* const hook = before_release.load(std::memory_order_relaxed)) hook();
   Gate& gate = the_gate();
   {

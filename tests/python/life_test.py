@@ -76,7 +76,7 @@ else: raise SystemExit("not raised")
 
 
 @pytest.mark.parametrize("source", ["""
-import greenlet
+import atexit, greenlet
 main, others = greenlet.getcurrent(), [sync.SyncManager(directory, url, lambda: "t")]
 manager._get_token = lambda: main.switch() or "t"
 first = greenlet.greenlet(manager.ensure_manifest_file_available)
@@ -86,6 +86,9 @@ others.clear()
 assert manager.progress().files_in_flight[0].relative_path == "0"
 try: first.throw(KeyError)
 except KeyError: manager.verify()
+atexit.register(manager.release)
+atexit.register(refused, manager.sync)
+greenlet.greenlet(manager.sync).switch()
 """, """
 names = map(str, range(10000))
 manager._get_token = download
