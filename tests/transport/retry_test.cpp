@@ -194,6 +194,7 @@ TEST_F(RetryTest, noLineAndNoErrorShowsAToken) {
 TEST_F(RetryTest, asksForAttentionOnceWhereWaitingAloneCuresNothing) {
   const std::pair<const ErrorClass*, std::string> rows[] = {
       {&error_class::RedirectRefusedError, "the server or its certificate changes: RedirectRefusedError: why it failed"},
+      {&error_class::SSLCertVerificationError, "the server or its certificate changes: SSLCertVerificationError: why it failed"},
       {&error_class::TrustStoreError, "this machine's certificate authorities can be read: TrustStoreError: why it failed"},
   };
   for (const auto& [error, expected] : rows) {
@@ -202,6 +203,19 @@ TEST_F(RetryTest, asksForAttentionOnceWhereWaitingAloneCuresNothing) {
     EXPECT_THAT(log_.messages(LogLevel::Warning), ElementsAre("GET /data/files/a/b.arrow will fail until " + expected));
     EXPECT_THAT(log_.messages(LogLevel::Debug), AllOf(SizeIs(2), Each(StartsWith("GET /data/files/a/b.arrow failed: "))));
   }
+}
+
+TEST_F(RetryTest, takesAFullDiskForNoOutage) {
+  struct FullDisk final : ResponseSink {
+    std::uint64_t begin(int) override { return 1000; }
+    void accept(std::string_view) override { throw os_error(ENOSPC, "/data/file.tmp"); }
+    void roll_back() override { ADD_FAILURE() << "what the sink threw is its own affair"; }
+  } sink;
+  client_.steps = {{.body = "x"}, fails(error_class::ValueError)};  // where it waits nevertheless
+  EXPECT_EQ(failure_of([&] {
+              return _request_with_sync_retries(seams_, *neighbours_, {"https://host/x", {}}, 30, &sink);
+            }),
+            "OSError: [Errno 28] No space left on device: '/data/file.tmp'");
 }
 
 TEST_F(RetryTest, leavesAWaitAtOnceWhenAskedToOrWhenItCannotBeShown) {
