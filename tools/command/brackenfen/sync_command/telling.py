@@ -62,17 +62,23 @@ def wait_of(directory: Path) -> dict[str, Any] | None:
     return {**told, "next_try_at": next_try_at} if next_try_at > time.time() - 1 else None
 
 
-def status(session: Session) -> Outcome:
-    """Tell what the directory holds and what goes on in it, from its files alone."""
-    directory = session.directory
-    manifest, damage = read_manifest(directory)
-    files = manifest.files if manifest else {}
+def kinds_of(files: dict[str, Any]) -> dict[str, dict[str, int]]:
+    """By kind, sorted: `files` counts them, `bytes` is what the manifest states of their sizes."""
     counts: Counter[str] = Counter()
     sizes: Counter[str] = Counter()
     for entry in files.values():
         kind = str(entry.get("kind", "")) if isinstance(entry, dict) else ""
         counts[kind] += 1
         sizes[kind] += library.stated_size(entry)
+    return {kind: {"files": counts[kind], "bytes": sizes[kind]} for kind in sorted(counts)}
+
+
+def status(session: Session) -> Outcome:
+    """Tell what the directory holds and what goes on in it, from its files alone."""
+    directory = session.directory
+    manifest, damage = read_manifest(directory)
+    files = manifest.files if manifest else {}
+    kinds = kinds_of(files)
     if damage is not None:
         damage = f"manifest.json: {damage}"
     elif (damage := rotation_state_error(directory)) is not None:
@@ -83,15 +89,14 @@ def status(session: Session) -> Outcome:
     left: Counter[str] = Counter()
     if holder is None:  # what belongs to the work under way is not left over
         left.update(thing.kind.name for thing in leftovers(directory, era_number))
-    synced_at = (directory / "manifest.json").stat().st_mtime if manifest else None
     document: dict[str, Any] = {
         "directory": str(directory),
         "era_number": era_number,
         "version": manifest.version if manifest else None,
-        "written_at": synced_at,
+        "written_at": (directory / "manifest.json").stat().st_mtime if manifest else None,
         "files": len(files),
-        "bytes": sum(sizes.values()),
-        "kinds": {kind: {"files": counts[kind], "bytes": sizes[kind]} for kind in sorted(counts)},
+        "bytes": sum(kind["bytes"] for kind in kinds.values()),
+        "kinds": kinds,
         "damage": damage,
         "holder": asdict(holder) if holder else None,
         "wait": wait_of(directory),
@@ -99,29 +104,30 @@ def status(session: Session) -> Outcome:
         and {name: rotation[name] for name in ("state", "generation", "selected_feature_count", "skipped_feature_count")},
         "leftovers": dict(left),
     }
+    return Outcome(document, lambda output: tell_status(output, document, rotation), Exit.INTEGRITY if damage else Exit.FINE)
 
-    def tell(output: Output) -> None:
-        if manifest and synced_at is not None:
-            rows = [("era", f"{manifest.era_number}, version {manifest.version}"), ("written", ago(synced_at))]
-            rows.append(("listed", f"{counted(len(files), 'file')}, {size(document['bytes'])}"))
-        else:
-            rows = [("era", "not known" if damage else "none yet: brackenfen-sync sync fills the directory")]
-        if rotation and rotation["skipped_feature_count"]:
-            rows.append(("rotation", f"{rotation['selected_feature_count']:,} of {rotation['eligible_feature_count']:,} features are held"))
-        rows.append(("at work", holder_text(holder.pid, holder.command) if holder else "nobody"))
-        if document["wait"]:
-            rows.append(("waiting", "for the server, see brackenfen-sync why"))
-        if left:
-            rows.append(("left over", ", ".join(f"{count} x {name}" for name, count in left.items())))
-        output.line(clean(directory), "bold")
-        output.pairs(rows)
-        if len(counts) > 1:
-            output.line("")
-            output.table(("kind", "files ", "size "), [(kind, f"{counts[kind]:,}", size(sizes[kind])) for kind in sorted(counts)])
-        if damage:
-            output.line(clean(f"damaged: {damage}; brackenfen-sync doctor tells what to do"), "red")
 
-    return Outcome(document, tell, Exit.INTEGRITY if damage else Exit.FINE)
+def tell_status(output: Output, here: dict[str, Any], rotation: dict[str, Any] | None) -> None:
+    """here: the document of status. rotation: all that the library says of it, None for a directory that is damaged."""
+    if here["written_at"] is not None:
+        rows = [("era", f"{here['era_number']}, version {here['version']}"), ("written", ago(here["written_at"]))]
+        rows.append(("listed", f"{counted(here['files'], 'file')}, {size(here['bytes'])}"))
+    else:
+        rows = [("era", "not known" if here["damage"] else "none yet: brackenfen-sync sync fills the directory")]
+    if rotation and rotation["skipped_feature_count"]:
+        rows.append(("rotation", f"{rotation['selected_feature_count']:,} of {rotation['eligible_feature_count']:,} features are held"))
+    rows.append(("at work", holder_text(here["holder"]["pid"], here["holder"]["command"]) if here["holder"] else "nobody"))
+    if here["wait"]:
+        rows.append(("waiting", "for the server, see brackenfen-sync why"))
+    if here["leftovers"]:
+        rows.append(("left over", ", ".join(f"{count} x {name}" for name, count in here["leftovers"].items())))
+    output.line(clean(here["directory"]), "bold")
+    output.pairs(rows)
+    if len(here["kinds"]) > 1:
+        output.line("")
+        output.table(("kind", "files ", "size "), [(name, f"{kind['files']:,}", size(kind["bytes"])) for name, kind in here["kinds"].items()])
+    if here["damage"]:
+        output.line(clean(f"damaged: {here['damage']}; brackenfen-sync doctor tells what to do"), "red")
 
 
 def server_text(probe: Probe) -> str:
