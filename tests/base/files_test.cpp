@@ -69,5 +69,11 @@ TEST_F(Files, foldersAreOpenedWithoutALinkOnTheWay) {
   EXPECT_FALSE(path_exists(at("elsewhere/new")));
 }
 
+TEST_F(Files, aPathOfAMillionPartsIsResolvedWithoutALookAtEach) {
+  std::string path = at("gone");
+  for (int part = 0; part < 1'000'000; ++part) path += "/a";
+  EXPECT_TRUE(real_path(path) == path);
+}
+
 }  // namespace
 }  // namespace brackenfen::sync

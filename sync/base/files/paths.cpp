@@ -74,22 +74,20 @@ class Resolver {
   }
 
   void step(std::string_view part) {
-    std::string next = resolved_ + '/';
-    next += part;
-    const std::string target = looping_ ? std::string() : read_link(next);
-    if (target.empty()) {
-      resolved_ = std::move(next);
-      return;
-    }
-    if (open_links_.contains(next) || open_links_.size() >= LINKS_MAX) {
+    const std::size_t parent_size = resolved_.size();
+    resolved_.append("/").append(part);
+    // A path that no system call takes leads through no link; asking at each part would take long where there are many.
+    const std::string target = looping_ || resolved_.size() >= PATH_MAX ? std::string() : read_link(resolved_);
+    if (target.empty()) return;
+    if (open_links_.contains(resolved_) || open_links_.size() >= LINKS_MAX) {
       looping_ = true;
-      resolved_ = std::move(next);
       return;
     }
-    open_links_.insert(next);
-    if (target.starts_with('/')) resolved_.clear();
+    const std::string link = resolved_;
+    open_links_.insert(link);
+    resolved_.resize(target.starts_with('/') ? 0 : parent_size);
     walk(target);
-    open_links_.erase(next);
+    open_links_.erase(link);
   }
 
   std::string resolved_;
