@@ -9,7 +9,7 @@
 namespace brackenfen::sync {
 
 std::vector<DepartedFile> departed_files(const std::string& data_dir, const Value& old_files, const Value& new_files,
-                                         const std::unordered_set<std::string>& live_paths) {
+                                         const StringSet& live_paths) {
   const Document* const departing = old_files.if_document();
   const Document* const present = new_files.if_document();
   std::vector<DepartedFile> departed;

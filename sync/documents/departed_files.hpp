@@ -2,9 +2,9 @@
 #pragma once
 
 #include <string>
-#include <unordered_set>
 #include <vector>
 
+#include "sync/base/text/keyed_hash.hpp"
 #include "sync/base/values/value.hpp"
 
 namespace brackenfen::sync {
@@ -17,6 +17,6 @@ struct DepartedFile {
 /// The keys of `old_files` that `new_files` lacks, in their order; none of the library's own files, and no path that never had
 /// a file here. `live_paths` are where the new ones lie, whose manifest may spell one of them in another way.
 [[nodiscard]] std::vector<DepartedFile> departed_files(const std::string& data_dir, const Value& old_files, const Value& new_files,
-                                                       const std::unordered_set<std::string>& live_paths);
+                                                       const StringSet& live_paths);
 
 }  // namespace brackenfen::sync

@@ -1,11 +1,11 @@
 #include "sync/documents/manifest_filters.hpp"
 
 #include <algorithm>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
 #include "sync/base/error.hpp"
+#include "sync/base/text/keyed_hash.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/documents/manifest.hpp"
 #include "sync/documents/removal.hpp"
@@ -150,7 +150,7 @@ bool _is_retired_found_pnl_long_file(std::string_view file_path) {
 Document _drop_retired_found_pnl_long_files(const Document& manifest_data) {
   const Document* files = files_of(manifest_data);
   if (files == nullptr) return manifest_data;
-  std::unordered_set<std::string_view> retired;  // views into `files`
+  ViewSet retired;  // views into `files`
   Document kept = without_members(*files, [&retired](const Text& path, const Value&) {
     if (!_is_retired_found_pnl_long_file(path)) return false;
     retired.insert(path.view());

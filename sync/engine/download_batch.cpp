@@ -1,9 +1,8 @@
 #include "sync/engine/download_batch.hpp"
 
-#include <unordered_map>
-
 #include "sync/base/error.hpp"
 #include "sync/base/files/paths.hpp"
+#include "sync/base/text/keyed_hash.hpp"
 #include "sync/base/threads/worker_thread.hpp"
 #include "sync/engine/expected_files.hpp"
 
@@ -28,7 +27,7 @@ std::string exclusion_key(LocalFiles& local_files, const std::string& file_path)
 
 std::vector<DownloadBatch::Task> DownloadBatch::tasks_for(LocalFiles&& local_files, const std::vector<Item>& items) {
   std::vector<Task> tasks;
-  std::unordered_map<std::string, std::size_t> task_by_key;
+  TextMap<std::size_t> task_by_key;
   for (std::size_t index = 0; index < items.size(); ++index) {
     if (index % FILES_PER_INTERRUPT_CHECK == 0) check_interrupt();
     const auto [entry, is_new] = task_by_key.try_emplace(exclusion_key(local_files, items[index].file_path), tasks.size());

@@ -1,8 +1,8 @@
 // What a pass would do, found out by its own steps up to the first that changes something.
 #include <algorithm>
-#include <unordered_set>
 #include <utility>
 
+#include "sync/base/text/keyed_hash.hpp"
 #include "sync/documents/departed_files.hpp"
 #include "sync/documents/manifest_filters.hpp"
 #include "sync/documents/own_files.hpp"
@@ -73,7 +73,7 @@ std::vector<std::string> SyncManager::Pass::files_to_remove(bool is_transition) 
   });
   if (is_transition) {  // which takes what has departed from all other folders too
     LocalFiles local_files(data_dir_);
-    std::unordered_set<std::string> live_paths;
+    StringSet live_paths;
     for (const Text& file_path : active_paths) live_paths.insert(local_files.local_path(file_path));
     for (DepartedFile& departed : departed_files(data_dir_, local_->files(), server_->files(), live_paths)) {
       const std::optional<FileStat> stat = local_files.stat(departed.file_path);

@@ -56,8 +56,8 @@ void copy_file(const Place& from, const Place& to) {
 
 bool on_same_mount(const std::string& folder, const std::string& other) { return mount_of(folder) == mount_of(other); }
 
-StagedMoves::StagedMoves(Files& files, const std::string& staging_dir, const std::string& data_dir,
-                         const std::unordered_set<std::string>& departed, Reaches reaches)
+StagedMoves::StagedMoves(Files& files, const std::string& staging_dir, const std::string& data_dir, const StringSet& departed,
+                         Reaches reaches)
     : files_(files),
       data_dir_(data_dir),
       departed_(departed),

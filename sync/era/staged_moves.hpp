@@ -3,12 +3,11 @@
 
 #include <functional>
 #include <string>
-#include <unordered_map>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
 #include "sync/base/files/root_directory.hpp"
+#include "sync/base/text/keyed_hash.hpp"
 #include "sync/documents/local_files.hpp"
 #include "sync/transport/files.hpp"
 
@@ -24,7 +23,7 @@ class StagedMoves {
 
   /// From `staging_dir` to `data_dir`, which both exist. `departed` are the local paths of the files that go with the era
   /// before; it must outlive this.
-  StagedMoves(Files& files, const std::string& staging_dir, const std::string& data_dir, const std::unordered_set<std::string>& departed,
+  StagedMoves(Files& files, const std::string& staging_dir, const std::string& data_dir, const StringSet& departed,
               Reaches reaches = on_same_mount);
   StagedMoves(const StagedMoves&) = delete;
   StagedMoves& operator=(const StagedMoves&) = delete;
@@ -67,13 +66,13 @@ class StagedMoves {
 
   Files& files_;
   const std::string data_dir_;
-  const std::unordered_set<std::string>& departed_;
+  const StringSet& departed_;
   const Reaches reaches_;
   const RootDirectory root_;
   LocalFiles staged_;
   LocalFiles live_;
-  std::unordered_set<std::string> live_paths_;
-  std::unordered_map<std::string, Folder> folders_;  // by the folder of the live place: the nearest that exists
+  StringSet live_paths_;
+  TextMap<Folder> folders_;  // by the folder of the live place: the nearest that exists
   std::vector<Move> moves_;
   std::vector<std::string> copies_;
 };

@@ -9,11 +9,11 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
 #include "sync/base/files/descriptor.hpp"
+#include "sync/base/text/keyed_hash.hpp"
 #include "sync/engine/sync_manager.hpp"
 #include "sync/era/staged_moves.hpp"
 
@@ -111,10 +111,10 @@ class SyncManager::Transition {
   SyncResult sync_result_;  ///< collects what the downloads report, for the log
   std::size_t completed_files_ = 0;
   std::vector<std::string> staged_file_paths_;
-  std::vector<std::string> departed_files_;         ///< as the manifest of the era before spells them
-  std::unordered_set<std::string> departed_paths_;  ///< the same as local paths
+  std::vector<std::string> departed_files_;  ///< as the manifest of the era before spells them
+  StringSet departed_paths_;                 ///< the same as local paths
   std::optional<StagedMoves> moves_;
-  std::unordered_set<std::string> live_paths_;  ///< where the files of the new era lie, however its manifest spells them
+  StringSet live_paths_;  ///< where the files of the new era lie, however its manifest spells them
   std::optional<Value> superseded_era_id_;
   Document staged_vocabularies_;              ///< by universe
   RotationStateRef promoted_rotation_state_;  ///< null where nothing rotates

@@ -1,8 +1,9 @@
 #include "sync/neighbours/rotation_scope.hpp"
 
 #include <algorithm>
-#include <unordered_map>
 #include <utility>
+
+#include "sync/base/text/keyed_hash.hpp"
 
 namespace brackenfen::sync {
 namespace {
@@ -87,7 +88,7 @@ RotationStatusAccounting builtin_status_accounting(const Artifacts& artifacts, c
 
 Document builtin_scoped_vocabulary(const Document& vocabulary, const TextSet& active_relative_paths, const Artifacts& artifacts) {
   const std::string_view universe = vocabulary.get("named_universe").if_text().value_or("");
-  std::unordered_map<std::string_view, bool> holds;  // by the name of a feature that has artifacts
+  ViewMap<bool> holds;  // by the name of a feature that has artifacts
   for (const ArtifactDescriptor& artifact : artifacts.descriptors) {
     const bool elsewhere = !universe.empty() && !artifact.named_universe.view().empty() && artifact.named_universe.view() != universe;
     if (artifact.artifact_kind.view() != FEATURE_KIND || elsewhere) continue;

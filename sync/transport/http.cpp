@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <limits>
 #include <memory>
-#include <unordered_map>
 #include <utility>
 
 #include "sync/base/error.hpp"
+#include "sync/base/text/keyed_hash.hpp"
 #include "sync/base/text/secrets.hpp"
 #include "sync/base/text/text.hpp"
 #include "sync/base/text/url.hpp"
@@ -107,7 +107,7 @@ std::unique_ptr<HttpResponse> _open_request(const Seams& seams, NeighbourSet& ne
 Headers _response_headers(const HttpResponse& response) {
   Headers headers;
   headers.reserve(response.headers().size());
-  std::unordered_map<std::string_view, std::size_t> positions;  // a hostile server may send tens of thousands
+  ViewMap<std::size_t> positions;  // a hostile server may send tens of thousands
   for (const auto& header : response.headers()) {
     const auto [known, is_new] = positions.try_emplace(header.first, headers.size());
     if (is_new) {

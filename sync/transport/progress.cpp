@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <optional>
-#include <unordered_set>
 #include <utility>
 
 #include "sync/base/error.hpp"
@@ -13,6 +12,7 @@
 #include "sync/base/files/paths.hpp"
 #include "sync/base/files/root_directory.hpp"
 #include "sync/base/log.hpp"
+#include "sync/base/text/keyed_hash.hpp"
 #include "sync/base/threads/interrupt.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/base/values/integer_sum.hpp"
@@ -74,8 +74,8 @@ class StagingPlaces {
   std::string path_;  ///< of the file that was asked for last
 };
 
-std::unordered_set<std::string> staging_paths(std::string_view data_dir, const std::vector<Value>& relative_paths) {
-  std::unordered_set<std::string> paths;
+StringSet staging_paths(std::string_view data_dir, const std::vector<Value>& relative_paths) {
+  StringSet paths;
   StagingPlaces places(data_dir);
   std::size_t seen = 0;
   for (const Value& relative_path : relative_paths) {
@@ -176,7 +176,7 @@ void _remove_manifest_tmp_file(Files& files, std::string_view data_dir, const Va
 
 void _cleanup_sync_tmp_files(Files& files, std::string_view data_dir, const std::vector<Value>& preserve_relative_paths,
                              const std::vector<std::string>& without_staging) {
-  const std::unordered_set<std::string> preserved = staging_paths(data_dir, preserve_relative_paths);
+  const StringSet preserved = staging_paths(data_dir, preserve_relative_paths);
   // The search starts where the links of `data_dir` lead, as staging paths do, and follows none below.
   const RootDirectory root(real_path(expand_user(data_dir)));
   root.search({.left_out = without_staging,

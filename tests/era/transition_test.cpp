@@ -8,7 +8,6 @@
 #include <future>
 #include <map>
 #include <thread>
-#include <unordered_set>
 
 #include "sync/base/values/convert.hpp"
 #include "sync/era/staged_moves.hpp"
@@ -373,7 +372,7 @@ TEST_F(TransitionTest, aFileMayTakeTheNameOfAFolderAndAFolderThatOfAFile) {
 TEST(StagedMoves, toAnotherMountAreCopiedBesideTheirPlaceBeforeTheFirstOne) {
   const TemporaryDirectory directory;
   FaultFiles files;
-  const std::unordered_set<std::string> none_departed;
+  const StringSet none_departed;
   for (const char* path : {"staged/mounted/a", "staged/mounted/deeper/b"}) directory.write(path, "new");
   directory.write("live/mounted/a", "old");
   for (const bool runs : {false, true}) {
