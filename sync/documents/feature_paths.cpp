@@ -1,11 +1,11 @@
 #include "sync/documents/feature_paths.hpp"
 
 #include <algorithm>
-#include <unordered_map>
-#include <unordered_set>
+#include <set>
 #include <utility>
 
 #include "sync/base/error.hpp"
+#include "sync/base/text/keyed_hash.hpp"
 #include "sync/base/text/text.hpp"
 #include "sync/base/threads/interrupt.hpp"
 #include "sync/base/values/convert.hpp"
@@ -62,7 +62,7 @@ class FeatureFiles {
     for (std::size_t index = 0; index < entries_->size(); ++index) {
       if (index % FILES_PER_INTERRUPT_CHECK == 0) check_interrupt();
       const Member& file = entries_->begin()[index];
-      const auto wanted = by_file_name_.find(std::string(last_segment(file.key)));
+      const auto wanted = by_file_name_.find(last_segment(file.key));
       if (wanted != by_file_name_.end() && file.value.is_document()) wanted->second.push_back(file.key);
     }
   }
@@ -98,7 +98,7 @@ class FeatureFiles {
   const Document* entries_;
   const std::string epoch_;
   const std::string universe_;
-  std::unordered_map<std::string, std::vector<std::string_view>> by_file_name_;  ///< in the order of the manifest
+  TextMap<std::vector<std::string_view>> by_file_name_;  ///< in the order of the manifest
 };
 
 /// Which features of a manifest belong together: one walk over it for all families that were added before.
@@ -125,7 +125,7 @@ class FeatureFamilies {
   Members* add(std::string_view path) {
     if (segment_count(path) < SCOPED_SEGMENTS || first_segment(path) != "features" || !path.ends_with(ARROW)) return nullptr;
     const std::optional<std::string> family = _feature_artifact_family_prefix(stem_of(path));
-    return family ? &families_[*family][std::string(directory_of(path))] : nullptr;
+    return family ? &families_[*family].members_of(directory_of(path)) : nullptr;
   }
 
   void gather(const Value& files) {
@@ -139,15 +139,32 @@ class FeatureFamilies {
       const std::string_view path = normalised_or_empty(key, buffer);
       if (!path.ends_with(ARROW)) continue;
       const auto family = families_.find(first_two_fields(stem_of(path)));
-      if (family == families_.end()) continue;
-      // A family's folder holds those of its own folders too.
-      for (std::string_view folder = directory_of(path); !folder.empty(); folder = directory_of(folder.substr(0, folder.size() - 1))) {
-        if (const auto members = family->second.find(std::string(folder)); members != family->second.end()) members->second.add(path);
-      }
+      if (family != families_.end()) family->second.add(path);
     }
   }
 
  private:
+  /// The folders in which one family is asked for, each with the slash behind it.
+  class Folders {
+   public:
+    Members& members_of(std::string_view folder) {
+      sizes_.insert(folder.size());
+      return members_[std::string(folder)];
+    }
+    /// A folder holds what lies in its own folders too. There are few that are asked for, and may be very many on the way.
+    void add(std::string_view path) {
+      for (const std::size_t size : sizes_) {
+        if (size >= path.size()) return;
+        if (path[size - 1] != '/') continue;
+        if (const auto members = members_.find(path.substr(0, size)); members != members_.end()) members->second.add(path);
+      }
+    }
+
+   private:
+    TextMap<Members> members_;
+    std::set<std::size_t> sizes_;
+  };
+
   static std::string_view directory_of(std::string_view path) { return path.substr(0, path.rfind('/') + 1); }
   static std::string_view stem_of(std::string_view path) {
     const std::string_view name = last_segment(path);
@@ -160,7 +177,7 @@ class FeatureFamilies {
     return second == std::string_view::npos ? std::string() : std::string(stem.substr(0, second + 2));
   }
 
-  std::unordered_map<std::string, std::unordered_map<std::string, Members>> families_;  ///< by fields, then by folder
+  TextMap<Folders> families_;  ///< by fields
 };
 
 std::optional<std::string_view> current_epoch(const EpochNames& epochs, std::string_view root) {
@@ -230,7 +247,7 @@ std::vector<std::string> feature_prefetch_relative_paths(const EraConfig& era_co
   families.gather(files);
 
   std::vector<std::string> paths;
-  std::unordered_set<std::string> seen;
+  StringSet seen;
   const auto add = [&](std::string path) {
     if (seen.insert(path).second) paths.push_back(std::move(path));
   };
