@@ -137,7 +137,11 @@ class LoggingSink : public LogSink {
     nb::list arguments;
     arguments.append(static_cast<int>(record.level));
     arguments.append(to_python(record.format));
-    for (const Value& argument : record.arguments) arguments.append(to_python(mask_secrets(argument)));
+    for (const Value& argument : record.arguments) {
+      // As text, since Python refuses to print an integer of thousands of digits, which may be a server's version.
+      const std::optional<std::string_view> digits = argument.if_big_integer();
+      arguments.append(digits ? to_python(*digits) : to_python(mask_secrets(argument)));
+    }
     // The host's own objects, so that a handler sees what they are.
     if (record.subject != nullptr) arguments[2] = object_of(*record.subject);
     if (record.error != nullptr && record.error->origin()) arguments[1 + record.arguments.size()] = exception_of(*record.error);

@@ -43,7 +43,7 @@ def test_an_index_on_any_record(own: bool, manager: sync.SyncManager, server: An
     manager._repair_vocabulary_manifest_entry(record, INDEX, b"yy", reason="why", allow_sha_mismatch=True)
     assert record._data["files"][INDEX]["sha256"] == hashlib.sha256(b"yy").hexdigest()
     for odd in (5, {"files": 5}):
-        unusual = types.SimpleNamespace(files={}, _data=odd)
+        unusual = types.SimpleNamespace(files={INDEX: {"size_bytes": 10**5000}}, _data=odd)  # which a log record holds then
         manager._repair_signals_index_manifest_entry(unusual, INDEX, b"x")
         assert unusual.files[INDEX]["size_bytes"] == 1 and unusual._data is odd
 
