@@ -5,19 +5,21 @@
 
 #include "python/conversion/arguments.hpp"
 #include "sync/base/error.hpp"
+#include "sync/base/threads/stack_room.hpp"
 #include "sync/base/values/json.hpp"
 
 namespace brackenfen::sync::python {
 namespace {
 
-/// Decimal text and Python integers are converted in blocks of this many digits: Python refuses more than
-/// 4,300 at once.
-constexpr std::size_t BLOCK_DIGITS = 4000;
+/// Decimal text and Python integers are converted in blocks of this many digits: a host may have Python refuse more than 640
+/// at once.
+constexpr std::size_t BLOCK_DIGITS = 600;
 
 /// Enters one level of recursion, as Python counts them.
 class Level {
  public:
   explicit Level(const char* where) {
+    if (!has_stack_room()) throw ValueError(std::string("the stack of this thread is used up") + where);
     if (Py_EnterRecursiveCall(where) != 0) throw nb::python_error();
   }
   Level(const Level&) = delete;
@@ -25,41 +27,62 @@ class Level {
   ~Level() { Py_LeaveRecursiveCall(); }
 };
 
-nb::object power_of_ten(std::size_t exponent) { return checked(PyNumber_Power(nb::int_(10).ptr(), nb::int_(exponent).ptr(), Py_None)); }
+/// 10 to the power of one block's digits, then each the square of the one before. With them numbers are taken apart in halves:
+/// block by block takes time by the square of the length, and the length may be a server's choice.
+class Powers {
+ public:
+  Powers() : powers_{checked(PyNumber_Power(nb::int_(10).ptr(), nb::int_(BLOCK_DIGITS).ptr(), Py_None))} {}
+  [[nodiscard]] static std::size_t digits(std::size_t level) noexcept { return BLOCK_DIGITS << level; }
+  const nb::object& operator[](std::size_t level) {
+    while (powers_.size() <= level) powers_.push_back(checked(PyNumber_Multiply(powers_.back().ptr(), powers_.back().ptr())));
+    return powers_[level];
+  }
+
+ private:
+  std::vector<nb::object> powers_;
+};
+
+/// Writes a number of at most `digits(level)` digits, all of them where it is no beginning.
+void append_decimal(std::string& decimal, nb::handle number, std::size_t level, Powers& powers) {
+  if (level == 0) {
+    const std::string digits = text_form(number);
+    decimal.append(decimal.empty() ? 0 : BLOCK_DIGITS - digits.size(), '0').append(digits);
+    return;
+  }
+  const nb::object halves = checked(PyNumber_Divmod(number.ptr(), powers[level - 1].ptr()));
+  if (!decimal.empty() || truth(halves[0])) append_decimal(decimal, halves[0], level - 1, powers);
+  append_decimal(decimal, halves[1], level - 1, powers);
+}
 
 /// Decimal text of an integer of any size.
 std::string decimal_of(nb::handle given) {
   const nb::object integer = checked(PyNumber_Index(given.ptr()));  // a subclass may print itself as it likes
   if (const nb::object text = nb::steal(PyObject_Str(integer.ptr())); text.is_valid()) return text_form(text);
   PyErr_Clear();
-  nb::object rest = checked(PyNumber_Absolute(integer.ptr()));
-  const bool negative = PyObject_RichCompareBool(integer.ptr(), nb::int_(0).ptr(), Py_LT) == 1;
-  const nb::object block = power_of_ten(BLOCK_DIGITS);
-  std::vector<std::string> blocks;
-  while (truth(rest)) {
-    const nb::object pair = checked(PyNumber_Divmod(rest.ptr(), block.ptr()));
-    rest = pair[0];
-    std::string digits = text_form(pair[1]);
-    if (truth(rest)) digits.insert(0, BLOCK_DIGITS - digits.size(), '0');
-    blocks.push_back(std::move(digits));
-  }
-  std::string decimal = negative ? "-" : "";
-  for (auto part = blocks.rbegin(); part != blocks.rend(); ++part) decimal += *part;
-  return decimal;
+  const nb::object magnitude = checked(PyNumber_Absolute(integer.ptr()));
+  Powers powers;
+  std::size_t level = 0;
+  while (PyObject_RichCompareBool(magnitude.ptr(), powers[level].ptr(), Py_GE) == 1) ++level;
+  std::string decimal;
+  append_decimal(decimal, magnitude, level, powers);
+  return PyObject_RichCompareBool(integer.ptr(), magnitude.ptr(), Py_EQ) == 1 ? decimal : "-" + decimal;
+}
+
+/// Of digits alone.
+nb::object integer_from(std::string_view digits, Powers& powers) {
+  if (digits.size() <= BLOCK_DIGITS) return checked(PyLong_FromString(std::string(digits).c_str(), nullptr, 10));
+  std::size_t level = 0;
+  while (2 * Powers::digits(level) < digits.size()) ++level;
+  const std::size_t split = digits.size() - Powers::digits(level);
+  const nb::object scaled = checked(PyNumber_Multiply(integer_from(digits.substr(0, split), powers).ptr(), powers[level].ptr()));
+  return checked(PyNumber_Add(scaled.ptr(), integer_from(digits.substr(split), powers).ptr()));
 }
 
 nb::object integer_from(std::string_view decimal) {
   if (decimal.size() <= BLOCK_DIGITS) return checked(PyLong_FromString(std::string(decimal).c_str(), nullptr, 10));
-  const bool negative = decimal.starts_with('-');
-  if (negative) decimal.remove_prefix(1);
-  nb::object result = nb::int_(0);
-  while (!decimal.empty()) {
-    const std::string digits(decimal.substr(0, BLOCK_DIGITS));
-    decimal.remove_prefix(digits.size());
-    const nb::object scaled = checked(PyNumber_Multiply(result.ptr(), power_of_ten(digits.size()).ptr()));
-    result = checked(PyNumber_Add(scaled.ptr(), checked(PyLong_FromString(digits.c_str(), nullptr, 10)).ptr()));
-  }
-  return negative ? checked(PyNumber_Negative(result.ptr())) : result;
+  Powers powers;
+  if (!decimal.starts_with('-')) return integer_from(decimal, powers);
+  return checked(PyNumber_Negative(integer_from(decimal.substr(1), powers).ptr()));
 }
 
 /// Whether it is a value itself, whatever it holds.

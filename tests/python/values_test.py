@@ -1,10 +1,13 @@
 """Values on their way in and out."""
 
 import collections
+import concurrent.futures
 import functools
+import json
 import math
 import pathlib
 import re
+import sys
 import threading
 import types
 from typing import Any
@@ -39,8 +42,10 @@ def test_values_survive(value: Any) -> None:
 
 
 def test_numbers_at_the_edges_and_what_counts_as_a_document() -> None:
-    for number in (10**5000, -(10**4299) - 7, 2**63, -(2**63), -(2**63) - 1):
-        assert round_trip(number) == number
+    for refused_digits in (640, 4300):
+        sys.set_int_max_str_digits(refused_digits)
+        for number in (10**5000, -(10**4299) - 7, -(7**50_000), 10**20_000 + 10**700, 2**63, -(2**63), -(2**63) - 1):
+            assert (round_trip(number) - number).bit_length() == 0
     assert math.isnan(round_trip(math.nan))
     ordered = collections.OrderedDict([("a", 1), ("b", 2)])
     ordered.move_to_end("a")
@@ -61,6 +66,19 @@ def test_what_is_no_value_is_refused_by_name() -> None:
             sync.Manifest({"x": value})
         assert isinstance(caught.value, RecursionError) or "data" in str(caught.value)
     assert round_trip([1]) == [1]  # the interpreter's depth is as it was
+
+
+def test_depth_is_refused_where_the_stack_of_a_thread_ends(manager: sync.SyncManager, server: Any) -> None:
+    deep = functools.reduce(lambda value, _: {"a": value}, range(990), 1)
+    body = b'{"x": %s%s, ' % (b"[" * 990, b"]" * 990) + json.dumps(server.manifest()).encode()[1:]
+    server.answers["/data/manifest"] = (200, body)
+    usual = threading.stack_size(128 * 1024)
+    with concurrent.futures.ThreadPoolExecutor(2) as pool:
+        ended = [pool.submit(round_trip, deep), pool.submit(manager.sync)]
+        threading.stack_size(usual)
+    for outcome in ended:
+        with pytest.raises(ValueError, match="the stack of this thread is used up while"):
+            outcome.result()
 
 
 DOCUMENT = {"files": {"keep.arrow": {"kind": "feature"}, "x/module.so": {"kind": "vault_module"}}, "artifacts": [{"path": "a"}], "other": {"deep": [1]}}

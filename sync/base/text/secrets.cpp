@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "sync/base/threads/snapshot.hpp"
+#include "sync/base/threads/stack_room.hpp"
 
 namespace brackenfen::sync {
 namespace {
@@ -93,11 +94,13 @@ Value masked(const Value& value, const Secrets& secrets) {
     return mask_in_place(copy, secrets) ? Value(copy) : value;
   }
   if (const List* const list = value.if_list()) {
+    if (!has_stack_room()) return List();  // rather than what may hold a secret
     std::vector<Value> elements;
     for (const Value& element : *list) elements.push_back(masked(element, secrets));
     return List(std::move(elements));
   }
   if (const Document* const document = value.if_document()) {
+    if (!has_stack_room()) return Document();
     std::vector<Member> members;
     for (const Member& member : *document) {
       std::string key(member.key.str());

@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "sync/base/immortal.hpp"
+#include "sync/base/threads/stack_room.hpp"
 #include "sync/base/values/value.hpp"
 #include "sync/base/values/value_nodes.hpp"
 
@@ -105,7 +106,8 @@ void fill(DocumentNode& node, std::span<Member> members) {
   }
 }
 
-/// What Python's containers ask of their elements: the very same object, or an equal one.
+/// What Python's containers ask of their elements: the very same object, or an equal one. They are different where they are
+/// nested so deep that the stack ends.
 bool same_or_equal(const Value& left, const Value& right) noexcept { return left.same_as(right) || left == right; }
 
 }  // namespace
@@ -143,7 +145,8 @@ const Value* List::begin() const noexcept { return node_ == nullptr ? nullptr : 
 const Value* List::end() const noexcept { return begin() + size(); }
 
 bool operator==(const List& left, const List& right) noexcept {
-  return left.same_as(right) || std::equal(left.begin(), left.end(), right.begin(), right.end(), detail::same_or_equal);
+  return left.same_as(right) ||
+         (has_stack_room() && std::equal(left.begin(), left.end(), right.begin(), right.end(), detail::same_or_equal));
 }
 
 // Document
@@ -218,7 +221,7 @@ Document Document::without(std::string_view key) const {
 
 bool operator==(const Document& left, const Document& right) noexcept {
   if (left.same_as(right)) return true;
-  if (left.size() != right.size()) return false;
+  if (left.size() != right.size() || !has_stack_room()) return false;
   return std::all_of(left.begin(), left.end(), [&](const Member& member) {
     const Value* const other = right.find(member.key);
     return other != nullptr && detail::same_or_equal(member.value, *other);

@@ -8,6 +8,7 @@
 
 #include "sync/base/error.hpp"
 #include "sync/base/text/text.hpp"
+#include "sync/base/threads/stack_room.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/base/values/json.hpp"
 
@@ -65,7 +66,8 @@ void append_quoted(std::string& out, std::string_view text) {
 }
 
 void append_quoted(std::string& out, const Value& value, int depth) {
-  if (depth > JSON_MAX_DEPTH) throw RuntimeError("maximum recursion depth exceeded while getting the repr of an object");
+  if (depth > JSON_MAX_DEPTH || !has_stack_room())
+    throw RuntimeError("maximum recursion depth exceeded while getting the repr of an object");
   std::string_view separator;
   switch (value.kind()) {
     case Value::Kind::Null:

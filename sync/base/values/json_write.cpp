@@ -9,6 +9,7 @@
 
 #include "sync/base/error.hpp"
 #include "sync/base/text/text.hpp"
+#include "sync/base/threads/stack_room.hpp"
 #include "sync/base/values/convert.hpp"
 #include "sync/base/values/json.hpp"
 
@@ -191,6 +192,7 @@ class JsonWriter {
 
   static void require_depth(int depth) {
     if (depth > JSON_MAX_DEPTH) throw ValueError(fmt::format("Nesting deeper than {} levels", JSON_MAX_DEPTH));
+    if (!has_stack_room()) throw ValueError("the stack of this thread is used up while writing a document");
   }
 
   bool sorted_;
