@@ -28,8 +28,9 @@ bool SyncManager::Transition::stage_files(TransitionScope& scope) {
   for (const auto& [file_path, file_info] : transition_download_items_) announced.add(&file_info);
   announced.announce();
   for (const auto& [file_path, file_info] : transition_download_items_) {
+    if (is_superseded()) return false;
     manager_._directory_lock.require_directory();
-    if (is_superseded() || !stage_file(file_path, file_info)) return false;
+    if (!stage_file(file_path, file_info)) return false;
   }
   return true;
 }

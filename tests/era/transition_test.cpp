@@ -345,6 +345,18 @@ TEST_F(TransitionTest, oneFileMayHaveSeveralSpellings) {
   expect_era_8();
 }
 
+TEST_F(TransitionTest, stagesNothingInADirectoryThatTookThePlaceOfItsOwn) {
+  const std::string moved = directory.path() + ".moved";
+  files.before(FaultFiles::Call::Rename, [&] {  // of the first staged file
+    std::filesystem::rename(directory.path(), moved);
+    std::filesystem::create_directory(directory.path());
+  });
+  EXPECT_THAT(failure(), StartsWith("FileNotFoundError: "));
+  EXPECT_TRUE(std::filesystem::is_empty(directory.path()));
+  std::filesystem::remove_all(directory.path());
+  std::filesystem::rename(moved, directory.path());
+}
+
 TEST_F(TransitionTest, aFileMayTakeTheNameOfAFolderAndAFolderThatOfAFile) {
   const PublishedFile file{"data/a", "a file of era 7", "data"}, in_folder{"data/b/c/d", "of era 7", "data"};
   const PublishedFile folder[] = {{"data/a/x/y", "now below a folder", "data"}, {"data/a/z", "and another", "data"}};
