@@ -1,6 +1,8 @@
 #include "sync/transport/curl_transfer.hpp"
 
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -8,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <utility>
 
 #include "sync/base/environment.hpp"
 #include "sync/base/error.hpp"
@@ -31,6 +34,11 @@ constexpr std::int64_t LARGEST_READ_BYTES = CURL_MAX_READ_SIZE;
 constexpr std::size_t MAX_HEADER_BYTES = 256 * 1024;
 /// How long a parsed certificate store answers for its file.
 constexpr long CERTIFICATE_STORE_SECONDS = 60;
+/// What a look-up of a name is given at least. The system's resolver waits 5 s for a name server that is mute before it asks the next:
+/// a shorter timeout would end each look-up just before its answer.
+constexpr double SHORTEST_LOOK_UP_SECONDS = 30;
+/// The share of the timeout after which an address that does not answer gives way to the server's next.
+constexpr double SHARE_OF_AN_ADDRESS = 0.9;
 /// Beyond this a timeout is none; the clock's own range ends at 292 years.
 constexpr double LONGEST_TIMEOUT_SECONDS = 1e9;
 
@@ -58,6 +66,8 @@ CURLcode set_up_tls(CURL*, void* made, void* certificate_directory) {
   auto* const context = static_cast<SSL_CTX*>(made);
   // A peer that closes without TLS's farewell ends the body like any other close; lengths and digests judge what arrived.
   SSL_CTX_set_options(context, SSL_OP_IGNORE_UNEXPECTED_EOF);
+  // Each record comes back to us: a peer that sends nothing but key updates would else be read without a look at the deadline.
+  SSL_CTX_clear_mode(context, SSL_MODE_AUTO_RETRY);
   if (certificate_directory == nullptr) return CURLE_OK;
   const bool is_added = X509_STORE_load_path(SSL_CTX_get_cert_store(context), static_cast<const char*>(certificate_directory)) == 1;
   return is_added ? CURLE_OK : CURLE_SSL_CACERT_BADFILE;
@@ -100,11 +110,9 @@ CurlTransfer::CurlTransfer(const RequestRoute& route, Environment& environment, 
     : handles_(kept != nullptr ? *kept : own_handles_.emplace(CurlLease::Connections::Close, certificate_directory(environment))),
       timeout_seconds_(timeout_seconds) {
   if (handles_.begin_transfer() == CurlLease::Handle::New) set_up_handle();
-  set_request(route, environment);
-  if (route.is_encrypted())
-    set_certificates(environment);
-  else
-    set_option(handles_.easy(), CURLOPT_SSL_CTX_DATA, nullptr);  // of an earlier transfer; a proxy would be judged by it
+  const ProxyChoice way = proxy_for(environment, route.url(), route.is_encrypted());
+  set_request(route, environment, way);
+  if (route.is_encrypted() || way.is_encrypted()) set_certificates(environment);
   if (curl_multi_add_handle(handles_.multi(), handles_.easy()) != CURLM_OK) throw network_error(CURLE_OUT_OF_MEMORY, 0, {});
 }
 
@@ -142,7 +150,7 @@ void CurlTransfer::set_up_handle() {
   set_option(easy, CURLOPT_PREREQFUNCTION, &CurlTransfer::on_connected);
 }
 
-void CurlTransfer::set_request(const RequestRoute& route, Environment& environment) {
+void CurlTransfer::set_request(const RequestRoute& route, Environment& environment, const ProxyChoice& way) {
   CURL* const easy = handles_.easy();
   set_option(easy, CURLOPT_ERRORBUFFER, error_text_.data());
   set_option(easy, CURLOPT_URL, route.url().c_str());
@@ -151,7 +159,6 @@ void CurlTransfer::set_request(const RequestRoute& route, Environment& environme
   const std::int64_t read_bytes = _sync_http_response_read_bytes(environment);
   set_option(easy, CURLOPT_BUFFERSIZE, static_cast<long>(std::clamp(read_bytes, SMALLEST_READ_BYTES, LARGEST_READ_BYTES)));
   // Set even where they are empty: what is not set, curl reads from the environment itself.
-  const ProxyChoice way = proxy_for(environment, route.url(), route.is_encrypted());
   set_option(easy, CURLOPT_PROXY, way.proxy.c_str());
   set_option(easy, CURLOPT_NOPROXY, way.exempt_hosts.c_str());
 
@@ -183,27 +190,25 @@ void CurlTransfer::set_certificates(Environment& environment) {
   if (file.empty() && directory.empty()) {
     throw Error(error_class::TrustStoreError, "none were found; SSL_CERT_FILE or SSL_CERT_DIR says where they are");
   }
-  set_option(easy, CURLOPT_CAINFO, file.empty() ? nullptr : file.c_str());
+  const char* const believed = file.empty() ? nullptr : file.c_str();
   // curl parses the file for each connection where it knows of a directory: beside a file, the directory is kept from it.
   const char* const looked_up = directory.empty() ? nullptr : directory.c_str();
-  set_option(easy, CURLOPT_CAPATH, file.empty() ? looked_up : nullptr);
+  for (const CURLoption option : {CURLOPT_CAINFO, CURLOPT_PROXY_CAINFO}) set_option(easy, option, believed);
+  for (const CURLoption option : {CURLOPT_CAPATH, CURLOPT_PROXY_CAPATH}) set_option(easy, option, file.empty() ? looked_up : nullptr);
   set_option(easy, CURLOPT_SSL_CTX_DATA, file.empty() ? nullptr : looked_up);
 }
 
 // --- running ------------------------------------------------------------------------------------------------
 
 void CurlTransfer::wait_for_headers() {
-  Deadline deadline(timeout_seconds_);
-  for (bool waiting_for_answer = false; !headers_done_;) {
+  Deadline deadline(timeout_seconds_ > 0.0 ? std::max(timeout_seconds_, SHORTEST_LOOK_UP_SECONDS) : timeout_seconds_);
+  for (int stage = 0; !headers_done_;) {
     step();
     if (failure_) std::rethrow_exception(failure_);
     if (headers_done_) return;
     if (result_) throw transfer_error();
-    if (connected_ && !waiting_for_answer) {
-      waiting_for_answer = true;
-      deadline = Deadline(timeout_seconds_);
-    }
-    if (deadline.passed()) throw TimeoutError("timed out");
+    if (std::exchange(stage, stage_) != stage_) deadline = Deadline(timeout_seconds_);
+    if (deadline.passed()) throw TimeoutError(stage == 0 ? "the look-up of the host's name timed out" : "timed out");
     wait_for_network(deadline);
   }
 }
@@ -255,6 +260,10 @@ void CurlTransfer::wait_for_network(const Deadline& deadline) {
 Error CurlTransfer::transfer_error() const {
   long system_error = 0;
   curl_easy_getinfo(handles_.easy(), CURLINFO_OS_ERRNO, &system_error);
+  long tunnel_status = 0;
+  curl_easy_getinfo(handles_.easy(), CURLINFO_HTTP_CONNECTCODE, &tunnel_status);
+  if (tunnel_status != 0 && (tunnel_status < 200 || tunnel_status >= 300))
+    return Error(error_class::URLError, "the proxy refused the way to the server: HTTP " + std::to_string(tunnel_status));
   // curl tells a want of descriptors in many ways: no connection, no name, no certificates.
   if (const int shortage = system_error == 0 ? descriptor_shortage(socket_error_) : 0; shortage != 0) return os_error(shortage);
   if (*result_ == CURLE_OK) return Error(error_class::URLError, "the response ended within its headers");
@@ -291,12 +300,18 @@ curl_socket_t CurlTransfer::open_socket(void* self, curlsocktype, curl_sockaddr*
   auto& transfer = *static_cast<CurlTransfer*>(self);
   const int made = ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
   if (made < 0) transfer.socket_error_ = errno;
+  const double patience_ms = transfer.timeout_seconds_ * 1000.0 * SHARE_OF_AN_ADDRESS;
+  if (patience_ms > 0.0 && patience_ms < INT32_MAX) {
+    const auto shown = static_cast<unsigned>(patience_ms);
+    ::setsockopt(made, IPPROTO_TCP, TCP_USER_TIMEOUT, &shown, sizeof shown);  // where the system has none, its own patience holds
+  }
+  ++transfer.stage_;
   transfer.moved_ = true;  // a server on this machine has been reached by the next step
   return made;
 }
 
 int CurlTransfer::on_connected(void* self, char*, char*, int, int) {
-  static_cast<CurlTransfer*>(self)->connected_ = true;
+  ++static_cast<CurlTransfer*>(self)->stage_;
   return CURL_PREREQFUNC_OK;
 }
 

@@ -18,6 +18,7 @@
 namespace brackenfen::sync {
 
 class RequestRoute;
+struct ProxyChoice;
 
 /// Where authorities beside those of the certificate file are looked up, each when it is needed; empty for none.
 [[nodiscard]] std::string certificate_directory(Environment& environment);
@@ -46,8 +47,8 @@ class CurlTransfer final : public HttpResponse {
   CurlTransfer& operator=(const CurlTransfer&) = delete;
   ~CurlTransfer() override;
 
-  /// Connects, sends the request and takes the headers. Connecting and waiting for the whole of the headers
-  /// are bounded by the timeout, each on its own.
+  /// Looks the name up, connects, sends the request and takes the headers. Connecting, to each of the name's addresses, and waiting for
+  /// the whole of the headers are bounded by the timeout, each on its own; the look-up by no less than 30 s.
   void wait_for_headers();
 
   [[nodiscard]] int status() const override { return status_; }
@@ -62,7 +63,7 @@ class CurlTransfer final : public HttpResponse {
   /// What holds for every transfer of a handle.
   void set_up_handle();
   /// What is this transfer's own, all of it: the handle may come from another.
-  void set_request(const RequestRoute& route, Environment& environment);
+  void set_request(const RequestRoute& route, Environment& environment, const ProxyChoice& way);
   void set_certificates(Environment& environment);
   /// Lets curl work once.
   void step();
@@ -89,7 +90,7 @@ class CurlTransfer final : public HttpResponse {
   int status_ = 0;
   Headers headers_;
   std::size_t header_bytes_ = 0;
-  bool connected_ = false;
+  int stage_ = 0;  // rises with each socket and once connected: what comes next is waited for anew
   bool headers_done_ = false;
 
   BodySink* sink_ = nullptr;  // set while read_body runs

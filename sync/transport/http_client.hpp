@@ -67,9 +67,9 @@ class HttpClient {
   virtual ~HttpClient() = default;
   /// Sends the request and waits for the headers. Redirects are followed at most 10 deep, each target asked
   /// of `may_follow`, never from https to http, and Authorization stays with the origin it was meant for.
-  /// `timeout_seconds` bounds connecting and then the wait for the headers, each on its own and anew for each
-  /// redirect; not positive: none. Throws ValueError, before anything is sent, for a URL or header with characters
-  /// that HTTP forbids, and network failures.
+  /// `timeout_seconds` bounds connecting to each of the server's addresses and then the wait for the headers, each on its own and
+  /// anew for each redirect; a name's look-up has 30 s at least; not positive: none. Throws ValueError, before anything is sent, for
+  /// a URL or header with characters that HTTP forbids, and network failures.
   [[nodiscard]] virtual std::unique_ptr<HttpResponse> open(const HttpRequest& request, double timeout_seconds,
                                                            const class TransportSecurity& may_follow) = 0;
 

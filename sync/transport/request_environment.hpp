@@ -5,6 +5,7 @@
 #include <string>
 
 #include "sync/base/environment.hpp"
+#include "sync/base/text/text.hpp"
 
 namespace brackenfen::sync {
 
@@ -15,6 +16,9 @@ namespace brackenfen::sync {
 struct ProxyChoice {
   std::string proxy;         ///< empty for none
   std::string exempt_hosts;  ///< as no_proxy has them
+
+  /// The proxy is spoken to by TLS.
+  [[nodiscard]] bool is_encrypted() const { return ascii_lower(proxy).starts_with("https://"); }
 };
 
 /// By curl's rules, an empty variable counting as unset: {scheme}_proxy before all_proxy, each in small letters before

@@ -2,8 +2,12 @@
 
 #include "sync/transport/http_client.hpp"
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
+#include <netdb.h>
+#include <netinet/in.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,8 +16,11 @@
 #include <cstdlib>
 #include <functional>
 #include <map>
+#include <thread>
+#include <tuple>
 
 #include "sync/base/error.hpp"
+#include "sync/base/files/descriptor.hpp"
 #include "sync/base/threads/interrupt.hpp"
 #include "sync/neighbours/transport_security.hpp"
 #include "sync/transport/request_environment.hpp"
@@ -22,6 +29,15 @@
 #include "tests/support/recording_log.hpp"
 #include "tests/support/scripted_server.hpp"
 #include "tests/support/temporary_directory.hpp"
+
+/// Stands before the system's: "two.test" is found after 2.1 s, at an address before the one of the scripted servers.
+extern "C" [[gnu::visibility("default")]] int getaddrinfo(const char* name, const char* service, const addrinfo* hints, addrinfo** found) {
+  static const auto system = reinterpret_cast<decltype(&getaddrinfo)>(::dlsym(RTLD_NEXT, "getaddrinfo"));
+  if (name == nullptr || std::string_view(name) != "two.test") return system(name, service, hints, found);
+  std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+  const int outcome = system("127.0.0.2", service, hints, found);
+  return outcome != 0 ? outcome : system("127.0.0.1", service, hints, &(*found)->ai_next);
+}
 
 namespace brackenfen::sync {
 namespace {
@@ -189,23 +205,46 @@ TEST(HttpClient, readsTheCertificateFileOnceForEachDirectoryBesideIt) {
   EXPECT_THAT(failure_of_get(server.url("/")), HasSubstr("TrustStoreError: ")) << "believed what was read beside another directory";
 }
 
-TEST(HttpClient, judgesAProxyByNoDirectoryOfAnEarlierTransfer) {
-  ScriptedServer plain, encrypted{ScriptedServer::Scheme::Https}, proxy{ScriptedServer::Scheme::Https};
-  encrypted.script("/", {{.body = "whole"}});
+TEST(HttpClient, believesAProxyWhomItBelievesServersAndTellsWhatItRefuses) {
+  ScriptedServer plain, proxy{ScriptedServer::Scheme::Https}, stranger{ScriptedServer::Scheme::Https};
   proxy.script(plain.url("/"), {{.body = "by proxy"}});
   TemporaryDirectory directory;
   directory.write("ce275665.0", proxy.certificate_pem());  // the hash of the servers' name
-  const auto environment = std::make_shared<FakeEnvironment>(
-      std::map<std::string, std::string>{{"SSL_CERT_FILE", directory.write("ca.pem", encrypted.certificate_pem())},
-                                         {"SSL_CERT_DIR", directory / ""},
-                                         {"http_proxy", "https" + proxy.url().substr(proxy.url().find(':'))}});
-  for (const auto& [url, expected] : {std::pair(encrypted.url("/"), ""), std::pair(plain.url("/"), "SSLCertVerificationError: ")}) {
-    EXPECT_THAT(failure_of([&, url = url] {
-                  const HttpRequest request{url, {}, environment};
-                  static_cast<void>(body_of(*HttpClient::real().open(request, PATIENCE_SECONDS, TransportSecurity::builtin())));
-                }),
-                StartsWith(expected));
+  const std::string file = directory.write("ca.pem", proxy.certificate_pem()),
+                    other = directory.write("other.pem", stranger.certificate_pem());
+  const std::vector<std::tuple<std::string, std::string, std::string, std::string>> rows{
+      {plain.url("/"), file, "", ""},
+      {plain.url("/"), "", directory / "", ""},
+      {plain.url("/"), other, "", "SSLCertVerificationError: "},
+      {"https://data.invalid/", file, "", "URLError: the proxy refused the way to the server: HTTP 400"},
+  };
+  for (const auto& [url, believed, beside, expected] : rows) {
+    const std::string way = "https" + proxy.url().substr(proxy.url().find(':'));
+    const HttpRequest request{url,
+                              {},
+                              std::make_shared<FakeEnvironment>(std::map<std::string, std::string>{
+                                  {"SSL_CERT_FILE", believed}, {"SSL_CERT_DIR", beside}, {"http_proxy", way}, {"https_proxy", way}})};
+    const std::string failure = failure_of(
+        [&] { EXPECT_EQ(body_of(*HttpClient::real().open(request, PATIENCE_SECONDS, TransportSecurity::builtin())), "by proxy"); });
+    EXPECT_EQ(failure.substr(0, expected.empty() ? std::string::npos : expected.size()), expected) << request.url;
   }
+}
+
+TEST(HttpClient, waitsForALookUpAndGoesFromAMuteAddressToTheNext) {
+  ScriptedServer server;
+  server.script("/", {{.body = "whole"}});
+  sockaddr_in mute{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK + 1)}, .sin_zero = {}};
+  const std::string port = server.url().substr(server.url().rfind(':') + 1);
+  mute.sin_port = htons(static_cast<std::uint16_t>(std::stoi(port)));
+  auto* const where = reinterpret_cast<sockaddr*>(&mute);
+  const Descriptor full(::socket(AF_INET, SOCK_STREAM, 0));
+  ASSERT_TRUE(::bind(full.get(), where, sizeof mute) == 0 && ::listen(full.get(), 0) == 0);
+  std::vector<Descriptor> waiting;
+  for (int count = 0; count < 4; ++count) {
+    waiting.emplace_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+    static_cast<void>(::connect(waiting.back().get(), where, sizeof mute));
+  }
+  EXPECT_EQ(body_of(*open("http://two.test:" + port + "/", {}, 2.0)), "whole");
 }
 
 TEST(HttpClient, takesAnOddTimeoutForNone) {
