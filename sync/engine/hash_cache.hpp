@@ -28,7 +28,7 @@ inline constexpr int SYNC_HASH_CACHE_VERSION = 1;
 /// Size, both times and inode of a file.
 [[nodiscard]] FileStat _cache_stat_key(Files& files, const std::string& local_path);
 
-/// Starts empty; whoever owns it sets what _load_hash_cache() finds.
+/// Starts empty; load() takes over what the file holds.
 ///
 /// Any thread. No failure of the cache ever fails a sync, a lack of memory included: a bad file reads as empty, a failed
 /// write is logged and tried again with the next persist, and what cannot be remembered is not.

@@ -22,7 +22,7 @@ inline constexpr int PREFETCHED_FEATURES_VERSION = 1;
                                                                           const std::vector<Value>& paths);
 
 /// The paths of one era, in memory and in the file that processes share. Any thread; across processes the callers hold the
-/// directory lock. The lock is a leaf, held across the write of that one small file so that writes keep their order.
+/// directory lock. The lock is held across the write of that one small file, so that writes keep their order.
 class PrefetchedFeatures {
  public:
   PrefetchedFeatures(Files& files, Clock& clock, const Guarded<std::string>& data_dir)
