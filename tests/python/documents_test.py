@@ -180,5 +180,6 @@ def test_a_vocabulary_of_each_universe_is_merged_with_the_catalogue(tmp_path: pa
     nothing = told(sync._validate_manifest_vocabulary_files, tmp_path, sync.Manifest({"functions": FUNCTIONS, "files": {FUNCTIONS: {}}}))
     assert nothing == "SyncError: manifest is missing per-universe vocabulary.json entries"
     assert told(sync._validate_vocabulary_file, tmp_path / "x", 12, None) == "SyncError: vocabulary.json is missing"
-    assert sync._first_vocabulary_metadata({"a": 1, "b": {"metadata": None}, "c": {"metadata": {"d": 1}}, "e": {"metadata": {}}}) == {"d": 1}
-    assert sync._first_vocabulary_metadata({"a": {}, "c": {"metadata": {"d": 1}}}) == {}
+    first = {"c": {"metadata": {"d": 1}}, "e": {"metadata": {}}}
+    assert sync._first_vocabulary_metadata({"a": 1, "b": {"metadata": None}} | first) == {"d": 1}
+    assert sync._first_vocabulary_metadata({"a": {}} | first) == {}
