@@ -153,6 +153,8 @@ class Trial:
         self.processes = 1
         # Which feature the rotation has left out is what is asked for.
         left_out = next(path for path in ROTATING if workload.start is None or path not in self.start)
+        self.layer = folder / "fault/layer.so"  # what is preloaded has no blank in its path, which BUILD may have
+        self.layer.symlink_to(BUILD / "bin/libtorture_faults.so")
         self.command = tuple(pathlib.Path(left_out).stem if word == "*" else word for word in workload.command)
 
     def close(self) -> None:
@@ -162,7 +164,7 @@ class Trial:
                    within: tuple[str, ...] = ()) -> subprocess.Popen[bytes]:  # fmt: skip
         """On the data directory, its output among the phase's files; `within` is a command that runs it."""
         settings = {
-            "LD_PRELOAD": f"{BUILD}/bin/libtorture_faults.so " + os.environ.get("TORTURE_PRELOAD", ""),
+            "LD_PRELOAD": f"{self.layer} " + os.environ.get("TORTURE_PRELOAD", ""),
             "FAULT_BELOW": f"{self.data}/", "FAULT_LOG": f"{self.folder}/{phase}/points", "TORTURE_TOKEN": TOKEN,
             "BRACKENFEN_SYNC_HTTP_CHUNK_BYTES": str(CHUNK_BYTES), "BRACKENFEN_SYNC_MAX_CONCURRENCY": "1",
             "BRACKENFEN_SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS": "30",  # a busy machine is no outage
