@@ -3,10 +3,10 @@
 
 #include <cstdint>
 #include <string>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "sync/base/text/keyed_hash.hpp"
 #include "sync/base/threads/mutex.hpp"
 #include "sync/base/values/value.hpp"
 
@@ -31,7 +31,7 @@ class EventCounts {
 
  private:
   mutable Mutex mutex_;
-  std::unordered_map<std::string, std::int64_t> counts_ GUARDED_BY(mutex_);  // by packed key, a third of the memory
+  TextMap<std::int64_t> counts_ GUARDED_BY(mutex_);  // by packed key, a third of the memory
 };
 
 /// Those of the process; they start anew in a forked child.

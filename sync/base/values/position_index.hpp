@@ -4,10 +4,11 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <limits>
 #include <string_view>
 #include <vector>
+
+#include "sync/base/text/keyed_hash.hpp"
 
 namespace brackenfen::sync {
 
@@ -18,10 +19,7 @@ class PositionIndex {
   /// With room for `count` positions.
   explicit PositionIndex(std::size_t count = 0) : slots_(std::bit_ceil(count * 2), Slot{0, EMPTY}) {}
 
-  [[nodiscard]] static std::uint32_t hash_of(std::string_view key) noexcept {
-    const std::size_t hash = std::hash<std::string_view>{}(key);
-    return static_cast<std::uint32_t>(hash ^ (hash >> 32));
-  }
+  [[nodiscard]] static std::uint32_t hash_of(std::string_view key) noexcept { return static_cast<std::uint32_t>(sync::hash_of(key)); }
 
   /// The slot of the position that `is_wanted` accepts, or the one in which it belongs.
   struct Place {

@@ -1,26 +1,19 @@
 // Sets of paths that are asked with whatever text is at hand.
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <span>
 #include <string_view>
 
 #include <tsl/robin_set.h>
 
+#include "sync/base/text/keyed_hash.hpp"
 #include "sync/base/values/value.hpp"
 
 namespace brackenfen::sync {
 
-struct TextHash {
-  std::size_t operator()(std::string_view text) const noexcept { return std::hash<std::string_view>()(text); }
-};
-struct TextEqual {
-  using is_transparent = void;
-  bool operator()(std::string_view left, std::string_view right) const noexcept { return left == right; }
-};
 /// Hashes are kept, so that a text is read only where it is the one that is looked for.
-using TextSet = tsl::robin_set<Text, TextHash, TextEqual, std::allocator<Text>, true>;
+using TextSet = tsl::robin_set<Text, KeyedHash, KeyedEqual, std::allocator<Text>, true>;
 
 [[nodiscard]] inline TextSet set_of(std::span<const Text> texts) {
   TextSet set;
