@@ -25,37 +25,44 @@ EraThread::EraThread(Options options) : options_(validated(std::move(options))),
 void EraThread::start(std::shared_ptr<const void> host_handle) {
   if (fork_generation_ != fork_generation()) throw StateError("this EraThread was created before fork(): build one in this process");
   if (!options_.sync_manager) throw StateError("EraThread was garbage-collected");
-  if (_started.exchange(true)) throw StateError("EraThread already started");
-  _stop_event.clear();
+  auto watch = std::make_shared<Watch>();
+  auto before = watch;  // goes after the lock
+  {
+    const MutexLock lock(watch_mutex_);
+    if (_started.exchange(true)) throw StateError("EraThread already started");
+    watch_.swap(before);
+  }
   try {
     if (auto era = options_.sync_manager->manifest_era()) _last_known_era_id.set(*std::move(era));
-    const auto thread = std::make_shared<BackgroundThread>();
-    _thread.set(thread);
-    thread->start("bf-era", [self = shared_from_this(), host_handle = std::move(host_handle)] {
+    const MutexLock lock(watch_mutex_);  // across the start: no stop comes in between. No last handle of the host's goes under it
+    if (watch->stop.is_set()) return;
+    watch->thread->start("bf-era", [self = shared_from_this(), watch, host_handle] {
       const BackgroundScope scope(self->options_.activity, "bf-era");
-      self->_run();
+      self->run(*watch);
     });
   } catch (...) {
-    _started = false;
+    note_stopped(watch);
     throw;
   }
 }
 
 void EraThread::stop(Patience patience) {
-  if (fork_generation_ != fork_generation() || !_started) return;
-  _stop_event.set();
-  if (const auto thread = _thread.get()) thread->join(*options_.seams.clock, JOIN_SECONDS, patience);
-  _started = false;
+  if (fork_generation_ != fork_generation()) return;
+  std::shared_ptr<Watch> watch;
+  {
+    const MutexLock lock(watch_mutex_);
+    if (!_started) return;
+    watch = watch_;
+    watch->stop.set();
+  }
+  watch->thread->join(*options_.seams.clock, JOIN_SECONDS, patience);
+  note_stopped(watch);
 }
 
-bool EraThread::is_alive() const {
-  if (fork_generation_ != fork_generation()) return false;
-  const auto thread = _thread.get();
-  return thread && thread->is_alive();
-}
+bool EraThread::is_alive() const { return fork_generation_ == fork_generation() && last_watch()->thread->is_alive(); }
 
 void EraThread::abandon() {
-  if (fork_generation_ == fork_generation()) _stop_event.set();
+  if (fork_generation_ == fork_generation()) last_watch()->stop.set();
 }
 
 void EraThread::drop_host() {
@@ -65,14 +72,24 @@ void EraThread::drop_host() {
   options_.restart_searches_fn = nullptr;
 }
 
-void EraThread::_run() {
-  const std::shared_ptr<BackgroundThread> started = _thread.get();
+void EraThread::_run() { run(*last_watch()); }
+
+void EraThread::run(Watch& watch) {
   _poll_once();
-  while (!_stop_event.is_set() && fork_generation_ == fork_generation()) {  // else a callback forked, and this is the child
-    if (_stop_event.wait(*options_.seams.clock, _poll_interval.get())) return;
-    if (_thread.get() != started) return;  // one that outlived its stop, and another was started since
+  while (!watch.stop.is_set() && fork_generation_ == fork_generation()) {  // else a callback forked, and this is the child
+    if (watch.stop.wait(*options_.seams.clock, _poll_interval.get())) return;
     _poll_once();
   }
+}
+
+std::shared_ptr<EraThread::Watch> EraThread::last_watch() const {
+  const MutexLock lock(watch_mutex_);
+  return watch_;
+}
+
+void EraThread::note_stopped(const std::shared_ptr<Watch>& watch) {
+  const MutexLock lock(watch_mutex_);
+  if (watch_ == watch) _started = false;
 }
 
 }  // namespace brackenfen::sync

@@ -10,6 +10,7 @@
 
 #include "sync/base/threads/background_thread.hpp"
 #include "sync/base/threads/event.hpp"
+#include "sync/base/threads/mutex.hpp"
 #include "sync/base/threads/snapshot.hpp"
 #include "sync/base/values/value.hpp"
 #include "sync/era/watcher_decision.hpp"
@@ -86,6 +87,16 @@ class EraThread : public std::enable_shared_from_this<EraThread> {
   Guarded<Value> _last_transition_error;  ///< a text, or null
 
  private:
+  /// From a start to its stop. One that outlives its stop ends by itself, whatever is started since.
+  struct Watch {
+    const std::shared_ptr<BackgroundThread> thread = std::make_shared<BackgroundThread>();
+    Event stop;
+  };
+
+  void run(Watch& watch);
+  [[nodiscard]] std::shared_ptr<Watch> last_watch() const EXCLUDES(watch_mutex_);
+  /// Nothing is started any more, unless it was started anew since.
+  void note_stopped(const std::shared_ptr<Watch>& watch) EXCLUDES(watch_mutex_);
   void follow(NeighbourSet& neighbours, const EraReport& report);
   void cancel_close();
   void transit_to_closing(const Value& era_number);
@@ -93,8 +104,8 @@ class EraThread : public std::enable_shared_from_this<EraThread> {
 
   Options options_;  // changed by drop_host alone
   const std::uint64_t fork_generation_;
-  Snapshot<BackgroundThread> _thread;  ///< the last one started; never cleared
-  Event _stop_event;
+  mutable Mutex watch_mutex_;  // _started changes under it too, together with what follows
+  std::shared_ptr<Watch> watch_ GUARDED_BY(watch_mutex_) = std::make_shared<Watch>();  ///< the last one; never null
 };
 
 }  // namespace brackenfen::sync

@@ -1,5 +1,9 @@
+#include <future>
+#include <thread>
+
 #include "sync/base/values/convert.hpp"
 #include "sync/era/era_thread.hpp"
+#include "tests/support/host_interrupt.hpp"
 #include "tests/support/sync_setup.hpp"
 
 namespace brackenfen::sync {
@@ -118,6 +122,31 @@ TEST_F(EraPollTest, aClosingEraIsNotTriedAgain) {
   EXPECT_EQ(thread->_last_transition_error.get(), Value("closing: not now"));
   EXPECT_THAT(manager->asked, ElementsAre("7"));
   EXPECT_THAT(warnings(), ElementsAre("Trigger era transition (closing) failed: not now"));
+}
+
+TEST_F(EraPollTest, aStopThatEndsLateLeavesTheWatchThatWasStartedSince) {
+  const auto thread = watcher();
+  server.script("/era/current", {era("7", "active")});
+  std::promise<void> polls, go_on;
+  token->call_once([&] {
+    polls.set_value();
+    go_on.get_future().wait();
+  });
+  thread->start();
+  polls.get_future().wait();
+  const std::thread::id stopping = std::this_thread::get_id();
+  bool restarted = false;
+  const HostInterrupt while_it_waits([&] {
+    if (std::this_thread::get_id() != stopping || std::exchange(restarted, true)) return;
+    go_on.set_value();
+    thread->stop();  // as another thread, which is quicker
+    thread->start();
+  });
+  thread->stop();
+  EXPECT_TRUE(restarted);
+  EXPECT_TRUE(thread->_started && thread->is_alive());
+  thread->stop();
+  EXPECT_FALSE(thread->_started || thread->is_alive());
 }
 
 TEST_F(EraPollTest, withoutAnEraToLeaveOnlyClosingLeadsToATransition) {
