@@ -307,6 +307,9 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   /// SyncError and its subclasses, os_error, and what the callables throw; searches then stay stopped.
   void trigger_era_transition(const Value& new_era_id, const SearchesFn& kill_searches_fn = {}, const SearchesFn& restart_searches_fn = {});
 
+  /// The era from which a watcher starts: that of the manifest, or the one before where a transition, of whichever process, did
+  /// not come to its end and is to be run again. Absent without a manifest.
+  [[nodiscard]] std::optional<Value> era_to_watch_from() const;
   struct ActiveEra {
     Value era_number;       ///< an integer
     Document era_manifest;  ///< the normalised answer
@@ -479,6 +482,9 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   /// Throws InsideOwnWork on a thread that is part of a pass, or of another unit of work on this directory.
   void require_outside_own_pass();
 
+  /// The era that authentication and the search tracker last heard of, where that is another one than `era_number`, in which
+  /// the data are; null for none.
+  [[nodiscard]] std::optional<Value> era_told_before(const Value& era_number) const;
   void start_era_thread();
   void stop_era_thread(Patience patience);
   /// As stopped, but for the poll thread itself, which ends by itself where it runs.
@@ -535,7 +541,9 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   RotationStateRef store_rotation_state(NeighbourSet& neighbours, const RotationStateRef& promoted);
 
   std::atomic<bool> transition_has_directory_{false};  ///< from the lock of a transition to its release
-  Guarded<Value> planned_seed_;                        ///< kept until a state stores it, so that a pass which failed selects the same again
+  /// What .told_era says, for as long as this process has not told: another one that comes to its end takes the file along.
+  Guarded<std::optional<Value>> told_era_;
+  Guarded<Value> planned_seed_;  ///< kept until a state stores it, so that a pass which failed selects the same again
   Guarded<std::optional<FileStat>> rotation_state_seen_;  ///< the state file as it was last read or written here
   StateChanges rotation_state_changes_;
   HashCache _hash_cache;

@@ -58,6 +58,7 @@ std::optional<Value> SyncManager::Transition::run() {
     promote();
     if (must_tell_) notify_neighbours();
     forget_told_era(*manager_.seams_.files, data_dir_);
+    manager_.told_era_.set(std::nullopt);
     restart_searches();
     log_info("Era transition to era %s completed in %.1f s: %d files, %d bytes", manifest_era_id_,
              static_cast<double>(manager_.seams_.clock->monotonic_ns() - began_ns) * 1e-9, staged_file_paths_.size(),
@@ -134,7 +135,7 @@ void SyncManager::Transition::fetch_manifest() {
 
 /// The data may be in this era already, and only the neighbours not: a transition ended before it had told them.
 void SyncManager::Transition::find_whom_to_tell() {
-  const std::optional<Value> told = previous_era_id_.is_null() ? std::nullopt : era_told_before(data_dir_, previous_era_id_);
+  const std::optional<Value> told = previous_era_id_.is_null() ? std::nullopt : manager_.era_told_before(previous_era_id_);
   told_era_id_ = told.value_or(previous_era_id_);
   must_tell_ = told ? told_era_id_ != manifest_era_id_ : has_real_era_advance_;
 }

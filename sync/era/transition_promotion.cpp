@@ -70,7 +70,10 @@ void SyncManager::Transition::promote() {
   manager_._directory_lock.require_directory();
   move_staged_files();
   manager_._directory_lock.require_directory();
-  if (must_tell_) note_told_era(data_dir_, told_era_id_);
+  if (must_tell_) {
+    note_told_era(data_dir_, told_era_id_);
+    manager_.told_era_.set(told_era_id_);
+  }
   _write_manifest_json(*manager_.seams_.files, *manager_.seams_.clock, data_dir_, new_manifest_->data());
   manager_._manifest.set(new_manifest_);
   manager_._vocabulary.set(std::make_shared<const Document>(staged_vocabularies_));

@@ -12,7 +12,6 @@
 #include "sync/base/threads/failure.hpp"
 #include "sync/base/threads/interrupt.hpp"
 #include "sync/engine/sync_manager.hpp"
-#include "sync/lifecycle/told_era.hpp"
 
 namespace brackenfen::sync {
 namespace {
@@ -51,7 +50,7 @@ class OwnManager : public EraManager {
 
   std::optional<Value> manifest_era() override {
     const auto manager = manager_.lock();
-    return manager ? era_to_watch_from(*manager) : std::nullopt;
+    return manager ? manager->era_to_watch_from() : std::nullopt;
   }
   void trigger_era_transition(const Value& new_era_id, const SearchesFn& kill_searches_fn, const SearchesFn& restart_searches_fn) override {
     if (const auto manager = manager_.lock()) manager->trigger_era_transition(new_era_id, kill_searches_fn, restart_searches_fn);

@@ -34,17 +34,25 @@ std::optional<Value> read_note(const std::string& path) {
   }
 }
 
+bool is_another_era(const Value& told, const Value& era_number) { return told != to_integer_or_absent(era_number).value_or(era_number); }
+
 }  // namespace
 
 std::optional<Value> era_told_before(std::string_view data_dir, const Value& era_number) {
   std::optional<Value> told = read_note(note_path(data_dir));
-  return told && *told != to_integer_or_absent(era_number).value_or(era_number) ? told : std::nullopt;
+  return told && is_another_era(*told, era_number) ? told : std::nullopt;
 }
 
-std::optional<Value> era_to_watch_from(SyncManager& manager) {
-  const std::shared_ptr<Manifest> manifest = manager.get_manifest();
+std::optional<Value> SyncManager::era_told_before(const Value& era_number) const {
+  const std::optional<Value> told = told_era_.get();
+  if (!told) return sync::era_told_before(_data_dir.get(), era_number);
+  return is_another_era(*told, era_number) ? told : std::nullopt;
+}
+
+std::optional<Value> SyncManager::era_to_watch_from() const {
+  const std::shared_ptr<Manifest> manifest = _manifest.get();
   if (!manifest) return std::nullopt;
-  const std::optional<Value> told = era_told_before(manager._data_dir.get(), manifest->era_number());
+  const std::optional<Value> told = era_told_before(manifest->era_number());
   return told && !told->is_null() ? *told : manifest->era_number();
 }
 

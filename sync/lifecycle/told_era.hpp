@@ -14,17 +14,11 @@
 
 namespace brackenfen::sync {
 
-class SyncManager;
-
 inline constexpr const char* TOLD_ERA_FILENAME = ".told_era";
 
 /// What the note of `data_dir` says, where it holds for data of era `era_number`: another era, or null for none. Absent
 /// without a note, with one that cannot be read, and with one of a transition that never came to its commit.
 [[nodiscard]] std::optional<Value> era_told_before(std::string_view data_dir, const Value& era_number);
-
-/// The era from which a watcher of `manager` starts: that of its manifest, or the one before where a transition, of
-/// whichever process, did not come to its end and is to be run again. Absent without a manifest.
-[[nodiscard]] std::optional<Value> era_to_watch_from(SyncManager& manager);
 
 /// Leaves the note, of an integer or null. A failure is a warning in the log: it stands in nobody's way.
 void note_told_era(std::string_view data_dir, const Value& told_era);
