@@ -115,6 +115,11 @@ class ScriptedServer::Connection {
     return true;
   }
 
+  void renew_keys() {
+    while (!stopping_ && SSL_key_update(tls_, SSL_KEY_UPDATE_NOT_REQUESTED) == 1 && SSL_do_handshake(tls_) == 1) {
+    }
+  }
+
   void reset_on_close() {
     const linger at_once{.l_onoff = 1, .l_linger = 0};
     ::setsockopt(socket_.get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
@@ -244,6 +249,7 @@ void ScriptedServer::send_reply(Connection& connection, const Reply& reply) {
   if (!framed) message += "Content-Length: " + std::to_string(reply.body.size()) + "\r\n";
   message += "\r\n" + reply.body.substr(0, reply.cut_after.value_or(reply.body.size()));
   if (!connection.send(message)) return;
+  if (reply.renews_keys) connection.renew_keys();
   if (reply.stall) static_cast<void>(connection.wait(std::chrono::hours(1)));
   if (reply.reset) connection.reset_on_close();
 }

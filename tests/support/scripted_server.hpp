@@ -28,6 +28,7 @@ struct Reply {
   std::optional<std::size_t> cut_after = {};  ///< bytes of the body after which the connection ends
   bool reset = false;                         ///< the connection ends with RST instead of FIN
   bool stall = false;                         ///< after the body (or its cut) nothing happens any more
+  bool renews_keys = false;                   ///< of TLS, from then on without end
   bool keep = false;                          ///< the connection serves another request
   std::chrono::milliseconds delay{0};         ///< before the first byte
 };

@@ -255,6 +255,17 @@ TEST(HttpClient, takesAnOddTimeoutForNone) {
   }
 }
 
+TEST(HttpClient, leavesAServerAtTheTimeoutThatRenewsItsKeysWithoutEnd) {
+  ScriptedServer server{ScriptedServer::Scheme::Https};
+  server.script("/", {{.headers = {{"Content-Length", "1"}}, .renews_keys = true}});
+  TemporaryDirectory directory;
+  const Variable file("SSL_CERT_FILE", directory.write("ca.pem", server.certificate_pem()));
+  const auto response = open(server.url("/"));
+  const auto began = std::chrono::steady_clock::now();
+  EXPECT_EQ(failure_of([&] { static_cast<void>(body_of(*response, 0.3)); }), "TimeoutError: response body read exceeded sync HTTP timeout");
+  EXPECT_LT(std::chrono::steady_clock::now() - began, 10s) << "where nobody looks it takes half a minute";
+}
+
 TEST(HttpClient, passesTheSinksErrorsOnUnchanged) {
   ScriptedServer server;
   server.script("/", {{.body = std::string(100'000, 'x')}});

@@ -185,10 +185,12 @@ TEST_F(RetryTest, cutsTheWordsOfAServerBetweenTwoCharacters) {
 
 TEST_F(RetryTest, noLineAndNoErrorShowsAToken) {
   remember_secret("canary/5f+d9c");
-  const std::string forms = "canary/5f+d9c canary%2F5f%2Bd9c canary%2f5f%2bd9c Y2FuYXJ5LzVmK2Q5Y NhbmFyeS81ZitkOW jYW5hcnkvNWYrZDlj";
+  const std::string forms =
+      "canary/5f+d9c canary%2F5f%2Bd9c canary%2f5f%2bd9c canary/5f%2Bd9c canary\\/5f+d9c %63anary/5f+d9c Y2FuYXJ5LzVmK2Q5Y "
+      "NhbmFyeS81ZitkOW jYW5hcnkvNWYrZDlj";
   log_warning("%s %r", forms, Value(List{forms}));
   for (const std::string& told : {log_.messages(LogLevel::Warning).at(0), Error(error_class::EraError, forms).text()})
-    EXPECT_THAT(told, Not(ContainsRegex("[[:alnum:]]")));
+    EXPECT_THAT(told, Not(ContainsRegex("[[:alnum:]%]")));
 }
 
 TEST_F(RetryTest, asksForAttentionOnceWhereWaitingAloneCuresNothing) {

@@ -1,7 +1,7 @@
 #include "sync/base/text/secrets.hpp"
 
 #include <algorithm>
-#include <cctype>
+#include <charconv>
 #include <cstddef>
 #include <memory>
 #include <utility>
@@ -18,7 +18,7 @@ constexpr std::size_t MOST_SECRETS = 8;
 
 struct Secret {
   std::string token;
-  std::vector<std::string> forms;  // the token first
+  std::vector<std::string> packed;  ///< what base64 makes of it
 };
 using Secrets = std::vector<Secret>;
 
@@ -29,18 +29,26 @@ Snapshot<const Secrets>& known() {
 }
 [[maybe_unused]] static const auto& made_at_load = known();  // see at_fork_child
 
-std::string percent_encoded(std::string_view token, const char* digits) {
-  std::string encoded;
+/// How many bytes at the beginning of `text` spell `character`: as it is, percent-encoded, or behind backslashes, as JSON may
+/// have it, and the JSON of that. 0 for none.
+std::size_t spelled(std::string_view text, char character) {
+  if (text.starts_with(character)) return 1;
+  const std::size_t slashes = std::min(text.find_first_not_of('\\'), text.size());
+  if (text.substr(slashes).starts_with(character)) return slashes + 1;
+  unsigned byte = 0;
+  const bool is_encoded = text.size() > 2 && text[0] == '%' && std::from_chars(&text[1], &text[1] + 2, byte, 16).ptr == &text[1] + 2;
+  return is_encoded && static_cast<char>(byte) == character ? 3 : 0;
+}
+
+/// The same for all of the token. Which characters are encoded differs from one encoder to the next, so any may be.
+std::size_t spelled(std::string_view text, std::string_view token) {
+  std::size_t length = 0;
   for (const char character : token) {
-    const auto byte = static_cast<unsigned char>(character);
-    const bool unreserved = byte < 0x80 && (std::isalnum(byte) != 0 || std::string_view("-._~").find(character) != std::string_view::npos);
-    if (unreserved) {
-      encoded += character;
-    } else {
-      encoded.append({'%', digits[byte >> 4U], digits[byte & 15U]});
-    }
+    const std::size_t more = spelled(text.substr(length), character);
+    if (more == 0) return 0;
+    length += more;
   }
-  return encoded;
+  return length;
 }
 
 /// Those characters of a base64 text that follow from the token alone, where `offset` bytes stand before it.
@@ -62,27 +70,32 @@ std::string base64_part(std::string_view token, std::size_t offset, std::string_
 }
 
 Secret secret_of(std::string_view token) {
-  Secret secret{std::string(token), {std::string(token)}};
-  const auto add = [&](std::string form) {
-    if (form.size() >= SHORTEST_BYTES && std::find(secret.forms.begin(), secret.forms.end(), form) == secret.forms.end()) {
-      secret.forms.push_back(std::move(form));
-    }
-  };
-  for (const char* digits : {"0123456789ABCDEF", "0123456789abcdef"}) add(percent_encoded(token, digits));
+  Secret secret{std::string(token), {}};
   for (const std::size_t offset : {0U, 1U, 2U}) {
-    for (const char* last_two : {"+/", "-_"}) add(base64_part(token, offset, last_two));
+    for (const char* last_two : {"+/", "-_"}) {
+      std::string part = base64_part(token, offset, last_two);
+      const bool is_new = std::find(secret.packed.begin(), secret.packed.end(), part) == secret.packed.end();
+      if (is_new && part.size() >= SHORTEST_BYTES) secret.packed.push_back(std::move(part));
+    }
   }
   return secret;
 }
 
 bool mask_in_place(std::string& text, const Secrets& secrets) {
   bool found = false;
+  const auto mask = [&](std::size_t at, std::size_t length) {
+    text.replace(at, length, length, '*');
+    found = true;
+    return at + length;
+  };
   for (const Secret& secret : secrets) {
-    for (const std::string& form : secret.forms) {
-      for (std::size_t at = text.find(form); at != std::string::npos; at = text.find(form, at + form.size())) {
-        text.replace(at, form.size(), form.size(), '*');
-        found = true;
-      }
+    const char first[] = {secret.token.front(), '%', '\\'};
+    for (std::size_t at = 0; (at = text.find_first_of(first, at, sizeof first)) != std::string::npos;) {
+      const std::size_t length = spelled(std::string_view(text).substr(at), secret.token);
+      at = length == 0 ? at + 1 : mask(at, length);
+    }
+    for (const std::string& form : secret.packed) {
+      for (std::size_t at = 0; (at = text.find(form, at)) != std::string::npos;) at = mask(at, form.size());
     }
   }
   return found;

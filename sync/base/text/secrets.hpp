@@ -8,9 +8,9 @@
 
 namespace brackenfen::sync {
 
-/// From now on the functions below know `token`, and its percent-encoded and base64 forms, also as a part of something
-/// longer. Only in memory, and only the latest few: hosts renew theirs. A text of less than six bytes is no secret.
-/// Any thread, as below.
+/// From now on the functions below know `token`, whichever of its characters are percent-encoded or behind a backslash, and its
+/// base64 forms, also as a part of something longer. Only in memory, and only the latest few: hosts renew theirs. A text of less than six
+/// bytes is no secret. Any thread, as below.
 void remember_secret(std::string_view token);
 
 /// The text with asterisks in the place of every secret, one for each byte: positions in it stay what they were.
