@@ -92,7 +92,7 @@ greenlet.greenlet(manager.sync).switch()
 """, """
 names = map(str, range(10000))
 manager._get_token = download
-threading.stack_size(2**19)
+threading.stack_size(2**20)
 thread = threading.Thread(target=refused, args=(download,))
 thread.start()
 thread.join()
