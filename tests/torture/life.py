@@ -11,7 +11,7 @@ import sys
 import time
 from collections.abc import Iterator
 
-from torture.case import Case, draw, module_environment
+from torture.case import BUILD, Case, draw, module_environment
 from torture.hostile_case import arena, assert_heals, template
 from torture.hostile_server import PLACES, TOKEN, Exchange, Server, answer, raw, small_world
 
@@ -172,6 +172,7 @@ if __name__ == "__main__":
 WORKS = ("pass", "many", "outage", "stalled", "transition", "lock", "callback", "verify")
 KINDS = ("background", "daemon", "thread", "pool", "asyncio", "main")
 ENDINGS = ("exit", "quit", "fork", "fork-on", "divide", "mp-fork", "forkserver", "spawn", "ctrl-c")
+FORKS = ("fork", "fork-on", "divide", "mp-fork")
 DEADLINE_SECONDS = 60
 INTERRUPT_SECONDS = 0.2
 SOON_SECONDS = 4  # in which an end must have come on a busy machine; what starts other processes takes its time
@@ -222,6 +223,8 @@ def cases(long: bool) -> Iterator[Case]:
     # No stop callback ends these two, and asyncio waits for its threads.
     rows = [(work, kind, ending) for work in WORKS for kind in KINDS for ending in ENDINGS
             if (kind != "main" or ending == "ctrl-c") and (kind != "asyncio" or work not in ("lock", "verify"))]  # fmt: skip
+    # The runtime of the address sanitizer leaves its own locks held in a child that is forked beside a thread which allocates.
+    rows = [row for row in rows if BUILD.name != "asan" or row[2] not in FORKS]
     moments = [(*row, seed) for seed in range(2) for row in rows]
     for moment in moments if long else draw(moments, 60):
         yield Case(" ".join(map(str, moment)), functools.partial(run, *moment))
