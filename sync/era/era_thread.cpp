@@ -36,6 +36,7 @@ void EraThread::start(std::shared_ptr<const void> host_handle) {
     if (auto era = options_.sync_manager->manifest_era()) _last_known_era_id.set(*std::move(era));
     const MutexLock lock(watch_mutex_);  // across the start: no stop comes in between. No last handle of the host's goes under it
     if (watch->stop.is_set()) return;
+    // Not moved, so that it goes after the lock where no thread starts. NOLINTNEXTLINE(performance-unnecessary-value-param)
     watch->thread->start("bf-era", [self = shared_from_this(), watch, host_handle] {
       const BackgroundScope scope(self->options_.activity, "bf-era");
       self->run(*watch);

@@ -12,7 +12,8 @@ namespace brackenfen::sync::detail {
 HashSecret::HashSecret() noexcept {
   if (::getrandom(words, sizeof words, GRND_NONBLOCK) == sizeof words) return;
   // Where that is forbidden, or the system has only just started: what the kernel gives each process on its way.
-  const auto* const given = reinterpret_cast<const char*>(::getauxval(AT_RANDOM));  // 16 bytes
+  // 16 bytes, which getauxval() tells as a number: NOLINTNEXTLINE(performance-no-int-to-ptr)
+  const auto* const given = reinterpret_cast<const char*>(::getauxval(AT_RANDOM));
   const auto now = static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
   words[0] = given == nullptr ? now : word_at<std::uint64_t>(given);
   words[1] = given == nullptr ? reinterpret_cast<std::uintptr_t>(this) : word_at<std::uint64_t>(given + 8);
