@@ -35,13 +35,7 @@ Instances<EraThread>& instances() {
 EraThreadObject::~EraThreadObject() {
   const nb::error_scope raised_meanwhile;  // the object may go while an exception is on its way
   instances().forget(core.get());
-  try {
-    detached([&] { core.reset(); });
-  } catch (nb::python_error& error) {  // a signal came meanwhile: as with any other finaliser
-    error.discard_as_unraisable("EraThread");
-  } catch (const StateError&) {   // in a callback that must not call back: it goes with the interpreter lock held
-  } catch (const Interrupted&) {  // the same as the interpreter ends
-  }
+  let_go(core, "EraThread");
 }
 
 /// Follows what a watcher of the host's own refers to, while this handle alone keeps it alive.

@@ -166,13 +166,7 @@ ManagerObject::ManagerObject(std::shared_ptr<SyncManager> given) : core(std::mov
 ManagerObject::~ManagerObject() {
   const nb::error_scope raised_meanwhile;  // the object may go while an exception is on its way
   instances().forget(core.get());
-  try {
-    detached([&] { core.reset(); });
-  } catch (nb::python_error& error) {  // a signal came meanwhile: as with any other finaliser
-    error.discard_as_unraisable("SyncManager");
-  } catch (const StateError&) {   // in a callback that must not call back: it goes with the interpreter lock held
-  } catch (const Interrupted&) {  // the same as the interpreter ends
-  }
+  let_go(core, "SyncManager");
 }
 
 nb::object manager_to_python(const std::shared_ptr<SyncManager>& core) {

@@ -53,6 +53,19 @@ auto detached(Work&& work) {
   return std::forward<Work>(work)();
 }
 
+/// For the finaliser of an object of that class: lets go of what it holds of the core, without the interpreter lock where that
+/// can be. Throws nothing.
+template <typename Core>
+void let_go(std::shared_ptr<Core>& core, const char* class_name) {
+  try {
+    detached([&] { core.reset(); });
+  } catch (nb::python_error& error) {  // a signal came meanwhile: as with any other finaliser
+    error.discard_as_unraisable(class_name);
+  } catch (const StateError&) {   // in a callback that must not call back: it goes with the interpreter lock held
+  } catch (const Interrupted&) {  // the same as the interpreter ends
+  }
+}
+
 /// Document of a manifest. Throws TypeError for None, as for what is no value at all, and AttributeError for another
 /// value that has no keys to look up.
 [[nodiscard]] Document manifest_document(nb::handle object, const char* name, Origins* origins = nullptr);

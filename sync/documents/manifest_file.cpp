@@ -10,7 +10,7 @@ void _write_manifest_json(Files& files, Clock& clock, std::string_view data_dir,
 }
 
 bool has_manifest_json(Files& files, std::string_view data_dir) {
-  const std::optional<FileStat> stat = stat_or_absent(files, join_path(data_dir, "manifest.json"));
+  const std::optional<FileStat> stat = stat_or_absent(files, join_path(data_dir, MANIFEST_FILENAME));
   return stat && stat->is_regular && stat->size_bytes > 0;
 }
 

@@ -44,35 +44,6 @@ struct DownloadBatch::Worker {
   std::optional<LocalFiles> local_files = {};
 };
 
-/// How many workers of a batch have not ended. Apart from the batch, so that one counts itself out when it has let go of
-/// that and of the manager: nothing of a set that has returned keeps them alive.
-class DownloadBatch::WorkerCount {
- public:
-  void rise() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    ++running_;
-  }
-  void fall() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    --running_;
-    fell_.notify_all();
-  }
-  [[nodiscard]] bool is_zero() const {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return running_ == 0;
-  }
-  /// Waits for one slice; whether none runs.
-  bool wait_slice() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return fell_.wait_for(lock, INTERRUPT_SLICE, [&] { return running_ == 0; });
-  }
-
- private:
-  mutable std::mutex mutex_;  // a leaf
-  std::condition_variable fell_;
-  std::int64_t running_ = 0;
-};
-
 DownloadBatch::DownloadBatch(std::shared_ptr<SyncManager> manager, std::shared_ptr<NeighbourSet> neighbours, std::vector<Item> items)
     : manager_(std::move(manager)),
       neighbours_(std::move(neighbours)),
@@ -82,7 +53,7 @@ DownloadBatch::DownloadBatch(std::shared_ptr<SyncManager> manager, std::shared_p
       tasks_(tasks_for(LocalFiles(data_dir_, directory_), items_)),
       parent_context_(_current_sync_backoff_context(manager_->seams())),
       done_(items_.size()),
-      workers_(std::make_shared<WorkerCount>()) {}
+      workers_(std::make_shared<ThreadCount>()) {}
 
 void DownloadBatch::start(std::int64_t worker_count) {
   for (std::int64_t number = 0; number < worker_count; ++number) {
@@ -214,7 +185,7 @@ void DownloadBatch::drop_queue() {
 
 void DownloadBatch::wait_for_workers() {
   while (true) {
-    if (workers_->wait_slice()) return;
+    if (workers_->wait_for_zero(INTERRUPT_SLICE)) return;
     if (!interrupt_->tripped()) check_interrupt();
   }
 }

@@ -16,6 +16,7 @@
 #include "sync/base/files/root_directory.hpp"
 #include "sync/base/threads/fork.hpp"
 #include "sync/base/threads/interrupt.hpp"
+#include "sync/base/threads/thread_count.hpp"
 #include "sync/base/threads/work.hpp"
 #include "sync/documents/local_files.hpp"
 #include "sync/engine/results.hpp"
@@ -65,7 +66,6 @@ class DownloadBatch : public std::enable_shared_from_this<DownloadBatch> {
   /// Items that share a local file or a staging file: fetched one after the other by one worker.
   using Task = std::vector<std::size_t>;
   struct Worker;
-  class WorkerCount;
 
   [[nodiscard]] static std::vector<Task> tasks_for(LocalFiles&& local_files, const std::vector<Item>& items);
   /// The life of a worker.
@@ -104,7 +104,9 @@ class DownloadBatch : public std::enable_shared_from_this<DownloadBatch> {
   std::size_t consumed_ = 0;
   std::exception_ptr lost_outcome_;
 
-  const std::shared_ptr<WorkerCount> workers_;
+  /// Of the workers that have not ended. Apart from the batch, so that one counts itself out when it has let go of that and
+  /// of the manager: nothing of a set that has returned keeps them alive.
+  const std::shared_ptr<ThreadCount> workers_;
 };
 
 }  // namespace brackenfen::sync

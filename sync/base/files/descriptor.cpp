@@ -36,15 +36,7 @@ int Descriptor::try_close() noexcept {
 }
 
 Descriptor open_file(const std::string& path, int flags, unsigned mode) {
-  // The system would stop reading at the NUL and open another file.
-  if (path.find('\0') != std::string::npos) throw ValueError("embedded null byte");
-  LeaseWait lease;
-  for (;;) {
-    const int number = ::open(path.c_str(), flags | O_CLOEXEC, mode);
-    if (number >= 0) return Descriptor(number);
-    const int reason = errno;
-    if (reason != EINTR && !lease.worth_another_try(reason)) throw os_error(reason, path);
-  }
+  return open_patiently(path, [&] { return ::open(path.c_str(), flags | O_CLOEXEC, mode); });
 }
 
 Descriptor duplicate(const Descriptor& file, const std::string& path) {

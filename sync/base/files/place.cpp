@@ -69,15 +69,7 @@ bool in_same_folder(const Place& one, const Place& other) noexcept {
 }
 
 Descriptor open_at(const Place& place, int flags, unsigned mode) {
-  // The system would stop reading at the NUL and open another file.
-  if (place.path().find('\0') != std::string::npos) throw ValueError("embedded null byte");
-  LeaseWait lease;
-  for (;;) {
-    const int number = ::openat(place.folder(), place.name(), flags | O_CLOEXEC, mode);
-    if (number >= 0) return Descriptor(number);
-    const int reason = errno;
-    if (reason != EINTR && !lease.worth_another_try(reason)) throw os_error(reason, place.path());
-  }
+  return open_patiently(place.path(), [&] { return ::openat(place.folder(), place.name(), flags | O_CLOEXEC, mode); });
 }
 
 Descriptor open_own_file(const Place& place, int flags, FileId* id) {

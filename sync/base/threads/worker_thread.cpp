@@ -2,8 +2,6 @@
 
 #include <pthread.h>
 
-#include <condition_variable>
-#include <mutex>
 #include <system_error>
 #include <thread>
 
@@ -11,30 +9,14 @@
 #include "sync/base/threads/failure.hpp"
 #include "sync/base/threads/fresh_after_fork.hpp"
 #include "sync/base/threads/interrupt.hpp"
+#include "sync/base/threads/thread_count.hpp"
 
 namespace brackenfen::sync {
 namespace {
 
 constexpr std::size_t SYSTEM_NAME_BYTES = 15;
 
-/// How many threads run.
-struct Count {
-  std::mutex mutex;
-  std::condition_variable fell;
-  int running = 0;
-
-  void rise() {
-    const std::lock_guard<std::mutex> lock(mutex);
-    ++running;
-  }
-  void fall() {
-    const std::lock_guard<std::mutex> lock(mutex);
-    --running;
-    fell.notify_all();
-  }
-};
-
-Count& count() { return fresh_after_fork<Count>(); }
+ThreadCount& count() { return fresh_after_fork<ThreadCount>(); }
 [[maybe_unused]] static const auto& made_at_load = count();  // see at_fork_child
 
 constinit thread_local bool started_here = false;
@@ -53,7 +35,7 @@ void run_top(const std::function<void()>& body) {
 bool on_worker_thread() noexcept { return started_here; }
 
 void start_worker_thread(const std::string& name, std::function<void()> body) {
-  Count& threads = count();
+  ThreadCount& threads = count();
   threads.rise();
   try {
     std::thread([body = std::move(body), system_name = name.substr(0, SYSTEM_NAME_BYTES), &threads]() mutable {
@@ -72,10 +54,6 @@ void start_worker_thread(const std::string& name, std::function<void()> body) {
   }
 }
 
-bool wait_for_worker_threads(std::chrono::milliseconds timeout) {
-  Count& threads = count();
-  std::unique_lock<std::mutex> lock(threads.mutex);
-  return threads.fell.wait_for(lock, timeout, [&] { return threads.running == 0; });
-}
+bool wait_for_worker_threads(std::chrono::milliseconds timeout) { return count().wait_for_zero(timeout); }
 
 }  // namespace brackenfen::sync

@@ -84,7 +84,7 @@ void fill(DocumentNode& node, std::span<Member> members) {
     auto* const index = new KeyIndex(members.size());
     node.index = index;
     for (Member& member : members) {
-      const std::uint32_t hash = key_hash(member.key);
+      const std::uint32_t hash = PositionIndex::hash_of(member.key);
       const KeyIndex::Place place = index->locate(member.key.view(), hash, node.members());
       if (place.found) {
         node.members()[index->position(place.slot)].value = std::move(member.value);

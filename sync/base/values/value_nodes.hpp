@@ -11,7 +11,6 @@
 #include <utility>
 
 #include "sync/base/error.hpp"
-#include "sync/base/text/keyed_hash.hpp"
 #include "sync/base/values/position_index.hpp"
 #include "sync/base/values/value.hpp"
 
@@ -31,9 +30,6 @@ inline std::uint32_t checked_size(std::size_t size) {
   if (size > std::numeric_limits<std::uint32_t>::max()) throw Error(error_class::MemoryError, "value too large");
   return static_cast<std::uint32_t>(size);
 }
-
-/// Of a key, which may be a server's choice.
-inline std::uint32_t key_hash(std::string_view key) noexcept { return static_cast<std::uint32_t>(hash_of(key)); }
 
 /// Where a document's members lie by their keys. Documents that differ only in values share one.
 struct KeyIndex : PositionIndex {
@@ -92,7 +88,7 @@ struct DocumentNode {
   void append(Text key, Value value) noexcept { new (members() + size++) Member{std::move(key), std::move(value)}; }
   [[nodiscard]] const Member* locate(std::string_view key) const noexcept {
     if (index != nullptr) {
-      const KeyIndex::Place place = index->locate(key, key_hash(key), members());
+      const KeyIndex::Place place = index->locate(key, PositionIndex::hash_of(key), members());
       return place.found ? members() + index->position(place.slot) : nullptr;
     }
     const Member* const end = members() + size;
@@ -104,7 +100,7 @@ struct DocumentNode {
     auto* const built = new KeyIndex(size);
     for (std::size_t position = 0; position < size; ++position) {
       const std::string_view key = members()[position].key.view();
-      const std::uint32_t hash = key_hash(key);
+      const std::uint32_t hash = PositionIndex::hash_of(key);
       built->put(built->locate(key, hash, members()).slot, hash, position);
     }
     index = built;
