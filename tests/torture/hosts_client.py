@@ -93,7 +93,8 @@ def forks(goes_on: bool) -> Call:
 
 def begins_threads(host: "Host", *_: Any) -> Any:
     for operation in ("sync", "needs_sync", "add", "acquire"):
-        threading.Thread(target=enters(operation), args=(host,), daemon=True).start()
+        host.threads.append(threading.Thread(target=enters(operation), args=(host,), daemon=True))
+        host.threads[-1].start()
     time.sleep(0.05)
     return GO_ON
 
@@ -147,6 +148,7 @@ class Host:
         self.calls, self.busy, self.failure = 0, False, None
         self.inner: list[str] = []
         self.children: list[int] = []
+        self.threads: list[threading.Thread] = []
         self.handed: list[Any] = []
         self.get_token = self.does("token", lambda: token)
         self.guard = types.SimpleNamespace(record_sync_update=self.does("guard", lambda **_: None))
@@ -302,6 +304,8 @@ def cell(directory: str, url: str, token: str, slot: str, operation: str, behavi
             print(f"the child met {type(error).__name__}: {error}", file=sys.stderr, flush=True)
         os._exit(0 if isinstance(error, sync.StateError | types.NoneType) else 3)
     host.busy = True  # from here on all is as it should be
+    for thread in host.threads:  # before the server goes, for which they would wait
+        thread.join()
     managers = {host.manager, *sync.SyncManager._instances.values()} - {None}
     for manager in managers:
         manager.stop()
